@@ -1,0 +1,171 @@
+#pragma once
+
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <time.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kyr/parquet/SerializationOptions.h"
+#include "kyr/platform/FeatureFlag.h"
+#include "kyr/platform/Path.h"
+
+namespace kyr::bench {
+
+namespace fs = std::filesystem;
+
+/// Sizes that a command line may lower for a quick run; see Main.cc.
+struct Sizes {
+  std::size_t appendRows = 5'000'000;
+  std::size_t windowRows = 100'000'000;
+};
+
+inline Sizes& sizes() {
+  static Sizes values;
+  return values;
+}
+
+/// A directory for a benchmark's files, removed with everything in it.
+class Folder {
+ public:
+  Folder() : root_(make()) {}
+  ~Folder() {
+    std::error_code ignored;
+    fs::remove_all(root_, ignored);
+  }
+  Folder(const Folder&) = delete;
+  Folder& operator=(const Folder&) = delete;
+
+  fs::path file(const std::string& name) const { return root_ / name; }
+  Path path(const std::string& name) const { return Path::fromFilesystem(file(name)); }
+
+ private:
+  static fs::path make() {
+    std::string pattern = fs::temp_directory_path() / "kyr-bench-XXXXXX";
+    if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make " + pattern);
+    return pattern;
+  }
+
+  fs::path root_;
+};
+
+/// Row-group mode of pools made while it lives.
+class RowGroupMode {
+ public:
+  RowGroupMode() { FeatureFlag::set(kFlag, true); }
+  ~RowGroupMode() { FeatureFlag::set(kFlag, false); }
+  RowGroupMode(const RowGroupMode&) = delete;
+  RowGroupMode& operator=(const RowGroupMode&) = delete;
+
+ private:
+  static constexpr const char* kFlag = "fKYRUseParquetRowGroup";
+};
+
+/// The process-wide dictionary option while it lives.
+class DictionaryOption {
+ public:
+  explicit DictionaryOption(bool on)
+      : before_(std::exchange(parquet::serialization_options::bDictionary, on)) {}
+  ~DictionaryOption() { parquet::serialization_options::bDictionary = before_; }
+  DictionaryOption(const DictionaryOption&) = delete;
+  DictionaryOption& operator=(const DictionaryOption&) = delete;
+
+ private:
+  bool before_;
+};
+
+/// Seconds on the clock that \p work takes: for what waits for the disk.
+template <typename Work>
+double wallSeconds(Work&& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+/// Seconds of processor time, the kernel's included, that \p work takes: what other programs do
+/// meanwhile counts little.
+template <typename Work>
+double seconds(Work&& work) {
+  const auto now = [] {
+    struct timespec time {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+  };
+  const double start = now();
+  work();
+  return now() - start;
+}
+
+/// As seconds(), from a heap that has given its free memory back, so that every contender pays for
+/// its own page faults.
+template <typename Work>
+double secondsFromTrimmedHeap(Work&& work) {
+  malloc_trim(0);
+  return seconds(std::forward<Work>(work));
+}
+
+inline double median(std::vector<double> values) {
+  if (values.empty()) return 0;
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+/// Times of contenders that take turns, one of each per round, so that what else the machine does
+/// meets all of them.
+class Rounds {
+ public:
+  /// Runs each contender once, beginning with another one each round: no order favours anyone.
+  void takeTurns(std::vector<std::function<void()>> contenders) {
+    const auto first = static_cast<std::ptrdiff_t>(round_++ % contenders.size());
+    std::rotate(contenders.begin(), contenders.begin() + first, contenders.end());
+    for (const auto& contender : contenders) contender();
+  }
+
+  double add(const std::string& contender, double time) {
+    times_[contender].push_back(time);
+    return time;
+  }
+
+  double last(const std::string& contender) const { return times_.at(contender).back(); }
+
+  double median(const std::string& contender) const { return bench::median(times_.at(contender)); }
+
+  /// Median over the rounds of the time of \p contender in units of \p base.
+  double ratio(const std::string& contender, const std::string& base) const {
+    const auto& above = times_.at(contender);
+    const auto& below = times_.at(base);
+    std::vector<double> ratios;
+    for (std::size_t i = 0; i < above.size(); ++i) ratios.push_back(above[i] / below.at(i));
+    return bench::median(std::move(ratios));
+  }
+
+ private:
+  std::map<std::string, std::vector<double>> times_;
+  std::size_t round_ = 0;
+};
+
+/// Throughput of \p samples per iteration of \p bytes in all.
+inline void reportThroughput(benchmark::State& state, std::size_t samples, std::size_t bytes) {
+  const auto rounds = static_cast<std::int64_t>(state.iterations());
+  state.SetItemsProcessed(rounds * static_cast<std::int64_t>(samples));
+  state.SetBytesProcessed(rounds * static_cast<std::int64_t>(bytes));
+}
+
+/// Bytes that malloc has handed out and not taken back.
+inline std::size_t allocatedBytes() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+
+}  // namespace kyr::bench

@@ -1,0 +1,112 @@
+#pragma once
+
+#include <arrow/type_fwd.h>
+#include <arrow/util/type_fwd.h>
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "kyr/parquet/SignalTypes.h"
+#include "kyr/platform/Path.h"
+#include "kyr/platform/export.h"
+
+namespace kyr::parquet {
+
+class ParquetSerializerWorker;
+class ParquetSignalImpl;
+
+/// \brief One recorded signal that is written to and read from storage as a whole.
+///
+/// Holds no samples: only the storage ids of its files, its type and its shape. Set the data type
+/// and the category before the first write or read; until then the category is none, and writing
+/// samples fails. Destroying a stored signal releases its files, and deletes those that no other
+/// signal shares; an exception while doing so ends the process.
+///
+/// Whether time goes into a file of its own (shared by signals with equal time vectors) or into a
+/// column of the data file is taken from `serialization_options::bSharedTimeColumn` when the signal
+/// is made.
+///
+/// What a caller must know:
+///
+/// - The signal's own codec always decides, and it is "uncompressed" unless set: the process-wide
+///   compression option does not reach these files.
+/// - Samples are shared by content: type, values and the values of the dimension vectors. A fixed
+///   2x2 matrix and two vectors of 2 with the same values count as equal.
+/// - Writes fail silently; ask writeStatus(). Parquet refuses the codecs LZ4_FRAME and LZO, and a
+///   variable-dimension signal of a single sample (its "dimension" column is missing).
+/// - setData() on a signal that has storage writes the new files first and then refuses them:
+///   resetData() first.
+///
+/// One thread at a time. Not copyable.
+class KYR_PARQUET_EXPORT ParquetSignal {
+ public:
+  /// \param worker  owner of the files
+  /// \param timeStorageId, dataStorageId  files to take over, or -554114 for none; if one of them
+  /// is
+  ///        unknown to \p worker the signal keeps both ids but has no data
+  /// \throws std::invalid_argument if \p worker is empty
+  ParquetSignal(std::shared_ptr<ParquetSerializerWorker> worker, int timeStorageId,
+                int dataStorageId);
+  ~ParquetSignal();
+  ParquetSignal(const ParquetSignal&) = delete;
+  ParquetSignal& operator=(const ParquetSignal&) = delete;
+
+  /// \brief Store the signal. Empty \p data stores nothing.
+  ///
+  /// \param time  sample times [s]; empty for a signal without time
+  /// \param data  the samples' elements in memory order, back to back; a trailing partial element
+  ///              is ignored. Read during the call, not kept
+  /// \param dims  empty for scalars; one entry for samples that all have this shape; else one entry
+  ///              per sample
+  /// \param lengths  for `Binary` only: bytes of each sample; else ignored
+  /// \throws std::runtime_error "Null data type encountered." or "Unknown data type encountered.";
+  ///         nothing is written
+  /// \throws std::invalid_argument if the category is unknown, or shapes or lengths ask for more
+  ///         than \p data holds; nothing is written
+  /// \throws std::runtime_error "Signal already has a time storage associated." or "Signal already
+  ///         has a data storage associated."; the files written for this call stay without an owner
+  void setData(const std::vector<double>& time, const std::vector<char>& data,
+               const std::vector<std::vector<std::size_t>>& dims, const std::vector<int>& lengths);
+
+  /// \brief Read the signal back. Outputs of a part without storage are left as they are.
+  ///
+  /// \param dims  replaced by the samples' shapes if they are stored (variable dimensions, two
+  ///              samples or more); a fixed shape is not stored
+  /// \throws std::runtime_error naming the file if it is missing, damaged or of another type
+  void getData(std::vector<double>& time, std::vector<char>& data,
+               std::vector<std::vector<std::size_t>>& dims);
+
+  /// \brief As above, with the size of each sample.
+  /// \param lengths  per sample, its bytes (`Binary`, `ByteString`) or its elements (dimensioned
+  ///                 signals); empty for a scalar signal
+  void getData(std::vector<double>& time, std::vector<char>& data,
+               std::vector<std::vector<std::size_t>>& dims, std::vector<int>& lengths);
+
+  /// \brief Release the files; the signal is empty afterwards.
+  void resetData();
+  bool hasData() const;
+
+  /// \brief Storage id of part 0 (time) or 1 (data); -554114 for none and for any other part.
+  int getStorageId(char part) const;
+
+  void setDataType(KYRSignalDataType type);
+  KYRSignalDataType getDataType() const;
+  void setCategory(KYRSignalCategory category);
+  KYRSignalCategory getCategory() const;
+
+  void setParquetCompressionType(const ::arrow::Compression::type& type);
+  std::optional<::arrow::Compression::type> getParquetCompressionType() const;
+
+  /// \brief The directory of the signal's files.
+  Path getParquetDirectory() const;
+
+  /// \brief The first failure among the writes of this signal's files, OK if there was none.
+  ::arrow::Status writeStatus() const;
+
+ private:
+  std::unique_ptr<ParquetSignalImpl> impl_;
+};
+
+}  // namespace kyr::parquet

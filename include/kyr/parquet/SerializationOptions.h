@@ -1,0 +1,33 @@
+#pragma once
+
+#include <arrow/util/type_fwd.h>
+
+#include <cstdint>
+
+#include "kyr/platform/export.h"
+
+/// \brief The process-wide options that steer how files are written.
+///
+/// Plain globals, read at the moment of use and not synchronised. A `ParquetSerializerWorker` and a
+/// `StreamableWriter` copy the first three and the codec when they are made, a `ParquetSignal`
+/// copies `bSharedTimeColumn`; later changes reach only objects made afterwards.
+namespace kyr::parquet::serialization_options {
+
+/// Dictionary-encode every column. Initially true.
+KYR_PARQUET_EXPORT extern bool bDictionary;
+
+/// Largest dictionary page of a column [bytes]; used only with `bDictionary`. Initially 1048576.
+KYR_PARQUET_EXPORT extern std::int32_t dictionaryLimit;
+
+/// Rows handed to a column's encoder at a time. Initially 4096.
+KYR_PARQUET_EXPORT extern std::int32_t batchSize;
+
+/// Keep a signal's time vector in a file of its own, which signals with equal time share, instead
+/// of in a column of its data file. Initially true.
+KYR_PARQUET_EXPORT extern bool bSharedTimeColumn;
+
+/// Codec of files that are written without one of their own. Initially UNCOMPRESSED. A
+/// `ParquetSignal` always has one of its own.
+KYR_PARQUET_EXPORT extern ::arrow::Compression::type compressionMethod;
+
+}  // namespace kyr::parquet::serialization_options

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "kyr/parquet/SignalPool.h"
+#include "kyr/platform/Path.h"
+#include "kyr/platform/export.h"
+#include "kyr/recording/RecordingInfo.h"
+
+namespace kyr::recording {
+
+/// \brief A saved recording, opened: its signals in a pool of their own.
+///
+/// The pool works on a private copy of the files under the system's temporary directory, so nothing
+/// done to it changes the saved recording until it is saved again. Closing the recording deletes
+/// the copy, except what a signal that is still held elsewhere needs.
+///
+/// Movable, not copyable. One thread at a time.
+class KYR_PARQUET_EXPORT Recording {
+ public:
+  ~Recording();
+  Recording(Recording&&) noexcept;
+  Recording& operator=(Recording&&) noexcept;
+
+  /// \brief The pool of the recording's signals, each with its data type and category set.
+  ///
+  /// Signals may be added and changed; new ones never take a storage id of the recording's.
+  parquet::SignalPool& pool();
+
+  /// \brief What the recording held when it was opened.
+  const RecordingInfo& info() const;
+
+  /// \brief The descriptions of the recording's signals that the pool still has, to save it again.
+  std::vector<SignalDescription> descriptions() const;
+
+ private:
+  friend KYR_PARQUET_EXPORT Recording openRecording(const Path& folder);
+  friend KYR_PARQUET_EXPORT Recording openRecording(const Path& folder,
+                                                    const std::vector<int>& signalIds);
+  class Impl;
+  explicit Recording(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+/// \brief Open the recording in \p folder, which is left as it is.
+///
+/// The pool is in the storage mode of the feature flag "fKYRUseParquetRowGroup", whichever mode wrote
+/// the recording.
+/// Every file is copied and its checksum compared on the way.
+/// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording,
+///         damaged, of a newer format version, a file missing or cut short
+KYR_PARQUET_EXPORT Recording openRecording(const Path& folder);
+
+/// \brief Open some signals only; files that they do not need are neither copied nor checked.
+/// \throws std::invalid_argument naming an id that the recording does not have
+KYR_PARQUET_EXPORT Recording openRecording(const Path& folder, const std::vector<int>& signalIds);
+
+/// \brief Save the signals of \p pool as the recording \p folder.
+///
+/// Replaces a recording that is there; other entries of that folder are kept. The change is atomic
+/// and on disk when the call returns: killed at any moment, the folder holds either the old
+/// recording or the new one, whole. A killed save may leave a folder `<folder>.saving-*` beside it,
+/// which can be deleted. (A few file systems, such as NFS, cannot exchange two folders. There, a
+/// save killed at the very end may leave no folder, with the old one whole in
+/// `<folder>.saving-*.old`.)
+///
+/// \param descriptions  signals of the pool by id. One without a description is called
+///        "signal <id>". A described signal without data is kept, with no samples
+/// \throws std::invalid_argument if two descriptions have the same id, or a text is no valid UTF-8
+/// \throws std::runtime_error if \p folder exists and is neither empty nor a recording, if a
+///         signal's write failed or its file is missing, or if the recording cannot be written;
+///         \p folder is as it was then
+KYR_PARQUET_EXPORT void saveRecording(parquet::SignalPool& pool,
+                                      const std::vector<SignalDescription>& descriptions,
+                                      const Path& folder);
+
+}  // namespace kyr::recording

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kyr/parquet/SignalTypes.h"
+#include "kyr/platform/Path.h"
+#include "kyr/platform/export.h"
+
+namespace kyr::recording {
+
+/// \brief What a host tells about a signal and the pool does not know. All text is UTF-8.
+struct SignalDescription {
+  int signalId = 0;
+  std::string name;
+  std::string unit;                     ///< such as "m/s"; empty if unknown or none
+  std::string description;              ///< free text; may be empty
+  std::vector<std::size_t> dimensions;  ///< shape of a fixed-dimension signal; else empty
+};
+
+/// \brief Smallest and largest time of a signal [s]; both ends belong to it.
+struct TimeSpan {
+  double from = 0;
+  double to = 0;
+};
+
+/// \brief One signal of a saved recording.
+struct SignalInfo : SignalDescription {
+  KYRSignalDataType dataType = Double;
+  KYRSignalCategory category = Scalar;
+  std::string compression;           ///< codec of the data file, "uncompressed" for none
+  std::uint64_t rowCount = 0;        ///< samples; 0 for a signal that was never written
+  std::optional<TimeSpan> timeSpan;  ///< empty without time or samples
+  std::optional<int> timeStorageId;  ///< file of the time vector; empty if there is none
+  std::optional<int> dataStorageId;  ///< file of the samples (and of time, in a "time" column)
+};
+
+/// \brief One Parquet file of a saved recording: `storage/<storageId>`.
+struct FileInfo {
+  int storageId = 0;
+  std::uint64_t size = 0;  ///< bytes
+  std::uint64_t rowCount = 0;
+  std::string checksum;  ///< XXH3, 128 bits, in 32 lower-case hex digits
+};
+
+/// \brief What recording.json says.
+struct RecordingInfo {
+  int formatVersion = 0;
+  std::string records;              ///< text for SignalPool::deserializeSignalRecords
+  std::vector<SignalInfo> signals;  ///< by ascending signal id
+  std::vector<FileInfo> files;      ///< by ascending storage id
+};
+
+/// \brief Read what a recording holds from its recording.json alone; no Parquet file is opened.
+/// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording,
+///         damaged, of a newer format version
+KYR_PARQUET_EXPORT RecordingInfo describeRecording(const Path& folder);
+
+/// \brief Check a recording against itself, down to every bit of every file.
+///
+/// Checksums, sizes, that each file opens as Parquet with the rows and columns its signals need,
+/// row counts of time against data, sample shapes, files that no record names.
+/// \return one line per fault, naming the file or signal; empty for a sound recording
+/// \throws std::runtime_error if recording.json cannot be made sense of, as describeRecording()
+KYR_PARQUET_EXPORT std::vector<std::string> verifyRecording(const Path& folder);
+
+}  // namespace kyr::recording

@@ -1,0 +1,247 @@
+#include <arrow/util/compression.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+#include <map>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <utility>
+
+#include "kyr/parquet/DirectoryUtilities.h"
+#include "kyr/parquet/ParquetSignal.h"
+#include "kyr/parquet/SerializationOptions.h"
+#include "kyr/parquet/StreamableSignal.h"
+#include "kyr/platform/FeatureFlag.h"
+#include "kyr/recording/Recording.h"
+#include "recording/FolderFiles.h"
+#include "recording/RecordingFolder.h"
+#include "recording/TimeColumn.h"
+#include "signals/SignalRecords.h"
+#include "storage/ParquetStorageRecord.h"
+
+namespace kyr::recording {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Sets the process-wide time layout for as long as it lives.
+class TimeLayout {
+ public:
+  explicit TimeLayout(bool shared)
+      : before_(std::exchange(parquet::serialization_options::bSharedTimeColumn, shared)) {}
+  ~TimeLayout() { parquet::serialization_options::bSharedTimeColumn = before_; }
+  TimeLayout(const TimeLayout&) = delete;
+  TimeLayout& operator=(const TimeLayout&) = delete;
+
+ private:
+  bool before_;
+};
+
+// A new directory for the private copy. Whatever happens to the pool's files, the directory goes
+// once it is empty.
+class WorkingDirectory {
+ public:
+  WorkingDirectory() : path_(parquet::generateTempDirectoryName(u"parquetStorage")) {
+    parquet::createDirectory(path_);
+    fs::permissions(path_.toFilesystem(), fs::perms::owner_all);
+  }
+  ~WorkingDirectory() {
+    std::error_code ignored;
+    fs::remove(path_.toFilesystem(), ignored);
+  }
+  WorkingDirectory(const WorkingDirectory&) = delete;
+  WorkingDirectory& operator=(const WorkingDirectory&) = delete;
+
+  const Path& path() const { return path_; }
+
+  void clear() {
+    std::error_code ignored;
+    fs::remove_all(path_.toFilesystem(), ignored);
+  }
+
+ private:
+  Path path_;
+};
+
+void copyChecked(const fs::path& folder, const FileInfo& file, const fs::path& directory) {
+  const fs::path source = storagePath(folder, file.storageId);
+  if (!fs::exists(source)) throw std::runtime_error(source.string() + ": missing");
+  const std::uint64_t size = fs::file_size(source);
+  if (size != file.size) {
+    throw std::runtime_error(
+        fmt::format("{}: damaged: {} bytes long, expected {}", source.string(), size, file.size));
+  }
+  const FileDigest copied = copyFile(source, directory / std::to_string(file.storageId));
+  if (copied.checksum != file.checksum) {
+    throw std::runtime_error(fmt::format("{}: damaged: its checksum is {}, expected {}",
+                                         source.string(), copied.checksum, file.checksum));
+  }
+}
+
+bool rowGroupMode() { return FeatureFlag::isEnabled("fKYRUseParquetRowGroup"); }
+
+template <typename PoolSignal>
+void describe(PoolSignal& opened, const SignalInfo& signal) {
+  opened.setDataType(signal.dataType);
+  opened.setCategory(signal.category);
+  const auto codec = ::arrow::util::Codec::GetCompressionType(signal.compression);
+  if (codec.ok()) opened.setParquetCompressionType(*codec);
+}
+
+}  // namespace
+
+class Recording::Impl {
+ public:
+  Impl(const fs::path& folder, RecordingInfo recorded, std::vector<SignalInfo> wanted)
+      : info(std::move(recorded)) {
+    std::set<int> needed;
+    for (const SignalInfo& signal : wanted) {
+      for (const auto& id : {signal.timeStorageId, signal.dataStorageId}) {
+        if (id) needed.insert(*id);
+      }
+    }
+    try {
+      for (const FileInfo& file : info.files) {
+        if (needed.count(file.storageId) > 0) {
+          copyChecked(folder, file, working.path().toFilesystem());
+        }
+      }
+      if (rowGroupMode()) splitTimeColumns(wanted);
+      openPool();
+    } catch (...) {
+      working.clear();
+      throw;
+    }
+    for (const auto sharedTime :
+         {std::optional(true), std::optional(false), std::optional<bool>()}) {
+      addSignals(wanted, sharedTime);
+    }
+  }
+
+  RecordingInfo info;
+  WorkingDirectory working;
+  std::unique_ptr<parquet::SignalPool> pool;
+
+ private:
+  // Streamable signals have their time in a file of its own: gives one to each signal whose time is
+  // a column of its data file.
+  void splitTimeColumns(std::vector<SignalInfo>& wanted) const {
+    const fs::path directory = working.path().toFilesystem();
+    std::map<int, int> timeFileOf;
+    for (SignalInfo& signal : wanted) {
+      if (signal.timeStorageId || !signal.dataStorageId) continue;
+      const auto known = timeFileOf.find(*signal.dataStorageId);
+      if (known != timeFileOf.end()) {
+        signal.timeStorageId = known->second;
+        continue;
+      }
+      const int timeId = largestId() + 1 + static_cast<int>(timeFileOf.size());
+      if (splitTimeColumn(directory / std::to_string(*signal.dataStorageId),
+                          directory / std::to_string(timeId))) {
+        timeFileOf.emplace(*signal.dataStorageId, timeId);
+        signal.timeStorageId = timeId;
+      }
+    }
+  }
+
+  int largestId() const {
+    const int largest = info.files.empty() ? -1 : info.files.back().storageId;
+    if (largest > std::numeric_limits<int>::max() / 2) {
+      throw std::runtime_error(
+          fmt::format("storage id {} leaves no room for new signals", largest));
+    }
+    return largest;
+  }
+
+  // A whole-file pool opened over files gives the largest of their ids to the next signal. An empty
+  // file of the next id, and a throw-away signal that takes that id and gives it back, move the
+  // pool's counter past every id of the recording. A row-group pool goes on after the largest by
+  // itself.
+  void openPool() {
+    if (rowGroupMode() || info.files.empty()) {
+      pool = std::make_unique<parquet::SignalPool>(working.path());
+      return;
+    }
+    writeTextFile(working.path().toFilesystem() / std::to_string(largestId() + 1), "");
+    pool = std::make_unique<parquet::SignalPool>(working.path());
+    constexpr int kThrowAwayId = std::numeric_limits<int>::min();
+    const auto signal = pool->getSignal(kThrowAwayId);
+    signal->setDataType(UInt8);
+    signal->setCategory(Scalar);
+    signal->setData({}, {0}, {}, {});
+    signal->resetData();
+    pool->deleteSignal(kThrowAwayId);
+  }
+
+  // Whether the signal's time is in a file of its own; empty for a signal without files.
+  static std::optional<bool> hasSharedTime(const SignalInfo& signal) {
+    if (!signal.dataStorageId && !signal.timeStorageId) return std::nullopt;
+    return signal.timeStorageId.has_value();
+  }
+
+  // Adds the signals of one time layout, which a signal takes over at the moment it is made.
+  void addSignals(const std::vector<SignalInfo>& signals, std::optional<bool> sharedTime) {
+    using parquet::serialization_options::bSharedTimeColumn;
+    const TimeLayout layout(sharedTime.value_or(bSharedTimeColumn));
+    std::vector<parquet::SignalRecord> records;
+    for (const SignalInfo& signal : signals) {
+      if (sharedTime && hasSharedTime(signal) == sharedTime) {
+        records.push_back({signal.signalId, signal.timeStorageId.value_or(parquet::kNoStorage),
+                           signal.dataStorageId.value_or(parquet::kNoStorage)});
+      }
+    }
+    pool->deserializeSignalRecords(parquet::writeSignalRecords(records));
+    for (const SignalInfo& signal : signals) {
+      if (hasSharedTime(signal) != sharedTime) continue;
+      if (rowGroupMode()) {
+        describe(*pool->getStreamableSignal(signal.signalId), signal);
+      } else {
+        describe(*pool->getSignal(signal.signalId), signal);
+      }
+    }
+  }
+};
+
+Recording::Recording(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+Recording::~Recording() = default;
+Recording::Recording(Recording&&) noexcept = default;
+Recording& Recording::operator=(Recording&&) noexcept = default;
+
+parquet::SignalPool& Recording::pool() { return *impl_->pool; }
+
+const RecordingInfo& Recording::info() const { return impl_->info; }
+
+std::vector<SignalDescription> Recording::descriptions() const {
+  std::vector<SignalDescription> result;
+  for (const SignalInfo& signal : impl_->info.signals) {
+    if (impl_->pool->checkSignalExists(signal.signalId)) result.push_back(signal);
+  }
+  return result;
+}
+
+Recording openRecording(const Path& folder) {
+  RecordingInfo info = describeRecording(folder);
+  const std::vector<SignalInfo> all = info.signals;
+  return Recording(std::make_unique<Recording::Impl>(folder.toFilesystem(), std::move(info), all));
+}
+
+Recording openRecording(const Path& folder, const std::vector<int>& signalIds) {
+  RecordingInfo info = describeRecording(folder);
+  std::vector<SignalInfo> wanted;
+  for (const int id : signalIds) {
+    const auto found =
+        std::find_if(info.signals.begin(), info.signals.end(),
+                     [id](const SignalInfo& signal) { return signal.signalId == id; });
+    if (found == info.signals.end()) {
+      throw std::invalid_argument(fmt::format("{}: has no signal {}", folder.toNarrow(), id));
+    }
+    wanted.push_back(*found);
+  }
+  return Recording(
+      std::make_unique<Recording::Impl>(folder.toFilesystem(), std::move(info), wanted));
+}
+
+}  // namespace kyr::recording

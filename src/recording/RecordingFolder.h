@@ -1,0 +1,22 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "kyr/platform/Path.h"
+
+/// Where things lie in a recording's folder.
+namespace kyr::recording {
+
+constexpr const char* kDescriptionFile = "recording.json";
+constexpr const char* kStorageFolder = "storage";
+
+inline std::filesystem::path descriptionPath(const std::filesystem::path& folder) {
+  return folder / kDescriptionFile;
+}
+
+inline std::filesystem::path storagePath(const std::filesystem::path& folder, int storageId) {
+  return folder / kStorageFolder / std::to_string(storageId);
+}
+
+}  // namespace kyr::recording

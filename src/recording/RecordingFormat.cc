@@ -1,0 +1,215 @@
+#include "recording/RecordingFormat.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <utility>
+
+#include "recording/Checksum.h"
+
+namespace kyr::recording {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr const char* kFormatName = "kyr recording";
+
+// Stored in recordings: never rename.
+constexpr std::array<std::pair<KYRSignalDataType, const char*>, 15> kDataTypeNames{{
+    {Double, "Double"},
+    {Single, "Single"},
+    {Int8, "Int8"},
+    {UInt8, "UInt8"},
+    {Int16, "Int16"},
+    {UInt16, "UInt16"},
+    {Int32, "Int32"},
+    {UInt32, "UInt32"},
+    {Boolean, "Boolean"},
+    {Int64, "Int64"},
+    {UInt64, "UInt64"},
+    {UInt64Alt, "UInt64Alt"},
+    {UInt32Alt, "UInt32Alt"},
+    {ByteString, "ByteString"},
+    {Binary, "Binary"},
+}};
+constexpr std::array<std::pair<KYRSignalCategory, const char*>, 5> kCategoryNames{{
+    {Scalar, "Scalar"},
+    {FixedDim, "FixedDim"},
+    {VarDim, "VarDim"},
+    {Bus, "Bus"},
+    {VarDimBus, "VarDimBus"},
+}};
+
+template <typename Names, typename Value>
+std::string nameOf(const Names& names, Value value) {
+  for (const auto& [known, name] : names) {
+    if (known == value) return name;
+  }
+  return {};
+}
+
+template <typename Names>
+auto valueOf(const Names& names, const std::string& name) {
+  for (const auto& [value, known] : names) {
+    if (name == known) return value;
+  }
+  throw std::runtime_error(fmt::format("\"{}\" is not known", name));
+}
+
+template <typename T>
+json orNull(const std::optional<T>& value) {
+  return value ? json(*value) : json(nullptr);
+}
+
+template <typename T>
+std::optional<T> optionalMember(const json& object, const char* name) {
+  const json& member = object.at(name);
+  return member.is_null() ? std::nullopt : std::make_optional(member.get<T>());
+}
+
+json toJson(const SignalInfo& signal) {
+  json span = nullptr;
+  // JSON has no infinities.
+  if (signal.timeSpan && std::isfinite(signal.timeSpan->from) &&
+      std::isfinite(signal.timeSpan->to)) {
+    span = {signal.timeSpan->from, signal.timeSpan->to};
+  }
+  return {{"id", signal.signalId},
+          {"name", signal.name},
+          {"unit", signal.unit},
+          {"description", signal.description},
+          {"dataType", dataTypeName(signal.dataType)},
+          {"category", categoryName(signal.category)},
+          {"dimensions", signal.dimensions},
+          {"compression", signal.compression},
+          {"rowCount", signal.rowCount},
+          {"timeSpan", std::move(span)},
+          {"timeStorageId", orNull(signal.timeStorageId)},
+          {"dataStorageId", orNull(signal.dataStorageId)}};
+}
+
+SignalInfo signalFromJson(const json& object) {
+  SignalInfo signal;
+  object.at("id").get_to(signal.signalId);
+  object.at("name").get_to(signal.name);
+  object.at("unit").get_to(signal.unit);
+  object.at("description").get_to(signal.description);
+  signal.dataType = valueOf(kDataTypeNames, object.at("dataType").get<std::string>());
+  signal.category = valueOf(kCategoryNames, object.at("category").get<std::string>());
+  object.at("dimensions").get_to(signal.dimensions);
+  object.at("compression").get_to(signal.compression);
+  object.at("rowCount").get_to(signal.rowCount);
+  const json& span = object.at("timeSpan");
+  if (!span.is_null()) signal.timeSpan = {span.at(0).get<double>(), span.at(1).get<double>()};
+  signal.timeStorageId = optionalMember<int>(object, "timeStorageId");
+  signal.dataStorageId = optionalMember<int>(object, "dataStorageId");
+  return signal;
+}
+
+json toJson(const FileInfo& file) {
+  return {{"storageId", file.storageId},
+          {"size", file.size},
+          {"rowCount", file.rowCount},
+          {"xxh3_128", file.checksum}};
+}
+
+FileInfo fileFromJson(const json& object) {
+  FileInfo file;
+  object.at("storageId").get_to(file.storageId);
+  object.at("size").get_to(file.size);
+  object.at("rowCount").get_to(file.rowCount);
+  object.at("xxh3_128").get_to(file.checksum);
+  return file;
+}
+
+// Of the document without its own checksum, compact and with sorted keys.
+std::string documentChecksum(json document) {
+  document.erase("xxh3_128");
+  return checksumOf(document.dump());
+}
+
+bool namesFile(const RecordingInfo& info, int storageId) {
+  const auto at =
+      std::lower_bound(info.files.begin(), info.files.end(), storageId,
+                       [](const FileInfo& file, int id) { return file.storageId < id; });
+  return at != info.files.end() && at->storageId == storageId;
+}
+
+void checkFileNames(const RecordingInfo& info) {
+  for (const SignalInfo& signal : info.signals) {
+    for (const auto& id : {signal.timeStorageId, signal.dataStorageId}) {
+      if (id && !namesFile(info, *id)) {
+        throw std::runtime_error(fmt::format(
+            "signal {} names the file storage/{}, which is not listed", signal.signalId, *id));
+      }
+    }
+  }
+}
+
+RecordingInfo infoFromJson(const json& document) {
+  if (!document.is_object() || document.value("format", "") != kFormatName) {
+    throw std::runtime_error("not the description of a recording");
+  }
+  RecordingInfo info;
+  document.at("formatVersion").get_to(info.formatVersion);
+  if (info.formatVersion > kFormatVersion) {
+    throw std::runtime_error(fmt::format(
+        "format version {} is newer than {}, the newest that is known here: use a newer "
+        "version of kyr",
+        info.formatVersion, kFormatVersion));
+  }
+  if (document.at("xxh3_128").get<std::string>() != documentChecksum(document)) {
+    throw std::runtime_error("damaged: its checksum does not match its content");
+  }
+  document.at("records").get_to(info.records);
+  for (const json& signal : document.at("signals")) info.signals.push_back(signalFromJson(signal));
+  for (const json& file : document.at("files")) info.files.push_back(fileFromJson(file));
+  checkFileNames(info);
+  return info;
+}
+
+}  // namespace
+
+std::string dataTypeName(KYRSignalDataType type) { return nameOf(kDataTypeNames, type); }
+
+std::string categoryName(KYRSignalCategory category) { return nameOf(kCategoryNames, category); }
+
+std::string writeRecordingJson(const RecordingInfo& info) {
+  json document = {{"format", kFormatName},
+                   {"formatVersion", info.formatVersion},
+                   {"records", info.records},
+                   {"signals", json::array()},
+                   {"files", json::array()}};
+  for (const SignalInfo& signal : info.signals) {
+    for (const std::string& text : {signal.name, signal.unit, signal.description}) {
+      try {
+        static_cast<void>(toUtf16(text));
+      } catch (const std::invalid_argument& error) {
+        throw std::invalid_argument(fmt::format("signal {}: {}", signal.signalId, error.what()));
+      }
+    }
+    document["signals"].push_back(toJson(signal));
+  }
+  for (const FileInfo& file : info.files) document["files"].push_back(toJson(file));
+  document["xxh3_128"] = documentChecksum(document);
+  return document.dump(1) + "\n";
+}
+
+RecordingInfo readRecordingJson(const std::string& text, const std::string& source) {
+  try {
+    return infoFromJson(json::parse(text));
+  } catch (const json::parse_error& error) {
+    throw std::runtime_error(
+        fmt::format("{}: damaged: no valid JSON at byte {}", source, error.byte));
+  } catch (const std::exception& error) {
+    throw std::runtime_error(fmt::format("{}: {}", source, error.what()));
+  }
+}
+
+}  // namespace kyr::recording

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <arrow/type_fwd.h>
+#include <parquet/arrow/reader.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kyr/recording/RecordingInfo.h"
+
+namespace kyr::recording {
+
+/// A numbered Parquet file of a storage directory, opened to look at: rows, columns, and columns
+/// read one row group at a time. Failures are std::runtime_error naming the file.
+class StoredFile {
+ public:
+  explicit StoredFile(std::filesystem::path path);
+
+  std::uint64_t rowCount() const;
+  const std::shared_ptr<::arrow::Schema>& schema() const { return schema_; }
+  bool hasColumn(const std::string& name) const;
+
+  /// Codec of the column's chunks, "uncompressed" for none.
+  std::string compression(const std::string& column) const;
+
+  /// Smallest and largest value of a float64 column, NaN left out; empty without values.
+  std::optional<TimeSpan> span(const std::string& column) const;
+
+  /// Calls \p visit with the named columns of each row group in turn.
+  void forEachRowGroup(
+      const std::vector<std::string>& columns,
+      const std::function<void(const std::vector<std::shared_ptr<::arrow::ChunkedArray>>&)>& visit)
+      const;
+
+ private:
+  void check(const ::arrow::Status& status) const;
+
+  std::filesystem::path path_;
+  std::unique_ptr<::parquet::arrow::FileReader> reader_;
+  std::shared_ptr<::arrow::Schema> schema_;
+};
+
+}  // namespace kyr::recording

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <arrow/array.h>
+#include <arrow/buffer.h>
+#include <arrow/type_fwd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+/// The memory behind Arrow arrays: wrapped without copying, and taken out again.
+namespace kyr {
+
+inline std::shared_ptr<::arrow::Buffer> borrowBuffer(const void* data, std::size_t bytes) {
+  return std::make_shared<::arrow::Buffer>(static_cast<const std::uint8_t*>(data),
+                                           static_cast<std::int64_t>(bytes));
+}
+
+/// Bytes of one value of a fixed-width type.
+std::size_t valueWidth(const ::arrow::DataType& type);
+
+/// The first value of an array of a fixed-width type, with its offset.
+const std::uint8_t* firstValue(const ::arrow::Array& array);
+
+/// Append \p size bytes, as elements of T.
+template <typename T>
+void appendBytes(std::vector<T>& out, const void* bytes, std::size_t size) {
+  if (size == 0) return;
+  if constexpr (sizeof(T) == 1) {
+    const auto* first = static_cast<const T*>(bytes);
+    out.insert(out.end(), first, first + size);  // resize() would fill with zeros first
+  } else {
+    const std::size_t before = out.size();
+    out.resize(before + size / sizeof(T));
+    std::memcpy(out.data() + before, bytes, size);
+  }
+}
+
+/// Values that the rows of a list or binary array span. An array without rows may have no offsets
+/// at all, not even the first.
+template <typename ListLike>
+std::size_t spannedLength(const ListLike& array) {
+  if (array.length() == 0) return 0;
+  return static_cast<std::size_t>(array.value_offset(array.length()) - array.value_offset(0));
+}
+
+/// The values that the rows of a list array span, without those before and after them.
+std::shared_ptr<::arrow::Array> spannedValues(const ::arrow::ListArray& list);
+
+namespace arrow {
+
+/// A numeric array over the whole buffer, which it shares; a trailing partial value is ignored.
+/// Types other than 8- to 64-bit integers, float and double give an empty pointer: callers test for
+/// it.
+std::shared_ptr<::arrow::Array> makeArrayZeroCopy(const std::shared_ptr<::arrow::Buffer>& buffer,
+                                                  const std::shared_ptr<::arrow::DataType>& type);
+
+}  // namespace arrow
+}  // namespace kyr

@@ -1,0 +1,165 @@
+#include "kyr/parquet/SchemaBuilder.h"
+
+#include <arrow/type.h>
+#include <fmt/format.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "kyr/parquet/ColumnNames.h"
+#include "schema/ElementType.h"
+
+namespace kyr::parquet {
+
+namespace columnNames {
+const std::string time = "time";
+const std::string data = "data";
+const std::string dimension = "dimension";
+}  // namespace columnNames
+
+const std::string innerItemName = "item";
+
+std::shared_ptr<::arrow::DataType> elementArrowType(KYRSignalDataType type) {
+  switch (type) {
+    case Double:
+      return ::arrow::float64();
+    case Single:
+      return ::arrow::float32();
+    case Int8:
+    case Boolean:
+    case Null:
+      return ::arrow::int8();
+    case UInt8:
+      return ::arrow::uint8();
+    case Int16:
+      return ::arrow::int16();
+    case UInt16:
+      return ::arrow::uint16();
+    case Int32:
+      return ::arrow::int32();
+    case UInt32:
+    case UInt32Alt:
+      return ::arrow::uint32();
+    case Int64:
+      return ::arrow::int64();
+    case UInt64:
+    case UInt64Alt:
+      return ::arrow::uint64();
+    case ByteString:
+    case Binary:
+      return ::arrow::binary();
+  }
+  return nullptr;
+}
+
+namespace schemaBuilder {
+
+namespace {
+
+using FieldPtr = std::shared_ptr<::arrow::Field>;
+using SchemaPtr = std::shared_ptr<::arrow::Schema>;
+
+// Defined here, after the names they use, so that they are initialised after them.
+const FieldPtr timeField = ::arrow::field(columnNames::time, ::arrow::float64());
+const FieldPtr dimensionField =
+    ::arrow::field(columnNames::dimension, createNestedListType(1, ::arrow::uint64()));
+
+FieldPtr typedField(const std::string& name, KYRSignalDataType type) {
+  auto arrowType = elementArrowType(type);
+  return arrowType ? ::arrow::field(name, std::move(arrowType)) : nullptr;
+}
+
+// A list of T, or one blob per row for Binary.
+FieldPtr dimensionedField(const std::string& name, KYRSignalDataType type) {
+  const auto item = typedField(innerItemName, type);
+  if (type == Binary || !item) return typedField(name, type);
+  return ::arrow::field(name, ::arrow::list(item));
+}
+
+// Arrow dereferences every field of a schema, so a schema with an empty one cannot be made.
+SchemaPtr makeSchema(bool omitTime, FieldPtr dataField, bool withDimension) {
+  if (!dataField) return nullptr;
+  std::vector<FieldPtr> fields;
+  if (!omitTime) fields.push_back(timeField);
+  fields.push_back(std::move(dataField));
+  if (withDimension) fields.push_back(dimensionField);
+  return ::arrow::schema(std::move(fields));
+}
+
+}  // namespace
+
+SchemaPtr getSchema(KYRSignalCategory category, KYRSignalDataType type, bool includeTime,
+                    const std::string& name) {
+  switch (category) {
+    case Scalar:
+      return getScalarSchema(name, type, !includeTime);
+    case FixedDim:
+      return getFixedDimSchema(name, type, !includeTime);
+    case VarDim:
+      return getVarDimSchema(name, type, !includeTime);
+    case Bus:
+      return getBusSchema(name, !includeTime);
+    case VarDimBus:
+      return getVarDimBusSchema(name, !includeTime);
+  }
+  return nullptr;
+}
+
+SchemaPtr getScalarSchema(const std::string& name, KYRSignalDataType type, bool omitTime) {
+  return makeSchema(omitTime, typedField(name, type), false);
+}
+
+SchemaPtr getFixedDimSchema(const std::string& name, KYRSignalDataType type, bool omitTime) {
+  return makeSchema(omitTime, dimensionedField(name, type), false);
+}
+
+SchemaPtr getVarDimSchema(const std::string& name, KYRSignalDataType type, bool omitTime) {
+  return makeSchema(omitTime, dimensionedField(name, type), true);
+}
+
+SchemaPtr getBusSchema(const std::string& name, bool omitTime) {
+  return makeSchema(omitTime, typedField(name, Binary), false);
+}
+
+SchemaPtr getVarDimBusSchema(const std::string& name, bool omitTime) {
+  return makeSchema(omitTime, typedField(name, Binary), true);
+}
+
+SchemaPtr getStringSchema(const std::string& name) {
+  return ::arrow::schema({::arrow::field(name, ::arrow::utf8())});
+}
+
+SchemaPtr getSchemaWithDimensionsPreserved(KYRSignalDataType type, const std::string& name,
+                                           int dimensionCount) {
+  auto elementType = elementArrowType(type);
+  if (!elementType) return nullptr;
+  const int levels = dimensionCount < 2 ? 1 : dimensionCount;
+  return ::arrow::schema(
+      {::arrow::field(name, createNestedListType(levels, std::move(elementType)))});
+}
+
+std::shared_ptr<::arrow::DataType> createNestedListType(int levels,
+                                                        std::shared_ptr<::arrow::DataType> type) {
+  for (; levels >= 1; --levels) {
+    type = ::arrow::list(::arrow::field(innerItemName, std::move(type)));
+  }
+  return type;
+}
+
+SchemaPtr getCustomSchema(
+    std::vector<std::tuple<KYRSignalCategory, KYRSignalDataType, bool, std::string>> columns) {
+  std::vector<FieldPtr> fields;
+  for (const auto& [category, type, includeTime, name] : columns) {
+    const SchemaPtr schema = getSchema(category, type, includeTime, name);
+    if (!schema) {
+      throw std::invalid_argument(
+          fmt::format("column \"{}\" has an unknown category {} or data type {}", name,
+                      static_cast<int>(category), static_cast<int>(type)));
+    }
+    fields.insert(fields.end(), schema->fields().begin(), schema->fields().end());
+  }
+  return ::arrow::schema(std::move(fields));
+}
+
+}  // namespace schemaBuilder
+}  // namespace kyr::parquet

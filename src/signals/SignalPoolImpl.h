@@ -1,0 +1,55 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <variant>
+
+#include "kyr/parquet/ParquetSerializerWorker.h"
+#include "kyr/parquet/ParquetSignal.h"
+#include "kyr/parquet/RedundancyChecker.h"
+#include "kyr/parquet/RedundancyEliminator.h"
+#include "kyr/parquet/StreamableSignal.h"
+#include "kyr/parquet/StreamableWriter.h"
+#include "kyr/platform/Path.h"
+
+namespace kyr::parquet {
+
+/// See SignalPool.
+class SignalPoolImpl {
+ public:
+  SignalPoolImpl();
+  explicit SignalPoolImpl(const Path& dir);
+
+  void setParquetDirectory(const Path& dir);
+  const Path& getParquetDirectory() const { return directory; }
+  std::shared_ptr<ParquetSignal> getSignal(int id);
+  std::shared_ptr<StreamableSignal> getStreamableSignal(int id);
+  bool checkSignalExists(int id) const { return signals.count(id) > 0; }
+  bool isDataOwner(int id) const;
+  void deleteSignal(int id) { signals.erase(id); }
+  bool isEmpty() const { return signals.empty(); }
+  void reset();
+  void reset(const Path& dir);
+  std::string serializeSignalRecords() const;
+  void deserializeSignalRecords(const std::string& text);
+
+ private:
+  using Signal = std::variant<std::shared_ptr<ParquetSignal>, std::shared_ptr<StreamableSignal>>;
+
+  std::shared_ptr<ParquetSignal> makeSignal(int timeStorageId, int dataStorageId) const;
+  std::shared_ptr<StreamableSignal> makeStreamableSignal(int timeStorageId,
+                                                         int dataStorageId) const;
+
+  // Destroyed in reverse order: the signals go last. They hold their own references to what they
+  // were made from here. One of worker and writer is set, by the storage mode.
+  std::unordered_map<int, Signal> signals;
+  std::shared_ptr<ParquetSerializerWorker> worker;
+  std::shared_ptr<StreamableWriter> writer;
+  Path directory;
+  // What is known of stored chunks; as old as the pool, whatever its directory.
+  std::shared_ptr<RedundancyChecker::Context<unsigned long>> redundancyContext;
+  std::shared_ptr<RedundancyEliminator::Registry> fileNodes;
+};
+
+}  // namespace kyr::parquet

@@ -1,0 +1,463 @@
+#include "kyr/parquet/ParquetSerializerWorker.h"
+
+#include <arrow/api.h>
+#include <arrow/io/file.h>
+#include <fmt/format.h>
+#include <parquet/arrow/reader.h>
+#include <parquet/arrow/writer.h>
+
+#include <stdexcept>
+#include <typeinfo>
+#include <unordered_map>
+
+#include "kyr/parquet/ColumnNames.h"
+#include "kyr/parquet/ParquetWriterOptions.h"
+#include "kyr/parquet/PerfTracer.h"
+#include "kyr/platform/FileSystem.h"
+#include "schema/SampleLayout.h"
+#include "storage/ChunkIndex.h"
+#include "storage/ContentHash.h"
+#include "storage/ElementInstances.h"
+#include "storage/TypedColumns.h"
+
+namespace kyr::parquet {
+
+using typedColumns::StoredTable;
+
+class ParquetSerializerWorker::Impl {
+ public:
+  Path filePath(int id) const { return directory.join(std::to_string(id)); }
+
+  // Deletes the file of \p id, if there is one, and forgets the id.
+  void removeFile(int id) {
+    const Path path = filePath(id);
+    if (!fileSystem::exists(path)) return;
+    index.erase(id);
+    failedWrites.erase(id);
+    fileSystem::removeFile(path);
+  }
+
+  void writeFile(const ::arrow::Table& table, int id, const Compression& compression) {
+    const auto span = getScopedPerfTracer("ParquetSerializerWorker_writeHelper");
+    const std::string path = filePath(id).toNarrow();
+    // Appending is on so that no existing file is ever truncated. Parquet cannot append: over a
+    // file that holds bytes the write fails, in silence, and the bytes stay. Pinned by
+    // SerializerWorker.WriteUnderAnIdWhoseFileExistsIsLostInSilence.
+    const auto stream = ::arrow::io::FileOutputStream::Open(path, /*append=*/true).ValueOrDie();
+    const auto properties =
+        compression ? options.buildWriterProperties(*compression) : options.buildWriterProperties();
+    startPerfTracer("WriteTableToFile");
+    ::arrow::Status status = ::parquet::arrow::WriteTable(
+        table, ::arrow::default_memory_pool(), stream, table.num_rows(), properties,
+        ::parquet::default_arrow_writer_properties());
+    stopPerfTracer("WriteTableToFile");
+    // A failure is only noted, for whoever asks; the write itself never reports one.
+    status &= stream->Close();
+    if (status.ok()) {
+      failedWrites.erase(id);
+    } else {
+      status = status.WithMessage(path, ": ", status.message());
+      failedWrites[id] = status;
+    }
+    lastWriteStatus = std::move(status);
+  }
+
+  ::arrow::Status readFile(const std::string& path, std::shared_ptr<::arrow::Table>& table) const {
+    ::arrow::MemoryPool* pool = ::arrow::default_memory_pool();
+    const auto file = ::arrow::io::ReadableFile::Open(path, pool).ValueOrDie();
+    std::unique_ptr<::parquet::arrow::FileReader> reader;
+    ARROW_RETURN_NOT_OK(::parquet::arrow::OpenFile(file, pool, &reader));
+    return reader->ReadTable(&table);
+  }
+
+  std::string existingFile(int id) const {
+    const Path path = filePath(id);
+    if (!fileSystem::exists(path)) throw std::runtime_error(path.toNarrow() + " does not exists.");
+    return path.toNarrow();
+  }
+
+  StoredTable readStored(int id, bool withTime) const {
+    const std::string path = existingFile(id);
+    std::shared_ptr<::arrow::Table> table;
+    const ::arrow::Status status = readFile(path, table);
+    if (!status.ok() || !table) {
+      throw std::runtime_error(
+          fmt::format("{}: cannot be read as a Parquet file: {}", path, status.message()));
+    }
+    return StoredTable(path, std::move(table), withTime);
+  }
+
+  template <typename T>
+  int storageIdForContent(const T* values, std::size_t count, const Dimensions& dimensions,
+                          bool& isDuplicate) {
+    const std::uint64_t hash = contentHash<T>(values, count, dimensions);
+    const std::optional<int> known = index.checkoutContent(hash);
+    isDuplicate = known.has_value();
+    if (known) return *known;
+    const int id = index.allocate();
+    index.registerContent(hash, id);
+    return id;
+  }
+
+  // Assembles the columns of a signal part and writes them to the file of \p id.
+  void writeColumns(int id, const std::shared_ptr<::arrow::Schema>& schema,
+                    const std::vector<double>* time, typedColumns::ArrayPtr data,
+                    const Dimensions& dimensions, const Compression& compression) {
+    std::vector<typedColumns::ArrayPtr> columns;
+    if (time) {
+      columns.push_back(typedColumns::wrapNumeric(::arrow::float64(), time->data(), time->size()));
+    }
+    columns.push_back(std::move(data));
+    if (dimensions.size() >= 2) columns.push_back(typedColumns::dimensionColumn(dimensions));
+    writeFile(*tableBuildHelper(schema, columns), id, compression);
+  }
+
+  Path directory;
+  ChunkIndex index;
+  ParquetWriterOptions options;
+  ::arrow::Status lastWriteStatus;
+  std::unordered_map<int, ::arrow::Status> failedWrites;
+};
+
+namespace {
+
+void checkSchema(const std::shared_ptr<::arrow::Schema>& schema) {
+  if (!schema) {
+    throw std::invalid_argument(
+        "no schema for the samples: the signal's category or data type is unknown");
+  }
+}
+
+void checkBlobOffsets(const std::vector<int>& offsets, std::size_t size) {
+  if (offsets.empty()) {
+    throw std::invalid_argument(
+        "no offsets for binary samples: give their lengths or their dimensions");
+  }
+  checkRowOffsets(offsets, size);
+}
+
+// The "data" column of typed samples: flat without offsets, else one list per row.
+template <typename T>
+typedColumns::ArrayPtr typedDataColumn(const T* values, std::size_t count,
+                                       const std::vector<int>& offsets) {
+  auto elements = typedColumns::wrapNumeric(typedColumns::arrowTypeOf<T>(), values, count);
+  if (offsets.empty()) return elements;
+  auto offsetArray = typedColumns::wrapNumeric(::arrow::int32(), offsets.data(), offsets.size());
+  return ParquetSerializerWorker::listArrayBuildHelper(columnNames::data, offsetArray, elements)
+      .second;
+}
+
+}  // namespace
+
+ParquetSerializerWorker::ParquetSerializerWorker() : impl_(std::make_unique<Impl>()) {}
+
+ParquetSerializerWorker::ParquetSerializerWorker(const Path& directory)
+    : ParquetSerializerWorker() {
+  setParquetDirectory(directory);
+}
+
+ParquetSerializerWorker::~ParquetSerializerWorker() {
+  for (const int id : impl_->index.ids()) impl_->removeFile(id);
+}
+
+void ParquetSerializerWorker::setParquetDirectory(const Path& directory) {
+  if (!impl_->directory.empty() && impl_->directory != directory) {
+    throw std::runtime_error("Parquet directory cannot be changed!");
+  }
+  impl_->directory = directory;
+  updateChunkIndex();
+}
+
+Path ParquetSerializerWorker::parquetDirectory() const { return impl_->directory; }
+
+bool ParquetSerializerWorker::isParquetDirectoryEmpty() const { return impl_->index.empty(); }
+
+void ParquetSerializerWorker::assertHasParquetDirectory() const {}
+
+void ParquetSerializerWorker::updateChunkIndex() {
+  const Path& directory = impl_->directory;
+  if (directory.empty() || !fileSystem::isDirectory(directory)) return;
+  std::vector<int> found;
+  for (directory_iterator it(directory); it != directory_iterator(); ++it) {
+    try {
+      found.push_back(std::stoi(it.entry().fileName().toNarrow(), nullptr, 10));
+    } catch (const std::bad_cast&) {
+      continue;  // a name that cannot be narrowed; one that is no number is the caller's to know
+    }
+  }
+  impl_->index.addFound(found);
+}
+
+int ParquetSerializerWorker::getNextParquetStorageId() { return impl_->index.allocate(); }
+
+int ParquetSerializerWorker::getLastAllocatedParquetStorageID() { return impl_->index.largestId(); }
+
+bool ParquetSerializerWorker::checkDataChunkExists(const int& id) const {
+  return impl_->index.contains(id);
+}
+
+void ParquetSerializerWorker::checkoutParquetFile(const int& id) { impl_->index.checkout(id); }
+
+void ParquetSerializerWorker::remove(const int& id) {
+  if (impl_->index.contains(id) && impl_->index.release(id)) removeHelper(id);
+}
+
+void ParquetSerializerWorker::removeHelper(const int& id) { impl_->removeFile(id); }
+
+int ParquetSerializerWorker::write(const ::arrow::Table& table, const Compression& compression) {
+  const int id = getNextParquetStorageId();
+  writeHelper(table, id, compression);
+  return id;
+}
+
+void ParquetSerializerWorker::writeHelper(const ::arrow::Table& table, int id,
+                                          const Compression& compression) {
+  impl_->writeFile(table, id, compression);
+}
+
+void ParquetSerializerWorker::read(const int& id, std::shared_ptr<::arrow::Table>& table) const {
+  // The status is not looked at here: the caller gets whatever the reader left.
+  static_cast<void>(impl_->readFile(impl_->existingFile(id), table));
+}
+
+std::shared_ptr<::arrow::Table> ParquetSerializerWorker::read(const int& id) const {
+  std::shared_ptr<::arrow::Table> table;
+  read(id, table);
+  return table;
+}
+
+::arrow::Status ParquetSerializerWorker::lastWriteStatus() const { return impl_->lastWriteStatus; }
+
+::arrow::Status ParquetSerializerWorker::writeStatus(const int& id) const {
+  const auto failed = impl_->failedWrites.find(id);
+  return failed == impl_->failedWrites.end() ? ::arrow::Status::OK() : failed->second;
+}
+
+template <typename T>
+int ParquetSerializerWorker::getStorageIdForContent(const std::vector<T>& data,
+                                                    const Dimensions& dimensions,
+                                                    bool& isDuplicate) {
+  return impl_->storageIdForContent(data.data(), data.size(), dimensions, isDuplicate);
+}
+
+template <typename T>
+int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Schema>& schema,
+                                              const std::vector<T>& values,
+                                              const std::vector<int>& offsets,
+                                              const Dimensions& dimensions,
+                                              const Compression& compression) {
+  return writeBinaryArray<T>(schema, values.data(), values.size(), offsets, dimensions,
+                             compression);
+}
+
+template <typename T>
+int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Schema>& schema,
+                                              const T* values, std::size_t count,
+                                              const std::vector<int>& offsets,
+                                              const Dimensions& dimensions,
+                                              const Compression& compression) {
+  checkSchema(schema);
+  checkRowOffsets(offsets, count);
+  bool isDuplicate = false;
+  const int id = impl_->storageIdForContent(values, count, dimensions, isDuplicate);
+  if (!isDuplicate) {
+    impl_->writeColumns(id, schema, nullptr, typedDataColumn(values, count, offsets), dimensions,
+                        compression);
+  }
+  return id;
+}
+
+template <typename T>
+int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Schema>& schema,
+                                              const std::vector<double>& time,
+                                              const std::vector<T>& values,
+                                              const std::vector<int>& offsets,
+                                              const Dimensions& dimensions,
+                                              const Compression& compression) {
+  return writeBinaryArray<T>(schema, time, values.data(), values.size(), offsets, dimensions,
+                             compression);
+}
+
+template <typename T>
+int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Schema>& schema,
+                                              const std::vector<double>& time, const T* values,
+                                              std::size_t count, const std::vector<int>& offsets,
+                                              const Dimensions& dimensions,
+                                              const Compression& compression) {
+  checkSchema(schema);
+  checkRowOffsets(offsets, count);
+  const int id = getNextParquetStorageId();
+  assertHasParquetDirectory();
+  impl_->writeColumns(id, schema, &time, typedDataColumn(values, count, offsets), dimensions,
+                      compression);
+  return id;
+}
+
+int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Schema>& schema,
+                                              const std::vector<char>& data,
+                                              const std::vector<int>& offsets,
+                                              const Dimensions& dimensions,
+                                              const Compression& compression) {
+  checkSchema(schema);
+  checkBlobOffsets(offsets, data.size());
+  const int id = getNextParquetStorageId();
+  impl_->writeColumns(id, schema, nullptr, typedColumns::wrapBinary(data, offsets), dimensions,
+                      compression);
+  return id;
+}
+
+int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Schema>& schema,
+                                              const std::vector<double>& time,
+                                              const std::vector<char>& data,
+                                              const std::vector<int>& offsets,
+                                              const Dimensions& dimensions,
+                                              const Compression& compression) {
+  checkSchema(schema);
+  checkBlobOffsets(offsets, data.size());
+  const int id = getNextParquetStorageId();
+  impl_->writeColumns(id, schema, &time, typedColumns::wrapBinary(data, offsets), dimensions,
+                      compression);
+  return id;
+}
+
+template <typename T>
+void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<T>& values,
+                                              std::vector<int>& offsets,
+                                              Dimensions& dimensions) const {
+  const StoredTable stored = impl_->readStored(id, /*withTime=*/false);
+  stored.readValues(typedColumns::arrowTypeOf<T>(), values, offsets);
+  stored.readDimensions(dimensions);
+}
+
+template <typename T>
+void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<double>& time,
+                                              std::vector<T>& values, std::vector<int>& offsets,
+                                              Dimensions& dimensions) const {
+  const StoredTable stored = impl_->readStored(id, /*withTime=*/true);
+  stored.readTime(time);
+  stored.readValues(typedColumns::arrowTypeOf<T>(), values, offsets);
+  stored.readDimensions(dimensions);
+}
+
+template <typename T>
+void ParquetSerializerWorker::readBytes(const int& id, std::vector<char>& bytes,
+                                        std::vector<int>& offsets, Dimensions& dimensions) const {
+  const StoredTable stored = impl_->readStored(id, /*withTime=*/false);
+  stored.readValues(typedColumns::arrowTypeOf<T>(), bytes, offsets);
+  stored.readDimensions(dimensions);
+}
+
+template <typename T>
+void ParquetSerializerWorker::readBytes(const int& id, std::vector<double>& time,
+                                        std::vector<char>& bytes, std::vector<int>& offsets,
+                                        Dimensions& dimensions) const {
+  const StoredTable stored = impl_->readStored(id, /*withTime=*/true);
+  stored.readTime(time);
+  stored.readValues(typedColumns::arrowTypeOf<T>(), bytes, offsets);
+  stored.readDimensions(dimensions);
+}
+
+void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<char>& data,
+                                              std::vector<int>& offsets,
+                                              Dimensions& dimensions) const {
+  const StoredTable stored = impl_->readStored(id, /*withTime=*/false);
+  if (stored.hasData()) stored.readBlobs(data, offsets);
+  stored.readDimensions(dimensions);
+}
+
+void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<double>& time,
+                                              std::vector<char>& data, std::vector<int>& offsets,
+                                              Dimensions& dimensions) const {
+  const StoredTable stored = impl_->readStored(id, /*withTime=*/true);
+  stored.readTime(time);
+  if (stored.hasData()) stored.readBlobs(data, offsets);
+  stored.readDimensions(dimensions);
+}
+
+ParquetSerializerWorker::FieldAndArray ParquetSerializerWorker::binaryArrayBuildHelper(
+    const std::string& name, const std::vector<char>& data, const std::vector<int>& offsets) {
+  checkBlobOffsets(offsets, data.size());
+  auto array =
+      std::make_shared<::arrow::BinaryArray>(static_cast<std::int64_t>(offsets.size()) - 1,
+                                             ::arrow::Buffer::FromVector(std::vector<int>(offsets)),
+                                             ::arrow::Buffer::FromVector(std::vector<char>(data)));
+  return {::arrow::field(name, ::arrow::binary()), std::move(array)};
+}
+
+std::pair<std::vector<std::size_t>, std::vector<int>>
+ParquetSerializerWorker::buildDimensionArrayDataAndOffset(const Dimensions& dimensions) {
+  std::vector<std::size_t> values;
+  std::vector<int> offsets{0};
+  offsets.reserve(dimensions.size() + 1);
+  for (const auto& dimension : dimensions) {
+    values.insert(values.end(), dimension.begin(), dimension.end());
+    offsets.push_back(static_cast<int>(values.size()));
+  }
+  return {std::move(values), std::move(offsets)};
+}
+
+ParquetSerializerWorker::Dimensions ParquetSerializerWorker::reconstructDimensionArray(
+    const std::vector<std::size_t>& values, const std::vector<int>& offsets) {
+  Dimensions dimensions;
+  if (offsets.size() <= 1) return dimensions;
+  dimensions.reserve(offsets.size() - 1);
+  for (std::size_t i = 0; i + 1 < offsets.size(); ++i) {
+    dimensions.emplace_back(values.begin() + offsets[i], values.begin() + offsets[i + 1]);
+  }
+  return dimensions;
+}
+
+ParquetSerializerWorker::FieldAndArray ParquetSerializerWorker::listArrayBuildHelper(
+    const std::string& name, std::shared_ptr<::arrow::Array>& offsets,
+    std::shared_ptr<::arrow::Array>& values) {
+  auto list = ::arrow::ListArray::FromArrays(*offsets, *values, ::arrow::default_memory_pool())
+                  .ValueOrDie();
+  return {::arrow::field(name, list->type()), std::move(list)};
+}
+
+std::shared_ptr<::arrow::Table> ParquetSerializerWorker::tableBuildHelper(
+    const std::shared_ptr<::arrow::Schema>& schema,
+    const std::vector<std::shared_ptr<::arrow::Array>>& arrays) {
+  checkSchema(schema);
+  return ::arrow::Table::Make(schema, arrays);
+}
+
+void ParquetSerializerWorker::extractDataFromBinaryArray(
+    const std::shared_ptr<::arrow::ChunkedArray>& column,
+    const std::shared_ptr<::arrow::Field>& field, std::vector<char>& data,
+    std::vector<int>& offsets) {
+  if (!column || column->type()->id() != ::arrow::Type::BINARY) {
+    throw std::invalid_argument(fmt::format("column \"{}\" is {}, expected binary",
+                                            field ? field->name() : "",
+                                            column ? column->type()->ToString() : "missing"));
+  }
+  typedColumns::appendBlobs(*column, data, offsets);
+}
+
+#define KYR_INSTANTIATE(T)                                                                        \
+  template KYR_PARQUET_EXPORT int ParquetSerializerWorker::getStorageIdForContent<T>(             \
+      const std::vector<T>&, const Dimensions&, bool&);                                           \
+  template KYR_PARQUET_EXPORT int ParquetSerializerWorker::writeBinaryArray<T>(                   \
+      const std::shared_ptr<::arrow::Schema>&, const std::vector<T>&, const std::vector<int>&,    \
+      const Dimensions&, const Compression&);                                                     \
+  template KYR_PARQUET_EXPORT int ParquetSerializerWorker::writeBinaryArray<T>(                   \
+      const std::shared_ptr<::arrow::Schema>&, const T*, std::size_t, const std::vector<int>&,    \
+      const Dimensions&, const Compression&);                                                     \
+  template KYR_PARQUET_EXPORT int ParquetSerializerWorker::writeBinaryArray<T>(                   \
+      const std::shared_ptr<::arrow::Schema>&, const std::vector<double>&, const std::vector<T>&, \
+      const std::vector<int>&, const Dimensions&, const Compression&);                            \
+  template KYR_PARQUET_EXPORT int ParquetSerializerWorker::writeBinaryArray<T>(                   \
+      const std::shared_ptr<::arrow::Schema>&, const std::vector<double>&, const T*, std::size_t, \
+      const std::vector<int>&, const Dimensions&, const Compression&);                            \
+  template KYR_PARQUET_EXPORT void ParquetSerializerWorker::readBinaryArray<T>(                   \
+      const int&, std::vector<T>&, std::vector<int>&, Dimensions&) const;                         \
+  template KYR_PARQUET_EXPORT void ParquetSerializerWorker::readBinaryArray<T>(                   \
+      const int&, std::vector<double>&, std::vector<T>&, std::vector<int>&, Dimensions&) const;   \
+  template KYR_PARQUET_EXPORT void ParquetSerializerWorker::readBytes<T>(                         \
+      const int&, std::vector<char>&, std::vector<int>&, Dimensions&) const;                      \
+  template KYR_PARQUET_EXPORT void ParquetSerializerWorker::readBytes<T>(                         \
+      const int&, std::vector<double>&, std::vector<char>&, std::vector<int>&, Dimensions&) const;
+KYR_FOR_EACH_ELEMENT_TYPE(KYR_INSTANTIATE)
+#undef KYR_INSTANTIATE
+
+}  // namespace kyr::parquet

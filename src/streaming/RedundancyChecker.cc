@@ -1,0 +1,58 @@
+#include "kyr/parquet/RedundancyChecker.h"
+
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+
+namespace kyr::parquet::RedundancyChecker {
+
+namespace {
+
+constexpr std::uint64_t mix(std::uint64_t hash, std::uint64_t word) {
+  return hash ^ (0x9e3779b9 + (hash << 6U) + (hash >> 2U) + word);
+}
+
+std::uint64_t littleEndianWord(const unsigned char* bytes) {
+  std::uint64_t word;
+  std::memcpy(&word, bytes, sizeof(word));
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  word = __builtin_bswap64(word);
+#endif
+  return word;
+}
+
+}  // namespace
+
+Hasher defaultHasher = &_defaultHasher;
+
+unsigned long _defaultHasher(const void* data, unsigned long size, KYRSignalDataType type) {
+  if (!data) throw std::invalid_argument("Data is empty");
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  std::uint64_t hash = static_cast<std::uint32_t>(type);
+  unsigned long at = 0;
+  for (; at + sizeof(std::uint64_t) <= size; at += sizeof(std::uint64_t)) {
+    hash = mix(hash, littleEndianWord(bytes + at));
+  }
+  for (; at < size; ++at) {
+    hash = mix(hash, static_cast<std::uint64_t>(
+                         static_cast<std::int64_t>(static_cast<signed char>(bytes[at]))));
+  }
+  return hash;
+}
+
+unsigned long processDataAndCheck(Context<unsigned long>* context, const void* data,
+                                  unsigned long size, KYRSignalDataType type) {
+  if (!context) throw std::invalid_argument("Context is empty");
+  const unsigned long hash = defaultHasher(data, size, type);
+  const auto [entry, isNew] = context->seen.try_emplace(hash, context->nextNumber);
+  if (isNew) ++context->nextNumber;
+  return entry->second;
+}
+
+unsigned long processTimeAndCheck(Context<unsigned long>* context, const double* time,
+                                  unsigned long count) {
+  if (!time) throw std::invalid_argument("Time is empty");
+  return processDataAndCheck(context, time, count * sizeof(double), Double);
+}
+
+}  // namespace kyr::parquet::RedundancyChecker

@@ -1,0 +1,319 @@
+#include "streaming/StreamableSignalImpl.h"
+
+#include <arrow/api.h>
+
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "kyr/parquet/ColumnNames.h"
+#include "kyr/parquet/SchemaBuilder.h"
+
+namespace kyr::parquet {
+
+namespace {
+
+using RedundancyEliminator::AppendToFile;
+using RedundancyEliminator::CopyWithModification;
+using RedundancyEliminator::CreateNewFileNode;
+using RedundancyEliminator::EliminateRedundancy;
+
+// The chunk that stands for "ends here", so that a part only repeats one that ends where it ends.
+// It is numbered and kept in the chains; no row of any file holds it.
+constexpr double kEndMarker = -1.0;
+
+const std::vector<std::vector<std::uint64_t>> kNoDimensions;
+const std::vector<int> kNoSizes;
+
+const SampleSchema& timeSchema() {
+  static const SampleSchema schema(
+      schemaBuilder::getSchema(Scalar, Double, /*includeTime=*/false, columnNames::data));
+  return schema;
+}
+
+}  // namespace
+
+StreamableSignal::~StreamableSignal() = default;
+
+StreamableSignalImpl::StreamableSignalImpl(std::shared_ptr<StreamableWriter> writer,
+                                           std::shared_ptr<Checker> contentNumbers,
+                                           std::shared_ptr<Chains> chains, unsigned long rows)
+    : StreamableSignalImpl(std::move(writer), kNoStorage, kNoStorage, std::move(contentNumbers),
+                           std::move(chains), rows) {}
+
+StreamableSignalImpl::StreamableSignalImpl(std::shared_ptr<StreamableWriter> writer, int timeId,
+                                           int dataId, std::shared_ptr<Checker> contentNumbers,
+                                           std::shared_ptr<Chains> chains, unsigned long rows)
+    : record(std::make_shared<ParquetStorageRecord<StreamableWriter>>()),
+      checker(std::move(contentNumbers)),
+      registry(std::move(chains)) {
+  if (!writer) throw std::invalid_argument("a streamable signal needs a writer, got none");
+  record->worker = std::move(writer);
+  record->timeStorageId = timeId;
+  record->dataStorageId = dataId;
+  record->hasStorage = timeId != kNoStorage || dataId != kNoStorage;
+  parts[0].name = SignalPart::time;
+  parts[1].name = SignalPart::data;
+  for (Part& each : parts) each.chains = RedundancyEliminator::CreateContext(registry);
+  setBufferSize(rows);
+}
+
+StreamableSignalImpl::~StreamableSignalImpl() {
+  try {
+    resetData();
+  } catch (const std::exception&) {
+    return;  // the files are gone all the same, see resetData()
+  }
+}
+
+int& StreamableSignalImpl::storageId(const Part& part) {
+  return part.name == SignalPart::time ? record->timeStorageId : record->dataStorageId;
+}
+
+int StreamableSignalImpl::storageId(const Part& part) const {
+  return part.name == SignalPart::time ? record->timeStorageId : record->dataStorageId;
+}
+
+void StreamableSignalImpl::setBufferSize(unsigned long rows) {
+  if (rows == 0) throw std::invalid_argument("a batch of 0 rows: the buffer size must be positive");
+  batchRows = rows;
+}
+
+int StreamableSignalImpl::getStorageId(SignalPart name) const {
+  return name == SignalPart::time || name == SignalPart::data ? storageId(part(name)) : -1;
+}
+
+unsigned long StreamableSignalImpl::rowsWritten(SignalPart name) const {
+  return part(name).rowsWritten;
+}
+
+std::size_t StreamableSignalImpl::rowsBuffered(SignalPart name) const {
+  const auto& buffer = part(name).buffer;
+  return buffer ? buffer->rows() : 0;
+}
+
+const SampleSchema& StreamableSignalImpl::schemaOf(const Part& part) {
+  if (part.name == SignalPart::time) return timeSchema();
+  if (!dataSchema.schema || dataSchemaType != dataType || dataSchemaCategory != category) {
+    dataSchema = SampleSchema(
+        schemaBuilder::getSchema(category, dataType, /*includeTime=*/false, columnNames::data));
+    dataSchemaType = dataType;
+    dataSchemaCategory = category;
+  }
+  return dataSchema;
+}
+
+void StreamableSignalImpl::appendTime(const double* time, unsigned long count) {
+  const unsigned long number = RedundancyChecker::processTimeAndCheck(checker.get(), time, count);
+  const SampleChunk chunk = PartBuffer::measure(timeSchema(), time, count * sizeof(double),
+                                                sizeof(double), kNoDimensions, kNoSizes);
+  appendChunk(part(SignalPart::time), number, chunk, sizeof(double));
+}
+
+void StreamableSignalImpl::appendData(const void* data, unsigned long size,
+                                      const std::vector<std::vector<unsigned long>>& dimensions,
+                                      const std::vector<int>& extra) {
+  Part& dataPart = part(SignalPart::data);
+  const std::size_t width = elementWidth(dataType);
+  const SampleSchema& schema = schemaOf(dataPart);
+  SampleChunk chunk;
+  if (data) chunk = PartBuffer::measure(schema, data, size, width, dimensions, extra);
+  if (dataPart.buffer && !dataPart.buffer->schema().schema->Equals(*schema.schema)) {
+    throw std::invalid_argument(
+        "the signal's data type or category changed while samples were being appended");
+  }
+  const unsigned long number =
+      RedundancyChecker::processDataAndCheck(checker.get(), data, size, dataType);
+  appendChunk(dataPart, number, chunk, width);
+}
+
+void StreamableSignalImpl::appendChunk(Part& part, unsigned long contentNumber,
+                                       const SampleChunk& chunk, std::size_t width) {
+  EliminateRedundancy(
+      part.chains.get(), contentNumber,
+      [&](const NodeList& heads, const NodeList& nextNodes) -> std::optional<NodePtr> {
+        const int newId = record->worker->create(*schemaOf(part).schema, compression);
+        storageId(part) = newId;
+        NodePtr chain = heads.empty() ? CreateNewFileNode(contentNumber, newId, 0, chunk.rows)
+                                      : copyChain(heads[0], nextNodes[0], newId, part,
+                                                  contentNumber, chunk.rows);
+        bufferChunk(part, chunk, width);
+        return chain;
+      },
+      [&](FileNode* current) -> std::optional<NodePtr> {
+        bufferChunk(part, chunk, width);
+        // One row is left out between the bounds of neighbouring chunks. They tell chunks apart,
+        // not the rows of the file. Pinned by StreamableSignal.RowBoundsDriftByOneRowPerChunk.
+        const unsigned long first = current->second + 1;
+        return CreateNewFileNode(contentNumber, current->storageId, first, first + chunk.rows);
+      },
+      [&](const NodeList& heads) { adoptFile(part, heads); });
+}
+
+void StreamableSignalImpl::bufferChunk(Part& part, const SampleChunk& chunk, std::size_t width) {
+  if (!part.buffer) part.buffer.emplace(schemaOf(part), width);
+  part.buffer->append(chunk);
+  if (part.buffer->rows() >= batchRows) {
+    part.buffer->takeBatches(batchRows,
+                             [&](const ::arrow::Table& rows) { writeBatch(part, rows); });
+  }
+}
+
+void StreamableSignalImpl::writeBatch(Part& part, const ::arrow::Table& rows) {
+  record->worker->write(storageId(part), rows);
+  part.rowsWritten += static_cast<unsigned long>(rows.num_rows());
+}
+
+// The first chain that begins as the matching ones do, whether or not it is one of them.
+void StreamableSignalImpl::adoptFile(Part& part, const NodeList& heads) {
+  storageId(part) = heads[0]->storageId;
+}
+
+StreamableSignalImpl::NodePtr StreamableSignalImpl::copyChain(FileNode* head, FileNode* stop,
+                                                              int newId, Part& counter,
+                                                              unsigned long contentNumber,
+                                                              unsigned long rows) {
+  const FileNode* last = nullptr;
+  for (const FileNode* node = head; node; node = node->next.get()) {
+    last = node;  // the node at which to stop is copied too, without its rows
+    if (node == stop) break;
+    record->worker->clone(node->storageId, newId, node->first, node->second);
+    counter.rowsWritten += node->second - node->first;
+  }
+  NodePtr copy =
+      CopyWithModification(head, stop, [newId](FileNode* node) { node->storageId = newId; });
+  const unsigned long first = last->second + 1;
+  FileNode* end = copy.get();
+  AppendToFile(end, CreateNewFileNode(contentNumber, newId, first, first + rows));
+  return copy;
+}
+
+void StreamableSignalImpl::finish() {
+  finish(SignalPart::time);
+  finish(SignalPart::data);
+}
+
+void StreamableSignalImpl::finish(SignalPart name) {
+  if (name != SignalPart::time && name != SignalPart::data) return;
+  if (!part(name).finished) finishPart(part(name));
+}
+
+void StreamableSignalImpl::finishPart(Part& part) {
+  if (!part.buffer && storageId(part) == kNoStorage) return;
+  markEnd(part);
+  if (part.buffer) {
+    const auto write = [&](const ::arrow::Table& rows) { writeBatch(part, rows); };
+    part.buffer->takeBatches(batchRows, write);
+    part.buffer->takeAll(write);
+  }
+  if (hasFile(part)) record->worker->close(storageId(part));
+  part.finished = true;
+}
+
+void StreamableSignalImpl::markEnd(Part& part) {
+  const unsigned long number =
+      part.name == SignalPart::time
+          ? RedundancyChecker::processTimeAndCheck(checker.get(), &kEndMarker, 1)
+          : RedundancyChecker::processDataAndCheck(checker.get(), &kEndMarker, sizeof(kEndMarker),
+                                                   dataType);
+  constexpr unsigned long kMarkerRows = 1;
+  EliminateRedundancy(
+      part.chains.get(), number,
+      [&](const NodeList& heads, const NodeList& nextNodes) -> std::optional<NodePtr> {
+        if (heads.empty()) {
+          return storageId(part) == kNoStorage ? std::optional<NodePtr>(nullptr) : std::nullopt;
+        }
+        const int newId = record->worker->create(*schemaOf(part).schema, compression);
+        storageId(part) = newId;
+        // The rows of either part count as time rows here. Pinned by
+        // StreamableSignal.EndMarkerOfDataCountsItsCopiedRowsAsTime.
+        return copyChain(heads[0], nextNodes[0], newId, this->part(SignalPart::time), number,
+                         kMarkerRows);
+      },
+      [&](FileNode* current) -> std::optional<NodePtr> {
+        const unsigned long first = current->second + 1;
+        return CreateNewFileNode(number, current->storageId, first, first + kMarkerRows);
+      },
+      [&](const NodeList& heads) { adoptFile(part, heads); });
+}
+
+bool StreamableSignalImpl::hasFile(const Part& part) const {
+  const int id = storageId(part);
+  return id != kNoStorage && record->worker->checkDataChunkExists(id);
+}
+
+void StreamableSignalImpl::resetData() {
+  for (Part& each : parts) each.buffer.reset();
+  std::exception_ptr failure;
+  try {
+    finish();
+  } catch (const std::exception&) {
+    failure = std::current_exception();
+  }
+  for (Part& each : parts) {
+    removeFile(each);
+    each.chains = RedundancyEliminator::CreateContext(registry);
+    each.buffer.reset();
+    each.rowsWritten = 0;
+    each.finished = false;
+  }
+  record->hasStorage = false;
+  if (failure) std::rethrow_exception(failure);
+}
+
+// Another signal that shares the file may have removed it already.
+void StreamableSignalImpl::removeFile(Part& part) noexcept {
+  try {
+    if (hasFile(part)) record->worker->remove(storageId(part));
+  } catch (const std::exception&) {
+    // The file cannot be deleted; the id is given up all the same.
+  }
+  storageId(part) = kNoStorage;
+}
+
+bool StreamableSignalImpl::hasData() const {
+  if (record->timeStorageId != kNoStorage) return true;
+  return rowsBuffered(SignalPart::data) > 0 || record->dataStorageId != kNoStorage;
+}
+
+std::shared_ptr<::arrow::Table> StreamableSignalImpl::readRows(Part& part, unsigned long from,
+                                                               unsigned long to) {
+  if (storageId(part) == kNoStorage) return nullptr;
+  auto rows = record->worker->read(storageId(part), from, to);
+  // What was read takes the place of the rows that wait in memory, and is then let go.
+  part.buffer.reset();
+  return rows;
+}
+
+void StreamableSignalImpl::getTime(unsigned long from, unsigned long to, std::vector<char>& out) {
+  std::optional<std::vector<std::vector<std::uint64_t>>> dimensions;
+  std::optional<std::vector<int>> sizes;
+  const auto rows = readRows(part(SignalPart::time), from, to);
+  out.clear();
+  if (rows) SignalFormatter().reconstruct(rows, out, dimensions, sizes);
+}
+
+void StreamableSignalImpl::getData(unsigned long from, unsigned long to, std::vector<char>& out,
+                                   std::vector<std::vector<unsigned long>>& dimensions) {
+  std::vector<int> sizes;
+  getData(from, to, out, dimensions, sizes);
+}
+
+void StreamableSignalImpl::getData(unsigned long from, unsigned long to, std::vector<char>& out,
+                                   std::vector<std::vector<unsigned long>>& dimensions,
+                                   std::vector<int>& sizes) {
+  std::optional<std::vector<std::vector<std::uint64_t>>> readDimensions;
+  std::optional<std::vector<int>> readSizes;
+  const auto rows = readRows(part(SignalPart::data), from, to);
+  out.clear();
+  if (rows) SignalFormatter().reconstruct(rows, out, readDimensions, readSizes);
+  if (readDimensions) dimensions = *std::move(readDimensions);
+  sizes = readSizes ? *std::move(readSizes) : std::vector<int>();
+}
+
+::arrow::Status StreamableSignalImpl::writeStatus() const {
+  const StreamableWriter& writer = *record->worker;
+  return writer.writeStatus(record->timeStorageId) & writer.writeStatus(record->dataStorageId);
+}
+
+}  // namespace kyr::parquet

@@ -1,0 +1,310 @@
+#include "kyr/parquet/StreamableWriter.h"
+
+#include <arrow/api.h>
+#include <arrow/io/file.h>
+#include <fmt/format.h>
+#include <parquet/arrow/reader.h>
+#include <parquet/arrow/writer.h>
+#include <parquet/exception.h>
+
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <shared_mutex>
+#include <stdexcept>
+#include <unordered_map>
+#include <utility>
+#include <variant>
+
+#include "kyr/parquet/FileSelector.h"
+#include "kyr/parquet/ParquetWriterOptions.h"
+#include "kyr/platform/FileSystem.h"
+#include "streaming/RowGroups.h"
+
+namespace kyr::parquet {
+
+namespace {
+
+constexpr int kNoId = std::numeric_limits<int>::min();
+constexpr std::int64_t kMaxRowGroupRows = 100000000;
+
+using WriterHandle = std::unique_ptr<::parquet::arrow::FileWriter>;
+using ReaderHandle = std::unique_ptr<::parquet::arrow::FileReader>;
+
+struct FileEntry {
+  explicit FileEntry(Path file) : path(std::move(file)) {}
+
+  std::optional<std::variant<WriterHandle, ReaderHandle>> handle;
+  std::shared_ptr<::parquet::FileMetaData> metadata;
+  Path path;
+  std::shared_mutex lock;  // for hosts that will share files between threads; taken by nobody yet
+};
+
+// An Arrow failure on \p path as the exception that carries it.
+void throwIfFailed(const ::arrow::Status& status, const Path& path) {
+  if (!status.ok()) {
+    throw ::parquet::ParquetStatusException(
+        status.WithMessage(path.toNarrow(), ": ", status.message()));
+  }
+}
+
+std::optional<int> leadingNumber(const std::string& name) {
+  try {
+    return std::stoi(name, nullptr, 10);
+  } catch (const std::invalid_argument&) {
+    return std::nullopt;
+  } catch (const std::out_of_range&) {
+    return std::nullopt;
+  }
+}
+
+// A file that cannot be closed or deleted stays; the others go.
+template <typename Operation>
+void quietly(Operation&& operation) noexcept {
+  try {
+    operation();
+  } catch (const std::exception&) {
+    return;
+  }
+}
+
+void openForReading(FileEntry& entry) {
+  if (entry.handle) {
+    if (std::holds_alternative<ReaderHandle>(*entry.handle)) return;
+    if (!std::get<WriterHandle>(*entry.handle)->metadata()) {
+      throw std::runtime_error("File is still open for writing.");
+    }
+  }
+  auto file = ::arrow::io::ReadableFile::Open(entry.path.toNarrow());
+  throwIfFailed(file.status(), entry.path);
+  ::parquet::arrow::FileReaderBuilder builder;
+  throwIfFailed(builder.Open(*file), entry.path);
+  // Reading ahead pays off for remote files; for local ones it only costs, per file.
+  ::parquet::ArrowReaderProperties properties;
+  properties.set_pre_buffer(false);
+  ReaderHandle reader;
+  throwIfFailed(
+      builder.memory_pool(::arrow::default_memory_pool())->properties(properties)->Build(&reader),
+      entry.path);
+  entry.metadata = reader->parquet_reader()->metadata();
+  entry.handle = std::move(reader);
+}
+
+}  // namespace
+
+class StreamableWriter::Impl {
+ public:
+  using EntryPtr = std::unique_ptr<FileEntry>;
+
+  EntryPtr& slot(int id) {
+    const auto found = files.find(id);
+    if (found == files.end()) {
+      throw std::out_of_range(fmt::format("storage id {} is not known", id));
+    }
+    if (!found->second) {
+      throw std::out_of_range(
+          fmt::format("storage id {} is lost: an earlier operation on it failed", id));
+    }
+    return found->second;
+  }
+
+  bool isLost(int id) const {
+    const auto found = files.find(id);
+    return found != files.end() && !found->second;
+  }
+
+  // Runs \p operation on the entry, which is out of the table meanwhile: when it throws, the entry
+  // goes with it and the id is lost.
+  template <typename Operation>
+  auto withEntry(int id, Operation&& operation) {
+    EntryPtr& place = slot(id);
+    EntryPtr entry = std::move(place);
+    if constexpr (std::is_void_v<decltype(operation(*entry))>) {
+      operation(*entry);
+      place = std::move(entry);
+    } else {
+      auto result = operation(*entry);
+      place = std::move(entry);
+      return result;
+    }
+  }
+
+  int createFile(int id, const std::string& name, const ::arrow::Schema& schema,
+                 const Compression& compression) {
+    auto entry = std::make_unique<FileEntry>(directory.join(name));
+    const auto properties = compression ? writerOptions.buildWriterProperties(*compression)
+                                        : writerOptions.buildWriterProperties();
+    auto stream = ::arrow::io::FileOutputStream::Open(entry->path.toNarrow(), /*append=*/false);
+    throwIfFailed(stream.status(), entry->path);
+    auto writer = ::parquet::arrow::FileWriter::Open(schema, ::arrow::default_memory_pool(),
+                                                     *stream, properties,
+                                                     ::parquet::default_arrow_writer_properties());
+    throwIfFailed(writer.status(), entry->path);
+    entry->handle = *std::move(writer);
+    files.emplace(id, std::move(entry));
+    return id;
+  }
+
+  int largestId() const {
+    int largest = kNoId;
+    for (const auto& file : files) largest = std::max(largest, file.first);
+    return largest;
+  }
+
+  void note(int id, ::arrow::Status status) {
+    if (!status.ok()) failures.emplace(id, status);
+    lastWriteStatus = std::move(status);
+  }
+
+  void scan() {
+    if (directory.empty() || !fileSystem::isDirectory(directory)) return;
+    std::unordered_map<int, EntryPtr> found;
+    std::vector<Path> unnumbered;
+    std::int64_t largest = kNoId;
+    const auto walk = FileSelector::create(directory);
+    for (;;) {
+      const auto it = FileSelector::next(walk.get(), FileSelector::parquetFileFilter);
+      if (it == directory_iterator()) break;
+      const DirectoryEntry entry = it.entry();
+      if (const auto id = leadingNumber(entry.fileName().toNarrow())) {
+        found.emplace(*id, std::make_unique<FileEntry>(entry.fullPath()));
+        largest = std::max<std::int64_t>(largest, *id);
+      } else {
+        unnumbered.push_back(entry.fullPath());
+      }
+    }
+    if (largest + static_cast<std::int64_t>(unnumbered.size()) > std::numeric_limits<int>::max()) {
+      throw std::runtime_error(directory.toNarrow() + ": no storage ids left for its files");
+    }
+    for (const Path& path : unnumbered) {
+      found.emplace(static_cast<int>(++largest), std::make_unique<FileEntry>(path));
+    }
+    files.merge(found);
+    if (largest > lastId.load()) lastId.store(static_cast<int>(largest));
+  }
+
+  Path directory;
+  std::atomic<int> lastId{-1};
+  std::unordered_map<int, EntryPtr> files;
+  ParquetWriterOptions writerOptions;
+  bool preserve = false;
+  ::arrow::Status lastWriteStatus;
+  std::unordered_map<int, ::arrow::Status> failures;
+};
+
+StreamableWriter::StreamableWriter() : StreamableWriter(fileSystem::currentDirectory().native()) {}
+
+StreamableWriter::StreamableWriter(const Path& directory) : impl_(std::make_unique<Impl>()) {
+  setParquetDirectory(directory);
+}
+
+StreamableWriter::~StreamableWriter() {
+  if (impl_->preserve) return;
+  for (const auto& [id, entry] : impl_->files) {
+    if (!entry) continue;
+    const Path path = entry->path;
+    quietly([&, id = id] { close(id); });
+    quietly([&] { fileSystem::removeFile(path); });
+  }
+}
+
+void StreamableWriter::setParquetDirectory(const Path& directory) {
+  if (!impl_->directory.empty() && impl_->directory != directory) {
+    throw std::runtime_error("Parquet directory cannot be changed!");
+  }
+  impl_->directory = directory;
+  impl_->scan();
+}
+
+Path StreamableWriter::parquetDirectory() const { return impl_->directory; }
+
+bool StreamableWriter::isParquetDirectoryEmpty() const { return impl_->files.empty(); }
+
+int StreamableWriter::create(const ::arrow::Schema& schema, const Compression& compression) {
+  const int id = ++impl_->lastId;
+  return impl_->createFile(id, std::to_string(id), schema, compression);
+}
+
+int StreamableWriter::create(const std::string& name, const ::arrow::Schema& schema,
+                             const Compression& compression) {
+  const int id = ++impl_->lastId;
+  return impl_->createFile(id, name, schema, compression);
+}
+
+void StreamableWriter::write(int id, const ::arrow::Table& table) {
+  impl_->withEntry(id, [&](FileEntry& entry) {
+    if (!entry.handle) throw std::runtime_error("File is not opened.");
+    auto* writer = std::get_if<WriterHandle>(&*entry.handle);
+    if (!writer) {
+      throw std::runtime_error("Only parquet file writer is accepted in write().");
+    }
+    if (!(*writer)->schema()->Equals(*table.schema(), /*check_metadata=*/false)) {
+      throw std::runtime_error("Parquet schema mismatch.");
+    }
+    // Only noted: hosts append from the simulation's step function and look at the end whether all
+    // was written.
+    impl_->note(id, (*writer)->WriteTable(table, kMaxRowGroupRows));
+  });
+}
+
+void StreamableWriter::close(const int& id) {
+  impl_->withEntry(id, [&](FileEntry& entry) {
+    if (!entry.handle) return;
+    if (auto* writer = std::get_if<WriterHandle>(&*entry.handle)) {
+      if (*writer && (*writer)->metadata()) return;
+      if (!*writer) throw std::runtime_error("File close error: The writer is still in using");
+      impl_->note(id, (*writer)->Close());
+    } else if (!std::get<ReaderHandle>(*entry.handle)) {
+      throw std::runtime_error("File close error: The writer is still in using");
+    }
+    entry.handle.reset();
+  });
+}
+
+std::shared_ptr<::arrow::Table> StreamableWriter::read(int id, unsigned long from,
+                                                       unsigned long to) {
+  impl_->withEntry(id, openForReading);
+  FileEntry& entry = *impl_->slot(id);
+  return readRows(*std::get<ReaderHandle>(*entry.handle), *entry.metadata, from, to);
+}
+
+void StreamableWriter::clone(int src, int dst, unsigned long from, unsigned long to) {
+  if (const auto rows = read(src, from, to)) write(dst, *rows);
+}
+
+void StreamableWriter::remove(const int& id) {
+  if (impl_->isLost(id)) {
+    impl_->files.erase(id);
+    return;
+  }
+  const auto entry = std::move(impl_->slot(id));
+  // The id itself still counts, so the counter moves only if there is a larger one: ids are not
+  // handed out twice while the writer lives.
+  if (impl_->lastId.load() == id) impl_->lastId.store(impl_->largestId());
+  fileSystem::removeFile(entry->path);
+  impl_->files.erase(id);
+  impl_->failures.erase(id);
+}
+
+std::string StreamableWriter::getFileName(int id) {
+  return impl_->slot(id)->path.fileName().toNarrow();
+}
+
+std::vector<int> StreamableWriter::getAllParquetStorageIDs() {
+  std::vector<int> ids;
+  for (const auto& file : impl_->files) ids.push_back(file.first);
+  return ids;
+}
+
+bool StreamableWriter::checkDataChunkExists(int id) const { return impl_->files.count(id) > 0; }
+
+void StreamableWriter::preserveDirectory(bool preserve) { impl_->preserve = preserve; }
+
+::arrow::Status StreamableWriter::lastWriteStatus() const { return impl_->lastWriteStatus; }
+
+::arrow::Status StreamableWriter::writeStatus(int id) const {
+  const auto failed = impl_->failures.find(id);
+  return failed == impl_->failures.end() ? ::arrow::Status::OK() : failed->second;
+}
+
+}  // namespace kyr::parquet

@@ -1,0 +1,186 @@
+"""Reads stored files with other programs' Parquet readers and compares every value.
+
+check_files.py SAMPLE_WRITER GOLDEN_RECORDING FORMAT_DOCUMENT
+
+The expected values are computed here, from the rules in recording/SampleSignals.cc and not from
+anything that the library wrote. The document's Python example is run as well.
+"""
+
+import itertools
+import json
+import pathlib
+import re
+import struct
+import subprocess
+import sys
+import tempfile
+
+import duckdb
+import polars
+import pyarrow.parquet
+import xxhash
+
+TIME = [0.5 * row for row in range(7)]
+DIMENSIONS = [[1, 1], [2, 3], [0, 4], [3, 1], [], [2, 2], [1, 5]]
+LENGTHS = [1, 6, 0, 3, 1, 4, 5]
+SHAPES = ["Scalar", "FixedDim", "VarDim"]
+BYTE_TYPES = {
+    "ByteString": ["Scalar", "Bus", "VarDimBus"],
+    "Binary": ["Scalar", "FixedDim", "VarDim", "Bus", "VarDimBus"],
+}
+COLUMN_TYPES = {
+    "Double": "double", "Single": "float", "Int8": "int8", "UInt8": "uint8", "Int16": "int16",
+    "UInt16": "uint16", "Int32": "int32", "UInt32": "uint32", "Boolean": "int8", "Int64": "int64",
+    "UInt64": "uint64", "UInt64Alt": "uint64", "UInt32Alt": "uint32", "ByteString": "binary",
+    "Binary": "binary",
+}  # fmt: skip
+CODECS = ["uncompressed", "snappy", "zstd", "gzip", "brotli", "lz4_raw"]
+KINDS = [(kind, c) for kind in COLUMN_TYPES for c in BYTE_TYPES.get(kind, SHAPES)]
+
+
+def elements(kind):
+    """What the elements of a data type are, over and over."""
+    if kind == "Double":
+        return [1.5, float("nan"), 0.0, -0.0, sys.float_info.max, 5e-324, float("-inf")]
+    if kind == "Single":
+        largest, smallest = struct.unpack("<ff", bytes.fromhex("ffff7f7f01000000"))
+        return [1.5, float("nan"), 0.0, -0.0, largest, smallest, float("-inf")]
+    if kind == "Boolean":
+        return [1, 0, 1, 0, 1, 0, 1]
+    column_type = "uint8" if kind in BYTE_TYPES else COLUMN_TYPES[kind]
+    bits = int(column_type.removeprefix("u").removeprefix("int"))
+    low, high = (0, 2**bits - 1) if column_type[0] == "u" else (-(2 ** (bits - 1)), 2 ** (bits - 1) - 1)
+    return [1, 0, high, low, 2, high - 1, low + 1]
+
+
+def expected_columns(kind, category, shared_time):
+    """The data file's columns: name -> (type, values)."""
+    first = KINDS.index((kind, category)) % 7
+    source = itertools.islice(itertools.cycle(elements(kind)), first, None)
+    variable = category in ("VarDim", "VarDimBus")
+    lengths = None
+    if variable or kind == "Binary":
+        lengths = LENGTHS
+    elif category == "FixedDim" or kind == "ByteString":
+        lengths = [6 if category == "FixedDim" else 3] * 7
+    column_type = COLUMN_TYPES[kind]
+    if lengths is None:
+        data = list(itertools.islice(source, 7))
+    else:
+        data = [list(itertools.islice(source, length)) for length in lengths]
+        if kind in BYTE_TYPES:
+            data = [bytes(sample) for sample in data]
+        else:
+            column_type = f"list<element: {column_type}>"
+    columns = {} if shared_time else {"time": ("double", TIME)}
+    columns["data"] = (column_type, data)
+    if variable:
+        columns["dimension"] = ("list<element: uint64>", DIMENSIONS)
+    return columns
+
+
+def exact(value):
+    """Equal only if every bit is."""
+    if isinstance(value, list):
+        return [exact(item) for item in value]
+    return struct.pack("<d", value) if isinstance(value, float) else (type(value), value)
+
+
+def check(what, found, wanted):
+    if exact(found) != exact(wanted):
+        sys.exit(f"{what}: found {found}, expected {wanted}")
+
+
+def read_duckdb(path):
+    rows = duckdb.sql("SELECT * FROM read_parquet(?)", params=[str(path)])
+    values = [list(column) for column in zip(*rows.fetchall())]
+    return dict(zip(rows.columns, values))
+
+
+def check_file(path, columns):
+    with pyarrow.parquet.ParquetFile(path) as file:
+        types = {field.name: str(field.type) for field in file.schema_arrow}
+        assert types == {name: kind for name, (kind, _) in columns.items()}, f"{path}: {types}"
+        assert file.schema_arrow.metadata is None, path
+        by_pyarrow = file.read().to_pydict()
+    for reader, found in {
+        "pyarrow": by_pyarrow,
+        "duckdb": read_duckdb(path),
+        "polars": polars.read_parquet(path).to_dict(as_series=False),
+    }.items():
+        check(f"{path} by {reader}, columns", list(found), list(columns))
+        for name, (_, values) in columns.items():
+            check(f"{path} by {reader}, {name}", found[name], values)
+
+
+def check_storage(folder, records, streamed):
+    files = {}
+    for record in records:
+        kind, category = KINDS[record["signalId"] - 1]
+        (time_id,), (data_id,) = record["timeStorageId"], record["dataStorageId"]
+        shared_time = streamed or record["signalId"] % 2 == 1
+        check(f"time file of {kind} {category}", time_id != -554114, shared_time)
+        if shared_time:
+            files[time_id] = {"data": ("double", TIME)}
+        files[data_id] = expected_columns(kind, category, shared_time)
+    check(f"{folder}", sorted(int(path.name) for path in folder.iterdir()), sorted(files))
+    for storage_id, columns in files.items():
+        check_file(folder / str(storage_id), columns)
+
+
+def check_recording(folder, streamed=False):
+    """Returns the records."""
+    text = (folder / "recording.json").read_text(encoding="utf-8")
+    document = json.loads(text)
+    compact = re.sub(r'("(?:[^"\\]|\\.)*")|\s+', lambda token: token[1] or "", text)
+    body = compact.removesuffix(f',"xxh3_128":"{document["xxh3_128"]}"}}') + "}"
+    check("checksum", document["xxh3_128"], xxhash.xxh3_128_hexdigest(body.encode()))
+    check("format", [document["format"], document["formatVersion"]], ["kyr recording", 1])
+    for file in document["files"]:
+        content = (folder / "storage" / str(file["storageId"])).read_bytes()
+        wanted = [len(content), 7, xxhash.xxh3_128_hexdigest(content)]
+        check(f"file {file}", [file["size"], file["rowCount"], file["xxh3_128"]], wanted)
+
+    records = json.loads(document["records"])
+    ids = {record["signalId"]: record for record in records}
+    check("signals", [signal["id"] for signal in document["signals"]], [*range(1, 48), 1000])
+    empty = document["signals"].pop()
+    for member in ("timeSpan", "timeStorageId", "dataStorageId"):
+        check(f"unwritten signal, {member}", empty[member], None)
+    for index, (signal, (kind, category)) in enumerate(zip(document["signals"], KINDS)):
+        record = ids[index + 1]
+        (time_id,), (data_id,) = record["timeStorageId"], record["dataStorageId"]
+        wanted = {
+            "id": index + 1, "name": f"{kind} {category}", "unit": "°C",
+            "description": 'line 1\nline "2"', "dataType": kind, "category": category,
+            "dimensions": [2, 3] if category == "FixedDim" else [], "rowCount": 7,
+            "compression": CODECS[index % 6], "timeSpan": [0.0, 3.0],
+            "timeStorageId": time_id if time_id != -554114 else None, "dataStorageId": data_id,
+        }  # fmt: skip
+        assert signal == wanted, f"{signal}, expected {wanted}"
+    check_storage(folder / "storage", records, streamed)
+    return records
+
+
+def check_example(document, recording):
+    example = re.search(r"```python\n(.*?)```", document.read_text(encoding="utf-8"), re.DOTALL)[1]
+    scope = {}
+    exec(example, scope)
+    for kind, category in KINDS:
+        time, data = scope["read_signal"](recording, f"{kind} {category}")
+        check("example, time", time, TIME)
+        check("example, data", data, expected_columns(kind, category, True)["data"][1])
+
+
+def main(sample_writer, golden, document):
+    check_recording(golden)
+    check_example(document, golden)
+    with tempfile.TemporaryDirectory() as name:
+        out = pathlib.Path(name)
+        subprocess.run([sample_writer, out], check=True)
+        for kind in ("recording", "streamed"):
+            records = check_recording(out / kind, kind == "streamed")
+            check_storage(out / "storage" / kind, records, kind == "streamed")
+
+
+main(*map(pathlib.Path, sys.argv[1:]))

@@ -1,0 +1,150 @@
+#include <functional>
+#include <stdexcept>
+
+#include "recording/Checksum.h"
+#include "recording/FolderFiles.h"
+#include "recording/RecordingFormat.h"
+#include "recording/RecordingTest.h"
+
+namespace kyr::recording {
+namespace {
+
+using ::testing::HasSubstr;
+using Damage = std::function<void(const fs::path& rec)>;
+
+std::string openError(const fs::path& rec) {
+  try {
+    openRecording(Path::fromFilesystem(rec));
+    return "opens";
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+Damage removed(const char* name) {
+  return [name](const fs::path& rec) { fs::remove_all(rec / name); };
+}
+
+Damage replaced(const char* name, const std::string& content) {
+  return [=](const fs::path& rec) { test::Folder(rec).touch(name, content); };
+}
+
+Damage cut(const char* name, std::size_t size) {
+  return [=](const fs::path& rec) { fs::resize_file(rec / name, size); };
+}
+
+// Another content of recording.json, its checksum included.
+Damage says(void (*edit)(RecordingInfo& info)) {
+  return [edit](const fs::path& rec) {
+    RecordingInfo info = readRecordingJson(readTextFile(rec / "recording.json"), "");
+    edit(info);
+    test::Folder(rec).touch("recording.json", writeRecordingJson(info));
+  };
+}
+
+using Info = RecordingInfo;
+
+struct Fault {
+  const char* name;
+  Damage damage;
+  const char* says;
+  bool opens = false;
+};
+
+const Fault kFaults[]{
+    {"no folder", removed(""), "rec: no such folder"},
+    {"file in place of the folder",
+     [](const fs::path& rec) {
+       fs::remove_all(rec);
+       writeTextFile(rec, "text");
+     },
+     "rec: not a recording"},
+    {"no recording.json", removed("recording.json"), "it has no recording.json"},
+    {"cut recording.json", cut("recording.json", 300), "no valid JSON at byte 301"},
+    {"empty recording.json", cut("recording.json", 0), "no valid JSON at byte 1"},
+    {"garbage", replaced("recording.json", "\xff\x01{"), "no valid JSON"},
+    {"other JSON", replaced("recording.json", R"({"format": "x"})"), "not the description of a"},
+    {"newer format", says([](Info& info) { info.formatVersion = 2; }), "version 2 is newer than 1"},
+    {"missing file", removed("storage/1"), "storage/1: missing"},
+    {"no storage", removed("storage"), "storage/0: missing"},
+    {"folder in place of a file",
+     [](const fs::path& rec) {
+       fs::remove(rec / "storage/1");
+       fs::create_directory(rec / "storage/1");
+     },
+     "storage/1"},
+    {"cut file", cut("storage/1", 100), "100 bytes long, expected"},
+    {"longer file", cut("storage/1", 10000), "10000 bytes long, expected"},
+    {"unlisted file", says([](Info& info) { info.files.erase(info.files.begin()); }),
+     "signal 1 names the file storage/0, which is not listed"},
+
+    // Contradictions that no checksum shows: found by verifyRecording() only.
+    {"file that is no Parquet file",
+     [](const fs::path& rec) {
+       replaced("storage/1", "text")(rec);
+       says([](Info& info) {
+         info.files[1].size = 4;
+         info.files[1].checksum = checksumOf("text");
+       })(rec);
+     },
+     "storage/1: ", true},
+    {"file that no signal names", says([](Info& info) { info.signals.pop_back(); }),
+     "storage/3: no record names it", true},
+    {"foreign file", replaced("storage/x", ""), "storage/x: no record names it", true},
+    {"signals without records", says([](Info& info) { info.records = "[]"; }),
+     "signal 1 \"signal 1\" and its record name different files", true},
+    {"record of no signal", says([](Info& info) { info.signals.erase(info.signals.begin()); }),
+     "a record of signal 1, which is not described", true},
+    {"unreadable records", says([](Info& info) { info.records = "["; }), "records cannot be", true},
+    {"other rows", says([](Info& info) { info.files[1].rowCount = 4; }),
+     "storage/1: holds 3 rows, expected 4", true},
+    {"other samples", says([](Info& info) { info.signals[0].rowCount = 4; }),
+     "3 samples in storage/1, expected 4", true},
+    {"time of another length", says([](Info& info) { info.signals[2].timeStorageId = 0; }),
+     "3 times in storage/0, but 2 samples in storage/3", true},
+    {"other data type", says([](Info& info) { info.signals[0].dataType = Int8; }),
+     "storage/1 has the columns [data: int16], expected [data: int8]", true},
+    {"other category", says([](Info& info) { info.signals[1].category = VarDim; }),
+     "expected [data: list<item: int8>, dimension: list<item: uint64>]", true},
+    {"other shape", says([](Info& info) { info.signals[1].dimensions = {5}; }),
+     "sample 0 has 4 elements, its shape 5", true},
+};
+
+class DamagedRecording : public test::RecordingTest {};
+
+// Signal 1 has the files 0 (time) and 1, signal 2 the files 0 and 2, signal 3 only the file 3.
+TEST_F(DamagedRecording, IsNamedByVerifyAndRefusedByOpen) {
+  put(pool, 1, ramp({1, 2, 3}));
+  put(pool, 2, {{0, 1, 2}, std::vector<char>(12), {{2, 2}}, {}}, Int8, FixedDim);
+  put(pool, 3, {{}, {1, 2, 3}, {{1}, {2}}, {}}, Int8, VarDim);
+  for (const Fault& fault : kFaults) {
+    SCOPED_TRACE(fault.name);
+    saveRecording(pool, {{2, "", "", "", {2, 2}}}, Path::fromFilesystem(rec));
+    ASSERT_EQ(faults(rec), "");
+    fault.damage(rec);
+    EXPECT_THAT(faults(rec), HasSubstr(fault.says));
+    EXPECT_THAT(openError(rec), HasSubstr(fault.opens ? "opens" : fault.says));
+    fs::remove_all(rec);
+    EXPECT_THAT(temp.names(), ::testing::ElementsAre("store")) << "a working directory is left";
+  }
+}
+
+TEST_F(DamagedRecording, EveryFlippedBitIsFound) {
+  put(pool, 1, ramp({1, 2, 3}));
+  save(rec);
+  for (const char* name : {"recording.json", "storage/0", "storage/1"}) {
+    const std::string sound = readTextFile(rec / name);
+    for (std::size_t i = 0; i < sound.size(); ++i) {
+      std::string flipped = sound;
+      flipped[i] = static_cast<char>(flipped[i] ^ (1 << i % 8));
+      replaced(name, flipped)(rec);
+      ASSERT_NE(faults(rec), "") << name << ", byte " << i;
+      ASSERT_NE(openError(rec), "opens") << name << ", byte " << i;
+    }
+    replaced(name, sound)(rec);
+  }
+  EXPECT_EQ(faults(rec), "");
+}
+
+}  // namespace
+}  // namespace kyr::recording

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kyr/parquet/SignalPool.h"
+#include "kyr/recording/Recording.h"
+#include "support/StorageTest.h"
+
+namespace kyr::recording {
+namespace fs = std::filesystem;
+}
+
+namespace kyr::test {
+
+/// A pool, and the recording "rec" beside other things in a temporary directory.
+class RecordingTest : public StorageTest {
+ protected:
+  static Samples ramp(const std::vector<short>& values) {
+    std::vector<double> time(values.size());
+    for (std::size_t i = 0; i < time.size(); ++i) time[i] = double(i);
+    return {time, bytesOf(values), {}, {}};
+  }
+
+  static std::shared_ptr<parquet::ParquetSignal> put(parquet::SignalPool& into, int id,
+                                                     const Samples& samples,
+                                                     KYRSignalDataType type = Int16,
+                                                     KYRSignalCategory category = Scalar) {
+    auto signal = into.getSignal(id);
+    signal->setDataType(type);
+    signal->setCategory(category);
+    test::write(*signal, samples);
+    return signal;
+  }
+
+  using Descriptions = std::vector<recording::SignalDescription>;
+
+  void save(const fs::path& folder) { save(pool, {}, folder); }
+  static void save(parquet::SignalPool& from, const Descriptions& descriptions,
+                   const fs::path& folder) {
+    recording::saveRecording(from, descriptions, Path::fromFilesystem(folder));
+  }
+  static recording::Recording open(const fs::path& folder) {
+    return recording::openRecording(Path::fromFilesystem(folder));
+  }
+
+  /// The faults that verifyRecording() finds, thrown or told, one to a line.
+  static std::string faults(const fs::path& folder) {
+    std::string lines;
+    try {
+      for (const auto& line : recording::verifyRecording(Path::fromFilesystem(folder))) {
+        lines += line + "\n";
+      }
+    } catch (const std::runtime_error& error) {
+      lines = error.what();
+    }
+    return lines;
+  }
+
+  /// The content of every file below \p folder, and every folder and link.
+  static std::map<std::string, std::string> everythingIn(const fs::path& folder) {
+    std::map<std::string, std::string> result;
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+      const std::string name = fs::relative(entry.path(), folder);
+      result[name] = entry.is_regular_file() ? Folder(folder).contents(name) : "";
+    }
+    return result;
+  }
+
+  parquet::SignalPool pool{store.path()};
+  const fs::path rec = temp.file("rec");
+};
+
+}  // namespace kyr::test

@@ -1,0 +1,180 @@
+#include <arrow/util/compression.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <random>
+#include <stdexcept>
+#include <thread>
+
+#include "recording/RecordingTest.h"
+
+namespace kyr::recording {
+namespace {
+
+using test::Folder;
+
+class SaveRecording : public test::RecordingTest {
+ protected:
+  SaveRecording() { put(pool, 1, ramp({1, 2, 3})); }
+
+  // A recording with things of others in its folder.
+  void saveWithForeignEntries() {
+    save(rec);
+    const Folder folder(rec);
+    folder.touch("notes.txt", "mine");
+    fs::create_directories(rec / "plots/old");
+    folder.touch("plots/old/a.svg", "<svg/>");
+    fs::create_symlink("nowhere", rec / "link");
+  }
+  static void expectForeignEntries(const fs::path& folder) {
+    EXPECT_EQ(Folder(folder).contents("notes.txt"), "mine");
+    EXPECT_EQ(Folder(folder).contents("plots/old/a.svg"), "<svg/>");
+    EXPECT_EQ(fs::read_symlink(folder / "link"), "nowhere");
+  }
+};
+
+TEST_F(SaveRecording, ReplacesTheRecordingAndKeepsWhatElseIsInItsFolder) {
+  saveWithForeignEntries();
+  fs::permissions(rec, fs::perms::owner_all);
+  put(pool, 2, ramp({4, 5}));
+  save(rec);
+  EXPECT_EQ(open(rec).info().signals.size(), 2U);
+  EXPECT_EQ(faults(rec), "");
+  expectForeignEntries(rec);
+  EXPECT_EQ(fs::status(rec).permissions(), fs::perms::owner_all);
+  EXPECT_EQ(temp.names(), (std::set<std::string>{"rec", "store"}));
+}
+
+TEST_F(SaveRecording, SignalWithoutASampleIsSound) {
+  put(pool, 2, {{}, {1}, {{0}}, {}}, Int8, FixedDim);
+  saveRecording(pool, {{2, "empty", "", "", {0}}}, Path::fromFilesystem(rec));
+  EXPECT_EQ(faults(rec), "");
+  const auto& info = open(rec).info().signals[1];
+  EXPECT_EQ(info.rowCount, 0U);
+  EXPECT_FALSE(info.timeSpan);
+}
+
+TEST_F(SaveRecording, FolderMayBeNamedInManyWays) {
+  fs::create_directories(temp.file("real/deep"));
+  fs::create_directory_symlink(temp.file("real/deep"), temp.file("link"));
+  fs::create_directory(temp.file("empty"));
+  const fs::path before = fs::current_path();
+  fs::current_path(temp.path().toFilesystem());
+  for (const char* name : {"plain", "slash/", "two words", "Überdruck-压力.d", "./dot/./", "link",
+                           "link/../beside", "empty"}) {
+    SCOPED_TRACE(name);
+    for (const fs::path& folder : {fs::path(name), temp.file(name)}) {
+      save(folder);
+      EXPECT_EQ(faults(folder), "");
+      EXPECT_EQ(open(folder).info().signals.size(), 1U);
+    }
+  }
+  fs::current_path(before);
+  EXPECT_TRUE(fs::is_symlink(temp.file("link")));
+  EXPECT_TRUE(fs::exists(temp.file("real/beside/recording.json")));
+}
+
+struct Refusal {
+  const char* says;
+  void (*prepare)(const fs::path& rec, parquet::SignalPool& pool);
+  std::vector<SignalDescription> descriptions = {};
+};
+
+const Refusal kRefusals[]{
+    {"rec: is not a folder",
+     [](const fs::path& rec, parquet::SignalPool&) {
+       fs::remove_all(rec);
+       Folder(rec.parent_path()).touch("rec", "text");
+     }},
+    {"rec: is neither empty nor a recording",
+     [](const fs::path& rec, parquet::SignalPool&) { fs::remove(rec / "recording.json"); }},
+    {"signal 2: its samples were not written",
+     [](const fs::path&, parquet::SignalPool& pool) {
+       const auto signal = pool.getSignal(2);
+       signal->setCategory(Scalar);
+       signal->setParquetCompressionType(::arrow::Compression::LZ4_FRAME);
+       signal->setData({0}, std::vector<char>(8), {}, {});
+     }},
+    {"signal 1: its file",
+     [](const fs::path&, parquet::SignalPool& pool) {
+       fs::remove(pool.getParquetDirectory().join("1").toFilesystem());
+     }},
+    {"signal 1 is stored in",
+     [](const fs::path& rec, parquet::SignalPool& pool) {
+       pool.setParquetDirectory(Path::fromFilesystem(rec.parent_path() / "elsewhere"));
+     }},
+    {"signal 1 is described twice",
+     [](const fs::path&, parquet::SignalPool&) {},
+     {{1, "a", "", "", {}}, {1, "b", "", "", {}}}},
+    {"signal 1: ",
+     [](const fs::path&, parquet::SignalPool&) {},
+     {{1, "no UTF-8: \xff", "", "", {}}}},
+};
+
+TEST_F(SaveRecording, RefusedSaysWhyAndLeavesEverythingAsItWas) {
+  for (const Refusal& refusal : kRefusals) {
+    SCOPED_TRACE(refusal.says);
+    parquet::SignalPool refused(temp.path().join("pool"));
+    put(refused, 1, ramp({1, 2, 3}));
+    saveWithForeignEntries();
+    refusal.prepare(rec, refused);
+    const auto before = everythingIn(temp.path().toFilesystem());
+    try {
+      save(refused, refusal.descriptions, rec);
+      ADD_FAILURE() << "was saved";
+    } catch (const std::exception& error) {
+      EXPECT_THAT(error.what(), ::testing::HasSubstr(refusal.says));
+    }
+    EXPECT_EQ(everythingIn(temp.path().toFilesystem()), before);
+    fs::remove_all(rec);
+  }
+  EXPECT_THROW(save(temp.file("no/folder")), std::runtime_error);
+}
+
+// A process saves take after take until it kills itself; what it leaves is the last take that it
+// told to be saved, or the one it was saving.
+TEST_F(SaveRecording, KilledLeavesTheOldRecordingOrTheNewOne) {
+  saveWithForeignEntries();
+  std::minstd_rand random(20);
+  int saved = 0;
+  for (int round = 0; round < 20; ++round) {
+    const std::string command =
+        fmt::format("{} {} {} {}", KYR_SAMPLE_WRITER, rec.string(), saved + 1, random() % 40000);
+    FILE* told = popen(("exec " + command).c_str(), "r");
+    ASSERT_TRUE(told);
+    while (fscanf(told, "%d", &saved) == 1) continue;
+    ASSERT_EQ(WTERMSIG(pclose(told)), SIGKILL);
+
+    ASSERT_EQ(faults(rec), "");
+    Recording opened = open(rec);
+    expectForeignEntries(rec);
+    const int found = std::stoi(opened.info().signals.at(0).name);
+    EXPECT_THAT(found, ::testing::AnyOf(saved, saved + 1));
+    EXPECT_EQ(test::read(*opened.pool().getSignal(1)).data,
+              test::bytesOf(std::vector<int>(100, found)));
+    saved = found;
+  }
+}
+
+TEST_F(SaveRecording, FolderIsCompleteAtEveryMoment) {
+  saveWithForeignEntries();
+  std::atomic<bool> over{false};
+  std::thread saver([&] {
+    for (int i = 0; i < 100; ++i) save(rec);
+    over = true;
+  });
+  int missed = 0;
+  while (!over) {
+    for (const char* name : {"recording.json", "storage/1", "notes.txt"}) {
+      missed += access((rec / name).c_str(), F_OK) == 0 ? 0 : 1;
+    }
+  }
+  saver.join();
+  EXPECT_EQ(missed, 0);
+}
+
+}  // namespace
+}  // namespace kyr::recording

@@ -1,0 +1,90 @@
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+#include <vector>
+
+#include "kyr/parquet/RedundancyChecker.h"
+
+namespace kyr::parquet::RedundancyChecker {
+namespace {
+
+using ::testing::ThrowsMessage;
+
+// The hasher is process-wide; it is as before after the test.
+class RedundancyCheckerTest : public ::testing::Test {
+ protected:
+  ~RedundancyCheckerTest() override { defaultHasher = &_defaultHasher; }
+
+  Context<unsigned long> context;
+};
+
+TEST(DefaultHasher, MixesWordsThenSignedBytesIntoTheType) {
+  const std::vector<unsigned char> zeros(8);
+  const std::vector<unsigned char> mixed{1, 2, 3, 4, 5, 6, 7, 8, 0x7f, 0x80, 0xff, 0, 0x10};
+  const double doubles[] = {0.5, -1.0};
+  struct {
+    const void* data;
+    unsigned long size;
+    int type;
+    unsigned long hash;
+  } const cases[] = {
+      {zeros.data(), 0, Double, 0},
+      {zeros.data(), 0, Binary, 20000},
+      {zeros.data(), 0, -1, 0xffffffff},
+      {zeros.data(), 8, Double, 0x9e3779b9},
+      {&mixed[10], 1, Double, 0x9e3779b8},  // the byte 0xff is -1
+      {mixed.data(), 12, Double, 0x2f9ffb13a97027fe},
+      {mixed.data(), 13, Double, 0xdc7938bc4deda4b6},
+      {mixed.data(), 13, Binary, 0xdc7a974817b1e3e0},
+      {doubles, 16, Double, 0xf8080028cd94bfde},
+      {doubles, 16, UInt64, 0xf8080028c85e9c48},
+      {doubles + 1, 8, Double, 0xbff000009e3779b9},
+  };
+  for (const auto& [data, size, type, hash] : cases) {
+    EXPECT_EQ(_defaultHasher(data, size, static_cast<KYRSignalDataType>(type)), hash)
+        << size << " bytes of type " << type;
+  }
+  EXPECT_THAT([] { _defaultHasher(nullptr, 0, Double); },
+              ThrowsMessage<std::invalid_argument>("Data is empty"));
+}
+
+TEST_F(RedundancyCheckerTest, NumbersRunInOrderOfFirstAppearance) {
+  const double values[] = {1.5, 2.5};
+  EXPECT_EQ(processDataAndCheck(&context, values, 16, Double), 0);
+  EXPECT_EQ(processDataAndCheck(&context, values, 8, Double), 1);
+  EXPECT_EQ(processDataAndCheck(&context, values, 16, Int64), 2);  // the type belongs to it
+  EXPECT_EQ(processDataAndCheck(&context, values, 16, Double), 0);
+  EXPECT_EQ(processTimeAndCheck(&context, values, 2), 0);  // time is data of doubles
+  EXPECT_EQ(processTimeAndCheck(&context, values, 0), 3);
+  EXPECT_EQ(processDataAndCheck(&context, values, 0, Double), 3);
+  EXPECT_EQ(context.nextNumber, 4);
+  EXPECT_EQ(context.seen.size(), 4);
+}
+
+TEST_F(RedundancyCheckerTest, HashAloneDecidesWhatIsEqual) {
+  const double value = 1;
+  defaultHasher = [](const void*, unsigned long size, KYRSignalDataType type) {
+    return type == Double ? 7 : size;
+  };
+  EXPECT_EQ(processDataAndCheck(&context, &value, 8, Double), 0);
+  EXPECT_EQ(processDataAndCheck(&context, &value, 1, Double), 0);
+  EXPECT_EQ(processDataAndCheck(&context, &value, 7, Int8), 0);
+  EXPECT_EQ(processTimeAndCheck(&context, &value, 1), 0);
+  EXPECT_EQ(processDataAndCheck(&context, &value, 8, Int8), 1);
+}
+
+TEST_F(RedundancyCheckerTest, RefusedChunkLeavesTheNumbersAsTheyAre) {
+  const double value = 1;
+  const auto says = [](const char* text) { return ThrowsMessage<std::invalid_argument>(text); };
+  EXPECT_THAT([&] { processDataAndCheck(nullptr, nullptr, 8, Double); }, says("Context is empty"));
+  EXPECT_THAT([&] { processTimeAndCheck(nullptr, &value, 1); }, says("Context is empty"));
+  EXPECT_THAT([&] { processTimeAndCheck(nullptr, nullptr, 5); }, says("Time is empty"));
+  EXPECT_THAT([&] { processDataAndCheck(&context, nullptr, 0, Int8); }, says("Data is empty"));
+  defaultHasher = nullptr;
+  EXPECT_THROW(processDataAndCheck(&context, nullptr, 8, Double), std::bad_function_call);
+  EXPECT_EQ(context.nextNumber, 0);
+  EXPECT_TRUE(context.seen.empty());
+}
+
+}  // namespace
+}  // namespace kyr::parquet::RedundancyChecker

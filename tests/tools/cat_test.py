@@ -1,0 +1,126 @@
+"""Printing signals as CSV."""
+
+import subprocess
+import unittest
+
+from tool import KYR, ToolTest
+
+
+class Selection(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.store("time,a [m],b,1\n0,10,20,30\n1,11,21,31\n")
+
+    def test_by_name_id_and_header_in_the_order_given(self):
+        for arguments, header in ((("b", "a"), "b,a [m]"), (("2",), "1"), (("a [m]",), "a [m]"),
+                                  # The name of one signal, the id of another.
+                                  (("1",), "1"), (("a", "a"), "a [m],a [m]")):
+            with self.subTest(arguments=arguments):
+                self.assertEqual(self.cat(*arguments).splitlines()[0], "time," + header)
+        self.fails("cat", "rec", "a", "c", says=['"c"', "kyr info"])
+
+    def test_only_the_files_of_the_signals_are_read(self):
+        files = {s["name"]: s["dataFile"] for s in self.info()["signals"]}
+        (self.folder / "rec" / "storage" / str(files["b"])).unlink()
+        self.assertEqual(self.cat("a"), "time,a [m]\n0,10\n1,11\n")
+        self.fails("cat", "rec", says=[f"storage/{files['b']}", "missing"])
+
+
+class Windows(ToolTest):
+    def test_rows_and_times(self):
+        self.store("time,a\n-1,1\n0,2\n1,3\n1,4\n2.5,5\n")
+        for arguments, values in (
+            (("--from", "0"), "2345"), (("--to", "1"), "1234"), (("--from", "1", "--to", "1"), "34"),
+            (("--from", "-1", "--to", "-0.5"), "1"), (("--from", "3"), ""),
+            (("--rows", "1:3"), "23"), (("--rows", "3:"), "45"), (("--rows", ":2"), "12"),
+            (("--rows", ":"), "12345"), (("--rows", "2:2"), ""), (("--rows", "4:99"), "5"),
+        ):
+            with self.subTest(arguments):
+                lines = self.cat(*arguments).splitlines()
+                self.assertEqual(lines[0], "time,a")
+                self.assertEqual("".join(line.split(",")[1] for line in lines[1:]), values)
+
+    def test_nonsense_is_wrong_usage(self):
+        self.store("time,a\n0,1\n")
+        for arguments in (("--rows", "1"), ("--rows", "2:1"), ("--rows", "-1:2"), ("--rows", "a:b"),
+                          ("--from", "2", "--to", "1"), ("--from", "nan"), ("--from", "x"),
+                          ("--from", "1", "--rows", "1:2")):
+            with self.subTest(arguments):
+                self.fails("cat", "rec", *arguments, says=[arguments[0]], exit_code=2)
+
+
+class Merging(ToolTest):
+    def test_repeats_of_a_time_pair_up(self):
+        text = "time,a,b,c\n0,1,,\n1,2,5,\n1,3,,8\n1,4,7,\n2,,,9\n"
+        self.store(text)
+        # The second 1 of b stands beside the second of a, wherever they were in the file.
+        self.assertEqual(self.cat(), "time,a,b,c\n0,1,,\n1,2,5,8\n1,3,7,\n1,4,,\n2,,,9\n")
+        self.assertEqual(self.cat("c", "b"), "time,c,b\n1,8,5\n1,,7\n2,9,\n")
+        self.assertEqual(self.cat("--rows", "1:3"), "time,a,b,c\n1,2,5,8\n1,3,7,\n")
+        self.assertEqual(self.cat("--from", "2"), "time,a,b,c\n2,,,9\n")
+
+    def test_equal_times_in_different_files_give_one_row_each(self):
+        self.store("time,a,b\n0,1,2\n0,3,4\n", "--no-shared-time")
+        self.assertEqual(self.cat(), "time,a,b\n0,1,2\n0,3,4\n")
+
+
+class OtherSignals(ToolTest):
+    """Signals of hosts, which CSV files cannot give."""
+
+    def setUp(self):
+        super().setUp()
+        self.odd_recording()
+
+    def check(self, arguments, expected):
+        self.assertEqual(self.cat(*arguments, recording="odd"), expected)
+
+    def test_matrices_and_blobs(self):
+        self.check(["matrix", "growing", "flags", "blob"],
+                   "time,matrix,growing,flags,blob\n"
+                   '0,"1 3 5;2 4 6","1 2","true false",aGk=\n'
+                   '1,"0.1 1e+300 inf;-0.0 nan 7","3 5;4 6","false true",AP94\n')
+
+    def test_without_time_samples_are_counted(self):
+        self.check(["count", "count too"], "row,count,count too\n0,0.1,-1\n1,16777216,2\n2,3,\n")
+        self.check(["count", "--from", "1", "--to", "1"], "row,count\n1,16777216\n")
+        self.fails("cat", "odd", "count", "matrix", says=["times"])
+
+    def test_times_in_no_order_all_appear(self):
+        self.check(["falling"], "time,falling\n2,1\n1,2\nnan,3\n1,4\n")
+        self.check(["falling", "17"],
+                   "time,falling,twin\n0,,1\n1,,2\n2,1,\n1,2,\nnan,3,\n1,4,\n")
+
+    def test_names(self):
+        self.fails("cat", "odd", "twin", says=["17", "18", '"twin"'])
+        self.check(["18"], "time,twin\n0,3\n1,4\n")
+        # Imported again, "7 [m]" alone would be the signal "7" in metres.
+        self.check(["7 [m]"], "time,7 [m] []\n0,5\n1,6\n")
+
+    def test_times_and_samples_that_do_not_match_are_refused(self):
+        self.fails("cat", "odd", "uneven", says=['"uneven"', "3 times", "2 samples"])
+
+
+class Output(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.store("time,a\n" + "".join(f"{i},{i}.5\n" for i in range(200_000)))
+
+    def test_a_reader_that_closes_early_is_no_failure(self):
+        tool = subprocess.Popen([KYR, "cat", "rec"], stdout=subprocess.PIPE, cwd=self.folder,
+                                stderr=subprocess.PIPE, env=self.environment())
+        self.assertEqual(tool.stdout.readline(), b"time,a\n")
+        tool.stdout.close()
+        self.assertEqual(tool.stderr.read(), b"")
+        tool.stderr.close()
+        self.assertEqual(tool.wait(), 0)
+
+    def test_a_full_disk_is_a_failure(self):
+        with open("/dev/full", "wb") as full:
+            tool = subprocess.run([KYR, "cat", "rec"], stdout=full, stderr=subprocess.PIPE,
+                                  cwd=self.folder, env=self.environment(), check=False)
+        self.assertEqual(tool.returncode, 1)
+        self.assertIn(b"No space left", tool.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()

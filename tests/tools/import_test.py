@@ -1,0 +1,218 @@
+"""Importing CSV files: what they say is stored, or refused with the place where it stands."""
+
+import struct
+import unittest
+
+from tool import EXAMPLES, ToolTest, rows_of
+
+
+def bits(cell):
+    return struct.pack("<d", float(cell))
+
+
+class Values(ToolTest):
+    def test_every_cell_of_the_examples_comes_back(self):
+        for name, options in (("building-hvac", []), ("imu", []), ("imu", ["--no-shared-time"]),
+                              ("imu", ["--compression", "zstd"])):
+            with self.subTest(name, options=options):
+                (file,) = (EXAMPLES / name).glob("*.csv")
+                self.run_tool("import", file, "rec", "--force", *options)
+                self.run_tool("verify", "rec")
+                expected = rows_of(file.read_text())[1:]
+                found = rows_of(self.cat())[1:]
+                self.assertEqual([list(map(bits, row)) for row in found],
+                                 [list(map(bits, row)) for row in expected])
+
+    def test_the_output_imports_as_the_same_recording(self):
+        for text in ("time,h [m],v (m/s),on\n0,1,0.5,true\n1,,nan,false\n2,3,-inf,\n",
+                     "time,u[a],u[b],x[1],der(h),p (2),k [1],T (degC)\n0,1,2,3,4,5,6,7\n",
+                     'time,"a, b [m]","q""x","two\nlines"\n0,1,2,3\n',
+                     "time,x,x,x (2),\n0,1,2,3,4\n"):
+            with self.subTest(text=text):
+                self.store(text)
+                described, printed = self.info(), self.cat()
+                self.store(printed)
+                self.assertEqual(self.info(), described)
+                self.assertEqual(self.cat(), printed)
+
+    def test_contents_of_equal_hash_are_kept_apart(self):
+        # The library's hash of small integers is often equal, and takes -0 for 0.
+        pairs = [(a, b) for a in range(2) for b in range(70)]
+        columns = [[f"s{i}" for i in range(len(pairs))], *zip(*pairs)]
+        lines = [f"{time},{','.join(map(str, cells))}"
+                 for time, cells in zip(("time", 0, 1), columns)]
+        for text in ("\n".join(lines) + "\n", "time,a,b\n0,-0.0,0\n1,0.5,0.5\n",
+                     "time,a\n0,-0.0\n1,1\n"):
+            self.store(text)
+            self.run_tool("verify", "rec")
+            self.assertEqual(self.cat(), text)
+
+    def test_a_line_as_long_as_several_blocks_of_the_reader(self):
+        for note in ("x" * 5_000_000, '"' + "x\n" * 2_000_000 + '"'):
+            self.store(f"time,a,note,b\n0,1,{note},2\n1,3,,4\n")
+            self.assertEqual(self.cat(), "time,a,b\n0,1,2\n1,3,4\n")
+
+    def test_file_forms(self):
+        for name, content in {
+            "CRLF and byte order mark": b"\xef\xbb\xbftime,a\r\n0,1\r\n1,2\r\n",
+            "CR": b"time,a\r0,1\r1,2\r",
+            "no line end": b"time,a\n0,1\n1,2",
+            "blanks": b" time ,\ta \n 0 , 1\n1,2 \n",
+            "quotes": b'"time","a"\n"0","1"\n1,2\n',
+            "empty lines": b"\n\ntime,a\n\n0,1\n\n\n1,2\n\n",
+            "comma at the end": b"time,a,\n0,1,\n1,2,\n",
+        }.items():
+            with self.subTest(name):
+                self.store(content)
+                self.assertEqual(self.cat(), "time,a\n0,1\n1,2\n")
+
+    def test_a_pipe(self):
+        self.run_tool("import", "/dev/stdin", "rec", stdin="time,a\n0,1\n")
+        self.assertEqual(self.cat(), "time,a\n0,1\n")
+
+
+class Gaps(ToolTest):
+    def test_signals_with_the_same_gaps_share_their_times(self):
+        self.store("time,a,b,c,d\n0,1,,5.5,\n1,,2,,\n2,3,,6.5,\n3,4,5,7.5,\n")
+        signals = self.signals()
+        self.assertEqual(signals["a"]["timeFile"], signals["c"]["timeFile"])
+        self.assertNotEqual(signals["a"]["timeFile"], signals["b"]["timeFile"])
+        self.assertEqual([signals[name]["rows"] for name in "abcd"], [3, 2, 3, 0])
+        self.assertEqual(signals["b"]["timeSpan"], {"from": 1, "to": 3})
+        self.assertEqual(self.cat(), "time,a,b,c,d\n0,1,,5.5,\n1,,2,,\n2,3,,6.5,\n3,4,5,7.5,\n")
+
+    def test_a_file_without_rows_describes_its_signals(self):
+        self.store("time,a [m],b\n")
+        self.assertEqual(self.cat(), "time,a [m],b\n")
+        self.assertEqual(self.signals()["a"]["rows"], 0)
+
+
+class Types(ToolTest):
+    def test_inferred(self):
+        for cells, expected in {
+            ("1", "-2"): "int64",
+            ("1", "2.5"): "double",
+            ("nan", "NaN"): "double",
+            ("true", "False"): "boolean",
+            ("18446744073709551615", "0"): "uint64",
+            ("18446744073709551615", ""): "uint64",
+            ("1e19", "1"): "double",
+        }.items():
+            with self.subTest(cells=cells):
+                self.store("time,a\n" + "".join(f"{i},{cell}\n" for i, cell in enumerate(cells)))
+                self.assertEqual(self.signals()["a"]["type"], expected)
+                found = [row[1] for row in rows_of(self.cat())[1:]]
+                if expected == "uint64":
+                    self.assertEqual(found, [cell for cell in cells if cell])
+
+    def test_given(self):
+        for name, cells, printed in (
+            ("double", ("1", "1e-400"), ("1", "0")),
+            ("single", ("0.1", "1e-50"), ("0.1", "0")),
+            ("int8", ("-128", "127"), None),
+            ("uint8", ("0", "255"), None),
+            ("int16", ("-32768", "32767"), None),
+            ("uint16", ("0", "65535"), None),
+            ("int32", ("-2147483648", "2147483647"), None),
+            ("uint32", ("0", "4294967295"), None),
+            ("int64", ("-9223372036854775808", "9223372036854775807"), None),
+            ("uint64", ("0", "18446744073709551615"), None),
+            ("int16", ("1.0", "+1e3"), ("1", "1000")),
+            ("boolean", ("0.0", "TRUE"), ("false", "true")),
+        ):
+            with self.subTest(type=name, cells=cells):
+                self.store(f"time,a [m]\n0,{cells[0]}\n1,\n2,{cells[1]}\n", "--type", f"a={name}")
+                self.assertEqual(self.signals()["a"]["type"], name)
+                found = [row[1] for row in rows_of(self.cat())[1:]]
+                self.assertEqual(found, list(printed or cells))
+
+    def test_what_does_not_fit_is_refused_with_its_line(self):
+        for name, cell in (("int8", "128"), ("uint8", "-1"), ("int32", "0.5"), ("int64", "1e19"),
+                           ("uint64", "18446744073709551616"), ("single", "1e39"),
+                           ("double", "1e400"), ("boolean", "2"), ("int16", "x"), ("uint16", "nan")):
+            with self.subTest(type=name, cell=cell):
+                self.write(f"time,a\r\n0,1\r\n\r\n1,{cell}\r\n")
+                self.fails("import", "in.csv", "new", "--type", f"a={name}",
+                           says=["line 4", '"a"', cell, name])
+                self.assertFalse((self.folder / "new").exists())
+
+    def test_a_number_too_large_for_double_is_refused(self):
+        self.write("time,a\n0,1\n1,1e400\n")
+        self.fails("import", "in.csv", "new", says=["line 3", '"a"', "1e400"])
+
+
+class Names(ToolTest):
+    def test_units(self):
+        for header, name, unit in (
+            ("h [m]", "h", "m"), ("h(m)", "h", "m"), ("p (kg/(m s))", "p", "kg/(m s)"),
+            ("k [1]", "k", "1"), ("der(h)", "der(h)", ""), ("x[3]", "x[3]", ""),
+            ("x (2)", "x (2)", ""), ("x[1,2]", "x[1,2]", ""), ("[m]", "[m]", ""),
+            ("h []", "h", ""), ("ü [°C]", "ü", "°C"),
+        ):
+            with self.subTest(header=header):
+                self.store(f'time,"{header}"\n0,1\n')
+                self.assertEqual([(name, unit)],
+                                 [(s["name"], s["unit"]) for s in self.info()["signals"]])
+
+    def test_names_twice(self):
+        self.store("time,x [m],x (2),x [s],,\n0,1,2,3,4,\n")
+        self.assertEqual(self.cat(), "time,x [m],x (2),x (3) [s],column 4\n0,1,2,3,4\n")
+
+    def test_the_time_column(self):
+        for name in ("Time", "Time (s)"):
+            self.store("a,Time (s),time\n5,0,7\n6,1,8\n", "--time", name)
+            self.assertEqual(self.cat(), "time,a,time\n0,5,7\n1,6,8\n")
+        warning = self.store("t [ms],a\n0,1\n").stderr
+        self.assertIn('"ms"', warning)
+
+
+class Refusals(ToolTest):
+    def test_each_names_the_line(self):
+        for name, text, says in (
+            ("too many cells", "t,a\n\n0,1\n\n\n1,2,3\n", ["line 6", "3 cells", "2"]),
+            ("too few cells", "t,a,b\r\n0,1,2\r\n1,2\r\n", ["line 3", "2 cells", "3"]),
+            ("behind lines in quotes", 't,a,b\n0,1,"x\r\ny\nz"\n1,2\n', ["line 5"]),
+            ("open quote", 't,a,b\n0,1,2\n1,2,"x\n2,3,4\n', ["line 3", "quotation"]),
+            ("falling time", "t,a\r0,1\r2,1\r\r1,1\r", ["line 5", '"t"', "1", "2"]),
+            ("no time", "t,a\n0,1\n,2\n", ["line 3", '"t"']),
+            ("time nan", "t,a\n0,1\nnan,2\n", ["line 3", '"t"', "nan"]),
+            ("time inf", "t,a\n0,1\ninf,2\n", ["line 3", '"t"', "inf"]),
+            ("time text", "t,a\n0,1\nx,2\n", ["line 3", '"t"', '"x"']),
+            ("time boolean", "t,a\ntrue,1\n", ["line 2", '"t"']),
+            ("time date", "t,a\n2020-01-01,1\n", ["line 2", '"t"', "2020-01-01"]),
+            ("empty file", "", ["empty"]),
+            ("empty lines alone", "\r\n\r\n", ["empty"]),
+            ("one column", "t;a\n0;1\n", ["t;a", "comma"]),
+            ("UTF-16", "t,a\n0,1\n".encode("utf-16"), ["UTF-16"]),
+            ("header in Latin-1", "t,T [°C]\n0,1\n".encode("latin-1"), ["line 1", "UTF-8"]),
+        ):
+            with self.subTest(name):
+                self.write(text)
+                self.fails("import", "in.csv", "new", says=["in.csv", *says])
+                self.assertFalse((self.folder / "new").exists())
+
+    def test_repeated_times_are_fine(self):
+        self.store("t,a\n0,1\n0,2\n0,3\n")
+        self.assertEqual(self.cat(), "time,a\n0,1\n0,2\n0,3\n")
+
+    def test_columns_without_numbers_are_left_out_and_named(self):
+        text = 't,a,note,day,b\n0,1,5,2020-01-01,2\n1,1,"two\nlines",2020-01-02,3\n'
+        warnings = self.store(text).stderr.splitlines()
+        self.assertEqual(len(warnings), 2)
+        self.assertIn('line 3: column "note"', warnings[0])
+        self.assertIn('line 2: column "day"', warnings[1])
+        self.assertEqual(self.cat(), "time,a,b\n0,1,2\n1,1,3\n")
+        self.assertEqual(self.signals()["b"]["id"], 3)
+        self.fails("import", "in.csv", "new", "--strict", says=["line 3", '"note"', "--strict"])
+        self.assertFalse((self.folder / "new").exists())
+
+    def test_roundings_are_told(self):
+        for text in ("t,a\n0,18446744073709551615\n1,-1\n", "t,a\n0,18446744073709551616\n1,1\n",
+                     "t,a\n1396293888886000001,1\n1396293888886000002,1\n"):
+            with self.subTest(text=text):
+                self.assertIn("rounded", self.store(text).stderr)
+                self.fails("import", "in.csv", "new", "--strict", says=["rounded"])
+
+
+if __name__ == "__main__":
+    unittest.main()

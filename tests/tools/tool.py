@@ -1,0 +1,66 @@
+"""What the tests of the command line share: running it, and files for it."""
+
+import csv
+import json
+import os
+import pathlib
+import subprocess
+import tempfile
+import unittest
+
+KYR = os.environ["KYR"]
+ODD_RECORDING = os.environ["KYR_ODD_RECORDING"]
+EXAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples" / "data"
+
+
+class ToolTest(unittest.TestCase):
+    """Each test has a folder of its own, which is also the folder of temporary files."""
+
+    def setUp(self):
+        temporary = tempfile.TemporaryDirectory(prefix="kyr test ")
+        self.addCleanup(temporary.cleanup)
+        self.folder = pathlib.Path(temporary.name)
+        self.temporary = self.folder / "tmp"
+        self.temporary.mkdir()
+
+    def environment(self):
+        return {**os.environ, "TMPDIR": str(self.temporary)}
+
+    def run_tool(self, *arguments, expect=0, stdin=None):
+        result = subprocess.run([KYR, *map(str, arguments)], capture_output=True, text=True,
+                                env=self.environment(), cwd=self.folder, input=stdin)
+        self.assertEqual(result.returncode, expect, f"{arguments}\n{result.stdout}{result.stderr}")
+        self.assertEqual(os.listdir(self.temporary), [], "temporary files are left")
+        return result
+
+    def fails(self, *arguments, says, exit_code=1):
+        """Run and fail with one line on standard error that holds each text of `says`."""
+        error = self.run_tool(*arguments, expect=exit_code).stderr.splitlines()[-1]
+        self.assertTrue(error.startswith("kyr: "), error)
+        for text in says:
+            self.assertIn(text, error)
+
+    def write(self, text, name="in.csv"):
+        path = self.folder / name
+        path.write_bytes(text if isinstance(text, bytes) else text.encode())
+        return path
+
+    def store(self, text, *options):
+        """Import a CSV text as the recording `rec`, in place of the one before."""
+        return self.run_tool("import", self.write(text), "rec", "--force", *options)
+
+    def cat(self, *arguments, recording="rec"):
+        return self.run_tool("cat", recording, *arguments).stdout
+
+    def info(self, recording="rec"):
+        return json.loads(self.run_tool("info", recording, "--json").stdout)
+
+    def signals(self, recording="rec"):
+        return {signal["name"]: signal for signal in self.info(recording)["signals"]}
+
+    def odd_recording(self):
+        subprocess.run([ODD_RECORDING, "odd"], check=True, cwd=self.folder, env=self.environment())
+
+
+def rows_of(text):
+    return list(csv.reader(text.splitlines()))

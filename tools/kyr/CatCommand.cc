@@ -1,0 +1,149 @@
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Commands.h"
+#include "Errors.h"
+#include "HeaderNames.h"
+#include "Output.h"
+#include "SampleTable.h"
+#include "Text.h"
+#include "kyr/recording/Recording.h"
+
+namespace kyr::tool {
+
+namespace {
+
+using recording::RecordingInfo;
+using recording::SignalInfo;
+
+struct CatOptions {
+  std::string folder;
+  std::vector<std::string> signals;
+  std::optional<double> from;
+  std::optional<double> to;
+  std::string rows;
+};
+
+std::size_t parseRow(std::string_view text, std::size_t ifEmpty, const std::string& option) {
+  if (text.empty()) return ifEmpty;
+  std::size_t row = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), row);
+  if (error == std::errc() && end == text.data() + text.size()) return row;
+  throw UsageError(
+      fmt::format("--rows {}: give A:B with whole numbers from 0, or A: or :B", option));
+}
+
+Window windowOf(const CatOptions& options) {
+  Window window;
+  window.from = options.from.value_or(window.from);
+  window.to = options.to.value_or(window.to);
+  if (!(window.from <= window.to)) {
+    throw UsageError(
+        fmt::format("--from {} --to {}: no time is in between", window.from, window.to));
+  }
+  if (options.rows.empty()) return window;
+  const std::string_view rows = options.rows;
+  const std::size_t colon = rows.find(':');
+  // Without a colon all of it is no number.
+  const std::string_view first = colon == std::string_view::npos ? "?" : rows.substr(0, colon);
+  window.firstRow = parseRow(first, window.firstRow, options.rows);
+  window.endRow = parseRow(rows.substr(colon + 1), window.endRow, options.rows);
+  if (window.firstRow > window.endRow) {
+    throw UsageError(fmt::format("--rows {}: the first row is after the last", options.rows));
+  }
+  return window;
+}
+
+const SignalInfo& signalCalled(const RecordingInfo& info, const std::string& name,
+                               const std::string& folder) {
+  const SignalInfo* found = nullptr;
+  for (const SignalInfo& signal : info.signals) {
+    if (signal.name != name && joinHeader(signal.name, signal.unit) != name) continue;
+    if (found) {
+      throw std::runtime_error(
+          fmt::format("{}: the signals {} and {} are both called {}: name one "
+                      "by its number",
+                      folder, found->signalId, signal.signalId, inQuotes(name)));
+    }
+    found = &signal;
+  }
+  if (found) return *found;
+  for (const SignalInfo& signal : info.signals) {
+    if (std::to_string(signal.signalId) == name) return signal;
+  }
+  throw std::runtime_error(fmt::format("{}: there is no signal {}: kyr info {} lists them", folder,
+                                       inQuotes(name), folder));
+}
+
+int runCat(const CatOptions& options) {
+  const Window window = windowOf(options);
+  const Path folder = Path::fromNarrow(options.folder);
+  std::vector<SignalInfo> signals;
+  std::set<int> ids;
+  {
+    RecordingInfo info = recording::describeRecording(folder);
+    for (const std::string& name : options.signals) {
+      signals.push_back(signalCalled(info, name, options.folder));
+      ids.insert(signals.back().signalId);
+    }
+    if (options.signals.empty()) signals = std::move(info.signals);
+  }
+  recording::Recording opened =
+      ids.empty() ? recording::openRecording(folder)
+                  : recording::openRecording(folder, std::vector<int>(ids.begin(), ids.end()));
+  const SampleTable table(opened, std::move(signals));
+  Output out;
+  table.printHeader(out);
+  table.printRows(out, window);
+  out.flush();
+  return 0;
+}
+
+}  // namespace
+
+void addCatCommand(CLI::App& app, Action& action) {
+  CLI::App* command = app.add_subcommand("cat", "Print signals as CSV");
+  const auto options = std::make_shared<CatOptions>();
+  command->add_option("FOLDER", options->folder, "Folder of the recording")
+      ->required()
+      ->type_name("");
+  command
+      ->add_option("SIGNAL", options->signals, "Names or ids of signals, all of them unless given")
+      ->type_name("");
+  auto* from =
+      command->add_option("--from", options->from, "Leave out earlier times [s]")->type_name("T");
+  auto* to = command->add_option("--to", options->to, "Leave out later times [s]")->type_name("T");
+  command->add_option("--rows", options->rows, "The rows A to B - 1, counted from 0")
+      ->type_name("A:B")
+      ->excludes(from)
+      ->excludes(to);
+  command->footer(R"help(
+Prints a header of names and units, then a row per time. Where signals have different times, the rows
+are merged and cells without a sample are empty; the n-th sample of a repeated time stands beside the
+n-th ones of other signals. For signals without times, the column "row" counts their samples, and
+takes the place of time.
+
+Numbers have the shortest form that reads back exactly, so kyr import takes them in unchanged. A
+matrix is one cell, "1 2;3 4": rows with semicolons, elements with blanks between them. Blobs are
+base64.
+
+Examples:
+  kyr cat run
+  kyr cat run speed torque --from 10 --to 20.5
+  kyr cat run --rows 1000:2000
+  kyr cat run --rows :10)help");
+  command->callback([options, &action] { action = [options] { return runCat(*options); }; });
+}
+
+}  // namespace kyr::tool

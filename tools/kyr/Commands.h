@@ -1,0 +1,23 @@
+#pragma once
+
+#include <functional>
+
+namespace CLI {
+class App;
+}
+
+namespace kyr::tool {
+
+/// What the command line asks for: run after all of it was understood; returns the exit code.
+using Action = std::function<int()>;
+
+/// \name Each adds a subcommand, which sets \p action when it is called.
+/// @{
+void addImportCommand(CLI::App& app, Action& action);
+void addInfoCommand(CLI::App& app, Action& action);
+void addCatCommand(CLI::App& app, Action& action);
+void addVerifyCommand(CLI::App& app, Action& action);
+void addDemoCommand(CLI::App& app, Action& action);
+/// @}
+
+}  // namespace kyr::tool

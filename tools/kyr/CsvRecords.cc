@@ -1,0 +1,50 @@
+#include "CsvRecords.h"
+
+namespace kyr::tool {
+
+bool CsvRecordScanner::atLineEnd() const {
+  return text_[position_] == '\n' || text_[position_] == '\r';
+}
+
+void CsvRecordScanner::skipLineEnd() {
+  const bool isPair = text_.substr(position_, 2) == "\r\n";
+  position_ += isPair ? 2 : 1;
+  ++line_;
+}
+
+CsvRecordScanner::State CsvRecordScanner::skipCharacter(State state, CsvRecord& record) {
+  const char c = text_[position_];
+  if (state == State::quoted) {
+    if (atLineEnd()) {
+      skipLineEnd();
+      return state;
+    }
+    ++position_;
+    return c == '"' ? State::afterQuote : state;
+  }
+  ++position_;
+  if (c == ',') {
+    ++record.cells;
+    return State::cellStart;
+  }
+  // A quotation mark means something at the start of a cell and, doubled, inside a quoted one.
+  return c == '"' && state != State::plain ? State::quoted : State::plain;
+}
+
+bool CsvRecordScanner::next(CsvRecord& record) {
+  while (position_ < text_.size() && atLineEnd()) skipLineEnd();
+  if (position_ == text_.size()) return false;
+  record = {};
+  record.line = line_;
+  const std::size_t begin = position_;
+  State state = State::cellStart;
+  while (position_ < text_.size() && (state == State::quoted || !atLineEnd())) {
+    state = skipCharacter(state, record);
+  }
+  record.text = text_.substr(begin, position_ - begin);
+  record.isUnclosed = state == State::quoted;
+  if (position_ < text_.size()) skipLineEnd();
+  return true;
+}
+
+}  // namespace kyr::tool

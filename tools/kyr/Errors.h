@@ -1,0 +1,31 @@
+#pragma once
+
+#include <arrow/result.h>
+#include <arrow/status.h>
+
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+namespace kyr::tool {
+
+/// The command line asks for something that makes no sense: exit code 2.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Whoever read standard output has gone, as `head` does. No failure: exit code 0.
+class OutputClosed : public std::exception {};
+
+inline void check(const ::arrow::Status& status) {
+  if (!status.ok()) throw std::runtime_error(status.message());
+}
+
+template <typename T>
+T check(::arrow::Result<T> result) {
+  check(result.status());
+  return std::move(result).ValueUnsafe();
+}
+
+}  // namespace kyr::tool

@@ -1,0 +1,177 @@
+#include "ImportCommand.h"
+
+#include <arrow/util/compression.h>
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+#include "Commands.h"
+#include "Errors.h"
+#include "Output.h"
+#include "ProgressBar.h"
+#include "RecordingSummary.h"
+#include "SignalStore.h"
+#include "TemporaryFolder.h"
+#include "Text.h"
+#include "TypeNames.h"
+#include "kyr/parquet/SignalPool.h"
+#include "kyr/recording/Recording.h"
+
+namespace kyr::tool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Codec = ::arrow::Compression;
+
+constexpr std::array<std::pair<std::string_view, Codec::type>, 6> kCodecs{{
+    {"uncompressed", Codec::UNCOMPRESSED},
+    {"snappy", Codec::SNAPPY},
+    {"gzip", Codec::GZIP},
+    {"brotli", Codec::BROTLI},
+    {"zstd", Codec::ZSTD},
+    {"lz4_hadoop", Codec::LZ4_HADOOP},
+}};
+
+std::string codecNames() {
+  std::string names;
+  for (const auto& [name, codec] : kCodecs) {
+    names += (names.empty() ? "" : ", ") + std::string(name);
+  }
+  return names;
+}
+
+Codec::type codecCalled(const std::string& name) {
+  for (const auto& [known, codec] : kCodecs) {
+    if (known == name) return codec;
+  }
+  throw UsageError(fmt::format("--compression {}: there are only {}", name, codecNames()));
+}
+
+// Told before the work and not after it.
+void checkTarget(const std::string& folder, bool replaces) {
+  if (folder.empty()) throw UsageError("FOLDER is empty");
+  fs::path path = fs::absolute(folder).lexically_normal();
+  if (!path.has_filename()) path = path.parent_path();
+  if (!fs::exists(fs::symlink_status(path))) {
+    if (fs::is_directory(path.parent_path())) return;
+    throw std::runtime_error(
+        fmt::format("{} cannot be made: {} is no folder", folder, path.parent_path().string()));
+  }
+  if (fs::is_directory(path) && fs::is_empty(path)) return;
+  if (!fs::exists(path / "recording.json")) {
+    throw std::runtime_error(
+        fmt::format("{} exists and is no recording: choose another name", folder));
+  }
+  if (!replaces) {
+    throw std::runtime_error(fmt::format(
+        "{} is a recording already: choose another name, or replace it with --force", folder));
+  }
+}
+
+void tellLosses(const CsvTable& table, const ImportOptions& options) {
+  const auto& losses = table.losses();
+  if (options.isStrict && !losses.empty()) {
+    throw std::runtime_error(fmt::format(
+        "{}{}: nothing was stored because of --strict", losses.front(),
+        losses.size() > 1 ? fmt::format(" (and {} more)", losses.size() - 1) : std::string()));
+  }
+  for (const std::string& loss : losses) tell("warning: " + loss);
+  constexpr std::array<std::string_view, 6> kSeconds{"",       "s",       "sec",
+                                                     "second", "seconds", "Seconds"};
+  if (std::find(kSeconds.begin(), kSeconds.end(), table.timeUnit()) == kSeconds.end()) {
+    tell(fmt::format("warning: the times are in {}, and are stored as they are: recordings count "
+                     "time in seconds",
+                     inQuotes(table.timeUnit())));
+  }
+}
+
+int runImport(const ImportOptions& options) {
+  importCsv(options);
+  const RecordingSummary summary(recording::describeRecording(Path::fromNarrow(options.folder)));
+  Output out;
+  out.print("{}: {}\n", options.folder, summary.text());
+  out.flush();
+  return 0;
+}
+
+}  // namespace
+
+void importCsv(const ImportOptions& options) {
+  const Codec::type codec = codecCalled(options.compression);
+  const Path folder = Path::fromNarrow(options.folder);
+  checkTarget(options.folder, options.replaces);
+  ProgressBar bar;
+  CsvTable table(options.file, options.columns, [&bar](double part) { bar.show("reading", part); });
+  bar.hide();
+  tellLosses(table, options);
+  if (table.columns().empty()) {
+    throw std::runtime_error(options.file +
+                             ": no column holds numbers, so there is nothing to store");
+  }
+  const TemporaryFolder storage;
+  parquet::SignalPool pool(storage.path());
+  SignalStore store(pool, codec, options.separatesTime);
+  std::vector<recording::SignalDescription> descriptions;
+  for (CsvColumn& column : table.columns()) {
+    bar.show("storing", static_cast<double>(descriptions.size()) /
+                            static_cast<double>(table.columns().size()));
+    store.store(column, table.samplesOf(column));
+    column.cells.reset();
+    recording::SignalDescription description;
+    description.signalId = column.id;
+    description.name = column.name;
+    description.unit = column.unit;
+    descriptions.push_back(std::move(description));
+  }
+  bar.show("saving", 1);
+  recording::saveRecording(pool, descriptions, folder);
+}
+
+void addImportCommand(CLI::App& app, Action& action) {
+  CLI::App* command = app.add_subcommand("import", "Store a CSV file as a recording");
+  const auto options = std::make_shared<ImportOptions>();
+  command->add_option("FILE", options->file, "CSV file: a line of names, then a row per time")
+      ->required()
+      ->type_name("");
+  command->add_option("FOLDER", options->folder, "Folder of the new recording")
+      ->required()
+      ->type_name("");
+  command
+      ->add_option("--time", options->columns.timeName,
+                   "Column of the times, the first one unless given")
+      ->type_name("NAME");
+  command
+      ->add_option("--type", options->columns.types,
+                   "Store the signal NAME as " + columnTypeNames() + "; may be given repeatedly")
+      ->type_name("NAME=TYPE")
+      ->allow_extra_args(false);
+  command
+      ->add_option("--compression", options->compression,
+                   "Codec of the files, uncompressed unless given: " + codecNames())
+      ->type_name("CODEC");
+  command->add_flag("--no-shared-time", options->separatesTime,
+                    "Store times beside each signal's samples, not in a file that signals share");
+  command->add_flag("--strict", options->isStrict,
+                    "Store nothing if something of the file cannot be stored");
+  command->add_flag("--force", options->replaces, "Replace the recording in FOLDER");
+  command->footer(R"help(
+Each column is a signal over the time column. A header such as "h [m]" or "h (m)" gives name and
+unit. Types are integer (int64, or uint64 where needed), double and boolean, as the cells say. At an
+empty cell a signal has no sample; "nan" and "inf" are values. Times are in seconds and do not
+decrease. Columns that are no numbers are left out, and named.
+
+Examples:
+  kyr import run.csv run
+  kyr import run.csv run --time "Time (s)" --type gear=int8 --type flags=uint16
+  kyr import run.csv run --compression zstd --force)help");
+  command->callback([options, &action] { action = [options] { return runImport(*options); }; });
+}
+
+}  // namespace kyr::tool

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+#include "CsvTable.h"
+
+namespace kyr::tool {
+
+struct ImportOptions {
+  std::string file;
+  std::string folder;
+  CsvOptions columns;
+  std::string compression = "uncompressed";
+  bool separatesTime = false;  ///< whether each signal has its times beside its samples
+  bool isStrict = false;       ///< whether what cannot be stored is an error
+  bool replaces = false;       ///< whether an existing recording is replaced
+};
+
+/// Store a CSV file as a recording. What cannot be stored is told on standard error.
+void importCsv(const ImportOptions& options);
+
+}  // namespace kyr::tool

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "kyr/recording/RecordingInfo.h"
+
+namespace kyr::tool {
+
+/// Which signals of a recording share files, and what that saves.
+class RecordingSummary {
+ public:
+  explicit RecordingSummary(const recording::RecordingInfo& info);
+
+  std::uint64_t storedBytes() const { return storedBytes_; }
+
+  /// Bytes if every signal had files of its own, and those of files that no signal uses.
+  std::uint64_t bytesWithoutSharing() const { return bytesWithoutSharing_; }
+  std::uint64_t savedBytes() const { return bytesWithoutSharing_ - storedBytes_; }
+
+  /// Bytes of the signal's files, shared or not.
+  std::uint64_t bytesOf(const recording::SignalInfo& signal) const;
+
+  /// Number of signals that use the file.
+  std::size_t usersOf(int storageId) const;
+
+  /// "3 signals in 4 files, 1,234 bytes; sharing files saved 100 bytes".
+  std::string text() const;
+
+ private:
+  struct File {
+    std::uint64_t size = 0;
+    std::size_t users = 0;
+  };
+
+  std::uint64_t sizeOf(const std::optional<int>& storageId) const;
+
+  std::size_t signalCount_;
+  std::map<int, File> files_;
+  std::uint64_t storedBytes_ = 0;
+  std::uint64_t bytesWithoutSharing_ = 0;
+};
+
+}  // namespace kyr::tool
