@@ -116,23 +116,22 @@ void appendOneRow(benchmark::State& state) {
   const std::size_t rows = sizes().appendRows;
   const auto batchRows = static_cast<unsigned long>(state.range(0));
   const Stream stream{clockTimes(rows), state.range(1) != 0 ? quantised(rows) : noise(rows)};
-  const DictionaryOption dictionary(false);
   std::vector<unsigned long> numbers(2 * rows);
   timeChecker(stream, numbers);  // the eliminator of the first round needs them, too
   Rounds rounds;
   for (auto _ : state) {
-    double parts = 0;
-    rounds.takeTurns(
-        {[&] { parts += rounds.add("checker", timeChecker(stream, numbers)); },
-         [&] { parts += rounds.add("eliminator", timeEliminator(numbers)); },
-         [&] { parts += rounds.add("push_back", timePushBack(stream)); },
-         [&] {
-           const Streamed streamed = timeSignal(stream, batchRows);
-           state.SetIterationTime(rounds.add("append", streamed.append));
-           rounds.add("all", streamed.append + streamed.finish);
-           rounds.add("bytes", streamed.bytesPerRow);
-         }});
-    rounds.add("parts", parts);
+    rounds.takeTurns({{"checker", [&] { return timeChecker(stream, numbers); }},
+                      {"eliminator", [&] { return timeEliminator(numbers); }},
+                      {"push_back", [&] { return timePushBack(stream); }},
+                      {"append", [&] {
+                         const Streamed streamed = timeSignal(stream, batchRows);
+                         rounds.add("all", streamed.append + streamed.finish);
+                         rounds.add("bytes", streamed.bytesPerRow);
+                         return streamed.append;
+                       }}});
+    rounds.add("parts",
+               rounds.last("checker") + rounds.last("eliminator") + rounds.last("push_back"));
+    state.SetIterationTime(rounds.last("append"));
   }
   reportThroughput(state, rows, rows * 2 * sizeof(double));
   const auto nsPerAppend = [&](const char* name) {
@@ -149,7 +148,7 @@ void appendOneRow(benchmark::State& state) {
 BENCHMARK(appendOneRow)
     ->Name("append_one_row")
     ->ArgNames({"batch", "repeating"})
-    ->ArgsProduct({{0, 100'000, 4096}, {0, 1}})
+    ->ArgsProduct({{0, 4'096}, {0, 1}})
     ->UseManualTime()
     ->Iterations(3)
     ->Unit(benchmark::kMillisecond);

@@ -64,13 +64,10 @@ void openDirectory(benchmark::State& state) {
     const Folder folder;
     fillWithLinks(folder, "files");
     std::unique_ptr<Owner> owner;
-    rounds.takeTurns(
-        {[&] {
-           state.SetIterationTime(rounds.add("open", seconds([&] {
-             owner = std::make_unique<Owner>(folder.path("files"));
-           })));
-         },
-         [&] { rounds.add("floor", timeListing(folder.file("files"), kReadsFiles)); }});
+    const auto open = [&] { owner = std::make_unique<Owner>(folder.path("files")); };
+    rounds.takeTurns({{"open", [&] { return seconds(open); }},
+                      {"floor", [&] { return timeListing(folder.file("files"), kReadsFiles); }}});
+    state.SetIterationTime(rounds.last("open"));
     if (owner->isParquetDirectoryEmpty()) throw std::runtime_error("no files were found");
     rounds.add("close", seconds([&] { owner.reset(); }));
   }
@@ -135,36 +132,25 @@ void recording(benchmark::State& state) {
   const DictionaryOption dictionary(false);
   const Folder folder;
   ManySignals signals(folder.path("pool"));
-  const std::size_t files = static_cast<std::size_t>(std::distance(
-      fs::directory_iterator(folder.file("pool")), fs::directory_iterator()));
+  const std::size_t files = static_cast<std::size_t>(
+      std::distance(fs::directory_iterator(folder.file("pool")), fs::directory_iterator()));
   const auto clear = [&](const char* name) { fs::remove_all(folder.file(name)); };
   Rounds rounds;
   for (auto _ : state) {
     clear("copy");
     clear("saved");
-    rounds.takeTurns({[&] {
-                        rounds.add("save", wallSeconds([&] { signals.save(folder.path("saved")); }));
-                      },
-                      [&] {
-                        rounds.add("flushed_copy", wallSeconds([&] {
-                                     copyFiles(folder.file("pool"), folder.file("copy"), true);
-                                   }));
-                      }});
-    clear("copy");
+    const auto copy = [&](bool flush) {
+      copyFiles(folder.file("pool"), folder.file("copy"), flush);
+    };
+    std::optional<recording::Recording> opened;
     rounds.takeTurns(
-        {[&] {
-           std::optional<recording::Recording> opened;
-           const double time =
-               seconds([&] { opened.emplace(recording::openRecording(folder.path("saved"))); });
-           rounds.add("open", time);
-         },
-         [&] {
-           const double time = seconds(
-               [&] { copyFiles(folder.file("pool"), folder.file("copy"), /*flush=*/false); });
-           rounds.add("copy", time);
-         }});
-    rounds.add("describe",
-               seconds([&] { recording::describeRecording(folder.path("saved")); }));
+        {{"save", [&] { return wallSeconds([&] { signals.save(folder.path("saved")); }); }},
+         {"flushed_copy", [&] { return wallSeconds([&] { copy(/*flush=*/true); }); }}});
+    clear("copy");
+    const auto open = [&] { opened.emplace(recording::openRecording(folder.path("saved"))); };
+    rounds.takeTurns({{"open", [&] { return seconds(open); }},
+                      {"copy", [&] { return seconds([&] { copy(/*flush=*/false); }); }}});
+    rounds.add("describe", seconds([&] { recording::describeRecording(folder.path("saved")); }));
     state.SetIterationTime(rounds.last("save") + rounds.last("open"));
   }
   reportThroughput(state, kSignals * kSamples, kSignals * kSamples * sizeof(double));

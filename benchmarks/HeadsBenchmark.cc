@@ -19,7 +19,6 @@ using parquet::SignalPool;
 using parquet::StreamableSignal;
 
 constexpr std::size_t kAppends = 1'000;
-constexpr auto kTime = StreamableSignal::SignalPart::time;
 
 // A pool of signals whose first chunk is equal and whose second one differs.
 class CrowdedPool {
@@ -34,16 +33,16 @@ class CrowdedPool {
   }
 
   // The appends of one more signal, which begins as all others do and then goes its own way.
-  void probe(Rounds& rounds, const std::string& name) {
+  double probe(Rounds& rounds, const std::string& name) {
     const auto signal = add();
     double total = rounds.add(name + "_first", seconds([&] { append(*signal, 0); }));
     total += rounds.add(name + "_second", seconds([&] { append(*signal, ++value_); }));
     total += rounds.add(name + "_later", seconds([&] {
                           for (std::size_t i = 2; i < kAppends; ++i) append(*signal, ++value_);
                         }));
-    rounds.add(name, total);
     signal->finish();
     if (!signal->writeStatus().ok()) throw std::runtime_error(signal->writeStatus().ToString());
+    return total;
   }
 
  private:
@@ -72,7 +71,8 @@ void appendAmongHeads(benchmark::State& state) {
   CrowdedPool one(1);
   Rounds rounds;
   for (auto _ : state) {
-    rounds.takeTurns({[&] { many.probe(rounds, "many"); }, [&] { one.probe(rounds, "one"); }});
+    rounds.takeTurns({{"many", [&] { return many.probe(rounds, "many"); }},
+                      {"one", [&] { return one.probe(rounds, "one"); }}});
     state.SetIterationTime(rounds.last("many"));
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kAppends));
@@ -130,8 +130,8 @@ void matchAmongHeads(benchmark::State& state) {
   const Chains one(1, equalChunks);
   Rounds rounds;
   for (auto _ : state) {
-    rounds.takeTurns({[&] { rounds.add("many", many.timeRepeating(equalChunks)); },
-                      [&] { rounds.add("one", one.timeRepeating(equalChunks)); }});
+    rounds.takeTurns({{"many", [&] { return many.timeRepeating(equalChunks); }},
+                      {"one", [&] { return one.timeRepeating(equalChunks); }}});
     state.SetIterationTime(rounds.last("many"));
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * equalChunks));

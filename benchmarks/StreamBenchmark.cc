@@ -46,16 +46,16 @@ double timeChunks(const std::vector<double>& values, std::size_t batchRows) {
 double timeArrowBatches(const std::vector<double>& values, std::size_t batchRows) {
   const Folder folder;
   return secondsFromTrimmedHeap([&] {
-    PARQUET_ASSIGN_OR_THROW(
-        const auto stream, ::arrow::io::FileOutputStream::Open(folder.file("arrow").string()));
+    PARQUET_ASSIGN_OR_THROW(const auto stream,
+                            ::arrow::io::FileOutputStream::Open(folder.file("arrow").string()));
     PARQUET_ASSIGN_OR_THROW(const auto writer,
                             ::parquet::arrow::FileWriter::Open(
                                 *scalarSchema(), ::arrow::default_memory_pool(), stream,
                                 writerProperties(), ::parquet::default_arrow_writer_properties()));
     for (std::size_t at = 0; at < values.size(); at += batchRows) {
       const std::size_t rows = std::min(batchRows, values.size() - at);
-      PARQUET_THROW_NOT_OK(writer->WriteTable(*tableOver(&values[at], rows),
-                                              static_cast<std::int64_t>(rows)));
+      PARQUET_THROW_NOT_OK(
+          writer->WriteTable(*tableOver(&values[at], rows), static_cast<std::int64_t>(rows)));
     }
     PARQUET_THROW_NOT_OK(writer->Close());
     PARQUET_THROW_NOT_OK(stream->Close());
@@ -78,16 +78,15 @@ void appendChunks(benchmark::State& state) {
   const DictionaryOption dictionary(state.range(1) != 0);
   Rounds rounds;
   for (auto _ : state) {
-    rounds.takeTurns(
-        {[&] { state.SetIterationTime(rounds.add("append", timeChunks(values, batchRows))); },
-         [&] { rounds.add("arrow", timeArrowBatches(values, batchRows)); },
-         [&] { rounds.add("hash", timeHash(values)); }});
+    rounds.takeTurns({{"append", [&] { return timeChunks(values, batchRows); }},
+                      {"arrow", [&] { return timeArrowBatches(values, batchRows); }},
+                      {"hash", [&] { return timeHash(values); }}});
+    state.SetIterationTime(rounds.last("append"));
   }
   reportThroughput(state, values.size(), values.size() * sizeof(double));
   state.counters["vs_arrow"] = rounds.ratio("append", "arrow");
   state.counters["hash_share"] = rounds.ratio("hash", "append");
-  state.counters["ns_per_row"] =
-      rounds.median("append") / static_cast<double>(values.size()) * 1e9;
+  state.counters["ns_per_row"] = rounds.median("append") / static_cast<double>(values.size()) * 1e9;
 }
 
 BENCHMARK(appendChunks)
@@ -119,8 +118,7 @@ class LongSignal {
   double timeWindow(std::size_t from, std::size_t count) {
     std::vector<char> bytes;
     std::vector<std::vector<unsigned long>> dimensions;
-    const double time =
-        seconds([&] { signal_->getData(from, from + count, bytes, dimensions); });
+    const double time = seconds([&] { signal_->getData(from, from + count, bytes, dimensions); });
     const std::size_t at = from % groupRows_;
     if (bytes.size() != count * sizeof(double) ||
         std::memcmp(bytes.data(), &expected_[at], bytes.size()) != 0) {
@@ -157,16 +155,13 @@ void readWindow(benchmark::State& state) {
   const int group = static_cast<int>(middle / groupRows);
   Rounds rounds;
   for (auto _ : state) {
-    rounds.takeTurns({[&] {
-                        state.SetIterationTime(
-                            rounds.add("window", longSignal.timeWindow(from, kWindowRows)));
-                      },
-                      [&] {
-                        std::shared_ptr<::arrow::Table> table;
-                        rounds.add("group", seconds([&] {
-                                     PARQUET_THROW_NOT_OK(arrow->ReadRowGroup(group, &table));
-                                   }));
-                      }});
+    rounds.takeTurns({{"window", [&] { return longSignal.timeWindow(from, kWindowRows); }},
+                      {"group", [&] {
+                         std::shared_ptr<::arrow::Table> table;
+                         return seconds(
+                             [&] { PARQUET_THROW_NOT_OK(arrow->ReadRowGroup(group, &table)); });
+                       }}});
+    state.SetIterationTime(rounds.last("window"));
     from = middle + 1 + (from * 7919) % (groupRows - kWindowRows);
   }
   reportThroughput(state, kWindowRows, kWindowRows * sizeof(double));

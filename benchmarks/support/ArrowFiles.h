@@ -25,8 +25,9 @@ inline std::shared_ptr<::arrow::Schema> scalarSchema() {
 
 /// A table over the first \p count values, which it does not copy.
 inline std::shared_ptr<::arrow::Table> tableOver(const double* values, std::size_t count) {
-  auto buffer = std::make_shared<::arrow::Buffer>(reinterpret_cast<const std::uint8_t*>(values),
-                                                  static_cast<std::int64_t>(count * sizeof(double)));
+  auto buffer =
+      std::make_shared<::arrow::Buffer>(reinterpret_cast<const std::uint8_t*>(values),
+                                        static_cast<std::int64_t>(count * sizeof(double)));
   auto array = std::make_shared<::arrow::DoubleArray>(static_cast<std::int64_t>(count),
                                                       std::move(buffer), nullptr, /*null_count=*/0);
   return ::arrow::Table::Make(scalarSchema(), {std::move(array)});
@@ -34,8 +35,7 @@ inline std::shared_ptr<::arrow::Table> tableOver(const double* values, std::size
 
 /// The properties that our files are written with, codec apart.
 inline std::shared_ptr<::parquet::WriterProperties> writerProperties() {
-  return parquet::ParquetWriterOptions().buildWriterProperties(
-      ::arrow::Compression::UNCOMPRESSED);
+  return parquet::ParquetWriterOptions().buildWriterProperties(::arrow::Compression::UNCOMPRESSED);
 }
 
 inline void writeFile(const ::arrow::Table& table, const std::filesystem::path& file) {

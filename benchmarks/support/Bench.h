@@ -125,11 +125,14 @@ inline double median(std::vector<double> values) {
 /// meets all of them.
 class Rounds {
  public:
-  /// Runs each contender once, beginning with another one each round: no order favours anyone.
-  void takeTurns(std::vector<std::function<void()>> contenders) {
+  using Contender = std::pair<std::string, std::function<double()>>;
+
+  /// Runs each contender once and notes the time that it returns. Each round begins with another
+  /// one: no order favours anyone.
+  void takeTurns(std::vector<Contender> contenders) {
     const auto first = static_cast<std::ptrdiff_t>(round_++ % contenders.size());
     std::rotate(contenders.begin(), contenders.begin() + first, contenders.end());
-    for (const auto& contender : contenders) contender();
+    for (const auto& [name, run] : contenders) add(name, run());
   }
 
   double add(const std::string& contender, double time) {

@@ -3,6 +3,7 @@
 #include <arrow/api.h>
 
 #include <exception>
+#include <functional>
 #include <stdexcept>
 #include <utility>
 
@@ -129,25 +130,27 @@ void StreamableSignalImpl::appendData(const void* data, unsigned long size,
 
 void StreamableSignalImpl::appendChunk(Part& part, unsigned long contentNumber,
                                        const SampleChunk& chunk, std::size_t width) {
-  EliminateRedundancy(
-      part.chains.get(), contentNumber,
-      [&](const NodeList& heads, const NodeList& nextNodes) -> std::optional<NodePtr> {
-        const int newId = record->worker->create(*schemaOf(part).schema, compression);
-        storageId(part) = newId;
-        NodePtr chain = heads.empty() ? CreateNewFileNode(contentNumber, newId, 0, chunk.rows)
-                                      : copyChain(heads[0], nextNodes[0], newId, part,
-                                                  contentNumber, chunk.rows);
-        bufferChunk(part, chunk, width);
-        return chain;
-      },
-      [&](FileNode* current) -> std::optional<NodePtr> {
-        bufferChunk(part, chunk, width);
-        // One row is left out between the bounds of neighbouring chunks. They tell chunks apart,
-        // not the rows of the file. Pinned by StreamableSignal.RowBoundsDriftByOneRowPerChunk.
-        const unsigned long first = current->second + 1;
-        return CreateNewFileNode(contentNumber, current->storageId, first, first + chunk.rows);
-      },
-      [&](const NodeList& heads) { adoptFile(part, heads); });
+  const auto startChain = [&](const NodeList& heads,
+                              const NodeList& nextNodes) -> std::optional<NodePtr> {
+    const int newId = record->worker->create(*schemaOf(part).schema, compression);
+    storageId(part) = newId;
+    NodePtr chain =
+        heads.empty() ? CreateNewFileNode(contentNumber, newId, 0, chunk.rows)
+                      : copyChain(heads[0], nextNodes[0], newId, part, contentNumber, chunk.rows);
+    bufferChunk(part, chunk, width);
+    return chain;
+  };
+  const auto extendChain = [&](FileNode* current) -> std::optional<NodePtr> {
+    bufferChunk(part, chunk, width);
+    // One row is left out between the bounds of neighbouring chunks. They tell chunks apart, not
+    // the rows of the file. Pinned by StreamableSignal.RowBoundsDriftByOneRowPerChunk.
+    const unsigned long first = current->second + 1;
+    return CreateNewFileNode(contentNumber, current->storageId, first, first + chunk.rows);
+  };
+  const auto reuseChains = [&](const NodeList& heads) { adoptFile(part, heads); };
+  // By reference: std::function would allocate memory for what they capture, on every append.
+  EliminateRedundancy(part.chains.get(), contentNumber, std::cref(startChain),
+                      std::cref(extendChain), std::cref(reuseChains));
 }
 
 void StreamableSignalImpl::bufferChunk(Part& part, const SampleChunk& chunk, std::size_t width) {

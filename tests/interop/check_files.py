@@ -49,7 +49,8 @@ def elements(kind):
         return [1, 0, 1, 0, 1, 0, 1]
     column_type = "uint8" if kind in BYTE_TYPES else COLUMN_TYPES[kind]
     bits = int(column_type.removeprefix("u").removeprefix("int"))
-    low, high = (0, 2**bits - 1) if column_type[0] == "u" else (-(2 ** (bits - 1)), 2 ** (bits - 1) - 1)
+    low = 0 if column_type[0] == "u" else -(2 ** (bits - 1))
+    high = low + 2**bits - 1
     return [1, 0, high, low, 2, high - 1, low + 1]
 
 

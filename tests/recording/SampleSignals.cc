@@ -155,6 +155,7 @@ void storeSignals(parquet::SignalPool& pool, const std::vector<SampleSignal>& si
 
 std::vector<SignalDescription> descriptionsOf(const std::vector<SampleSignal>& signals) {
   std::vector<SignalDescription> result;
+  result.reserve(signals.size());
   for (const SampleSignal& signal : signals) result.push_back(signal.description);
   return result;
 }

@@ -1,8 +1,8 @@
 // Writes recordings for those who test with files: see the two modes in main().
-#include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <iostream>
 #include <string>

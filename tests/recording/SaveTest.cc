@@ -1,4 +1,5 @@
 #include <arrow/util/compression.h>
+#include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -52,7 +53,7 @@ TEST_F(SaveRecording, SignalWithoutASampleIsSound) {
   put(pool, 2, {{}, {1}, {{0}}, {}}, Int8, FixedDim);
   saveRecording(pool, {{2, "empty", "", "", {0}}}, Path::fromFilesystem(rec));
   EXPECT_EQ(faults(rec), "");
-  const auto& info = open(rec).info().signals[1];
+  const SignalInfo info = open(rec).info().signals[1];
   EXPECT_EQ(info.rowCount, 0U);
   EXPECT_FALSE(info.timeSpan);
 }

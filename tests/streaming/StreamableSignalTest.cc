@@ -150,6 +150,17 @@ TEST_F(StreamableSignal, EndMarkerOfDataCountsItsCopiedRowsAsTime) {
   }
 }
 
+TEST_F(StreamableSignal, EndMarkerIsAChunkOfThePartsType) {
+  const auto doubles = makeStream();
+  for (const Part part : kParts) append(*doubles, part, upFrom(static_cast<double>(part), 1));
+  doubles->finish();
+  EXPECT_EQ(checker->nextNumber, 3);  // two chunks and the marker of both parts
+  const auto bytes = makeStream(Scalar, Int8);
+  bytes->appendData("a", 1, {}, {});
+  bytes->finish();
+  EXPECT_EQ(checker->nextNumber, 5);
+}
+
 TEST_F(StreamableSignal, LongerSignalTakesTheModelsEndMarkerAlong) {
   const auto model = makeStream();
   append(*model, Part::time, upFrom(0, 3));

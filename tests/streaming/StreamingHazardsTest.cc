@@ -55,6 +55,13 @@ TEST_F(StreamingHazards, SamplesOfOtherShapesAreHandedTheFirstOnes) {
   EXPECT_EQ(dims, (Dims{{2, 2}, {2}}));
 }
 
+TEST_F(StreamingHazards, EmptySamplesAreNoRowsInAChunkWithoutBytes) {
+  const auto signal = makeStream(Bus, Binary);
+  signal->appendData("abc", 3, {}, {0, 3});
+  signal->appendData("", 0, {}, {0, 0});
+  EXPECT_EQ(signal->rowsBuffered(Part::data), 2);
+}
+
 TEST_F(StreamingHazards, FirstHeadIsTakenEvenWhereAnotherChainMatched) {
   const auto first = stored({{1}, {2}});
   const auto second = stored({{1}, {3}});  // its chain: 1, the 2 that differed, 3

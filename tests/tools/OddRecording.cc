@@ -69,6 +69,7 @@ int main(int argc, char** argv) {
     writer.add<double>("twin", kyr::Double, kyr::Scalar, time, {3, 4});
     writer.add<double>("uneven", kyr::Double, kyr::Scalar, {0, 1, 2}, {1, 2});
     writer.add<double>("7 [m]", kyr::Double, kyr::Scalar, time, {5, 6});
+    writer.add<double>("late", kyr::Double, kyr::Scalar, {5, 6}, {1, 2});
     writer.save(folder);
   }
   std::filesystem::remove_all(working.toFilesystem());

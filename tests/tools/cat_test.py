@@ -87,8 +87,9 @@ class OtherSignals(ToolTest):
 
     def test_times_in_no_order_all_appear(self):
         self.check(["falling"], "time,falling\n2,1\n1,2\nnan,3\n1,4\n")
-        self.check(["falling", "17"],
-                   "time,falling,twin\n0,,1\n1,,2\n2,1,\n1,2,\nnan,3,\n1,4,\n")
+        self.check(["falling", "17", "late"],
+                   "time,falling,twin,late\n0,,1,\n1,,2,\n2,1,,\n1,2,,\n5,,,1\n6,,,2\n"
+                   "nan,3,,\n1,4,,\n")
 
     def test_names(self):
         self.fails("cat", "odd", "twin", says=["17", "18", '"twin"'])

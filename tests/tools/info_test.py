@@ -31,13 +31,20 @@ class Info(ToolTest):
         self.assertEqual((a["unit"], a["type"], c["type"], c["rows"], c["compression"]),
                          ("m", "int64", "double", 2, "gzip"))
 
+    def test_a_signal_that_shares_with_its_own_time(self):
+        self.store("time,a\n0.5,0.5\n1,1\n")
+        info = self.info()
+        self.assertEqual([file["signals"] for file in info["files"]], [1])
+        self.assertEqual(info["totals"]["bytesSaved"], info["totals"]["bytes"])
+
     def test_columns_are_aligned_with_any_names(self):
-        self.store('time,"Wärme [°C]",温度,"a\nb",long name [m]\n0,1,2,3,4\n')
+        self.store('time,"Wärme [°C]",温度温度,"a\nb",long name [m]\n0,1,2,3,4\n')
         lines = self.run_tool("info", "rec").stdout.splitlines()
         self.assertEqual([line.split()[0] for line in lines[:5]], ["id", "0", "1", "2", "3"])
         # East Asian characters are two columns wide.
-        widths = {line.index("int64") + line.count("温") + line.count("度") for line in lines[1:5]}
-        self.assertEqual(widths, {lines[0].index("type")})
+        columns = {line.index("int64") + sum(c in "温度" for c in line) for line in lines[1:5]}
+        self.assertEqual(columns, {lines[0].index("type")})
+        self.assertEqual(lines[0].index("unit") - lines[0].index("name"), len("long name") + 2)
 
     def test_shared_files_are_marked(self):
         self.store("time,a,b\n0,1,1\n1,2,2\n")

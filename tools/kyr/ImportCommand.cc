@@ -86,9 +86,10 @@ void tellLosses(const CsvTable& table, const ImportOptions& options) {
   constexpr std::array<std::string_view, 6> kSeconds{"",       "s",       "sec",
                                                      "second", "seconds", "Seconds"};
   if (std::find(kSeconds.begin(), kSeconds.end(), table.timeUnit()) == kSeconds.end()) {
-    tell(fmt::format("warning: the times are in {}, and are stored as they are: recordings count "
-                     "time in seconds",
-                     inQuotes(table.timeUnit())));
+    tell(
+        fmt::format("warning: the times are in {}, and are stored as they are: recordings count "
+                    "time in seconds",
+                    inQuotes(table.timeUnit())));
   }
 }
 
@@ -116,13 +117,20 @@ void importCsv(const ImportOptions& options) {
                              ": no column holds numbers, so there is nothing to store");
   }
   const TemporaryFolder storage;
+  const StreamingMode mode(options.stream.has_value());
   parquet::SignalPool pool(storage.path());
-  SignalStore store(pool, codec, options.separatesTime);
+  SignalStore whole(pool, codec, options.separatesTime);
+  StreamedStore streamed(pool, codec, options.stream.value_or(StreamOptions()));
   std::vector<recording::SignalDescription> descriptions;
   for (CsvColumn& column : table.columns()) {
     bar.show("storing", static_cast<double>(descriptions.size()) /
                             static_cast<double>(table.columns().size()));
-    store.store(column, table.samplesOf(column));
+    const Samples samples = table.samplesOf(column);
+    if (options.stream) {
+      streamed.store(column, samples);
+    } else {
+      whole.store(column, samples);
+    }
     column.cells.reset();
     recording::SignalDescription description;
     description.signalId = column.id;
@@ -156,8 +164,29 @@ void addImportCommand(CLI::App& app, Action& action) {
       ->add_option("--compression", options->compression,
                    "Codec of the files, uncompressed unless given: " + codecNames())
       ->type_name("CODEC");
-  command->add_flag("--no-shared-time", options->separatesTime,
-                    "Store times beside each signal's samples, not in a file that signals share");
+  CLI::Option* separatesTime = command->add_flag(
+      "--no-shared-time", options->separatesTime,
+      "Store times beside each signal's samples, not in a file that signals share");
+  const auto streams = std::make_shared<bool>(false);
+  const auto streamOptions = std::make_shared<StreamOptions>();
+  CLI::Option* stream = command->add_flag(
+      "--stream", *streams, "Append the columns chunk by chunk, to files of many row groups");
+  stream->excludes(separatesTime);
+  command
+      ->add_option("--chunk", streamOptions->chunkRows,
+                   fmt::format("Rows per append, {} unless given", streamOptions->chunkRows))
+      ->type_name("ROWS")
+      ->check(CLI::PositiveNumber)
+      ->needs(stream);
+  // More rows than that and Parquet splits the batch.
+  constexpr std::size_t kMaxRowGroupRows = 1048576;
+  command
+      ->add_option("--batch", streamOptions->batchRows,
+                   fmt::format("Rows per row group, {} unless given, {} at most",
+                               streamOptions->batchRows, kMaxRowGroupRows))
+      ->type_name("ROWS")
+      ->check(CLI::Range(std::size_t{1}, kMaxRowGroupRows))
+      ->needs(stream);
   command->add_flag("--strict", options->isStrict,
                     "Store nothing if something of the file cannot be stored");
   command->add_flag("--force", options->replaces, "Replace the recording in FOLDER");
@@ -170,8 +199,12 @@ decrease. Columns that are no numbers are left out, and named.
 Examples:
   kyr import run.csv run
   kyr import run.csv run --time "Time (s)" --type gear=int8 --type flags=uint16
-  kyr import run.csv run --compression zstd --force)help");
-  command->callback([options, &action] { action = [options] { return runImport(*options); }; });
+  kyr import run.csv run --compression zstd --force
+  kyr import run.csv run --stream --batch 16384)help");
+  command->callback([options, streams, streamOptions, &action] {
+    if (*streams) options->stream = *streamOptions;
+    action = [options] { return runImport(*options); };
+  });
 }
 
 }  // namespace kyr::tool

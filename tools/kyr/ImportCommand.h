@@ -1,8 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "CsvTable.h"
+#include "StreamedStore.h"
 
 namespace kyr::tool {
 
@@ -11,9 +13,10 @@ struct ImportOptions {
   std::string folder;
   CsvOptions columns;
   std::string compression = "uncompressed";
-  bool separatesTime = false;  ///< whether each signal has its times beside its samples
-  bool isStrict = false;       ///< whether what cannot be stored is an error
-  bool replaces = false;       ///< whether an existing recording is replaced
+  bool separatesTime = false;           ///< whether each signal has its times beside its samples
+  std::optional<StreamOptions> stream;  ///< how signals are streamed; empty for whole files
+  bool isStrict = false;                ///< whether what cannot be stored is an error
+  bool replaces = false;                ///< whether an existing recording is replaced
 };
 
 /// Store a CSV file as a recording. What cannot be stored is told on standard error.

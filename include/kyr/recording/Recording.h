@@ -45,9 +45,8 @@ class KYR_PARQUET_EXPORT Recording {
 
 /// \brief Open the recording in \p folder, which is left as it is.
 ///
-/// The pool is in the storage mode of the feature flag "fKYRUseParquetRowGroup", whichever mode wrote
-/// the recording.
-/// Every file is copied and its checksum compared on the way.
+/// Every file is copied and its checksum compared on the way. The pool is in the storage mode of
+/// the feature flag "fKYRUseParquetRowGroup", whichever mode wrote the recording.
 /// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording,
 ///         damaged, of a newer format version, a file missing or cut short
 KYR_PARQUET_EXPORT Recording openRecording(const Path& folder);

@@ -33,7 +33,7 @@ struct SignalInfo : SignalDescription {
   KYRSignalCategory category = Scalar;
   std::string compression;           ///< codec of the data file, "uncompressed" for none
   std::uint64_t rowCount = 0;        ///< samples; 0 for a signal that was never written
-  std::optional<TimeSpan> timeSpan;  ///< empty without time or samples
+  std::optional<TimeSpan> timeSpan;  ///< empty without time or samples, or if infinite
   std::optional<int> timeStorageId;  ///< file of the time vector; empty if there is none
   std::optional<int> dataStorageId;  ///< file of the samples (and of time, in a "time" column)
 };
