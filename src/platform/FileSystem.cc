@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cstddef>
+#include <cstdlib>
 #include <system_error>
 #include <utility>
 
@@ -24,7 +25,15 @@ void removeFile(const Path& path) { fs::remove(path.toFilesystem()); }
 
 Path currentDirectory() { return Path::fromFilesystem(fs::current_path()); }
 
-Path temporaryDirectory() { return Path::fromFilesystem(fs::temp_directory_path()); }
+Path temporaryDirectory() {
+  std::error_code error;
+  const fs::path directory = fs::temp_directory_path(error);
+  if (error) {
+    const char* named = std::getenv("TMPDIR");
+    throw fs::filesystem_error("no directory for temporary files", named ? named : "/tmp", error);
+  }
+  return Path::fromFilesystem(directory);
+}
 
 Path uniqueName(const Path& directory, const std::u16string& prefix, const std::u16string& suffix) {
   constexpr std::size_t kRandomBytes = 8;

@@ -232,10 +232,10 @@ Recording openRecording(const Path& folder, const std::vector<int>& signalIds) {
   RecordingInfo info = describeRecording(folder);
   std::vector<SignalInfo> wanted;
   for (const int id : signalIds) {
-    const auto found =
-        std::find_if(info.signals.begin(), info.signals.end(),
-                     [id](const SignalInfo& signal) { return signal.signalId == id; });
-    if (found == info.signals.end()) {
+    const auto found = std::lower_bound(
+        info.signals.begin(), info.signals.end(), id,
+        [](const SignalInfo& signal, int wantedId) { return signal.signalId < wantedId; });
+    if (found == info.signals.end() || found->signalId != id) {
       throw std::invalid_argument(fmt::format("{}: has no signal {}", folder.toNarrow(), id));
     }
     wanted.push_back(*found);

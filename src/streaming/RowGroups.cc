@@ -13,10 +13,6 @@ namespace kyr::parquet {
 
 namespace {
 
-std::uint64_t rowsOf(const ::parquet::FileMetaData& metadata, int rowGroup) {
-  return static_cast<std::uint64_t>(metadata.RowGroup(rowGroup)->num_rows());
-}
-
 std::vector<int> consecutive(int first, int last) {
   std::vector<int> numbers(static_cast<std::size_t>(last - first + 1));
   std::iota(numbers.begin(), numbers.end(), first);
@@ -30,25 +26,46 @@ std::shared_ptr<::arrow::Table> emptyTable(::parquet::arrow::FileReader& reader)
   return table;
 }
 
+// Row groups \p first to \p last, from \p kept if it holds them.
+std::shared_ptr<::arrow::Table> readOrKeep(::parquet::arrow::FileReader& reader, int first,
+                                           int last, KeptRowGroups* kept) {
+  if (kept && kept->rows && kept->first == first && kept->last == last) return kept->rows;
+  auto rows = readRowGroups(reader, consecutive(first, last), std::nullopt);
+  if (kept) *kept = {first, last, rows};
+  return rows;
+}
+
 }  // namespace
 
 // The walk counts row group 0 twice and takes every later size one step late. Viewers address rows
 // of streamed files, whose groups all have the batch's length, and there it is exact; windows that
 // viewers stored for other files depend on what it gives there. Pinned by
 // RowGroups.WalkTakesEverySizeOneStepLate.
-RowPosition locateRow(const ::parquet::FileMetaData& metadata, std::uint64_t row) {
+RowIndex::RowIndex(const ::parquet::FileMetaData& metadata)
+    : rows_(static_cast<std::uint64_t>(metadata.num_rows())) {
   const int groups = metadata.num_row_groups();
-  const auto rows = static_cast<std::uint64_t>(metadata.num_rows());
-  if (metadata.num_rows() < static_cast<std::int32_t>(row)) return {groups - 1, rows};
-  if (groups < 1) return {0, 0};
+  sums_.reserve(static_cast<std::size_t>(groups));
   std::uint64_t sum = 0;
   std::uint64_t added = 0;
   for (int i = 0; i < groups; ++i) {
-    added = rowsOf(metadata, std::max(i - 1, 0));
+    if (i != 1)
+      added = static_cast<std::uint64_t>(metadata.RowGroup(std::max(i - 1, 0))->num_rows());
     sum += added;
-    if (sum > row) return {i, row - (sum - added)};
+    sums_.push_back(sum);
   }
-  return {groups - 1, added - 1};
+}
+
+RowPosition locateRow(const RowIndex& index, std::uint64_t row) {
+  const std::vector<std::uint64_t>& sums = index.sums();
+  if (static_cast<std::int64_t>(index.rows()) < static_cast<std::int32_t>(row)) {
+    return {index.rowGroups() - 1, index.rows()};
+  }
+  if (sums.empty()) return {0, 0};
+  const auto found = std::upper_bound(sums.begin(), sums.end(), row);
+  const bool beyond = found == sums.end();
+  const auto group = (beyond ? sums.end() - 1 : found) - sums.begin();
+  const std::uint64_t before = group == 0 ? 0 : sums[static_cast<std::size_t>(group) - 1];
+  return {static_cast<int>(group), beyond ? sums.back() - before - 1 : row - before};
 }
 
 std::shared_ptr<::arrow::Table> readRowGroups(::parquet::arrow::FileReader& reader,
@@ -70,20 +87,18 @@ std::shared_ptr<::arrow::Table> readRowGroups(::parquet::arrow::FileReader& read
 }
 
 std::shared_ptr<::arrow::Table> readRows(::parquet::arrow::FileReader& reader,
-                                         const ::parquet::FileMetaData& metadata,
-                                         std::uint64_t from, std::uint64_t to) {
-  const std::uint64_t rows = static_cast<std::uint64_t>(metadata.num_rows());
-  const std::uint64_t end = std::min(rows, to);
+                                         const RowIndex& index, std::uint64_t from,
+                                         std::uint64_t to, KeptRowGroups* kept) {
+  const std::uint64_t end = std::min(index.rows(), to);
   if (end < from) return nullptr;
   const std::uint64_t count = end - from;
   if (from == 0 && to == std::numeric_limits<std::uint64_t>::max()) {
     return readRowGroups(reader, std::nullopt, std::nullopt);
   }
-  if (metadata.num_row_groups() == 0) return emptyTable(reader);
-  const RowPosition first = locateRow(metadata, from);
-  const RowPosition last = locateRow(metadata, to);
-  const auto table =
-      readRowGroups(reader, consecutive(first.rowGroup, last.rowGroup), std::nullopt);
+  if (index.rowGroups() == 0) return emptyTable(reader);
+  const RowPosition first = locateRow(index, from);
+  const RowPosition last = locateRow(index, to);
+  const auto table = readOrKeep(reader, first.rowGroup, last.rowGroup, kept);
   if (first.offset > static_cast<std::uint64_t>(table->num_rows())) {
     if (count == 0) return table->Slice(0, 0);
     throw std::range_error(fmt::format(

@@ -134,9 +134,9 @@ void StreamableSignalImpl::appendChunk(Part& part, unsigned long contentNumber,
                               const NodeList& nextNodes) -> std::optional<NodePtr> {
     const int newId = record->worker->create(*schemaOf(part).schema, compression);
     storageId(part) = newId;
-    NodePtr chain =
-        heads.empty() ? CreateNewFileNode(contentNumber, newId, 0, chunk.rows)
-                      : copyChain(heads[0], nextNodes[0], newId, part, contentNumber, chunk.rows);
+    NodePtr chain = heads.empty()
+                        ? CreateNewFileNode(contentNumber, newId, 0, chunk.rows)
+                        : copyChain(heads[0], nextNodes[0], newId, part, contentNumber, chunk.rows);
     bufferChunk(part, chunk, width);
     return chain;
   };
@@ -177,12 +177,16 @@ StreamableSignalImpl::NodePtr StreamableSignalImpl::copyChain(FileNode* head, Fi
                                                               unsigned long contentNumber,
                                                               unsigned long rows) {
   const FileNode* last = nullptr;
-  for (const FileNode* node = head; node; node = node->next.get()) {
+  bool cloned = false;
+  // All nodes of a chain are in one file.
+  record->worker->cloneEach(head->storageId, newId, [&]() -> std::optional<RowRange> {
+    if (cloned) counter.rowsWritten += last->second - last->first;
+    const FileNode* node = last ? last->next.get() : head;
+    if (!node) return std::nullopt;
     last = node;  // the node at which to stop is copied too, without its rows
-    if (node == stop) break;
-    record->worker->clone(node->storageId, newId, node->first, node->second);
-    counter.rowsWritten += node->second - node->first;
-  }
+    cloned = node != stop;
+    return cloned ? std::optional<RowRange>({node->first, node->second}) : std::nullopt;
+  });
   NodePtr copy =
       CopyWithModification(head, stop, [newId](FileNode* node) { node->storageId = newId; });
   const unsigned long first = last->second + 1;

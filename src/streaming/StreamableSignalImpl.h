@@ -73,6 +73,7 @@ class StreamableSignalImpl final : public StreamableSignal {
   using FileNode = RedundancyEliminator::FileNode;
   using NodeList = RedundancyEliminator::NodeList;
   using NodePtr = std::unique_ptr<FileNode>;
+  using RowRange = StreamableWriter::RowRange;
 
   // What the two parts of a signal have each.
   struct Part {

@@ -36,6 +36,7 @@ struct FileEntry {
 
   std::optional<std::variant<WriterHandle, ReaderHandle>> handle;
   std::shared_ptr<::parquet::FileMetaData> metadata;
+  std::optional<RowIndex> rowIndex;  // of the metadata, from the first read of a range on
   Path path;
   std::shared_mutex lock;  // for hosts that will share files between threads; taken by nobody yet
 };
@@ -87,6 +88,7 @@ void openForReading(FileEntry& entry) {
       builder.memory_pool(::arrow::default_memory_pool())->properties(properties)->Build(&reader),
       entry.path);
   entry.metadata = reader->parquet_reader()->metadata();
+  entry.rowIndex.reset();
   entry.handle = std::move(reader);
 }
 
@@ -143,6 +145,14 @@ class StreamableWriter::Impl {
     entry->handle = *std::move(writer);
     files.emplace(id, std::move(entry));
     return id;
+  }
+
+  std::shared_ptr<::arrow::Table> readRange(int id, unsigned long from, unsigned long to,
+                                            KeptRowGroups* kept) {
+    withEntry(id, openForReading);
+    FileEntry& entry = *slot(id);
+    if (!entry.rowIndex) entry.rowIndex.emplace(*entry.metadata);
+    return readRows(*std::get<ReaderHandle>(*entry.handle), *entry.rowIndex, from, to, kept);
   }
 
   int largestId() const {
@@ -263,13 +273,21 @@ void StreamableWriter::close(const int& id) {
 
 std::shared_ptr<::arrow::Table> StreamableWriter::read(int id, unsigned long from,
                                                        unsigned long to) {
-  impl_->withEntry(id, openForReading);
-  FileEntry& entry = *impl_->slot(id);
-  return readRows(*std::get<ReaderHandle>(*entry.handle), *entry.metadata, from, to);
+  return impl_->readRange(id, from, to, nullptr);
 }
 
 void StreamableWriter::clone(int src, int dst, unsigned long from, unsigned long to) {
   if (const auto rows = read(src, from, to)) write(dst, *rows);
+}
+
+void StreamableWriter::cloneEach(int src, int dst,
+                                 const std::function<std::optional<RowRange>()>& next) {
+  KeptRowGroups kept;
+  while (const auto range = next()) {
+    if (const auto rows = impl_->readRange(src, range->first, range->second, &kept)) {
+      write(dst, *rows);
+    }
+  }
 }
 
 void StreamableWriter::remove(const int& id) {

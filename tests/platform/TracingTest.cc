@@ -98,7 +98,7 @@ TEST_F(Tracing, TraceEventFileIsJsonWithEverySpanEnded) {
   }
   EXPECT_EQ(spans, "BPBWEWEPBqEq");
 
-  TraceEventFile{path};  // replaces it
+  std::make_unique<TraceEventFile>(path).reset();  // replaces it
   EXPECT_THAT(events(), IsEmpty());
   EXPECT_THAT(
       [&] { TraceEventFile{temp.path()}; },

@@ -247,7 +247,7 @@ TEST(SignalFormatter, MatricesNestOneListPerDimensionTheFirstInnermost) {
 }
 
 TEST(SignalFormatter, ReconstructAppendsTheBytesAndReplacesTheRest) {
-  const auto int16 = ::arrow::int16();
+  const auto& int16 = ::arrow::int16();
   const auto lists = ::arrow::list(int16);
   const auto extents = ::arrow::list(::arrow::uint64());
   const TablePtr blobs = tableOf({{"data", column(::arrow::binary(), {R"(["ab", "", "c"])"})}});
@@ -302,7 +302,7 @@ TEST(SignalFormatter, ReconstructAppendsTheBytesAndReplacesTheRest) {
 }
 
 TEST(SignalFormatter, ReconstructNamesTheColumnThatNoSignalHas) {
-  const auto int16 = ::arrow::int16();
+  const auto& int16 = ::arrow::int16();
   const auto good = column(int16, {"[1]"});
   const std::pair<std::string, TablePtr> cases[] = {
       {R"("data" holds 1 nulls)", tableOf({{"data", column(int16, {"[1, null]"})}})},

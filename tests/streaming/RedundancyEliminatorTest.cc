@@ -72,6 +72,7 @@ class Redundancy : public ::testing::Test {
 
   std::vector<std::string> append(Context& context, const std::vector<unsigned long>& contents) {
     std::vector<std::string> seen;
+    seen.reserve(contents.size());
     for (const unsigned long content : contents) seen.push_back(append(context, content));
     return seen;
   }
@@ -202,8 +203,8 @@ TEST_F(Redundancy, ListsAreWhatVectorsWouldBe) {
   EXPECT_EQ(seen, "{0:1}{0:2}");
 
   std::mt19937 random(4711);
-  std::vector<std::unique_ptr<Context>> signals;
-  for (int i = 0; i < 20; ++i) signals.push_back(signal());
+  std::vector<std::unique_ptr<Context>> signals(20);
+  for (auto& each : signals) each = signal();
   for (int i = 0; i < 200; ++i) append(*signals[random() % 20], random() % 3);  // see expectList
   EXPECT_GT(nextFile, 3);
 }
@@ -211,7 +212,7 @@ TEST_F(Redundancy, ListsAreWhatVectorsWouldBe) {
 TEST(FileNodes, CopyGoesFromBeginToEndOrToTheChainsEnd) {
   auto head = CreateNewFileNode(1, 0, 10, 11);
   FileNode* last = head.get();
-  for (const unsigned long content : {2, 3, 4}) {
+  for (const unsigned long content : {2UL, 3UL, 4UL}) {
     AppendToFile(last, CreateNewFileNode(content, 0, content * 10, content * 10 + 1));
   }
   EXPECT_EQ(last->contentNumber, 4);
@@ -242,7 +243,7 @@ TEST(FileNodes, CopyGoesFromBeginToEndOrToTheChainsEnd) {
 
 TEST(FileNodes, AppendingGoesToTheTrueEndAndTakesTheChainsKey) {
   auto head = CreateNewFileNode(1, 0, 0, 1);
-  for (const unsigned long content : {2, 3}) {
+  for (const unsigned long content : {2UL, 3UL}) {
     FileNode* last = head.get();
     AppendToFile(last, CreateNewFileNode(content, 0, 0, 1));
     EXPECT_EQ(last->contentNumber, content);

@@ -82,7 +82,6 @@ class Cutter {
     from = std::min(from, samples_.time.size());
     to = std::min(std::max(from, to), samples_.time.size());
     Samples result = cut(from, to);
-    if (samples_.dims.size() == 1) result.dims.clear();
     const bool flat = samples_.dims.empty() && samples_.lengths.empty();
     if (!flat)
       result.lengths.assign(lengths_.begin() + static_cast<std::ptrdiff_t>(from),
@@ -123,11 +122,13 @@ class StreamRoundTrip : public StreamTest {
     for (const std::size_t from : bounds) {
       for (const std::size_t to : bounds) {
         if (to < from || to > rows + 1) continue;
-        Samples found;
-        std::vector<char> times;
+        Samples found{{}, {'?'}, {{99}}, {99}};
+        std::vector<char> times{'?'};
         signal.getTime(from, to, times);
         signal.getData(from, to, found.data, found.dims, found.lengths);
-        const Samples expected = cutter.expected(from, to);
+        Samples expected = cutter.expected(from, to);
+        const bool shapes = (category == VarDim || category == VarDimBus) && from <= rows;
+        if (!shapes) expected.dims = {{99}};  // left as they are
         ASSERT_EQ(times, bytesOf(expected.time)) << from << " to " << to;
         found.time = expected.time;
         ASSERT_TRUE(found == expected) << from << " to " << to;

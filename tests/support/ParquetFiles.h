@@ -32,6 +32,8 @@ inline std::shared_ptr<::arrow::ChunkedArray> column(const std::shared_ptr<::arr
 inline std::shared_ptr<::arrow::Table> tableOf(const Columns& columns) {
   ::arrow::FieldVector fields;
   ::arrow::ChunkedArrayVector arrays;
+  fields.reserve(columns.size());
+  arrays.reserve(columns.size());
   for (const auto& [name, values] : columns) {
     fields.push_back(::arrow::field(name, values->type()));
     arrays.push_back(values);
@@ -56,10 +58,9 @@ inline std::shared_ptr<::parquet::FileMetaData> metadataOf(const std::filesystem
 /// Rows of each row group.
 inline std::vector<std::int64_t> rowGroupsOf(const std::filesystem::path& path) {
   const auto metadata = metadataOf(path);
-  std::vector<std::int64_t> sizes;
-  for (int i = 0; i < metadata->num_row_groups(); ++i) {
-    sizes.push_back(metadata->RowGroup(i)->num_rows());
-  }
+  std::vector<std::int64_t> sizes(static_cast<std::size_t>(metadata->num_row_groups()));
+  int group = 0;
+  for (std::int64_t& size : sizes) size = metadata->RowGroup(group++)->num_rows();
   return sizes;
 }
 

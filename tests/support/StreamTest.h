@@ -57,7 +57,7 @@ class StreamTest : public StorageTest {
 
   static std::vector<double> rowsOf(Signal& signal, Part part, unsigned long from = 0,
                                     unsigned long to = kAll) {
-    std::vector<char> bytes{'?'};
+    std::vector<char> bytes(sizeof(double), '?');
     Dims dims;
     if (part == Part::time) {
       signal.getTime(from, to, bytes);
@@ -65,7 +65,7 @@ class StreamTest : public StorageTest {
       signal.getData(from, to, bytes, dims);
     }
     std::vector<double> values(bytes.size() / sizeof(double));
-    if (!bytes.empty()) std::memcpy(values.data(), bytes.data(), bytes.size());
+    if (!values.empty()) std::memcpy(values.data(), bytes.data(), values.size() * sizeof(double));
     return values;
   }
 

@@ -102,10 +102,9 @@ CsvColumn& CsvTable::columnCalled(const std::string& name) {
       std::find_if(columns_.begin(), columns_.end(),
                    [&](const CsvColumn& column) { return text_.header()[column.place] == name; });
   if (byHeader != columns_.end()) return *byHeader;
-  throw std::runtime_error(
-      fmt::format("{}: there is no signal {} for --type: {}", text_.path(), inQuotes(name),
-                  name == timeName_ ? "times are always double"
-                                    : "the names are " + namesOf(text_.header())));
+  throw std::runtime_error(fmt::format(
+      "{}: there is no signal {} for --type: {}", text_.path(), inQuotes(name),
+      name == timeName_ ? "times are always double" : "the names are " + namesOf(text_.header())));
 }
 
 void CsvTable::applyTypes(const std::vector<std::string>& types) {

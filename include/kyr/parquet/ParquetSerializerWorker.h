@@ -98,7 +98,7 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
 
   /// \brief Write \p table to the file of a new id.
   /// \param compression  codec of all columns; empty for that of the process-wide options as they
-  ///                     were when the worker was made
+  ///         were when the worker was made
   /// \return the new id, also when the write failed: see lastWriteStatus()
   int write(const ::arrow::Table& table, const Compression& compression);
 
@@ -123,8 +123,12 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
   /// \brief The id of the file that holds this content, or a new one.
   ///
   /// Content is the element type, the values and the values of the dimension vectors in order (not
-  /// how they are grouped into vectors). It is told apart by a 64-bit hash alone. On a duplicate
-  /// the id's count goes up by one. \param isDuplicate  set to whether the content was known
+  /// how they are grouped into vectors). It is told apart by a 64-bit hash alone, and a weak one
+  /// for short columns of small integers: the two samples (1, 0) and (0, 67) count as equal, as do
+  /// -0 and 0. Compare what you read back where that matters. On a duplicate the id's count goes up
+  /// by one.
+  ///
+  /// \param isDuplicate  set to whether the content was known
   template <typename T>
   int getStorageIdForContent(const std::vector<T>& data, const Dimensions& dimensions,
                              bool& isDuplicate);

@@ -32,6 +32,8 @@ class ParquetSignalImpl;
 ///
 /// - The signal's own codec always decides, and it is "uncompressed" unless set: the process-wide
 ///   compression option does not reach these files.
+/// - Content is told apart by a hash that is often equal for short columns of small integers: such
+///   a signal may read back as another. It takes -0 for 0.
 /// - Samples are shared by content: type, values and the values of the dimension vectors. A fixed
 ///   2x2 matrix and two vectors of 2 with the same values count as equal.
 /// - Writes fail silently; ask writeStatus(). Parquet refuses the codecs LZ4_FRAME and LZO, and a
@@ -44,8 +46,7 @@ class KYR_PARQUET_EXPORT ParquetSignal {
  public:
   /// \param worker  owner of the files
   /// \param timeStorageId, dataStorageId  files to take over, or -554114 for none; if one of them
-  /// is
-  ///        unknown to \p worker the signal keeps both ids but has no data
+  ///         is unknown to \p worker the signal keeps both ids but has no data
   /// \throws std::invalid_argument if \p worker is empty
   ParquetSignal(std::shared_ptr<ParquetSerializerWorker> worker, int timeStorageId,
                 int dataStorageId);
@@ -57,9 +58,9 @@ class KYR_PARQUET_EXPORT ParquetSignal {
   ///
   /// \param time  sample times [s]; empty for a signal without time
   /// \param data  the samples' elements in memory order, back to back; a trailing partial element
-  ///              is ignored. Read during the call, not kept
+  ///         is ignored. Read during the call, not kept
   /// \param dims  empty for scalars; one entry for samples that all have this shape; else one entry
-  ///              per sample
+  ///         per sample
   /// \param lengths  for `Binary` only: bytes of each sample; else ignored
   /// \throws std::runtime_error "Null data type encountered." or "Unknown data type encountered.";
   ///         nothing is written
@@ -73,14 +74,14 @@ class KYR_PARQUET_EXPORT ParquetSignal {
   /// \brief Read the signal back. Outputs of a part without storage are left as they are.
   ///
   /// \param dims  replaced by the samples' shapes if they are stored (variable dimensions, two
-  ///              samples or more); a fixed shape is not stored
+  ///         samples or more); a fixed shape is not stored
   /// \throws std::runtime_error naming the file if it is missing, damaged or of another type
   void getData(std::vector<double>& time, std::vector<char>& data,
                std::vector<std::vector<std::size_t>>& dims);
 
   /// \brief As above, with the size of each sample.
   /// \param lengths  per sample, its bytes (`Binary`, `ByteString`) or its elements (dimensioned
-  ///                 signals); empty for a scalar signal
+  ///         signals); empty for a scalar signal
   void getData(std::vector<double>& time, std::vector<char>& data,
                std::vector<std::vector<std::size_t>>& dims, std::vector<int>& lengths);
 

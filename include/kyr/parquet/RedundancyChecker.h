@@ -38,16 +38,17 @@ KYR_PARQUET_EXPORT extern Hasher defaultHasher;
 
 /// \brief Hash of \p size bytes: h starts as the type's number; for each whole 8-byte word w
 /// (little-endian), then each remaining byte sign-extended: h ^= 0x9e3779b9 + (h << 6) + (h >> 2) +
-/// w. \throws std::invalid_argument "Data is empty" if \p data is null
+/// w.
+/// \throws std::invalid_argument "Data is empty" if \p data is null
 KYR_PARQUET_EXPORT unsigned long _defaultHasher(const void* data, unsigned long size,
                                                 KYRSignalDataType type);
 
 /// \brief The number of the data chunk of \p size bytes.
 ///
 /// The type belongs to the content: the same bytes of another type get another number. A time
-/// vector and doubles with equal bytes get the same. \throws std::invalid_argument "Context is
-/// empty" or "Data is empty" for a null pointer \throws std::bad_function_call if defaultHasher is
-/// empty
+/// vector and doubles with equal bytes get the same.
+/// \throws std::invalid_argument "Context is empty" or "Data is empty" for a null pointer
+/// \throws std::bad_function_call if defaultHasher is empty
 KYR_PARQUET_EXPORT unsigned long processDataAndCheck(Context<unsigned long>* context,
                                                      const void* data, unsigned long size,
                                                      KYRSignalDataType type);

@@ -105,8 +105,10 @@ KYR_PARQUET_EXPORT void progressToNextNodeForAllCandidates(std::vector<FileNode*
                                                            std::vector<FileNode*>& previous);
 
 /// \brief Copy the nodes from \p begin up to and including \p end, or to the chain's end if \p end
-/// is null or not after \p begin. \param modify  called on each copy right after it is made \return
-/// the first copy; empty if \p begin is null \throws std::bad_function_call if \p modify is empty
+/// is null or not after \p begin.
+/// \param modify  called on each copy right after it is made
+/// \return the first copy; empty if \p begin is null
+/// \throws std::bad_function_call if \p modify is empty
 KYR_PARQUET_EXPORT std::unique_ptr<FileNode> CopyWithModification(
     FileNode* begin, FileNode* end, std::function<void(FileNode*)> modify);
 
@@ -114,11 +116,10 @@ KYR_PARQUET_EXPORT std::unique_ptr<FileNode> CopyWithModification(
 /// two's results is used when they return nothing or null).
 ///
 /// - \p startChain: no chain matches; returns the first node of the signal's own chain. Gets the
-/// heads
-///   of the chains that matched up to the previous chunk, and the nodes after those that matched.
+///   heads of the chains that matched up to the previous chunk, and the nodes after those that
+///   matched.
 /// - \p extendChain: the signal owns a chain; returns the node to append to it. \c current is the
-/// last
-///   node, or, right after startChain, the node that startChain returned.
+///   last node, or, right after startChain, the node that startChain returned.
 /// - \p reuseChains: the chunk continues the chains whose heads are given.
 ///
 /// \throws std::invalid_argument "Context is empty or invalid!" for a null context or registry

@@ -31,13 +31,11 @@ class KYR_PARQUET_EXPORT SignalFormatter {
   /// \param data  may be empty for no samples; a trailing partial element is ignored
   /// \param schema  of schemaBuilder, without a time column; its data column is called "data"
   /// \param dimensions  empty for scalars; one entry for samples that all have this shape; else one
-  ///                    entry per sample
+  ///         entry per sample
   /// \param sizes  for binary and utf8 data: bytes of each sample; if empty, the samples'
-  /// dimensions
-  ///               say it
+  ///         dimensions say it
   /// \return an empty pointer if the data column's type cannot be made from such a buffer: a list
-  /// or
-  ///         binary column without shapes or sizes, or a list of binary items
+  ///         or binary column without shapes or sizes, or a list of binary items
   /// \throws std::runtime_error "Null data type encountered." or "Unknown data type encountered."
   /// \throws std::invalid_argument if the schema is empty, if the shapes or sizes ask for more than
   ///         the buffer holds, or if the columns would differ in length or from the schema
@@ -47,8 +45,8 @@ class KYR_PARQUET_EXPORT SignalFormatter {
                                          const Dimensions& dimensions,
                                          const std::vector<int>& sizes);
 
-  /// \brief A table whose rows are nested lists, one level per dimension of the first entry of
-  /// \p dimensions (the shape of every sample); the innermost lists run along the first dimension.
+  /// \brief A table whose rows are nested lists, one level per dimension of the first entry of \p
+  /// dimensions (the shape of every sample); the innermost lists run along the first dimension.
   /// \param schema  of schemaBuilder::getSchemaWithDimensionsPreserved
   /// \throws as format(), and std::invalid_argument if the nesting is not the schema's
   std::shared_ptr<::arrow::Table> formatMatrixPreserveDimension(

@@ -34,8 +34,7 @@ class KYR_PARQUET_EXPORT SignalPool {
   /// \brief A pool over \p directory, which is created if it does not exist.
   /// \throws std::filesystem::filesystem_error if it cannot be created
   /// \throws std::invalid_argument, std::out_of_range  in whole-file mode, if it holds an entry
-  /// whose
-  ///         name does not begin with a storage id
+  ///         whose name does not begin with a storage id
   explicit SignalPool(const Path& directory);
   ~SignalPool();
   SignalPool(const SignalPool&) = delete;
@@ -80,9 +79,9 @@ class KYR_PARQUET_EXPORT SignalPool {
   /// \brief Make the signals of such a text over this pool's directory.
   ///
   /// Ids that the pool has already are replaced, others stay. Data type and category are not part
-  /// of the text: set them before reading. \throws nlohmann::json::exception (a std::exception) for
-  /// malformed text or members \throws std::invalid_argument for an empty id array; signals made
-  /// before it stay
+  /// of the text: set them before reading.
+  /// \throws nlohmann::json::exception (a std::exception) for malformed text or members
+  /// \throws std::invalid_argument for an empty id array; signals made before it stay
   void deserializeSignalRecords(const std::string& text);
 
   /// \brief Drop all signals and go on in a new temporary directory.

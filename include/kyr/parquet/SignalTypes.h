@@ -42,8 +42,8 @@ enum KYRSignalCategory : std::int32_t {
 namespace parquet {
 
 /// \brief Bytes of one element of \p type in a raw sample buffer: 1, 2, 4 or 8.
-/// \throws std::runtime_error "Null data type encountered." for `Null` and
-///         "Unknown data type encountered." for a value outside the enumeration
+/// \throws std::runtime_error "Null data type encountered." for `Null` and "Unknown data type
+///         encountered." for a value outside the enumeration
 KYR_PARQUET_EXPORT std::size_t elementWidth(KYRSignalDataType type);
 
 }  // namespace parquet

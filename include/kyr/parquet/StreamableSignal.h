@@ -27,18 +27,23 @@ namespace kyr::parquet {
 /// What a caller must know, because hosts rely on these rules:
 ///
 /// - Chunks are compared, not rows: equal rows in chunks of other sizes are not recognised.
-/// Equality
-///   is decided by a 64-bit hash.
+///   Equality is decided by a 64-bit hash.
 /// - A data chunk of doubles equal to a time chunk shares the time part's file.
 /// - A part that repeats several earlier ones takes the file of the first chain that begins with
-/// the
-///   same chunk, also where a later chain is the one that matches. Append signals whose first
+///   the same chunk, also where a later chain is the one that matches. Append signals whose first
 ///   chunks are equal only if all their chunks are.
 /// - A part that stops repeating copies the rows it shared so far into its own file. The file it
 ///   shared must be finished then; otherwise the call throws and that file is lost to its owner.
 /// - Shared files are not counted: resetData() or destruction of one signal deletes the file that
 ///   another shares. What is known of deleted chunks is not forgotten, also across a pool's
 ///   reset(): a signal that repeats them is handed the id of a file that is gone.
+/// - Copied rows are found by the bounds of the chunks, which drift by one row per chunk: of a
+///   shared start of several chunks all but the first are copied from later rows than theirs.
+/// - What an earlier part appends after a chunk has matched it comes too late for the next chunk:
+///   of equal signals that append in turns the second stops repeating at its second chunk.
+/// - Category, shapes and sizes are not compared: equal bytes share the first signal's.
+/// - The single double -1 stands for the end of a part; a chunk of it is taken for that.
+/// - A chunk without bytes has no rows, also where sizes list empty samples.
 /// - Reading a part whose file is still open throws and loses the file: finish() first.
 /// - Rows appended after finish() stay in memory until a batch is due, and then fail.
 /// - Failed writes are silent; ask writeStatus().
@@ -57,20 +62,19 @@ class KYR_PARQUET_EXPORT StreamableSignal {
   /// \brief Append \p count sample times [s]; copied before the call returns.
   /// \throws std::invalid_argument "Time is empty" for a null pointer
   /// \throws std::runtime_error, parquet::ParquetStatusException  from the files: see the notes
-  /// above
+  ///         above
   virtual void appendTime(const double* time, unsigned long count) = 0;
 
   /// \brief Append samples of the signal's data type; copied before the call returns.
   ///
   /// \param size  bytes at \p data
   /// \param dimensions  empty for scalars; one entry for samples that all have this shape; else one
-  ///                    entry per sample
+  ///         entry per sample
   /// \param extra  for binary samples: bytes of each
   /// \throws std::invalid_argument "Data is empty" for a null pointer; if the samples do not fit
-  /// the
-  ///         category and type, or the shapes ask for more than \p size; nothing is appended
+  ///         the category and type, or the shapes ask for more than \p size; nothing is appended
   /// \throws std::runtime_error, parquet::ParquetStatusException  from the files: see the notes
-  /// above
+  ///         above
   virtual void appendData(const void* data, unsigned long size,
                           const std::vector<std::vector<unsigned long>>& dimensions,
                           const std::vector<int>& extra) = 0;

@@ -3,9 +3,11 @@
 #include <arrow/type_fwd.h>
 #include <arrow/util/type_fwd.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kyr/platform/Path.h"
@@ -24,13 +26,12 @@ namespace kyr::parquet {
 /// What a caller must know, because recordings and hosts rely on it:
 ///
 /// - A failed table write or close reports nothing by itself; ask lastWriteStatus() or
-/// writeStatus().
+///   writeStatus().
 /// - When write(), close() or read() throws, the file's handle is gone and its id is lost: every
 ///   later use of the id throws. Reading a file that is still open for writing is such a case.
 /// - Range reads find rows by a walk that counts the first row group twice and takes every later
-/// size
-///   one step late. It is exact when all row groups but the last have the same length, as streamed
-///   batches have; rows of a file with other groups come back shifted.
+///   size one step late. It is exact when all row groups but the last have the same length, as
+///   streamed batches have; rows of a file with other groups come back shifted.
 /// - Ids grow and are not reused.
 ///
 /// An id that the writer does not know is std::out_of_range naming it, in every member that takes
@@ -68,7 +69,7 @@ class KYR_PARQUET_EXPORT StreamableWriter {
 
   /// \brief Create (or truncate) the file of a new id, open for writing.
   /// \param compression  codec of all columns; empty for that of the process-wide options as they
-  ///                     were when the writer was made
+  ///         were when the writer was made
   int create(const ::arrow::Schema& schema, const Compression& compression);
 
   /// \brief As above with a file name of its own; the id is unrelated to it.
@@ -77,8 +78,8 @@ class KYR_PARQUET_EXPORT StreamableWriter {
 
   /// \brief Append \p table to an open file.
   /// \throws std::runtime_error "File is not opened." (closed), "Only parquet file writer is
-  /// accepted
-  ///         in write()." (open for reading), "Parquet schema mismatch."; the id is lost then
+  ///         accepted in write()." (open for reading), "Parquet schema mismatch."; the id is lost
+  ///         then
   void write(int id, const ::arrow::Table& table);
 
   /// \brief Finish the file: write its footer, or let go of its reader. Closing again is no error.
@@ -119,6 +120,13 @@ class KYR_PARQUET_EXPORT StreamableWriter {
   ::arrow::Status writeStatus(int id) const;
 
  private:
+  friend class StreamableSignalImpl;
+  using RowRange = std::pair<unsigned long, unsigned long>;
+
+  // clone() of one range after the other, until \p next gives none. Row groups that neighbouring
+  // ranges share are read once.
+  void cloneEach(int src, int dst, const std::function<std::optional<RowRange>()>& next);
+
   class Impl;
   std::unique_ptr<Impl> impl_;
 };

@@ -64,12 +64,12 @@ KYR_PARQUET_EXPORT Recording openRecording(const Path& folder, const std::vector
 /// save killed at the very end may leave no folder, with the old one whole in
 /// `<folder>.saving-*.old`.)
 ///
-/// \param descriptions  signals of the pool by id. One without a description is called
-///        "signal <id>". A described signal without data is kept, with no samples
+/// \param descriptions  signals of the pool by id. One without a description is called "signal
+///         <id>". A described signal without data is kept, with no samples
 /// \throws std::invalid_argument if two descriptions have the same id, or a text is no valid UTF-8
 /// \throws std::runtime_error if \p folder exists and is neither empty nor a recording, if a
-///         signal's write failed or its file is missing, or if the recording cannot be written;
-///         \p folder is as it was then
+///         signal's write failed or its file is missing, or if the recording cannot be written; \p
+///         folder is as it was then
 KYR_PARQUET_EXPORT void saveRecording(parquet::SignalPool& pool,
                                       const std::vector<SignalDescription>& descriptions,
                                       const Path& folder);
