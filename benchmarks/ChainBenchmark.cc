@@ -66,7 +66,7 @@ void chain(benchmark::State& state) {
         rounds.median(name) / static_cast<double>(nodes) * 1e9;
   }
   state.counters["ns_register_all"] = rounds.median("register") * 1e9;
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * nodes));
+  reportThroughput(state, nodes);
 }
 
 BENCHMARK(chain)
@@ -95,7 +95,7 @@ void appendToFile(benchmark::State& state) {
                       {"short", [&] { return timeAppends(brief); }}});
     state.SetIterationTime(rounds.last("long"));
   }
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kAppends));
+  reportThroughput(state, kAppends);
   state.counters["ns_append"] = rounds.median("long") / kAppends * 1e9;
   state.counters["vs_short_chain"] = rounds.ratio("long", "short");
 }

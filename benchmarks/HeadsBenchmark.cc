@@ -1,3 +1,4 @@
+#include <arrow/status.h>
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -75,7 +76,7 @@ void appendAmongHeads(benchmark::State& state) {
                       {"one", [&] { return one.probe(rounds, "one"); }}});
     state.SetIterationTime(rounds.last("many"));
   }
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kAppends));
+  reportThroughput(state, kAppends);
   reportBeside(state, rounds, kAppends - 2);
 }
 
@@ -134,7 +135,7 @@ void matchAmongHeads(benchmark::State& state) {
                       {"one", [&] { return one.timeRepeating(equalChunks); }}});
     state.SetIterationTime(rounds.last("many"));
   }
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * equalChunks));
+  reportThroughput(state, equalChunks);
   state.counters["ns_append"] = rounds.median("many") / static_cast<double>(equalChunks) * 1e9;
   state.counters["vs_one"] = rounds.ratio("many", "one");
 }

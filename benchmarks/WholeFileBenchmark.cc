@@ -1,3 +1,4 @@
+#include <arrow/status.h>
 #include <benchmark/benchmark.h>
 
 #include <memory>

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "every_public_header.h"
+#include "support/TempDir.h"
 
 #if defined(FMT_VERSION) || defined(NLOHMANN_JSON_VERSION_MAJOR) || defined(CLI11_VERSION)
 #error "a public header shows a library that is ours alone"
@@ -15,6 +16,7 @@ namespace kyr::parquet {
 namespace {
 
 TEST(PublicApi, PoolStoresASignalAndRebuildsItFromItsRecords) {
+  const test::TempDir temp;
   SignalPool pool;
   const auto signal = pool.getSignal(1);
   signal->setCategory(FixedDim);
@@ -42,8 +44,8 @@ TEST(PublicApi, PoolStoresASignalAndRebuildsItFromItsRecords) {
 template <typename T>
 void useEveryForm(KYRSignalDataType type) {
   SCOPED_TRACE(type);
-  SignalPool place;  // for its directory
-  ParquetSerializerWorker worker(place.getParquetDirectory());
+  const test::TempDir temp;
+  ParquetSerializerWorker worker(temp.path());
   const auto plain = schemaBuilder::getSchema(Scalar, type, false, columnNames::data);
   const auto timed = schemaBuilder::getSchema(Scalar, type, true, columnNames::data);
   const std::vector<double> time{0.5};

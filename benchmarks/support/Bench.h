@@ -2,12 +2,12 @@
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
-#include <time.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -158,11 +158,11 @@ class Rounds {
   std::size_t round_ = 0;
 };
 
-/// Throughput of \p samples per iteration of \p bytes in all.
-inline void reportThroughput(benchmark::State& state, std::size_t samples, std::size_t bytes) {
+/// Throughput of \p items per iteration and, where it means something, of \p bytes.
+inline void reportThroughput(benchmark::State& state, std::size_t items, std::size_t bytes = 0) {
   const auto rounds = static_cast<std::int64_t>(state.iterations());
-  state.SetItemsProcessed(rounds * static_cast<std::int64_t>(samples));
-  state.SetBytesProcessed(rounds * static_cast<std::int64_t>(bytes));
+  state.SetItemsProcessed(rounds * static_cast<std::int64_t>(items));
+  if (bytes > 0) state.SetBytesProcessed(rounds * static_cast<std::int64_t>(bytes));
 }
 
 /// Bytes that malloc has handed out and not taken back.

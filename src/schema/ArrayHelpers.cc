@@ -19,9 +19,11 @@ namespace {
 template <typename Builder>
 std::shared_ptr<::arrow::Array> copiedArray(const std::vector<char>& values) {
   Builder builder;
-  PARQUET_THROW_NOT_OK(
-      builder.AppendValues(reinterpret_cast<const typename Builder::value_type*>(values.data()),
-                           static_cast<std::int64_t>(values.size())));
+  if (!values.empty()) {
+    PARQUET_THROW_NOT_OK(
+        builder.AppendValues(reinterpret_cast<const typename Builder::value_type*>(values.data()),
+                             static_cast<std::int64_t>(values.size())));
+  }
   PARQUET_ASSIGN_OR_THROW(auto array, builder.Finish());
   return array;
 }

@@ -117,6 +117,7 @@ TEST_F(DamagedFile, ForeignColumnsAreNamedWithWhatWasExpected) {
       // Columns are taken by their position.
       {"\"data\" is list<element: uint64>", {{"dimension", extents}, {"data", reals}}},
       {"\"time\" is int32", {{"x", ints}, {"time", reals}, {"data", reals}}},
+      {"\"dimension\" is int32", {{"data", reals}, {"x", ints}, {"dimension", extents}}},
   };
   for (const auto& [says, columns] : cases) {
     test::writeForeignFile(store.file(0), *test::tableOf(columns));

@@ -191,6 +191,17 @@ TEST(RowGroups, RangeReadTakesNoByteOfOtherGroups) {
     expected += file.metadata->RowGroup(group)->ColumnChunk(0)->total_compressed_size();
   }
   EXPECT_EQ(file.source->bytesRead - before, expected);
+
+  KeptRowGroups kept;
+  const auto readKept = [&](std::uint64_t from) {
+    return test::numbersOf(*readRows(*file.reader, *file.metadata, from, from + 10, &kept));
+  };
+  EXPECT_EQ(readKept(3100), upFrom(3100, 10));
+  const auto once = file.source->bytesRead;
+  EXPECT_EQ(readKept(3900), upFrom(3900, 10));
+  EXPECT_EQ(file.source->bytesRead, once);
+  EXPECT_EQ(readKept(3995), upFrom(3995, 10));
+  EXPECT_GT(file.source->bytesRead, once);
 }
 
 }  // namespace
