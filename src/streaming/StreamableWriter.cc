@@ -293,6 +293,7 @@ void StreamableWriter::cloneEach(int src, int dst,
 void StreamableWriter::remove(const int& id) {
   if (impl_->isLost(id)) {
     impl_->files.erase(id);
+    impl_->failures.erase(id);
     return;
   }
   const auto entry = std::move(impl_->slot(id));
