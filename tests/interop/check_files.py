@@ -17,6 +17,7 @@ import tempfile
 
 import duckdb
 import polars
+import pyarrow
 import pyarrow.parquet
 import xxhash
 
@@ -173,11 +174,28 @@ def check_example(document, recording):
         check("example, data", data, expected_columns(kind, category, True)["data"][1])
 
 
+def check_adoption(sample_writer, folder):
+    """Files that others wrote are found by their content, numbered and read by row range."""
+    folder.mkdir()
+    for name, rows, group, codec in (("3", 5, 2, "none"), ("10.parquet", 4, 3, "zstd"),
+                                     ("notes", 4, 100, "snappy")):
+        table = pyarrow.table({"data": [float(row) + rows / 8 for row in range(rows)]})
+        pyarrow.parquet.write_table(table, folder / name, row_group_size=group, compression=codec)
+    (folder / "7").write_text("no Parquet file")
+    found = subprocess.run([sample_writer, "--adopt", folder], check=True, capture_output=True,
+                           text=True).stdout.splitlines()
+    wanted = ["3 3 0.625 1.625 2.625 3.625 4.625 | 2.625 3.625",
+              "10 10.parquet 0.5 1.5 2.5 3.5 | 2.5 3.5",
+              "11 notes 0.5 1.5 2.5 3.5 | 2.5 3.5"]
+    assert found == wanted, f"{found}, expected {wanted}"
+
+
 def main(sample_writer, golden, document):
     check_recording(golden)
     check_example(document, golden)
     with tempfile.TemporaryDirectory() as name:
         out = pathlib.Path(name)
+        check_adoption(sample_writer, out / "adopted")
         subprocess.run([sample_writer, out], check=True)
         for kind in ("recording", "streamed"):
             records = check_recording(out / kind, kind == "streamed")

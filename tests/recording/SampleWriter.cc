@@ -1,15 +1,19 @@
-// Writes recordings for those who test with files: see the two modes in main().
+// Writes recordings for those who test with files: see the modes in main().
+#include <arrow/api.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <iostream>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "kyr/parquet/ParquetSignal.h"
+#include "kyr/parquet/StreamableWriter.h"
 #include "kyr/platform/FeatureFlag.h"
 #include "kyr/recording/Recording.h"
 #include "recording/SampleSignals.h"
@@ -56,15 +60,39 @@ void writeSamples(const fs::path& out) {
   }
 }
 
+// Prints what a writer makes of a directory of files that others wrote: for each id its name, all
+// its values, and those of rows 2 and 3.
+void printAdopted(const Path& directory) {
+  parquet::StreamableWriter writer(directory);
+  writer.preserveDirectory(true);
+  std::vector<int> ids = writer.getAllParquetStorageIDs();
+  std::sort(ids.begin(), ids.end());
+  for (const int id : ids) {
+    std::cout << id << ' ' << writer.getFileName(id);
+    for (const auto to : {std::numeric_limits<unsigned long>::max(), 4UL}) {
+      const auto rows = writer.read(id, to == 4 ? 2 : 0, to);
+      const auto values = rows->CombineChunks().ValueOrDie()->column(0);
+      std::cout << (to == 4 ? " |" : "");
+      for (std::int64_t i = 0; i < values->length(); ++i) {
+        std::cout << ' ' << values->GetScalar(i).ValueOrDie()->ToString();
+      }
+    }
+    std::cout << '\n';
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2) {
+  if (argc == 3 && std::string(argv[1]) == "--adopt") {
+    printAdopted(Path::fromNarrow(argv[2]));
+  } else if (argc == 2) {
     writeSamples(argv[1]);
   } else if (argc == 4) {
     saveTakes(Path::fromNarrow(argv[1]), std::stoi(argv[2]), std::stoi(argv[3]));
   } else {
-    std::cerr << "usage: kyr_sample_writer OUT | FOLDER FIRST-TAKE DELAY-IN-MICROSECONDS\n";
+    std::cerr << "usage: kyr_sample_writer OUT | --adopt DIRECTORY | FOLDER FIRST-TAKE "
+                 "DELAY-IN-MICROSECONDS\n";
     return 2;
   }
   return 0;
