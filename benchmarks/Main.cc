@@ -2,7 +2,7 @@
 
 #include <charconv>
 #include <cstdio>
-#include <cstring>
+#include <exception>
 #include <string_view>
 #include <system_error>
 
@@ -34,7 +34,13 @@ int main(int argc, char** argv) {
   argc = kept;
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  benchmark::RunSpecifiedBenchmarks();
+  // Caught, so that what a failing workload has on disk is removed.
+  try {
+    benchmark::RunSpecifiedBenchmarks();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+  }
   benchmark::Shutdown();
   return 0;
 }

@@ -1,6 +1,7 @@
 #include <arrow/status.h>
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
@@ -98,18 +99,19 @@ BENCHMARK(appendChunks)
     ->Iterations(7)
     ->Unit(benchmark::kMillisecond);
 
-// A finished signal of many rows in row groups of one length.
+// A finished signal of about that many rows, in row groups of one length.
 class LongSignal {
  public:
   LongSignal(std::size_t rows, std::size_t groupRows)
-      : rows_(rows), groupRows_(groupRows), pool_(folder_.path("pool")) {
+      : rows_(std::max<std::size_t>(1, rows / groupRows) * groupRows),
+        groupRows_(groupRows),
+        pool_(folder_.path("pool")) {
     signal_ = pool_.getStreamableSignal(1);
     signal_->setBufferSize(groupRows);
     std::vector<double> chunk = noise(groupRows);
-    for (std::size_t at = 0; at < rows; at += groupRows) {
+    for (std::size_t at = 0; at < rows_; at += groupRows) {
       chunk.front() = static_cast<double>(at);  // so that no chunk repeats another
-      signal_->appendData(chunk.data(), std::min(groupRows, rows - at) * sizeof(double),
-                          kNoDimensions, kNoSizes);
+      signal_->appendData(chunk.data(), groupRows * sizeof(double), kNoDimensions, kNoSizes);
     }
     signal_->finish();
     check(*signal_);
