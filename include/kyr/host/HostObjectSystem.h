@@ -1,0 +1,31 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "kyr/host/HostAllocator.h"
+#include "kyr/host/HostNamespaceInfo.h"
+
+namespace kyr::host {
+
+/// \brief The part of a host that a library registers its methods with.
+///
+/// A host implements it, and installs it before it calls the library's entry point; see
+/// Registration.h.
+class HostObjectSystem {
+ public:
+  virtual ~HostObjectSystem() = default;
+
+  /// \brief The namespace of a dotted name such as "A.B", or null if there is none.
+  ///
+  /// It need not be populated for that, but those that it lies in are.
+  virtual HostNamespace* findNamespace(const std::string& dottedName) = 0;
+
+  /// \brief Add a namespace at the top, which will be populated when it is first opened.
+  virtual void addNamespace(std::unique_ptr<HostNamespaceInfo> info) = 0;
+
+  /// \brief The memory for what is added. Outlives everything that came from it.
+  virtual HostAllocator& allocator() = 0;
+};
+
+}  // namespace kyr::host
