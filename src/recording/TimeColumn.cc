@@ -12,6 +12,7 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "recording/StoredFile.h"
+#include "storage/BatchSize.h"
 
 namespace kyr::recording {
 
@@ -28,9 +29,10 @@ class RowGroupFile {
     auto sink = ::arrow::io::FileOutputStream::Open(path_.string());
     check(sink.status());
     sink_ = *sink;
-    auto writer = ::parquet::arrow::FileWriter::Open(
-        *schema_, ::arrow::default_memory_pool(), sink_,
-        parquet::ParquetWriterOptions().buildWriterProperties(codec));
+    const auto properties = parquet::ParquetWriterOptions().buildWriterProperties(codec);
+    check(parquet::checkBatchSize(*properties));
+    auto writer = ::parquet::arrow::FileWriter::Open(*schema_, ::arrow::default_memory_pool(),
+                                                     sink_, properties);
     check(writer.status());
     writer_ = *std::move(writer);
   }

@@ -15,6 +15,7 @@
 #include "kyr/parquet/PerfTracer.h"
 #include "kyr/platform/FileSystem.h"
 #include "schema/SampleLayout.h"
+#include "storage/BatchSize.h"
 #include "storage/ChunkIndex.h"
 #include "storage/ContentHash.h"
 #include "storage/ElementInstances.h"
@@ -46,10 +47,13 @@ class ParquetSerializerWorker::Impl {
     const auto stream = ::arrow::io::FileOutputStream::Open(path, /*append=*/true).ValueOrDie();
     const auto properties =
         compression ? options.buildWriterProperties(*compression) : options.buildWriterProperties();
+    ::arrow::Status status = checkBatchSize(*properties);
     startPerfTracer("WriteTableToFile");
-    ::arrow::Status status = ::parquet::arrow::WriteTable(
-        table, ::arrow::default_memory_pool(), stream, table.num_rows(), properties,
-        ::parquet::default_arrow_writer_properties());
+    if (status.ok()) {
+      status = ::parquet::arrow::WriteTable(table, ::arrow::default_memory_pool(), stream,
+                                            table.num_rows(), properties,
+                                            ::parquet::default_arrow_writer_properties());
+    }
     stopPerfTracer("WriteTableToFile");
     // A failure is only noted, for whoever asks; the write itself never reports one.
     status &= stream->Close();

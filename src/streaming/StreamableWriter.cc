@@ -19,6 +19,7 @@
 #include "kyr/parquet/FileSelector.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/platform/FileSystem.h"
+#include "storage/BatchSize.h"
 #include "streaming/RowGroups.h"
 
 namespace kyr::parquet {
@@ -197,6 +198,7 @@ class StreamableWriter::Impl {
   std::atomic<int> lastId{-1};
   std::unordered_map<int, EntryPtr> files;
   ParquetWriterOptions writerOptions;
+  ::arrow::Status batchSizeCheck = checkBatchSize(*writerOptions.buildWriterProperties());
   bool preserve = false;
   ::arrow::Status lastWriteStatus;
   std::unordered_map<int, ::arrow::Status> failures;
@@ -253,7 +255,9 @@ void StreamableWriter::write(int id, const ::arrow::Table& table) {
     }
     // Only noted: hosts append from the simulation's step function and look at the end whether all
     // was written.
-    impl_->note(id, (*writer)->WriteTable(table, kMaxRowGroupRows));
+    ::arrow::Status status = impl_->batchSizeCheck;
+    if (status.ok()) status = (*writer)->WriteTable(table, kMaxRowGroupRows);
+    impl_->note(id, std::move(status));
   });
 }
 

@@ -6,6 +6,8 @@
 
 #include "kyr/parquet/ParquetSerializerWorker.h"
 #include "kyr/parquet/SchemaBuilder.h"
+#include "kyr/parquet/SerializationOptions.h"
+#include "kyr/parquet/StreamableWriter.h"
 #include "support/ParquetFiles.h"
 #include "support/StorageTest.h"
 
@@ -194,6 +196,23 @@ TEST_F(SerializerWorker, WriteThatFailsAfterOpeningIsSilent) {
   test::fs::create_symlink("/dev/full", store.file("50"));
   worker->writeHelper(*table, 50, {});
   EXPECT_THAT(worker->writeStatus(50).ToString(), HasSubstr("No space left"));
+}
+
+// Parquet would divide by it, or take a negative one for nothing to write.
+TEST_F(SerializerWorker, BatchSizeBelowOneFailsTheWrite) {
+  for (const int batchSize : {0, -1, -3}) {
+    serialization_options::batchSize = batchSize;
+    worker = openWorker();
+    EXPECT_THAT(worker->writeStatus(writeTable()).ToString(),
+                HasSubstr("BatchSize is " + std::to_string(batchSize)));
+    StreamableWriter stream(store.path());
+    const int id = stream.create(*table->schema(), {});
+    stream.write(id, *table);
+    EXPECT_THAT(stream.writeStatus(id).ToString(), HasSubstr("BatchSize"));
+    stream.close(id);
+    EXPECT_EQ(stream.read(id, 0, 2)->num_rows(), 0);
+    worker.reset();
+  }
 }
 
 TEST_F(SerializerWorker, FileIsOneRowGroupUpToParquetsLimit) {

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <arrow/status.h>
+#include <parquet/properties.h>
+
+namespace kyr::parquet {
+
+/// Whether Parquet can encode with these properties. It divides by the batch size, and takes a
+/// negative one for nothing to do, so neither may reach it.
+inline ::arrow::Status checkBatchSize(const ::parquet::WriterProperties& properties) {
+  if (properties.write_batch_size() > 0) return ::arrow::Status::OK();
+  return ::arrow::Status::Invalid("the option BatchSize is ", properties.write_batch_size(),
+                                  ", so no rows can be written: set it to 1 or more");
+}
+
+}  // namespace kyr::parquet
