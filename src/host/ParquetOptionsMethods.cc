@@ -42,9 +42,10 @@ Codec::type codecCalled(const std::string& name) {
   };
   const auto found = codecs.find(name);
   if (found != codecs.end()) return found->second;
+  // Two more are known, but not to Parquet.
   throw std::invalid_argument(
-      fmt::format("Compression \"{}\" is not known: use uncompressed, snappy, gzip, lzo, brotli, "
-                  "lz4_frame, lz4_hadoop or zstd",
+      fmt::format("Compression \"{}\" is not known: use uncompressed, snappy, gzip, brotli, "
+                  "lz4_hadoop or zstd",
                   name));
 }
 

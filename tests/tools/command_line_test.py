@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import signal
 import subprocess
 import time
@@ -43,6 +44,55 @@ class Usage(ToolTest):
         for command in ("import", "info", "cat", "verify", "demo"):
             self.assertIn(f"  kyr {command}", self.run_tool(command, "--help").stdout)
         self.assertRegex(self.run_tool("--version").stdout, r"^kyr \d+\.\d+\.\d+\n$")
+
+    def test_settings_go_through_the_hosts_methods(self):
+        self.write("time,a\n" + "".join(f"{t},{t % 3}\n" for t in range(1000)))
+        sizes = {}
+        for name, settings in {"plain": ("Dictionary=false",), "default": (),
+                               "small": ("Compression=zstd", "BatchSize=100"),
+                               "columns": ("SharedTimeColumn=false",)}.items():
+            arguments = [part for setting in settings for part in ("--set", setting)]
+            self.run_tool("import", "in.csv", name, *arguments)
+            self.assertEqual(self.cat(recording=name), (self.folder / "in.csv").read_text())
+            self.run_tool("verify", name)
+            sizes[name] = self.info(name)["totals"]["bytes"]
+        self.assertLess(sizes["small"], sizes["default"])
+        self.assertLess(sizes["default"], sizes["plain"])
+        self.assertIsNone(self.signals("columns")["a"]["timeFile"])
+        for says, *settings in (
+                ("zip", "Compression=zip"), ("lz4_hadoop", "Compression=lzo"),
+                ("lz4_hadoop", "Compression=lz4_frame"), ("1 to", "BatchSize=0"),
+                ("1 to", "DictionaryLimit=2.5"), ("true or false", "Dictionary=1"),
+                ("SharedTimeColumn", "Nonsense=1"), ("Compression=VALUE", "Compression"),
+                ("twice", "BatchSize=1", "BatchSize=2")):
+            arguments = [part for setting in settings for part in ("--set", setting)]
+            self.fails("import", "in.csv", "new", *arguments, says=[says], exit_code=2)
+        self.fails("import", "in.csv", "new", "--stream", "--set", "SharedTimeColumn=false",
+                   says=["share times"], exit_code=2)
+        self.assertFalse((self.folder / "new").exists())
+        table = self.run_tool("options").stdout
+        for setting in ("Compression +uncompressed", "Dictionary +true", "DictionaryLimit +1048576",
+                        "BatchSize +4096", "SharedTimeColumn +true"):
+            self.assertRegex(table, setting)
+
+    def test_completion_and_manual_know_every_option(self):
+        manual = self.run_tool("manual").stdout.replace("\\-", "-")
+        (self.folder / "completion").write_text(self.run_tool("completion", "bash").stdout)
+        complete = """source completion; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _kyr
+                      echo "${COMPREPLY[@]}" """
+        def completed(*words):
+            return subprocess.run(["bash", "-c", complete, "-", *words], cwd=self.folder, text=True,
+                                  capture_output=True, check=True).stdout.split()
+        for command in completed("kyr", "")[:-3]:
+            text = self.run_tool(command, "--help").stdout
+            self.assertIn(f"kyr {command} [OPTIONS]", manual)
+            options = set(re.findall(r"^  (?:-h,)?(--[a-z-]+)", text, re.MULTILINE))
+            self.assertEqual(set(completed("kyr", command, "-")), options | {"--trace"})
+            for option in options - {"--help"}:
+                self.assertRegex(manual, rf"\n\.B (-\w, )?{option}\b")
+        self.assertEqual(completed("kyr", "--trace", "x", "imp"), ["import"])
+        self.assertEqual(completed("kyr", "import", "--compression", "z"), ["zstd"])
+        self.fails("completion", "fish", says=["fish", "bash"], exit_code=2)
 
     def test_trace(self):
         self.write("time,a\n0,1\n")

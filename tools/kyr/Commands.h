@@ -17,7 +17,10 @@ void addImportCommand(CLI::App& app, Action& action);
 void addInfoCommand(CLI::App& app, Action& action);
 void addCatCommand(CLI::App& app, Action& action);
 void addVerifyCommand(CLI::App& app, Action& action);
+void addOptionsCommand(CLI::App& app, Action& action);
 void addDemoCommand(CLI::App& app, Action& action);
+void addCompletionCommand(CLI::App& app, Action& action);
+void addManualCommand(CLI::App& app, Action& action);
 /// @}
 
 }  // namespace kyr::tool

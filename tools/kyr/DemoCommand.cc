@@ -14,6 +14,7 @@
 #include "InfoCommand.h"
 #include "Output.h"
 #include "RecordingSummary.h"
+#include "Settings.h"
 #include "TemporaryFolder.h"
 #include "Text.h"
 #include "kyr/parquet/ParquetSignal.h"
@@ -30,6 +31,7 @@ struct DemoOptions {
   std::string folder;
   std::string data;
   bool replaces = false;
+  std::vector<std::string> settings;
 };
 
 // Beside an installed tool or, before it is installed, in the source tree.
@@ -85,6 +87,7 @@ int runDemo(const DemoOptions& options) {
   import.file = options.data.empty() ? bundledData() : options.data;
   import.folder = options.folder.empty() ? temporary.path().toNarrow() : options.folder;
   import.replaces = options.replaces;
+  import.settings = options.settings;
   Output out;
   out.print("kyr import {} {}\n", import.file, import.folder);
   out.flush();
@@ -111,11 +114,12 @@ void addDemoCommand(CLI::App& app, Action& action) {
       ->type_name("");
   command->add_option("--data", options->data, "CSV file to store instead of the bundled one")
       ->type_name("FILE");
+  addSetOption(*command, options->settings);
   command->add_flag("--force", options->replaces, "Replace the recording in FOLDER");
   command->footer(R"help(
 Examples:
   kyr demo
-  kyr demo run --data run.csv)help");
+  kyr demo run --data run.csv --set Compression=zstd)help");
   command->callback([options, &action] { action = [options] { return runDemo(*options); }; });
 }
 

@@ -1,6 +1,5 @@
 #include "ImportCommand.h"
 
-#include <arrow/util/compression.h>
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -15,10 +14,12 @@
 #include "Output.h"
 #include "ProgressBar.h"
 #include "RecordingSummary.h"
+#include "Settings.h"
 #include "SignalStore.h"
 #include "TemporaryFolder.h"
 #include "Text.h"
 #include "TypeNames.h"
+#include "kyr/parquet/SerializationOptions.h"
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/recording/Recording.h"
 
@@ -27,32 +28,6 @@ namespace kyr::tool {
 namespace fs = std::filesystem;
 
 namespace {
-
-using Codec = ::arrow::Compression;
-
-constexpr std::array<std::pair<std::string_view, Codec::type>, 6> kCodecs{{
-    {"uncompressed", Codec::UNCOMPRESSED},
-    {"snappy", Codec::SNAPPY},
-    {"gzip", Codec::GZIP},
-    {"brotli", Codec::BROTLI},
-    {"zstd", Codec::ZSTD},
-    {"lz4_hadoop", Codec::LZ4_HADOOP},
-}};
-
-std::string codecNames() {
-  std::string names;
-  for (const auto& [name, codec] : kCodecs) {
-    names += (names.empty() ? "" : ", ") + std::string(name);
-  }
-  return names;
-}
-
-Codec::type codecCalled(const std::string& name) {
-  for (const auto& [known, codec] : kCodecs) {
-    if (known == name) return codec;
-  }
-  throw UsageError(fmt::format("--compression {}: there are only {}", name, codecNames()));
-}
 
 // Told before the work and not after it.
 void checkTarget(const std::string& folder, bool replaces) {
@@ -105,7 +80,11 @@ int runImport(const ImportOptions& options) {
 }  // namespace
 
 void importCsv(const ImportOptions& options) {
-  const Codec::type codec = codecCalled(options.compression);
+  applySettings(options.settings);
+  const ::arrow::Compression::type codec = parquet::serialization_options::compressionMethod;
+  if (options.stream && !parquet::serialization_options::bSharedTimeColumn) {
+    throw UsageError("--set SharedTimeColumn=false: streamed signals always share times");
+  }
   const Path folder = Path::fromNarrow(options.folder);
   checkTarget(options.folder, options.replaces);
   ProgressBar bar;
@@ -119,7 +98,7 @@ void importCsv(const ImportOptions& options) {
   const TemporaryFolder storage;
   const StreamingMode mode(options.stream.has_value());
   parquet::SignalPool pool(storage.path());
-  SignalStore whole(pool, codec, options.separatesTime);
+  SignalStore whole(pool, codec, !parquet::serialization_options::bSharedTimeColumn);
   StreamedStore streamed(pool, codec, options.stream.value_or(StreamOptions()));
   std::vector<recording::SignalDescription> descriptions;
   for (CsvColumn& column : table.columns()) {
@@ -160,12 +139,9 @@ void addImportCommand(CLI::App& app, Action& action) {
                    "Store the signal NAME as " + columnTypeNames() + "; may be given repeatedly")
       ->type_name("NAME=TYPE")
       ->allow_extra_args(false);
-  command
-      ->add_option("--compression", options->compression,
-                   "Codec of the files, uncompressed unless given: " + codecNames())
-      ->type_name("CODEC");
-  CLI::Option* separatesTime = command->add_flag(
-      "--no-shared-time", options->separatesTime,
+  addCompressionOption(*command, options->settings);
+  CLI::Option* separatesTime = command->add_flag_callback(
+      "--no-shared-time", [options] { options->settings.emplace_back("SharedTimeColumn=false"); },
       "Store times beside each signal's samples, not in a file that signals share");
   const auto streams = std::make_shared<bool>(false);
   const auto streamOptions = std::make_shared<StreamOptions>();
@@ -187,6 +163,7 @@ void addImportCommand(CLI::App& app, Action& action) {
       ->type_name("ROWS")
       ->check(CLI::Range(std::size_t{1}, kMaxRowGroupRows))
       ->needs(stream);
+  addSetOption(*command, options->settings);
   command->add_flag("--strict", options->isStrict,
                     "Store nothing if something of the file cannot be stored");
   command->add_flag("--force", options->replaces, "Replace the recording in FOLDER");
@@ -200,7 +177,7 @@ Examples:
   kyr import run.csv run
   kyr import run.csv run --time "Time (s)" --type gear=int8 --type flags=uint16
   kyr import run.csv run --compression zstd --force
-  kyr import run.csv run --stream --batch 16384)help");
+  kyr import run.csv run --stream --batch 16384 --set Dictionary=false)help");
   command->callback([options, streams, streamOptions, &action] {
     if (*streams) options->stream = *streamOptions;
     action = [options] { return runImport(*options); };

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "CsvTable.h"
 #include "StreamedStore.h"
@@ -12,8 +13,7 @@ struct ImportOptions {
   std::string file;
   std::string folder;
   CsvOptions columns;
-  std::string compression = "uncompressed";
-  bool separatesTime = false;           ///< whether each signal has its times beside its samples
+  std::vector<std::string> settings;    ///< options of the library, "NAME=VALUE"
   std::optional<StreamOptions> stream;  ///< how signals are streamed; empty for whole files
   bool isStrict = false;                ///< whether what cannot be stored is an error
   bool replaces = false;                ///< whether an existing recording is replaced

@@ -64,7 +64,10 @@ Each command has its own --help.)help");
   addInfoCommand(app, action);
   addCatCommand(app, action);
   addVerifyCommand(app, action);
+  addOptionsCommand(app, action);
   addDemoCommand(app, action);
+  addCompletionCommand(app, action);
+  addManualCommand(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& success) {  // --help or --version

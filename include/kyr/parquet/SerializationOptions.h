@@ -19,7 +19,8 @@ KYR_PARQUET_EXPORT extern bool bDictionary;
 /// Largest dictionary page of a column [bytes]; used only with `bDictionary`. Initially 1048576.
 KYR_PARQUET_EXPORT extern std::int32_t dictionaryLimit;
 
-/// Rows handed to a column's encoder at a time. Initially 4096.
+/// Rows handed to a column's encoder at a time. Initially 4096. Below 1 nothing can be written: every
+/// write fails, with a status that says so.
 KYR_PARQUET_EXPORT extern std::int32_t batchSize;
 
 /// Keep a signal's time vector in a file of its own, which signals with equal time share, instead

@@ -1,0 +1,134 @@
+#include <fmt/format.h>
+
+#include <memory>
+#include <string>
+
+#include "CommandLine.h"
+#include "Commands.h"
+#include "Errors.h"
+#include "Output.h"
+#include "Settings.h"
+
+namespace kyr::tool {
+
+namespace {
+
+// "parquet|arrow|csv" names all values; words in capitals stand for something else.
+std::string valuesOf(const CLI::Option& option) {
+  std::string values;
+  if (option.check_lname("set")) {
+    for (const Setting& setting : currentSettings()) values += setting.name + "= ";
+    return values;
+  }
+  if (option.check_lname("compression")) return writableCodecs();
+  const std::string type = valueNameOf(option);
+  if (type.find('|') == std::string::npos) return values;
+  for (std::size_t begin = 0; begin <= type.size();) {
+    const std::size_t end = std::min(type.find('|', begin), type.size());
+    const std::string word = type.substr(begin, end - begin);
+    if (word.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ") == std::string::npos) values += word + " ";
+    begin = end + 1;
+  }
+  return values;
+}
+
+std::string optionNames(const CLI::App& command) {
+  std::string names;
+  for (const CLI::Option* option : optionsOf(command)) {
+    for (const std::string& name : option->get_lnames()) names += "--" + name + " ";
+  }
+  return names;
+}
+
+// Cases of the word before the cursor, which is an option with a value.
+std::string valueCases(const CLI::App& command) {
+  std::string cases;
+  for (const CLI::Option* option : optionsOf(command)) {
+    if (!takesValue(*option)) continue;
+    const std::string values = valuesOf(*option);
+    for (const std::string& name : option->get_lnames()) {
+      cases += fmt::format("        {}:--{}) words='{}'; isValue=1 ;;\n", command.get_name(), name,
+                           values);
+    }
+  }
+  return cases;
+}
+
+int printCompletion(const CLI::App& app, const std::string& shell) {
+  if (shell != "bash") {
+    throw UsageError(fmt::format("completion for {} is not there, only for bash", shell));
+  }
+  Output out;
+  out.print("{}", bashCompletion(app));
+  out.flush();
+  return 0;
+}
+
+}  // namespace
+
+std::string bashCompletion(const CLI::App& app) {
+  std::string names;
+  std::string options;
+  std::string values;
+  for (const CLI::App* command : commandsOf(app)) {
+    names += command->get_name() + " ";
+    options += fmt::format("        {}) words='{}{}' ;;\n", command->get_name(),
+                           optionNames(*command), "--trace ");
+    values += valueCases(*command);
+  }
+  return fmt::format(R"bash(# Completion of kyr for bash; made by: kyr completion bash
+_kyr() {{
+    local current="${{COMP_WORDS[COMP_CWORD]}}" previous="${{COMP_WORDS[COMP_CWORD-1]}}"
+    local command='' words='' isValue='' i
+    COMPREPLY=()
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        case "${{COMP_WORDS[i]}}" in
+            --trace) i=$((i + 1)) ;;
+            -*) ;;
+            *) command="${{COMP_WORDS[i]}}"; break ;;
+        esac
+    done
+    if [[ $previous == --trace ]]; then
+        return
+    fi
+    if [[ -z $command ]]; then
+        COMPREPLY=($(compgen -W '{names}{options}' -- "$current"))
+        return
+    fi
+    case "$command:$previous" in
+{values}    esac
+    if [[ -n $isValue ]]; then
+        if [[ -n $words ]]; then
+            COMPREPLY=($(compgen -W "$words" -- "$current"))
+            [[ ${{COMPREPLY[0]}} == *= ]] && compopt -o nospace
+        fi
+        return
+    fi
+    if [[ $current == -* ]]; then
+        case "$command" in
+{commands}        esac
+        COMPREPLY=($(compgen -W "$words" -- "$current"))
+    elif [[ $command == completion ]]; then
+        COMPREPLY=($(compgen -W 'bash' -- "$current"))
+    fi
+}}
+# Where it offers nothing, files are.
+complete -o default -F _kyr kyr
+)bash",
+                     fmt::arg("names", names), fmt::arg("options", optionNames(app)),
+                     fmt::arg("values", values), fmt::arg("commands", options));
+}
+
+void addCompletionCommand(CLI::App& app, Action& action) {
+  CLI::App* command = app.add_subcommand("completion", "Print the completion script of a shell");
+  const auto shell = std::make_shared<std::string>("bash");
+  command->add_option("SHELL", *shell, "bash")->type_name("");
+  command->footer(R"help(
+Examples:
+  source <(kyr completion bash)
+  kyr completion bash > ~/.local/share/bash-completion/completions/kyr)help");
+  command->callback(
+      [&app, shell, &action] { action = [&app, shell] { return printCompletion(app, *shell); }; });
+}
+
+}  // namespace kyr::tool
