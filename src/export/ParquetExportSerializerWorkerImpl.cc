@@ -1,0 +1,96 @@
+#include "export/ParquetExportSerializerWorkerImpl.h"
+
+#include <arrow/array.h>
+#include <arrow/buffer.h>
+#include <arrow/io/file.h>
+#include <arrow/table.h>
+#include <parquet/arrow/writer.h>
+#include <parquet/exception.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "kyr/parquet/ParquetSerializerWorker.h"
+#include "kyr/parquet/SchemaBuilder.h"
+#include "schema/ArrayMemory.h"
+#include "schema/ElementType.h"
+
+namespace kyr::parquet {
+
+namespace {
+
+// A copy of the whole values among \p bytes.
+std::shared_ptr<::arrow::Array> copiedArray(const std::shared_ptr<::arrow::DataType>& type,
+                                            const void* values, std::size_t bytes) {
+  PARQUET_ASSIGN_OR_THROW(std::shared_ptr<::arrow::Buffer> buffer,
+                          ::arrow::AllocateBuffer(static_cast<std::int64_t>(bytes)));
+  if (bytes > 0) std::memcpy(buffer->mutable_data(), values, bytes);
+  return kyr::arrow::makeArrayZeroCopy(buffer, type);
+}
+
+bool isExported(KYRSignalDataType type) {
+  switch (type) {
+    case Double:
+    case Single:
+    case Int8:
+    case UInt8:
+    case Int16:
+    case UInt16:
+    case Int32:
+    case UInt32:
+    case Int64:
+    case UInt64:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<::arrow::Schema> ParquetExportSerializerWorkerImpl::getExportSchema(
+    std::vector<Column> columns) const {
+  return schemaBuilder::getCustomSchema(std::move(columns));
+}
+
+std::vector<std::shared_ptr<::arrow::Array>> ParquetExportSerializerWorkerImpl::buildArray(
+    std::vector<Signal> signals) const {
+  std::vector<std::shared_ptr<::arrow::Array>> arrays;
+  arrays.reserve(2 * signals.size());
+  for (const auto& [name, time, data, dimensions, type] : signals) {
+    auto dataArray = getDataArray(name, data, type);
+    arrays.push_back(copiedArray(::arrow::float64(), time.data(), time.size() * sizeof(double)));
+    arrays.push_back(std::move(dataArray));
+  }
+  return arrays;
+}
+
+std::shared_ptr<::arrow::Array> ParquetExportSerializerWorkerImpl::getDataArray(
+    std::string /*name*/, const std::vector<char>& data, const KYRSignalDataType& type) const {
+  if (!isExported(type)) throw std::runtime_error("Unknown data type encountered.");
+  return copiedArray(elementArrowType(type), data.data(), data.size());
+}
+
+std::shared_ptr<::arrow::Table> ParquetExportSerializerWorkerImpl::buildTable(
+    const std::shared_ptr<::arrow::Schema>& schema,
+    const std::vector<std::shared_ptr<::arrow::Array>>& arrays) const {
+  return ParquetSerializerWorker::tableBuildHelper(schema, arrays);
+}
+
+void ParquetExportSerializerWorkerImpl::write(const ::arrow::Table& table, std::u16string path) {
+  const std::string file = Path(std::move(path)).native().toNarrow();
+  // Appending is on so that no existing file is ever truncated. Parquet cannot append: over a file
+  // that holds bytes the write fails, in silence, and the bytes stay.
+  PARQUET_ASSIGN_OR_THROW(const auto stream,
+                          ::arrow::io::FileOutputStream::Open(file, /*append=*/true));
+  writeStatus_ = ::parquet::arrow::WriteTable(table, ::arrow::default_memory_pool(), stream,
+                                              table.num_rows(), options_.buildWriterProperties(),
+                                              ::parquet::default_arrow_writer_properties());
+  writeStatus_ &= stream->Close();
+  if (!writeStatus_.ok()) {
+    writeStatus_ = writeStatus_.WithMessage(file, ": ", writeStatus_.message());
+  }
+}
+
+}  // namespace kyr::parquet
