@@ -1,0 +1,142 @@
+#include "platform/DiskFile.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <system_error>
+#include <utility>
+
+namespace kyr {
+
+namespace {
+
+constexpr mode_t kPermissions = 0666;  // less the process's mask
+
+template <typename Call>
+auto retried(Call&& call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+int flagsOf(DiskFile::Mode mode) {
+  if (mode == DiskFile::Mode::readOnly) return O_RDONLY | O_CLOEXEC;
+  return O_RDWR | O_CLOEXEC | (mode == DiskFile::Mode::createNew ? O_CREAT | O_EXCL : 0);
+}
+
+// The pieces of a gathered write that are still to be written.
+class Remaining {
+ public:
+  explicit Remaining(const std::vector<std::string_view>& pieces) {
+    for (const std::string_view piece : pieces) {
+      // The kernel only reads from them.
+      if (!piece.empty()) vectors_.push_back({const_cast<char*>(piece.data()), piece.size()});
+    }
+  }
+
+  bool empty() const { return first_ == vectors_.size(); }
+  const iovec* data() const { return &vectors_[first_]; }
+  int count() const {
+    return static_cast<int>(std::min<std::size_t>(vectors_.size() - first_, IOV_MAX));
+  }
+
+  void drop(std::size_t written) {
+    while (first_ < vectors_.size() && written >= vectors_[first_].iov_len) {
+      written -= vectors_[first_++].iov_len;
+    }
+    if (empty()) return;
+    iovec& partly = vectors_[first_];
+    partly.iov_base = static_cast<char*>(partly.iov_base) + written;
+    partly.iov_len -= written;
+  }
+
+ private:
+  std::vector<iovec> vectors_;
+  std::size_t first_ = 0;
+};
+
+}  // namespace
+
+DiskFile::DiskFile(std::filesystem::path path, Mode mode) : path_(std::move(path)) {
+  descriptor_ = retried([&] { return ::open(path_.c_str(), flagsOf(mode), kPermissions); });
+  if (descriptor_ < 0) fail(mode == Mode::createNew ? "create" : "open", errno);
+}
+
+DiskFile::~DiskFile() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+void DiskFile::fail(const char* what, int error) const {
+  throw std::system_error(error, std::generic_category(),
+                          fmt::format("{}: cannot {}", path_.string(), what));
+}
+
+std::uint64_t DiskFile::size() const {
+  struct stat status {};
+  if (::fstat(descriptor_, &status) != 0) fail("tell the size", errno);
+  return static_cast<std::uint64_t>(status.st_size);
+}
+
+void DiskFile::writeAt(std::uint64_t offset, const std::vector<std::string_view>& pieces) {
+  Remaining remaining(pieces);
+  while (!remaining.empty()) {
+    const ssize_t written = retried([&] {
+      return ::pwritev(descriptor_, remaining.data(), remaining.count(),
+                       static_cast<off_t>(offset));
+    });
+    if (written < 0) fail("write", errno);
+    if (written == 0) fail("write", EIO);
+    remaining.drop(static_cast<std::size_t>(written));
+    offset += static_cast<std::uint64_t>(written);
+  }
+}
+
+std::size_t DiskFile::readAt(std::uint64_t offset, void* out, std::size_t size) const {
+  std::size_t done = 0;
+  while (done < size) {
+    const ssize_t got = retried([&] {
+      return ::pread(descriptor_, static_cast<char*>(out) + done, size - done,
+                     static_cast<off_t>(offset + done));
+    });
+    if (got < 0) fail("read", errno);
+    if (got == 0) break;
+    done += static_cast<std::size_t>(got);
+  }
+  return done;
+}
+
+void DiskFile::truncate(std::uint64_t size) {
+  if (!tryTruncate(size)) fail("cut", errno);
+}
+
+bool DiskFile::tryTruncate(std::uint64_t size) noexcept {
+  return retried([&] { return ::ftruncate(descriptor_, static_cast<off_t>(size)); }) == 0;
+}
+
+void DiskFile::syncData() {
+  if (retried([&] { return ::fdatasync(descriptor_); }) != 0) fail("sync", errno);
+}
+
+void DiskFile::syncAll() {
+  if (retried([&] { return ::fsync(descriptor_); }) != 0) fail("sync", errno);
+}
+
+void DiskFile::close() {
+  const int descriptor = std::exchange(descriptor_, -1);
+  // An interrupted close has released the descriptor; trying again could close another's.
+  if (descriptor >= 0 && ::close(descriptor) != 0 && errno != EINTR) fail("close", errno);
+}
+
+void syncDirectoryOf(const std::filesystem::path& file) {
+  const std::filesystem::path parent = file.parent_path();
+  DiskFile directory(parent.empty() ? "." : parent, DiskFile::Mode::readOnly);
+  directory.syncAll();
+}
+
+}  // namespace kyr

@@ -1,0 +1,99 @@
+#include "streaming/BatchEncoder.h"
+
+#include <arrow/api.h>
+#include <arrow/io/interfaces.h>
+#include <parquet/arrow/writer.h>
+#include <parquet/exception.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "streaming/BatchRecord.h"
+
+namespace kyr::parquet {
+
+namespace {
+
+constexpr std::size_t kMargin = 4096;
+
+// Keeps what is written to it. A Parquet writer only starts at position 0; behind its leading magic
+// the sink says that it stands at the row group's place in the file that the batch is made for.
+class BatchSink final : public ::arrow::io::OutputStream {
+ public:
+  BatchSink(std::uint64_t offset, std::size_t expected) : offset_(offset) {
+    bytes_.reserve(expected);
+  }
+
+  ::arrow::Status Write(const void* data, std::int64_t size) override {
+    bytes_.append(static_cast<const char*>(data), static_cast<std::size_t>(size));
+    return ::arrow::Status::OK();
+  }
+  ::arrow::Result<std::int64_t> Tell() const override {
+    if (bytes_.empty()) return 0;
+    return static_cast<std::int64_t>(offset_ + bytes_.size() - kParquetMagic.size());
+  }
+  ::arrow::Status Close() override {
+    closed_ = true;
+    return ::arrow::Status::OK();
+  }
+  bool closed() const override { return closed_; }
+
+  std::string take() { return std::move(bytes_); }
+
+ private:
+  std::uint64_t offset_;
+  std::string bytes_;
+  bool closed_ = false;
+};
+
+std::unique_ptr<::parquet::arrow::FileWriter> open(
+    const ::arrow::Schema& schema, const std::shared_ptr<::parquet::WriterProperties>& properties,
+    const std::shared_ptr<BatchSink>& sink) {
+  PARQUET_ASSIGN_OR_THROW(
+      auto writer,
+      ::parquet::arrow::FileWriter::Open(schema, ::arrow::default_memory_pool(), sink, properties));
+  return writer;
+}
+
+}  // namespace
+
+EncodedBatch::EncodedBatch(std::string file) : file_(std::move(file)) {
+  const std::string_view all = file_;
+  const std::size_t tailAt = all.size() - kParquetTailBytes;
+  if (all.substr(tailAt + 4) != kParquetMagic) {
+    throw std::invalid_argument("growing files cannot be encrypted");
+  }
+  metadataBytes_ = 0;
+  for (std::size_t i = 4; i > 0; --i) {
+    metadataBytes_ = (metadataBytes_ << 8U) | static_cast<unsigned char>(all[tailAt + i - 1]);
+  }
+}
+
+std::string_view EncodedBatch::payload() const {
+  return std::string_view(file_).substr(kParquetMagic.size(),
+                                        file_.size() - kParquetMagic.size() - kParquetTailBytes);
+}
+
+BatchEncoder::BatchEncoder(std::shared_ptr<::arrow::Schema> schema,
+                           std::shared_ptr<::parquet::WriterProperties> properties)
+    : schema_(schema->RemoveMetadata()), properties_(std::move(properties)) {}
+
+EncodedBatch BatchEncoder::encodeEmpty(
+    const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) const {
+  const auto sink = std::make_shared<BatchSink>(0, 0);
+  const auto writer = open(*schema_->WithMetadata(keyValues), properties_, sink);
+  PARQUET_THROW_NOT_OK(writer->Close());
+  return EncodedBatch(sink->take());
+}
+
+EncodedBatch BatchEncoder::encode(const ::arrow::Table& table, std::uint64_t offset) {
+  const auto sink = std::make_shared<BatchSink>(offset, lastBytes_ + lastBytes_ / 8 + kMargin);
+  const auto writer = open(*schema_, properties_, sink);
+  PARQUET_THROW_NOT_OK(writer->WriteTable(table, table.num_rows()));
+  PARQUET_THROW_NOT_OK(writer->Close());
+  EncodedBatch batch(sink->take());
+  lastBytes_ = batch.payload().size();
+  return batch;
+}
+
+}  // namespace kyr::parquet

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/DiskFile.h"
+
+/// The records that a growing file is made of; GrowingFile.h describes the layout.
+namespace kyr::parquet {
+
+constexpr std::string_view kParquetMagic = "PAR1";
+
+enum class RecordKind : std::uint32_t { batch = 0, footer = 1 };
+
+struct RecordHeader {
+  RecordKind kind = RecordKind::batch;
+  std::uint64_t fileId = 0;  ///< the same random number in all records of a file
+  std::uint64_t offset = 0;  ///< of the record in the file
+  std::uint64_t index = 0;   ///< of a batch record; of a footer the number of batch records
+  std::uint64_t rows = 0;    ///< of the batch; of a footer those of all batches
+  std::uint64_t rowGroupBytes = 0;
+  std::uint64_t metadataBytes = 0;
+
+  std::uint64_t headerBytes() const;
+  std::uint64_t dataOffset() const { return offset + headerBytes(); }
+  /// Where the record ends; a footer is followed by the last eight bytes of a Parquet file.
+  std::uint64_t end() const { return dataOffset() + rowGroupBytes + metadataBytes; }
+};
+
+/// Bytes before the row group of a batch record and before the metadata of a footer.
+constexpr std::size_t kBatchHeaderBytes = 88;
+constexpr std::size_t kFooterHeaderBytes = 80;
+/// The length of the metadata and "PAR1".
+constexpr std::size_t kParquetTailBytes = 8;
+
+/// The header of a record as it stands in the file.
+/// \param payload  the row group's bytes, then the metadata's
+std::string encodeHeader(const RecordHeader& header, std::string_view payload);
+
+/// A footer record of the given metadata and what makes the file a Parquet file.
+std::string encodeFooter(RecordHeader header, std::string_view metadata);
+
+/// A record whose checksum fits.
+struct WholeRecord {
+  RecordHeader header;
+  std::string metadata;
+};
+
+/// The record at \p offset of a file that ends at \p end; none if there is no whole one of that
+/// kind. Reads the row group piece by piece.
+/// \throws std::system_error if the file cannot be read
+std::optional<WholeRecord> readRecord(const DiskFile& file, RecordKind kind, std::uint64_t offset,
+                                      std::uint64_t end);
+
+/// The footer at the end of the file, if it is one of ours and whole.
+std::optional<WholeRecord> readFooter(const DiskFile& file, std::uint64_t end);
+
+}  // namespace kyr::parquet

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace kyr::parquet {
+
+/// Steps through a struct of Thrift's compact protocol, in which Parquet metadata are serialized.
+/// Bytes that are none are a ::parquet::ParquetException, never a read beyond them.
+class CompactReader {
+ public:
+  enum Type : int {
+    stop = 0,
+    yes = 1,
+    no = 2,
+    byte = 3,
+    i16 = 4,
+    i32 = 5,
+    i64 = 6,
+    real = 7,
+    binary = 8,
+    list = 9,
+    set = 10,
+    map = 11,
+    structure = 12
+  };
+
+  struct Field {
+    int id = 0;
+    int type = stop;
+  };
+  struct List {
+    int type = stop;  // of the elements
+    std::size_t size = 0;
+  };
+
+  explicit CompactReader(std::string_view bytes) : bytes_(bytes) {}
+
+  std::size_t position() const { return position_; }
+  bool atEnd() const { return position_ == bytes_.size(); }
+
+  /// The next field of a struct; of type stop behind the last one.
+  /// \param lastId  of the field before, 0 for none
+  Field field(int lastId);
+  List listHeader();
+  std::int64_t integer();
+  void skip(int type) { skip(type, 0); }
+
+ private:
+  std::uint8_t octet();
+  std::uint64_t varint();
+  void take(std::uint64_t count);
+  void skip(int type, int depth);
+  void skipElements(int type, std::size_t count, int depth);
+  void skipMap(int depth);
+
+  std::string_view bytes_;
+  std::size_t position_ = 0;
+};
+
+/// What follows in the same protocol, appended to \p out.
+void putVarint(std::string& out, std::uint64_t value);
+void putInteger(std::string& out, std::int64_t value);
+void putListHeader(std::string& out, int type, std::size_t size);
+
+}  // namespace kyr::parquet

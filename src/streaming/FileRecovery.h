@@ -1,0 +1,67 @@
+#pragma once
+
+#include <arrow/type_fwd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "platform/DiskFile.h"
+#include "streaming/BatchIndex.h"
+#include "streaming/RowReader.h"
+
+/// Growing files (GrowingFile.h) that another process wrote or is writing.
+namespace kyr::parquet {
+
+struct RecoveryReport {
+  /// Whether the file is a complete Parquet file now. If not, it is no growing file or its first
+  /// record is damaged: there is nothing to be had, and the file was left as it is.
+  bool isComplete = false;
+  bool wasComplete = false;  ///< it was already, and was left as it is
+  std::uint64_t rowsKept = 0;
+  std::uint64_t batchesKept = 0;
+  std::uint64_t bytesCut = 0;  ///< behind the last whole batch
+};
+
+/// Makes a growing file complete up to the last batch before which nothing is missing or damaged,
+/// and syncs it. Reads the whole file, because after a power cut anything that was not synced may
+/// be damaged, also before the end. Batches behind damage are cut off: their rows would move. The
+/// file must not be written by anybody else.
+/// \throws std::system_error if it cannot be read or written; may be repeated then
+RecoveryReport recoverFile(const std::filesystem::path& path);
+
+/// A growing file as it was when it was opened. It may go on growing.
+class GrowingFileView {
+ public:
+  GrowingFileView(std::shared_ptr<const DiskFile> file, BatchIndex index, bool complete);
+
+  std::uint64_t rowCount() const { return index_.rows(); }
+  std::size_t batchCount() const { return index_.batches(); }
+  /// Rows before batch \p batch, which may be the number of batches.
+  std::uint64_t rowStart(std::size_t batch) const { return index_.rowStart(batch); }
+  /// Whether it was published, so that any program could have read the same.
+  bool wasComplete() const { return complete_; }
+  /// Null if there are none.
+  std::shared_ptr<const ::arrow::KeyValueMetadata> keyValueMetadata() const;
+
+  /// As RowReader::read().
+  std::shared_ptr<::arrow::Table> read(
+      std::uint64_t first, std::uint64_t count,
+      const std::optional<std::vector<int>>& columns = std::nullopt);
+
+ private:
+  BatchIndex index_;
+  bool complete_;
+  RowReader reader_;
+};
+
+/// Opens a growing file that another process may be writing. Takes the batches from the footer if
+/// there is one; otherwise reads all records and takes those that are whole, so that a batch just
+/// being written is left out.
+/// \throws std::runtime_error if it is no growing file, or one whose first record is not yet there
+GrowingFileView openGrowingFile(const std::filesystem::path& path);
+
+}  // namespace kyr::parquet
