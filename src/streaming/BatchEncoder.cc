@@ -2,8 +2,10 @@
 
 #include <arrow/api.h>
 #include <arrow/io/interfaces.h>
+#include <parquet/arrow/schema.h>
 #include <parquet/arrow/writer.h>
 #include <parquet/exception.h>
+#include <parquet/file_writer.h>
 
 #include <stdexcept>
 #include <utility>
@@ -46,13 +48,11 @@ class BatchSink final : public ::arrow::io::OutputStream {
   bool closed_ = false;
 };
 
-std::unique_ptr<::parquet::arrow::FileWriter> open(
-    const ::arrow::Schema& schema, const std::shared_ptr<::parquet::WriterProperties>& properties,
-    const std::shared_ptr<BatchSink>& sink) {
-  PARQUET_ASSIGN_OR_THROW(
-      auto writer,
-      ::parquet::arrow::FileWriter::Open(schema, ::arrow::default_memory_pool(), sink, properties));
-  return writer;
+std::shared_ptr<::parquet::schema::GroupNode> parquetSchema(
+    const ::arrow::Schema& schema, const ::parquet::WriterProperties& properties) {
+  std::shared_ptr<::parquet::SchemaDescriptor> descriptor;
+  PARQUET_THROW_NOT_OK(::parquet::arrow::ToParquetSchema(&schema, properties, &descriptor));
+  return std::static_pointer_cast<::parquet::schema::GroupNode>(descriptor->schema_root());
 }
 
 }  // namespace
@@ -76,19 +76,24 @@ std::string_view EncodedBatch::payload() const {
 
 BatchEncoder::BatchEncoder(std::shared_ptr<::arrow::Schema> schema,
                            std::shared_ptr<::parquet::WriterProperties> properties)
-    : schema_(schema->RemoveMetadata()), properties_(std::move(properties)) {}
+    : schema_(schema->RemoveMetadata()),
+      properties_(std::move(properties)),
+      parquetSchema_(parquetSchema(*schema_, *properties_)) {}
 
 EncodedBatch BatchEncoder::encodeEmpty(
     const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) const {
   const auto sink = std::make_shared<BatchSink>(0, 0);
-  const auto writer = open(*schema_->WithMetadata(keyValues), properties_, sink);
-  PARQUET_THROW_NOT_OK(writer->Close());
+  ::parquet::ParquetFileWriter::Open(sink, parquetSchema_, properties_, keyValues)->Close();
   return EncodedBatch(sink->take());
 }
 
 EncodedBatch BatchEncoder::encode(const ::arrow::Table& table, std::uint64_t offset) {
   const auto sink = std::make_shared<BatchSink>(offset, lastBytes_ + lastBytes_ / 8 + kMargin);
-  const auto writer = open(*schema_, properties_, sink);
+  std::unique_ptr<::parquet::arrow::FileWriter> writer;
+  PARQUET_THROW_NOT_OK(::parquet::arrow::FileWriter::Make(
+      ::arrow::default_memory_pool(),
+      ::parquet::ParquetFileWriter::Open(sink, parquetSchema_, properties_), schema_,
+      ::parquet::default_arrow_writer_properties(), &writer));
   PARQUET_THROW_NOT_OK(writer->WriteTable(table, table.num_rows()));
   PARQUET_THROW_NOT_OK(writer->Close());
   EncodedBatch batch(sink->take());

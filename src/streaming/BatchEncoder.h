@@ -2,6 +2,7 @@
 
 #include <arrow/type_fwd.h>
 #include <parquet/properties.h>
+#include <parquet/schema.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +32,7 @@ class EncodedBatch {
 /// Makes batches of one schema in memory.
 class BatchEncoder {
  public:
+  /// \throws ::parquet::ParquetException if Parquet has no such schema
   BatchEncoder(std::shared_ptr<::arrow::Schema> schema,
                std::shared_ptr<::parquet::WriterProperties> properties);
 
@@ -48,6 +50,7 @@ class BatchEncoder {
  private:
   std::shared_ptr<::arrow::Schema> schema_;
   std::shared_ptr<::parquet::WriterProperties> properties_;
+  std::shared_ptr<::parquet::schema::GroupNode> parquetSchema_;
   std::size_t lastBytes_ = 0;  // of the batch before, as the next one's first guess
 };
 

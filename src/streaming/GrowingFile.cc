@@ -52,7 +52,7 @@ std::unique_ptr<GrowingFile> GrowingFile::create(
     const std::filesystem::path& path, const std::shared_ptr<::arrow::Schema>& schema,
     const std::shared_ptr<::parquet::WriterProperties>& properties,
     const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) {
-  BatchEncoder encoder(schema, properties);
+  BatchEncoder encoder = naming(path, [&] { return BatchEncoder(schema, properties); });
   const EncodedBatch opening = naming(path, [&] { return encoder.encodeEmpty(keyValues); });
   auto file = std::make_shared<DiskFile>(path, DiskFile::Mode::createNew);
   try {

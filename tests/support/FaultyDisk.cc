@@ -1,0 +1,74 @@
+#include "support/FaultyDisk.h"
+
+#include <dlfcn.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace kyr::test::faultyDisk {
+
+namespace {
+
+struct State {
+  Plan plan;
+  bool on = false;
+  int calls = 0;
+} state;
+
+bool fails() {
+  if (!state.on || state.plan.failAt == 0) return false;
+  ++state.calls;
+  const int after = state.calls - state.plan.failAt;
+  if (after < 0 || after >= state.plan.failures) return false;
+  errno = state.plan.error;
+  return true;
+}
+
+template <typename Function>
+Function* next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+void start(const Plan& plan) { state = {plan, true, 0}; }
+
+int stop() {
+  state.on = false;
+  return state.calls;
+}
+
+}  // namespace kyr::test::faultyDisk
+
+using kyr::test::faultyDisk::fails;
+using kyr::test::faultyDisk::next;
+using kyr::test::faultyDisk::state;
+
+extern "C" {
+
+ssize_t pwritev(int file, const iovec* pieces, int count, off_t offset) {
+  const auto call = next<decltype(pwritev)>("pwritev");
+  const bool failing = fails();
+  if (state.on && state.plan.shortWrites && pieces->iov_len > 1) {
+    const iovec half{pieces->iov_base, pieces->iov_len / 2};
+    const ssize_t written = call(file, &half, 1, offset);
+    if (!failing) return written;
+    errno = state.plan.error;
+  }
+  return failing ? -1 : call(file, pieces, count, offset);
+}
+
+ssize_t pread(int file, void* out, size_t size, off_t offset) {
+  return fails() ? -1 : next<decltype(pread)>("pread")(file, out, size, offset);
+}
+
+int ftruncate(int file, off_t size) noexcept {
+  return fails() ? -1 : next<int(int, off_t)>("ftruncate")(file, size);
+}
+
+int fdatasync(int file) { return fails() ? -1 : next<decltype(fdatasync)>("fdatasync")(file); }
+
+int fsync(int file) { return fails() ? -1 : next<decltype(fsync)>("fsync")(file); }
+
+}  // extern "C"
