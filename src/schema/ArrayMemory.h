@@ -14,6 +14,9 @@
 namespace kyr {
 
 inline std::shared_ptr<::arrow::Buffer> borrowBuffer(const void* data, std::size_t bytes) {
+  // Arrow wants an address of no bytes, too; an empty vector has none.
+  static constexpr std::uint8_t kNothing = 0;
+  if (data == nullptr) data = &kNothing;
   return std::make_shared<::arrow::Buffer>(static_cast<const std::uint8_t*>(data),
                                            static_cast<std::int64_t>(bytes));
 }

@@ -12,6 +12,8 @@ ParquetSignal::ParquetSignal(std::shared_ptr<ParquetSerializerWorker> worker, in
                              int dataStorageId)
     : impl_(std::make_unique<ParquetSignalImpl>(std::move(worker), timeStorageId, dataStorageId)) {}
 
+ParquetSignal::ParquetSignal(std::unique_ptr<WholeSignal> impl) : impl_(std::move(impl)) {}
+
 ParquetSignal::~ParquetSignal() = default;
 
 void ParquetSignal::setData(const std::vector<double>& time, const std::vector<char>& data,

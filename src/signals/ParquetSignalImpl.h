@@ -10,40 +10,42 @@
 
 #include "kyr/parquet/ParquetSerializerWorker.h"
 #include "kyr/parquet/SignalTypes.h"
+#include "signals/WholeSignal.h"
 #include "storage/ParquetStorageRecord.h"
 
 namespace kyr::parquet {
 
 /// See ParquetSignal for what the shared members promise.
-class ParquetSignalImpl {
+class ParquetSignalImpl final : public WholeSignal {
  public:
-  using Dims = std::vector<std::vector<std::size_t>>;
   using Record = ParquetStorageRecord<ParquetSerializerWorker>;
 
   ParquetSignalImpl(std::shared_ptr<ParquetSerializerWorker> worker, int timeStorageId,
                     int dataStorageId);
-  ~ParquetSignalImpl();
+  ~ParquetSignalImpl() override;
   ParquetSignalImpl(const ParquetSignalImpl&) = delete;
   ParquetSignalImpl& operator=(const ParquetSignalImpl&) = delete;
 
   void setData(const std::vector<double>& time, const std::vector<char>& data, const Dims& dims,
-               const std::vector<int>& lengths);
+               const std::vector<int>& lengths) override;
   void getData(std::vector<double>& time, std::vector<char>& data, Dims& dims,
-               std::vector<int>& lengths);
-  void resetData();
-  bool hasData() const { return record->hasStorage; }
-  int getStorageId(SignalPart part) const;
+               std::vector<int>& lengths) override;
+  void resetData() override;
+  bool hasData() const override { return record->hasStorage; }
+  int getStorageId(SignalPart part) const override;
 
-  void setDataType(KYRSignalDataType type) { dataType = type; }
-  KYRSignalDataType getDataType() const { return dataType; }
-  void setCategory(KYRSignalCategory newCategory) { category = newCategory; }
-  KYRSignalCategory getCategory() const { return category; }
-  void setParquetCompressionType(const ::arrow::Compression::type& type) { compression = type; }
-  std::optional<::arrow::Compression::type> getParquetCompressionType() const {
+  void setDataType(KYRSignalDataType type) override { dataType = type; }
+  KYRSignalDataType getDataType() const override { return dataType; }
+  void setCategory(KYRSignalCategory newCategory) override { category = newCategory; }
+  KYRSignalCategory getCategory() const override { return category; }
+  void setParquetCompressionType(const ::arrow::Compression::type& type) override {
+    compression = type;
+  }
+  std::optional<::arrow::Compression::type> getParquetCompressionType() const override {
     return compression;
   }
-  Path getParquetDirectory() const { return record->worker->parquetDirectory(); }
-  ::arrow::Status writeStatus() const;
+  Path getParquetDirectory() const override { return record->worker->parquetDirectory(); }
+  ::arrow::Status writeStatus() const override;
 
   /// Writes one part only, by the signal's type (data) or as doubles (time); empty \p bytes write
   /// nothing. The data part needs the schema of an earlier whole write.

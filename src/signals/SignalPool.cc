@@ -9,6 +9,12 @@ SignalPool::SignalPool() : impl_(std::make_unique<SignalPoolImpl>()) {}
 SignalPool::SignalPool(const Path& directory)
     : impl_(std::make_unique<SignalPoolImpl>(directory)) {}
 
+SignalPool::SignalPool(const SafeStorage& storage)
+    : impl_(std::make_unique<SignalPoolImpl>(storage)) {}
+
+SignalPool::SignalPool(const Path& directory, const SafeStorage& storage)
+    : impl_(std::make_unique<SignalPoolImpl>(directory, storage)) {}
+
 SignalPool::~SignalPool() = default;
 
 void SignalPool::setParquetDirectory(const Path& directory) {
@@ -36,6 +42,8 @@ std::string SignalPool::serializeSignalRecords() const { return impl_->serialize
 void SignalPool::deserializeSignalRecords(const std::string& text) {
   impl_->deserializeSignalRecords(text);
 }
+
+void SignalPool::flush() { impl_->flush(); }
 
 void SignalPool::reset() { impl_->reset(); }
 

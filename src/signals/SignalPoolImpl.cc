@@ -2,13 +2,19 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <charconv>
+#include <limits>
 #include <stdexcept>
+#include <utility>
 
 #include "kyr/parquet/DirectoryUtilities.h"
 #include "kyr/platform/FeatureFlag.h"
 #include "kyr/platform/FileSystem.h"
+#include "signals/SafeWholeSignal.h"
 #include "signals/SignalRecords.h"
 #include "storage/ParquetStorageRecord.h"
+#include "streaming/SafeStreamableSignal.h"
 #include "streaming/StreamableSignalImpl.h"
 
 namespace kyr::parquet {
@@ -19,6 +25,20 @@ const std::u16string kTempDirectoryPrefix = u"parquetStorage";
 
 constexpr unsigned long kBatchRows = 100000000;
 
+// Behind all that any entry of the directory could be taken for.
+int firstFreeId(const Path& dir) {
+  int first = 0;
+  if (!fileSystem::exists(dir)) return first;
+  for (directory_iterator entry(dir); entry != directory_iterator(); ++entry) {
+    const std::string name = entry.entry().fileName().toNarrow();
+    int id = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
+    if (error == std::errc() && id < std::numeric_limits<int>::max())
+      first = std::max(first, id + 1);
+  }
+  return first;
+}
+
 bool rowGroupMode() { return FeatureFlag::isEnabled("fKYRUseParquetRowGroup"); }
 
 }  // namespace
@@ -26,14 +46,47 @@ bool rowGroupMode() { return FeatureFlag::isEnabled("fKYRUseParquetRowGroup"); }
 SignalPoolImpl::SignalPoolImpl()
     : SignalPoolImpl(generateTempDirectoryName(kTempDirectoryPrefix)) {}
 
-SignalPoolImpl::SignalPoolImpl(const Path& dir)
-    : redundancyContext(std::make_shared<RedundancyChecker::Context<unsigned long>>()),
+SignalPoolImpl::SignalPoolImpl(const Path& dir) : SignalPoolImpl(dir, std::nullopt) {}
+
+SignalPoolImpl::SignalPoolImpl(const SafeStorage& storage)
+    : SignalPoolImpl(generateTempDirectoryName(kTempDirectoryPrefix), storage) {}
+
+SignalPoolImpl::SignalPoolImpl(const Path& dir, const SafeStorage& storage)
+    : SignalPoolImpl(dir, std::optional<SafeStorage>(storage)) {}
+
+SignalPoolImpl::SignalPoolImpl(const Path& dir, std::optional<SafeStorage> storage)
+    : safeStorage(storage),
+      redundancyContext(std::make_shared<RedundancyChecker::Context<unsigned long>>()),
       fileNodes(std::make_shared<RedundancyEliminator::Registry>()) {
   if (!fileSystem::exists(dir)) createDirectory(dir);
   setParquetDirectory(dir);
 }
 
+SignalPoolImpl::~SignalPoolImpl() { leaveStore(); }
+
+// The files that are to be kept are brought up to date, if that is possible.
+void SignalPoolImpl::leaveStore() noexcept {
+  if (!store || !store->options().keepsFiles) return;
+  store->keepFiles();
+  try {
+    flush();
+  } catch (const std::exception&) {
+    return;  // a host that wants to know flushes by itself
+  }
+}
+
 void SignalPoolImpl::setParquetDirectory(const Path& dir) {
+  if (safeStorage || FeatureFlag::isEnabled("fKYRUseSafeStorage")) {
+    leaveStore();
+    const int firstId = std::max(firstFreeId(dir), store ? store->nextId() : 0);
+    store = std::make_shared<SharedStore>(dir, safeStorage.value_or(SafeStorage()), firstId);
+    worker.reset();
+    writer.reset();
+    directory = dir;
+    return;
+  }
+  leaveStore();
+  store.reset();
   if (rowGroupMode()) {
     writer = std::make_shared<StreamableWriter>(dir);
     worker.reset();
@@ -46,6 +99,10 @@ void SignalPoolImpl::setParquetDirectory(const Path& dir) {
 
 std::shared_ptr<ParquetSignal> SignalPoolImpl::makeSignal(int timeStorageId,
                                                           int dataStorageId) const {
+  if (store) {
+    auto signal = std::make_unique<SafeWholeSignal>(store, timeStorageId, dataStorageId);
+    return std::shared_ptr<ParquetSignal>(new ParquetSignal(std::move(signal)));
+  }
   if (!worker)
     throw std::runtime_error("the pool is in row-group mode: it has no whole-file signals");
   return std::make_shared<ParquetSignal>(worker, timeStorageId, dataStorageId);
@@ -53,6 +110,7 @@ std::shared_ptr<ParquetSignal> SignalPoolImpl::makeSignal(int timeStorageId,
 
 std::shared_ptr<StreamableSignal> SignalPoolImpl::makeStreamableSignal(int timeStorageId,
                                                                        int dataStorageId) const {
+  if (store) return std::make_shared<SafeStreamableSignal>(store, timeStorageId, dataStorageId);
   if (!writer) {
     throw std::runtime_error("the pool is in whole-file mode: it has no streamable signals");
   }
@@ -85,6 +143,9 @@ std::shared_ptr<StreamableSignal> SignalPoolImpl::getStreamableSignal(int id) {
 bool SignalPoolImpl::isDataOwner(int id) const {
   const auto found = signals.find(id);
   if (found == signals.end()) return false;
+  if (store) {
+    return std::visit([](const auto& signal) { return signal->hasData(); }, found->second);
+  }
   return rowGroupMode() ? std::get<std::shared_ptr<StreamableSignal>>(found->second)->hasData()
                         : std::get<std::shared_ptr<ParquetSignal>>(found->second)->hasData();
 }
@@ -101,10 +162,20 @@ void SignalPoolImpl::reset(const Path& dir) {
   setParquetDirectory(dir);
 }
 
+void SignalPoolImpl::flush() {
+  if (!store) throw std::logic_error("a pool can be flushed only with SafeStorage");
+  for (const auto& [id, signal] : signals) {
+    if (const auto* streamed = std::get_if<std::shared_ptr<StreamableSignal>>(&signal)) {
+      static_cast<SafeStreamableSignal&>(**streamed).write();
+    }
+  }
+  if (store->options().sync != SafeStorage::Sync::never) store->sync();
+}
+
 std::string SignalPoolImpl::serializeSignalRecords() const {
   std::vector<SignalRecord> records;
   for (const auto& [id, signal] : signals) {
-    if (rowGroupMode()) {
+    if (store ? signal.index() == 1 : rowGroupMode()) {
       auto& streamed = *std::get<std::shared_ptr<StreamableSignal>>(signal);
       streamed.finish();
       if (!streamed.hasData()) continue;

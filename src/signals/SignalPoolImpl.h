@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <variant>
@@ -9,9 +10,11 @@
 #include "kyr/parquet/ParquetSignal.h"
 #include "kyr/parquet/RedundancyChecker.h"
 #include "kyr/parquet/RedundancyEliminator.h"
+#include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/StreamableSignal.h"
 #include "kyr/parquet/StreamableWriter.h"
 #include "kyr/platform/Path.h"
+#include "streaming/SharedStore.h"
 
 namespace kyr::parquet {
 
@@ -20,6 +23,11 @@ class SignalPoolImpl {
  public:
   SignalPoolImpl();
   explicit SignalPoolImpl(const Path& dir);
+  explicit SignalPoolImpl(const SafeStorage& storage);
+  SignalPoolImpl(const Path& dir, const SafeStorage& storage);
+  ~SignalPoolImpl();
+  SignalPoolImpl(const SignalPoolImpl&) = delete;
+  SignalPoolImpl& operator=(const SignalPoolImpl&) = delete;
 
   void setParquetDirectory(const Path& dir);
   const Path& getParquetDirectory() const { return directory; }
@@ -27,6 +35,7 @@ class SignalPoolImpl {
   std::shared_ptr<StreamableSignal> getStreamableSignal(int id);
   bool checkSignalExists(int id) const { return signals.count(id) > 0; }
   bool isDataOwner(int id) const;
+  void flush();
   void deleteSignal(int id) { signals.erase(id); }
   bool isEmpty() const { return signals.empty(); }
   void reset();
@@ -35,17 +44,23 @@ class SignalPoolImpl {
   void deserializeSignalRecords(const std::string& text);
 
  private:
+  SignalPoolImpl(const Path& dir, std::optional<SafeStorage> storage);
+
   using Signal = std::variant<std::shared_ptr<ParquetSignal>, std::shared_ptr<StreamableSignal>>;
 
+  void leaveStore() noexcept;
   std::shared_ptr<ParquetSignal> makeSignal(int timeStorageId, int dataStorageId) const;
   std::shared_ptr<StreamableSignal> makeStreamableSignal(int timeStorageId,
                                                          int dataStorageId) const;
 
   // Destroyed in reverse order: the signals go last. They hold their own references to what they
-  // were made from here. One of worker and writer is set, by the storage mode.
+  // were made from here. The store of a safe pool is set, or one of worker and writer, by the
+  // storage mode.
   std::unordered_map<int, Signal> signals;
   std::shared_ptr<ParquetSerializerWorker> worker;
   std::shared_ptr<StreamableWriter> writer;
+  std::shared_ptr<SharedStore> store;
+  std::optional<SafeStorage> safeStorage;
   Path directory;
   // What is known of stored chunks; as old as the pool, whatever its directory.
   std::shared_ptr<RedundancyChecker::Context<unsigned long>> redundancyContext;

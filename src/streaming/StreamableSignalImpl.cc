@@ -9,6 +9,8 @@
 
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/SchemaBuilder.h"
+#include "kyr/parquet/SignalFormatter.h"
+#include "streaming/PartTables.h"
 
 namespace kyr::parquet {
 
@@ -25,12 +27,6 @@ constexpr double kEndMarker = -1.0;
 
 const std::vector<std::vector<std::uint64_t>> kNoDimensions;
 const std::vector<int> kNoSizes;
-
-const SampleSchema& timeSchema() {
-  static const SampleSchema schema(
-      schemaBuilder::getSchema(Scalar, Double, /*includeTime=*/false, columnNames::data));
-  return schema;
-}
 
 }  // namespace
 
@@ -106,8 +102,8 @@ const SampleSchema& StreamableSignalImpl::schemaOf(const Part& part) {
 
 void StreamableSignalImpl::appendTime(const double* time, unsigned long count) {
   const unsigned long number = RedundancyChecker::processTimeAndCheck(checker.get(), time, count);
-  const SampleChunk chunk = PartBuffer::measure(timeSchema(), time, count * sizeof(double),
-                                                sizeof(double), kNoDimensions, kNoSizes);
+  const SampleChunk chunk = measureChunk(timeSchema(), time, count * sizeof(double), sizeof(double),
+                                         kNoDimensions, kNoSizes);
   appendChunk(part(SignalPart::time), number, chunk, sizeof(double));
 }
 
@@ -118,7 +114,7 @@ void StreamableSignalImpl::appendData(const void* data, unsigned long size,
   const std::size_t width = elementWidth(dataType);
   const SampleSchema& schema = schemaOf(dataPart);
   SampleChunk chunk;
-  if (data) chunk = PartBuffer::measure(schema, data, size, width, dimensions, extra);
+  if (data) chunk = measureChunk(schema, data, size, width, dimensions, extra);
   if (dataPart.buffer && !dataPart.buffer->schema().schema->Equals(*schema.schema)) {
     throw std::invalid_argument(
         "the signal's data type or category changed while samples were being appended");
@@ -242,6 +238,10 @@ void StreamableSignalImpl::markEnd(Part& part) {
         return CreateNewFileNode(number, current->storageId, first, first + kMarkerRows);
       },
       [&](const NodeList& heads) { adoptFile(part, heads); });
+}
+
+void StreamableSignalImpl::flush() {
+  throw std::logic_error("a signal can be flushed only in a pool with SafeStorage");
 }
 
 bool StreamableSignalImpl::hasFile(const Part& part) const {

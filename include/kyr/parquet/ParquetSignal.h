@@ -15,7 +15,7 @@
 namespace kyr::parquet {
 
 class ParquetSerializerWorker;
-class ParquetSignalImpl;
+class WholeSignal;
 
 /// \brief One recorded signal that is written to and read from storage as a whole.
 ///
@@ -40,6 +40,10 @@ class ParquetSignalImpl;
 ///   variable-dimension signal of a single sample (its "dimension" column is missing).
 /// - setData() on a signal that has storage writes the new files first and then refuses them:
 ///   resetData() first.
+///
+/// In a pool with SafeStorage, none of these holds: content is told apart by 128 bits with its
+/// shapes, failed writes are thrown and leave nothing behind, and setData() on a signal that has
+/// storage is refused before anything is written. Times always have a file of their own there.
 ///
 /// One thread at a time. Not copyable.
 class KYR_PARQUET_EXPORT ParquetSignal {
@@ -107,7 +111,9 @@ class KYR_PARQUET_EXPORT ParquetSignal {
   ::arrow::Status writeStatus() const;
 
  private:
-  std::unique_ptr<ParquetSignalImpl> impl_;
+  friend class SignalPoolImpl;
+  explicit ParquetSignal(std::unique_ptr<WholeSignal> impl);
+  std::unique_ptr<WholeSignal> impl_;
 };
 
 }  // namespace kyr::parquet

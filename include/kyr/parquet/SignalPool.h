@@ -9,6 +9,7 @@
 namespace kyr::parquet {
 
 class ParquetSignal;
+struct SafeStorage;
 class SignalPoolImpl;
 class StreamableSignal;
 
@@ -25,6 +26,10 @@ class StreamableSignal;
 /// when the last holder lets go. The directory is working storage: destroying the pool deletes the
 /// files in it (not the directory). To keep them, save a recording first.
 ///
+/// With SafeStorage, or the feature flag "fKYRUseSafeStorage" (asked each time a directory is set),
+/// the pool gives other guarantees, which docs/guarantees.md lists, and hands out both kinds of
+/// signals, whatever the storage mode; the mode decides only what deserializeSignalRecords() makes.
+///
 /// One thread at a time, the signals included. Not copyable.
 class KYR_PARQUET_EXPORT SignalPool {
  public:
@@ -36,6 +41,13 @@ class KYR_PARQUET_EXPORT SignalPool {
   /// \throws std::invalid_argument, std::out_of_range  in whole-file mode, if it holds an entry
   ///         whose name does not begin with a storage id
   explicit SignalPool(const Path& directory);
+
+  /// \brief A pool with SafeStorage over a new directory, or over \p directory.
+  ///
+  /// Files that are there already stay untouched, and their ids are not given again.
+  /// \throws std::invalid_argument if a batch would have no rows or bytes
+  explicit SignalPool(const SafeStorage& storage);
+  SignalPool(const Path& directory, const SafeStorage& storage);
   ~SignalPool();
   SignalPool(const SignalPool&) = delete;
   SignalPool& operator=(const SignalPool&) = delete;
@@ -83,6 +95,14 @@ class KYR_PARQUET_EXPORT SignalPool {
   /// \throws nlohmann::json::exception (a std::exception) for malformed text or members
   /// \throws std::invalid_argument for an empty id array; signals made before it stay
   void deserializeSignalRecords(const std::string& text);
+
+  /// \brief Bring all rows of all signals to disk, in files that are complete, and go on.
+  ///
+  /// See StreamableSignal::flush(). Does nothing in a pool without signals.
+  /// \throws std::logic_error in a pool without SafeStorage
+  /// \throws std::exception naming the file if one cannot be written; no row is lost, and the call
+  ///         may be repeated
+  void flush();
 
   /// \brief Drop all signals and go on in a new temporary directory.
   void reset();

@@ -123,6 +123,15 @@ class KYR_PARQUET_EXPORT StreamableSignal {
   /// \brief The directory of the signal's files.
   virtual Path getParquetDirectory() const = 0;
 
+  /// \brief Bring all rows to disk, in a file that is complete, and go on. Needs a safe pool.
+  ///
+  /// When the call returns, a crash of the process costs none of the rows; with a SafeStorage that
+  /// syncs, neither does one of the machine.
+  /// \throws std::logic_error in a pool without SafeStorage: its files are complete once finished
+  /// \throws std::exception naming the file if it cannot be written; no row is lost, and the call
+  ///         may be repeated
+  virtual void flush() = 0;
+
   /// \brief The first failure among the writes of this signal's files, OK if there was none.
   virtual ::arrow::Status writeStatus() const = 0;
 };

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+
+namespace kyr::parquet {
+
+/// \brief Asks a SignalPool for the second set of guarantees; docs/guarantees.md compares the two.
+///
+/// Whatever the order in which signals are appended, finished, read, reset and deleted, each one's
+/// rows are those that were appended. Equal contents are stored once, also those that grow side by
+/// side, and counted. What was flushed survives the process. Failures are thrown.
+///
+/// Hosts that cannot be compiled anew switch it on for all pools with the feature flag
+/// "fKYRUseSafeStorage", with the values below.
+struct SafeStorage {
+  /// When files are written through to the disk, so that a power cut leaves what was written. A
+  /// crash of the process leaves it in any case.
+  enum class Sync {
+    never,    ///< when the system sees fit
+    flush,    ///< before each flush() and finish() returns
+    seconds,  ///< as `flush`, and after batches if the last time is `syncSeconds` ago
+  };
+
+  std::size_t batchRows = 65536;                  ///< rows of a batch at the most, 1 or more
+  std::size_t batchBytes = std::size_t{8} << 20;  ///< bytes of a batch in memory at the most
+  Sync sync = Sync::never;
+  double syncSeconds = 1;   ///< [s]
+  bool keepsFiles = false;  ///< whether files outlive their signals and the pool
+};
+
+}  // namespace kyr::parquet

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <arrow/util/compression.h>
+
+#include <memory>
+
+#include "signals/WholeSignal.h"
+#include "streaming/SharedPart.h"
+
+namespace kyr::parquet {
+
+/// A whole signal of a safe pool. Times are always in a file of their own, so that they are shared.
+class SafeWholeSignal final : public WholeSignal {
+ public:
+  /// \param timeId, dataId  files that are there, or kNoStorage
+  SafeWholeSignal(std::shared_ptr<SharedStore> store, int timeId, int dataId);
+
+  /// \throws std::exception  naming the file if it cannot be written; nothing has changed then
+  void setData(const std::vector<double>& time, const std::vector<char>& data, const Dims& dims,
+               const std::vector<int>& lengths) override;
+  void getData(std::vector<double>& time, std::vector<char>& data, Dims& dims,
+               std::vector<int>& lengths) override;
+  void resetData() override;
+  bool hasData() const override { return time_.id() || data_.id(); }
+  int getStorageId(SignalPart part) const override;
+  void setDataType(KYRSignalDataType type) override { dataType_ = type; }
+  KYRSignalDataType getDataType() const override { return dataType_; }
+  void setCategory(KYRSignalCategory category) override { category_ = category; }
+  KYRSignalCategory getCategory() const override { return category_; }
+  void setParquetCompressionType(const ::arrow::Compression::type& type) override {
+    compression_ = type;
+  }
+  std::optional<::arrow::Compression::type> getParquetCompressionType() const override {
+    return compression_;
+  }
+  Path getParquetDirectory() const override { return store_->directory(); }
+  ::arrow::Status writeStatus() const override;
+
+ private:
+  SharedPart partOf(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width) const;
+
+  std::shared_ptr<SharedStore> store_;
+  SharedPart time_;
+  SharedPart data_;
+  KYRSignalDataType dataType_ = Double;
+  KYRSignalCategory category_ = static_cast<KYRSignalCategory>(5);
+  std::optional<::arrow::Compression::type> compression_ = ::arrow::Compression::UNCOMPRESSED;
+};
+
+}  // namespace kyr::parquet

@@ -1,0 +1,115 @@
+#include "streaming/SafeStreamableSignal.h"
+
+#include <arrow/api.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "kyr/parquet/ColumnNames.h"
+#include "kyr/parquet/SchemaBuilder.h"
+#include "storage/ParquetStorageRecord.h"
+#include "streaming/PartTables.h"
+
+namespace kyr::parquet {
+
+SafeStreamableSignal::SafeStreamableSignal(std::shared_ptr<SharedStore> store, int timeId,
+                                           int dataId)
+    : store_(std::move(store)), time_(store_), data_(store_) {
+  if (timeId != kNoStorage) time_.adopt(timeId);
+  if (dataId != kNoStorage) data_.adopt(dataId);
+}
+
+void SafeStreamableSignal::setBufferSize(unsigned long rows) {
+  if (rows == 0) throw std::invalid_argument("a batch of 0 rows: the buffer size must be positive");
+  time_.setBatchRows(rows);
+  data_.setBatchRows(rows);
+}
+
+void SafeStreamableSignal::setParquetCompressionType(const ::arrow::Compression::type& type) {
+  time_.setCompression(type);
+  data_.setCompression(type);
+}
+
+const SampleSchema& SafeStreamableSignal::dataSchema() {
+  if (!schema_.schema || schemaType_ != dataType_ || schemaCategory_ != category_) {
+    schema_ = SampleSchema(
+        schemaBuilder::getSchema(category_, dataType_, /*includeTime=*/false, columnNames::data));
+    schemaType_ = dataType_;
+    schemaCategory_ = category_;
+  }
+  return schema_;
+}
+
+void SafeStreamableSignal::appendTime(const double* time, unsigned long count) {
+  if (time == nullptr) throw std::invalid_argument("Time is empty");
+  SampleChunk chunk;
+  chunk.data = reinterpret_cast<const char*>(time);
+  chunk.elements = chunk.rows = count;
+  time_.append(timeSchema(), chunk, sizeof(double));
+}
+
+void SafeStreamableSignal::appendData(const void* data, unsigned long size,
+                                      const std::vector<std::vector<unsigned long>>& dimensions,
+                                      const std::vector<int>& extra) {
+  if (data == nullptr) throw std::invalid_argument("Data is empty");
+  const std::size_t width = elementWidth(dataType_);
+  const SampleSchema& schema = dataSchema();
+  data_.append(schema, measureChunk(schema, data, size, width, dimensions, extra), width);
+}
+
+void SafeStreamableSignal::finish(SignalPart part) {
+  if (part == SignalPart::time) time_.finish();
+  if (part == SignalPart::data) data_.finish();
+}
+
+void SafeStreamableSignal::finish() {
+  time_.finish();
+  data_.finish();
+}
+
+void SafeStreamableSignal::write() {
+  time_.flush();
+  data_.flush();
+}
+
+void SafeStreamableSignal::flush() {
+  write();
+  if (store_->options().sync != SafeStorage::Sync::never) store_->sync();
+}
+
+void SafeStreamableSignal::resetData() {
+  time_.reset();
+  data_.reset();
+}
+
+bool SafeStreamableSignal::hasData() const { return time_.id() || data_.id(); }
+
+int SafeStreamableSignal::getStorageId(SignalPart part) const {
+  if (part != SignalPart::time && part != SignalPart::data) return -1;
+  return (part == SignalPart::time ? time_ : data_).id().value_or(kNoStorage);
+}
+
+void SafeStreamableSignal::getTime(unsigned long from, unsigned long to, std::vector<char>& out) {
+  PartRows rows(time_.read(from, to));
+  out = std::move(rows.bytes);
+}
+
+void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::vector<char>& out,
+                                   std::vector<std::vector<unsigned long>>& dimensions) {
+  std::vector<int> sizes;
+  getData(from, to, out, dimensions, sizes);
+}
+
+void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::vector<char>& out,
+                                   std::vector<std::vector<unsigned long>>& dimensions,
+                                   std::vector<int>& sizes) {
+  PartRows rows(data_.read(from, to));
+  out = std::move(rows.bytes);
+  if (rows.dimensions) dimensions = *std::move(rows.dimensions);
+  sizes = std::move(rows.sizes);
+}
+
+// Failures were thrown.
+::arrow::Status SafeStreamableSignal::writeStatus() const { return ::arrow::Status::OK(); }
+
+}  // namespace kyr::parquet

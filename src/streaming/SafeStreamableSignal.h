@@ -1,0 +1,64 @@
+#pragma once
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "kyr/parquet/StreamableSignal.h"
+#include "streaming/SharedPart.h"
+
+namespace kyr::parquet {
+
+/// A streamable signal of a safe pool. See StreamableSignal, and SharedPart for how it stores.
+class SafeStreamableSignal final : public StreamableSignal {
+ public:
+  /// \param timeId, dataId  files that are there, or kNoStorage
+  SafeStreamableSignal(std::shared_ptr<SharedStore> store, int timeId, int dataId);
+
+  void setBufferSize(unsigned long rows) override;
+  void appendTime(const double* time, unsigned long count) override;
+  void appendData(const void* data, unsigned long size,
+                  const std::vector<std::vector<unsigned long>>& dimensions,
+                  const std::vector<int>& extra) override;
+  void finish(SignalPart part) override;
+  void finish() override;
+  void flush() override;
+  /// As flush(), without a sync.
+  void write();
+  void resetData() override;
+  bool hasData() const override;
+  void setDataType(KYRSignalDataType type) override { dataType_ = type; }
+  KYRSignalDataType getDataType() const override { return dataType_; }
+  void setCategory(KYRSignalCategory category) override { category_ = category; }
+  KYRSignalCategory getCategory() const override { return category_; }
+  int getStorageId(SignalPart part) const override;
+  void getTime(unsigned long from, unsigned long to, std::vector<char>& out) override;
+  void getData(unsigned long from, unsigned long to, std::vector<char>& out,
+               std::vector<std::vector<unsigned long>>& dimensions) override;
+  void getData(unsigned long from, unsigned long to, std::vector<char>& out,
+               std::vector<std::vector<unsigned long>>& dimensions,
+               std::vector<int>& sizes) override;
+  void setParquetCompressionType(const ::arrow::Compression::type& type) override;
+  std::optional<::arrow::Compression::type> getParquetCompressionType() const override {
+    return time_.compression();
+  }
+  Path getParquetDirectory() const override { return store_->directory(); }
+  ::arrow::Status writeStatus() const override;
+
+ private:
+  const SampleSchema& dataSchema();
+
+  std::shared_ptr<SharedStore> store_;
+  SharedPart time_;
+  SharedPart data_;
+  KYRSignalDataType dataType_ = Double;
+  KYRSignalCategory category_ = Scalar;
+
+  // The data schema made last, and for what.
+  SampleSchema schema_;
+  KYRSignalDataType schemaType_ = Double;
+  KYRSignalCategory schemaCategory_ = Scalar;
+};
+
+}  // namespace kyr::parquet

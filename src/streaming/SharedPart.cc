@@ -1,0 +1,242 @@
+#include "streaming/SharedPart.h"
+
+#include <arrow/api.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+namespace kyr::parquet {
+
+namespace {
+
+// Rows that are read from disk at a time to be compared.
+constexpr std::uint64_t kPieceRows = 65536;
+
+ForkKey keyOf(std::uint64_t row, const RowSlice& next) {
+  const XXH128_hash_t digest = digestOf(subSlice(next, 0, 1));
+  return {row, digest.low64, digest.high64};
+}
+
+}  // namespace
+
+std::optional<int> SharedPart::id() const {
+  return stream_ ? std::optional<int>(stream_->id()) : std::nullopt;
+}
+
+std::uint64_t SharedPart::rows() {
+  openStream();
+  return equalRows_ + pendingRows();
+}
+
+void SharedPart::adopt(int id) {
+  reset();
+  stream_ = store_->streamOf(id);
+  if (!stream_) stream_ = SharedStream::adopt(store_, id);
+  isOpened_ = false;
+}
+
+void SharedPart::openStream() {
+  if (isOpened_) return;
+  stream_->open();
+  equalRows_ = stream_->rows();
+  isOpened_ = true;
+}
+
+void SharedPart::append(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width) {
+  if (chunk.rows == 0) return;
+  openStream();
+  if (stream_ && checkedSchema_ != schema.schema.get()) {
+    if (!stream_->schema().schema->Equals(*schema.schema)) {
+      throw std::invalid_argument(
+          fmt::format("the signal's data type or category changed while samples were being "
+                      "appended: they are {}, before {}",
+                      schema.schema->ToString(), stream_->schema().schema->ToString()));
+    }
+    checkedSchema_ = schema.schema.get();
+  }
+  RowSlice rows;
+  if (schema.kind == ColumnKind::flat) {
+    rows.rows = chunk.rows;
+    rows.elements = chunk.data;
+    rows.bytes = chunk.rows * width;
+  } else {
+    if (!scratch_) scratch_.emplace(schema, width);
+    scratch_->truncate(0);
+    scratch_->append(chunk);
+    rows = scratch_->slice();
+  }
+  if (!stream_) {
+    begin(schema, rows, width);
+  } else {
+    appendRows(rows);
+  }
+}
+
+void SharedPart::begin(const SampleSchema& schema, const RowSlice& rows, std::size_t width) {
+  Forks& roots = store_->roots(*schema.schema);
+  const ForkKey key = keyOf(0, rows);
+  const auto found = roots.find(key);
+  if (found == roots.end()) {
+    stream_ = SharedStream::create(store_, schema, width, compression_);
+    stream_->extend(rows, batchRows_);
+    stream_->hangUnderRoot(roots, key);
+    equalRows_ = rows.rows;
+    return;
+  }
+  stream_ = found->second->shared_from_this();
+  try {
+    appendRows(rows);
+  } catch (...) {
+    reset();
+    throw;
+  }
+}
+
+void SharedPart::appendRows(const RowSlice& rows) {
+  if (appendAtOnce(rows)) return;
+  guarded([&] {
+    if (!pending_) pending_.emplace(stream_->schema(), stream_->width());
+    pending_->append(rows);
+    settle(/*isLast=*/false);
+  });
+}
+
+// The two everyday cases: the first of those who share a stream, and those who follow.
+bool SharedPart::appendAtOnce(const RowSlice& rows) {
+  if (pendingRows() > 0) return false;
+  const std::uint64_t streamRows = stream_->rows();
+  if (equalRows_ == streamRows) {
+    if (stream_->isSealed()) return false;
+    stream_->extend(rows, batchRows_);
+  } else if (equalRows_ < stream_->memoryStart() || equalRows_ + rows.rows > streamRows ||
+             !areEqual(stream_->inMemory(equalRows_, rows.rows), rows)) {
+    return false;
+  }
+  equalRows_ += rows.rows;
+  return true;
+}
+
+template <typename Operation>
+void SharedPart::guarded(Operation&& operation) {
+  const auto stream = stream_;
+  const std::uint64_t equalRows = equalRows_;
+  const std::size_t pending = pendingRows();
+  try {
+    operation();
+  } catch (...) {
+    stream_ = stream;
+    equalRows_ = equalRows;
+    if (pending_) pending_->truncate(pending);
+    throw;
+  }
+}
+
+// Nothing is taken from the pending rows, and nothing added to a stream that others see, before all
+// that may fail is done.
+void SharedPart::settle(bool isLast) {
+  std::size_t at = 0;
+  while (at < pendingRows()) {
+    if (equalRows_ == stream_->rows() && !stream_->isSealed()) {
+      const RowSlice rest = pending_->slice(at);
+      stream_->extend(rest, batchRows_);
+      equalRows_ += rest.rows;
+      at += rest.rows;
+      break;
+    }
+    const Finding finding = compare(at, isLast);
+    equalRows_ += finding.equal;
+    at += finding.equal;
+    if (finding.waits) break;
+    if (finding.differs) leave(keyOf(equalRows_, pending_->slice(at)));
+  }
+  if (pending_) pending_->dropFront(at, 1);
+}
+
+SharedPart::Finding SharedPart::compare(std::size_t at, bool isLast) {
+  if (equalRows_ == stream_->rows()) return {0, true, false};
+  return equalRows_ < stream_->memoryStart() ? compareWithDisk(at, isLast) : compareWithMemory(at);
+}
+
+SharedPart::Finding SharedPart::compareWithMemory(std::size_t at) {
+  const auto there = static_cast<std::size_t>(stream_->rows() - equalRows_);
+  const std::size_t count = std::min(there, pendingRows() - at);
+  const std::size_t equal =
+      commonRows(stream_->inMemory(equalRows_, count), pending_->slice(at, count));
+  return {equal, equal < count, false};
+}
+
+SharedPart::Finding SharedPart::compareWithDisk(std::size_t at, bool isLast) {
+  const std::size_t rest = pendingRows() - at;
+  const RowStore* head = stream_->head();
+  if (head != nullptr && equalRows_ < head->rows()) {
+    const auto first = static_cast<std::size_t>(equalRows_);
+    const std::size_t count = std::min(head->rows() - first, rest);
+    const std::size_t equal = commonRows(head->slice(first, count), pending_->slice(at, count));
+    if (equal < count) return {equal, true, false};
+  }
+  const SharedStream::Batch* batch = stream_->batchOf(equalRows_);
+  const std::uint64_t end =
+      batch ? batch->end : std::min(stream_->memoryStart(), equalRows_ + kPieceRows);
+  const auto toEnd = static_cast<std::size_t>(end - equalRows_);
+  if (rest < toEnd && !isLast) return {0, false, true};
+  const RowSlice rows = pending_->slice(at, std::min(rest, toEnd));
+  if (batch && rows.rows == toEnd && equalRows_ == batch->begin &&
+      XXH128_isEqual(digestOf(rows), batch->digest) != 0) {
+    return {rows.rows, false, false};
+  }
+  RowStore stored(stream_->schema(), stream_->width());
+  for (const auto& table : stream_->read(equalRows_, equalRows_ + rows.rows)) stored.append(*table);
+  const std::size_t equal = commonRows(stored.slice(), rows);
+  return {equal, equal < rows.rows, false};
+}
+
+void SharedPart::leave(const ForkKey& key) {
+  if (SharedStream* longer = stream_->longerOne()) {
+    stream_ = longer->shared_from_this();
+    return;
+  }
+  const auto found = stream_->forks().find(key);
+  stream_ = found == stream_->forks().end() ? stream_->fork(key, compression_, batchRows_)
+                                            : found->second->shared_from_this();
+}
+
+void SharedPart::flush() {
+  if (!stream_ || !isOpened_) return;
+  guarded([&] { settle(/*isLast=*/true); });
+  stream_->flush();
+}
+
+void SharedPart::finish() {
+  if (!stream_ || !isOpened_) return;
+  guarded([&] { settle(/*isLast=*/true); });
+  guarded([&] {
+    if (equalRows_ < stream_->rows()) leave(SharedStream::endKey(equalRows_));
+  });
+  stream_->seal();
+}
+
+void SharedPart::reset() {
+  stream_.reset();
+  pending_.reset();
+  equalRows_ = 0;
+  isOpened_ = true;
+  checkedSchema_ = nullptr;
+}
+
+std::vector<std::shared_ptr<::arrow::Table>> SharedPart::read(std::uint64_t from,
+                                                              std::uint64_t to) {
+  to = std::min(to, rows());
+  if (from >= to) return {};
+  std::vector<std::shared_ptr<::arrow::Table>> tables;
+  if (from < equalRows_) tables = stream_->read(from, std::min(to, equalRows_));
+  if (to > equalRows_) {
+    const std::uint64_t first = std::max(from, equalRows_);
+    tables.push_back(pending_->table(static_cast<std::size_t>(first - equalRows_),
+                                     static_cast<std::size_t>(to - first)));
+  }
+  return tables;
+}
+
+}  // namespace kyr::parquet

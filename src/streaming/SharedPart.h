@@ -1,0 +1,93 @@
+#pragma once
+
+#include <arrow/type_fwd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "streaming/RowStore.h"
+#include "streaming/SharedStore.h"
+#include "streaming/SharedStream.h"
+
+namespace kyr::parquet {
+
+/// The rows of one part (time or data) of a signal of a safe pool, in the order in which they were
+/// appended: a beginning of a shared stream, and perhaps rows that were not compared with it yet.
+///
+/// What is compared: rows that follow a stream's last one are added to it. Rows that the stream has
+/// in memory are compared with them. Where it has them on disk only, they are gathered until they
+/// make up the batch there, and compared by 128 bits; so a part that repeats a stored one keeps a
+/// batch of it in memory at the most, and reads nothing. From the first difference on the part goes
+/// on in another stream.
+///
+/// A call that throws has changed nothing, and may be repeated.
+class SharedPart {
+ public:
+  explicit SharedPart(std::shared_ptr<SharedStore> store) : store_(std::move(store)) {}
+
+  void append(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width);
+
+  /// Brings all rows to disk, in a complete file that holds these rows and no others.
+  void finish();
+
+  /// Brings all rows to disk.
+  void flush();
+
+  /// Forgets the rows. The file goes when no other part has it.
+  void reset();
+
+  /// Takes over a file that is there.
+  void adopt(int id);
+
+  /// \throws std::exception  if the part is over a file that cannot be opened
+  std::uint64_t rows();
+  std::optional<int> id() const;
+
+  /// Rows [from, to) in tables, in order; those beyond the end are left out. The tables are good
+  /// until the part changes.
+  std::vector<std::shared_ptr<::arrow::Table>> read(std::uint64_t from, std::uint64_t to);
+
+  void setBatchRows(std::size_t rows) { batchRows_ = rows; }
+  void setCompression(const SharedStore::Compression& compression) { compression_ = compression; }
+  const SharedStore::Compression& compression() const { return compression_; }
+
+ private:
+  // What can be said of pending rows: how many are equal to the stream's, and whether the next one
+  // differs, or cannot be compared yet.
+  struct Finding {
+    std::size_t equal = 0;
+    bool differs = false;
+    bool waits = false;
+  };
+
+  std::size_t pendingRows() const { return pending_ ? pending_->rows() : 0; }
+  void appendRows(const RowSlice& rows);
+  void begin(const SampleSchema& schema, const RowSlice& rows, std::size_t width);
+  bool appendAtOnce(const RowSlice& rows);
+  // Runs \p operation; what it did to the part is undone if it throws.
+  template <typename Operation>
+  void guarded(Operation&& operation);
+  // Compares the pending rows, all of them if \p isLast.
+  void settle(bool isLast);
+  Finding compare(std::size_t at, bool isLast);
+  Finding compareWithMemory(std::size_t at);
+  Finding compareWithDisk(std::size_t at, bool isLast);
+  // Goes on in a stream in which \p next follows, or nothing.
+  void leave(const ForkKey& key);
+  void openStream();
+
+  std::shared_ptr<SharedStore> store_;
+  std::shared_ptr<SharedStream> stream_;
+  bool isOpened_ = true;  // false for a file that was taken over, before its first use
+  const ::arrow::Schema* checkedSchema_ = nullptr;  // the last one that fitted
+  std::optional<RowStore> scratch_;                 // for chunks whose rows must be counted
+  std::uint64_t equalRows_ = 0;                     // of the stream, that are this part's
+  std::optional<RowStore> pending_;                 // rows behind them
+  std::size_t batchRows_ = 0;
+  SharedStore::Compression compression_;
+};
+
+}  // namespace kyr::parquet

@@ -1,0 +1,92 @@
+#include "streaming/SharedStore.h"
+
+#include <arrow/api.h>
+#include <parquet/properties.h>
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+#include "platform/DiskFile.h"
+#include "storage/BatchSize.h"
+#include "streaming/SharedStream.h"
+
+namespace kyr::parquet {
+
+SharedStore::SharedStore(Path directory, const SafeStorage& options, int firstId)
+    : directory_(std::move(directory)), options_(options), nextId_(firstId) {
+  if (options.batchRows == 0 || options.batchBytes == 0) {
+    throw std::invalid_argument("a batch without rows or bytes: both must be positive");
+  }
+}
+
+std::filesystem::path SharedStore::fileOf(int id) const {
+  return directory_.toFilesystem() / std::to_string(id);
+}
+
+int SharedStore::newId() {
+  if (nextId_ == std::numeric_limits<int>::max()) {
+    throw std::runtime_error(directory_.toNarrow() + ": there are no storage ids left");
+  }
+  return nextId_++;
+}
+
+std::shared_ptr<::parquet::WriterProperties> SharedStore::properties(
+    const Compression& compression) const {
+  auto properties = compression ? writerOptions_.buildWriterProperties(*compression)
+                                : writerOptions_.buildWriterProperties();
+  const ::arrow::Status status = checkBatchSize(*properties);
+  if (!status.ok()) throw std::invalid_argument(status.message());
+  return properties;
+}
+
+Forks& SharedStore::roots(const ::arrow::Schema& schema) { return roots_[schema.ToString()]; }
+
+std::shared_ptr<SharedStream> SharedStore::streamOf(int id) const {
+  const auto found = streams_.find(id);
+  return found == streams_.end() ? nullptr : found->second.lock();
+}
+
+void SharedStore::note(int id, const std::shared_ptr<SharedStream>& stream) {
+  streams_[id] = stream;
+}
+
+void SharedStore::forget(int id) {
+  streams_.erase(id);
+  stored_.remove_if([id](const auto& entry) { return entry.first == id; });
+}
+
+std::shared_ptr<StoredRows> SharedStore::stored(int id) {
+  const auto found = std::find_if(stored_.begin(), stored_.end(),
+                                  [id](const auto& entry) { return entry.first == id; });
+  if (found != stored_.end()) {
+    stored_.splice(stored_.begin(), stored_, found);
+  } else {
+    stored_.emplace_front(id, std::make_shared<StoredRows>(fileOf(id)));
+    if (stored_.size() > kMaxStored) stored_.pop_back();
+  }
+  return stored_.front().second;
+}
+
+void SharedStore::noteWrite(bool isNewFile) {
+  hasNewFiles_ |= isNewFile;
+  if (options_.sync != SafeStorage::Sync::seconds) return;
+  const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - lastSync_;
+  if (passed.count() >= options_.syncSeconds) sync();
+}
+
+void SharedStore::sync() {
+  forEachStream([](SharedStream& stream) { stream.sync(); });
+  if (hasNewFiles_) syncDirectoryOf(fileOf(0));
+  hasNewFiles_ = false;
+  lastSync_ = std::chrono::steady_clock::now();
+}
+
+void SharedStore::forEachStream(const std::function<void(SharedStream&)>& visit) const {
+  for (const auto& [id, weak] : streams_) {
+    if (const auto stream = weak.lock()) visit(*stream);
+  }
+}
+
+}  // namespace kyr::parquet

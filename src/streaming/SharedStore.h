@@ -1,0 +1,113 @@
+#pragma once
+
+#include <arrow/type_fwd.h>
+#include <arrow/util/type_fwd.h>
+#include <parquet/properties.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "kyr/parquet/ParquetWriterOptions.h"
+#include "kyr/parquet/SafeStorage.h"
+#include "kyr/platform/Path.h"
+#include "streaming/RowStore.h"
+
+namespace kyr::parquet {
+
+class SharedStream;
+class StoredRows;
+
+/// A place where contents part: the row's number, and what comes there.
+struct ForkKey {
+  std::uint64_t row = 0;
+  std::uint64_t low = 0;
+  std::uint64_t high = 0;
+
+  friend bool operator==(const ForkKey& a, const ForkKey& b) {
+    return a.row == b.row && a.low == b.low && a.high == b.high;
+  }
+};
+
+struct ForkKeyHash {
+  std::size_t operator()(const ForkKey& key) const {
+    return static_cast<std::size_t>(key.low ^ (key.row * 0x9E3779B97F4A7C15U));
+  }
+};
+
+/// The streams that part from another one, or from nothing. Borrowed: a stream takes itself out.
+using Forks = std::unordered_map<ForkKey, SharedStream*, ForkKeyHash>;
+
+/// What the signals of a safe pool share: the directory with its ids, and all contents, each once.
+class SharedStore {
+ public:
+  using Compression = std::optional<::arrow::Compression::type>;
+
+  /// Ids of files that are there already are not given again.
+  SharedStore(Path directory, const SafeStorage& options, int firstId);
+  SharedStore(const SharedStore&) = delete;
+  SharedStore& operator=(const SharedStore&) = delete;
+
+  const Path& directory() const { return directory_; }
+  const SafeStorage& options() const { return options_; }
+  std::filesystem::path fileOf(int id) const;
+
+  /// Never the same twice.
+  int newId();
+  int nextId() const { return nextId_; }
+
+  std::shared_ptr<::parquet::WriterProperties> properties(const Compression& compression) const;
+
+  /// The contents of a schema, by their first row.
+  Forks& roots(const ::arrow::Schema& schema);
+
+  /// The stream over the file \p id, if a signal has it already.
+  std::shared_ptr<SharedStream> streamOf(int id) const;
+  void note(int id, const std::shared_ptr<SharedStream>& stream);
+  void forget(int id);
+
+  /// A finished file, opened. The last few stay open.
+  std::shared_ptr<StoredRows> stored(int id);
+
+  /// A stream wrote something: sync all that did if that is due.
+  void noteWrite(bool isNewFile);
+  /// Sync what was written since the last time, the names of new files included.
+  void sync();
+
+  /// From now on no file is deleted.
+  void keepFiles() { keepsFiles_ = true; }
+  bool keepsFiles() const { return keepsFiles_; }
+
+  /// Calls \p visit with each stream that a signal has.
+  void forEachStream(const std::function<void(SharedStream&)>& visit) const;
+
+  /// Descriptors are few: whether one more file may stay open.
+  bool mayStayOpen() const { return openFiles_ < kMaxOpenFiles; }
+  void countOpen(int change) { openFiles_ += change; }
+
+ private:
+  static constexpr int kMaxOpenFiles = 128;
+  static constexpr std::size_t kMaxStored = 32;
+
+  Path directory_;
+  SafeStorage options_;
+  ParquetWriterOptions writerOptions_;
+  int nextId_;
+  std::unordered_map<std::string, Forks> roots_;
+  std::unordered_map<int, std::weak_ptr<SharedStream>> streams_;
+  std::list<std::pair<int, std::shared_ptr<StoredRows>>> stored_;  // the last used first
+  bool keepsFiles_ = false;
+  int openFiles_ = 0;
+  bool hasNewFiles_ = false;
+  std::chrono::steady_clock::time_point lastSync_ = std::chrono::steady_clock::now();
+};
+
+}  // namespace kyr::parquet

@@ -1,0 +1,254 @@
+#include "streaming/SharedStream.h"
+
+#include <arrow/api.h>
+#include <fmt/format.h>
+#include <parquet/exception.h>
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "streaming/BatchRecord.h"
+
+namespace kyr::parquet {
+
+namespace {
+
+// The serialized metadata at the end of a Parquet file.
+std::string footerOf(const DiskFile& file) {
+  const std::uint64_t size = file.size();
+  std::string tail(kParquetTailBytes, '\0');
+  const bool isLongEnough = size >= kParquetTailBytes + kParquetMagic.size();
+  if (isLongEnough) file.readAt(size - tail.size(), tail.data(), tail.size());
+  std::uint32_t bytes = 0;
+  std::memcpy(&bytes, tail.data(), sizeof(bytes));
+  if (!isLongEnough || tail.substr(sizeof(bytes)) != kParquetMagic ||
+      bytes > size - kParquetTailBytes - kParquetMagic.size()) {
+    throw std::runtime_error(file.path().string() + ": is no complete Parquet file");
+  }
+  std::string metadata(bytes, '\0');
+  file.readAt(size - kParquetTailBytes - bytes, metadata.data(), bytes);
+  return metadata;
+}
+
+BatchIndex indexOf(const DiskFile& file) {
+  try {
+    return BatchIndex(footerOf(file));
+  } catch (const ::parquet::ParquetException& error) {
+    throw std::runtime_error(file.path().string() + ": " + error.what());
+  }
+}
+
+std::size_t elementBytes(const SampleSchema& schema) {
+  const auto* fixed = dynamic_cast<const ::arrow::FixedWidthType*>(schema.elementType.get());
+  return fixed != nullptr ? static_cast<std::size_t>(fixed->bit_width()) / 8 : 1;
+}
+
+}  // namespace
+
+StoredRows::StoredRows(const std::filesystem::path& path)
+    : file_(std::make_shared<DiskFile>(path, DiskFile::Mode::readOnly)),
+      index_(indexOf(*file_)),
+      reader_(file_) {}
+
+SharedStream::SharedStream(std::shared_ptr<SharedStore> store, int id)
+    : store_(std::move(store)), id_(id) {}
+
+std::shared_ptr<SharedStream> SharedStream::create(std::shared_ptr<SharedStore> store,
+                                                   const SampleSchema& schema, std::size_t width,
+                                                   const SharedStore::Compression& compression) {
+  const int id = store->newId();
+  std::shared_ptr<SharedStream> stream(new SharedStream(std::move(store), id));
+  stream->width_ = width;
+  stream->compression_ = compression;
+  stream->memory_.emplace(schema, width);
+  stream->store_->note(id, stream);
+  return stream;
+}
+
+std::shared_ptr<SharedStream> SharedStream::adopt(std::shared_ptr<SharedStore> store, int id) {
+  std::shared_ptr<SharedStream> stream(new SharedStream(std::move(store), id));
+  stream->sealed_ = true;
+  stream->store_->note(id, stream);
+  return stream;
+}
+
+void SharedStream::open() {
+  if (memory_) return;
+  const auto file = store_->stored(id_);
+  const SampleSchema schema(file->read(0, 0)->schema());
+  width_ = elementBytes(schema);
+  diskRows_ = memoryStart_ = file->rows();
+  memory_.emplace(schema, width_);
+}
+
+SharedStream::~SharedStream() {
+  takeOut();
+  if (file_) store_->countOpen(-1);
+  file_.reset();
+  store_->forget(id_);
+  if (store_->keepsFiles()) return;
+  std::error_code ignored;
+  std::filesystem::remove(store_->fileOf(id_), ignored);
+}
+
+void SharedStream::hangUnder(Forks& forks, SharedStream* parent, const ForkKey& key) {
+  forks[key] = this;
+  place_ = &forks;
+  parent_ = parent;
+  key_ = key;
+}
+
+void SharedStream::hangUnderRoot(Forks& roots, const ForkKey& key) {
+  hangUnder(roots, nullptr, key);
+}
+
+// Of the streams that part from this one, the one that leaves last takes its place; up to where
+// they leave, it is equal to this one, so the others part from it.
+void SharedStream::takeOut() noexcept {
+  if (forks_.empty()) {
+    if (place_ != nullptr) place_->erase(key_);
+    return;
+  }
+  const auto last =
+      std::max_element(forks_.begin(), forks_.end(),
+                       [](const auto& a, const auto& b) { return a.first.row < b.first.row; });
+  SharedStream* heir = last->second;
+  forks_.erase(last);
+  for (const auto& [key, stream] : forks_) stream->hangUnder(heir->forks_, heir, key);
+  forks_.clear();
+  if (place_ != nullptr) {
+    heir->hangUnder(*place_, parent_, key_);
+  } else {
+    heir->place_ = nullptr;
+    heir->parent_ = nullptr;
+  }
+}
+
+std::size_t SharedStream::batchLength(std::size_t batchRows) const {
+  // Parquet divides longer row groups.
+  constexpr std::size_t kMaxRows = 1048576;
+  if (batchRows > 0) return std::min(batchRows, kMaxRows);
+  const SafeStorage& options = store_->options();
+  const std::size_t perRow = std::max<std::size_t>(1, memory_->bytes() / memory_->rows());
+  const std::size_t byBytes = std::max<std::size_t>(1, options.batchBytes / perRow);
+  return std::min({options.batchRows, byBytes, kMaxRows});
+}
+
+// What is written stays in memory until something follows.
+void SharedStream::extend(const RowSlice& rows, std::size_t batchRows) {
+  if (memory_->rows() > 0) {
+    if (unwritten() >= batchLength(batchRows)) writeFullBatches(batchRows);
+    dropFront(static_cast<std::size_t>(diskRows_ - memoryStart_), 1);
+  }
+  memory_->append(rows);
+}
+
+void SharedStream::writeFullBatches(std::size_t batchRows) {
+  for (const std::size_t length = batchLength(batchRows); unwritten() >= length;) {
+    writeRows(length);
+  }
+}
+
+void SharedStream::writeAll() {
+  while (unwritten() > 0) writeRows(std::min(unwritten(), batchLength(0)));
+}
+
+void SharedStream::writeRows(std::size_t count) {
+  const bool isNew = !file_;
+  if (isNew) openFile();
+  const std::size_t from = memory_->rows() - unwritten();
+  file_->appendBatch(*memory_->table(from, count));
+  batches_.push_back({diskRows_, diskRows_ + count, digestOf(memory_->slice(from, count))});
+  diskRows_ += count;
+  hasUnsynced_ = true;
+  store_->noteWrite(isNew);
+}
+
+void SharedStream::openFile() {
+  file_ =
+      GrowingFile::create(store_->fileOf(id_), schema().schema, store_->properties(compression_));
+  store_->countOpen(1);
+}
+
+void SharedStream::dropFront(std::size_t rows, std::size_t batches) {
+  if (rows == 0) return;
+  if (!head_) {
+    constexpr std::size_t kHeadRows = 64;
+    head_.emplace(schema(), width_);
+    head_->append(memory_->slice(0, std::min(rows, kHeadRows)));
+  }
+  memory_->dropFront(rows, batches);
+  memoryStart_ += rows;
+}
+
+void SharedStream::flush() {
+  if (sealed_) return;
+  writeAll();
+  if (file_) file_->publish();
+}
+
+void SharedStream::seal() {
+  if (sealed_) return;
+  writeAll();
+  if (!file_) openFile();
+  file_->publish();
+  if (store_->options().sync != SafeStorage::Sync::never) sync();
+  file_->finish();
+  file_.reset();
+  store_->countOpen(-1);
+  dropFront(memory_->rows(), 0);
+  sealed_ = true;
+}
+
+void SharedStream::sync() {
+  if (file_ && hasUnsynced_) file_->sync();
+  hasUnsynced_ = false;
+}
+
+const SharedStream::Batch* SharedStream::batchOf(std::uint64_t row) const {
+  const auto found =
+      std::upper_bound(batches_.begin(), batches_.end(), row,
+                       [](std::uint64_t at, const Batch& batch) { return at < batch.end; });
+  return found == batches_.end() ? nullptr : &*found;
+}
+
+std::vector<std::shared_ptr<::arrow::Table>> SharedStream::read(std::uint64_t from,
+                                                                std::uint64_t to) {
+  std::vector<std::shared_ptr<::arrow::Table>> tables;
+  const std::uint64_t diskEnd = std::min(to, memoryStart_);
+  if (from < diskEnd) {
+    tables.push_back(file_ ? file_->read(from, diskEnd - from)
+                           : store_->stored(id_)->read(from, diskEnd - from));
+    from = diskEnd;
+  }
+  if (from < to) {
+    tables.push_back(memory_->table(static_cast<std::size_t>(from - memoryStart_),
+                                    static_cast<std::size_t>(to - from)));
+  }
+  return tables;
+}
+
+std::shared_ptr<SharedStream> SharedStream::fork(const ForkKey& key,
+                                                 const SharedStore::Compression& compression,
+                                                 std::size_t batchRows) {
+  auto copy = create(store_, schema(), width_, compression);
+  // Piece by piece, so that no more than a batch is in memory.
+  constexpr std::uint64_t kPieceRows = 65536;
+  for (std::uint64_t row = 0; row < key.row;) {
+    const std::uint64_t count = std::min(kPieceRows, key.row - row);
+    for (const auto& table : read(row, row + count)) {
+      RowStore rows(schema(), width_);
+      rows.append(*table);
+      copy->extend(rows.slice(), batchRows);
+    }
+    row += count;
+  }
+  copy->hangUnder(forks_, this, key);
+  return copy;
+}
+
+}  // namespace kyr::parquet

@@ -1,0 +1,450 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <optional>
+#include <random>
+#include <string>
+
+#include "kyr/parquet/ParquetSignal.h"
+#include "kyr/parquet/SafeStorage.h"
+#include "kyr/parquet/SignalPool.h"
+#include "kyr/parquet/StreamableSignal.h"
+#include "support/TempDir.h"
+
+// Long random sequences of operations on a safe pool and on a plain model of it: every answer is
+// compared. KYR_MODEL_SEQUENCES sets how many sequences; KYR_MODEL_SEED runs a single one.
+
+namespace kyr::parquet {
+namespace {
+
+using Shape = std::vector<std::size_t>;
+using Part = StreamableSignal::SignalPart;
+
+struct Kind {
+  KYRSignalCategory category;
+  KYRSignalDataType type;
+  std::size_t width;
+};
+
+// All categories, element widths of all sizes, both forms of blobs.
+constexpr Kind kKinds[] = {
+    {Scalar, Double, 8}, {Scalar, Int8, 1},     {Scalar, Boolean, 1},   {Scalar, UInt64Alt, 8},
+    {Scalar, Single, 4}, {FixedDim, UInt16, 2}, {FixedDim, Double, 8},  {VarDim, Double, 8},
+    {VarDim, Int32, 4},  {Bus, Binary, 1},      {VarDimBus, Binary, 1}, {FixedDim, Binary, 1},
+    {Scalar, Int64, 8},  {VarDim, UInt8, 1},    {Scalar, UInt32, 4},    {Bus, ByteString, 1},
+};
+
+struct Row {
+  std::string bytes;
+  Shape shape;  // of a variable-dimension row
+  friend bool operator==(const Row& a, const Row& b) {
+    return a.bytes == b.bytes && a.shape == b.shape;
+  }
+};
+using Rows = std::vector<Row>;
+
+struct Op {
+  enum What { time, data, finish, finishPart, flush, flushAll, read, reset, drop, whole, batch };
+  What what;
+  int signal;
+  unsigned a;
+  unsigned b;
+  unsigned c;
+};
+
+std::string describe(const Op& op) {
+  static const char* const kNames[] = {"time", "data",  "finish", "finishPart", "flush", "flushAll",
+                                       "read", "reset", "drop",   "whole",      "batch"};
+  return std::string(kNames[op.what]) + "(" + std::to_string(op.signal) + ", " +
+         std::to_string(op.a) + ", " + std::to_string(op.b) + ", " + std::to_string(op.c) + ")";
+}
+
+const Kind& kindOf(int signal) {
+  // Neighbours have the same kind, so that they can share.
+  return kKinds[static_cast<std::size_t>(signal / 4) % std::size(kKinds)];
+}
+
+bool isVariable(const Kind& kind) { return kind.category == VarDim || kind.category == VarDimBus; }
+bool isBlob(const Kind& kind) { return kind.type == Binary || kind.type == ByteString; }
+
+// Row number \p row of a content. Contents are equal up to a row that depends on their number.
+Row rowOf(const Kind& kind, unsigned content, std::uint64_t row) {
+  const bool differs = row >= content * 3;
+  const auto seed = static_cast<unsigned>(row * 7 + (differs ? content * 1000 : 0));
+  std::size_t elements = 1;
+  Row result;
+  if (kind.category == FixedDim) elements = 4;
+  if (isBlob(kind)) elements = seed % 5;
+  if (isVariable(kind)) {
+    result.shape = {seed % 3, 1 + seed % 2};
+    if (!isBlob(kind)) elements = result.shape[0] * result.shape[1];
+  }
+  for (std::size_t i = 0; i < elements * kind.width; ++i) {
+    result.bytes.push_back(static_cast<char>((seed * 31 + i * (differs ? 3 : 1)) % 251));
+  }
+  return result;
+}
+
+struct Chunk {
+  std::string bytes;
+  std::vector<Shape> dims;
+  std::vector<int> sizes;
+};
+
+Chunk chunkOf(const Kind& kind, const Rows& rows) {
+  Chunk chunk;
+  for (const Row& row : rows) {
+    chunk.bytes += row.bytes;
+    if (isVariable(kind)) chunk.dims.push_back(row.shape);
+    if (isBlob(kind)) chunk.sizes.push_back(static_cast<int>(row.bytes.size()));
+  }
+  if (kind.category == FixedDim && !isBlob(kind)) chunk.dims = {{2, 2}};
+  return chunk;
+}
+
+// What a read gives, as rows.
+Rows rowsOf(const Kind& kind, const std::vector<char>& bytes, const std::vector<Shape>& dims,
+            const std::vector<int>& sizes) {
+  Rows rows;
+  std::size_t at = 0;
+  const bool isFlat = sizes.empty();
+  const std::size_t count = isFlat ? bytes.size() / kind.width : sizes.size();
+  for (std::size_t i = 0; i < count; ++i) {
+    Row row;
+    const std::size_t size = (isFlat ? 1 : static_cast<std::size_t>(sizes[i])) * kind.width;
+    row.bytes.assign(bytes.data() + at, size);
+    at += size;
+    if (isVariable(kind)) row.shape = dims.at(i);
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+constexpr Kind kTime{Scalar, Double, 8};
+constexpr int kWhole = 1000;  // ids from here on are whole signals
+
+struct Model {
+  Rows time;
+  Rows data;
+  bool shortBlobs = false;
+};
+
+// A pool beside its model.
+class Replay {
+ public:
+  explicit Replay(std::size_t batchRows)
+      : pool_(dir_.path(), [&] {
+          SafeStorage storage;
+          storage.batchRows = batchRows;
+          return storage;
+        }()) {}
+
+  // What went wrong, if anything did.
+  std::optional<std::string> play(const std::vector<Op>& ops) {
+    std::size_t number = 0;
+    try {
+      for (const Op& op : ops) {
+        apply(op);
+        if (!failure_.empty()) return "operation " + std::to_string(number) + ": " + failure_;
+        ++number;
+      }
+      readAll("before the end");
+      pool_.serializeSignalRecords();
+      readAll("after the end");
+      if (failure_.empty()) checkSharing();
+      held_.clear();
+      for (auto& [id, model] : models_) pool_.deleteSignal(id);
+      if (failure_.empty() && !dir_.names().empty()) fail("files are left");
+    } catch (const std::exception& error) {
+      return "operation " + std::to_string(number) + " threw: " + error.what();
+    }
+    return failure_.empty() ? std::nullopt : std::optional<std::string>(failure_);
+  }
+
+ private:
+  void fail(const std::string& text) {
+    if (failure_.empty()) failure_ = text;
+  }
+
+  StreamableSignal& signal(int id) {
+    auto& held = held_[id];
+    if (!held) {
+      held = pool_.getStreamableSignal(id);
+      held->setDataType(kindOf(id).type);
+      held->setCategory(kindOf(id).category);
+    }
+    return *held;
+  }
+
+  void apply(const Op& op) {
+    Model& model = models_[op.signal];
+    if (op.signal >= kWhole) return applyWhole(op, model);
+    StreamableSignal& stream = signal(op.signal);
+    switch (op.what) {
+      case Op::time: {
+        const Rows rows = next(kTime, model.time, op);
+        const Chunk chunk = chunkOf(kTime, rows);
+        std::vector<double> times(rows.size() + 1);
+        std::memcpy(times.data(), chunk.bytes.data(), chunk.bytes.size());
+        stream.appendTime(times.data(), rows.size());
+        break;
+      }
+      case Op::data: {
+        const Rows rows = next(kindOf(op.signal), model.data, op);
+        const Chunk chunk = chunkOf(kindOf(op.signal), rows);
+        // A chunk without bytes has no rows.
+        if (chunk.bytes.empty()) {
+          model.data.resize(model.data.size() - rows.size());
+          break;
+        }
+        stream.appendData(chunk.bytes.data(), chunk.bytes.size(), chunk.dims, chunk.sizes);
+        break;
+      }
+      case Op::finish:
+        stream.finish();
+        break;
+      case Op::finishPart:
+        stream.finish(op.a % 2 == 0 ? Part::time : Part::data);
+        break;
+      case Op::flush:
+        stream.flush();
+        break;
+      case Op::flushAll:
+        pool_.flush();
+        break;
+      case Op::read:
+        read(op.signal, model, op.a, op.b, "read");
+        break;
+      case Op::reset:
+        stream.resetData();
+        model = Model();
+        break;
+      case Op::drop:
+        held_.erase(op.signal);
+        pool_.deleteSignal(op.signal);
+        model = Model();
+        break;
+      case Op::batch:
+        stream.setBufferSize(1 + op.a % 9);
+        break;
+      case Op::whole:
+        break;
+    }
+  }
+
+  // Rows that follow, of content op.c, as many as op.a says; sometimes more than a batch.
+  static Rows next(const Kind& kind, Rows& model, const Op& op) {
+    Rows rows;
+    const unsigned count = op.b % 8 == 0 ? op.a % 40 : op.a % 5;
+    for (unsigned i = 0; i < count; ++i) rows.push_back(rowOf(kind, op.c % 4, model.size() + i));
+    model.insert(model.end(), rows.begin(), rows.end());
+    return rows;
+  }
+
+  void applyWhole(const Op& op, Model& model) {
+    const Kind& kind = kindOf(op.signal);
+    const auto whole = pool_.getSignal(op.signal);
+    whole->setDataType(kind.type);
+    whole->setCategory(kind.category);
+    if (op.what == Op::drop || op.what == Op::reset) {
+      whole->resetData();
+      if (op.what == Op::drop) pool_.deleteSignal(op.signal);
+      model = Model();
+      return;
+    }
+    if (op.what == Op::whole || op.what == Op::data) {
+      Model fresh;
+      for (unsigned i = 0; i < op.a % 30; ++i) {
+        fresh.time.push_back(rowOf(kTime, op.b % 4, i));
+        fresh.data.push_back(rowOf(kind, op.c % 4, i));
+      }
+      const Chunk time = chunkOf(kTime, fresh.time);
+      const Chunk chunk = chunkOf(kind, fresh.data);
+      std::vector<double> times(fresh.time.size());
+      if (!times.empty()) std::memcpy(times.data(), time.bytes.data(), time.bytes.size());
+      const std::vector<char> bytes(chunk.bytes.begin(), chunk.bytes.end());
+      std::vector<std::vector<std::size_t>> dims = chunk.dims;
+      // A blob is told by its length here only if it is Binary.
+      if (kind.type == ByteString) {
+        for (const int size : chunk.sizes) dims.push_back({static_cast<std::size_t>(size)});
+        if (dims.size() == 1 && dims[0][0] == 0) return;
+        if (dims.size() == 1) dims.push_back({0});
+        if (dims.size() != chunk.sizes.size()) return;
+      }
+      const bool isTaken = whole->hasData();
+      if (bytes.empty()) return;
+      try {
+        whole->setData(times, bytes, dims, chunk.sizes);
+        if (isTaken) fail("a second setData was taken");
+        model = fresh;
+      } catch (const std::runtime_error&) {
+        if (!isTaken) throw;
+      }
+      return;
+    }
+    readWhole(op.signal, model, "read");
+  }
+
+  void readWhole(int id, const Model& model, const std::string& when) {
+    std::vector<double> time;
+    std::vector<char> bytes;
+    std::vector<Shape> dims;
+    std::vector<int> sizes;
+    const auto whole = pool_.getSignal(id);
+    whole->getData(time, bytes, dims, sizes);
+    std::vector<char> timeBytes(time.size() * sizeof(double));
+    if (!time.empty()) std::memcpy(timeBytes.data(), time.data(), timeBytes.size());
+    compare(model.time, rowsOf(kTime, timeBytes, {}, {}), when + ", time", id);
+    compare(model.data, rowsOf(kindOf(id), bytes, dims, sizes), when + ", data", id);
+  }
+
+  void compare(const Rows& expected, const Rows& found, const std::string& what, int id) {
+    if (expected == found) return;
+    const auto differing =
+        std::mismatch(expected.begin(), expected.end(), found.begin(), found.end()).first;
+    fail(what + " of signal " + std::to_string(id) + ": " + std::to_string(found.size()) +
+         " rows, expected " + std::to_string(expected.size()) + ", the first that differs is " +
+         std::to_string(differing - expected.begin()));
+  }
+
+  void read(int id, const Model& model, std::size_t from, std::size_t count,
+            const std::string& when) {
+    const auto cut = [&](const Rows& rows) {
+      const std::size_t begin = std::min(from, rows.size());
+      return Rows(rows.begin() + static_cast<std::ptrdiff_t>(begin),
+                  rows.begin() + static_cast<std::ptrdiff_t>(std::min(begin + count, rows.size())));
+    };
+    std::vector<char> time;
+    std::vector<char> bytes;
+    std::vector<Shape> dims;
+    std::vector<int> sizes;
+    StreamableSignal& stream = signal(id);
+    stream.getTime(from, from + count, time);
+    stream.getData(from, from + count, bytes, dims, sizes);
+    compare(cut(model.time), rowsOf(kTime, time, {}, {}), when + ", time", id);
+    compare(cut(model.data), rowsOf(kindOf(id), bytes, dims, sizes), when + ", data", id);
+  }
+
+  void readAll(const std::string& when) {
+    for (const auto& [id, model] : models_) {
+      if (id >= kWhole) {
+        readWhole(id, model, when);
+      } else {
+        read(id, model, 0, 100000, when);
+      }
+    }
+  }
+
+  // Once all is finished, equal contents are in one file and others are not.
+  void checkSharing() {
+    std::map<int, const Rows*> files;
+    std::vector<std::tuple<std::string, const Rows*, int>> contents;
+    for (const auto& [id, model] : models_) {
+      const auto add = [&](const Rows& rows, int file, const std::string& schema) {
+        if (rows.empty()) return;
+        for (const auto& [otherSchema, other, otherFile] : contents) {
+          if (otherSchema != schema) continue;
+          if ((*other == rows) != (otherFile == file)) {
+            fail("signal " + std::to_string(id) + (file == otherFile ? " shares " : " repeats ") +
+                 "file " + std::to_string(otherFile));
+          }
+        }
+        contents.emplace_back(schema, &rows, file);
+      };
+      const Kind& kind = kindOf(id);
+      const std::string schema = std::to_string(kind.type) + "," + std::to_string(kind.category);
+      const std::string timeSchema = std::to_string(Double) + "," + std::to_string(Scalar);
+      if (id >= kWhole) {
+        const auto whole = pool_.getSignal(id);
+        add(model.time, whole->getStorageId(0), timeSchema);
+        add(model.data, whole->getStorageId(1), schema);
+      } else {
+        add(model.time, signal(id).getStorageId(Part::time), timeSchema);
+        add(model.data, signal(id).getStorageId(Part::data), schema);
+      }
+    }
+  }
+
+  test::TempDir dir_;
+  SignalPool pool_;
+  std::map<int, std::shared_ptr<StreamableSignal>> held_;
+  std::map<int, Model> models_;
+  std::string failure_;
+};
+
+std::vector<Op> sequenceOf(unsigned seed, std::size_t length) {
+  std::mt19937 random(seed);
+  const auto pick = [&](unsigned below) { return static_cast<unsigned>(random() % below); };
+  const int first = static_cast<int>(pick(std::size(kKinds)) * 4);
+  const unsigned contents = 1 + pick(4);
+  std::vector<Op> ops;
+  for (std::size_t i = 0; i < length; ++i) {
+    Op op{Op::read, first + static_cast<int>(pick(5)), pick(1000), pick(1000), pick(contents)};
+    if (pick(8) == 0) op.signal += kWhole;
+    const unsigned what = pick(100);
+    if (what < 30)
+      op.what = Op::time;
+    else if (what < 66)
+      op.what = Op::data;
+    else if (what < 70)
+      op.what = Op::finish;
+    else if (what < 74)
+      op.what = Op::finishPart;
+    else if (what < 78)
+      op.what = Op::flush;
+    else if (what < 80)
+      op.what = Op::flushAll;
+    else if (what < 82)
+      op.what = Op::reset;
+    else if (what < 84)
+      op.what = Op::drop;
+    else if (what < 86)
+      op.what = Op::batch;
+    if (op.signal >= kWhole && pick(2) == 0) op.what = Op::whole;
+    if (op.what == Op::read) op.a = pick(60), op.b = pick(60);
+    ops.push_back(op);
+  }
+  return ops;
+}
+
+// Leaves out what is not needed for the sequence to fail.
+std::vector<Op> shrunk(std::vector<Op> ops, std::size_t batchRows) {
+  for (std::size_t piece = ops.size() / 2; piece > 0; piece /= 2) {
+    for (std::size_t at = 0; at + piece <= ops.size();) {
+      std::vector<Op> fewer = ops;
+      fewer.erase(fewer.begin() + static_cast<std::ptrdiff_t>(at),
+                  fewer.begin() + static_cast<std::ptrdiff_t>(at + piece));
+      if (Replay(batchRows).play(fewer)) {
+        ops = std::move(fewer);
+      } else {
+        at += piece;
+      }
+    }
+  }
+  return ops;
+}
+
+unsigned numberFrom(const char* variable, unsigned otherwise) {
+  const char* text = std::getenv(variable);
+  return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : otherwise;
+}
+
+TEST(SafePoolModel, EveryAnswerIsThatOfThePlainModel) {
+  const unsigned first = numberFrom("KYR_MODEL_SEED", 1);
+  const unsigned count = std::getenv("KYR_MODEL_SEED") ? 1 : numberFrom("KYR_MODEL_SEQUENCES", 150);
+  for (unsigned seed = first; seed < first + count; ++seed) {
+    const std::size_t batchRows = seed % 4 == 0 ? 65536 : 1 + seed % 11;
+    const std::vector<Op> ops = sequenceOf(seed, 40 + seed % 300);
+    if (!Replay(batchRows).play(ops)) continue;
+    const std::vector<Op> few = shrunk(ops, batchRows);
+    std::string text;
+    for (const Op& op : few) text += "\n  " + describe(op);
+    FAIL() << "seed " << seed << ", batches of " << batchRows << ": "
+           << Replay(batchRows).play(few).value_or("passes alone") << text;
+  }
+}
+
+}  // namespace
+}  // namespace kyr::parquet
