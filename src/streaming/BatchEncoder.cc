@@ -10,13 +10,13 @@
 #include <stdexcept>
 #include <utility>
 
-#include "streaming/BatchRecord.h"
-
 namespace kyr::parquet {
 
 namespace {
 
 constexpr std::size_t kMargin = 4096;
+// Copied and hashed at once: small enough for the nearest cache.
+constexpr std::size_t kPieceBytes = 4096;
 
 // Keeps what is written to it. A Parquet writer only starts at position 0; behind its leading magic
 // the sink says that it stands at the row group's place in the file that the batch is made for.
@@ -27,7 +27,13 @@ class BatchSink final : public ::arrow::io::OutputStream {
   }
 
   ::arrow::Status Write(const void* data, std::int64_t size) override {
-    bytes_.append(static_cast<const char*>(data), static_cast<std::size_t>(size));
+    std::string_view rest(static_cast<const char*>(data), static_cast<std::size_t>(size));
+    while (!rest.empty()) {
+      const std::string_view piece = rest.substr(0, kPieceBytes);
+      bytes_ += piece;
+      hashTo(bytes_.size());
+      rest.remove_prefix(piece.size());
+    }
     return ::arrow::Status::OK();
   }
   ::arrow::Result<std::int64_t> Tell() const override {
@@ -40,11 +46,20 @@ class BatchSink final : public ::arrow::io::OutputStream {
   }
   bool closed() const override { return closed_; }
 
-  std::string take() { return std::move(bytes_); }
+  EncodedBatch take() { return {std::move(bytes_), hash_}; }
 
  private:
+  // All but the magic at the start and what may be the tail.
+  void hashTo(std::size_t size) {
+    if (size < hashed_ + kParquetTailBytes) return;
+    hash_.add(std::string_view(bytes_).substr(hashed_, size - kParquetTailBytes - hashed_));
+    hashed_ = size - kParquetTailBytes;
+  }
+
   std::uint64_t offset_;
   std::string bytes_;
+  RecordHash hash_;
+  std::size_t hashed_ = kParquetMagic.size();
   bool closed_ = false;
 };
 
@@ -57,13 +72,13 @@ std::shared_ptr<::parquet::schema::GroupNode> parquetSchema(
 
 }  // namespace
 
-EncodedBatch::EncodedBatch(std::string file) : file_(std::move(file)) {
+EncodedBatch::EncodedBatch(std::string file, const RecordHash& hash)
+    : file_(std::move(file)), hash_(hash) {
   const std::string_view all = file_;
   const std::size_t tailAt = all.size() - kParquetTailBytes;
   if (all.substr(tailAt + 4) != kParquetMagic) {
     throw std::invalid_argument("growing files cannot be encrypted");
   }
-  metadataBytes_ = 0;
   for (std::size_t i = 4; i > 0; --i) {
     metadataBytes_ = (metadataBytes_ << 8U) | static_cast<unsigned char>(all[tailAt + i - 1]);
   }
@@ -84,7 +99,7 @@ EncodedBatch BatchEncoder::encodeEmpty(
     const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) const {
   const auto sink = std::make_shared<BatchSink>(0, 0);
   ::parquet::ParquetFileWriter::Open(sink, parquetSchema_, properties_, keyValues)->Close();
-  return EncodedBatch(sink->take());
+  return sink->take();
 }
 
 EncodedBatch BatchEncoder::encode(const ::arrow::Table& table, std::uint64_t offset) {
@@ -96,7 +111,7 @@ EncodedBatch BatchEncoder::encode(const ::arrow::Table& table, std::uint64_t off
       ::parquet::default_arrow_writer_properties(), &writer));
   PARQUET_THROW_NOT_OK(writer->WriteTable(table, table.num_rows()));
   PARQUET_THROW_NOT_OK(writer->Close());
-  EncodedBatch batch(sink->take());
+  EncodedBatch batch = sink->take();
   lastBytes_ = batch.payload().size();
   return batch;
 }

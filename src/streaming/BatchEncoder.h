@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "streaming/BatchRecord.h"
+
 namespace kyr::parquet {
 
 /// The bytes of a Parquet file with at most one row group, whose metadata give the place that the
@@ -17,16 +19,19 @@ namespace kyr::parquet {
 class EncodedBatch {
  public:
   /// \param file  of "PAR1", row group, metadata, their length, "PAR1"
-  explicit EncodedBatch(std::string file);
+  /// \param hash  of row group and metadata
+  EncodedBatch(std::string file, const RecordHash& hash);
 
   /// Row group and metadata.
   std::string_view payload() const;
+  const RecordHash& hash() const { return hash_; }
   std::string_view metadata() const { return payload().substr(rowGroupBytes()); }
   std::size_t rowGroupBytes() const { return payload().size() - metadataBytes_; }
 
  private:
   std::string file_;
-  std::size_t metadataBytes_;
+  std::size_t metadataBytes_ = 0;
+  RecordHash hash_;
 };
 
 /// Makes batches of one schema in memory.

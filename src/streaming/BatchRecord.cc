@@ -1,7 +1,5 @@
 #include "streaming/BatchRecord.h"
 
-#include <xxhash.h>
-
 #include <algorithm>
 #include <limits>
 #include <vector>
@@ -34,22 +32,6 @@ std::uint64_t number(std::string_view bytes) {
   }
   return value;
 }
-
-// XXH3 with 128 bits, taken in pieces.
-class Hash {
- public:
-  Hash() { XXH3_128bits_reset(&state_); }
-  void add(std::string_view bytes) { XXH3_128bits_update(&state_, bytes.data(), bytes.size()); }
-  // The high half first, as the digits of a checksum are written.
-  std::string digest() const {
-    XXH128_canonical_t digest;
-    XXH128_canonicalFromHash(&digest, XXH3_128bits_digest(&state_));
-    return {reinterpret_cast<const char*>(digest.digest), sizeof(digest.digest)};
-  }
-
- private:
-  XXH3_state_t state_;
-};
 
 std::string readBytes(const DiskFile& file, std::uint64_t offset, std::size_t size) {
   std::string bytes(size, '\0');
@@ -89,7 +71,13 @@ std::uint64_t RecordHeader::headerBytes() const {
   return kind == RecordKind::batch ? kBatchHeaderBytes : kFooterHeaderBytes;
 }
 
-std::string encodeHeader(const RecordHeader& header, std::string_view payload) {
+std::string RecordHash::digest() const {
+  XXH128_canonical_t digest;
+  XXH128_canonicalFromHash(&digest, XXH3_128bits_digest(&state_));
+  return {reinterpret_cast<const char*>(digest.digest), sizeof(digest.digest)};
+}
+
+std::string encodeHeader(const RecordHeader& header, RecordHash payload) {
   std::string bytes;
   bytes.reserve(kBatchHeaderBytes);
   bytes += kMagic;
@@ -99,10 +87,8 @@ std::string encodeHeader(const RecordHeader& header, std::string_view payload) {
                                     header.rowGroupBytes, header.metadataBytes}) {
     putNumber(bytes, field, 8);
   }
-  Hash hash;
-  hash.add(bytes);
-  hash.add(payload);
-  bytes += hash.digest();
+  payload.add(bytes);
+  bytes += payload.digest();
   if (header.kind == RecordKind::batch) bytes += kGuard;
   return bytes;
 }
@@ -113,7 +99,9 @@ std::string encodeFooter(RecordHeader header, std::string_view metadata) {
   header.metadataBytes = metadata.size();
   std::string bytes;
   bytes.reserve(kBatchHeaderBytes + metadata.size() + kParquetTailBytes);
-  bytes += encodeHeader(header, metadata);
+  RecordHash hash;
+  hash.add(metadata);
+  bytes += encodeHeader(header, hash);
   bytes += metadata;
   putNumber(bytes, metadata.size(), 4);
   bytes += kParquetMagic;
@@ -130,8 +118,7 @@ std::optional<WholeRecord> readRecord(const DiskFile& file, RecordKind kind, std
   const auto header = decodeHeader(bytes, kind, offset, end);
   if (!header) return std::nullopt;
 
-  Hash hash;
-  hash.add(std::string_view(bytes).substr(0, kHashedHeaderBytes));
+  RecordHash hash;
   std::uint64_t at = header->dataOffset();
   const std::uint64_t metadataAt = at + header->rowGroupBytes;
   std::string piece(static_cast<std::size_t>(std::min<std::uint64_t>(kPieceBytes, metadataAt - at)),
@@ -146,6 +133,7 @@ std::optional<WholeRecord> readRecord(const DiskFile& file, RecordKind kind, std
   std::string metadata =
       readBytes(file, metadataAt, static_cast<std::size_t>(header->metadataBytes));
   hash.add(metadata);
+  hash.add(std::string_view(bytes).substr(0, kHashedHeaderBytes));
   const std::string_view digest =
       std::string_view(bytes).substr(kHashedHeaderBytes, kFooterHeaderBytes - kHashedHeaderBytes);
   if (metadata.size() < header->metadataBytes || hash.digest() != digest) return std::nullopt;

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <array>
+#include <xxhash.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -37,9 +38,21 @@ constexpr std::size_t kFooterHeaderBytes = 80;
 /// The length of the metadata and "PAR1".
 constexpr std::size_t kParquetTailBytes = 8;
 
+/// The checksum of a record: XXH3 with 128 bits of the row group, the metadata and then the header.
+class RecordHash {
+ public:
+  RecordHash() { XXH3_128bits_reset(&state_); }
+  void add(std::string_view bytes) { XXH3_128bits_update(&state_, bytes.data(), bytes.size()); }
+  /// Most significant byte first, as the digits of a checksum are written.
+  std::string digest() const;
+
+ private:
+  XXH3_state_t state_;
+};
+
 /// The header of a record as it stands in the file.
-/// \param payload  the row group's bytes, then the metadata's
-std::string encodeHeader(const RecordHeader& header, std::string_view payload);
+/// \param payload  of the row group and the metadata
+std::string encodeHeader(const RecordHeader& header, RecordHash payload);
 
 /// A footer record of the given metadata and what makes the file a Parquet file.
 std::string encodeFooter(RecordHeader header, std::string_view metadata);

@@ -18,9 +18,11 @@ namespace kyr::parquet {
 
 namespace {
 
-// Of the batches written since the last footer, the next one may have this part. A larger one costs
-// writing time, a smaller one leaves files with many small batches unpublished for longer.
-constexpr std::uint64_t kFooterShare = 8;
+// A footer is due when it is this part of the bytes of the batches since the last one, or when there
+// are this part more batches. More of them cost writing time, fewer leave the file unpublished for
+// longer.
+constexpr std::uint64_t kFooterShare = 16;
+constexpr std::uint64_t kBatchShare = 4;
 constexpr std::size_t kPieceBytes = std::size_t{1} << 20U;
 
 std::uint64_t randomNumber() {
@@ -122,17 +124,17 @@ void GrowingFile::writeRecord(const EncodedBatch& batch, std::uint64_t rows, boo
   header.rows = rows;
   header.rowGroupBytes = batch.rowGroupBytes();
   header.metadataBytes = batch.metadata().size();
-  const std::string head = encodeHeader(header, batch.payload());
+  const std::string head = encodeHeader(header, batch.hash());
 
   const std::uint64_t pending = bytesSinceFooter_ + header.end() - header.offset;
-  const bool withFooter = publish || pending / kFooterShare >= index_.metadataBound();
+  const bool withFooter = publish || pending / kFooterShare >= index_.metadataBound() ||
+                          (records_ - recordsAtFooter_) * kBatchShare > records_;
   const std::string foot = withFooter ? footer(header.end(), records_ + 1) : std::string();
   replaceTail({head, batch.payload(), foot});
   ++records_;
   recordsEnd_ = header.end();
-  published_ = withFooter;
-  bytesSinceFooter_ = withFooter ? 0 : pending;
-  footerBytes_ += foot.size();
+  bytesSinceFooter_ = pending;
+  if (withFooter) noteFooter(foot.size());
 }
 
 std::string GrowingFile::footer(std::uint64_t offset, std::uint64_t records) const {
@@ -165,9 +167,14 @@ void GrowingFile::publish() {
   if (published_) return;
   const std::string foot = footer(recordsEnd_, records_);
   replaceTail({foot});
+  noteFooter(foot.size());
+}
+
+void GrowingFile::noteFooter(std::size_t bytes) {
   published_ = true;
   bytesSinceFooter_ = 0;
-  footerBytes_ += foot.size();
+  recordsAtFooter_ = records_;
+  footerBytes_ += bytes;
 }
 
 void GrowingFile::sync() {

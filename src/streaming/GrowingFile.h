@@ -46,8 +46,8 @@ namespace kyr::parquet {
 ///         40      8  rows of the batch; footer: of all batches
 ///         48      8  bytes of the row group; footer: 0
 ///         56      8  bytes of the metadata
-///         64     16  XXH3 with 128 bits, seed 0, of the 64 bytes before, the row group and the
-///                    metadata; most significant byte first
+///         64     16  XXH3 with 128 bits, seed 0, of the row group, the metadata and the 64 bytes
+///                    before, in this order; most significant byte first
 ///         80      8  batch record only: 8F 'K' 'Y' 'R' 'R' 'O' 'W' 0A
 ///
 /// Batch records follow each other without a gap, are never changed, and suffice to make the
@@ -55,10 +55,11 @@ namespace kyr::parquet {
 /// footer's metadata began. 8F begins no Thrift struct, so that a file in between is refused by
 /// every reader of Parquet instead of being read in part.
 ///
-/// A file is published, and any program can read it, after each batch whose footer is small
-/// beside what was appended since the last footer, and when that is asked for. All footers
-/// together are then at most an eighth of the batches. Otherwise it ends in a batch record, and
-/// other programs report an error.
+/// A file is published, and any program can read it, after each batch whose footer is at most a
+/// sixteenth of what was appended since the last footer, or when there are a third more batches
+/// than then, and when that is asked for. Otherwise it ends in a batch record, and other programs
+/// report an error. Footers that nobody asked for are together at most a sixteenth of the batches
+/// and five times the last one.
 ///
 /// Failures of the file are a std::system_error, or a std::runtime_error for what Parquet says,
 /// and name the file. The object is then as it was before the call, which may be repeated; a file
@@ -127,6 +128,7 @@ class GrowingFile {
   std::string footer(std::uint64_t offset, std::uint64_t records) const;
   // Puts \p pieces behind the batch records and ends the file there; cuts it back if that fails.
   void replaceTail(const std::vector<std::string_view>& pieces);
+  void noteFooter(std::size_t bytes);
   void rewriteUnsynced();
 
   std::shared_ptr<DiskFile> file_;  // null once finished, until something is read
@@ -138,6 +140,7 @@ class GrowingFile {
   std::uint64_t recordsEnd_;
   std::uint64_t fileEnd_;               // the file has at most so many bytes
   std::uint64_t bytesSinceFooter_ = 0;  // of batch records
+  std::uint64_t recordsAtFooter_ = 0;
   std::uint64_t footerBytes_ = 0;
   std::uint64_t syncedEnd_ = 0;
   bool syncFailed_ = false;

@@ -19,6 +19,12 @@ using test::numbersOf;
 
 const std::string kName = "0";
 
+RecordHash hashOf(std::string_view payload) {
+  RecordHash hash;
+  hash.add(payload);
+  return hash;
+}
+
 // A directory in memory where there is one: recoveries wait for the disk, and there are thousands.
 class MemoryDir {
  public:
@@ -129,7 +135,7 @@ TEST_F(GrowingFileRecovery, WhateverFollowsTheRecordsIsCut) {
   RecordHeader header = readRecord(original, RecordKind::batch, ends[2], ends[3])->header;
   header.fileId ^= 1U;
   const std::string payload = record(3).substr(kBatchHeaderBytes);
-  const std::string ofAnotherFile = encodeHeader(header, payload) + payload;
+  const std::string ofAnotherFile = encodeHeader(header, hashOf(payload)) + payload;
   const std::string noise = published[2].substr(50, 3000);
   for (const std::string& tail :
        {std::string(1, '\0'), std::string(70'000, '\0'), noise, noise + "PAR1", record(4),
@@ -186,9 +192,9 @@ TEST_F(GrowingFileRecovery, ForgedMetadataDoNoHarm) {
         std::string bytes = published.back();
         bytes[at + i] = static_cast<char>(bytes[at + i] ^ flip);
         bytes.replace(start, kBatchHeaderBytes,
-                      encodeHeader(whole->header, std::string_view(bytes).substr(
+                      encodeHeader(whole->header, hashOf(std::string_view(bytes).substr(
                                                       whole->header.dataOffset(),
-                                                      ends[index] - whole->header.dataOffset())));
+                                                      ends[index] - whole->header.dataOffset()))));
         folder->touch("forged", bytes);
         const auto report = recoverFile(folder->file("forged"));
         EXPECT_LE(report.rowsKept, 6U);

@@ -107,7 +107,7 @@ TEST_F(GrowingFileTest, IsPublishedAsLongAsFootersAreSmall) {
   const auto file = create();
   expectCountsTo(0);
   for (int i = 0; i < 20; ++i) {
-    append(*file, 4000);
+    append(*file, 8000);
     EXPECT_TRUE(file->isPublished());
     expectCountsTo(file->rowCount());
   }
@@ -121,9 +121,11 @@ TEST_F(GrowingFileTest, IsPublishedAsLongAsFootersAreSmall) {
     published += file->isPublished() ? 1 : 0;
   }
   EXPECT_GT(published, 1);
-  EXPECT_LE(file->footerBytes(), fs::file_size(path) / 8);
+  std::uint64_t footers = file->footerBytes();
   file->publish();
-  const auto footers = file->footerBytes();
+  const std::uint64_t last = file->footerBytes() - footers;
+  EXPECT_LE(footers, fs::file_size(path) / 16 + 5 * last);
+  footers += last;
   file->publish();
   EXPECT_EQ(file->footerBytes(), footers);
   expectCountsTo(file->rowCount());
