@@ -17,8 +17,8 @@
 namespace kyr::parquet {
 
 struct RecoveryReport {
-  /// Whether the file is a complete Parquet file now. If not, it is no growing file or its first
-  /// record is damaged: there is nothing to be had, and the file was left as it is.
+  /// Whether the file is complete now. If not, there is nothing to be had: it is no growing file, or
+  /// one without its first record. It was left as it is then.
   bool isComplete = false;
   bool wasComplete = false;  ///< it was already, and was left as it is
   std::uint64_t rowsKept = 0;

@@ -99,7 +99,7 @@ class GrowingFile {
   void sync();
 
   /// Publishes and closes; from then on the file can only be read, if it keeps its name. Does not
-  /// sync.
+  /// sync. A failure to close is told once; the file is finished all the same.
   void finish();
 
   std::uint64_t rowCount() const { return index_.rows(); }
