@@ -77,7 +77,7 @@ std::string RecordHash::digest() const {
   return {reinterpret_cast<const char*>(digest.digest), sizeof(digest.digest)};
 }
 
-std::string encodeHeader(const RecordHeader& header, RecordHash payload) {
+std::string encodeHeader(const RecordHeader& header, const RecordHash& payload) {
   std::string bytes;
   bytes.reserve(kBatchHeaderBytes);
   bytes += kMagic;
@@ -87,8 +87,9 @@ std::string encodeHeader(const RecordHeader& header, RecordHash payload) {
                                     header.rowGroupBytes, header.metadataBytes}) {
     putNumber(bytes, field, 8);
   }
-  payload.add(bytes);
-  bytes += payload.digest();
+  RecordHash hash = payload;
+  hash.add(bytes);
+  bytes += hash.digest();
   if (header.kind == RecordKind::batch) bytes += kGuard;
   return bytes;
 }

@@ -52,7 +52,7 @@ class RecordHash {
 
 /// The header of a record as it stands in the file.
 /// \param payload  of the row group and the metadata
-std::string encodeHeader(const RecordHeader& header, RecordHash payload);
+std::string encodeHeader(const RecordHeader& header, const RecordHash& payload);
 
 /// A footer record of the given metadata and what makes the file a Parquet file.
 std::string encodeFooter(RecordHeader header, std::string_view metadata);

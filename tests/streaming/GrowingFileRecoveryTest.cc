@@ -182,7 +182,7 @@ TEST_F(GrowingFileRecovery, ForgedMetadataDoNoHarm) {
   grow(2, 3);
   const DiskFile original(path, DiskFile::Mode::readOnly);
   int kept = 0;
-  for (const std::size_t index : {0, 2}) {
+  for (const std::size_t index : {std::size_t{0}, std::size_t{2}}) {
     const std::uint64_t start = index == 0 ? 4 : ends[index - 1];
     const auto whole = readRecord(original, RecordKind::batch, start, original.size());
     ASSERT_TRUE(whole);
