@@ -19,8 +19,9 @@
 
 namespace kyr::parquet {
 
-/// A Parquet file that grows batch by batch and from which no batch is lost when the program or
-/// the machine stops at any moment: recoverFile() (FileRecovery.h) makes it complete again.
+/// A Parquet file that grows batch by batch and that recoverFile() (FileRecovery.h) can make
+/// complete whenever the writing stopped. A batch that was appended outlives the program; one that
+/// was appended before a sync() outlives the machine as well.
 ///
 /// Layout. Numbers are unsigned and little-endian.
 ///
