@@ -14,10 +14,9 @@
 
 #include "Commands.h"
 #include "Errors.h"
-#include "HeaderNames.h"
 #include "Output.h"
 #include "SampleTable.h"
-#include "Text.h"
+#include "SignalSelection.h"
 #include "kyr/recording/Recording.h"
 
 namespace kyr::tool {
@@ -63,27 +62,6 @@ Window windowOf(const CatOptions& options) {
     throw UsageError(fmt::format("--rows {}: the first row is after the last", options.rows));
   }
   return window;
-}
-
-const SignalInfo& signalCalled(const RecordingInfo& info, const std::string& name,
-                               const std::string& folder) {
-  const SignalInfo* found = nullptr;
-  for (const SignalInfo& signal : info.signals) {
-    if (signal.name != name && joinHeader(signal.name, signal.unit) != name) continue;
-    if (found) {
-      throw std::runtime_error(
-          fmt::format("{}: the signals {} and {} are both called {}: name one "
-                      "by its number",
-                      folder, found->signalId, signal.signalId, inQuotes(name)));
-    }
-    found = &signal;
-  }
-  if (found) return *found;
-  for (const SignalInfo& signal : info.signals) {
-    if (std::to_string(signal.signalId) == name) return signal;
-  }
-  throw std::runtime_error(fmt::format("{}: there is no signal {}: kyr info {} lists them", folder,
-                                       inQuotes(name), folder));
 }
 
 int runCat(const CatOptions& options) {

@@ -16,6 +16,7 @@ using Action = std::function<int()>;
 void addImportCommand(CLI::App& app, Action& action);
 void addInfoCommand(CLI::App& app, Action& action);
 void addCatCommand(CLI::App& app, Action& action);
+void addExportCommand(CLI::App& app, Action& action);
 void addVerifyCommand(CLI::App& app, Action& action);
 void addOptionsCommand(CLI::App& app, Action& action);
 void addDemoCommand(CLI::App& app, Action& action);

@@ -58,11 +58,13 @@ Examples:
   kyr demo
   kyr import run.csv run
   kyr cat run speed --from 10 --to 20
+  kyr export run run.parquet
 Each command has its own --help.)help");
   Action action;
   addImportCommand(app, action);
   addInfoCommand(app, action);
   addCatCommand(app, action);
+  addExportCommand(app, action);
   addVerifyCommand(app, action);
   addOptionsCommand(app, action);
   addDemoCommand(app, action);

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <arrow/type_fwd.h>
+
+#include <memory>
+#include <string>
+
+#include "kyr/recording/RecordingInfo.h"
+
+namespace kyr::tool {
+
+/// What the recording says about a signal, for the field that holds it: "unit", "description",
+/// "dimensions" as "[2,3]", and "name" where the field is called otherwise; keys without a value
+/// are left out.
+std::shared_ptr<const ::arrow::KeyValueMetadata> fieldMetadata(const recording::SignalInfo& signal,
+                                                               const std::string& fieldName);
+
+/// The field of the times, in seconds.
+std::shared_ptr<::arrow::Field> timeField();
+
+}  // namespace kyr::tool

@@ -1,0 +1,146 @@
+#include "PendingOutput.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "Errors.h"
+#include "Interrupt.h"
+#include "kyr/platform/FileSystem.h"
+
+namespace kyr::tool {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+[[noreturn]] void fail(const char* operation, const fs::path& path, int error) {
+  throw std::runtime_error(fmt::format("{} cannot be {}: {}", path.string(), operation,
+                                       std::generic_category().message(error)));
+}
+
+void flushToDisk(const fs::path& path) {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) fail("opened", path, errno);
+  const int error = ::fsync(descriptor) == 0 ? 0 : errno;
+  ::close(descriptor);
+  if (error != 0) fail("flushed to disk", path, error);
+}
+
+void flushTree(const fs::path& path) {
+  if (fs::is_directory(path)) {
+    for (const auto& entry : fs::directory_iterator(path)) {
+      stopIfInterrupted();
+      flushTree(entry.path());
+    }
+  }
+  flushToDisk(path);
+}
+
+bool holdsOnlyPartitions(const fs::path& folder) {
+  constexpr std::string_view kPrefix = "signal=";
+  return std::all_of(
+      fs::directory_iterator(folder), fs::directory_iterator(), [&](const auto& entry) {
+        return entry.path().filename().string().compare(0, kPrefix.size(), kPrefix) == 0 &&
+               entry.is_directory();
+      });
+}
+
+fs::path withFileName(const std::string& name) {
+  fs::path path = fs::absolute(name).lexically_normal();
+  return path.has_filename() ? path : path.parent_path();
+}
+
+}  // namespace
+
+PendingOutput::PendingOutput(std::string name, Kind kind, bool replaces)
+    : name_(std::move(name)), kind_(kind), replaces_(replaces) {
+  if (name_.empty()) throw UsageError("OUT is empty");
+  target_ = withFileName(name_);
+  checkTarget();
+  const auto prefix = Path::fromFilesystem(target_.filename()).text() + u".exporting-";
+  pending_ = fileSystem::uniqueName(Path::fromFilesystem(target_.parent_path()), prefix, u"")
+                 .toFilesystem();
+  if (kind_ == Kind::folder) fs::create_directory(pending_);
+}
+
+PendingOutput::~PendingOutput() {
+  std::error_code ignored;
+  if (!pending_.empty()) fs::remove_all(pending_, ignored);
+}
+
+void PendingOutput::checkTarget() const {
+  const fs::file_status status = fs::symlink_status(target_);
+  if (!fs::exists(status)) {
+    if (fs::is_directory(target_.parent_path())) return;
+    throw std::runtime_error(
+        fmt::format("{} cannot be made: {} is no folder", name_, target_.parent_path().string()));
+  }
+  if (kind_ == Kind::file && !fs::is_regular_file(status)) {
+    throw std::runtime_error(name_ + " exists and is no file: choose another name");
+  }
+  if (kind_ == Kind::folder && !(fs::is_directory(status) && holdsOnlyPartitions(target_))) {
+    throw std::runtime_error(name_ + " exists and is no folder of partitions: choose another name");
+  }
+  if (!replaces_) {
+    throw std::runtime_error(name_ + " exists: choose another name, or replace it with --force");
+  }
+}
+
+void PendingOutput::publish() {
+  flushTree(pending_);
+  stopIfInterrupted();
+  if (replaces_) {
+    replace();
+  } else {
+    publishNew();
+  }
+  flushToDisk(target_.parent_path());
+}
+
+void PendingOutput::publishNew() {
+  constexpr unsigned int kNoReplace = RENAME_NOREPLACE;
+  if (::renameat2(AT_FDCWD, pending_.c_str(), AT_FDCWD, target_.c_str(), kNoReplace) != 0) {
+    if (errno == EEXIST) checkTarget();
+    if (errno != EINVAL && errno != ENOSYS) fail("made", target_, errno);
+    // A file system that cannot do that in one step. A rename replaces no folder that holds
+    // something, and a link nothing at all.
+    const bool made = kind_ == Kind::folder ? std::rename(pending_.c_str(), target_.c_str()) == 0
+                                            : ::link(pending_.c_str(), target_.c_str()) == 0;
+    if (!made) fail("made", target_, errno);
+    if (kind_ == Kind::file) return;  // the other name goes with the object
+  }
+  pending_.clear();
+}
+
+void PendingOutput::replace() {
+  checkTarget();
+  if (kind_ == Kind::file || !fs::exists(target_)) {
+    if (std::rename(pending_.c_str(), target_.c_str()) != 0) fail("replaced", target_, errno);
+    pending_.clear();
+    return;
+  }
+  // The older folder takes the name of the new one, and goes with the object.
+  constexpr unsigned int kExchange = RENAME_EXCHANGE;
+  if (::renameat2(AT_FDCWD, pending_.c_str(), AT_FDCWD, target_.c_str(), kExchange) == 0) return;
+  if (errno != EINVAL && errno != ENOSYS) fail("replaced", target_, errno);
+  const fs::path old = pending_.string() + ".old";
+  if (std::rename(target_.c_str(), old.c_str()) != 0) fail("replaced", target_, errno);
+  if (std::rename(pending_.c_str(), target_.c_str()) != 0) {
+    const int error = errno;
+    std::rename(old.c_str(), target_.c_str());
+    fail("replaced", target_, error);
+  }
+  pending_ = old;
+}
+
+}  // namespace kyr::tool

@@ -1,0 +1,223 @@
+#include "RecordingFiles.h"
+
+#include <arrow/api.h>
+#include <arrow/io/file.h>
+#include <fmt/format.h>
+#include <parquet/file_reader.h>
+#include <xxhash.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+#include "Errors.h"
+#include "Interrupt.h"
+#include "Text.h"
+#include "kyr/parquet/ColumnNames.h"
+#include "kyr/parquet/SchemaBuilder.h"
+
+namespace kyr::tool {
+
+namespace fs = std::filesystem;
+using recording::FileInfo;
+using recording::SignalInfo;
+
+namespace {
+
+constexpr std::int64_t kSliceRows = 65536;
+
+[[noreturn]] void fail(const std::string& file, const std::string& what) {
+  throw std::runtime_error(file + ": " + what);
+}
+
+template <typename T>
+T checkRead(::arrow::Result<T> result, const std::string& file) {
+  if (!result.ok()) fail(file, "cannot be read: " + result.status().message());
+  return std::move(result).ValueUnsafe();
+}
+
+void checkRead(const ::arrow::Status& status, const std::string& file) {
+  if (!status.ok()) fail(file, "cannot be read: " + status.message());
+}
+
+std::string checksumOf(::arrow::io::RandomAccessFile& file, std::int64_t size,
+                       const std::string& path) {
+  constexpr std::int64_t kPieceBytes = 1 << 20;
+  std::vector<char> piece(static_cast<std::size_t>(std::min(size, kPieceBytes)));
+  XXH3_state_t state;
+  XXH3_128bits_reset(&state);
+  for (std::int64_t at = 0; at < size;) {
+    stopIfInterrupted();
+    const auto wanted = std::min(size - at, kPieceBytes);
+    const std::int64_t got = checkRead(file.ReadAt(at, wanted, piece.data()), path);
+    if (got <= 0) break;
+    XXH3_128bits_update(&state, piece.data(), static_cast<std::size_t>(got));
+    at += got;
+  }
+  const XXH128_hash_t hash = XXH3_128bits_digest(&state);
+  return fmt::format("{:016x}{:016x}", hash.high64, hash.low64);
+}
+
+void compare(::arrow::io::RandomAccessFile& file, const FileInfo& info, const std::string& path) {
+  const std::int64_t size = checkRead(file.GetSize(), path);
+  if (static_cast<std::uint64_t>(size) != info.size) {
+    fail(path, fmt::format("damaged: {} bytes long, expected {}", size, info.size));
+  }
+  const std::string checksum = checksumOf(file, size, path);
+  if (checksum != info.checksum) {
+    fail(path, fmt::format("damaged: its checksum is {}, expected {}", checksum, info.checksum));
+  }
+}
+
+// Names of list items apart, which differ between schemas and files.
+bool isSameType(const ::arrow::DataType& a, const ::arrow::DataType& b) {
+  if (a.id() != ::arrow::Type::LIST || b.id() != ::arrow::Type::LIST) return a.Equals(b);
+  return a.field(0)->type()->Equals(b.field(0)->type());
+}
+
+std::shared_ptr<::arrow::DataType> expectedType(const SignalInfo& signal) {
+  return parquet::schemaBuilder::getSchema(signal.category, signal.dataType, false,
+                                           parquet::columnNames::data)
+      ->field(0)
+      ->type();
+}
+
+std::shared_ptr<::arrow::Array> joined(ColumnReader reader) {
+  ::arrow::ArrayVector slices;
+  while (auto slice = reader.next()) slices.push_back(std::move(slice));
+  if (slices.empty()) return check(::arrow::MakeEmptyArray(reader.type()));
+  return slices.size() == 1 ? slices.front() : check(::arrow::Concatenate(slices));
+}
+
+}  // namespace
+
+ColumnReader::ColumnReader(std::string file, std::unique_ptr<::parquet::arrow::FileReader> reader,
+                           const std::string& column)
+    : file_(std::move(file)), reader_(std::move(reader)) {
+  const auto metadata = reader_->parquet_reader()->metadata();
+  int leaf = 0;
+  while (leaf < metadata->num_columns() &&
+         metadata->schema()->GetColumnRoot(leaf)->name() != column) {
+    ++leaf;
+  }
+  if (leaf == metadata->num_columns()) fail(file_, "there is no column " + inQuotes(column));
+  std::vector<int> groups(static_cast<std::size_t>(metadata->num_row_groups()));
+  for (std::size_t i = 0; i < groups.size(); ++i) groups[i] = static_cast<int>(i);
+  checkRead(reader_->GetRecordBatchReader(groups, {leaf}, &batches_), file_);
+  type_ = batches_->schema()->field(0)->type();
+}
+
+std::shared_ptr<::arrow::Array> ColumnReader::next() {
+  stopIfInterrupted();
+  std::shared_ptr<::arrow::RecordBatch> batch;
+  do {
+    checkRead(batches_->ReadNext(&batch), file_);
+    if (!batch) return nullptr;
+  } while (batch->num_rows() == 0);
+  auto column = batch->column(0);
+  if (column->null_count() > 0) fail(file_, "has rows without a value: kyr verify tells more");
+  return column;
+}
+
+RecordingFiles::RecordingFiles(std::string folder, const recording::RecordingInfo& info)
+    : folder_(std::move(folder)) {
+  for (const FileInfo& file : info.files) files_[file.storageId] = file;
+}
+
+std::string RecordingFiles::pathOf(int storageId) const {
+  return (fs::path(folder_) / "storage" / std::to_string(storageId)).string();
+}
+
+const FileInfo& RecordingFiles::fileInfo(int storageId) const {
+  const auto found = files_.find(storageId);
+  if (found == files_.end()) fail(pathOf(storageId), "recording.json does not list it");
+  return found->second;
+}
+
+StoredColumn RecordingFiles::dataOf(const SignalInfo& signal) const {
+  return {signal.dataStorageId.value(), parquet::columnNames::data};
+}
+
+std::optional<StoredColumn> RecordingFiles::timeOf(const SignalInfo& signal) const {
+  if (signal.timeStorageId) return StoredColumn{*signal.timeStorageId, parquet::columnNames::data};
+  const StoredColumn column{signal.dataStorageId.value(), parquet::columnNames::time};
+  if (!hasColumn(column)) return std::nullopt;
+  return column;
+}
+
+std::uint64_t RecordingFiles::rowsOf(const StoredColumn& column) const {
+  return fileInfo(column.storageId).rowCount;
+}
+
+bool RecordingFiles::hasColumn(const StoredColumn& column) const {
+  const auto reader = openFile(column.storageId, /*compares=*/false);
+  const auto metadata = reader->parquet_reader()->metadata();
+  return metadata->schema()->group_node()->FieldIndex(column.name) >= 0;
+}
+
+std::unique_ptr<::parquet::arrow::FileReader> RecordingFiles::openFile(int storageId,
+                                                                       bool compares) const {
+  const std::string path = pathOf(storageId);
+  const FileInfo& info = fileInfo(storageId);
+  if (!fs::exists(path)) fail(path, "missing");
+  const auto file = checkRead(::arrow::io::ReadableFile::Open(path), path);
+  if (compares) compare(*file, info, path);
+  ::parquet::ReaderProperties properties;
+  properties.enable_buffered_stream();
+  ::parquet::ArrowReaderProperties arrowProperties;
+  arrowProperties.set_batch_size(kSliceRows);
+  arrowProperties.set_pre_buffer(false);
+  ::parquet::arrow::FileReaderBuilder builder;
+  checkRead(builder.Open(file, properties), path);
+  std::unique_ptr<::parquet::arrow::FileReader> reader;
+  checkRead(builder.properties(arrowProperties)->Build(&reader), path);
+  return reader;
+}
+
+ColumnReader RecordingFiles::open(const StoredColumn& column) {
+  auto reader = openFile(column.storageId, compared_.count(column.storageId) == 0);
+  compared_.insert(column.storageId);
+  return {pathOf(column.storageId), std::move(reader), column.name};
+}
+
+ColumnReader RecordingFiles::openData(const SignalInfo& signal) {
+  const StoredColumn column = dataOf(signal);
+  ColumnReader reader = open(column);
+  const auto expected = expectedType(signal);
+  if (!isSameType(*reader.type(), *expected)) {
+    fail(pathOf(column.storageId), fmt::format("column \"{}\" is {}, expected {}", column.name,
+                                               reader.type()->ToString(), expected->ToString()));
+  }
+  return reader;
+}
+
+ColumnReader RecordingFiles::openTimes(const StoredColumn& column) {
+  ColumnReader reader = open(column);
+  if (reader.type()->id() != ::arrow::Type::DOUBLE) {
+    fail(pathOf(column.storageId), fmt::format("column \"{}\" is {}, expected double", column.name,
+                                               reader.type()->ToString()));
+  }
+  return reader;
+}
+
+std::vector<double> RecordingFiles::readTimes(const StoredColumn& column) {
+  ColumnReader reader = openTimes(column);
+  std::vector<double> times;
+  times.reserve(rowsOf(column));
+  while (const auto slice = reader.next()) {
+    const auto& values = static_cast<const ::arrow::DoubleArray&>(*slice);
+    times.insert(times.end(), values.raw_values(), values.raw_values() + values.length());
+  }
+  return times;
+}
+
+std::shared_ptr<::arrow::Array> RecordingFiles::readColumn(const StoredColumn& column) {
+  return joined(open(column));
+}
+
+std::shared_ptr<::arrow::Array> RecordingFiles::readData(const SignalInfo& signal) {
+  return joined(openData(signal));
+}
+
+}  // namespace kyr::tool

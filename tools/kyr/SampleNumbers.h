@@ -1,0 +1,20 @@
+#pragma once
+
+#include <arrow/type_fwd.h>
+
+#include <cstdint>
+#include <memory>
+
+namespace kyr::tool {
+
+/// Numbers of any type as doubles.
+struct Doubles {
+  std::shared_ptr<::arrow::Array> array;
+  std::uint64_t inexact = 0;  ///< integers that no double is equal to
+};
+
+/// \param numbers  an array of integers, float or double without nulls; the latter is not copied
+/// \throws std::invalid_argument for other types
+Doubles asDoubles(const std::shared_ptr<::arrow::Array>& numbers);
+
+}  // namespace kyr::tool
