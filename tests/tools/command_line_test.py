@@ -41,7 +41,7 @@ class Usage(ToolTest):
         self.fails("import", "tmp", "new", says=["tmp", "directory"])
 
     def test_help_and_version(self):
-        for command in ("import", "info", "cat", "verify", "demo"):
+        for command in ("import", "info", "cat", "export", "verify", "demo"):
             self.assertIn(f"  kyr {command}", self.run_tool(command, "--help").stdout)
         self.assertRegex(self.run_tool("--version").stdout, r"^kyr \d+\.\d+\.\d+\n$")
 

@@ -5,6 +5,7 @@
 
 #include <exception>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace kyr::tool {
@@ -17,6 +18,11 @@ class UsageError : public std::runtime_error {
 
 /// Whoever read standard output has gone, as `head` does. No failure: exit code 0.
 class OutputClosed : public std::exception {};
+
+/// Why something failed, in the system's words where there are some.
+inline std::string reasonOf(const ::arrow::Status& status) {
+  return status.detail() ? status.detail()->ToString() : status.message();
+}
 
 inline void check(const ::arrow::Status& status) {
   if (!status.ok()) throw std::runtime_error(status.message());

@@ -1,4 +1,5 @@
 #include <arrow/table.h>
+#include <arrow/util/compression.h>
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -40,9 +41,9 @@ namespace {
 // Options as they are given.
 struct GivenOptions {
   std::string format;
-  std::string compression;
+  std::optional<std::string> compression;
   std::string partition;
-  std::string resample;
+  std::optional<std::string> resample;
   std::string method = "previous";
 };
 
@@ -57,24 +58,25 @@ ExportFormat formatOf(const GivenOptions& given, const ExportOptions& options) {
 }
 
 std::optional<::arrow::Compression::type> codecOf(const GivenOptions& given, ExportFormat format) {
-  if (given.compression.empty()) return std::nullopt;
-  const auto codec = codecCalled(given.compression);
+  if (!given.compression) return std::nullopt;
+  const auto codec = codecCalled(*given.compression);
   if (format == ExportFormat::csv) {
-    throw UsageError("--compression " + given.compression + ": CSV is not compressed");
+    throw UsageError("--compression " + *given.compression + ": CSV is not compressed");
   }
-  const bool isForArrow = given.compression == "zstd" || given.compression == "uncompressed";
+  const bool isForArrow =
+      codec == ::arrow::Compression::ZSTD || codec == ::arrow::Compression::UNCOMPRESSED;
   if (format == ExportFormat::arrow && !isForArrow) {
-    throw UsageError("--compression " + given.compression + ": Arrow files take zstd only");
+    throw UsageError("--compression " + *given.compression + ": Arrow files take zstd only");
   }
   return codec;
 }
 
 std::optional<ResampleOptions> resampleOf(const GivenOptions& given) {
-  if (given.resample.empty()) return std::nullopt;
+  if (!given.resample) return std::nullopt;
   ResampleOptions resample;
   resample.isLinear = given.method == "linear";
   if (given.resample == "union") return resample;
-  const std::string& text = given.resample;
+  const std::string& text = *given.resample;
   double step = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), step);
   const bool isNumber = error == std::errc() && end == text.data() + text.size();
@@ -128,7 +130,7 @@ void writeWide(RecordingFiles& files, const std::vector<ExportSignal>& signals,
   worker.write(*wide.table(), Path::fromFilesystem(target.file).text());
   stopIfInterrupted();
   if (const auto status = worker.writeStatus(); !status.ok()) {
-    throw std::runtime_error(options.out + " cannot be written: " + status.message());
+    throw std::runtime_error(options.out + " cannot be written: " + reasonOf(status));
   }
   addArrowSchema(target.file, *wide.table()->schema());
 }
@@ -156,7 +158,7 @@ void exportRecording(const ExportOptions& options) {
   const auto signals = exportedSignals(info, files, options, losses);
   if (options.codec) parquet::serialization_options::compressionMethod = *options.codec;
   const TableWriter::Target target{options.format, output ? output->path() : fs::path(),
-                                   options.codec};
+                                   options.out, options.codec};
   ProgressBar bar;
   if (options.isLong) {
     LongTable table(files, signals, losses, [&bar](double part) { bar.show("writing", part); });

@@ -112,7 +112,9 @@ void LongTable::writePartitions(const std::filesystem::path& folder,
     const auto schema =
         ::arrow::schema({timeField(), ::arrow::field(kValue, ::arrow::float64(),
                                                      fieldMetadata(signal.info, signal.column))});
-    TableWriter writer({target.format, partition / "part-0.parquet", target.codec}, schema, {});
+    TableWriter::Target file = target;
+    file.file = partition / "part-0.parquet";
+    TableWriter writer(file, schema, {});
     forEachSlice(signal, [&](const ArrayPtr& times, const ArrayPtr& values) {
       writer.write(*::arrow::RecordBatch::Make(schema, times->length(), {times, values}));
     });

@@ -50,8 +50,7 @@ std::string csvLine(const std::vector<std::string>& names) {
 
 TableWriter::TableWriter(const Target& target, std::shared_ptr<::arrow::Schema> schema,
                          const std::vector<std::string>& csvHeader)
-    : name_(target.file.empty() ? "standard output" : target.file.string()),
-      schema_(std::move(schema)) {
+    : name_(target.name), schema_(std::move(schema)) {
   open(target, csvHeader);
 }
 
@@ -83,7 +82,7 @@ void TableWriter::checkWritten(const ::arrow::Status& status) const {
   if (status.ok()) return;
   if (standardOutput_ && standardOutput_->isAbandoned()) throw OutputClosed();
   if (standardOutput_) throw std::runtime_error(status.message());
-  throw std::runtime_error(fmt::format("{} cannot be written: {}", name_, status.message()));
+  throw std::runtime_error(fmt::format("{} cannot be written: {}", name_, reasonOf(status)));
 }
 
 void TableWriter::write(const ::arrow::RecordBatch& batch) {

@@ -24,6 +24,7 @@ class TableWriter {
   struct Target {
     ExportFormat format;
     std::filesystem::path file;  ///< empty for standard output
+    std::string name;            ///< what errors call it
     std::optional<::arrow::Compression::type> codec;
   };
 
