@@ -196,7 +196,8 @@ class Outputs(ExportTest):
                           ("--format", "csv", "--long", "--partition", "signal")):
             with self.subTest(arguments):
                 self.fails("export", "rec", "out", *arguments, says=[], exit_code=2)
-        self.fails("export", "rec", "-", "--format", "parquet", says=["csv"], exit_code=2)
+        for out, says in (("-", "csv"), ("", "OUT"), ("new/", "file")):
+            self.fails("export", "rec", out, "--format", "parquet", says=[says], exit_code=2)
         self.assertEqual(self.entries(), ["in.csv", "rec", "tmp"])
 
     def test_a_full_disk_leaves_nothing(self):

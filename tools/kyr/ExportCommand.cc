@@ -88,10 +88,14 @@ std::optional<ResampleOptions> resampleOf(const GivenOptions& given) {
 }
 
 void understand(const GivenOptions& given, ExportOptions& options) {
+  if (options.out.empty()) throw UsageError("OUT is empty");
   options.format = formatOf(given, options);
   options.codec = codecOf(given, options.format);
   options.isPartitioned = !given.partition.empty();
   options.resample = resampleOf(given);
+  if (!options.isPartitioned && options.out.back() == '/') {
+    throw UsageError("OUT " + options.out + ": give the name of a file");
+  }
   if (options.isPartitioned && options.format != ExportFormat::parquet) {
     throw UsageError("--partition: partitions are Parquet files");
   }

@@ -13,7 +13,6 @@
 #include <system_error>
 #include <utility>
 
-#include "Errors.h"
 #include "Interrupt.h"
 #include "kyr/platform/FileSystem.h"
 
@@ -64,7 +63,6 @@ fs::path withFileName(const std::string& name) {
 
 PendingOutput::PendingOutput(std::string name, Kind kind, bool replaces)
     : name_(std::move(name)), kind_(kind), replaces_(replaces) {
-  if (name_.empty()) throw UsageError("OUT is empty");
   target_ = withFileName(name_);
   checkTarget();
   const auto prefix = Path::fromFilesystem(target_.filename()).text() + u".exporting-";

@@ -15,7 +15,7 @@ class PendingOutput {
 
   /// \param replaces  whether a file of that name is replaced, or a folder that holds nothing but
   ///         partitions
-  /// \throws std::runtime_error, UsageError if it could not be published; nothing is made then
+  /// \throws std::runtime_error if it could not be published; nothing is made then
   PendingOutput(std::string name, Kind kind, bool replaces);
   ~PendingOutput();
   PendingOutput(const PendingOutput&) = delete;
