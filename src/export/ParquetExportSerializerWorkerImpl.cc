@@ -67,7 +67,8 @@ std::vector<std::shared_ptr<::arrow::Array>> ParquetExportSerializerWorkerImpl::
 }
 
 std::shared_ptr<::arrow::Array> ParquetExportSerializerWorkerImpl::getDataArray(
-    std::string /*name*/, const std::vector<char>& data, const KYRSignalDataType& type) const {
+    const std::string& /*name*/, const std::vector<char>& data,
+    const KYRSignalDataType& type) const {
   if (!isExported(type)) throw std::runtime_error("Unknown data type encountered.");
   return copiedArray(elementArrowType(type), data.data(), data.size());
 }

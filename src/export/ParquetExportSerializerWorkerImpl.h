@@ -21,7 +21,8 @@ class ParquetExportSerializerWorkerImpl {
   std::vector<std::shared_ptr<::arrow::Array>> buildArray(std::vector<Signal> signals) const;
 
   /// A copy of \p data as an array of the column type of \p type.
-  std::shared_ptr<::arrow::Array> getDataArray(std::string name, const std::vector<char>& data,
+  std::shared_ptr<::arrow::Array> getDataArray(const std::string& name,
+                                               const std::vector<char>& data,
                                                const KYRSignalDataType& type) const;
 
   std::shared_ptr<::arrow::Table> buildTable(

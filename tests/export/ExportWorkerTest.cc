@@ -20,8 +20,9 @@ using ::testing::ThrowsMessage;
 class ExportWorker : public test::StorageTest {
  protected:
   std::u16string pathOf(const std::string& name) const { return store.path().join(name).text(); }
-  std::shared_ptr<::arrow::Array> dataArray(KYRSignalDataType type, std::vector<char> bytes) {
-    return exporter.buildArray({{"x", {}, std::move(bytes), {}, type}})[1];
+  std::shared_ptr<::arrow::Array> dataArray(KYRSignalDataType type,
+                                            const std::vector<char>& bytes) {
+    return exporter.buildArray({{"x", {}, bytes, {}, type}})[1];
   }
 
   ParquetExportSerializerWorker exporter;

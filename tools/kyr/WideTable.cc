@@ -88,13 +88,13 @@ WideTable::WideTable(parquet::ParquetExportSerializerWorker& worker, RecordingFi
   table_ = worker_.buildTable(schema(), arrays_);
 }
 
-void WideTable::addTimes(std::vector<double> times) {
+void WideTable::addTimes(const std::vector<double>& times) {
   const std::string& name = parquet::columnNames::time;
   names_.insert(name);
   columns_.emplace_back(Scalar, Double, false, name);
   fields_.push_back(timeField());
   csvHeader_.push_back(name);
-  arrays_.push_back(worker_.buildArray({{name, std::move(times), {}, {}, Double}}).front());
+  arrays_.push_back(worker_.buildArray({{name, times, {}, {}, Double}}).front());
 }
 
 void WideTable::addSignal(const ExportSignal& signal) {
@@ -107,7 +107,7 @@ void WideTable::addSignal(const ExportSignal& signal) {
         worker_.buildArray({{signal.column, {}, bytesOf(*samples), {}, exportType(info.dataType)}})
             .back();
   }
-  if (resampling_) samples = resampled(signal, std::move(samples));
+  if (resampling_) samples = resampled(signal, samples);
   columns_.emplace_back(info.category, info.dataType, false, signal.column);
   fields_.push_back(
       ::arrow::field(signal.column, samples->type(), fieldMetadata(info, signal.column)));
@@ -132,7 +132,7 @@ std::string WideTable::freeName(std::string name) const {
   return name;
 }
 
-WideTable::ArrayPtr WideTable::resampled(const ExportSignal& signal, ArrayPtr samples) {
+WideTable::ArrayPtr WideTable::resampled(const ExportSignal& signal, const ArrayPtr& samples) {
   if (!isLinear_) return resampling_->hold(signal, *samples);
   const recording::SignalInfo& info = signal.info;
   if (!isNumber(info) || info.dataType == Boolean) {

@@ -39,10 +39,10 @@ class WideTable {
  private:
   using ArrayPtr = std::shared_ptr<::arrow::Array>;
 
-  void addTimes(std::vector<double> times);
+  void addTimes(const std::vector<double>& times);
   void addSignal(const ExportSignal& signal);
   void addDimensions(const ExportSignal& signal);
-  ArrayPtr resampled(const ExportSignal& signal, ArrayPtr samples);
+  ArrayPtr resampled(const ExportSignal& signal, const ArrayPtr& samples);
   std::shared_ptr<::arrow::Schema> schema() const;
   std::string freeName(std::string name) const;
 
