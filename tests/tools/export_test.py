@@ -69,6 +69,9 @@ class Long(ExportTest):
                               expect=1 if inexact else 0)
                 self.assertEqual((self.folder / "strict").exists(), not inexact)
                 (self.folder / "strict").unlink(missing_ok=True)
+                strict = self.run_tool("export", "rec", "-", "--long", "--strict",
+                                       expect=1 if inexact else 0)
+                self.assertEqual(strict.stdout == "", inexact)
 
     def test_partitions(self):
         self.store('time,a/b=c%d,"x,\'y{z}",1.5,ü [°]\n0,1,2,3,4\n')

@@ -125,6 +125,8 @@ void writeWide(RecordingFiles& files, const std::vector<ExportSignal>& signals,
   parquet::ParquetExportSerializerWorker worker;
   const WideTable wide(worker, files, signals, options, losses,
                        [&bar](double part) { bar.show("reading", part); });
+  bar.hide();
+  losses.settle();
   bar.show("writing", 1);
   if (target.format != ExportFormat::parquet) {
     TableWriter writer(target, wide.table()->schema(), wide.csvHeader());
@@ -165,7 +167,9 @@ void exportRecording(const ExportOptions& options) {
                                    options.out, options.codec};
   ProgressBar bar;
   if (options.isLong) {
-    LongTable table(files, signals, losses, [&bar](double part) { bar.show("writing", part); });
+    LongTable table(files, signals, [&bar](double part) { bar.show("writing", part); });
+    table.checkExact(losses);
+    losses.settle();
     options.isPartitioned ? table.writePartitions(target.file, target) : table.writeTable(target);
   } else {
     writeWide(files, signals, options, losses, target, bar);

@@ -2,7 +2,6 @@
 
 #include <arrow/api.h>
 #include <arrow/compute/api_vector.h>
-#include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>
@@ -16,7 +15,6 @@
 #include "HeaderNames.h"
 #include "HivePath.h"
 #include "SampleNumbers.h"
-#include "Text.h"
 
 namespace kyr::tool {
 
@@ -84,9 +82,20 @@ class NameColumn {
 }  // namespace
 
 LongTable::LongTable(RecordingFiles& files, const std::vector<ExportSignal>& signals,
-                     Losses& losses, Progress progress)
-    : files_(files), signals_(signals), losses_(losses), progress_(std::move(progress)) {
+                     Progress progress)
+    : files_(files), signals_(signals), progress_(std::move(progress)) {
   for (const ExportSignal& signal : signals) allRows_ += signal.info.rowCount;
+}
+
+void LongTable::checkExact(Losses& losses) {
+  for (const ExportSignal& signal : signals_) {
+    const KYRSignalDataType type = signal.info.dataType;
+    if (type != Int64 && type != UInt64 && type != UInt64Alt) continue;
+    ColumnReader reader = files_.openData(signal.info);
+    std::uint64_t inexact = 0;
+    while (const ArrayPtr slice = reader.next()) inexact += asDoubles(slice).inexact;
+    if (inexact > 0) losses.add(inexactText(signal.info, inexact));
+  }
 }
 
 void LongTable::writeTable(const TableWriter::Target& target) {
@@ -128,17 +137,11 @@ void LongTable::forEachSlice(const ExportSignal& signal, const Take& take) {
     rows_ += static_cast<std::uint64_t>(times->length());
     progress_(static_cast<double>(rows_) / static_cast<double>(allRows_));
   };
-  inexact_ = 0;
   if (isAscending(signal.time)) {
     stream(signal, counting);
   } else {
     streamSorted(signal, counting);
   }
-  if (inexact_ == 0) return;
-  losses_.add(fmt::format("signal {}, {}, has {} beyond 2^53 that float64 cannot hold exactly",
-                          signal.info.signalId, inQuotes(signal.info.name),
-                          counted(inexact_, "value")));
-  losses_.settle();
 }
 
 // Times and samples side by side, whose slices may end at different rows.
@@ -152,7 +155,7 @@ void LongTable::stream(const ExportSignal& signal, const Take& take) {
     if (!samples || samples->length() == 0) samples = dataReader.next();
     if (!times || !samples) return;
     const std::int64_t rows = std::min(times->length(), samples->length());
-    take(times->Slice(0, rows), valuesOf(samples->Slice(0, rows)));
+    take(times->Slice(0, rows), asDoubles(samples->Slice(0, rows)).array);
     times = times->Slice(rows);
     samples = samples->Slice(rows);
   }
@@ -171,7 +174,7 @@ void LongTable::streamSorted(const ExportSignal& signal, const Take& take) {
   check(indices.AppendValues(order));
   for (const std::int64_t i : order) check(sorted.Append(times[static_cast<std::size_t>(i)]));
   take(check(sorted.Finish()),
-       valuesOf(check(::arrow::compute::Take(*samples, *check(indices.Finish())))));
+       asDoubles(check(::arrow::compute::Take(*samples, *check(indices.Finish())))).array);
 }
 
 bool LongTable::isAscending(const StoredColumn& column) {
@@ -188,12 +191,6 @@ bool LongTable::isAscending(const StoredColumn& column) {
     last = end[-1];
   }
   return ascending_[column] = isAscending;
-}
-
-LongTable::ArrayPtr LongTable::valuesOf(const ArrayPtr& samples) {
-  const Doubles doubles = asDoubles(samples);
-  inexact_ += doubles.inexact;
-  return doubles.array;
 }
 
 }  // namespace kyr::tool

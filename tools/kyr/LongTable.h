@@ -26,8 +26,11 @@ class LongTable {
  public:
   using Progress = std::function<void(double part)>;
 
-  LongTable(RecordingFiles& files, const std::vector<ExportSignal>& signals, Losses& losses,
-            Progress progress);
+  LongTable(RecordingFiles& files, const std::vector<ExportSignal>& signals, Progress progress);
+
+  /// Add the integers that the table cannot hold exactly to \p losses. Reads 64-bit integers ahead
+  /// of writing, because what is on standard output cannot be taken back.
+  void checkExact(Losses& losses);
 
   /// Write the columns time, signal and value.
   void writeTable(const TableWriter::Target& target);
@@ -45,14 +48,11 @@ class LongTable {
   void stream(const ExportSignal& signal, const Take& take);
   void streamSorted(const ExportSignal& signal, const Take& take);
   bool isAscending(const StoredColumn& times);
-  ArrayPtr valuesOf(const ArrayPtr& samples);
 
   RecordingFiles& files_;
   const std::vector<ExportSignal>& signals_;
-  Losses& losses_;
   Progress progress_;
   std::map<StoredColumn, bool> ascending_;
-  std::uint64_t inexact_ = 0;
   std::uint64_t rows_ = 0;
   std::uint64_t allRows_ = 0;
 };

@@ -1,12 +1,14 @@
 #include "SampleNumbers.h"
 
 #include <arrow/api.h>
+#include <fmt/format.h>
 
 #include <limits>
 #include <stdexcept>
 #include <type_traits>
 
 #include "Errors.h"
+#include "Text.h"
 
 namespace kyr::tool {
 
@@ -69,6 +71,11 @@ Doubles asDoubles(const std::shared_ptr<::arrow::Array>& numbers) {
       throw std::invalid_argument("samples of type " + numbers->type()->ToString() +
                                   " are no numbers");
   }
+}
+
+std::string inexactText(const recording::SignalInfo& signal, std::uint64_t values) {
+  return fmt::format("signal {}, {}, has {} beyond 2^53 that float64 cannot hold exactly",
+                     signal.signalId, inQuotes(signal.name), counted(values, "value"));
 }
 
 }  // namespace kyr::tool

@@ -4,6 +4,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
+
+#include "kyr/recording/RecordingInfo.h"
 
 namespace kyr::tool {
 
@@ -16,5 +19,8 @@ struct Doubles {
 /// \param numbers  an array of integers, float or double without nulls; the latter is not copied
 /// \throws std::invalid_argument for other types
 Doubles asDoubles(const std::shared_ptr<::arrow::Array>& numbers);
+
+/// What is told about a signal of which some values were rounded.
+std::string inexactText(const recording::SignalInfo& signal, std::uint64_t values);
 
 }  // namespace kyr::tool

@@ -84,7 +84,6 @@ WideTable::WideTable(parquet::ParquetExportSerializerWorker& worker, RecordingFi
     addSignal(signal);
     progress(static_cast<double>(++done) / static_cast<double>(signals.size()));
   }
-  losses_.settle();
   table_ = worker_.buildTable(schema(), arrays_);
 }
 
@@ -143,10 +142,7 @@ WideTable::ArrayPtr WideTable::resampled(const ExportSignal& signal, const Array
     return resampling_->hold(signal, *samples);
   }
   const Doubles doubles = asDoubles(samples);
-  if (doubles.inexact > 0) {
-    losses_.add(fmt::format("signal {}, {}, has {} beyond 2^53 that float64 cannot hold exactly",
-                            info.signalId, inQuotes(info.name), counted(doubles.inexact, "value")));
-  }
+  if (doubles.inexact > 0) losses_.add(inexactText(info, doubles.inexact));
   return resampling_->interpolate(signal, *doubles.array);
 }
 

@@ -26,6 +26,7 @@ class WideTable {
   using Progress = std::function<void(double part)>;
 
   /// \param worker  makes the arrays and the table
+  /// \param losses  gets what is not as exact as in the recording
   /// \throws std::runtime_error if the signals have different times
   WideTable(parquet::ParquetExportSerializerWorker& worker, RecordingFiles& files,
             const std::vector<ExportSignal>& signals, const ExportOptions& options, Losses& losses,
