@@ -148,7 +148,9 @@ def check_partitions(kyr, recording, out):
 
 def check_resampled(kyr, recording, out):
     path = export(kyr, recording, out / "grid.parquet", "--resample", "union", "--method",
-                  "linear", "--force")
+                  "linear", "--compression", "zstd", "--force")
+    column = pyarrow.parquet.read_metadata(path).row_group(0).column(0)
+    check("codec", column.compression, "ZSTD")
     wanted = {"time": [0.0, 1.0, 2.0, 3.0], "late": [None, 5.0, 6.0, None],
               "on": [True, True, False, False], "sparse": [1.0, 2.0, 3.0, 4.0]}
     check("resampled by pyarrow", pyarrow.parquet.read_table(path).to_pydict(), wanted)

@@ -3,13 +3,11 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 #include "Codecs.h"

@@ -49,6 +49,11 @@ std::shared_ptr<::arrow::KeyValueMetadata> signalMetadata(
   return metadata;
 }
 
+std::shared_ptr<::arrow::Array> valuesOf(const ExportSignal& signal,
+                                         const std::shared_ptr<::arrow::Array>& samples) {
+  return signal.info.dataType == Boolean ? truthValues(*samples) : asDoubles(samples).array;
+}
+
 // The column "signal": one name over and over. In CSV there is nowhere else for the unit.
 class NameColumn {
  public:
@@ -155,7 +160,7 @@ void LongTable::stream(const ExportSignal& signal, const Take& take) {
     if (!samples || samples->length() == 0) samples = dataReader.next();
     if (!times || !samples) return;
     const std::int64_t rows = std::min(times->length(), samples->length());
-    take(times->Slice(0, rows), asDoubles(samples->Slice(0, rows)).array);
+    take(times->Slice(0, rows), valuesOf(signal, samples->Slice(0, rows)));
     times = times->Slice(rows);
     samples = samples->Slice(rows);
   }
@@ -174,7 +179,7 @@ void LongTable::streamSorted(const ExportSignal& signal, const Take& take) {
   check(indices.AppendValues(order));
   for (const std::int64_t i : order) check(sorted.Append(times[static_cast<std::size_t>(i)]));
   take(check(sorted.Finish()),
-       asDoubles(check(::arrow::compute::Take(*samples, *check(indices.Finish())))).array);
+       valuesOf(signal, check(::arrow::compute::Take(*samples, *check(indices.Finish())))));
 }
 
 bool LongTable::isAscending(const StoredColumn& column) {

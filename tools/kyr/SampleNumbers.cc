@@ -73,6 +73,16 @@ Doubles asDoubles(const std::shared_ptr<::arrow::Array>& numbers) {
   }
 }
 
+std::shared_ptr<::arrow::Array> truthValues(const ::arrow::Array& bytes) {
+  const auto& values = static_cast<const ::arrow::Int8Array&>(bytes);
+  ::arrow::DoubleBuilder builder;
+  check(builder.Reserve(values.length()));
+  for (std::int64_t i = 0; i < values.length(); ++i) {
+    builder.UnsafeAppend(values.Value(i) == 0 ? 0.0 : 1.0);
+  }
+  return check(builder.Finish());
+}
+
 std::string inexactText(const recording::SignalInfo& signal, std::uint64_t values) {
   return fmt::format("signal {}, {}, has {} beyond 2^53 that float64 cannot hold exactly",
                      signal.signalId, inQuotes(signal.name), counted(values, "value"));

@@ -20,6 +20,9 @@ struct Doubles {
 /// \throws std::invalid_argument for other types
 Doubles asDoubles(const std::shared_ptr<::arrow::Array>& numbers);
 
+/// Truth values of a byte each as doubles: 0, and 1 for whatever is not 0.
+std::shared_ptr<::arrow::Array> truthValues(const ::arrow::Array& bytes);
+
 /// What is told about a signal of which some values were rounded.
 std::string inexactText(const recording::SignalInfo& signal, std::uint64_t values);
 
