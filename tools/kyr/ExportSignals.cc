@@ -39,9 +39,10 @@ std::string obstacle(const SignalInfo& signal, const RecordingFiles& files,
   if (!signal.dataStorageId || signal.rowCount == 0) return "it has no samples";
   const auto time = files.timeOf(signal);
   if (!time) return "it has no times";
-  if (files.rowsOf(*time) != signal.rowCount) {
+  const std::uint64_t samples = files.rowsOf(files.dataOf(signal));
+  if (files.rowsOf(*time) != samples) {
     return fmt::format("it has {} but {}", counted(files.rowsOf(*time), "time"),
-                       counted(signal.rowCount, "sample"));
+                       counted(samples, "sample"));
   }
   if (isNumber(signal)) return "";
   const bool isMatrix =

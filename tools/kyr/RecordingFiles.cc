@@ -178,6 +178,12 @@ std::unique_ptr<::parquet::arrow::FileReader> RecordingFiles::openFile(int stora
 ColumnReader RecordingFiles::open(const StoredColumn& column) {
   auto reader = openFile(column.storageId, compared_.count(column.storageId) == 0);
   compared_.insert(column.storageId);
+  const auto rows = static_cast<std::uint64_t>(reader->parquet_reader()->metadata()->num_rows());
+  if (rows != rowsOf(column)) {
+    fail(pathOf(column.storageId),
+         fmt::format("holds {}, where recording.json has {}: kyr verify tells more",
+                     counted(rows, "row"), rowsOf(column)));
+  }
   return {pathOf(column.storageId), std::move(reader), column.name};
 }
 

@@ -9,7 +9,6 @@
 #include <tuple>
 #include <utility>
 
-#include "Errors.h"
 #include "FieldMetadata.h"
 #include "HeaderNames.h"
 #include "SampleNumbers.h"
@@ -148,11 +147,14 @@ WideTable::ArrayPtr WideTable::resampled(const ExportSignal& signal, const Array
 
 // The worker's schema, with the fields' own names, types and metadata where those differ.
 std::shared_ptr<::arrow::Schema> WideTable::schema() const {
-  auto schema = worker_.getExportSchema(columns_);
-  for (int i = 0; i < schema->num_fields(); ++i) {
-    schema = check(schema->SetField(i, fields_[static_cast<std::size_t>(i)]));
+  const auto exported = worker_.getExportSchema(columns_);
+  ::arrow::FieldVector fields;
+  for (const auto& field : fields_) {
+    const auto& base = exported->field(static_cast<int>(fields.size()));
+    fields.push_back(
+        base->WithName(field->name())->WithType(field->type())->WithMetadata(field->metadata()));
   }
-  return schema;
+  return ::arrow::schema(std::move(fields));
 }
 
 }  // namespace kyr::tool
