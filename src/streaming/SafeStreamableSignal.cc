@@ -67,6 +67,11 @@ void SafeStreamableSignal::finish() {
   data_.finish();
 }
 
+unsigned long SafeStreamableSignal::rowCount(SignalPart part) {
+  if (part == SignalPart::time) return time_.rows();
+  return part == SignalPart::data ? data_.rows() : 0;
+}
+
 void SafeStreamableSignal::write() {
   time_.flush();
   data_.flush();

@@ -23,6 +23,7 @@ class SafeStreamableSignal final : public StreamableSignal {
                   const std::vector<int>& extra) override;
   void finish(SignalPart part) override;
   void finish() override;
+  unsigned long rowCount(SignalPart part) override;
   void flush() override;
   /// As flush(), without a sync.
   void write();

@@ -240,6 +240,11 @@ void StreamableSignalImpl::markEnd(Part& part) {
       [&](const NodeList& heads) { adoptFile(part, heads); });
 }
 
+unsigned long StreamableSignalImpl::rowCount(SignalPart name) {
+  if (name != SignalPart::time && name != SignalPart::data) return 0;
+  return rowsWritten(name) + rowsBuffered(name);
+}
+
 void StreamableSignalImpl::flush() {
   throw std::logic_error("a signal can be flushed only in a pool with SafeStorage");
 }

@@ -42,6 +42,7 @@ class StreamableSignalImpl final : public StreamableSignal {
                   const std::vector<int>& extra) override;
   void finish(SignalPart part) override;
   void finish() override;
+  unsigned long rowCount(SignalPart part) override;
   void flush() override;
   void resetData() override;
   bool hasData() const override;

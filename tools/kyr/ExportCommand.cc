@@ -10,7 +10,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Codecs.h"
 #include "Commands.h"
 #include "Errors.h"
 #include "ExportOptions.h"
@@ -23,6 +22,7 @@
 #include "PendingOutput.h"
 #include "ProgressBar.h"
 #include "RecordingFiles.h"
+#include "Settings.h"
 #include "TableWriter.h"
 #include "Text.h"
 #include "WideTable.h"
@@ -39,7 +39,7 @@ namespace {
 // Options as they are given.
 struct GivenOptions {
   std::string format;
-  std::optional<std::string> compression;
+  std::vector<std::string> settings;  // options of the library, "NAME=VALUE"
   std::string partition;
   std::optional<std::string> resample;
   std::string method = "previous";
@@ -55,16 +55,20 @@ ExportFormat formatOf(const GivenOptions& given, const ExportOptions& options) {
   return suffix == ".csv" ? ExportFormat::csv : ExportFormat::parquet;
 }
 
-std::optional<::arrow::Compression::type> codecOf(const GivenOptions& given, ExportFormat format) {
-  if (!given.compression) return std::nullopt;
-  const auto codec = codecCalled(*given.compression);
-  if (format == ExportFormat::csv) {
-    throw UsageError("--compression " + *given.compression + ": CSV is not compressed");
-  }
-  const bool isForArrow =
-      codec == ::arrow::Compression::ZSTD || codec == ::arrow::Compression::UNCOMPRESSED;
-  if (format == ExportFormat::arrow && !isForArrow) {
-    throw UsageError("--compression " + *given.compression + ": Arrow files take zstd only");
+// Sets the options of the library; the codec, if there is one among them.
+std::optional<::arrow::Compression::type> applyGiven(const std::vector<std::string>& settings,
+                                                     ExportFormat format) {
+  applySettings(settings);
+  std::optional<::arrow::Compression::type> codec;
+  for (const std::string& setting : settings) {
+    const bool isCodec = setting.rfind("Compression=", 0) == 0;
+    if (isCodec) codec = parquet::serialization_options::compressionMethod;
+    const bool isForArrow =
+        codec == ::arrow::Compression::ZSTD || codec == ::arrow::Compression::UNCOMPRESSED;
+    if (format == ExportFormat::csv) throw UsageError(setting + ": CSV files have no such option");
+    if (format == ExportFormat::arrow && !(isCodec && isForArrow)) {
+      throw UsageError(setting + ": Arrow files take Compression=zstd only");
+    }
   }
   return codec;
 }
@@ -88,7 +92,7 @@ std::optional<ResampleOptions> resampleOf(const GivenOptions& given) {
 void understand(const GivenOptions& given, ExportOptions& options) {
   if (options.out.empty()) throw UsageError("OUT is empty");
   options.format = formatOf(given, options);
-  options.codec = codecOf(given, options.format);
+  options.codec = applyGiven(given.settings, options.format);
   options.isPartitioned = !given.partition.empty();
   options.resample = resampleOf(given);
   if (!options.isPartitioned && options.out.back() == '/') {
@@ -160,7 +164,6 @@ void exportRecording(const ExportOptions& options) {
   RecordingFiles files(options.folder, info);
   Losses losses(options.isStrict);
   const auto signals = exportedSignals(info, files, options, losses);
-  if (options.codec) parquet::serialization_options::compressionMethod = *options.codec;
   const TableWriter::Target target{options.format, output ? output->path() : fs::path(),
                                    options.out, options.codec};
   ProgressBar bar;
@@ -210,7 +213,7 @@ void addShapeOptions(CLI::App* command, ExportOptions& options, GivenOptions& gi
       ->add_option("--partition", given.partition,
                    "Write the long table as a folder of files, one for each signal")
       ->type_name("signal")
-      ->check(CLI::IsMember(std::vector<std::string>{"signal"}))
+      ->check(CLI::IsMember(std::vector<std::string>{"signal"}).description(""))
       ->needs(isLong);
   CLI::Option* resample =
       command
@@ -220,9 +223,10 @@ void addShapeOptions(CLI::App* command, ExportOptions& options, GivenOptions& gi
           ->type_name("STEP|union")
           ->excludes(isLong);
   command
-      ->add_option("--method", given.method, "How to resample: previous (unless given) or linear")
-      ->type_name("METHOD")
-      ->check(CLI::IsMember(std::vector<std::string>{"previous", "linear"}))
+      ->add_option("--method", given.method,
+                   "How to resample: hold the previous sample (unless given), or linear")
+      ->type_name("previous|linear")
+      ->check(CLI::IsMember(std::vector<std::string>{"previous", "linear"}).description(""))
       ->needs(resample);
 }
 
@@ -245,13 +249,11 @@ void addExportCommand(CLI::App& app, Action& action) {
       ->add_option("--format", given->format,
                    "parquet, arrow or csv; unless given, as OUT ends (.parquet, .arrow, .feather, "
                    ".csv), else parquet, and csv for standard output")
-      ->type_name("FORMAT")
-      ->check(CLI::IsMember(std::vector<std::string>{"parquet", "arrow", "csv"}));
+      ->type_name("parquet|arrow|csv")
+      ->check(CLI::IsMember(std::vector<std::string>{"parquet", "arrow", "csv"}).description(""));
   addShapeOptions(command, *options, *given);
-  command
-      ->add_option("--compression", given->compression,
-                   "Codec of the columns, uncompressed unless given: " + codecNames())
-      ->type_name("CODEC");
+  addCompressionOption(*command, given->settings);
+  addSetOption(*command, given->settings);
   command->add_flag("--strict", options->isStrict, "Write nothing if something cannot be exported");
   command->add_flag("--force", options->replaces, "Replace the file OUT, or the partitions in OUT");
   command->footer(kFooter);

@@ -123,6 +123,12 @@ class KYR_PARQUET_EXPORT StreamableSignal {
   /// \brief The directory of the signal's files.
   virtual Path getParquetDirectory() const = 0;
 
+  /// \brief Rows of a part that were appended so far; 0 for any other value than the two parts.
+  ///
+  /// Without SafeStorage, those that the part wrote itself, and those in memory.
+  /// \throws std::exception  naming the file, if the part is over one that cannot be opened
+  virtual unsigned long rowCount(SignalPart part) = 0;
+
   /// \brief Bring all rows to disk, in a file that is complete, and go on. Needs a safe pool.
   ///
   /// When the call returns, a crash of the process costs none of the rows; with a SafeStorage that
