@@ -63,7 +63,7 @@ class Remaining {
 
 }  // namespace
 
-DiskFile::DiskFile(std::filesystem::path path, Mode mode) : path_(std::move(path)) {
+DiskFile::DiskFile(std::filesystem::path path, Mode mode) : path_(std::move(path)), mode_(mode) {
   descriptor_ = retried([&] { return ::open(path_.c_str(), flagsOf(mode), kPermissions); });
   if (descriptor_ < 0) fail(mode == Mode::createNew ? "create" : "open", errno);
 }
@@ -77,9 +77,18 @@ void DiskFile::fail(const char* what, int error) const {
                           fmt::format("{}: cannot {}", path_.string(), what));
 }
 
+int DiskFile::descriptor() const {
+  if (descriptor_ < 0 && suspended_) {
+    const Mode mode = mode_ == Mode::readOnly ? Mode::readOnly : Mode::readWrite;
+    descriptor_ = retried([&] { return ::open(path_.c_str(), flagsOf(mode)); });
+    if (descriptor_ < 0) fail("open", errno);
+  }
+  return descriptor_;
+}
+
 std::uint64_t DiskFile::size() const {
   struct stat status {};
-  if (::fstat(descriptor_, &status) != 0) fail("tell the size", errno);
+  if (::fstat(descriptor(), &status) != 0) fail("tell the size", errno);
   return static_cast<std::uint64_t>(status.st_size);
 }
 
@@ -87,7 +96,7 @@ void DiskFile::writeAt(std::uint64_t offset, const std::vector<std::string_view>
   Remaining remaining(pieces);
   while (!remaining.empty()) {
     const ssize_t written = retried([&] {
-      return ::pwritev(descriptor_, remaining.data(), remaining.count(),
+      return ::pwritev(descriptor(), remaining.data(), remaining.count(),
                        static_cast<off_t>(offset));
     });
     if (written < 0) fail("write", errno);
@@ -101,7 +110,7 @@ std::size_t DiskFile::readAt(std::uint64_t offset, void* out, std::size_t size) 
   std::size_t done = 0;
   while (done < size) {
     const ssize_t got = retried([&] {
-      return ::pread(descriptor_, static_cast<char*>(out) + done, size - done,
+      return ::pread(descriptor(), static_cast<char*>(out) + done, size - done,
                      static_cast<off_t>(offset + done));
     });
     if (got < 0) fail("read", errno);
@@ -112,6 +121,7 @@ std::size_t DiskFile::readAt(std::uint64_t offset, void* out, std::size_t size) 
 }
 
 void DiskFile::truncate(std::uint64_t size) {
+  descriptor();
   if (!tryTruncate(size)) fail("cut", errno);
 }
 
@@ -120,14 +130,21 @@ bool DiskFile::tryTruncate(std::uint64_t size) noexcept {
 }
 
 void DiskFile::syncData() {
-  if (retried([&] { return ::fdatasync(descriptor_); }) != 0) fail("sync", errno);
+  if (retried([&] { return ::fdatasync(descriptor()); }) != 0) fail("sync", errno);
 }
 
 void DiskFile::syncAll() {
-  if (retried([&] { return ::fsync(descriptor_); }) != 0) fail("sync", errno);
+  if (retried([&] { return ::fsync(descriptor()); }) != 0) fail("sync", errno);
+}
+
+void DiskFile::suspend() {
+  suspended_ = true;
+  const int descriptor = std::exchange(descriptor_, -1);
+  if (descriptor >= 0 && ::close(descriptor) != 0 && errno != EINTR) fail("close", errno);
 }
 
 void DiskFile::close() {
+  suspended_ = false;
   const int descriptor = std::exchange(descriptor_, -1);
   // An interrupted close has released the descriptor; trying again could close another's.
   if (descriptor >= 0 && ::close(descriptor) != 0 && errno != EINTR) fail("close", errno);

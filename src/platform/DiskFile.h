@@ -48,11 +48,19 @@ class DiskFile {
   ///         all the same
   void close();
 
+  /// Closes the file until it is used next, to save the descriptor. It must keep its name.
+  /// \throws std::system_error as close()
+  void suspend();
+
  private:
   [[noreturn]] void fail(const char* what, int error) const;
+  // Opens a suspended file.
+  int descriptor() const;
 
   std::filesystem::path path_;
-  int descriptor_ = -1;
+  Mode mode_;
+  mutable int descriptor_ = -1;
+  bool suspended_ = false;
 };
 
 /// Waits until the names in the directory of \p file are on the disk: a new file may otherwise be

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "recording/Checksum.h"
+#include "schema/TypeNames.h"
 
 namespace kyr::recording {
 
@@ -19,48 +20,6 @@ namespace {
 using nlohmann::json;
 
 constexpr const char* kFormatName = "kyr recording";
-
-// Stored in recordings: never rename.
-constexpr std::array<std::pair<KYRSignalDataType, const char*>, 15> kDataTypeNames{{
-    {Double, "Double"},
-    {Single, "Single"},
-    {Int8, "Int8"},
-    {UInt8, "UInt8"},
-    {Int16, "Int16"},
-    {UInt16, "UInt16"},
-    {Int32, "Int32"},
-    {UInt32, "UInt32"},
-    {Boolean, "Boolean"},
-    {Int64, "Int64"},
-    {UInt64, "UInt64"},
-    {UInt64Alt, "UInt64Alt"},
-    {UInt32Alt, "UInt32Alt"},
-    {ByteString, "ByteString"},
-    {Binary, "Binary"},
-}};
-constexpr std::array<std::pair<KYRSignalCategory, const char*>, 5> kCategoryNames{{
-    {Scalar, "Scalar"},
-    {FixedDim, "FixedDim"},
-    {VarDim, "VarDim"},
-    {Bus, "Bus"},
-    {VarDimBus, "VarDimBus"},
-}};
-
-template <typename Names, typename Value>
-std::string nameOf(const Names& names, Value value) {
-  for (const auto& [known, name] : names) {
-    if (known == value) return name;
-  }
-  return {};
-}
-
-template <typename Names>
-auto valueOf(const Names& names, const std::string& name) {
-  for (const auto& [value, known] : names) {
-    if (name == known) return value;
-  }
-  throw std::runtime_error(fmt::format("\"{}\" is not known", name));
-}
 
 template <typename T>
 json orNull(const std::optional<T>& value) {
@@ -100,8 +59,8 @@ SignalInfo signalFromJson(const json& object) {
   object.at("name").get_to(signal.name);
   object.at("unit").get_to(signal.unit);
   object.at("description").get_to(signal.description);
-  signal.dataType = valueOf(kDataTypeNames, object.at("dataType").get<std::string>());
-  signal.category = valueOf(kCategoryNames, object.at("category").get<std::string>());
+  signal.dataType = dataTypeCalled(object.at("dataType").get<std::string>());
+  signal.category = categoryCalled(object.at("category").get<std::string>());
   object.at("dimensions").get_to(signal.dimensions);
   object.at("compression").get_to(signal.compression);
   object.at("rowCount").get_to(signal.rowCount);
@@ -175,10 +134,6 @@ RecordingInfo infoFromJson(const json& document) {
 }
 
 }  // namespace
-
-std::string dataTypeName(KYRSignalDataType type) { return nameOf(kDataTypeNames, type); }
-
-std::string categoryName(KYRSignalCategory category) { return nameOf(kCategoryNames, category); }
 
 std::string writeRecordingJson(const RecordingInfo& info) {
   json document = {{"format", kFormatName},

@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "kyr/recording/RecordingInfo.h"
+#include "schema/TypeNames.h"
 
 /// The layout of a recording folder and the text of its recording.json; docs/format.md describes
 /// both for readers that are not ours.
@@ -18,9 +19,5 @@ std::string writeRecordingJson(const RecordingInfo& info);
 /// \param source  name of the file for error texts
 /// \throws std::runtime_error naming the source and what is wrong
 RecordingInfo readRecordingJson(const std::string& text, const std::string& source);
-
-/// Names of the enumerations as recording.json has them; empty for values outside of them.
-std::string dataTypeName(KYRSignalDataType type);
-std::string categoryName(KYRSignalCategory category);
 
 }  // namespace kyr::recording

@@ -33,15 +33,19 @@ std::vector<std::vector<std::uint64_t>> shapesOf(const WholeSignal::Dims& dims,
 
 }  // namespace
 
-SafeWholeSignal::SafeWholeSignal(std::shared_ptr<SharedStore> store, int timeId, int dataId)
-    : store_(std::move(store)), time_(store_), data_(store_) {
+SafeWholeSignal::SafeWholeSignal(std::shared_ptr<SharedStore> store,
+                                 std::shared_ptr<SignalLabel> label, int timeId, int dataId)
+    : store_(std::move(store)),
+      label_(std::move(label)),
+      time_(store_, {label_, parquet::SignalPart::time}),
+      data_(store_, {label_, parquet::SignalPart::data}) {
   if (timeId != kNoStorage) time_.adopt(timeId);
   if (dataId != kNoStorage) data_.adopt(dataId);
 }
 
-SharedPart SafeWholeSignal::partOf(const SampleSchema& schema, const SampleChunk& chunk,
-                                   std::size_t width) const {
-  SharedPart part(store_);
+SharedPart SafeWholeSignal::partOf(SignalPart name, const SampleSchema& schema,
+                                   const SampleChunk& chunk, std::size_t width) const {
+  SharedPart part(store_, {label_, name});
   part.setCompression(compression_);
   part.append(schema, chunk, width);
   part.finish();
@@ -50,23 +54,23 @@ SharedPart SafeWholeSignal::partOf(const SampleSchema& schema, const SampleChunk
 
 void SafeWholeSignal::setData(const std::vector<double>& time, const std::vector<char>& data,
                               const Dims& dims, const std::vector<int>& lengths) {
-  const SampleSchema schema(
-      schemaBuilder::getSchema(category_, dataType_, /*includeTime=*/false, columnNames::data));
-  const std::size_t width = elementWidth(dataType_);
+  const SampleSchema schema(schemaBuilder::getSchema(label_->category, label_->dataType,
+                                                     /*includeTime=*/false, columnNames::data));
+  const std::size_t width = elementWidth(label_->dataType);
   if (data.empty()) return;
   if (time_.id() && !time.empty()) {
     throw std::runtime_error("Signal already has a time storage associated.");
   }
   if (data_.id()) throw std::runtime_error("Signal already has a data storage associated.");
-  const std::vector<int> sizes = dataType_ == Binary ? lengths : std::vector<int>();
+  const std::vector<int> sizes = label_->dataType == Binary ? lengths : std::vector<int>();
   const auto shapes = shapesOf(dims, schema, data.size(), width, sizes);
   const SampleChunk samples = measureChunk(schema, data.data(), data.size(), width, shapes, sizes);
   SampleChunk times;
   times.data = reinterpret_cast<const char*>(time.data());
   times.elements = times.rows = time.size();
 
-  SharedPart timePart = partOf(timeSchema(), times, sizeof(double));
-  SharedPart dataPart = partOf(schema, samples, width);
+  SharedPart timePart = partOf(SignalPart::time, timeSchema(), times, sizeof(double));
+  SharedPart dataPart = partOf(SignalPart::data, schema, samples, width);
   if (timePart.id()) time_ = std::move(timePart);
   data_ = std::move(dataPart);
 }

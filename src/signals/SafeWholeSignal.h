@@ -12,8 +12,10 @@ namespace kyr::parquet {
 /// A whole signal of a safe pool. Times are always in a file of their own, so that they are shared.
 class SafeWholeSignal final : public WholeSignal {
  public:
+  /// \param label  what the files shall say of the signal; kept up to date here
   /// \param timeId, dataId  files that are there, or kNoStorage
-  SafeWholeSignal(std::shared_ptr<SharedStore> store, int timeId, int dataId);
+  SafeWholeSignal(std::shared_ptr<SharedStore> store, std::shared_ptr<SignalLabel> label,
+                  int timeId, int dataId);
 
   /// \throws std::exception  naming the file if it cannot be written; nothing has changed then
   void setData(const std::vector<double>& time, const std::vector<char>& data, const Dims& dims,
@@ -23,10 +25,10 @@ class SafeWholeSignal final : public WholeSignal {
   void resetData() override;
   bool hasData() const override { return time_.id() || data_.id(); }
   int getStorageId(SignalPart part) const override;
-  void setDataType(KYRSignalDataType type) override { dataType_ = type; }
-  KYRSignalDataType getDataType() const override { return dataType_; }
-  void setCategory(KYRSignalCategory category) override { category_ = category; }
-  KYRSignalCategory getCategory() const override { return category_; }
+  void setDataType(KYRSignalDataType type) override { label_->dataType = type; }
+  KYRSignalDataType getDataType() const override { return label_->dataType; }
+  void setCategory(KYRSignalCategory category) override { label_->category = category; }
+  KYRSignalCategory getCategory() const override { return label_->category; }
   void setParquetCompressionType(const ::arrow::Compression::type& type) override {
     compression_ = type;
   }
@@ -37,13 +39,13 @@ class SafeWholeSignal final : public WholeSignal {
   ::arrow::Status writeStatus() const override;
 
  private:
-  SharedPart partOf(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width) const;
+  SharedPart partOf(SignalPart part, const SampleSchema& schema, const SampleChunk& chunk,
+                    std::size_t width) const;
 
   std::shared_ptr<SharedStore> store_;
+  std::shared_ptr<SignalLabel> label_;
   SharedPart time_;
   SharedPart data_;
-  KYRSignalDataType dataType_ = Double;
-  KYRSignalCategory category_ = static_cast<KYRSignalCategory>(5);
   std::optional<::arrow::Compression::type> compression_ = ::arrow::Compression::UNCOMPRESSED;
 };
 

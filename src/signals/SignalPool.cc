@@ -43,6 +43,10 @@ void SignalPool::deserializeSignalRecords(const std::string& text) {
   impl_->deserializeSignalRecords(text);
 }
 
+void SignalPool::describeSignal(const int& id, const std::string& name, const std::string& unit) {
+  impl_->describeSignal(id, name, unit);
+}
+
 void SignalPool::flush() { impl_->flush(); }
 
 void SignalPool::reset() { impl_->reset(); }

@@ -97,10 +97,13 @@ void SignalPoolImpl::setParquetDirectory(const Path& dir) {
   directory = dir;
 }
 
-std::shared_ptr<ParquetSignal> SignalPoolImpl::makeSignal(int timeStorageId,
-                                                          int dataStorageId) const {
+std::shared_ptr<ParquetSignal> SignalPoolImpl::makeSignal(int id, int timeStorageId,
+                                                          int dataStorageId) {
   if (store) {
-    auto signal = std::make_unique<SafeWholeSignal>(store, timeStorageId, dataStorageId);
+    auto signal =
+        std::make_unique<SafeWholeSignal>(store, newLabel(id), timeStorageId, dataStorageId);
+    // As with any whole signal, there is none until it is set.
+    signal->setCategory(static_cast<KYRSignalCategory>(5));
     return std::shared_ptr<ParquetSignal>(new ParquetSignal(std::move(signal)));
   }
   if (!worker)
@@ -108,9 +111,11 @@ std::shared_ptr<ParquetSignal> SignalPoolImpl::makeSignal(int timeStorageId,
   return std::make_shared<ParquetSignal>(worker, timeStorageId, dataStorageId);
 }
 
-std::shared_ptr<StreamableSignal> SignalPoolImpl::makeStreamableSignal(int timeStorageId,
-                                                                       int dataStorageId) const {
-  if (store) return std::make_shared<SafeStreamableSignal>(store, timeStorageId, dataStorageId);
+std::shared_ptr<StreamableSignal> SignalPoolImpl::makeStreamableSignal(int id, int timeStorageId,
+                                                                       int dataStorageId) {
+  if (store)
+    return std::make_shared<SafeStreamableSignal>(store, newLabel(id), timeStorageId,
+                                                  dataStorageId);
   if (!writer) {
     throw std::runtime_error("the pool is in whole-file mode: it has no streamable signals");
   }
@@ -124,7 +129,7 @@ std::shared_ptr<ParquetSignal> SignalPoolImpl::getSignal(int id) {
     const auto* signal = std::get_if<std::shared_ptr<ParquetSignal>>(&found->second);
     return signal ? *signal : nullptr;
   }
-  auto signal = makeSignal(kNoStorage, kNoStorage);
+  auto signal = makeSignal(id, kNoStorage, kNoStorage);
   signals.emplace(id, signal);
   return signal;
 }
@@ -135,7 +140,7 @@ std::shared_ptr<StreamableSignal> SignalPoolImpl::getStreamableSignal(int id) {
     const auto* signal = std::get_if<std::shared_ptr<StreamableSignal>>(&found->second);
     return signal ? *signal : nullptr;
   }
-  auto signal = makeStreamableSignal(kNoStorage, kNoStorage);
+  auto signal = makeStreamableSignal(id, kNoStorage, kNoStorage);
   signals.emplace(id, signal);
   return signal;
 }
@@ -160,6 +165,26 @@ void SignalPoolImpl::reset() {
 void SignalPoolImpl::reset(const Path& dir) {
   signals.clear();
   setParquetDirectory(dir);
+}
+
+// A signal of that id that somebody still holds keeps its own.
+std::shared_ptr<SignalLabel> SignalPoolImpl::newLabel(int id) {
+  auto label = std::make_shared<SignalLabel>();
+  auto& known = labels[id];
+  label->signalId = id;
+  if (known) {
+    label->name = known->name;
+    label->unit = known->unit;
+  }
+  return known = label;
+}
+
+void SignalPoolImpl::describeSignal(int id, const std::string& name, const std::string& unit) {
+  static_cast<void>(toUtf16(name + unit));
+  const auto found = labels.find(id);
+  const auto label = found == labels.end() ? newLabel(id) : found->second;
+  label->name = name;
+  label->unit = unit;
 }
 
 void SignalPoolImpl::flush() {
@@ -195,9 +220,10 @@ void SignalPoolImpl::deserializeSignalRecords(const std::string& text) {
   readSignalRecords(text, [this](const SignalRecord& record) {
     const int timeId = record.timeStorageId;
     const int dataId = record.dataStorageId;
-    signals.insert_or_assign(record.signalId, rowGroupMode()
-                                                  ? Signal(makeStreamableSignal(timeId, dataId))
-                                                  : Signal(makeSignal(timeId, dataId)));
+    signals.insert_or_assign(record.signalId,
+                             rowGroupMode()
+                                 ? Signal(makeStreamableSignal(record.signalId, timeId, dataId))
+                                 : Signal(makeSignal(record.signalId, timeId, dataId)));
   });
 }
 

@@ -15,6 +15,7 @@
 #include "kyr/parquet/StreamableWriter.h"
 #include "kyr/platform/Path.h"
 #include "streaming/SharedStore.h"
+#include "streaming/SignalLabel.h"
 
 namespace kyr::parquet {
 
@@ -36,6 +37,7 @@ class SignalPoolImpl {
   bool checkSignalExists(int id) const { return signals.count(id) > 0; }
   bool isDataOwner(int id) const;
   void flush();
+  void describeSignal(int id, const std::string& name, const std::string& unit);
   void deleteSignal(int id) { signals.erase(id); }
   bool isEmpty() const { return signals.empty(); }
   void reset();
@@ -49,9 +51,10 @@ class SignalPoolImpl {
   using Signal = std::variant<std::shared_ptr<ParquetSignal>, std::shared_ptr<StreamableSignal>>;
 
   void leaveStore() noexcept;
-  std::shared_ptr<ParquetSignal> makeSignal(int timeStorageId, int dataStorageId) const;
-  std::shared_ptr<StreamableSignal> makeStreamableSignal(int timeStorageId,
-                                                         int dataStorageId) const;
+  std::shared_ptr<ParquetSignal> makeSignal(int id, int timeStorageId, int dataStorageId);
+  std::shared_ptr<StreamableSignal> makeStreamableSignal(int id, int timeStorageId,
+                                                         int dataStorageId);
+  std::shared_ptr<SignalLabel> newLabel(int id);
 
   // Destroyed in reverse order: the signals go last. They hold their own references to what they
   // were made from here. The store of a safe pool is set, or one of worker and writer, by the
@@ -61,6 +64,7 @@ class SignalPoolImpl {
   std::shared_ptr<StreamableWriter> writer;
   std::shared_ptr<SharedStore> store;
   std::optional<SafeStorage> safeStorage;
+  std::unordered_map<int, std::shared_ptr<SignalLabel>> labels;  // by signal, of safe pools
   Path directory;
   // What is known of stored chunks; as old as the pool, whatever its directory.
   std::shared_ptr<RedundancyChecker::Context<unsigned long>> redundancyContext;

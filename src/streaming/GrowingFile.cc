@@ -212,6 +212,10 @@ void GrowingFile::finish() {
   std::exchange(file_, nullptr)->close();
 }
 
+void GrowingFile::suspend() {
+  if (file_) file_->suspend();
+}
+
 std::uint64_t GrowingFile::batchRows(std::size_t batch) const {
   if (batch >= batchCount()) {
     throw std::out_of_range(fmt::format("{}: batch {} is asked for, there are {}", path_.string(),

@@ -94,6 +94,7 @@ class GrowingFile {
   /// Makes the file complete up to the last batch.
   void publish();
   bool isPublished() const { return published_; }
+  bool isFinished() const { return finished_; }
 
   /// Waits until all batches are on the disk. If that failed before, writes them anew first: the
   /// system does not try again by itself.
@@ -102,6 +103,9 @@ class GrowingFile {
   /// Publishes and closes; from then on the file can only be read, if it keeps its name. Does not
   /// sync. A failure to close is told once; the file is finished all the same.
   void finish();
+
+  /// Gives its descriptor back until it is used next; the file must keep its name.
+  void suspend();
 
   std::uint64_t rowCount() const { return index_.rows(); }
   std::size_t batchCount() const { return index_.batches(); }

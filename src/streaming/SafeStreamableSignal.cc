@@ -12,9 +12,13 @@
 
 namespace kyr::parquet {
 
-SafeStreamableSignal::SafeStreamableSignal(std::shared_ptr<SharedStore> store, int timeId,
+SafeStreamableSignal::SafeStreamableSignal(std::shared_ptr<SharedStore> store,
+                                           std::shared_ptr<SignalLabel> label, int timeId,
                                            int dataId)
-    : store_(std::move(store)), time_(store_), data_(store_) {
+    : store_(std::move(store)),
+      label_(std::move(label)),
+      time_(store_, {label_, parquet::SignalPart::time}),
+      data_(store_, {label_, parquet::SignalPart::data}) {
   if (timeId != kNoStorage) time_.adopt(timeId);
   if (dataId != kNoStorage) data_.adopt(dataId);
 }
@@ -31,11 +35,11 @@ void SafeStreamableSignal::setParquetCompressionType(const ::arrow::Compression:
 }
 
 const SampleSchema& SafeStreamableSignal::dataSchema() {
-  if (!schema_.schema || schemaType_ != dataType_ || schemaCategory_ != category_) {
-    schema_ = SampleSchema(
-        schemaBuilder::getSchema(category_, dataType_, /*includeTime=*/false, columnNames::data));
-    schemaType_ = dataType_;
-    schemaCategory_ = category_;
+  if (!schema_.schema || schemaType_ != label_->dataType || schemaCategory_ != label_->category) {
+    schema_ = SampleSchema(schemaBuilder::getSchema(label_->category, label_->dataType,
+                                                    /*includeTime=*/false, columnNames::data));
+    schemaType_ = label_->dataType;
+    schemaCategory_ = label_->category;
   }
   return schema_;
 }
@@ -52,7 +56,7 @@ void SafeStreamableSignal::appendData(const void* data, unsigned long size,
                                       const std::vector<std::vector<unsigned long>>& dimensions,
                                       const std::vector<int>& extra) {
   if (data == nullptr) throw std::invalid_argument("Data is empty");
-  const std::size_t width = elementWidth(dataType_);
+  const std::size_t width = elementWidth(label_->dataType);
   const SampleSchema& schema = dataSchema();
   data_.append(schema, measureChunk(schema, data, size, width, dimensions, extra), width);
 }

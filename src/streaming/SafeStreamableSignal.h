@@ -13,8 +13,10 @@ namespace kyr::parquet {
 /// A streamable signal of a safe pool. See StreamableSignal, and SharedPart for how it stores.
 class SafeStreamableSignal final : public StreamableSignal {
  public:
+  /// \param label  what the files shall say of the signal; kept up to date here
   /// \param timeId, dataId  files that are there, or kNoStorage
-  SafeStreamableSignal(std::shared_ptr<SharedStore> store, int timeId, int dataId);
+  SafeStreamableSignal(std::shared_ptr<SharedStore> store, std::shared_ptr<SignalLabel> label,
+                       int timeId, int dataId);
 
   void setBufferSize(unsigned long rows) override;
   void appendTime(const double* time, unsigned long count) override;
@@ -29,10 +31,10 @@ class SafeStreamableSignal final : public StreamableSignal {
   void write();
   void resetData() override;
   bool hasData() const override;
-  void setDataType(KYRSignalDataType type) override { dataType_ = type; }
-  KYRSignalDataType getDataType() const override { return dataType_; }
-  void setCategory(KYRSignalCategory category) override { category_ = category; }
-  KYRSignalCategory getCategory() const override { return category_; }
+  void setDataType(KYRSignalDataType type) override { label_->dataType = type; }
+  KYRSignalDataType getDataType() const override { return label_->dataType; }
+  void setCategory(KYRSignalCategory category) override { label_->category = category; }
+  KYRSignalCategory getCategory() const override { return label_->category; }
   int getStorageId(SignalPart part) const override;
   void getTime(unsigned long from, unsigned long to, std::vector<char>& out) override;
   void getData(unsigned long from, unsigned long to, std::vector<char>& out,
@@ -51,10 +53,9 @@ class SafeStreamableSignal final : public StreamableSignal {
   const SampleSchema& dataSchema();
 
   std::shared_ptr<SharedStore> store_;
+  std::shared_ptr<SignalLabel> label_;
   SharedPart time_;
   SharedPart data_;
-  KYRSignalDataType dataType_ = Double;
-  KYRSignalCategory category_ = Scalar;
 
   // The data schema made last, and for what.
   SampleSchema schema_;

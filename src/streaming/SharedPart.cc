@@ -30,10 +30,32 @@ std::uint64_t SharedPart::rows() {
   return equalRows_ + pendingRows();
 }
 
+SharedPart& SharedPart::operator=(SharedPart&& other) noexcept {
+  moveTo(nullptr);
+  store_ = std::move(other.store_);
+  label_ = std::move(other.label_);
+  stream_ = std::move(other.stream_);
+  equalRows_ = other.equalRows_;
+  pending_ = std::move(other.pending_);
+  batchRows_ = other.batchRows_;
+  compression_ = other.compression_;
+  isOpened_ = other.isOpened_;
+  checkedSchema_ = other.checkedSchema_;
+  scratch_ = std::move(other.scratch_);
+  return *this;
+}
+
+void SharedPart::moveTo(std::shared_ptr<SharedStream> stream) noexcept {
+  if (stream == stream_) return;
+  if (stream_) stream_->part(label_.get());
+  stream_ = std::move(stream);
+  if (stream_) stream_->join(label_.get());
+}
+
 void SharedPart::adopt(int id) {
   reset();
-  stream_ = store_->streamOf(id);
-  if (!stream_) stream_ = SharedStream::adopt(store_, id);
+  auto stream = store_->streamOf(id);
+  moveTo(stream ? stream : SharedStream::adopt(store_, id));
   isOpened_ = false;
 }
 
@@ -79,13 +101,14 @@ void SharedPart::begin(const SampleSchema& schema, const RowSlice& rows, std::si
   const ForkKey key = keyOf(0, rows);
   const auto found = roots.find(key);
   if (found == roots.end()) {
-    stream_ = SharedStream::create(store_, schema, width, compression_);
-    stream_->extend(rows, batchRows_);
-    stream_->hangUnderRoot(roots, key);
+    const auto stream = SharedStream::create(store_, schema, width, compression_);
+    stream->extend(rows, batchRows_);
+    stream->hangUnderRoot(roots, key);
+    moveTo(stream);
     equalRows_ = rows.rows;
     return;
   }
-  stream_ = found->second->shared_from_this();
+  moveTo(found->second->shared_from_this());
   try {
     appendRows(rows);
   } catch (...) {
@@ -126,7 +149,7 @@ void SharedPart::guarded(Operation&& operation) {
   try {
     operation();
   } catch (...) {
-    stream_ = stream;
+    moveTo(stream);
     equalRows_ = equalRows;
     if (pending_) pending_->truncate(pending);
     throw;
@@ -194,12 +217,12 @@ SharedPart::Finding SharedPart::compareWithDisk(std::size_t at, bool isLast) {
 
 void SharedPart::leave(const ForkKey& key) {
   if (SharedStream* longer = stream_->longerOne()) {
-    stream_ = longer->shared_from_this();
+    moveTo(longer->shared_from_this());
     return;
   }
   const auto found = stream_->forks().find(key);
-  stream_ = found == stream_->forks().end() ? stream_->fork(key, compression_, batchRows_)
-                                            : found->second->shared_from_this();
+  moveTo(found == stream_->forks().end() ? stream_->fork(key, compression_, batchRows_)
+                                         : found->second->shared_from_this());
 }
 
 void SharedPart::flush() {
@@ -218,7 +241,7 @@ void SharedPart::finish() {
 }
 
 void SharedPart::reset() {
-  stream_.reset();
+  moveTo(nullptr);
   pending_.reset();
   equalRows_ = 0;
   isOpened_ = true;

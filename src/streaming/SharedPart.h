@@ -26,7 +26,11 @@ namespace kyr::parquet {
 /// A call that throws has changed nothing, and may be repeated.
 class SharedPart {
  public:
-  explicit SharedPart(std::shared_ptr<SharedStore> store) : store_(std::move(store)) {}
+  SharedPart(std::shared_ptr<SharedStore> store, PartLabel label)
+      : store_(std::move(store)), label_(std::make_unique<PartLabel>(std::move(label))) {}
+  ~SharedPart() { moveTo(nullptr); }
+  SharedPart(SharedPart&&) = default;
+  SharedPart& operator=(SharedPart&& other) noexcept;
 
   void append(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width);
 
@@ -75,11 +79,13 @@ class SharedPart {
   Finding compare(std::size_t at, bool isLast);
   Finding compareWithMemory(std::size_t at);
   Finding compareWithDisk(std::size_t at, bool isLast);
+  void moveTo(std::shared_ptr<SharedStream> stream) noexcept;
   // Goes on in a stream in which \p next follows, or nothing.
   void leave(const ForkKey& key);
   void openStream();
 
   std::shared_ptr<SharedStore> store_;
+  std::unique_ptr<PartLabel> label_;
   std::shared_ptr<SharedStream> stream_;
   bool isOpened_ = true;  // false for a file that was taken over, before its first use
   const ::arrow::Schema* checkedSchema_ = nullptr;  // the last one that fitted

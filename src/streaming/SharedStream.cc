@@ -6,11 +6,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <utility>
 
+#include "schema/TypeNames.h"
 #include "streaming/BatchRecord.h"
 
 namespace kyr::parquet {
@@ -165,13 +167,29 @@ void SharedStream::writeRows(std::size_t count) {
   batches_.push_back({diskRows_, diskRows_ + count, digestOf(memory_->slice(from, count))});
   diskRows_ += count;
   hasUnsynced_ = true;
+  if (!store_->mayStayOpen()) file_->suspend();
   store_->noteWrite(isNew);
 }
 
 void SharedStream::openFile() {
-  file_ =
-      GrowingFile::create(store_->fileOf(id_), schema().schema, store_->properties(compression_));
+  file_ = GrowingFile::create(store_->fileOf(id_), schema().schema,
+                              store_->properties(compression_), describedParts());
   store_->countOpen(1);
+}
+
+std::shared_ptr<const ::arrow::KeyValueMetadata> SharedStream::describedParts() const {
+  nlohmann::json parts = nlohmann::json::array();
+  for (const PartLabel* label : labels_) {
+    const SignalLabel& signal = *label->signal;
+    parts.push_back({{"signalId", signal.signalId},
+                     {"part", label->part == SignalPart::time ? "time" : "data"},
+                     {"dataType", dataTypeName(signal.dataType)},
+                     {"category", categoryName(signal.category)},
+                     {"name", signal.name},
+                     {"unit", signal.unit}});
+  }
+  std::sort(parts.begin(), parts.end());
+  return ::arrow::key_value_metadata({"kyr.signals"}, {parts.dump()});
 }
 
 void SharedStream::dropFront(std::size_t rows, std::size_t batches) {
@@ -195,9 +213,11 @@ void SharedStream::seal() {
   if (sealed_) return;
   writeAll();
   if (!file_) openFile();
-  file_->publish();
-  if (store_->options().sync != SafeStorage::Sync::never) sync();
-  file_->finish();
+  if (!file_->isFinished()) {  // it is, if closing it failed before
+    file_->publish();
+    if (store_->options().sync != SafeStorage::Sync::never) sync();
+    file_->finish();
+  }
   file_.reset();
   store_->countOpen(-1);
   dropFront(memory_->rows(), 0);

@@ -7,11 +7,13 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <unordered_set>
 #include <vector>
 
 #include "streaming/GrowingFile.h"
 #include "streaming/RowStore.h"
 #include "streaming/SharedStore.h"
+#include "streaming/SignalLabel.h"
 
 namespace kyr::parquet {
 
@@ -121,6 +123,11 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
     return parent_ != nullptr && key_ == endKey(key_.row) ? parent_ : nullptr;
   }
 
+  /// The parts that share the stream. What they are called is written into the file when it is
+  /// made, with its first batch.
+  void join(const PartLabel* label) { labels_.insert(label); }
+  void part(const PartLabel* label) { labels_.erase(label); }
+
   /// Makes the stream known among those that begin in nothing.
   void hangUnderRoot(Forks& roots, const ForkKey& key);
 
@@ -136,6 +143,7 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   // Writes the first rows that are not on disk.
   void writeRows(std::size_t count);
   void openFile();
+  std::shared_ptr<const ::arrow::KeyValueMetadata> describedParts() const;
   // Of the rows in memory.
   void dropFront(std::size_t rows, std::size_t batches);
   std::size_t unwritten() const { return static_cast<std::size_t>(rows() - diskRows_); }
@@ -152,6 +160,8 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   std::optional<RowStore> memory_;  // none before open()
   std::optional<RowStore> head_;
   bool sealed_ = false;
+
+  std::unordered_set<const PartLabel*> labels_;  // borrowed
 
   // Place in the tree. The map is the parent's, or a root's of the store.
   Forks forks_;

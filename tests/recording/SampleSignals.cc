@@ -113,7 +113,7 @@ std::vector<SampleSignal> sampleSignals() {
       const std::size_t index = signals.size();
       SignalDescription description{
           static_cast<int>(index) + 1,
-          recording::dataTypeName(kind.type) + " " + recording::categoryName(category),
+          dataTypeName(kind.type) + " " + categoryName(category),
           "°C",
           "line 1\nline \"2\"",
           {}};

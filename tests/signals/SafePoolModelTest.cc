@@ -11,10 +11,12 @@
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/parquet/StreamableSignal.h"
+#include "support/FaultyDisk.h"
 #include "support/TempDir.h"
 
 // Long random sequences of operations on a safe pool and on a plain model of it: every answer is
-// compared. KYR_MODEL_SEQUENCES sets how many sequences; KYR_MODEL_SEED runs a single one.
+// compared. KYR_MODEL_SEQUENCES sets how many sequences, KYR_MODEL_SEED runs a single one, and
+// KYR_FAULT_SEQUENCES sets how many are run with each of their calls failing in turn.
 
 namespace kyr::parquet {
 namespace {
@@ -134,16 +136,17 @@ struct Model {
 // A pool beside its model.
 class Replay {
  public:
-  explicit Replay(std::size_t batchRows)
-      : pool_(dir_.path(), [&] {
-          SafeStorage storage;
-          storage.batchRows = batchRows;
-          return storage;
-        }()) {}
+  /// \param failAt  the call of the system that fails, once; 0 for none
+  explicit Replay(std::size_t batchRows, int failAt = 0, int error = ENOSPC)
+      : failAt_(failAt), error_(error), pool_(dir_.path(), storageOf(batchRows, failAt)) {}
+
+  /// Whether the call that was to fail was reached.
+  bool hasFailed() const { return hasFailed_; }
 
   // What went wrong, if anything did.
   std::optional<std::string> play(const std::vector<Op>& ops) {
     std::size_t number = 0;
+    test::faultyDisk::start({failAt_, 1, error_, failAt_ % 2 == 0, /*alsoOpening=*/true});
     try {
       for (const Op& op : ops) {
         apply(op);
@@ -151,19 +154,43 @@ class Replay {
         ++number;
       }
       readAll("before the end");
-      pool_.serializeSignalRecords();
+      attempt([&] { pool_.serializeSignalRecords(); });
+      test::faultyDisk::stop();
       readAll("after the end");
       if (failure_.empty()) checkSharing();
       held_.clear();
       for (auto& [id, model] : models_) pool_.deleteSignal(id);
       if (failure_.empty() && !dir_.names().empty()) fail("files are left");
     } catch (const std::exception& error) {
+      test::faultyDisk::stop();
       return "operation " + std::to_string(number) + " threw: " + error.what();
     }
     return failure_.empty() ? std::nullopt : std::optional<std::string>(failure_);
   }
 
  private:
+  static SafeStorage storageOf(std::size_t batchRows, int failAt) {
+    SafeStorage storage;
+    storage.batchRows = batchRows;
+    if (failAt > 0) storage.sync = SafeStorage::Sync::flush;
+    return storage;
+  }
+
+  // A call that fails because of the disk says so, and does the same when it is repeated.
+  template <typename Call>
+  void attempt(Call&& call) {
+    try {
+      return call();
+    } catch (const std::runtime_error& error) {
+      if (failAt_ == 0 || hasFailed_) throw;
+      hasFailed_ = true;
+      if (std::string(error.what()).find(dir_.path().toNarrow()) == std::string::npos) {
+        fail("the error names no file: " + std::string(error.what()));
+      }
+    }
+    call();
+  }
+
   void fail(const std::string& text) {
     if (failure_.empty()) failure_ = text;
   }
@@ -188,7 +215,7 @@ class Replay {
         const Chunk chunk = chunkOf(kTime, rows);
         std::vector<double> times(rows.size() + 1);
         std::memcpy(times.data(), chunk.bytes.data(), chunk.bytes.size());
-        stream.appendTime(times.data(), rows.size());
+        attempt([&] { stream.appendTime(times.data(), rows.size()); });
         break;
       }
       case Op::data: {
@@ -199,20 +226,22 @@ class Replay {
           model.data.resize(model.data.size() - rows.size());
           break;
         }
-        stream.appendData(chunk.bytes.data(), chunk.bytes.size(), chunk.dims, chunk.sizes);
+        attempt([&] {
+          stream.appendData(chunk.bytes.data(), chunk.bytes.size(), chunk.dims, chunk.sizes);
+        });
         break;
       }
       case Op::finish:
-        stream.finish();
+        attempt([&] { stream.finish(); });
         break;
       case Op::finishPart:
-        stream.finish(op.a % 2 == 0 ? Part::time : Part::data);
+        attempt([&] { stream.finish(op.a % 2 == 0 ? Part::time : Part::data); });
         break;
       case Op::flush:
-        stream.flush();
+        attempt([&] { stream.flush(); });
         break;
       case Op::flushAll:
-        pool_.flush();
+        attempt([&] { pool_.flush(); });
         break;
       case Op::read:
         read(op.signal, model, op.a, op.b, "read");
@@ -273,15 +302,13 @@ class Replay {
         if (dims.size() == 1) dims.push_back({0});
         if (dims.size() != chunk.sizes.size()) return;
       }
-      const bool isTaken = whole->hasData();
       if (bytes.empty()) return;
-      try {
-        whole->setData(times, bytes, dims, chunk.sizes);
-        if (isTaken) fail("a second setData was taken");
-        model = fresh;
-      } catch (const std::runtime_error&) {
-        if (!isTaken) throw;
+      if (whole->hasData()) {
+        EXPECT_THROW(whole->setData(times, bytes, dims, chunk.sizes), std::runtime_error);
+        return;
       }
+      attempt([&] { whole->setData(times, bytes, dims, chunk.sizes); });
+      model = fresh;
       return;
     }
     readWhole(op.signal, model, "read");
@@ -293,7 +320,7 @@ class Replay {
     std::vector<Shape> dims;
     std::vector<int> sizes;
     const auto whole = pool_.getSignal(id);
-    whole->getData(time, bytes, dims, sizes);
+    attempt([&] { whole->getData(time, bytes, dims, sizes); });
     std::vector<char> timeBytes(time.size() * sizeof(double));
     if (!time.empty()) std::memcpy(timeBytes.data(), time.data(), timeBytes.size());
     compare(model.time, rowsOf(kTime, timeBytes, {}, {}), when + ", time", id);
@@ -321,8 +348,8 @@ class Replay {
     std::vector<Shape> dims;
     std::vector<int> sizes;
     StreamableSignal& stream = signal(id);
-    stream.getTime(from, from + count, time);
-    stream.getData(from, from + count, bytes, dims, sizes);
+    attempt([&] { stream.getTime(from, from + count, time); });
+    attempt([&] { stream.getData(from, from + count, bytes, dims, sizes); });
     compare(cut(model.time), rowsOf(kTime, time, {}, {}), when + ", time", id);
     compare(cut(model.data), rowsOf(kindOf(id), bytes, dims, sizes), when + ", data", id);
   }
@@ -367,6 +394,9 @@ class Replay {
     }
   }
 
+  int failAt_;
+  int error_;
+  bool hasFailed_ = false;
   test::TempDir dir_;
   SignalPool pool_;
   std::map<int, std::shared_ptr<StreamableSignal>> held_;
@@ -443,6 +473,21 @@ TEST(SafePoolModel, EveryAnswerIsThatOfThePlainModel) {
     for (const Op& op : few) text += "\n  " + describe(op);
     FAIL() << "seed " << seed << ", batches of " << batchRows << ": "
            << Replay(batchRows).play(few).value_or("passes alone") << text;
+  }
+}
+
+// The n-th call of the system fails, for n = 1, 2, 3, ... until there are no more.
+TEST(SafePoolModel, WhateverCallFailsNothingIsLostAndTheSameCallSucceedsAfterwards) {
+  for (unsigned seed = 1; seed <= numberFrom("KYR_FAULT_SEQUENCES", 2); ++seed) {
+    const std::vector<Op> ops = sequenceOf(seed * 5, 60);
+    int failAt = 1;
+    for (bool isReached = true; isReached; ++failAt) {
+      Replay replay(1 + seed % 5, failAt, failAt % 3 == 0 ? EIO : ENOSPC);
+      const auto failure = replay.play(ops);
+      ASSERT_FALSE(failure) << "seed " << seed << ", call " << failAt << ": " << *failure;
+      isReached = replay.hasFailed();
+    }
+    EXPECT_GT(failAt, 10);
   }
 }
 

@@ -1,10 +1,12 @@
 #include "support/FaultyDisk.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdarg>
 
 namespace kyr::test::faultyDisk {
 
@@ -25,6 +27,8 @@ bool fails() {
   return true;
 }
 
+bool opensFail() { return state.plan.alsoOpening && fails(); }
+
 template <typename Function>
 Function* next(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -43,6 +47,7 @@ int stop() {
 
 using kyr::test::faultyDisk::fails;
 using kyr::test::faultyDisk::next;
+using kyr::test::faultyDisk::opensFail;
 using kyr::test::faultyDisk::state;
 
 extern "C" {
@@ -65,6 +70,23 @@ ssize_t pread(int file, void* out, size_t size, off_t offset) {
 
 int ftruncate(int file, off_t size) noexcept {
   return fails() ? -1 : next<int(int, off_t)>("ftruncate")(file, size);
+}
+
+int open(const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if ((flags & O_CREAT) != 0) {
+    va_list arguments;
+    va_start(arguments, flags);
+    mode = va_arg(arguments, mode_t);
+    va_end(arguments);
+  }
+  return opensFail() ? -1 : next<int(const char*, int, mode_t)>("open")(path, flags, mode);
+}
+
+// As on a disk that finds out late that it is full: the descriptor is gone all the same.
+int close(int file) {
+  const int result = next<decltype(close)>("close")(file);
+  return opensFail() ? -1 : result;
 }
 
 int fdatasync(int file) { return fails() ? -1 : next<decltype(fdatasync)>("fdatasync")(file); }

@@ -11,6 +11,7 @@ struct Plan {
   int failures = 1;  ///< how many calls fail from there on
   int error = ENOSPC;
   bool shortWrites = false;  ///< writes transfer a part, the failing one as well
+  bool alsoOpening = false;  ///< whether opening and closing files count, too
 };
 
 /// Counts calls from 0 and lets them fail as planned.

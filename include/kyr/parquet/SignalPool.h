@@ -96,6 +96,14 @@ class KYR_PARQUET_EXPORT SignalPool {
   /// \throws std::invalid_argument for an empty id array; signals made before it stay
   void deserializeSignalRecords(const std::string& text);
 
+  /// \brief Name and unit of signal \p id, which need not exist yet: UTF-8, for the files to carry.
+  ///
+  /// A file of a pool with SafeStorage says in its key-value metadata, under "kyr.signals", to
+  /// which parts of which signals it belonged when it was made. Without SafeStorage nothing says
+  /// it.
+  /// \throws std::invalid_argument if a text is no valid UTF-8
+  void describeSignal(const int& id, const std::string& name, const std::string& unit);
+
   /// \brief Bring all rows of all signals to disk, in files that are complete, and go on.
   ///
   /// See StreamableSignal::flush(). Does nothing in a pool without signals.
