@@ -14,6 +14,7 @@
 
 #include "schema/TypeNames.h"
 #include "streaming/BatchRecord.h"
+#include "streaming/PlainFile.h"
 
 namespace kyr::parquet {
 
@@ -211,17 +212,39 @@ void SharedStream::flush() {
 
 void SharedStream::seal() {
   if (sealed_) return;
-  writeAll();
-  if (!file_) openFile();
-  if (!file_->isFinished()) {  // it is, if closing it failed before
-    file_->publish();
-    if (store_->options().sync != SafeStorage::Sync::never) sync();
-    file_->finish();
+  const bool isNew = !file_;
+  if (isNew) {
+    writeWhole();
+  } else {
+    writeAll();
+    if (!file_->isFinished()) {  // it is, if closing it failed before
+      file_->publish();
+      if (store_->options().sync != SafeStorage::Sync::never) sync();
+      file_->finish();
+    }
+    file_.reset();
+    store_->countOpen(-1);
   }
-  file_.reset();
-  store_->countOpen(-1);
   dropFront(memory_->rows(), 0);
   sealed_ = true;
+  if (isNew) store_->noteWrite(/*isNewFile=*/true);
+}
+
+// Nothing went to disk before, so nothing must be complete in between.
+void SharedStream::writeWhole() {
+  std::vector<std::shared_ptr<::arrow::Table>> tables;
+  std::vector<Batch> batches;
+  const std::size_t rowsInAll = memory_->rows();
+  for (std::size_t from = 0; from < rowsInAll;) {
+    const std::size_t count = std::min(rowsInAll - from, batchLength(0));
+    tables.push_back(memory_->table(from, count));
+    batches.push_back({from, from + count, digestOf(memory_->slice(from, count))});
+    from += count;
+  }
+  writePlainFile(store_->fileOf(id_), schema().schema, store_->properties(compression_),
+                 describedParts(), tables, store_->options().sync != SafeStorage::Sync::never);
+  batches_ = std::move(batches);
+  diskRows_ = rowsInAll;
 }
 
 void SharedStream::sync() {

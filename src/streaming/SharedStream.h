@@ -142,6 +142,7 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   void writeAll();
   // Writes the first rows that are not on disk.
   void writeRows(std::size_t count);
+  void writeWhole();
   void openFile();
   std::shared_ptr<const ::arrow::KeyValueMetadata> describedParts() const;
   // Of the rows in memory.
