@@ -11,7 +11,7 @@
 
 #include "kyr/parquet/DirectoryUtilities.h"
 #include "kyr/parquet/ParquetSignal.h"
-#include "kyr/parquet/SerializationOptions.h"
+#include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/StreamableSignal.h"
 #include "kyr/platform/FeatureFlag.h"
 #include "kyr/recording/Recording.h"
@@ -26,19 +26,6 @@ namespace kyr::recording {
 namespace fs = std::filesystem;
 
 namespace {
-
-// Sets the process-wide time layout for as long as it lives.
-class TimeLayout {
- public:
-  explicit TimeLayout(bool shared)
-      : before_(std::exchange(parquet::serialization_options::bSharedTimeColumn, shared)) {}
-  ~TimeLayout() { parquet::serialization_options::bSharedTimeColumn = before_; }
-  TimeLayout(const TimeLayout&) = delete;
-  TimeLayout& operator=(const TimeLayout&) = delete;
-
- private:
-  bool before_;
-};
 
 // A new directory for the private copy. Whatever happens to the pool's files, the directory goes
 // once it is empty.
@@ -111,13 +98,10 @@ class Recording::Impl {
       }
       if (rowGroupMode()) splitTimeColumns(wanted);
       openPool();
+      addSignals(wanted);
     } catch (...) {
       working.clear();
       throw;
-    }
-    for (const auto sharedTime :
-         {std::optional(true), std::optional(false), std::optional<bool>()}) {
-      addSignals(wanted, sharedTime);
     }
   }
 
@@ -156,46 +140,25 @@ class Recording::Impl {
     return largest;
   }
 
-  // A whole-file pool opened over files gives the largest of their ids to the next signal. An empty
-  // file of the next id, and a throw-away signal that takes that id and gives it back, move the
-  // pool's counter past every id of the recording. A row-group pool goes on after the largest by
-  // itself.
+  // New signals take ids behind all of the recording's, also behind those that were not copied.
   void openPool() {
-    if (rowGroupMode() || info.files.empty()) {
-      pool = std::make_unique<parquet::SignalPool>(working.path());
-      return;
-    }
-    writeTextFile(working.path().toFilesystem() / std::to_string(largestId() + 1), "");
-    pool = std::make_unique<parquet::SignalPool>(working.path());
-    constexpr int kThrowAwayId = std::numeric_limits<int>::min();
-    const auto signal = pool->getSignal(kThrowAwayId);
-    signal->setDataType(UInt8);
-    signal->setCategory(Scalar);
-    signal->setData({}, {0}, {}, {});
-    signal->resetData();
-    pool->deleteSignal(kThrowAwayId);
+    const fs::path last = working.path().toFilesystem() / std::to_string(largestId() + 1);
+    const bool isNew = !fs::exists(last);
+    if (isNew) writeTextFile(last, "");
+    pool = std::make_unique<parquet::SignalPool>(working.path(), parquet::SafeStorage());
+    if (isNew) fs::remove(last);
   }
 
-  // Whether the signal's time is in a file of its own; empty for a signal without files.
-  static std::optional<bool> hasSharedTime(const SignalInfo& signal) {
-    if (!signal.dataStorageId && !signal.timeStorageId) return std::nullopt;
-    return signal.timeStorageId.has_value();
-  }
-
-  // Adds the signals of one time layout, which a signal takes over at the moment it is made.
-  void addSignals(const std::vector<SignalInfo>& signals, std::optional<bool> sharedTime) {
-    using parquet::serialization_options::bSharedTimeColumn;
-    const TimeLayout layout(sharedTime.value_or(bSharedTimeColumn));
+  void addSignals(const std::vector<SignalInfo>& signals) {
     std::vector<parquet::SignalRecord> records;
     for (const SignalInfo& signal : signals) {
-      if (sharedTime && hasSharedTime(signal) == sharedTime) {
-        records.push_back({signal.signalId, signal.timeStorageId.value_or(parquet::kNoStorage),
-                           signal.dataStorageId.value_or(parquet::kNoStorage)});
-      }
+      pool->describeSignal(signal.signalId, signal.name, signal.unit);
+      if (!signal.timeStorageId && !signal.dataStorageId) continue;
+      records.push_back({signal.signalId, signal.timeStorageId.value_or(parquet::kNoStorage),
+                         signal.dataStorageId.value_or(parquet::kNoStorage)});
     }
     pool->deserializeSignalRecords(parquet::writeSignalRecords(records));
     for (const SignalInfo& signal : signals) {
-      if (hasSharedTime(signal) != sharedTime) continue;
       if (rowGroupMode()) {
         describe(*pool->getStreamableSignal(signal.signalId), signal);
       } else {

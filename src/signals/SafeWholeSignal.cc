@@ -1,6 +1,6 @@
 #include "signals/SafeWholeSignal.h"
 
-#include <arrow/status.h>
+#include <arrow/api.h>
 
 #include <cstring>
 #include <limits>
@@ -29,6 +29,21 @@ std::vector<std::vector<std::uint64_t>> shapesOf(const WholeSignal::Dims& dims,
   if (sizes.empty()) samples = perSample == 0 ? 1 : elements / perSample;
   shapes.resize(samples, shapes.front());
   return shapes;
+}
+
+// Files that others made may have the times beside the samples.
+void takeTimeColumn(const std::vector<std::shared_ptr<::arrow::Table>>& tables,
+                    std::vector<double>& time) {
+  bool isFirst = true;
+  for (const auto& table : tables) {
+    const auto column = table->GetColumnByName(columnNames::time);
+    if (!column || column->type()->id() != ::arrow::Type::DOUBLE) return;
+    if (std::exchange(isFirst, false)) time.clear();
+    for (const auto& chunk : column->chunks()) {
+      const auto& values = static_cast<const ::arrow::DoubleArray&>(*chunk);
+      time.insert(time.end(), values.raw_values(), values.raw_values() + values.length());
+    }
+  }
 }
 
 }  // namespace
@@ -83,7 +98,9 @@ void SafeWholeSignal::getData(std::vector<double>& time, std::vector<char>& data
     if (!time.empty()) std::memcpy(time.data(), rows.bytes.data(), rows.bytes.size());
   }
   if (!data_.id()) return;
-  PartRows rows(data_.read(0, kAll));
+  const auto tables = data_.read(0, kAll);
+  if (!time_.id()) takeTimeColumn(tables, time);
+  PartRows rows(tables);
   data = std::move(rows.bytes);
   if (rows.dimensions) dims.assign(rows.dimensions->begin(), rows.dimensions->end());
   lengths = std::move(rows.sizes);

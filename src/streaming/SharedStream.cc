@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "schema/TypeNames.h"
+#include "storage/WriteTrace.h"
 #include "streaming/BatchRecord.h"
 #include "streaming/PlainFile.h"
 
@@ -161,6 +162,7 @@ void SharedStream::writeAll() {
 }
 
 void SharedStream::writeRows(std::size_t count) {
+  const auto span = traceBatch();
   const bool isNew = !file_;
   if (isNew) openFile();
   const std::size_t from = memory_->rows() - unwritten();
@@ -232,6 +234,7 @@ void SharedStream::seal() {
 
 // Nothing went to disk before, so nothing must be complete in between.
 void SharedStream::writeWhole() {
+  const auto span = traceBatch();
   std::vector<std::shared_ptr<::arrow::Table>> tables;
   std::vector<Batch> batches;
   const std::size_t rowsInAll = memory_->rows();

@@ -9,13 +9,13 @@
 #include <stdexcept>
 #include <utility>
 
+#include "ColumnStore.h"
 #include "Commands.h"
 #include "Errors.h"
 #include "Output.h"
 #include "ProgressBar.h"
 #include "RecordingSummary.h"
 #include "Settings.h"
-#include "SignalStore.h"
 #include "TemporaryFolder.h"
 #include "Text.h"
 #include "TypeNames.h"
@@ -81,7 +81,6 @@ int runImport(const ImportOptions& options) {
 
 void importCsv(const ImportOptions& options) {
   applySettings(options.settings);
-  const ::arrow::Compression::type codec = parquet::serialization_options::compressionMethod;
   if (options.stream && !parquet::serialization_options::bSharedTimeColumn) {
     throw UsageError("--set SharedTimeColumn=false: streamed signals always share times");
   }
@@ -96,20 +95,12 @@ void importCsv(const ImportOptions& options) {
                              ": no column holds numbers, so there is nothing to store");
   }
   const TemporaryFolder storage;
-  const StreamingMode mode(options.stream.has_value());
-  parquet::SignalPool pool(storage.path());
-  SignalStore whole(pool, codec, !parquet::serialization_options::bSharedTimeColumn);
-  StreamedStore streamed(pool, codec, options.stream.value_or(StreamOptions()));
+  ColumnStore store(storage.path(), options.stream);
   std::vector<recording::SignalDescription> descriptions;
   for (CsvColumn& column : table.columns()) {
     bar.show("storing", static_cast<double>(descriptions.size()) /
                             static_cast<double>(table.columns().size()));
-    const Samples samples = table.samplesOf(column);
-    if (options.stream) {
-      streamed.store(column, samples);
-    } else {
-      whole.store(column, samples);
-    }
+    store.store(column, table.samplesOf(column));
     column.cells.reset();
     recording::SignalDescription description;
     description.signalId = column.id;
@@ -118,7 +109,7 @@ void importCsv(const ImportOptions& options) {
     descriptions.push_back(std::move(description));
   }
   bar.show("saving", 1);
-  recording::saveRecording(pool, descriptions, folder);
+  recording::saveRecording(store.pool(), descriptions, folder);
 }
 
 void addImportCommand(CLI::App& app, Action& action) {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "ColumnStore.h"
 #include "CsvTable.h"
-#include "StreamedStore.h"
 
 namespace kyr::tool {
 
