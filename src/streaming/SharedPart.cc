@@ -40,7 +40,7 @@ SharedPart& SharedPart::operator=(SharedPart&& other) noexcept {
   batchRows_ = other.batchRows_;
   compression_ = other.compression_;
   isOpened_ = other.isOpened_;
-  checkedSchema_ = other.checkedSchema_;
+  checkedSchema_ = std::move(other.checkedSchema_);
   scratch_ = std::move(other.scratch_);
   return *this;
 }
@@ -69,14 +69,14 @@ void SharedPart::openStream() {
 void SharedPart::append(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width) {
   if (chunk.rows == 0) return;
   openStream();
-  if (stream_ && checkedSchema_ != schema.schema.get()) {
+  if (stream_ && checkedSchema_ != schema.schema) {
     if (!stream_->schema().schema->Equals(*schema.schema)) {
       throw std::invalid_argument(
           fmt::format("the signal's data type or category changed while samples were being "
                       "appended: they are {}, before {}",
                       schema.schema->ToString(), stream_->schema().schema->ToString()));
     }
-    checkedSchema_ = schema.schema.get();
+    checkedSchema_ = schema.schema;
   }
   RowSlice rows;
   if (schema.kind == ColumnKind::flat) {
@@ -84,7 +84,7 @@ void SharedPart::append(const SampleSchema& schema, const SampleChunk& chunk, st
     rows.elements = chunk.data;
     rows.bytes = chunk.rows * width;
   } else {
-    if (!scratch_) scratch_.emplace(schema, width);
+    if (!scratch_ || scratch_->schema().schema != schema.schema) scratch_.emplace(schema, width);
     scratch_->truncate(0);
     scratch_->append(chunk);
     rows = scratch_->slice();
@@ -245,7 +245,7 @@ void SharedPart::reset() {
   pending_.reset();
   equalRows_ = 0;
   isOpened_ = true;
-  checkedSchema_ = nullptr;
+  checkedSchema_.reset();
 }
 
 std::vector<std::shared_ptr<::arrow::Table>> SharedPart::read(std::uint64_t from,

@@ -88,7 +88,7 @@ class SharedPart {
   std::unique_ptr<PartLabel> label_;
   std::shared_ptr<SharedStream> stream_;
   bool isOpened_ = true;  // false for a file that was taken over, before its first use
-  const ::arrow::Schema* checkedSchema_ = nullptr;  // the last one that fitted
+  std::shared_ptr<::arrow::Schema> checkedSchema_;  // the last one that fitted
   std::optional<RowStore> scratch_;                 // for chunks whose rows must be counted
   std::uint64_t equalRows_ = 0;                     // of the stream, that are this part's
   std::optional<RowStore> pending_;                 // rows behind them

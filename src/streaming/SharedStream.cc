@@ -199,8 +199,11 @@ void SharedStream::dropFront(std::size_t rows, std::size_t batches) {
   if (rows == 0) return;
   if (!head_) {
     constexpr std::size_t kHeadRows = 64;
+    constexpr std::size_t kHeadBytes = 16384;
+    std::size_t count = std::min(rows, kHeadRows);
+    while (memory_->slice(0, count).bytes > kHeadBytes) count /= 2;
     head_.emplace(schema(), width_);
-    head_->append(memory_->slice(0, std::min(rows, kHeadRows)));
+    head_->append(memory_->slice(0, count));
   }
   memory_->dropFront(rows, batches);
   memoryStart_ += rows;
