@@ -176,6 +176,7 @@ BENCHMARK(appendInTurnToSafePool)
     ->ArgNames({"signals", "rows", "chunk"})
     ->Args({1'000, 10'000, 1})
     ->Args({1'000, 100'000, 100})
+    ->Args({1'000, 1'000'000, 100})
     ->UseManualTime()
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);

@@ -11,6 +11,7 @@
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/parquet/StreamableSignal.h"
+#include "kyr/platform/FeatureFlag.h"
 #include "support/FaultyDisk.h"
 #include "support/TempDir.h"
 
@@ -30,12 +31,17 @@ struct Kind {
   std::size_t width;
 };
 
-// All categories, element widths of all sizes, both forms of blobs.
+// All data types and categories.
 constexpr Kind kKinds[] = {
-    {Scalar, Double, 8}, {Scalar, Int8, 1},     {Scalar, Boolean, 1},   {Scalar, UInt64Alt, 8},
-    {Scalar, Single, 4}, {FixedDim, UInt16, 2}, {FixedDim, Double, 8},  {VarDim, Double, 8},
-    {VarDim, Int32, 4},  {Bus, Binary, 1},      {VarDimBus, Binary, 1}, {FixedDim, Binary, 1},
-    {Scalar, Int64, 8},  {VarDim, UInt8, 1},    {Scalar, UInt32, 4},    {Bus, ByteString, 1},
+    {Scalar, Double, 8},    {Scalar, Single, 4},        {Scalar, Int8, 1},
+    {Scalar, UInt8, 1},     {Scalar, Int16, 2},         {Scalar, UInt16, 2},
+    {Scalar, Int32, 4},     {Scalar, UInt32, 4},        {Scalar, Int64, 8},
+    {Scalar, UInt64, 8},    {Scalar, UInt64Alt, 8},     {Scalar, UInt32Alt, 4},
+    {Scalar, Boolean, 1},   {Scalar, ByteString, 1},    {Scalar, Binary, 1},
+    {FixedDim, UInt16, 2},  {FixedDim, Double, 8},      {FixedDim, Binary, 1},
+    {VarDim, Double, 8},    {VarDim, Int32, 4},         {VarDim, UInt8, 1},
+    {VarDim, Binary, 1},    {Bus, Binary, 1},           {Bus, ByteString, 1},
+    {VarDimBus, Binary, 1}, {VarDimBus, ByteString, 1},
 };
 
 struct Row {
@@ -459,6 +465,24 @@ TEST(SafePoolModel, ASignalThatWasResetTakesAnotherType) {
     signal->resetData();
     EXPECT_FALSE(signal->hasData());
   }
+}
+
+TEST(SafePoolModel, AFeatureFlagAsksForItToo) {
+  const test::TempDir dir;
+  {
+    SignalPool pool(dir.path());
+    EXPECT_THROW(pool.flush(), std::logic_error);
+  }
+  FeatureFlag::set("fKYRUseSafeStorage", true);
+  SignalPool pool(dir.path());
+  FeatureFlag::set("fKYRUseSafeStorage", false);
+  const double value = 1;
+  const auto signal = pool.getStreamableSignal(1);
+  signal->appendTime(&value, 1);
+  pool.flush();
+  EXPECT_THAT(dir.names(), ::testing::ElementsAre("0"));
+  EXPECT_EQ(pool.getSignal(1), nullptr);
+  EXPECT_NE(pool.getSignal(2), nullptr);
 }
 
 // Leaves out what is not needed for the sequence to fail.
