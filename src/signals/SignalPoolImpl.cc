@@ -195,6 +195,7 @@ void SignalPoolImpl::flush() {
     }
   }
   if (store->options().sync != SafeStorage::Sync::never) store->sync();
+  store->noteFlush();
 }
 
 std::string SignalPoolImpl::serializeSignalRecords() const {

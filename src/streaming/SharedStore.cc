@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "platform/DiskFile.h"
@@ -81,6 +82,23 @@ void SharedStore::sync() {
   if (hasNewFiles_) syncDirectoryOf(fileOf(0));
   hasNewFiles_ = false;
   lastSync_ = std::chrono::steady_clock::now();
+}
+
+void SharedStore::removeFile(int id) noexcept {
+  if (keepsFiles_) return;
+  if (options_.keepsFiles) {
+    condemned_.push_back(id);
+    return;
+  }
+  std::error_code ignored;
+  std::filesystem::remove(fileOf(id), ignored);
+}
+
+void SharedStore::noteFlush() noexcept {
+  std::error_code ignored;
+  for (const int id : condemnedBefore_) std::filesystem::remove(fileOf(id), ignored);
+  condemnedBefore_ = std::move(condemned_);
+  condemned_.clear();
 }
 
 void SharedStore::forEachStream(const std::function<void(SharedStream&)>& visit) const {

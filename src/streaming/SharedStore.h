@@ -15,6 +15,7 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/parquet/SafeStorage.h"
@@ -84,7 +85,11 @@ class SharedStore {
 
   /// From now on no file is deleted.
   void keepFiles() { keepsFiles_ = true; }
-  bool keepsFiles() const { return keepsFiles_; }
+
+  /// Deletes a file that no part has any more. Where files are kept, whoever keeps a list of them
+  /// may have named it after the last flush, so it stays until there were two more.
+  void removeFile(int id) noexcept;
+  void noteFlush() noexcept;
 
   /// Calls \p visit with each stream that a signal has.
   void forEachStream(const std::function<void(SharedStream&)>& visit) const;
@@ -105,6 +110,8 @@ class SharedStore {
   std::unordered_map<int, std::weak_ptr<SharedStream>> streams_;
   std::list<std::pair<int, std::shared_ptr<StoredRows>>> stored_;  // the last used first
   bool keepsFiles_ = false;
+  std::vector<int> condemned_;        // since the last flush
+  std::vector<int> condemnedBefore_;  // between the two last ones
   int openFiles_ = 0;
   bool hasNewFiles_ = false;
   std::chrono::steady_clock::time_point lastSync_ = std::chrono::steady_clock::now();

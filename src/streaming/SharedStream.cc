@@ -94,9 +94,7 @@ SharedStream::~SharedStream() {
   if (file_) store_->countOpen(-1);
   file_.reset();
   store_->forget(id_);
-  if (store_->keepsFiles()) return;
-  std::error_code ignored;
-  std::filesystem::remove(store_->fileOf(id_), ignored);
+  store_->removeFile(id_);
 }
 
 void SharedStream::hangUnder(Forks& forks, SharedStream* parent, const ForkKey& key) {

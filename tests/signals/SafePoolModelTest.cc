@@ -13,6 +13,7 @@
 #include "kyr/parquet/StreamableSignal.h"
 #include "kyr/platform/FeatureFlag.h"
 #include "support/FaultyDisk.h"
+#include "support/ParquetFiles.h"
 #include "support/TempDir.h"
 
 // Long random sequences of operations on a safe pool and on a plain model of it: every answer is
@@ -465,6 +466,27 @@ TEST(SafePoolModel, ASignalThatWasResetTakesAnotherType) {
     signal->resetData();
     EXPECT_FALSE(signal->hasData());
   }
+}
+
+TEST(SafePoolModel, AKeptFileOutlastsTheNextFlushAndThePool) {
+  const test::TempDir dir;
+  SafeStorage storage;
+  storage.keepsFiles = true;
+  const double values[] = {1, 2, 3};
+  {
+    SignalPool pool(dir.path(), storage);
+    const auto signal = pool.getStreamableSignal(1);
+    signal->appendTime(values, 2);
+    signal->finish();
+    pool.flush();
+    signal->appendTime(&values[2], 1);  // beyond the end of the finished file
+    pool.flush();
+    EXPECT_THAT(dir.names(), ::testing::ElementsAre("0", "1"));
+    pool.flush();
+    EXPECT_THAT(dir.names(), ::testing::ElementsAre("1"));
+    signal->appendTime(values, 3);
+  }
+  EXPECT_EQ(test::metadataOf(dir.file("1"))->num_rows(), 6);
 }
 
 TEST(SafePoolModel, AFeatureFlagAsksForItToo) {
