@@ -4,6 +4,7 @@
 #include <arrow/status.h>
 
 #include <exception>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -24,7 +25,13 @@ inline std::string reasonOf(const ::arrow::Status& status) {
   return status.detail() ? status.detail()->ToString() : status.message();
 }
 
+/// Lack of memory is the same wherever it shows.
+inline void throwIfOutOfMemory(const ::arrow::Status& status) {
+  if (status.IsOutOfMemory()) throw std::bad_alloc();
+}
+
 inline void check(const ::arrow::Status& status) {
+  throwIfOutOfMemory(status);
   if (!status.ok()) throw std::runtime_error(status.message());
 }
 

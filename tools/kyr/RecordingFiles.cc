@@ -13,6 +13,7 @@
 
 #include "Errors.h"
 #include "Interrupt.h"
+#include "Span.h"
 #include "Text.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/SchemaBuilder.h"
@@ -31,18 +32,20 @@ constexpr std::int64_t kSliceRows = 65536;
   throw std::runtime_error(file + ": " + what);
 }
 
-template <typename T>
-T checkRead(::arrow::Result<T> result, const std::string& file) {
-  if (!result.ok()) fail(file, "cannot be read: " + result.status().message());
-  return std::move(result).ValueUnsafe();
+void checkRead(const ::arrow::Status& status, const std::string& file) {
+  throwIfOutOfMemory(status);
+  if (!status.ok()) fail(file, "cannot be read: " + status.message());
 }
 
-void checkRead(const ::arrow::Status& status, const std::string& file) {
-  if (!status.ok()) fail(file, "cannot be read: " + status.message());
+template <typename T>
+T checkRead(::arrow::Result<T> result, const std::string& file) {
+  checkRead(result.status(), file);
+  return std::move(result).ValueUnsafe();
 }
 
 std::string checksumOf(::arrow::io::RandomAccessFile& file, std::int64_t size,
                        const std::string& path) {
+  const Span span("compare with checksum");
   constexpr std::int64_t kPieceBytes = 1 << 20;
   std::vector<char> piece(static_cast<std::size_t>(std::min(size, kPieceBytes)));
   XXH3_state_t state;
@@ -110,6 +113,7 @@ ColumnReader::ColumnReader(std::string file, std::unique_ptr<::parquet::arrow::F
 
 std::shared_ptr<::arrow::Array> ColumnReader::next() {
   stopIfInterrupted();
+  const Span span("read");
   std::shared_ptr<::arrow::RecordBatch> batch;
   do {
     checkRead(batches_->ReadNext(&batch), file_);

@@ -2,7 +2,9 @@
 
 #include <arrow/type_fwd.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -25,14 +27,15 @@ struct OrderedTimes {
 class Resampling {
  public:
   /// Reads the times of all signals.
-  /// \throws std::runtime_error naming a signal whose times are no finite numbers, or if the step
-  ///         makes too many rows
+  /// \throws std::runtime_error naming a signal whose times are no finite numbers, if the step is
+  ///         finer than the times, or if the table would take more memory than there is
   Resampling(RecordingFiles& files, const std::vector<ExportSignal>& signals,
              const ResampleOptions& options);
 
   const std::vector<double>& grid() const { return grid_; }
 
-  /// The latest sample at or before each time; null before the first.
+  /// The latest sample at or before each time; null before the first. A sample is at a time that
+  /// differs from its own by no more than both are rounded.
   std::shared_ptr<::arrow::Array> hold(const ExportSignal& signal,
                                        const ::arrow::Array& samples) const;
 
@@ -42,11 +45,15 @@ class Resampling {
                                               const ::arrow::Array& samples) const;
 
  private:
+  using RequireMemory = std::function<void(std::size_t rows)>;
+
   void readTimes(RecordingFiles& files, const ExportSignal& signal);
-  void makeGrid(const ResampleOptions& options);
+  void makeSteps(double step, const RequireMemory& requireMemory);
+  void uniteTimes(const RequireMemory& requireMemory);
 
   std::map<StoredColumn, OrderedTimes> times_;
   std::vector<double> grid_;
+  double tolerance_ = 0;  ///< [s]
 };
 
 }  // namespace kyr::tool

@@ -12,6 +12,7 @@
 
 #include "Errors.h"
 #include "Interrupt.h"
+#include "Span.h"
 #include "StandardOutput.h"
 #include "Text.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
@@ -80,6 +81,7 @@ void TableWriter::open(const Target& target, const std::vector<std::string>& csv
 
 void TableWriter::checkWritten(const ::arrow::Status& status) const {
   if (status.ok()) return;
+  throwIfOutOfMemory(status);
   if (standardOutput_ && standardOutput_->isAbandoned()) throw OutputClosed();
   if (standardOutput_) throw std::runtime_error(status.message());
   throw std::runtime_error(fmt::format("{} cannot be written: {}", name_, reasonOf(status)));
@@ -87,6 +89,7 @@ void TableWriter::checkWritten(const ::arrow::Status& status) const {
 
 void TableWriter::write(const ::arrow::RecordBatch& batch) {
   stopIfInterrupted();
+  const Span span("write");
   checkWritten(parquet_ ? parquet_->WriteRecordBatch(batch) : other_->WriteRecordBatch(batch));
 }
 
@@ -101,6 +104,7 @@ void TableWriter::write(const ::arrow::Table& table) {
 }
 
 void TableWriter::close() {
+  const Span span("close");
   checkWritten(parquet_ ? parquet_->Close() : other_->Close());
   checkWritten(stream_->Close());
 }

@@ -1,3 +1,5 @@
+#include <parquet/exception.h>
+
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <filesystem>
@@ -17,6 +19,7 @@ namespace {
 
 constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
+constexpr const char* kNoMemory = "there is not enough memory";
 
 int fail(const std::string& message, int exitCode) {
   tell(message);
@@ -94,7 +97,9 @@ int runGuarded(int argc, char** argv) {
   } catch (const std::filesystem::filesystem_error& error) {
     return fail(textOf(error), kFailed);
   } catch (const std::bad_alloc&) {
-    return fail("there is not enough memory", kFailed);
+    return fail(kNoMemory, kFailed);
+  } catch (const ::parquet::ParquetStatusException& error) {
+    return fail(error.status().IsOutOfMemory() ? kNoMemory : error.what(), kFailed);
   } catch (const std::exception& error) {
     return fail(error.what(), kFailed);
   }
