@@ -51,8 +51,9 @@ def signals_of(recording):
         signal.update(columns(signal["dataStorageId"]))
         if signal["timeStorageId"] is not None:
             signal["time"] = columns(signal["timeStorageId"])["data"]
-        if (signal["dataType"], signal["category"]) == ("Boolean", "Scalar"):
-            signal["data"] = [value != 0 for value in signal["data"]]
+        if signal["dataType"] == "Boolean":
+            signal["data"] = [[item != 0 for item in value] if isinstance(value, list)
+                              else value != 0 for value in signal["data"]]
     return found
 
 

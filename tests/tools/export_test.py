@@ -79,9 +79,10 @@ class Long(ExportTest):
         self.assertEqual(sorted(os.listdir(self.folder / "out")),
                          ["signal=1.5", "signal=a%2Fb%3Dc%25d", "signal=x,%27y%7Bz}", "signal=ü"])
         self.assertEqual(os.listdir(self.folder / "out" / "signal=ü"), ["part-0.parquet"])
-        self.store("time,a,{}\n0,1,2\n".format("n" * 300))
+        self.store("time,a,{},__HIVE_DEFAULT_PARTITION__\n0,1,2,3\n".format("n" * 300))
         self.assertIn("too long", self.told("out", "--long", "--partition", "signal"))
-        self.assertEqual(os.listdir(self.folder / "out"), ["signal=a"])
+        self.assertEqual(sorted(os.listdir(self.folder / "out")),
+                         ["signal=%5F_HIVE_DEFAULT_PARTITION__", "signal=a"])
 
 
 class Resampled(ExportTest):
@@ -106,6 +107,17 @@ class Resampled(ExportTest):
         rows = rows_of(self.export("--resample", "0.1", "--method", "linear"))
         self.assertEqual([row[0] for row in rows[1:]], ["0", "0.1", "0.2", "0.3"])
         self.assertEqual(rows[-1][1], "4")
+        self.store("time,a\n1600000000,1\n1600000000.1,2\n1600000000.2,3\n1600000000.3,4\n")
+        self.assertEqual(self.export("--resample", "0.1"), self.cat())
+        self.fails("export", "rec", "-", "--resample", "1e-7", says=["1e-07", "longer steps"])
+        times, time = [], 0.0
+        for _ in range(1001):
+            times.append(time)
+            time += 0.01
+        self.store("time,a\n" + "".join(f"{t!r},{i}\n" for i, t in enumerate(times)))
+        for method in ("previous", "linear"):
+            rows = rows_of(self.export("--resample", "0.01", "--method", method))
+            self.assertEqual([float(row[1]) for row in rows[1:]], list(range(1001)))
         self.store("time,a\n0,-1e308\n1,1e308\n2,1e308\n")
         rows = rows_of(self.export("--resample", "0.5", "--method", "linear"))
         self.assertEqual([float(row[1]) for row in rows[1:]], [-1e308, 0, 1e308, 1e308, 1e308])
@@ -115,6 +127,16 @@ class Resampled(ExportTest):
         self.fails("export", "odd", "out", "falling", "--resample", "1",
                    says=['"falling"', "--long"])
         self.fails("export", "odd", "out", "late", "--resample", "1e-12", says=["1e-12", "rows"])
+        self.store("time," + ",".join("x" * n for n in range(1, 101)) +
+                   "".join(f"\n{time}{',1' * 100}" for time in (0, 2_000_000)))
+        self.fails("export", "rec", "-", "--resample", "0.001",
+                   says=["2,000,000,001 rows", "101 columns", "GB", "longer steps"])
+        limited = subprocess.run(
+            [KYR, "export", "rec", "-", "--resample", "1"], capture_output=True, text=True,
+            cwd=self.folder, env=self.environment(), check=False,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_AS, (10**9, 10**9)))
+        self.assertEqual((limited.returncode, limited.stderr),
+                         (1, "kyr: there is not enough memory\n"))
         self.assertEqual(rows_of(self.export("late", "17", "--resample", "union",
                                              recording="odd")),
                          [["time", "late", "twin"], ["0", "", "1"], ["1", "", "2"],
@@ -147,7 +169,7 @@ class Losses(ExportTest):
         self.assertEqual(header, "time,twin (17),twin (18),7 [m] []")
         self.assertIn("twin (18)", self.told("out", "17", "18", recording="odd"))
         self.store("t,time [h],Time\n0,1,2\n")
-        self.assertEqual(self.export().splitlines()[0], "time,time [h] [h],Time")
+        self.assertEqual(self.export().splitlines()[0], "time,time [h],Time")
 
     def test_damage_is_not_exported(self):
         self.store("time,a\n0,1\n1,2\n")
@@ -177,12 +199,14 @@ class Outputs(ExportTest):
         for out, options in (("file.csv", ()), ("folder", partition)):
             self.run_tool("export", "rec", out, *options)
             self.fails("export", "rec", out, *options, says=[out, "--force"])
+            (self.folder / out).chmod(0o740)
             self.run_tool("export", "rec", out, *options, "--force")
+        self.assertEqual((self.folder / "file.csv").stat().st_mode & 0o777, 0o740)
         before = self.entries()
         (self.folder / "folder" / "mine").touch()
         for out, options in (("folder", partition), ("folder", ()), ("rec", partition),
-                             ("file.csv", (*partition, "--format", "parquet")), ("rec/recording.json", ()),
-                             ("rec/storage/0", ()), ("no/where", ())):
+                             ("file.csv", (*partition, "--format", "parquet")),
+                             ("rec/recording.json", ("--format", "csv")), ("rec/storage/0", ()), ("no/where", ())):
             with self.subTest(out=out, options=options):
                 self.fails("export", "rec", out, *options, "--force", says=[out])
         self.run_tool("verify", "rec")
@@ -195,13 +219,33 @@ class Outputs(ExportTest):
                           ("--partition", "time", "--long"), ("--long", "--resample", "1"),
                           ("--format", "xml"), ("--format", "csv", "--compression", "zstd"),
                           ("--format", "arrow", "--compression", "snappy"),
-                          ("--compression", "lzo"),
+                          ("--compression", "lzo"), ("--set", "SharedTimeColumn=false"),
                           ("--format", "csv", "--long", "--partition", "signal")):
             with self.subTest(arguments):
                 self.fails("export", "rec", "out", *arguments, says=[], exit_code=2)
+        for out in ("x.tsv", "x.csv.gz", "x.XLSX"):
+            self.fails("export", "rec", out, says=[out, "--format"], exit_code=2)
         for out, says in (("-", "csv"), ("", "OUT"), ("new/", "file")):
             self.fails("export", "rec", out, "--format", "parquet", says=[says], exit_code=2)
         self.assertEqual(self.entries(), ["in.csv", "rec", "tmp"])
+
+    def test_endings_and_long_names(self):
+        for out, start in (("x.CSV", b"time"), ("x.Arrow", b"ARROW1"), ("ü" * 127, b"PAR1"),
+                           ("n" * 247 + ".parquet", b"PAR1")):
+            self.run_tool("export", "rec", out)
+            self.assertTrue((self.folder / out).read_bytes().startswith(start))
+
+    def test_a_folder_without_permission(self):
+        (self.folder / "locked").mkdir(mode=0o555)
+        self.folder.chmod(0o755)
+        other = {"user": 65534} if os.geteuid() == 0 else {}
+        for out, options in (("x.csv", ()), ("x.parquet", ()), ("x.arrow", ()),
+                             ("x", ("--long", "--partition", "signal"))):
+            tool = subprocess.run([KYR, "export", "rec", f"locked/{out}", *options],
+                                  capture_output=True, text=True, cwd=self.folder, check=False,
+                                  env=self.environment(), **other)
+            self.assertEqual((tool.returncode, tool.stderr),
+                             (1, f"kyr: locked/{out} cannot be made: Permission denied\n"))
 
     def test_a_full_disk_leaves_nothing(self):
         self.store("time,a\n" + "".join(f"{i},{i * 7919 % 10007}.5\n" for i in range(20_000)))
@@ -220,13 +264,22 @@ class Outputs(ExportTest):
     def test_an_interrupted_export_leaves_nothing(self):
         self.store("time," + ",".join("abcdef") + "\n" +
                    "".join(f"{i},{'1.5,' * 5}2\n" for i in range(200_000)))
-        tool = subprocess.Popen([KYR, "export", "rec", "out.csv", "--long"], cwd=self.folder,
-                                env=self.environment())
-        while tool.poll() is None and not any("exporting" in name for name in self.entries()):
-            time.sleep(0.001)
-        tool.send_signal(signal.SIGINT)
-        self.assertEqual(tool.wait(), -signal.SIGINT)
-        self.assertEqual(self.entries(), ["in.csv", "rec", "tmp"])
+        partitions = ("--long", "--partition", "signal")
+        for options in (("--format", "csv", "--long"), partitions, ("--compression", "brotli")):
+            with self.subTest(options):
+                tool = subprocess.Popen([KYR, "export", "rec", "out", *options], cwd=self.folder,
+                                        env=self.environment())
+                # Once there is something in the file, or a partition in the folder.
+                while tool.poll() is None and not any(
+                        file.is_dir() and any(file.iterdir()) or
+                        file.is_file() and file.stat().st_size > 0
+                        for file in self.folder.glob("out.exporting-*")):
+                    time.sleep(0.001)
+                for _ in range(2):
+                    tool.send_signal(signal.SIGINT)
+                    time.sleep(0.01)
+                self.assertEqual(tool.wait(), -signal.SIGINT)
+                self.assertEqual(self.entries(), ["in.csv", "rec", "tmp"])
 
 
 if __name__ == "__main__":

@@ -23,6 +23,7 @@
 #include "ProgressBar.h"
 #include "RecordingFiles.h"
 #include "Settings.h"
+#include "Span.h"
 #include "TableWriter.h"
 #include "Text.h"
 #include "WideTable.h"
@@ -50,9 +51,14 @@ ExportFormat formatOf(const GivenOptions& given, const ExportOptions& options) {
   if (given.format == "arrow") return ExportFormat::arrow;
   if (given.format == "csv") return ExportFormat::csv;
   if (options.writesToStandardOutput()) return ExportFormat::csv;
-  const std::string suffix = fs::path(options.out).extension().string();
+  if (!given.partition.empty()) return ExportFormat::parquet;
+  std::string suffix = fs::path(options.out).extension().string();
+  for (char& c : suffix) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  if (suffix.size() <= 1 || suffix == ".parquet") return ExportFormat::parquet;
   if (suffix == ".arrow" || suffix == ".feather") return ExportFormat::arrow;
-  return suffix == ".csv" ? ExportFormat::csv : ExportFormat::parquet;
+  if (suffix == ".csv") return ExportFormat::csv;
+  throw UsageError(fmt::format("OUT {}: {} tells no format: give --format parquet, arrow or csv",
+                               options.out, suffix));
 }
 
 // Sets the options of the library; the codec, if there is one among them.
@@ -63,6 +69,9 @@ std::optional<::arrow::Compression::type> applyGiven(const std::vector<std::stri
   for (const std::string& setting : settings) {
     const bool isCodec = setting.rfind("Compression=", 0) == 0;
     if (isCodec) codec = parquet::serialization_options::compressionMethod;
+    if (setting.rfind("SharedTimeColumn=", 0) == 0) {
+      throw UsageError(setting + ": a table has its times beside the samples in any case");
+    }
     const bool isForArrow =
         codec == ::arrow::Compression::ZSTD || codec == ::arrow::Compression::UNCOMPRESSED;
     if (format == ExportFormat::csv) throw UsageError(setting + ": CSV files have no such option");
@@ -135,9 +144,13 @@ void writeWide(RecordingFiles& files, const std::vector<ExportSignal>& signals,
     writer.write(*wide.table());
     return writer.close();
   }
-  worker.write(*wide.table(), Path::fromFilesystem(target.file).text());
+  {
+    const Span span("write");
+    worker.write(*wide.table(), Path::fromFilesystem(target.file).text());
+  }
   stopIfInterrupted();
   if (const auto status = worker.writeStatus(); !status.ok()) {
+    throwIfOutOfMemory(status);
     throw std::runtime_error(options.out + " cannot be written: " + reasonOf(status));
   }
   addArrowSchema(target.file, *wide.table()->schema());
@@ -177,7 +190,10 @@ void exportRecording(const ExportOptions& options) {
   }
   bar.hide();
   if (!output) return;
-  output->publish();
+  {
+    const Span span("flush and rename");
+    output->publish();
+  }
   Output out;
   out.print("{}: {}, {}\n", options.out, counted(signals.size(), "signal"),
             byteCount(bytesBelow(options.out)));
@@ -192,7 +208,8 @@ OUT/signal=NAME/part-0.parquet. These go through memory in pieces, however large
 
 --resample brings signals of different times together: at a time of the grid a signal has its latest
 sample, or with --method linear a number in between. Before its first sample it is null, with linear
-after its last one as well.
+after its last one as well. A sample counts as at a time that it misses by no more than 1e-9 of STEP
+and two roundings. A table that would take more than half of the free memory is refused.
 
 Values in long tables are float64. What cannot be exported is named, and with --strict nothing is
 written then. A table appears under its name when it is whole, and never in place of another without
@@ -248,7 +265,7 @@ void addExportCommand(CLI::App& app, Action& action) {
   command
       ->add_option("--format", given->format,
                    "parquet, arrow or csv; unless given, as OUT ends (.parquet, .arrow, .feather, "
-                   ".csv), else parquet, and csv for standard output")
+                   ".csv), parquet without an ending, and csv for standard output")
       ->type_name("parquet|arrow|csv")
       ->check(CLI::IsMember(std::vector<std::string>{"parquet", "arrow", "csv"}).description(""));
   addShapeOptions(command, *options, *given);

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "HeaderNames.h"
 #include "HivePath.h"
 #include "Interrupt.h"
 #include "Output.h"
@@ -82,11 +83,11 @@ class UniqueNames {
     return name;
   }
 
- private:
   static std::string withUnit(const SignalInfo& signal) {
     return signal.name + " [" + signal.unit + "]";
   }
 
+ private:
   std::map<std::string, int> uses_;
   std::map<std::string, int> spellings_;
   std::set<std::string> given_;
@@ -103,6 +104,12 @@ void nameColumns(std::vector<ExportSignal>& signals, bool hasTimeColumn) {
 }
 
 }  // namespace
+
+std::string csvHeader(const ExportSignal& signal) {
+  const bool hasUnit =
+      signal.column != signal.info.name && signal.column == UniqueNames::withUnit(signal.info);
+  return hasUnit ? signal.column : joinHeader(signal.column, signal.info.unit);
+}
 
 bool isNumber(const SignalInfo& signal) {
   return signal.category == Scalar && signal.dataType != ByteString && signal.dataType != Binary &&

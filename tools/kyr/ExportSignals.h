@@ -17,6 +17,9 @@ struct ExportSignal {
   std::string column;  ///< its name in the table, that no other has
 };
 
+/// What a CSV header calls it: with its unit, once.
+std::string csvHeader(const ExportSignal& signal);
+
 /// Whether each sample is one number (or truth value).
 bool isNumber(const recording::SignalInfo& signal);
 

@@ -12,7 +12,6 @@
 
 #include "Errors.h"
 #include "FieldMetadata.h"
-#include "HeaderNames.h"
 #include "HivePath.h"
 #include "SampleNumbers.h"
 
@@ -60,7 +59,7 @@ class NameColumn {
   NameColumn(const std::vector<ExportSignal>& signals, bool isText) : isText_(isText) {
     ::arrow::StringBuilder builder;
     for (const ExportSignal& signal : signals) {
-      check(builder.Append(isText ? joinHeader(signal.column, signal.info.unit) : signal.column));
+      check(builder.Append(isText ? csvHeader(signal) : signal.column));
     }
     names_ = check(builder.Finish());
   }

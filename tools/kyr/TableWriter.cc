@@ -61,7 +61,9 @@ void TableWriter::open(const Target& target, const std::vector<std::string>& csv
   if (target.file.empty()) {
     stream_ = standardOutput_ = std::make_shared<StandardOutput>();
   } else {
-    stream_ = check(::arrow::io::FileOutputStream::Open(target.file.string()));
+    auto opened = ::arrow::io::FileOutputStream::Open(target.file.string());
+    checkWritten(opened.status());
+    stream_ = std::move(opened).ValueUnsafe();
   }
   if (target.format == ExportFormat::parquet) {
     parquet_ = check(::parquet::arrow::FileWriter::Open(

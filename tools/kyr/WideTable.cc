@@ -1,6 +1,7 @@
 #include "WideTable.h"
 
 #include <arrow/api.h>
+#include <arrow/compute/cast.h>
 #include <fmt/format.h>
 #include <xxhash.h>
 
@@ -9,8 +10,8 @@
 #include <tuple>
 #include <utility>
 
+#include "Errors.h"
 #include "FieldMetadata.h"
-#include "HeaderNames.h"
 #include "SampleNumbers.h"
 #include "Text.h"
 #include "kyr/arrow/ArrayHelpers.h"
@@ -34,6 +35,12 @@ std::vector<char> bytesOf(const ::arrow::Array& numbers) {
   const char* const first = reinterpret_cast<const char*>(data.buffers[1]->data()) +
                             static_cast<std::size_t>(data.offset) * width;
   return {first, first + static_cast<std::size_t>(data.length) * width};
+}
+
+// Lists of bytes as lists of bool.
+std::shared_ptr<::arrow::Array> truthLists(const std::shared_ptr<::arrow::Array>& lists) {
+  const auto item = lists->type()->field(0)->WithType(::arrow::boolean());
+  return check(::arrow::compute::Cast(*lists, ::arrow::list(item)));
 }
 
 // The times that all signals have, bit for bit.
@@ -105,12 +112,13 @@ void WideTable::addSignal(const ExportSignal& signal) {
         worker_.buildArray({{signal.column, {}, bytesOf(*samples), {}, exportType(info.dataType)}})
             .back();
   }
+  if (info.category != Scalar && info.dataType == Boolean) samples = truthLists(samples);
   if (resampling_) samples = resampled(signal, samples);
   columns_.emplace_back(info.category, info.dataType, false, signal.column);
   fields_.push_back(
       ::arrow::field(signal.column, samples->type(), fieldMetadata(info, signal.column)));
   arrays_.push_back(std::move(samples));
-  csvHeader_.push_back(joinHeader(signal.column, info.unit));
+  csvHeader_.push_back(tool::csvHeader(signal));
   if (info.category == VarDim || info.category == VarDimBus) addDimensions(signal);
 }
 
