@@ -78,7 +78,8 @@ class Usage(ToolTest):
     def test_completion_and_manual_know_every_option(self):
         manual = self.run_tool("manual").stdout.replace("\\-", "-")
         (self.folder / "completion").write_text(self.run_tool("completion", "bash").stdout)
-        complete = """source completion; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _kyr
+        complete = """source completion; COMP_WORDBREAKS=$'\\n ='
+                      COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _kyr
                       echo "${COMPREPLY[@]}" """
         def completed(*words):
             return subprocess.run(["bash", "-c", complete, "-", *words], cwd=self.folder, text=True,
@@ -91,7 +92,18 @@ class Usage(ToolTest):
             for option in options - {"--help"}:
                 self.assertRegex(manual, rf"\n\.B (-\w, )?{option}\b")
         self.assertEqual(completed("kyr", "--trace", "x", "imp"), ["import"])
-        self.assertEqual(completed("kyr", "import", "--compression", "z"), ["zstd"])
+        for line, words in (("import --compression z", "zstd"), ("import --compression = z", "zstd"),
+                            ("export --format = p", "parquet"),
+                            ("export --format =", "parquet arrow csv"),
+                            ("export --set Compression = z", "zstd"),
+                            ("export --set Comp", "Compression="),
+                            ("export --set = Dictionary = t", "true"),
+                            ("export --set BatchSize = 1", ""),
+                            ("export --partition s", "signal"),
+                            ("--trace = f export --lon", "--long")):
+            with self.subTest(line):
+                self.assertEqual(completed("kyr", *line.split()), words.split())
+        self.assertIn("Needs --long", manual)
         self.fails("completion", "fish", says=["fish", "bash"], exit_code=2)
 
     def test_trace(self):
@@ -101,6 +113,10 @@ class Usage(ToolTest):
             self.run_tool(*arguments)
             events = json.loads((self.folder / "trace.json").read_text())
             self.assertEqual({event["ph"] for event in events}, {"B", "E"})
+        for shape in ((), ("--long",)):
+            self.run_tool("export", "one", "out", "--force", *shape, "--trace", "trace.json")
+            events = json.loads((self.folder / "trace.json").read_text())
+            self.assertLessEqual({"read", "write"}, {event["name"] for event in events})
         self.fails("info", "one", "--trace", "no/trace.json", says=["no/trace.json"])
 
 

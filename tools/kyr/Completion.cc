@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include "CommandLine.h"
@@ -15,14 +17,13 @@ namespace {
 
 // "parquet|arrow|csv" names all values; words in capitals stand for something else.
 std::string valuesOf(const CLI::Option& option) {
+  if (option.check_lname("compression")) return writableCodecs();
   std::string values;
   if (option.check_lname("set")) {
     for (const Setting& setting : currentSettings()) values += setting.name + "= ";
     return values;
   }
-  if (option.check_lname("compression")) return writableCodecs();
   const std::string type = valueNameOf(option);
-  if (type.find('|') == std::string::npos) return values;
   for (std::size_t begin = 0; begin <= type.size();) {
     const std::size_t end = std::min(type.find('|', begin), type.size());
     const std::string word = type.substr(begin, end - begin);
@@ -30,6 +31,16 @@ std::string valuesOf(const CLI::Option& option) {
     begin = end + 1;
   }
   return values;
+}
+
+// "NAME=VALUE" of every option of the library that takes one of a few values.
+std::string settingWords() {
+  std::string words;
+  for (const Setting& setting : currentSettings()) {
+    std::istringstream values(setting.values);
+    for (std::string value; values >> value;) words += setting.name + "=" + value + " ";
+  }
+  return words;
 }
 
 std::string optionNames(const CLI::App& command) {
@@ -78,45 +89,65 @@ std::string bashCompletion(const CLI::App& app) {
   }
   return fmt::format(R"bash(# Completion of kyr for bash; made by: kyr completion bash
 _kyr() {{
-    local current="${{COMP_WORDS[COMP_CWORD]}}" previous="${{COMP_WORDS[COMP_CWORD-1]}}"
-    local command='' words='' isValue='' i
+    # Words as they stand on the line: bash takes them apart at "=".
+    local line=() word joins='' command='' words='' isValue='' i
+    for word in "${{COMP_WORDS[@]:0:COMP_CWORD+1}}"; do
+        if [[ ${{#line[@]}} -gt 1 && ( $word == = || -n $joins ) ]]; then
+            line[-1]+=$word
+        else
+            line+=("$word")
+        fi
+        joins=''
+        [[ $word == = ]] && joins=1
+    done
+    local current="${{line[-1]}}" option="${{line[-2]}}" prefix=''
+    if [[ $current == --*=* ]]; then
+        option="${{current%%=*}}"
+        prefix="$option="
+    fi
     COMPREPLY=()
-    for ((i = 1; i < COMP_CWORD; i++)); do
-        case "${{COMP_WORDS[i]}}" in
+    for ((i = 1; i < ${{#line[@]}} - 1; i++)); do
+        case "${{line[i]}}" in
             --trace) i=$((i + 1)) ;;
             -*) ;;
-            *) command="${{COMP_WORDS[i]}}"; break ;;
+            *) command="${{line[i]}}"; break ;;
         esac
     done
-    if [[ $previous == --trace ]]; then
+    if [[ $option == --trace ]]; then
         return
     fi
-    if [[ -z $command ]]; then
-        COMPREPLY=($(compgen -W '{names}{options}' -- "$current"))
-        return
-    fi
-    case "$command:$previous" in
+    case "$command:$option" in
 {values}    esac
-    if [[ -n $isValue ]]; then
-        if [[ -n $words ]]; then
-            COMPREPLY=($(compgen -W "$words" -- "$current"))
-            [[ ${{COMPREPLY[0]}} == *= ]] && compopt -o nospace
-        fi
-        return
+    if [[ $option == --set && ${{current#"$prefix"}} == *=* ]]; then
+        words='{settings}'
     fi
-    if [[ $current == -* ]]; then
+    if [[ -n $isValue ]]; then
+        if [[ -z $words ]]; then
+            return
+        fi
+        words=" $words"
+        words="${{words// / $prefix}}"
+        words="${{words% "$prefix"}}"
+    elif [[ -z $command ]]; then
+        words='{names}{options}'
+    elif [[ $current == -* ]]; then
         case "$command" in
 {commands}        esac
-        COMPREPLY=($(compgen -W "$words" -- "$current"))
     elif [[ $command == completion ]]; then
-        COMPREPLY=($(compgen -W 'bash' -- "$current"))
+        words='bash'
+    fi
+    COMPREPLY=($(compgen -W "$words" -- "$current"))
+    [[ ${{COMPREPLY[0]}} == *= ]] && compopt -o nospace 2>/dev/null
+    if [[ $current == *=* && $COMP_WORDBREAKS == *=* ]]; then
+        COMPREPLY=("${{COMPREPLY[@]#"${{current%=*}}="}}")
     fi
 }}
 # Where it offers nothing, files are.
 complete -o default -F _kyr kyr
 )bash",
                      fmt::arg("names", names), fmt::arg("options", optionNames(app)),
-                     fmt::arg("values", values), fmt::arg("commands", options));
+                     fmt::arg("values", values), fmt::arg("commands", options),
+                     fmt::arg("settings", settingWords()));
 }
 
 void addCompletionCommand(CLI::App& app, Action& action) {
@@ -126,6 +157,7 @@ void addCompletionCommand(CLI::App& app, Action& action) {
   command->footer(R"help(
 Examples:
   source <(kyr completion bash)
+  mkdir -p ~/.local/share/bash-completion/completions
   kyr completion bash > ~/.local/share/bash-completion/completions/kyr)help");
   command->callback(
       [&app, shell, &action] { action = [&app, shell] { return printCompletion(app, *shell); }; });

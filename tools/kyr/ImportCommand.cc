@@ -166,7 +166,7 @@ decrease. Columns that are no numbers are left out, and named.
 
 Examples:
   kyr import run.csv run
-  kyr import run.csv run --time "Time (s)" --type gear=int8 --type flags=uint16
+  kyr import run.csv run --time "Time (s)" --type gear=int8
   kyr import run.csv run --compression zstd --force
   kyr import run.csv run --stream --batch 16384 --set Dictionary=false)help");
   command->callback([options, streams, streamOptions, &action] {

@@ -1,5 +1,8 @@
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
+#include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -29,11 +32,36 @@ std::string plain(std::string_view text) {
   return out;
 }
 
-// As it is laid out here, lines and indentation kept.
-std::string verbatim(const std::string& text) {
-  const std::size_t begin = text.find_first_not_of('\n');
-  if (begin == std::string::npos) return "";
-  return ".PP\n.nf\n" + plain(std::string_view(text).substr(begin)) + "\n.fi\n";
+// Paragraphs are filled; indented lines, which are examples, stay as they are.
+std::string paragraphs(const std::string& text) {
+  std::istringstream lines(text);
+  std::string out;
+  bool isVerbatim = false;
+  bool begins = true;
+  for (std::string line; std::getline(lines, line);) {
+    const bool isIndented = line.rfind("  ", 0) == 0;
+    if (isVerbatim && !isIndented) out += ".fi\n";
+    begins = begins || (isVerbatim && !isIndented);
+    if (!line.empty() && begins) out += ".PP\n";
+    if (isIndented && !isVerbatim) out += ".nf\n";
+    if (!line.empty()) out += plain(line) + "\n";
+    begins = line.empty();
+    isVerbatim = isIndented;
+  }
+  return isVerbatim ? out + ".fi\n" : out;
+}
+
+std::string namesOf(const std::set<CLI::Option*>& options) {
+  std::set<std::string> names;
+  for (const CLI::Option* option : options) names.insert(option->get_name());
+  return fmt::format("{}", fmt::join(names, ", "));
+}
+
+std::string meaningOf(const CLI::Option& option) {
+  std::string text = option.get_description();
+  if (!option.get_needs().empty()) text += ". Needs " + namesOf(option.get_needs());
+  if (!option.get_excludes().empty()) text += ". Not with " + namesOf(option.get_excludes());
+  return text;
 }
 
 std::string item(const std::string& term, const std::string& meaning) {
@@ -57,9 +85,9 @@ std::string sectionOf(const CLI::App& command) {
     text += item(argument->get_name(true), argument->get_description());
   }
   for (const CLI::Option* option : optionsOf(command)) {
-    if (!option->check_lname("help")) text += item(synopsisOf(*option), option->get_description());
+    if (!option->check_lname("help")) text += item(synopsisOf(*option), meaningOf(*option));
   }
-  return text + verbatim(command.get_footer());
+  return text + paragraphs(command.get_footer());
 }
 
 }  // namespace
@@ -72,11 +100,11 @@ std::string manualPage(const CLI::App& app) {
       KYR_VERSION, plain(app.get_description()));
   page += ".SH OPTIONS\n";
   for (const CLI::Option* option : optionsOf(app)) {
-    page += item(synopsisOf(*option), option->get_description());
+    page += item(synopsisOf(*option), meaningOf(*option));
   }
   page += ".SH COMMANDS\n";
   for (const CLI::App* command : commandsOf(app)) page += sectionOf(*command);
-  return page + ".SH NOTES\n" + verbatim(app.get_footer());
+  return page + ".SH NOTES\n" + paragraphs(app.get_footer());
 }
 
 void addManualCommand(CLI::App& app, Action& action) {
@@ -84,6 +112,7 @@ void addManualCommand(CLI::App& app, Action& action) {
   command->footer(R"help(
 Examples:
   kyr manual | man -l -
+  mkdir -p ~/.local/share/man/man1
   kyr manual > ~/.local/share/man/man1/kyr.1)help");
   command->callback([&app, &action] {
     action = [&app] {

@@ -122,14 +122,19 @@ std::string textOf(const HostArray& value, Kind kind) {
   throw std::logic_error("an option of no kind");
 }
 
+std::string choicesOf(Kind kind) {
+  if (kind == Kind::codec) return writableCodecs();
+  return kind == Kind::logical ? "true false" : "";
+}
+
 }  // namespace
 
 std::vector<Setting> currentSettings() {
   const HostValue values = scriptHost().invoke(kGetter);
   std::vector<Setting> settings;
   for (const Option& option : kOptions) {
-    settings.push_back(
-        {option.name, textOf(*values->field(0, option.name), option.kind), option.meaning});
+    settings.push_back({option.name, textOf(*values->field(0, option.name), option.kind),
+                        option.meaning, choicesOf(option.kind)});
   }
   return settings;
 }

@@ -15,6 +15,7 @@ struct Setting {
   std::string name;
   std::string value;    ///< as the process has it now, such as "true"
   std::string meaning;  ///< one sentence
+  std::string values;   ///< all that it takes, with blanks between them; empty for a number
 };
 
 /// All options, in the order in which they are shown.
