@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -141,6 +142,17 @@ void DiskFile::suspend() {
   suspended_ = true;
   const int descriptor = std::exchange(descriptor_, -1);
   if (descriptor >= 0 && ::close(descriptor) != 0 && errno != EINTR) fail("close", errno);
+}
+
+bool DiskFile::tryLock(Lock lock) {
+  const int kind = lock == Lock::shared ? LOCK_SH : LOCK_EX;
+  if (retried([&] { return ::flock(descriptor_, kind | LOCK_NB); }) == 0) return true;
+  if (errno != EWOULDBLOCK) fail("lock", errno);
+  return false;
+}
+
+void DiskFile::unlock() {
+  if (::flock(descriptor_, LOCK_UN) != 0) fail("unlock", errno);
 }
 
 void DiskFile::close() {

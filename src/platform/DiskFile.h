@@ -44,6 +44,13 @@ class DiskFile {
   /// As syncData(), times and permissions included; works for directories as well.
   void syncAll();
 
+  /// An advisory lock of the open file, until it is unlocked or closed; a process that ends in
+  /// whatever way gives it back. Works for directories as well.
+  enum class Lock { shared, exclusive };
+  /// \return whether nobody else has a lock that excludes this one
+  bool tryLock(Lock lock);
+  void unlock();
+
   /// \throws std::system_error if the system reports that something was lost; the file is closed
   ///         all the same
   void close();

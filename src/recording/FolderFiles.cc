@@ -111,6 +111,16 @@ void writeTextFile(const fs::path& file, const std::string& text) {
   Descriptor(file, kCreateNew, kFileMode).write(text.data(), text.size());
 }
 
+void replaceTextFile(const fs::path& file, const std::string& text, bool syncs) {
+  const fs::path fresh = file.string() + ".new";
+  std::error_code ignored;
+  fs::remove(fresh, ignored);
+  writeTextFile(fresh, text);
+  if (syncs) syncToDisk(fresh);
+  if (std::rename(fresh.c_str(), file.c_str()) != 0) fail("replace", file, errno);
+  if (syncs) syncToDisk(file.parent_path());
+}
+
 void syncToDisk(const fs::path& path) { Descriptor(path, O_RDONLY).sync(); }
 
 TemporaryFolder::TemporaryFolder(fs::path path) : path_(std::move(path)) {}

@@ -22,6 +22,9 @@ FileDigest copyFile(const std::filesystem::path& from, const std::filesystem::pa
 std::string readTextFile(const std::filesystem::path& file);
 void writeTextFile(const std::filesystem::path& file, const std::string& text);
 
+/// Put \p text in the place of \p file in one step; on disk when the call returns if \p syncs.
+void replaceTextFile(const std::filesystem::path& file, const std::string& text, bool syncs);
+
 /// Wait until the content of \p path, a file or a directory, is on disk.
 void syncToDisk(const std::filesystem::path& path);
 

@@ -11,6 +11,9 @@ namespace kyr::recording {
 constexpr const char* kDescriptionFile = "recording.json";
 constexpr const char* kStorageFolder = "storage";
 
+constexpr const char* kLiveFile = "recording.live.json";
+constexpr const char* kJournalFile = "recording.journal";
+
 inline std::filesystem::path descriptionPath(const std::filesystem::path& folder) {
   return folder / kDescriptionFile;
 }

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "recording/Checksum.h"
+#include "recording/SignalJson.h"
 #include "schema/TypeNames.h"
 
 namespace kyr::recording {
@@ -32,42 +33,26 @@ std::optional<T> optionalMember(const json& object, const char* name) {
   return member.is_null() ? std::nullopt : std::make_optional(member.get<T>());
 }
 
-json toJson(const SignalInfo& signal) {
+json storedJson(const SignalInfo& signal) {
+  json object = describedJson(signal);
   json span = nullptr;
   // JSON has no infinities.
   if (signal.timeSpan && std::isfinite(signal.timeSpan->from) &&
       std::isfinite(signal.timeSpan->to)) {
     span = {signal.timeSpan->from, signal.timeSpan->to};
   }
-  return {{"id", signal.signalId},
-          {"name", signal.name},
-          {"unit", signal.unit},
-          {"description", signal.description},
-          {"dataType", dataTypeName(signal.dataType)},
-          {"category", categoryName(signal.category)},
-          {"dimensions", signal.dimensions},
-          {"compression", signal.compression},
-          {"rowCount", signal.rowCount},
-          {"timeSpan", std::move(span)},
-          {"timeStorageId", orNull(signal.timeStorageId)},
-          {"dataStorageId", orNull(signal.dataStorageId)}};
+  object["compression"] = signal.compression;
+  object["rowCount"] = signal.rowCount;
+  object["timeSpan"] = std::move(span);
+  return object;
 }
 
-SignalInfo signalFromJson(const json& object) {
-  SignalInfo signal;
-  object.at("id").get_to(signal.signalId);
-  object.at("name").get_to(signal.name);
-  object.at("unit").get_to(signal.unit);
-  object.at("description").get_to(signal.description);
-  signal.dataType = dataTypeCalled(object.at("dataType").get<std::string>());
-  signal.category = categoryCalled(object.at("category").get<std::string>());
-  object.at("dimensions").get_to(signal.dimensions);
+SignalInfo storedFromJson(const json& object) {
+  SignalInfo signal = describedFromJson(object);
   object.at("compression").get_to(signal.compression);
   object.at("rowCount").get_to(signal.rowCount);
   const json& span = object.at("timeSpan");
   if (!span.is_null()) signal.timeSpan = {span.at(0).get<double>(), span.at(1).get<double>()};
-  signal.timeStorageId = optionalMember<int>(object, "timeStorageId");
-  signal.dataStorageId = optionalMember<int>(object, "dataStorageId");
   return signal;
 }
 
@@ -85,12 +70,6 @@ FileInfo fileFromJson(const json& object) {
   object.at("rowCount").get_to(file.rowCount);
   object.at("xxh3_128").get_to(file.checksum);
   return file;
-}
-
-// Of the document without its own checksum, compact and with sorted keys.
-std::string documentChecksum(json document) {
-  document.erase("xxh3_128");
-  return checksumOf(document.dump());
 }
 
 bool namesFile(const RecordingInfo& info, int storageId) {
@@ -127,13 +106,54 @@ RecordingInfo infoFromJson(const json& document) {
     throw std::runtime_error("damaged: its checksum does not match its content");
   }
   document.at("records").get_to(info.records);
-  for (const json& signal : document.at("signals")) info.signals.push_back(signalFromJson(signal));
+  for (const json& signal : document.at("signals")) info.signals.push_back(storedFromJson(signal));
   for (const json& file : document.at("files")) info.files.push_back(fileFromJson(file));
   checkFileNames(info);
   return info;
 }
 
 }  // namespace
+
+json describedJson(const SignalInfo& signal) {
+  return {{"id", signal.signalId},
+          {"name", signal.name},
+          {"unit", signal.unit},
+          {"description", signal.description},
+          {"dataType", dataTypeName(signal.dataType)},
+          {"category", categoryName(signal.category)},
+          {"dimensions", signal.dimensions},
+          {"timeStorageId", orNull(signal.timeStorageId)},
+          {"dataStorageId", orNull(signal.dataStorageId)}};
+}
+
+SignalInfo describedFromJson(const json& object) {
+  SignalInfo signal;
+  object.at("id").get_to(signal.signalId);
+  object.at("name").get_to(signal.name);
+  object.at("unit").get_to(signal.unit);
+  object.at("description").get_to(signal.description);
+  signal.dataType = dataTypeCalled(object.at("dataType").get<std::string>());
+  signal.category = categoryCalled(object.at("category").get<std::string>());
+  object.at("dimensions").get_to(signal.dimensions);
+  signal.timeStorageId = optionalMember<int>(object, "timeStorageId");
+  signal.dataStorageId = optionalMember<int>(object, "dataStorageId");
+  return signal;
+}
+
+std::string documentChecksum(json document) {
+  document.erase("xxh3_128");
+  return checksumOf(document.dump());
+}
+
+void requireText(const SignalDescription& signal) {
+  for (const std::string& text : {signal.name, signal.unit, signal.description}) {
+    try {
+      static_cast<void>(toUtf16(text));
+    } catch (const std::invalid_argument& error) {
+      throw std::invalid_argument(fmt::format("signal {}: {}", signal.signalId, error.what()));
+    }
+  }
+}
 
 std::string writeRecordingJson(const RecordingInfo& info) {
   json document = {{"format", kFormatName},
@@ -142,14 +162,8 @@ std::string writeRecordingJson(const RecordingInfo& info) {
                    {"signals", json::array()},
                    {"files", json::array()}};
   for (const SignalInfo& signal : info.signals) {
-    for (const std::string& text : {signal.name, signal.unit, signal.description}) {
-      try {
-        static_cast<void>(toUtf16(text));
-      } catch (const std::invalid_argument& error) {
-        throw std::invalid_argument(fmt::format("signal {}: {}", signal.signalId, error.what()));
-      }
-    }
-    document["signals"].push_back(toJson(signal));
+    requireText(signal);
+    document["signals"].push_back(storedJson(signal));
   }
   for (const FileInfo& file : info.files) document["files"].push_back(toJson(file));
   document["xxh3_128"] = documentChecksum(document);

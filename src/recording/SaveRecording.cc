@@ -1,146 +1,19 @@
-#include <arrow/status.h>
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <map>
 #include <stdexcept>
 #include <utility>
 
-#include "kyr/parquet/ColumnNames.h"
-#include "kyr/parquet/ParquetSignal.h"
-#include "kyr/parquet/StreamableSignal.h"
 #include "kyr/platform/FileSystem.h"
 #include "kyr/recording/Recording.h"
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
-#include "recording/StoredFile.h"
-#include "signals/SignalRecords.h"
-#include "storage/ParquetStorageRecord.h"
+#include "recording/RecordingSnapshot.h"
 
 namespace kyr::recording {
 
 namespace fs = std::filesystem;
-using parquet::kNoStorage;
-using parquet::SignalRecord;
-
 namespace {
-
-std::optional<int> storageIdOf(int id) {
-  return id == kNoStorage ? std::nullopt : std::optional(id);
-}
-
-// Collects what a recording of the pool says and which files it needs.
-class Snapshot {
- public:
-  Snapshot(parquet::SignalPool& pool, const std::vector<SignalDescription>& descriptions)
-      : pool_(pool), directory_(pool.getParquetDirectory().toFilesystem()) {
-    info_.formatVersion = kFormatVersion;
-    info_.records = pool.serializeSignalRecords();
-    for (const SignalDescription& description : descriptions) {
-      SignalInfo signal;
-      static_cast<SignalDescription&>(signal) = description;
-      if (!signals_.emplace(description.signalId, std::move(signal)).second) {
-        throw std::invalid_argument(
-            fmt::format("signal {} is described twice", description.signalId));
-      }
-    }
-    parquet::readSignalRecords(info_.records,
-                               [this](const SignalRecord& record) { addStored(record); });
-    for (auto& [id, signal] : signals_) {
-      if (!signal.dataStorageId && pool_.checkSignalExists(id)) takeTypes(signal);
-      info_.signals.push_back(std::move(signal));
-    }
-  }
-
-  RecordingInfo& info() { return info_; }
-  fs::path source(int storageId) const { return directory_ / std::to_string(storageId); }
-
- private:
-  struct FileFacts {
-    std::uint64_t rowCount = 0;
-    std::string compression;
-    std::optional<TimeSpan> timeSpan;
-  };
-
-  void addStored(const SignalRecord& record) {
-    SignalInfo& signal = signals_[record.signalId];
-    if (signal.name.empty()) signal.name = fmt::format("signal {}", record.signalId);
-    signal.signalId = record.signalId;
-    signal.timeStorageId = storageIdOf(record.timeStorageId);
-    signal.dataStorageId = storageIdOf(record.dataStorageId);
-    takeTypes(signal);
-    for (const auto& id : {signal.timeStorageId, signal.dataStorageId}) {
-      if (!id) continue;
-      const FileFacts& facts = factsOf(record.signalId, *id, /*isTime=*/id == signal.timeStorageId);
-      signal.rowCount = facts.rowCount;
-      signal.compression = facts.compression;
-      if (facts.timeSpan) signal.timeSpan = facts.timeSpan;
-    }
-  }
-
-  // Type and category, which the pool's signal knows; and whether all of it was written.
-  void takeTypes(SignalInfo& signal) {
-    if (const auto stored = pool_.getSignal(signal.signalId)) {
-      takeTypes(*stored, signal);
-    } else {
-      takeTypes(*pool_.getStreamableSignal(signal.signalId), signal);
-    }
-  }
-
-  template <typename PoolSignal>
-  void takeTypes(const PoolSignal& stored, SignalInfo& signal) const {
-    const ::arrow::Status status = stored.writeStatus();
-    if (!status.ok()) {
-      throw std::runtime_error(fmt::format("signal {}: its samples were not written: {}",
-                                           signal.signalId, status.message()));
-    }
-    if (stored.hasData() && stored.getParquetDirectory() != pool_.getParquetDirectory()) {
-      throw std::runtime_error(fmt::format("signal {} is stored in {}, not in the pool's directory",
-                                           signal.signalId,
-                                           stored.getParquetDirectory().toNarrow()));
-    }
-    signal.dataType = stored.getDataType();
-    signal.category = stored.getCategory();
-    if (stored.hasData() &&
-        (dataTypeName(signal.dataType).empty() || categoryName(signal.category).empty())) {
-      throw std::runtime_error(fmt::format(
-          "signal {}: data type {} or category {} is unknown: set both before saving",
-          signal.signalId, static_cast<int>(signal.dataType), static_cast<int>(signal.category)));
-    }
-    // A signal that was only asked for has no category yet.
-    if (categoryName(signal.category).empty()) signal.category = Scalar;
-    if (dataTypeName(signal.dataType).empty()) signal.dataType = Double;
-  }
-
-  const FileFacts& factsOf(int signalId, int storageId, bool isTime) {
-    const auto key = std::make_pair(storageId, isTime);
-    const auto known = facts_.find(key);
-    if (known != facts_.end()) return known->second;
-    if (!fs::exists(source(storageId))) {
-      throw std::runtime_error(
-          fmt::format("signal {}: its file {} is missing", signalId, source(storageId).string()));
-    }
-    const StoredFile file(source(storageId));
-    const std::string& timeColumn =
-        isTime ? parquet::columnNames::data : parquet::columnNames::time;
-    FileFacts facts;
-    facts.rowCount = file.rowCount();
-    facts.compression = file.compression(parquet::columnNames::data);
-    if (file.hasColumn(timeColumn)) facts.timeSpan = file.span(timeColumn);
-    if (files_.emplace(storageId, file.rowCount()).second) {
-      info_.files.push_back({storageId, 0, file.rowCount(), ""});
-    }
-    return facts_.emplace(key, std::move(facts)).first->second;
-  }
-
-  parquet::SignalPool& pool_;
-  fs::path directory_;
-  RecordingInfo info_;
-  std::map<int, SignalInfo> signals_;
-  std::map<std::pair<int, bool>, FileFacts> facts_;
-  std::map<int, std::uint64_t> files_;
-};
 
 // Absolute, links resolved, without a trailing separator: the folder's own name can be told.
 fs::path canonicalFolder(const fs::path& folder) {
@@ -207,19 +80,17 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
                    const Path& folder) {
   const fs::path target = canonicalFolder(folder.toFilesystem());
   checkReplaceable(target);
-  Snapshot snapshot(pool, descriptions);
-  RecordingInfo& info = snapshot.info();
+  RecordingInfo info = snapshotOf(pool, descriptions);
+  const fs::path working = pool.getParquetDirectory().toFilesystem();
 
   const Path beside = Path::fromFilesystem(target.parent_path());
   TemporaryFolder fresh(
       fileSystem::uniqueName(beside, toUtf16(target.filename().string() + ".saving-"), u"")
           .toFilesystem());
   fs::create_directories(fresh.path() / kStorageFolder);
-  std::sort(info.files.begin(), info.files.end(),
-            [](const FileInfo& a, const FileInfo& b) { return a.storageId < b.storageId; });
   for (FileInfo& file : info.files) {
-    FileDigest digest =
-        copyFile(snapshot.source(file.storageId), storagePath(fresh.path(), file.storageId));
+    FileDigest digest = copyFile(working / std::to_string(file.storageId),
+                                 storagePath(fresh.path(), file.storageId));
     file.size = digest.size;
     file.checksum = std::move(digest.checksum);
   }

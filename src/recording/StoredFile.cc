@@ -3,6 +3,7 @@
 #include <arrow/api.h>
 #include <arrow/io/file.h>
 #include <arrow/util/compression.h>
+#include <arrow/util/key_value_metadata.h>
 #include <fmt/format.h>
 #include <parquet/file_reader.h>
 #include <parquet/metadata.h>
@@ -33,6 +34,12 @@ std::uint64_t StoredFile::rowCount() const {
 
 bool StoredFile::hasColumn(const std::string& name) const {
   return schema_->GetFieldIndex(name) >= 0;
+}
+
+std::optional<std::string> StoredFile::metadata(const std::string& key) const {
+  const auto pairs = reader_->parquet_reader()->metadata()->key_value_metadata();
+  if (!pairs || !pairs->Contains(key)) return std::nullopt;
+  return pairs->Get(key).ValueOr("");
 }
 
 std::string StoredFile::compression(const std::string& column) const {

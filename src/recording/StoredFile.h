@@ -25,6 +25,9 @@ class StoredFile {
   const std::shared_ptr<::arrow::Schema>& schema() const { return schema_; }
   bool hasColumn(const std::string& name) const;
 
+  /// A key-value pair of the file's metadata; empty if there is none of that key.
+  std::optional<std::string> metadata(const std::string& key) const;
+
   /// Codec of the column's chunks, "uncompressed" for none.
   std::string compression(const std::string& column) const;
 

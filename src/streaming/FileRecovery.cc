@@ -16,6 +16,7 @@ namespace kyr::parquet {
 namespace {
 
 constexpr int kAttempts = 4;
+constexpr std::uint64_t kAllRows = std::numeric_limits<std::uint64_t>::max();
 
 // The whole batch records from the start of a file.
 struct Records {
@@ -65,7 +66,8 @@ bool metadataFit(const WholeRecord& record, const ::parquet::SchemaDescriptor& s
   }
 }
 
-std::optional<Records> readRecords(const DiskFile& file, std::uint64_t end) {
+std::optional<Records> readRecords(const DiskFile& file, std::uint64_t end,
+                                   std::uint64_t maxRows = kAllRows) {
   auto first = readRecord(file, RecordKind::batch, kParquetMagic.size(), end);
   std::optional<Records> records;
   std::shared_ptr<::parquet::FileMetaData> opening;
@@ -78,6 +80,7 @@ std::optional<Records> readRecords(const DiskFile& file, std::uint64_t end) {
       const auto next = readRecord(file, RecordKind::batch, records->last.end(), end);
       if (!next || next->header.fileId != records->last.fileId ||
           next->header.index != records->last.index + 1 ||
+          next->header.rows > maxRows - records->index.rows() ||
           !metadataFit(*next, *opening->schema())) {
         return records;
       }
@@ -111,7 +114,7 @@ std::optional<BatchIndex> indexFromFooter(const DiskFile& file, std::uint64_t en
 
 }  // namespace
 
-RecoveryReport recoverFile(const std::filesystem::path& path) {
+RecoveryReport recoverFile(const std::filesystem::path& path, std::uint64_t maxRows) {
   RecoveryReport report;
   std::uint64_t size = 0;
   std::optional<Records> records;
@@ -119,7 +122,7 @@ RecoveryReport recoverFile(const std::filesystem::path& path) {
   {
     const DiskFile file(path, DiskFile::Mode::readOnly);
     size = file.size();
-    records = readRecords(file, size);
+    records = readRecords(file, size, maxRows);
     if (!records) return report;
     footer = records->footer();
     const std::uint64_t end = records->last.end();

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -23,15 +24,17 @@ struct RecoveryReport {
   bool wasComplete = false;  ///< it was already, and was left as it is
   std::uint64_t rowsKept = 0;
   std::uint64_t batchesKept = 0;
-  std::uint64_t bytesCut = 0;  ///< behind the last whole batch
+  std::uint64_t bytesCut = 0;  ///< behind the last batch that was kept
 };
 
 /// Makes a growing file complete up to the last batch before which nothing is missing or damaged,
 /// and syncs it. Reads the whole file, because after a power cut anything that was not synced may
 /// be damaged, also before the end. Batches behind damage are cut off: their rows would move. The
 /// file must not be written by anybody else.
+/// \param maxRows  batches are kept as long as they have no more rows together
 /// \throws std::system_error if it cannot be read or written; may be repeated then
-RecoveryReport recoverFile(const std::filesystem::path& path);
+RecoveryReport recoverFile(const std::filesystem::path& path,
+                           std::uint64_t maxRows = std::numeric_limits<std::uint64_t>::max());
 
 /// A growing file as it was when it was opened. It may go on growing.
 class GrowingFileView {

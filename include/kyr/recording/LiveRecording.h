@@ -1,0 +1,74 @@
+#pragma once
+
+#include <memory>
+
+#include "kyr/parquet/SafeStorage.h"
+#include "kyr/parquet/SignalPool.h"
+#include "kyr/parquet/StreamableSignal.h"
+#include "kyr/platform/Path.h"
+#include "kyr/platform/export.h"
+#include "kyr/recording/RecordingInfo.h"
+
+namespace kyr::recording {
+
+struct LiveOptions {
+  /// Batches, and when they are synced. `keepsFiles` is always on.
+  parquet::SafeStorage storage;
+};
+
+/// \brief A recording that is written where it will lie, while it grows.
+///
+/// What flush() acknowledged survives a crash of the process, and one of the machine if
+/// `LiveOptions::storage.sync` asks for it: recoverRecording() (Recovery.h) makes a recording of it.
+/// finish() makes the folder an ordinary recording; no file is copied. Another process may read
+/// along with LiveReader.
+///
+/// Time and data of a signal should have as many rows at each flush(): a recovery cuts them to the
+/// shorter of the two.
+///
+/// Not copyable. One thread at a time, the pool and its signals included.
+class KYR_PARQUET_EXPORT LiveRecording {
+ public:
+  /// \brief Start the recording \p folder, which is made; its parent must exist.
+  /// \throws std::runtime_error, std::system_error  if \p folder exists and is not empty, or cannot
+  ///         be made
+  explicit LiveRecording(const Path& folder, const LiveOptions& options = {});
+
+  /// \brief Without finish(): flushes, quietly, and leaves a recording that can be recovered.
+  ~LiveRecording();
+  LiveRecording(const LiveRecording&) = delete;
+  LiveRecording& operator=(const LiveRecording&) = delete;
+
+  /// \brief The pool over the folder's storage, until finish().
+  ///
+  /// Signals that are made there, and not by addSignal(), are part of the finished recording and of
+  /// no recovered one.
+  /// \throws std::logic_error after finish()
+  parquet::SignalPool& pool();
+
+  /// \brief A new signal to append to. Without a name it is called "signal <id>".
+  /// \throws std::invalid_argument if the pool has a signal of that id, for an unknown type or
+  ///         category, and for a text that is no valid UTF-8
+  /// \throws std::logic_error after finish()
+  std::shared_ptr<parquet::StreamableSignal> addSignal(const SignalDescription& description,
+                                                       KYRSignalDataType type,
+                                                       KYRSignalCategory category);
+
+  /// \brief Bring all rows to disk. When the call returns, they are acknowledged.
+  /// \throws std::exception naming the file if one cannot be written; the rows acknowledged before
+  ///         stay so, and the call may be repeated
+  /// \throws std::logic_error after finish()
+  void flush();
+
+  /// \brief Finish all signals and make the folder an ordinary recording, which is on disk when the
+  /// call returns. Nothing can be appended any more; a second call does nothing.
+  /// \throws std::exception naming the file; the recording is live still, and the call may be
+  ///         repeated
+  void finish();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kyr::recording

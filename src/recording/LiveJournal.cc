@@ -1,0 +1,65 @@
+#include "recording/LiveJournal.h"
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "recording/RecordingFolder.h"
+
+namespace kyr::recording {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// Those who only look have the lock for a moment.
+bool lockPatiently(DiskFile& file) {
+  constexpr int kAttempts = 100;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    if (file.tryLock(DiskFile::Lock::exclusive)) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return false;
+}
+
+// A folder without a journal is locked itself.
+fs::path lockedFile(const fs::path& folder) {
+  const fs::path journal = folder / kJournalFile;
+  return fs::exists(journal) ? journal : folder;
+}
+
+}  // namespace
+
+LiveJournal::LiveJournal(const fs::path& folder)
+    : file_(folder / kJournalFile, DiskFile::Mode::createNew) {
+  if (!lockPatiently(file_)) throw std::runtime_error(file_.path().string() + ": is in use");
+}
+
+void LiveJournal::append(const JournalLine& line, bool syncs) {
+  const std::string text = writeJournalLine(line);
+  try {
+    file_.writeAt(end_, {text});
+  } catch (...) {
+    file_.tryTruncate(end_);
+    throw;
+  }
+  end_ += text.size();
+  if (syncs) file_.syncData();
+}
+
+bool isBeingWritten(const fs::path& folder) {
+  std::error_code missing;
+  if (!fs::exists(folder / kJournalFile, missing)) return false;
+  DiskFile journal(folder / kJournalFile, DiskFile::Mode::readOnly);
+  return !journal.tryLock(DiskFile::Lock::shared);
+}
+
+RecoveryLock::RecoveryLock(const fs::path& folder)
+    : file_(lockedFile(folder), DiskFile::Mode::readOnly) {
+  if (lockPatiently(file_)) return;
+  throw std::runtime_error(folder.string() + ": is still being recorded, or recovered by another");
+}
+
+}  // namespace kyr::recording

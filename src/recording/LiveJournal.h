@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+
+#include "platform/DiskFile.h"
+#include "recording/LiveFormat.h"
+
+namespace kyr::recording {
+
+/// The journal of the recording that this process writes. Whoever has it locked is the writer.
+class LiveJournal {
+ public:
+  /// Makes the file, and so takes the folder for this process.
+  /// \throws std::system_error if there is one already
+  explicit LiveJournal(const std::filesystem::path& folder);
+
+  /// Adds a line; after a failure there may be a part of it, which the next call replaces.
+  void append(const JournalLine& line, bool syncs);
+
+ private:
+  DiskFile file_;
+  std::uint64_t end_ = 0;
+};
+
+/// Whether a process writes the recording in \p folder.
+bool isBeingWritten(const std::filesystem::path& folder);
+
+/// Keeps writers and other recoveries off a folder for as long as it lives.
+class RecoveryLock {
+ public:
+  /// \throws std::runtime_error if somebody writes the recording
+  explicit RecoveryLock(const std::filesystem::path& folder);
+
+ private:
+  DiskFile file_;
+};
+
+}  // namespace kyr::recording

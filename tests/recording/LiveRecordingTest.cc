@@ -1,0 +1,351 @@
+#include <fmt/format.h>
+
+#include <random>
+#include <stdexcept>
+
+#include "kyr/recording/LiveReader.h"
+#include "kyr/recording/LiveRecording.h"
+#include "kyr/recording/Recovery.h"
+#include "recording/FolderFiles.h"
+#include "recording/LiveFormat.h"
+#include "recording/RecordingTest.h"
+
+namespace kyr::recording {
+namespace {
+
+using Part = parquet::StreamableSignal::SignalPart;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using Values = std::vector<double>;
+
+// Appends the samples [from, to) of a signal whose sample i is i times \p slope at the time i / 10.
+void append(parquet::StreamableSignal& signal, int from, int to, double slope) {
+  for (int i = from; i < to; ++i) {
+    const double time = i / 10.0;
+    const double value = i * slope;
+    signal.appendTime(&time, 1);
+    signal.appendData(&value, sizeof(value), {}, {});
+  }
+}
+
+Values sloped(int count, double slope) {
+  Values values;
+  for (int i = 0; i < count; ++i) values.push_back(i * slope);
+  return values;
+}
+
+Values numbersIn(const std::vector<char>& bytes) {
+  Values values(bytes.size() / sizeof(double));
+  std::memcpy(values.data(), bytes.data(), bytes.size());
+  return values;
+}
+
+std::string errorOf(const std::function<void()>& call) {
+  try {
+    call();
+    return "";
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+}
+
+class LiveRecordings : public test::RecordingTest {
+ protected:
+  LiveRecordings() { options.storage.batchRows = 16; }
+
+  Path path() const { return Path::fromFilesystem(rec); }
+  RecoveryResult recover() const { return recoverRecording(path()); }
+
+  void begin() {
+    live = std::make_unique<LiveRecording>(path(), options);
+    a = live->addSignal({1, "a", "m", "first", {}}, Double, Scalar);
+    b = live->addSignal({2, "b", "", "", {}}, Double, Scalar);
+  }
+
+  // The folder as a crash now would leave it, at the place where recordings are recovered.
+  void crash(bool flushesFirst = false) {
+    if (flushesFirst) live->flush();
+    const fs::path copy = temp.file("crashed");
+    fs::copy(rec, copy, fs::copy_options::recursive);
+    a.reset();
+    b.reset();
+    live.reset();
+    fs::remove_all(rec);
+    fs::rename(copy, rec);
+  }
+
+  void expectSignal(int id, int count, double slope) {
+    Recording opened = open(rec);
+    const test::Samples samples = test::read(*opened.pool().getSignal(id));
+    EXPECT_EQ(numbersIn(samples.data), sloped(count, slope)) << id;
+    ASSERT_EQ(samples.time.size(), static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) EXPECT_EQ(samples.time[std::size_t(i)], i / 10.0);
+  }
+
+  LiveOptions options;
+  std::unique_ptr<LiveRecording> live;
+  std::shared_ptr<parquet::StreamableSignal> a;
+  std::shared_ptr<parquet::StreamableSignal> b;
+};
+
+TEST_F(LiveRecordings, FinishedIsAnOrdinaryRecording) {
+  begin();
+  append(*a, 0, 100, 1);
+  append(*b, 0, 100, 2);
+  live->flush();
+  append(*a, 100, 150, 1);
+  const auto whole = live->pool().getSignal(9);
+  whole->setDataType(Double);
+  whole->setCategory(Scalar);
+  whole->setData({0, 1}, std::vector<char>(16), {}, {});
+  EXPECT_THROW(live->addSignal({1, "again", "", "", {}}, Double, Scalar), std::invalid_argument);
+  EXPECT_THROW(live->addSignal({3, "\xff", "", "", {}}, Double, Scalar), std::invalid_argument);
+  live->finish();
+  live->finish();
+  EXPECT_EQ(test::Folder(rec).names(), (test::Names{"recording.json", "storage"}));
+  EXPECT_EQ(faults(rec), "");
+  expectSignal(1, 150, 1);
+  expectSignal(2, 100, 2);
+  const auto info = describeRecording(path()).signals;
+  EXPECT_EQ(info[0].unit + info[0].description, "mfirst");
+  EXPECT_EQ(info.back().name, "signal 9");
+  EXPECT_THROW(live->flush(), std::logic_error);
+  EXPECT_TRUE(recover().wasComplete);
+}
+
+TEST_F(LiveRecordings, RefusesFoldersThatAreNotEmpty) {
+  fs::create_directory(rec);
+  test::Folder(rec).touch("notes.txt");
+  EXPECT_THROW(LiveRecording(path(), options), std::runtime_error);
+  EXPECT_EQ(test::Folder(rec).names(), test::Names{"notes.txt"});
+  fs::remove(rec / "notes.txt");
+  begin();
+  EXPECT_THROW(LiveRecording(path(), options), std::runtime_error);
+  EXPECT_THROW(LiveRecording(Path::fromFilesystem(temp.file("no/folder")), options),
+               std::exception);
+}
+
+TEST_F(LiveRecordings, OthersReadAlong) {
+  begin();
+  EXPECT_TRUE(isLiveRecording(path()));
+  live->flush();
+  LiveReader reader(path());
+  const auto rowsOf = [&](std::size_t signal, Part part, std::uint64_t from) {
+    return numbersIn(reader.read(reader.info().signals.at(signal), part, from, 1000).bytes);
+  };
+  append(*a, 0, 40, 1);
+  append(*b, 0, 40, 1);
+  live->flush();
+  append(*a, 40, 60, 1);
+  const auto early = live->addSignal({3, "early", "", "", {}}, Double, Scalar);
+  append(*early, 0, 5, 7);
+  early->finish();
+  EXPECT_EQ(rowsOf(0, Part::data, 0), Values());
+  ASSERT_TRUE(reader.refresh());
+  EXPECT_TRUE(reader.info().isBeingWritten);
+  EXPECT_EQ(reader.info().signals[0].dataRows, 40U);
+  EXPECT_EQ(rowsOf(0, Part::data, 38), Values({38, 39}));
+  // The second signal parts from the first, into files of its own.
+  append(*b, 40, 60, 3);
+  live->flush();
+  ASSERT_TRUE(reader.refresh());
+  EXPECT_EQ(rowsOf(1, Part::data, 39), [] {
+    Values values{39};
+    for (int i = 40; i < 60; ++i) values.push_back(i * 3);
+    return values;
+  }());
+  EXPECT_EQ(rowsOf(1, Part::time, 59), Values{5.9});
+  EXPECT_EQ(rowsOf(2, Part::data, 3), Values({21, 28}));
+  for (const std::string& error :
+       {errorOf([&] { describeRecording(path()); }), errorOf([&] { openRecording(path()); }),
+        errorOf([&] { verifyRecording(path()); }), errorOf([&] { recover(); })}) {
+    EXPECT_THAT(error, HasSubstr("still being recorded"));
+  }
+  live.reset();
+  EXPECT_FALSE(describeLiveRecording(path()).isBeingWritten);
+  EXPECT_THAT(errorOf([&] { describeRecording(path()); }), HasSubstr("kyr recover"));
+  recover();
+  EXPECT_FALSE(reader.refresh());
+}
+
+// What was not flushed is not there, also where it is in a file that others share.
+TEST_F(LiveRecordings, RecoversExactlyWhatWasFlushed) {
+  begin();
+  append(*a, 0, 50, 1);
+  append(*b, 0, 20, 1);
+  live->flush();
+  append(*a, 50, 200, 1);
+  crash();
+  const RecoveryResult result = recover();
+  EXPECT_FALSE(result.hasLosses());
+  EXPECT_EQ(faults(rec), "");
+  expectSignal(1, 50, 1);
+  expectSignal(2, 20, 1);
+  EXPECT_FALSE(isLiveRecording(path()));
+  EXPECT_TRUE(recover().wasComplete);
+}
+
+// However the journal ends, it is the last whole line that counts.
+TEST_F(LiveRecordings, TornJournalLinesAreNoticed) {
+  begin();
+  std::vector<std::uint64_t> ends;
+  for (int flushes = 0; flushes < 3; ++flushes) {
+    append(*a, flushes * 10, flushes * 10 + 10, 1);
+    append(*b, flushes * 10, flushes * 10 + 10, 2);
+    live->flush();
+    ends.push_back(fs::file_size(rec / "recording.journal"));
+  }
+  const std::string journal = test::Folder(rec).contents("recording.journal");
+  for (std::uint64_t size = 0; size <= journal.size(); ++size) {
+    std::uint64_t expected = 0;
+    for (const std::uint64_t end : ends) expected += size >= end ? 10 : 0;
+    std::string damaged = journal;
+    if (size < journal.size()) damaged[size] ^= 1;
+    test::Folder(rec).touch("recording.journal", journal.substr(0, size));
+    ASSERT_EQ(describeLiveRecording(path()).signals[1].dataRows, expected) << size;
+    test::Folder(rec).touch("recording.journal", damaged);
+    // A damaged line feed costs both lines.
+    const bool costsBoth = size + 1 == ends[1];
+    const bool costsLast = size >= ends[1] && size < journal.size();
+    ASSERT_EQ(describeLiveRecording(path()).signals[1].dataRows,
+              costsBoth ? 10U : (costsLast ? 20U : 30U))
+        << size;
+  }
+}
+
+TEST_F(LiveRecordings, LostRowsAreTold) {
+  begin();
+  append(*a, 0, 100, 1);
+  append(*b, 0, 100, 2);
+  crash(/*flushesFirst=*/true);
+  const auto state = describeLiveRecording(path());
+  const fs::path file = rec / "storage" / std::to_string(*state.signals[1].dataStorageId);
+  fs::resize_file(file, fs::file_size(file) / 2);
+  const RecoveryResult result = recover();
+  ASSERT_EQ(result.signals.size(), 2U);
+  EXPECT_EQ(result.signals[0].rowsLost, 0U);
+  const RecoveredSignal& lost = result.signals[1];
+  EXPECT_EQ(lost.rowsKept + lost.rowsLost, 100U);
+  EXPECT_EQ(lost.rowsKept % 16, 0U);
+  ASSERT_TRUE(lost.secondsLost);
+  EXPECT_NEAR(*lost.secondsLost, static_cast<double>(lost.rowsLost) / 10, 1e-9);
+  EXPECT_EQ(faults(rec), "");
+  expectSignal(1, 100, 1);
+  expectSignal(2, static_cast<int>(lost.rowsKept), 2);
+}
+
+// A killed recovery leaves cut files, new files, or recording.json beside the journal.
+TEST_F(LiveRecordings, RecoveryThatWasKilledIsRepeated) {
+  begin();
+  append(*a, 0, 50, 1);
+  append(*b, 0, 20, 1);
+  crash(/*flushesFirst=*/true);
+  const std::string description = test::Folder(rec).contents("recording.live.json");
+  const std::string journal = test::Folder(rec).contents("recording.journal");
+  recover();
+  test::Folder(rec).touch("recording.live.json", description);
+  test::Folder(rec).touch("recording.journal", journal);
+  test::Folder(rec).touch("storage/77", "half a file");
+  recover();
+  EXPECT_EQ(faults(rec), "");
+  EXPECT_EQ(test::Folder(rec).names(), (test::Names{"recording.json", "storage"}));
+  expectSignal(1, 50, 1);
+  expectSignal(2, 20, 1);
+}
+
+// Without a description, what the files hold is there, under names of need.
+TEST_F(LiveRecordings, RebuildsWhatFilesTell) {
+  struct {
+    const char* name;
+    bool finishes;
+    std::function<void()> damage;
+  } const cases[] = {
+      {"no description", false, [&] { fs::remove(rec / "recording.live.json"); }},
+      {"damaged description", false, [&] { fs::resize_file(rec / "recording.live.json", 30); }},
+      {"no recording.json", true, [&] { fs::remove(rec / "recording.json"); }},
+      {"cut recording.json", true, [&] { fs::resize_file(rec / "recording.json", 100); }},
+      {"one bit of recording.json", true,
+       [&] {
+         std::string text = test::Folder(rec).contents("recording.json");
+         text[text.find("first")] ^= 1;
+         test::Folder(rec).touch("recording.json", text);
+       }},
+  };
+  for (const auto& [name, finishes, damage] : cases) {
+    SCOPED_TRACE(name);
+    begin();
+    append(*a, 0, 50, 1);
+    append(*b, 0, 50, 2);
+    if (finishes) live->finish();
+    crash(!finishes);
+    damage();
+    const RecoveryResult result = recover();
+    EXPECT_TRUE(result.hasLosses());
+    EXPECT_EQ(faults(rec), "");
+    Recording opened = open(rec);
+    std::set<Values> found;
+    EXPECT_EQ(opened.info().signals[1].name, "b");
+    for (const SignalInfo& signal : opened.info().signals) {
+      found.insert(numbersIn(test::read(*opened.pool().getSignal(signal.signalId)).data));
+    }
+    EXPECT_EQ(found.count(sloped(50, 1)), 1U);
+    EXPECT_EQ(found.count(sloped(50, 2)), 1U);
+    fs::remove_all(rec);
+  }
+  fs::create_directories(rec / "storage");
+  EXPECT_THROW(recover(), std::runtime_error);
+}
+
+// Signals of all kinds, which share and part at random, against what they were at the last flush.
+TEST_F(LiveRecordings, CrashAtAnyMomentKeepsEveryAcknowledgedRow) {
+  for (unsigned round = 0; round < 40; ++round) {
+    SCOPED_TRACE(round);
+    std::minstd_rand random(round + 1);
+    live = std::make_unique<LiveRecording>(path(), options);
+    std::vector<std::shared_ptr<parquet::StreamableSignal>> signals;
+    std::vector<Values> times;
+    std::vector<Values> samples;
+    std::vector<std::pair<Values, Values>> flushed;
+    const auto count = 2 + random() % 5;
+    const auto steps = 20 + random() % 300;
+    for (unsigned long step = 0; step < steps; ++step) {
+      if (signals.size() < count && random() % 4 == 0) {
+        const int id = static_cast<int>(signals.size());
+        signals.push_back(live->addSignal({id, "", "", "", {}}, Double, Scalar));
+        times.emplace_back();
+        samples.emplace_back();
+      }
+      for (std::size_t i = 0; i < signals.size(); ++i) {
+        if (random() % 20 == 0) continue;
+        const double time = static_cast<double>(times[i].size());
+        const double value = random() % 30 == 0 ? double(i) : time / 4;
+        signals[i]->appendTime(&time, 1);
+        signals[i]->appendData(&value, sizeof(value), {}, {});
+        times[i].push_back(time);
+        samples[i].push_back(value);
+      }
+      if (random() % 25 != 0) continue;
+      live->flush();
+      flushed.clear();
+      for (std::size_t i = 0; i < signals.size(); ++i) flushed.emplace_back(times[i], samples[i]);
+    }
+    signals.clear();
+    crash();
+    if (flushed.empty()) {
+      fs::remove_all(rec);
+      continue;
+    }
+    EXPECT_FALSE(recover().hasLosses());
+    EXPECT_EQ(faults(rec), "");
+    Recording opened = open(rec);
+    for (std::size_t i = 0; i < flushed.size(); ++i) {
+      const test::Samples found = test::read(*opened.pool().getSignal(static_cast<int>(i)));
+      ASSERT_EQ(found.time, flushed[i].first) << i;
+      ASSERT_EQ(numbersIn(found.data), flushed[i].second) << i;
+    }
+    fs::remove_all(rec);
+  }
+}
+
+}  // namespace
+}  // namespace kyr::recording
