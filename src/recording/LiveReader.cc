@@ -147,8 +147,8 @@ class LiveReader::Impl {
     if (views_.size() >= kMaxOpenFiles) views_.clear();
     auto& view = views_.emplace(id, path).first->second;
     if (view.rows() >= rows) return view;
-    throw std::runtime_error(fmt::format("{}: holds {} rows, but {} were flushed", path.string(),
-                                         view.rows(), rows));
+    throw std::runtime_error(
+        fmt::format("{}: holds {} rows, but {} were flushed", path.string(), view.rows(), rows));
   }
 
   static constexpr std::size_t kMaxOpenFiles = 128;
