@@ -14,6 +14,8 @@ using Action = std::function<int()>;
 /// \name Each adds a subcommand, which sets \p action when it is called.
 /// @{
 void addImportCommand(CLI::App& app, Action& action);
+void addRecordCommand(CLI::App& app, Action& action);
+void addRecoverCommand(CLI::App& app, Action& action);
 void addInfoCommand(CLI::App& app, Action& action);
 void addCatCommand(CLI::App& app, Action& action);
 void addExportCommand(CLI::App& app, Action& action);

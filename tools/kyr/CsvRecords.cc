@@ -47,4 +47,37 @@ bool CsvRecordScanner::next(CsvRecord& record) {
   return true;
 }
 
+void splitCells(std::string_view row, std::vector<std::string>& cells) {
+  std::size_t count = 0;
+  const auto nextCell = [&]() -> std::string& {
+    if (count == cells.size()) cells.emplace_back();
+    cells[count].clear();
+    return cells[count++];
+  };
+  std::string* cell = &nextCell();
+  bool isStart = true;  // of the cell
+  bool isQuoted = false;
+  bool isBehind = false;  // a quotation mark that closed, unless it is doubled
+  for (const char c : row) {
+    if (isQuoted && c != '"') {
+      cell->push_back(c);
+    } else if (isQuoted) {
+      isQuoted = false;
+      isBehind = true;
+    } else if (c == ',') {
+      cell = &nextCell();
+      isStart = true;
+      isBehind = false;
+    } else if (c == '"' && (isStart || isBehind)) {
+      if (isBehind) cell->push_back(c);
+      isQuoted = true;
+      isStart = isBehind = false;
+    } else {
+      cell->push_back(c);
+      isStart = isBehind = false;
+    }
+  }
+  cells.resize(count);
+}
+
 }  // namespace kyr::tool

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace kyr::tool {
 
@@ -38,5 +40,9 @@ class CsvRecordScanner {
   std::int64_t line_;
   std::size_t position_ = 0;
 };
+
+/// The cells of a row, without their quotation marks, as Arrow's reader takes them apart.
+/// \param cells  replaced
+void splitCells(std::string_view row, std::vector<std::string>& cells);
 
 }  // namespace kyr::tool

@@ -14,7 +14,6 @@
 #include "CellParser.h"
 #include "ColumnCells.h"
 #include "Errors.h"
-#include "HeaderNames.h"
 #include "Text.h"
 #include "TypeNames.h"
 
@@ -39,91 +38,16 @@ std::int64_t firstWithoutNumber(const ::arrow::ChunkedArray& texts) {
   return firstCell(texts, [](std::string_view, std::int64_t) { return true; }).value_or(0);
 }
 
-// The header's first names, for whoever mistyped one.
-std::string namesOf(const std::vector<std::string>& header) {
-  constexpr std::size_t kShown = 5;
-  std::string names;
-  for (std::size_t i = 0; i < std::min(header.size(), kShown); ++i) {
-    names += (i > 0 ? ", " : "") + inQuotes(header[i]);
-  }
-  return header.size() > kShown ? names + ", ..." : names;
-}
-
 }  // namespace
 
 CsvTable::CsvTable(const std::string& path, const CsvOptions& options, const Progress& progress)
     : text_(path) {
-  nameColumns(options);
-  applyTypes(options.types);
+  CsvHeader header = namedColumns(path, text_.header(), options);
+  timePlace_ = header.timePlace;
+  timeName_ = std::move(header.timeName);
+  timeUnit_ = std::move(header.timeUnit);
+  columns_ = std::move(header.columns);
   readCells(progress);
-}
-
-void CsvTable::nameColumns(const CsvOptions& options) {
-  const std::vector<std::string>& header = text_.header();
-  if (!options.timeName.empty()) {
-    const auto isTime = [&](const std::string& cell) {
-      return cell == options.timeName || splitHeader(cell).name == options.timeName;
-    };
-    const auto found = std::find_if(header.begin(), header.end(), isTime);
-    if (found == header.end()) {
-      throw std::runtime_error(fmt::format("{}: there is no column {} for --time: the names are {}",
-                                           text_.path(), inQuotes(options.timeName),
-                                           namesOf(header)));
-    }
-    timePlace_ = static_cast<std::size_t>(found - header.begin());
-  }
-  if (header.size() == 1) {
-    throw std::runtime_error(
-        fmt::format("{}: there is only one column, {}: a time column and others are "
-                    "needed, with commas between them",
-                    text_.path(), inQuotes(header[0])));
-  }
-  std::vector<std::string> others = header;
-  others.erase(others.begin() + static_cast<std::ptrdiff_t>(timePlace_));
-  const std::vector<HeaderName> names = uniqueNames(others);
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    CsvColumn column;
-    column.place = i < timePlace_ ? i : i + 1;
-    column.id = static_cast<int>(i);
-    column.name = names[i].name;
-    column.unit = names[i].unit;
-    columns_.push_back(std::move(column));
-  }
-  HeaderName time = splitHeader(header[timePlace_]);
-  timeName_ = std::move(time.name);
-  timeUnit_ = std::move(time.unit);
-}
-
-CsvColumn& CsvTable::columnCalled(const std::string& name) {
-  const auto byName = std::find_if(columns_.begin(), columns_.end(),
-                                   [&](const CsvColumn& column) { return column.name == name; });
-  if (byName != columns_.end()) return *byName;
-  const auto byHeader =
-      std::find_if(columns_.begin(), columns_.end(),
-                   [&](const CsvColumn& column) { return text_.header()[column.place] == name; });
-  if (byHeader != columns_.end()) return *byHeader;
-  throw std::runtime_error(fmt::format(
-      "{}: there is no signal {} for --type: {}", text_.path(), inQuotes(name),
-      name == timeName_ ? "times are always double" : "the names are " + namesOf(text_.header())));
-}
-
-void CsvTable::applyTypes(const std::vector<std::string>& types) {
-  for (const std::string& entry : types) {
-    const std::size_t equals = entry.rfind('=');
-    const auto type = equals == std::string::npos
-                          ? std::nullopt
-                          : columnType(std::string_view(entry).substr(equals + 1));
-    if (!type) {
-      throw UsageError(
-          fmt::format("--type {}: give NAME=TYPE, with TYPE one of {}", entry, columnTypeNames()));
-    }
-    CsvColumn& column = columnCalled(entry.substr(0, equals));
-    if (column.isText && column.type != *type) {
-      throw UsageError(fmt::format("--type {}: the column has a type already", entry));
-    }
-    column.type = *type;
-    column.isText = true;
-  }
 }
 
 void CsvTable::readCells(const Progress& progress) {

@@ -8,27 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "CsvHeader.h"
 #include "CsvReader.h"
 #include "CsvText.h"
 #include "kyr/parquet/SignalTypes.h"
 
 namespace kyr::tool {
-
-struct CsvOptions {
-  std::string timeName;            ///< column of the times; empty for the first
-  std::vector<std::string> types;  ///< "NAME=TYPE" each
-};
-
-/// A column that can be stored as a signal.
-struct CsvColumn {
-  std::size_t place = 0;  ///< in the header
-  int id = 0;             ///< place without the time column
-  std::string name;       ///< unlike those of all other columns
-  std::string unit;
-  KYRSignalDataType type = Double;
-  bool isText = false;  ///< whether the cells are text to be read as `type`
-  std::shared_ptr<::arrow::ChunkedArray> cells;
-};
 
 /// The samples of one signal, in memory order. A signal has none where its cell is empty.
 struct Samples {
@@ -58,9 +43,6 @@ class CsvTable {
  private:
   using Cells = std::shared_ptr<::arrow::ChunkedArray>;
 
-  void nameColumns(const CsvOptions& options);
-  void applyTypes(const std::vector<std::string>& types);
-  CsvColumn& columnCalled(const std::string& name);
   void readCells(const Progress& progress);
   void readTime(const Cells& cells);
   void checkTime();

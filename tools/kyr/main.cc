@@ -65,6 +65,8 @@ Examples:
 Each command has its own --help.)help");
   Action action;
   addImportCommand(app, action);
+  addRecordCommand(app, action);
+  addRecoverCommand(app, action);
   addInfoCommand(app, action);
   addCatCommand(app, action);
   addExportCommand(app, action);

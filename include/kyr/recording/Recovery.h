@@ -23,7 +23,7 @@ struct RecoveredFile {
 };
 
 /// \brief What became of a recording that was not finished.
-struct RecoveryResult {
+struct KYR_PARQUET_EXPORT RecoveryResult {
   bool wasComplete = false;              ///< there was nothing to do
   std::vector<RecoveredSignal> signals;  ///< by ascending signal id
   std::vector<RecoveredFile> filesCut;

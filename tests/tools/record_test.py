@@ -1,0 +1,195 @@
+"""Recording rows as they come, and what a crash leaves of them."""
+
+import os
+import random
+import signal
+import subprocess
+import time
+import unittest
+
+from tool import KYR, ToolTest, rows_of
+
+
+class RecordTest(ToolTest):
+    def start(self, *arguments, **options):
+        process = subprocess.Popen([KYR, "record", *map(str, arguments)], text=True,
+                                   stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, cwd=self.folder,
+                                   env=self.environment(), **options)
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
+        return process
+
+    def send(self, process, text):
+        process.stdin.write(text)
+        process.stdin.flush()
+
+    def wait_for(self, condition):
+        end = time.monotonic() + 20
+        while not condition():
+            self.assertLess(time.monotonic(), end, "waited in vain")
+            time.sleep(0.01)
+
+
+class Record(RecordTest):
+    def test_what_is_recorded_is_what_import_stores(self):
+        texts = {
+            "gaps": "time,a [m],b,c\n0,1,,5.5\n1,,2,\n2,3,,-0.0\n",
+            "quotes and line ends": '\xef\xbb\xbf"time","a ""q"""\r\n\r\n0,"1.5"\r\n1,2.5',
+            "no rows": "time,a [m],b\n",
+            "truth values": "time,a,on\n0,0.5,true\n1,1.5,FALSE\n",
+            "repeated times": "time,a\n0,1.5\n0,2\n",
+            "other line ends": "time,a\r0,1.5\r1,2\r",
+        }
+        for name, text in texts.items():
+            for source in ("in.csv", "-"):
+                with self.subTest(name, source=source):
+                    self.write(text.encode("latin-1" if name.startswith("quotes") else "utf-8"))
+                    self.run_tool("import", "in.csv", "rec", "--force")
+                    with open(self.folder / "in.csv") as content:
+                        subprocess.run([KYR, "record", source, "new"], check=True, stdin=content,
+                                       cwd=self.folder, capture_output=True)
+                    self.run_tool("verify", "new")
+                    self.assertEqual(self.cat(recording="new"), self.cat())
+                    subprocess.run(["rm", "-r", self.folder / "new"], check=True)
+
+    def test_types_time_and_codec(self):
+        self.run_tool("record", "-", "rec", "--type", "gear=int8", "--time", "t", "--compression",
+                      "zstd", stdin="gear,t,v\n1,0.5,2\n-3,1,1e3\n")
+        self.assertEqual(self.cat(), "time,gear,v\n0.5,1,2\n1,-3,1000\n")
+        gear = self.signals()["gear"]
+        self.assertEqual((gear["type"], gear["compression"]), ("int8", "zstd"))
+
+    def test_bad_rows(self):
+        cases = (("time,a\n0,1\n1,x\n2,3\n", ["line 3", '"a"', '"x"'], "0,1\n2,3\n", "1 cell"),
+                 ("time,a\n0,1\n\n1,2,3\n2,3\n", ["line 4", "3 cells"], "0,1\n2,3\n", "1 row"),
+                 ("time,a\n0,1\n,2\n2,3\n", ["line 3", '"time"'], "0,1\n2,3\n", "1 row"),
+                 ("time,a\n1,1\n0,2\n2,3\n", ["line 3", "decrease"], "1,1\n2,3\n", "1 row"),
+                 ('time,a\n0,1\n"1,2\n2,3\n', ["line 3"], "0,1\n", "0 rows"))
+        for number, (text, says, skipping, count) in enumerate(cases):
+            with self.subTest(text=text):
+                first = skipping.split("\n")[0]
+                unclosed = '"1,2' in text
+                result = self.run_tool("record", "-", f"rec{number}", stdin=text,
+                                       expect=0 if unclosed else 1)
+                for what in says:
+                    self.assertIn(what, result.stderr)
+                self.run_tool("verify", f"rec{number}")
+                self.assertEqual(self.cat(recording=f"rec{number}"), f"time,a\n{first}\n")
+                result = self.run_tool("record", "-", f"skip{number}", "--skip-bad", stdin=text)
+                self.assertIn("left out", result.stderr)
+                if not unclosed:
+                    self.assertIn(count, result.stderr)
+                self.assertEqual(self.cat(recording=f"skip{number}"), f"time,a\n{skipping}")
+
+    def test_the_last_line_without_an_end(self):
+        self.run_tool("record", "-", "rec", stdin="time,a,b\n0,1,2\n1,2,3")
+        self.assertEqual(self.cat(), "time,a,b\n0,1,2\n1,2,3\n")
+        result = self.run_tool("record", "-", "new", stdin="time,a,b\n0,1,2\n1,2")
+        self.assertIn("line 3", result.stderr)
+        self.assertEqual(self.cat(recording="new"), "time,a,b\n0,1,2\n")
+
+    def test_refusals_leave_nothing_behind(self):
+        self.write("time;a\n0;1\n")
+        for arguments, exit_code, says in (
+            (["in.csv", "new"], 1, "only one column"),
+            (["none.csv", "new"], 1, "none.csv"),
+            (["-", "new", "--follow"], 2, "--follow"),
+            (["in.csv", "new", "--type", "a=float"], 1, "only one column"),
+            (["in.csv", "new", "--sync", "often"], 2, "--sync"),
+            (["in.csv", "tmp/.."], 1, "not empty"),
+        ):
+            with self.subTest(arguments=arguments):
+                self.fails("record", *arguments, exit_code=exit_code, says=[says])
+                self.assertFalse((self.folder / "new").exists())
+
+    def test_signals_finish_and_save(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            process = self.start("-", f"rec{number}", "--acknowledge", "--flush-rows", "1")
+            self.send(process, "time,a\n0,1\n1,2\n")
+            self.assertEqual(process.stdout.readline(), "1\n")
+            process.send_signal(number)
+            self.assertEqual(process.wait(20), 0, process.stderr.read())
+            self.assertEqual(self.cat(recording=f"rec{number}"), "time,a\n0,1\n1,2\n")
+
+    def test_a_file_that_grows(self):
+        file = self.write("time,a\n0,1\n1,")
+        process = self.start(file, "rec", "--follow", "--acknowledge", "--flush-rows", "1")
+        self.assertEqual(process.stdout.readline(), "1\n")
+        with open(file, "a") as growing:
+            growing.write("2\n")
+        self.assertEqual(process.stdout.readline(), "2\n")
+        process.terminate()
+        self.assertEqual(process.wait(20), 0)
+        self.assertEqual(self.cat(), "time,a\n0,1\n1,2\n")
+
+
+class Crashes(RecordTest):
+    """A process is killed at random moments; what it acknowledged must come back."""
+
+    SIGNALS = ("a", "b", "c", "d")
+
+    # Two signals that share all, one that has gaps, one that parts from the first after a while.
+    @staticmethod
+    def row(i):
+        return [i / 8, i * 0.5, i * 0.5, "" if i % 7 == 3 else i * 2.0,
+                i * 0.5 if i < 200 else -i * 1.5]
+
+    def expected(self, rows):
+        return [[float(cell) if cell != "" else None for cell in self.row(i)] for i in range(rows)]
+
+    def round(self, number, randomness):
+        name = f"run{number}"
+        options = randomness.choice((["--flush-rows", "1"], ["--flush-rows", "37"],
+                                     ["--flush-seconds", "0.005"],
+                                     ["--flush-rows", "11", "--sync", "flush"],
+                                     ["--flush-rows", "53", "--compression", "zstd"]))
+        process = self.start("-", name, "--acknowledge", *options)
+        text = "time," + ",".join(self.SIGNALS) + "\n"
+        text += "".join(",".join(map(str, self.row(i))) + "\n" for i in range(3000))
+        deadline = time.monotonic() + randomness.uniform(0, 0.25)
+        os.set_blocking(process.stdin.fileno(), False)
+        data = text.encode()
+        while time.monotonic() < deadline:
+            size = randomness.randrange(1, 4000)
+            try:
+                data = data[os.write(process.stdin.fileno(), data[:size]):]
+            except BlockingIOError:
+                pass
+            time.sleep(randomness.choice((0, 0, 0.001)))
+        process.kill()
+        acknowledged = [int(line) for line in process.stdout.read().splitlines(True)
+                        if line.endswith("\n")]
+        process.wait()
+        return name, max(acknowledged, default=0)
+
+    def test_no_acknowledged_row_is_missing_or_different(self):
+        seed = int(os.environ.get("KYR_CRASH_SEED", "20"))
+        rounds = int(os.environ.get("KYR_CRASH_ROUNDS", "20"))
+        randomness = random.Random(seed)
+        acknowledged_in_all = 0
+        for number in range(rounds):
+            name, acknowledged = self.round(number, randomness)
+            with self.subTest(round=number, acknowledged=acknowledged):
+                if not (self.folder / name / "recording.live.json").exists():
+                    self.assertEqual(acknowledged, 0)
+                    continue
+                self.fails("cat", name + "/..", says=["not a recording"])
+                expect = 0 if acknowledged else None
+                result = subprocess.run([KYR, "recover", name], capture_output=True, text=True,
+                                        cwd=self.folder)
+                if expect is None and result.returncode == 1:
+                    continue
+                self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+                self.run_tool("verify", name)
+                found = [[float(cell) if cell else None for cell in row]
+                         for row in rows_of(self.cat(recording=name))[1:]]
+                self.assertGreaterEqual(len(found), acknowledged)
+                self.assertEqual(found, self.expected(len(found)))
+                acknowledged_in_all += acknowledged
+        print(f"{rounds} crashes, {acknowledged_in_all} rows acknowledged")
+        self.assertGreater(acknowledged_in_all, 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
