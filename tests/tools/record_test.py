@@ -124,6 +124,102 @@ class Record(RecordTest):
         self.assertEqual(self.cat(), "time,a\n0,1\n1,2\n")
 
 
+class WhileItRuns(RecordTest):
+    def begin(self):
+        process = self.start("-", "rec", "--acknowledge", "--flush-rows", "1")
+        self.send(process, "time,a [m],b\n0,1,\n")
+        self.assertEqual(process.stdout.readline(), "1\n")
+        return process
+
+    def test_info_and_cat_read_along(self):
+        process = self.begin()
+        self.assertEqual(self.cat(), "time,a [m],b\n0,1,\n")
+        self.send(process, "1,2,3\n")
+        process.stdout.readline()
+        self.assertEqual(self.cat("a"), "time,a [m]\n0,1\n1,2\n")
+        self.assertEqual(self.info()["state"], "recording...")
+        self.assertEqual(self.signals()["a"]["timeSpan"], {"from": 0, "to": 1})
+        self.assertIn("recording...", self.run_tool("info", "rec").stdout)
+        for command in ("verify", "recover", "gc"):
+            self.fails(command, "rec", says=["still being recorded"])
+        self.fails("export", "rec", "out.csv", says=["still being recorded"])
+        process.kill()
+        process.wait()
+        self.assertIn("not finished: kyr recover rec", self.run_tool("info", "rec").stdout)
+        self.assertEqual(self.cat(), "time,a [m],b\n0,1,\n1,2,3\n")
+        self.fails("cat", "rec", "--follow", says=["kyr recover rec"])
+        self.fails("verify", "rec", says=["kyr recover"])
+        self.run_tool("recover", "rec")
+        self.run_tool("verify", "rec")
+        self.assertNotIn("state", self.info())
+
+    def test_cat_follows_to_the_end(self):
+        process = self.begin()
+        cat = subprocess.Popen([KYR, "cat", "rec", "--follow"], stdout=subprocess.PIPE, text=True,
+                               cwd=self.folder, env=self.environment())
+        self.addCleanup(cat.communicate)
+        self.assertEqual([cat.stdout.readline() for _ in range(2)], ["time,a [m],b\n", "0,1,\n"])
+        self.send(process, "1,2,3\n")
+        self.assertEqual(cat.stdout.readline(), "1,2,3\n")
+        text = "".join(f"{i},{i},{i}\n" for i in range(2, 500))
+        process.communicate(text)
+        self.assertEqual(cat.stdout.read(), text)
+        self.assertEqual(cat.wait(20), 0)
+        self.assertEqual(self.cat("--follow"), self.cat())
+
+
+class Recover(RecordTest):
+    def test_losses_are_stated(self):
+        process = self.start("-", "rec", "--acknowledge", "--flush-rows", "10")
+        self.send(process, "time,a,b\n" + "".join(f"{i / 4},{i},{-i}\n" for i in range(100)))
+        while process.stdout.readline() != "100\n":
+            pass
+        process.kill()
+        process.wait()
+        file = self.folder / "rec" / "storage" / str(self.signals()["b"]["dataFile"])
+        file.write_bytes(file.read_bytes()[:-3000])
+        said = self.run_tool("recover", "rec", expect=3).stdout
+        kept = self.signals()["b"]["rows"]
+        self.assertTrue(0 < kept < 100 and kept % 10 == 0)
+        self.assertIn(f'signal 1 "b": {100 - kept} rows lost ({(100 - kept) / 4:g} s)', said)
+        self.assertEqual(self.signals()["a"]["rows"], 100)
+        self.run_tool("verify", "rec")
+
+    def test_nothing_to_be_had(self):
+        (self.folder / "rec").mkdir()
+        self.fails("recover", "rec", says=["no recording to be had"])
+        self.fails("recover", "none", says=["no such folder"])
+
+    def test_a_damaged_description(self):
+        self.store("time,a,b\n0,1,0.5\n1,2,1.5\n")
+        expected = self.cat()
+        description = self.folder / "rec" / "recording.json"
+        text = description.read_text()
+        description.write_text(text.replace('"compression"', '"compressioN"', 1))
+        self.fails("cat", "rec", says=["damaged"])
+        self.run_tool("recover", "rec", expect=3)
+        self.assertEqual(self.cat(), expected)
+        description.unlink()
+        self.run_tool("recover", "rec", expect=3)
+        self.run_tool("verify", "rec")
+
+    def test_garbage_is_removed(self):
+        self.store("time,a,b\n0,1,0.5\n1,2,1.5\n")
+        stray = self.folder / "rec" / "storage" / "77"
+        stale = self.folder / "rec.saving-0123"
+        for file in (stray, self.folder / "rec" / "notes.txt"):
+            file.write_text("text")
+        stale.mkdir()
+        self.assertIn("storage/77", self.run_tool("gc", "rec", "--dry-run", "--stale").stdout)
+        self.assertTrue(stray.exists() and stale.exists())
+        self.run_tool("gc", "rec")
+        self.assertTrue(stale.exists() and not stray.exists())
+        self.run_tool("gc", "rec/", "--stale")
+        self.assertFalse(stale.exists())
+        self.assertTrue((self.folder / "rec" / "notes.txt").exists())
+        self.run_tool("verify", "rec")
+
+
 class Crashes(RecordTest):
     """A process is killed at random moments; what it acknowledged must come back."""
 

@@ -14,9 +14,12 @@
 
 #include "Commands.h"
 #include "Errors.h"
+#include "LiveSource.h"
 #include "Output.h"
 #include "SampleTable.h"
 #include "SignalSelection.h"
+#include "kyr/parquet/SignalPool.h"
+#include "kyr/recording/LiveReader.h"
 #include "kyr/recording/Recording.h"
 
 namespace kyr::tool {
@@ -32,6 +35,7 @@ struct CatOptions {
   std::optional<double> from;
   std::optional<double> to;
   std::string rows;
+  bool follows = false;
 };
 
 std::size_t parseRow(std::string_view text, std::size_t ifEmpty, const std::string& option) {
@@ -64,23 +68,46 @@ Window windowOf(const CatOptions& options) {
   return window;
 }
 
+// All signals unless some are named.
+std::vector<SignalInfo> chosenSignals(RecordingInfo info, const CatOptions& options) {
+  if (options.signals.empty()) return std::move(info.signals);
+  std::vector<SignalInfo> signals;
+  for (const std::string& name : options.signals) {
+    signals.push_back(signalCalled(info, name, options.folder));
+  }
+  return signals;
+}
+
+int catLive(const CatOptions& options, const Window& window) {
+  recording::LiveReader reader(Path::fromNarrow(options.folder));
+  Output out;
+  LiveCat cat(options.folder, chosenSignals(recordingInfoOf(reader), options), window);
+  if (options.follows) {
+    cat.follow(out, reader);
+  } else {
+    cat.print(out, reader);
+    if (!reader.info().isBeingWritten) {
+      tell("warning: " + options.folder + " is " + stateOf(reader.info(), options.folder));
+    }
+  }
+  return 0;
+}
+
 int runCat(const CatOptions& options) {
   const Window window = windowOf(options);
   const Path folder = Path::fromNarrow(options.folder);
-  std::vector<SignalInfo> signals;
+  if (recording::isLiveRecording(folder)) return catLive(options, window);
+  std::vector<SignalInfo> signals = chosenSignals(recording::describeRecording(folder), options);
   std::set<int> ids;
-  {
-    RecordingInfo info = recording::describeRecording(folder);
-    for (const std::string& name : options.signals) {
-      signals.push_back(signalCalled(info, name, options.folder));
-      ids.insert(signals.back().signalId);
-    }
-    if (options.signals.empty()) signals = std::move(info.signals);
-  }
+  for (const SignalInfo& signal : signals) ids.insert(signal.signalId);
   recording::Recording opened =
-      ids.empty() ? recording::openRecording(folder)
-                  : recording::openRecording(folder, std::vector<int>(ids.begin(), ids.end()));
-  const SampleTable table(opened, std::move(signals));
+      options.signals.empty()
+          ? recording::openRecording(folder)
+          : recording::openRecording(folder, std::vector<int>(ids.begin(), ids.end()));
+  const SampleTable table(
+      std::move(signals), [&](const SignalInfo& signal, std::vector<double>& time) {
+        return SampleColumn(*opened.pool().getSignal(signal.signalId), signal, time);
+      });
   Output out;
   table.printHeader(out);
   table.printRows(out, window);
@@ -105,7 +132,10 @@ void addCatCommand(CLI::App& app, Action& action) {
   command->add_option("--rows", options->rows, "The rows A to B - 1, counted from 0")
       ->type_name("A:B")
       ->excludes(from)
-      ->excludes(to);
+      ->excludes(to)
+      ->excludes(
+          command->add_flag("--follow", options->follows,
+                            "Print rows as they are recorded, until the recording is finished"));
   command->footer(R"help(
 Prints a header of names and units, then a row per time. Where signals have different times, the rows
 are merged and cells without a sample are empty; the n-th sample of a repeated time stands beside the
@@ -116,11 +146,15 @@ Numbers have the shortest form that reads back exactly, so kyr import takes them
 matrix is one cell, "1 2;3 4": rows with semicolons, elements with blanks between them. Blobs are
 base64.
 
+Of a recording that is still being written, what was made durable is printed. With --follow, signals
+that are not recorded together stand in rows of their own.
+
 Examples:
   kyr cat run
   kyr cat run speed torque --from 10 --to 20.5
   kyr cat run --rows 1000:2000
-  kyr cat run --rows :10)help");
+  kyr cat run --rows :10
+  kyr cat run speed --follow)help");
   command->callback([options, &action] { action = [options] { return runCat(*options); }; });
 }
 

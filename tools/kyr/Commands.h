@@ -20,6 +20,7 @@ void addInfoCommand(CLI::App& app, Action& action);
 void addCatCommand(CLI::App& app, Action& action);
 void addExportCommand(CLI::App& app, Action& action);
 void addVerifyCommand(CLI::App& app, Action& action);
+void addGcCommand(CLI::App& app, Action& action);
 void addOptionsCommand(CLI::App& app, Action& action);
 void addDemoCommand(CLI::App& app, Action& action);
 void addCompletionCommand(CLI::App& app, Action& action);

@@ -12,9 +12,11 @@
 #include <string>
 
 #include "Commands.h"
+#include "LiveSource.h"
 #include "RecordingSummary.h"
 #include "Text.h"
 #include "TypeNames.h"
+#include "kyr/recording/LiveReader.h"
 
 namespace kyr::tool {
 
@@ -63,11 +65,13 @@ ordered_json signalJson(const SignalInfo& signal, const RecordingSummary& summar
           {"dataFile", orNull(signal.dataStorageId)}};
 }
 
-void printJson(Output& out, const RecordingInfo& info) {
+// \param state  of a recording that is not finished
+void printJson(Output& out, const RecordingInfo& info, const std::optional<std::string>& state) {
   const RecordingSummary summary(info);
   ordered_json document = {{"formatVersion", info.formatVersion},
                            {"signals", ordered_json::array()},
                            {"files", ordered_json::array()}};
+  if (state) document["state"] = *state;
   for (const SignalInfo& signal : info.signals) {
     document["signals"].push_back(signalJson(signal, summary));
   }
@@ -87,12 +91,22 @@ void printJson(Output& out, const RecordingInfo& info) {
 }
 
 int runInfo(const std::string& folder, bool asJson) {
-  const RecordingInfo info = recording::describeRecording(Path::fromNarrow(folder));
+  const Path path = Path::fromNarrow(folder);
+  RecordingInfo info;
+  std::optional<std::string> state;
+  if (recording::isLiveRecording(path)) {
+    recording::LiveReader reader(path);
+    info = recordingInfoOf(reader);
+    state = stateOf(reader.info(), folder);
+  } else {
+    info = recording::describeRecording(path);
+  }
   Output out;
   if (asJson) {
-    printJson(out, info);
+    printJson(out, info, state);
   } else {
     printInfo(out, info, std::numeric_limits<std::size_t>::max());
+    if (state) out.print("{}\n", *state);
   }
   out.flush();
   return 0;
@@ -140,10 +154,12 @@ void addInfoCommand(CLI::App& app, Action& action) {
       ->type_name("");
   command->add_flag("--json", options->asJson, "Print JSON");
   command->footer(R"help(
-Reads recording.json alone. The columns "time file" and "data file" name the files in FOLDER/storage;
-behind the name of a shared file stands, in parentheses, how many signals use it. Without a time file,
-the times, if any, are beside the samples. The bytes of a signal are those of its files, shared or
-not.
+Reads recording.json alone. Of a recording that is still being written it shows what was made
+durable, with the times of the first and the last row.
+
+The columns "time file" and "data file" name the files in FOLDER/storage; behind the name of a shared
+file stands, in parentheses, how many signals use it. Without a time file, the times, if any, are
+beside the samples. The bytes of a signal are those of its files, shared or not.
 
 Examples:
   kyr info run

@@ -3,6 +3,7 @@
 #include <arrow/util/base64.h>
 #include <fmt/compile.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <numeric>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 namespace kyr::tool {
 
@@ -70,6 +72,21 @@ SampleColumn::SampleColumn(parquet::ParquetSignal& signal, const recording::Sign
   time.clear();
   signal.getData(time, bytes_, shapes_, lengths);
   if (elementText_) width_ = parquet::elementWidth(info.dataType);
+  takeLengths(lengths);
+}
+
+SampleColumn::SampleColumn(const recording::SignalInfo& info, std::vector<char> bytes,
+                           std::vector<std::vector<std::size_t>> shapes,
+                           const std::vector<int>& lengths)
+    : bytes_(std::move(bytes)),
+      elementText_(elementText(info.dataType)),
+      shapes_(std::move(shapes)),
+      fixedShape_(info.dimensions) {
+  if (elementText_) width_ = parquet::elementWidth(info.dataType);
+  takeLengths(lengths);
+}
+
+void SampleColumn::takeLengths(const std::vector<int>& lengths) {
   size_ = bytes_.size() / width_;
   if (lengths.empty()) return;
   size_ = lengths.size();
@@ -79,7 +96,14 @@ SampleColumn::SampleColumn(parquet::ParquetSignal& signal, const recording::Sign
   }
 }
 
+void SampleColumn::dropFirst(std::size_t count) {
+  count = std::min(count, size_);
+  first_ += count;
+  size_ -= count;
+}
+
 void SampleColumn::append(fmt::memory_buffer& out, std::size_t sample) const {
+  sample += first_;
   if (begins_.empty() && elementText_) return elementText_(out, bytes_.data() + sample * width_);
   if (elementText_) return appendMatrix(out, sample);
   const std::size_t begin = begins_[sample];

@@ -24,6 +24,13 @@ class SampleColumn {
   SampleColumn(parquet::ParquetSignal& signal, const recording::SignalInfo& info,
                std::vector<double>& time);
 
+  /// \param bytes, shapes, lengths  as ParquetSignal::getData() gives them
+  SampleColumn(const recording::SignalInfo& info, std::vector<char> bytes,
+               std::vector<std::vector<std::size_t>> shapes, const std::vector<int>& lengths);
+
+  /// From now on the first \p count samples do not count.
+  void dropFirst(std::size_t count);
+
   std::size_t size() const { return size_; }
 
   void append(fmt::memory_buffer& out, std::size_t sample) const;
@@ -34,6 +41,9 @@ class SampleColumn {
   void appendMatrix(fmt::memory_buffer& out, std::size_t sample) const;
   std::size_t rowsOf(std::size_t sample) const;
 
+  void takeLengths(const std::vector<int>& lengths);
+
+  std::size_t first_ = 0;  ///< sample that counts
   std::size_t size_ = 0;
   std::vector<char> bytes_;
   std::size_t width_ = 1;              ///< bytes of an element

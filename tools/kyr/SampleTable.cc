@@ -12,7 +12,6 @@
 #include "HeaderNames.h"
 #include "Interrupt.h"
 #include "Text.h"
-#include "kyr/parquet/SignalPool.h"
 
 namespace kyr::tool {
 
@@ -62,15 +61,15 @@ class RowCursor {
 
 }  // namespace
 
-SampleTable::SampleTable(recording::Recording& recording,
-                         std::vector<recording::SignalInfo> signals)
+SampleTable::SampleTable(std::vector<recording::SignalInfo> signals, const Load& load)
     : signals_(std::move(signals)) {
   std::vector<double> time;
   for (const recording::SignalInfo& signal : signals_) {
     stopIfInterrupted();
     Column& column = columns_.emplace_back();
     if (!signal.dataStorageId) continue;
-    column.samples = SampleColumn(*recording.pool().getSignal(signal.signalId), signal, time);
+    column.samples = load(signal, time);
+    if (column.samples.size() == 0 && time.empty()) continue;
     column.times = placeOf(signal, time);
     checkSize(signal, column);
   }

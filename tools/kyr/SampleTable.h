@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <limits>
 #include <map>
 #include <string>
@@ -8,7 +9,7 @@
 
 #include "Output.h"
 #include "SampleColumn.h"
-#include "kyr/recording/Recording.h"
+#include "kyr/recording/RecordingInfo.h"
 
 namespace kyr::tool {
 
@@ -26,9 +27,12 @@ struct Window {
 /// stand in one row, the second ones in the next. Signals without time count their samples instead.
 class SampleTable {
  public:
-  /// \param recording  opened with at least these signals
+  /// Gives the samples of a signal, and their times, which are empty if there are none.
+  using Load =
+      std::function<SampleColumn(const recording::SignalInfo& signal, std::vector<double>& time)>;
+
   /// \throws std::runtime_error if some of the signals have times and some have none
-  SampleTable(recording::Recording& recording, std::vector<recording::SignalInfo> signals);
+  SampleTable(std::vector<recording::SignalInfo> signals, const Load& load);
 
   void printHeader(Output& out) const;
   void printRows(Output& out, const Window& window) const;

@@ -55,11 +55,12 @@ int run(int argc, char** argv) {
                  "Write what the library does to FILE, in the trace event format")
       ->type_name("FILE");
   app.footer(R"help(
-Exit codes: 0 done, 1 failed, 2 wrong usage.
+Exit codes: 0 done, 1 failed, 2 wrong usage; kyr recover: 3 something is lost.
 
 Examples:
   kyr demo
   kyr import run.csv run
+  simulator | kyr record - run42
   kyr cat run speed --from 10 --to 20
   kyr export run run.parquet
 Each command has its own --help.)help");
@@ -71,6 +72,7 @@ Each command has its own --help.)help");
   addCatCommand(app, action);
   addExportCommand(app, action);
   addVerifyCommand(app, action);
+  addGcCommand(app, action);
   addOptionsCommand(app, action);
   addDemoCommand(app, action);
   addCompletionCommand(app, action);
