@@ -185,6 +185,19 @@ TEST_F(LiveRecordings, RecoversExactlyWhatWasFlushed) {
   EXPECT_TRUE(recover().wasComplete);
 }
 
+// The file of acknowledged rows stays until a flush has said where they are now.
+TEST_F(LiveRecordings, ForgottenSignalsCostOthersNothing) {
+  begin();
+  append(*a, 0, 100, 1);
+  append(*b, 0, 50, 1);
+  live->flush();
+  a->resetData();
+  append(*b, 50, 60, 3);
+  crash();
+  EXPECT_EQ(recover().signals.at(1).rowsKept, 50U);
+  expectSignal(2, 50, 1);
+}
+
 // However the journal ends, it is the last whole line that counts.
 TEST_F(LiveRecordings, TornJournalLinesAreNoticed) {
   begin();
