@@ -52,8 +52,14 @@ void LiveJournal::append(const JournalLine& line, bool syncs) {
 bool isBeingWritten(const fs::path& folder) {
   std::error_code missing;
   if (!fs::exists(folder / kJournalFile, missing)) return false;
-  DiskFile journal(folder / kJournalFile, DiskFile::Mode::readOnly);
-  return !journal.tryLock(DiskFile::Lock::shared);
+  try {
+    DiskFile journal(folder / kJournalFile, DiskFile::Mode::readOnly);
+    return !journal.tryLock(DiskFile::Lock::shared);
+  } catch (const std::system_error& error) {
+    // The recording was finished between the two looks.
+    if (error.code() == std::errc::no_such_file_or_directory) return false;
+    throw;
+  }
 }
 
 RecoveryLock::RecoveryLock(const fs::path& folder)

@@ -47,6 +47,8 @@ class KYR_PARQUET_EXPORT LiveRecording {
   parquet::SignalPool& pool();
 
   /// \brief A new signal to append to. Without a name it is called "signal <id>".
+  ///
+  /// A recovery knows its description, and that it is there, from the next flush() on.
   /// \throws std::invalid_argument if the pool has a signal of that id, for an unknown type or
   ///         category, and for a text that is no valid UTF-8
   /// \throws std::logic_error after finish()
