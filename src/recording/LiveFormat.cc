@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "recording/Checksum.h"
+#include "recording/RecordingFormat.h"
 #include "recording/SignalJson.h"
 
 namespace kyr::recording {
@@ -43,6 +44,18 @@ LiveDescription liveFromJson(const json& document) {
     live.signals.push_back(describedFromJson(signal));
   }
   return live;
+}
+
+// A sound document of a later version is no damaged one.
+void requireKnownVersion(const json& document) {
+  const json version = document.value("formatVersion", json());
+  const json checksum = document.value("xxh3_128", json());
+  if (version.is_number_integer() && version > std::max(kFormatVersion, kLiveFormatVersion) &&
+      checksum == documentChecksum(document)) {
+    throw std::runtime_error(fmt::format(
+        "format version {} is newer than what is known here: use a newer version of kyr",
+        version.get<int>()));
+  }
 }
 
 // Takes a number off the front of a text, and the character that must follow it.
@@ -94,6 +107,7 @@ std::vector<SignalInfo> salvageSignals(const std::string& text) {
   std::vector<SignalInfo> signals;
   const json document = json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!document.is_object() || !document.contains("signals")) return signals;
+  requireKnownVersion(document);
   std::set<int> ids;
   for (const json& object : document["signals"]) {
     try {

@@ -28,6 +28,7 @@ LiveDescription readLiveJson(const std::string& text, const std::string& source)
 
 /// The signals of a damaged recording.live.json or recording.json, as far as they can be made out;
 /// none if it is no JSON any more.
+/// \throws std::runtime_error if it is not damaged, but of a newer format version
 std::vector<SignalInfo> salvageSignals(const std::string& text);
 
 /// One flush: how many rows each part had. Parts are the times and the data of the first signal, of

@@ -7,7 +7,7 @@
 #include "kyr/recording/LiveRecording.h"
 #include "kyr/recording/Recovery.h"
 #include "recording/FolderFiles.h"
-#include "recording/LiveFormat.h"
+#include "recording/RecordingFormat.h"
 #include "recording/RecordingTest.h"
 
 namespace kyr::recording {
@@ -307,6 +307,12 @@ TEST_F(LiveRecordings, RebuildsWhatFilesTell) {
   }
   fs::create_directories(rec / "storage");
   EXPECT_THROW(recover(), std::runtime_error);
+  RecordingInfo newer;
+  newer.formatVersion = 2;
+  const std::string text = writeRecordingJson(newer);
+  test::Folder(rec).touch("recording.json", text);
+  EXPECT_THAT(errorOf([&] { recover(); }), HasSubstr("newer"));
+  EXPECT_EQ(test::Folder(rec).contents("recording.json"), text);
 }
 
 // Signals of all kinds, which share and part at random, against what they were at the last flush.
