@@ -111,12 +111,11 @@ std::vector<SampleSignal> sampleSignals() {
   for (const auto& kind : kinds) {
     for (const KYRSignalCategory category : kind.categories) {
       const std::size_t index = signals.size();
-      SignalDescription description{
-          static_cast<int>(index) + 1,
-          dataTypeName(kind.type) + " " + categoryName(category),
-          "°C",
-          "line 1\nline \"2\"",
-          {}};
+      SignalDescription description{static_cast<int>(index) + 1,
+                                    dataTypeName(kind.type) + " " + categoryName(category),
+                                    "°C",
+                                    "line 1\nline \"2\"",
+                                    {}};
       if (category == FixedDim) description.dimensions = {2, 3};
       signals.push_back({std::move(description), kind.type, category, index % 2 == 0,
                          codecs[index % codecs.size()],

@@ -24,7 +24,7 @@ struct SafeStorage {
   std::size_t batchRows = 65536;                  ///< rows of a batch at the most, 1 or more
   std::size_t batchBytes = std::size_t{8} << 20;  ///< bytes of a batch in memory at the most
   Sync sync = Sync::never;
-  double syncSeconds = 1;   ///< [s]
+  double syncSeconds = 1;  ///< [s]
   /// Whether files outlive the pool. Those that no signal has any more are deleted at the second
   /// SignalPool::flush() after that, so that a list of files made after a flush stays right until
   /// the next one is made.
