@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -91,6 +92,12 @@ std::uint64_t DiskFile::size() const {
   struct stat status {};
   if (::fstat(descriptor(), &status) != 0) fail("tell the size", errno);
   return static_cast<std::uint64_t>(status.st_size);
+}
+
+void DiskFile::requireName() const {
+  struct stat status {};
+  if (::fstat(descriptor(), &status) != 0) fail("tell the size", errno);
+  if (status.st_nlink == 0) throw std::runtime_error(path_.string() + ": was deleted by others");
 }
 
 void DiskFile::writeAt(std::uint64_t offset, const std::vector<std::string_view>& pieces) {

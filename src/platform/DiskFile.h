@@ -26,6 +26,8 @@ class DiskFile {
 
   const std::filesystem::path& path() const { return path_; }
   std::uint64_t size() const;
+  /// \throws std::runtime_error naming the file if it was deleted while it was open
+  void requireName() const;
 
   /// The pieces one after the other, from \p offset on. What is there of them after a failure is
   /// left open.

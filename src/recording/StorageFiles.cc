@@ -95,7 +95,9 @@ const RecoveredStorage& StorageFiles::file(int id) {
   if (known != files_.end()) return known->second;
   RecoveredStorage found;
   if (std::binary_search(ids_.begin(), ids_.end(), id)) {
-    const parquet::RecoveryReport report = parquet::recoverFile(pathOf(id));
+    const parquet::RecoveryReport report =
+        parquet::recoverFile(pathOf(id), std::numeric_limits<std::uint64_t>::max(),
+                             directory_.parent_path() / "lost" / (std::to_string(id) + ".damaged"));
     found = {report.isComplete, report.isComplete, report.rowsKept, report.bytesCut};
     try {
       const StoredFile stored(pathOf(id));

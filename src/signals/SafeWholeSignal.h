@@ -30,6 +30,7 @@ class SafeWholeSignal final : public WholeSignal {
   void setCategory(KYRSignalCategory category) override { label_->category = category; }
   KYRSignalCategory getCategory() const override { return label_->category; }
   void setParquetCompressionType(const ::arrow::Compression::type& type) override {
+    parquet::requireWritable(type);
     compression_ = type;
   }
   std::optional<::arrow::Compression::type> getParquetCompressionType() const override {

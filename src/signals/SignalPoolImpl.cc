@@ -78,8 +78,8 @@ void SignalPoolImpl::leaveStore() noexcept {
 void SignalPoolImpl::setParquetDirectory(const Path& dir) {
   if (safeStorage || FeatureFlag::isEnabled("fKYRUseSafeStorage")) {
     leaveStore();
-    const int firstId = std::max(firstFreeId(dir), store ? store->nextId() : 0);
-    store = std::make_shared<SharedStore>(dir, safeStorage.value_or(SafeStorage()), firstId);
+    *nextSafeId = std::max(*nextSafeId, firstFreeId(dir));
+    store = std::make_shared<SharedStore>(dir, safeStorage.value_or(SafeStorage()), nextSafeId);
     worker.reset();
     writer.reset();
     directory = dir;

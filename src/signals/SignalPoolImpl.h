@@ -64,6 +64,7 @@ class SignalPoolImpl {
   std::shared_ptr<StreamableWriter> writer;
   std::shared_ptr<SharedStore> store;
   std::optional<SafeStorage> safeStorage;
+  std::shared_ptr<int> nextSafeId = std::make_shared<int>(0);
   std::unordered_map<int, std::shared_ptr<SignalLabel>> labels;  // by signal, of safe pools
   Path directory;
   // What is known of stored chunks; as old as the pool, whatever its directory.

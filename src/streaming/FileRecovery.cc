@@ -98,6 +98,26 @@ bool holds(const DiskFile& file, std::uint64_t offset, std::string_view bytes) {
   return there == bytes;
 }
 
+// Whether a batch begins behind \p from, other than right there, where a torn one may.
+bool holdsRecordsBehind(const std::filesystem::path& path, std::uint64_t from, std::uint64_t size) {
+  constexpr std::string_view kRecordMagic = "\x8FKYRBAT\n";
+  constexpr std::size_t kPieceBytes = std::size_t{1} << 20U;
+  const DiskFile file(path, DiskFile::Mode::readOnly);
+  std::string piece;
+  for (std::uint64_t at = from + 1; at + kRecordMagic.size() <= size; at += kPieceBytes) {
+    piece.resize(kPieceBytes + kRecordMagic.size() - 1);
+    piece.resize(file.readAt(at, piece.data(), piece.size()));
+    for (std::size_t found = piece.find(kRecordMagic); found != std::string::npos;
+         found = piece.find(kRecordMagic, found + 1)) {
+      // A footer has the same magic.
+      std::uint32_t kind = 0;
+      file.readAt(at + found + 12, &kind, sizeof(kind));
+      if (kind == static_cast<std::uint32_t>(RecordKind::batch)) return true;
+    }
+  }
+  return false;
+}
+
 std::optional<BatchIndex> indexFromFooter(const DiskFile& file, std::uint64_t end) {
   const auto footer = readFooter(file, end);
   if (!footer) return std::nullopt;
@@ -114,7 +134,8 @@ std::optional<BatchIndex> indexFromFooter(const DiskFile& file, std::uint64_t en
 
 }  // namespace
 
-RecoveryReport recoverFile(const std::filesystem::path& path, std::uint64_t maxRows) {
+RecoveryReport recoverFile(const std::filesystem::path& path, std::uint64_t maxRows,
+                           const std::filesystem::path& aside) {
   RecoveryReport report;
   std::uint64_t size = 0;
   std::optional<Records> records;
@@ -133,6 +154,10 @@ RecoveryReport recoverFile(const std::filesystem::path& path, std::uint64_t maxR
   report.rowsKept = records->index.rows();
   report.batchesKept = records->index.batches();
   if (report.wasComplete) return report;
+  if (!aside.empty() && holdsRecordsBehind(path, records->last.end(), size)) {
+    std::filesystem::create_directories(aside.parent_path());
+    std::filesystem::copy_file(path, aside, std::filesystem::copy_options::overwrite_existing);
+  }
   DiskFile file(path, DiskFile::Mode::readWrite);
   file.truncate(records->last.end());
   file.writeAt(0, {kParquetMagic});

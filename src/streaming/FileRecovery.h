@@ -32,9 +32,12 @@ struct RecoveryReport {
 /// be damaged, also before the end. Batches behind damage are cut off: their rows would move. The
 /// file must not be written by anybody else.
 /// \param maxRows  batches are kept as long as they have no more rows together
+/// \param aside  where to copy the file before whole batches behind damage are cut off; empty for
+///        nowhere
 /// \throws std::system_error if it cannot be read or written; may be repeated then
 RecoveryReport recoverFile(const std::filesystem::path& path,
-                           std::uint64_t maxRows = std::numeric_limits<std::uint64_t>::max());
+                           std::uint64_t maxRows = std::numeric_limits<std::uint64_t>::max(),
+                           const std::filesystem::path& aside = {});
 
 /// A growing file as it was when it was opened. It may go on growing.
 class GrowingFileView {

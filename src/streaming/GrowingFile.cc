@@ -164,6 +164,7 @@ void GrowingFile::replaceTail(const std::vector<std::string_view>& pieces) {
 
 void GrowingFile::publish() {
   requireGrowing();
+  file_->requireName();
   if (published_) return;
   const std::string foot = footer(recordsEnd_, records_);
   replaceTail({foot});

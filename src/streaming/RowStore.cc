@@ -134,6 +134,40 @@ SampleChunk measureChunk(const SampleSchema& schema, const void* data, std::size
   return chunk;
 }
 
+SampleChunk measureExactly(const SampleSchema& schema, const void* data, std::size_t size,
+                           std::size_t width,
+                           const std::vector<std::vector<std::uint64_t>>& dimensions,
+                           const std::vector<int>& sizes) {
+  const bool blobs = schema.kind == ColumnKind::blob;
+  SampleChunk chunk;
+  const bool isOneShape = schema.dimensionIndex >= 0 && dimensions.size() == 1;
+  if (isOneShape && !(blobs && !sizes.empty()) && shapeElements(dimensions.front()) == 0) {
+    chunk.rows = 1;
+  } else if (size == 0 && (blobs ? !sizes.empty() : dimensions.size() > 1)) {
+    if (blobs) {
+      measureSizes(sizes, chunk);
+    } else {
+      measureShapes(dimensions, chunk);
+    }
+    if (chunk.elements > 0) return measureChunk(schema, data, 1, 1, dimensions, sizes);  // throws
+    if (schema.dimensionIndex >= 0 && dimensions.size() != chunk.rows) {
+      throw std::invalid_argument(fmt::format(
+          "{} samples with {} dimension vectors, expected as many", chunk.rows, dimensions.size()));
+    }
+  } else {
+    chunk = measureChunk(schema, data, size, width, dimensions, sizes);
+  }
+  chunk.data = static_cast<const char*>(data);
+  chunk.dimensions = &dimensions;
+  if (blobs && !sizes.empty()) chunk.sizes = &sizes;
+  const std::size_t used = chunk.elements * (blobs ? 1 : width);
+  if (used != size) {
+    throw std::invalid_argument(
+        fmt::format("{} bytes of samples, of which whole ones take {}", size, used));
+  }
+  return chunk;
+}
+
 void RowStore::append(const SampleChunk& chunk) {
   appendBytes(elements_, chunk.data, chunk.elements * width_);
   if (schema_.kind != ColumnKind::flat) {

@@ -29,6 +29,13 @@ SampleChunk measureChunk(const SampleSchema& schema, const void* data, std::size
                          const std::vector<std::vector<std::uint64_t>>& dimensions,
                          const std::vector<int>& sizes);
 
+/// As measureChunk(), but samples without elements are rows also where there are no others, and
+/// bytes beyond the last sample are refused.
+SampleChunk measureExactly(const SampleSchema& schema, const void* data, std::size_t size,
+                           std::size_t width,
+                           const std::vector<std::vector<std::uint64_t>>& dimensions,
+                           const std::vector<int>& sizes);
+
 /// A run of rows in somebody's memory.
 struct RowSlice {
   std::size_t rows = 0;

@@ -30,6 +30,7 @@ void SafeStreamableSignal::setBufferSize(unsigned long rows) {
 }
 
 void SafeStreamableSignal::setParquetCompressionType(const ::arrow::Compression::type& type) {
+  requireWritable(type);
   time_.setCompression(type);
   data_.setCompression(type);
 }
@@ -58,7 +59,7 @@ void SafeStreamableSignal::appendData(const void* data, unsigned long size,
   if (data == nullptr) throw std::invalid_argument("Data is empty");
   const std::size_t width = elementWidth(label_->dataType);
   const SampleSchema& schema = dataSchema();
-  data_.append(schema, measureChunk(schema, data, size, width, dimensions, extra), width);
+  data_.append(schema, measureExactly(schema, data, size, width, dimensions, extra), width);
 }
 
 void SafeStreamableSignal::finish(SignalPart part) {

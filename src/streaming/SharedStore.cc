@@ -1,7 +1,10 @@
 #include "streaming/SharedStore.h"
 
 #include <arrow/api.h>
+#include <arrow/util/compression.h>
+#include <fmt/format.h>
 #include <parquet/properties.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <limits>
@@ -15,11 +18,33 @@
 
 namespace kyr::parquet {
 
-SharedStore::SharedStore(Path directory, const SafeStorage& options, int firstId)
-    : directory_(std::move(directory)), options_(options), nextId_(firstId) {
+void requireWritable(::arrow::Compression::type codec) {
+  switch (codec) {
+    case ::arrow::Compression::UNCOMPRESSED:
+    case ::arrow::Compression::SNAPPY:
+    case ::arrow::Compression::GZIP:
+    case ::arrow::Compression::BROTLI:
+    case ::arrow::Compression::ZSTD:
+    case ::arrow::Compression::LZ4:
+    case ::arrow::Compression::LZ4_HADOOP:
+      return;
+    default:
+      throw std::invalid_argument(fmt::format("Parquet files cannot be written with codec {} ({})",
+                                              static_cast<int>(codec),
+                                              ::arrow::util::Codec::GetCodecAsString(codec)));
+  }
+}
+
+SharedStore::SharedStore(Path directory, const SafeStorage& options, std::shared_ptr<int> nextId)
+    : directory_(std::move(directory)), options_(options), nextId_(std::move(nextId)) {
   if (options.batchRows == 0 || options.batchBytes == 0) {
     throw std::invalid_argument("a batch without rows or bytes: both must be positive");
   }
+  // A part of what the process may have, the rest being the host's.
+  constexpr int kMost = 128;
+  struct rlimit limit {};
+  const bool isKnown = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < kMost * 8;
+  maxOpenFiles_ = isKnown ? static_cast<int>(limit.rlim_cur / 8) : kMost;
 }
 
 std::filesystem::path SharedStore::fileOf(int id) const {
@@ -27,16 +52,21 @@ std::filesystem::path SharedStore::fileOf(int id) const {
 }
 
 int SharedStore::newId() {
-  if (nextId_ == std::numeric_limits<int>::max()) {
+  if (*nextId_ == std::numeric_limits<int>::max()) {
     throw std::runtime_error(directory_.toNarrow() + ": there are no storage ids left");
   }
-  return nextId_++;
+  return (*nextId_)++;
+}
+
+void SharedStore::reserve(int id) {
+  if (id < std::numeric_limits<int>::max()) *nextId_ = std::max(*nextId_, id + 1);
 }
 
 std::shared_ptr<::parquet::WriterProperties> SharedStore::properties(
     const Compression& compression) const {
   auto properties = compression ? writerOptions_.buildWriterProperties(*compression)
                                 : writerOptions_.buildWriterProperties();
+  requireWritable(properties->default_column_properties().compression());
   const ::arrow::Status status = checkBatchSize(*properties);
   if (!status.ok()) throw std::invalid_argument(status.message());
   return properties;

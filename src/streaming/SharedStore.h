@@ -47,13 +47,16 @@ struct ForkKeyHash {
 /// The streams that part from another one, or from nothing. Borrowed: a stream takes itself out.
 using Forks = std::unordered_map<ForkKey, SharedStream*, ForkKeyHash>;
 
+/// \throws std::invalid_argument naming a codec that Parquet files cannot be written with
+void requireWritable(::arrow::Compression::type codec);
+
 /// What the signals of a safe pool share: the directory with its ids, and all contents, each once.
 class SharedStore {
  public:
   using Compression = std::optional<::arrow::Compression::type>;
 
-  /// Ids of files that are there already are not given again.
-  SharedStore(Path directory, const SafeStorage& options, int firstId);
+  /// \param nextId  counts the ids of all stores of a pool; what is there already lies below it
+  SharedStore(Path directory, const SafeStorage& options, std::shared_ptr<int> nextId);
   SharedStore(const SharedStore&) = delete;
   SharedStore& operator=(const SharedStore&) = delete;
 
@@ -63,8 +66,10 @@ class SharedStore {
 
   /// Never the same twice.
   int newId();
-  int nextId() const { return nextId_; }
+  /// From now on \p id is not given.
+  void reserve(int id);
 
+  /// \throws std::invalid_argument if no file can be written with them
   std::shared_ptr<::parquet::WriterProperties> properties(const Compression& compression) const;
 
   /// The contents of a schema, by their first row.
@@ -95,23 +100,23 @@ class SharedStore {
   void forEachStream(const std::function<void(SharedStream&)>& visit) const;
 
   /// Descriptors are few: whether one more file may stay open.
-  bool mayStayOpen() const { return openFiles_ < kMaxOpenFiles; }
+  bool mayStayOpen() const { return openFiles_ < maxOpenFiles_; }
   void countOpen(int change) { openFiles_ += change; }
 
  private:
-  static constexpr int kMaxOpenFiles = 128;
   static constexpr std::size_t kMaxStored = 32;
 
   Path directory_;
   SafeStorage options_;
   ParquetWriterOptions writerOptions_;
-  int nextId_;
+  std::shared_ptr<int> nextId_;
   std::unordered_map<std::string, Forks> roots_;
   std::unordered_map<int, std::weak_ptr<SharedStream>> streams_;
   std::list<std::pair<int, std::shared_ptr<StoredRows>>> stored_;  // the last used first
   bool keepsFiles_ = false;
   std::vector<int> condemned_;        // since the last flush
   std::vector<int> condemnedBefore_;  // between the two last ones
+  int maxOpenFiles_;
   int openFiles_ = 0;
   bool hasNewFiles_ = false;
   std::chrono::steady_clock::time_point lastSync_ = std::chrono::steady_clock::now();

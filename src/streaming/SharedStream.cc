@@ -76,6 +76,8 @@ std::shared_ptr<SharedStream> SharedStream::create(std::shared_ptr<SharedStore> 
 std::shared_ptr<SharedStream> SharedStream::adopt(std::shared_ptr<SharedStore> store, int id) {
   std::shared_ptr<SharedStream> stream(new SharedStream(std::move(store), id));
   stream->sealed_ = true;
+  stream->hasFile_ = true;
+  stream->store_->reserve(id);
   stream->store_->note(id, stream);
   return stream;
 }
@@ -94,7 +96,7 @@ SharedStream::~SharedStream() {
   if (file_) store_->countOpen(-1);
   file_.reset();
   store_->forget(id_);
-  store_->removeFile(id_);
+  if (hasFile_) store_->removeFile(id_);
 }
 
 void SharedStream::hangUnder(Forks& forks, SharedStream* parent, const ForkKey& key) {
@@ -168,13 +170,36 @@ void SharedStream::writeRows(std::size_t count) {
   batches_.push_back({diskRows_, diskRows_ + count, digestOf(memory_->slice(from, count))});
   diskRows_ += count;
   hasUnsynced_ = true;
-  if (!store_->mayStayOpen()) file_->suspend();
+  spareDescriptor();
   store_->noteWrite(isNew);
 }
 
+// Another pool over the same directory may have taken the name.
+template <typename Create>
+void SharedStream::createFile(Create&& create) {
+  for (;;) {
+    try {
+      create(store_->fileOf(id_));
+      hasFile_ = true;
+      return;
+    } catch (const std::system_error& error) {
+      if (error.code() != std::errc::file_exists) throw;
+    }
+    store_->forget(id_);
+    id_ = store_->newId();
+    store_->note(id_, shared_from_this());
+  }
+}
+
+void SharedStream::spareDescriptor() {
+  if (file_ && !store_->mayStayOpen()) file_->suspend();
+}
+
 void SharedStream::openFile() {
-  file_ = GrowingFile::create(store_->fileOf(id_), schema().schema,
-                              store_->properties(compression_), describedParts());
+  createFile([&](const std::filesystem::path& path) {
+    file_ = GrowingFile::create(path, schema().schema, store_->properties(compression_),
+                                describedParts());
+  });
   store_->countOpen(1);
 }
 
@@ -211,6 +236,7 @@ void SharedStream::flush() {
   if (sealed_) return;
   writeAll();
   if (file_) file_->publish();
+  spareDescriptor();
 }
 
 void SharedStream::seal() {
@@ -245,8 +271,10 @@ void SharedStream::writeWhole() {
     batches.push_back({from, from + count, digestOf(memory_->slice(from, count))});
     from += count;
   }
-  writePlainFile(store_->fileOf(id_), schema().schema, store_->properties(compression_),
-                 describedParts(), tables, store_->options().sync != SafeStorage::Sync::never);
+  createFile([&](const std::filesystem::path& path) {
+    writePlainFile(path, schema().schema, store_->properties(compression_), describedParts(),
+                   tables, store_->options().sync != SafeStorage::Sync::never);
+  });
   batches_ = std::move(batches);
   diskRows_ = rowsInAll;
 }
@@ -254,6 +282,7 @@ void SharedStream::writeWhole() {
 void SharedStream::sync() {
   if (file_ && hasUnsynced_) file_->sync();
   hasUnsynced_ = false;
+  spareDescriptor();
 }
 
 const SharedStream::Batch* SharedStream::batchOf(std::uint64_t row) const {

@@ -142,6 +142,10 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   void writeAll();
   // Writes the first rows that are not on disk.
   void writeRows(std::size_t count);
+  template <typename Create>
+  void createFile(Create&& create);
+  // Gives the file's descriptor back if others need it more.
+  void spareDescriptor();
   void writeWhole();
   void openFile();
   std::shared_ptr<const ::arrow::KeyValueMetadata> describedParts() const;
@@ -154,6 +158,7 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   std::size_t width_ = 1;
   SharedStore::Compression compression_;
   std::unique_ptr<GrowingFile> file_;  // from the first batch on, until the stream is sealed
+  bool hasFile_ = false;               // of its id, which goes with the stream
   bool hasUnsynced_ = false;
   std::vector<Batch> batches_;
   std::uint64_t diskRows_ = 0;

@@ -36,7 +36,7 @@ Values sloped(int count, double slope) {
 
 Values numbersIn(const std::vector<char>& bytes) {
   Values values(bytes.size() / sizeof(double));
-  std::memcpy(values.data(), bytes.data(), bytes.size());
+  if (!bytes.empty()) std::memcpy(values.data(), bytes.data(), bytes.size());
   return values;
 }
 

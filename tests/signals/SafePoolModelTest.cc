@@ -229,11 +229,6 @@ class Replay {
       case Op::data: {
         const Rows rows = next(kindOf(op.signal), model.data, op);
         const Chunk chunk = chunkOf(kindOf(op.signal), rows);
-        // A chunk without bytes has no rows.
-        if (chunk.bytes.empty()) {
-          model.data.resize(model.data.size() - rows.size());
-          break;
-        }
         attempt([&] {
           stream.appendData(chunk.bytes.data(), chunk.bytes.size(), chunk.dims, chunk.sizes);
         });

@@ -241,9 +241,12 @@ class Outputs(ExportTest):
         other = {"user": 65534} if os.geteuid() == 0 else {}
         for out, options in (("x.csv", ()), ("x.parquet", ()), ("x.arrow", ()),
                              ("x", ("--long", "--partition", "signal"))):
-            tool = subprocess.run([KYR, "export", "rec", f"locked/{out}", *options],
-                                  capture_output=True, text=True, cwd=self.folder, check=False,
-                                  env=self.environment(), **other)
+            try:
+                tool = subprocess.run([KYR, "export", "rec", f"locked/{out}", *options],
+                                      capture_output=True, text=True, cwd=self.folder, check=False,
+                                      env=self.environment(), **other)
+            except PermissionError:
+                self.skipTest("the build is in a folder that only root may enter")
             self.assertEqual((tool.returncode, tool.stderr),
                              (1, f"kyr: locked/{out} cannot be made: Permission denied\n"))
 

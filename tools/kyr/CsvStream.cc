@@ -20,7 +20,7 @@ namespace kyr::tool {
 namespace {
 
 constexpr std::size_t kPieceBytes = std::size_t{1} << 16U;
-constexpr std::size_t kMaxRowBytes = std::size_t{1} << 28U;
+constexpr std::size_t kMaxRowBytes = std::size_t{1} << 24U;
 constexpr std::chrono::milliseconds kFollowInterval(50);
 constexpr std::chrono::milliseconds kHeaderPatience(200);
 
@@ -44,10 +44,13 @@ CsvStream::~CsvStream() {
 }
 
 CsvStream::Next CsvStream::next(CsvRecord& record, std::chrono::milliseconds patience) {
+  // A row that does not end may keep bytes coming; the caller has other things to do meanwhile.
+  const auto start = std::chrono::steady_clock::now();
   while (!takeRow(record)) {
     if (isAtEnd_) return Next::end;
-    if (!fill(patience)) return Next::pause;
     if (isInterrupted()) patience = std::chrono::milliseconds(0);
+    if (!fill(patience) || isInterrupted()) return Next::pause;
+    if (std::chrono::steady_clock::now() - start > patience) return Next::pause;
   }
   return Next::row;
 }

@@ -155,6 +155,7 @@ void addRow(RowRecorder& recorder, const CsvRecord& record, const CsvStream& str
   if (!stream.isCutOff()) return recorder.add(record);
   try {
     recorder.add(record);
+    tell("warning: the last line has no line end: its last cell may be cut off");
   } catch (const std::runtime_error& error) {
     tell(fmt::format("warning: the last line is left out, as it has no end: {}", error.what()));
   }
