@@ -15,6 +15,7 @@
 #include "kyr/parquet/SchemaBuilder.h"
 #include "schema/ArrayMemory.h"
 #include "schema/ElementType.h"
+#include "storage/BatchSize.h"
 
 namespace kyr::parquet {
 
@@ -85,9 +86,13 @@ void ParquetExportSerializerWorkerImpl::write(const ::arrow::Table& table, std::
   // that holds bytes the write fails, in silence, and the bytes stay.
   PARQUET_ASSIGN_OR_THROW(const auto stream,
                           ::arrow::io::FileOutputStream::Open(file, /*append=*/true));
-  writeStatus_ = ::parquet::arrow::WriteTable(table, ::arrow::default_memory_pool(), stream,
-                                              table.num_rows(), options_.buildWriterProperties(),
-                                              ::parquet::default_arrow_writer_properties());
+  const auto properties = options_.buildWriterProperties();
+  writeStatus_ = checkBatchSize(*properties);
+  if (writeStatus_.ok()) {
+    writeStatus_ = ::parquet::arrow::WriteTable(table, ::arrow::default_memory_pool(), stream,
+                                                table.num_rows(), properties,
+                                                ::parquet::default_arrow_writer_properties());
+  }
   writeStatus_ &= stream->Close();
   if (!writeStatus_.ok()) {
     writeStatus_ = writeStatus_.WithMessage(file, ": ", writeStatus_.message());

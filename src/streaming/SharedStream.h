@@ -81,7 +81,6 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   void flush();
   /// Writes the rest and completes the file. Nothing can follow.
   void seal();
-  bool isFlushed() const { return diskRows_ == rows(); }
   void sync();
 
   /// First row that is in memory.

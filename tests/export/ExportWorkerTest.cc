@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "kyr/parquet/ParquetExportSerializerWorker.h"
+#include "kyr/parquet/SerializationOptions.h"
 #include "support/ParquetFiles.h"
 #include "support/StorageTest.h"
 
@@ -91,6 +92,14 @@ TEST_F(ExportWorker, FileHoldsTheColumnsInOneRowGroup) {
     EXPECT_EQ(test::metadataOf(store.file(name))->RowGroup(0)->ColumnChunk(3)->compression(),
               codec);
   }
+}
+
+// Parquet would divide by it.
+TEST_F(ExportWorker, BatchSizeBelowOneFailsTheWrite) {
+  serialization_options::batchSize = 0;
+  ParquetExportSerializerWorker other;
+  other.write(*test::tableOf({{"x", test::column(::arrow::int32(), {"[1]"})}}), pathOf("out"));
+  EXPECT_THAT(other.writeStatus().ToString(), HasSubstr("BatchSize is 0"));
 }
 
 TEST_F(ExportWorker, WriteOverAFileIsLostInSilence) {
