@@ -75,7 +75,9 @@ void describe(PoolSignal& opened, const SignalInfo& signal) {
   opened.setDataType(signal.dataType);
   opened.setCategory(signal.category);
   const auto codec = ::arrow::util::Codec::GetCompressionType(signal.compression);
-  if (codec.ok()) opened.setParquetCompressionType(*codec);
+  if (codec.ok() && *codec != ::arrow::Compression::UNCOMPRESSED) {
+    opened.setParquetCompressionType(*codec);
+  }
 }
 
 }  // namespace

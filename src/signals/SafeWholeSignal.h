@@ -34,7 +34,7 @@ class SafeWholeSignal final : public WholeSignal {
     compression_ = type;
   }
   std::optional<::arrow::Compression::type> getParquetCompressionType() const override {
-    return compression_;
+    return compression_.value_or(::arrow::Compression::UNCOMPRESSED);
   }
   Path getParquetDirectory() const override { return store_->directory(); }
   ::arrow::Status writeStatus() const override;
@@ -47,7 +47,7 @@ class SafeWholeSignal final : public WholeSignal {
   std::shared_ptr<SignalLabel> label_;
   SharedPart time_;
   SharedPart data_;
-  std::optional<::arrow::Compression::type> compression_ = ::arrow::Compression::UNCOMPRESSED;
+  std::optional<::arrow::Compression::type> compression_;
 };
 
 }  // namespace kyr::parquet

@@ -2,10 +2,7 @@
 
 #include <arrow/api.h>
 #include <arrow/io/interfaces.h>
-#include <parquet/arrow/schema.h>
-#include <parquet/arrow/writer.h>
 #include <parquet/exception.h>
-#include <parquet/file_writer.h>
 
 #include <stdexcept>
 #include <utility>
@@ -17,6 +14,8 @@ namespace {
 constexpr std::size_t kMargin = 4096;
 // Copied and hashed at once: small enough for the nearest cache.
 constexpr std::size_t kPieceBytes = 4096;
+// Signals change, but not with every batch.
+constexpr std::size_t kEncodingUses = 8;
 
 // Keeps what is written to it. A Parquet writer only starts at position 0; behind its leading magic
 // the sink says that it stands at the row group's place in the file that the batch is made for.
@@ -63,13 +62,6 @@ class BatchSink final : public ::arrow::io::OutputStream {
   bool closed_ = false;
 };
 
-std::shared_ptr<::parquet::schema::GroupNode> parquetSchema(
-    const ::arrow::Schema& schema, const ::parquet::WriterProperties& properties) {
-  std::shared_ptr<::parquet::SchemaDescriptor> descriptor;
-  PARQUET_THROW_NOT_OK(::parquet::arrow::ToParquetSchema(&schema, properties, &descriptor));
-  return std::static_pointer_cast<::parquet::schema::GroupNode>(descriptor->schema_root());
-}
-
 }  // namespace
 
 EncodedBatch::EncodedBatch(std::string file, const RecordHash& hash)
@@ -89,28 +81,21 @@ std::string_view EncodedBatch::payload() const {
                                         file_.size() - kParquetMagic.size() - kParquetTailBytes);
 }
 
-BatchEncoder::BatchEncoder(std::shared_ptr<::arrow::Schema> schema,
-                           std::shared_ptr<::parquet::WriterProperties> properties)
-    : schema_(schema->RemoveMetadata()),
-      properties_(std::move(properties)),
-      parquetSchema_(parquetSchema(*schema_, *properties_)) {}
-
 EncodedBatch BatchEncoder::encodeEmpty(
     const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) const {
   const auto sink = std::make_shared<BatchSink>(0, 0);
-  ::parquet::ParquetFileWriter::Open(sink, parquetSchema_, properties_, keyValues)->Close();
+  layout_.write(sink, keyValues, {});
   return sink->take();
 }
 
 EncodedBatch BatchEncoder::encode(const ::arrow::Table& table, std::uint64_t offset) {
+  if (encodingUses_ == 0) {
+    encoding_ = layout_.encodingFor(table);
+    encodingUses_ = kEncodingUses;
+  }
+  --encodingUses_;
   const auto sink = std::make_shared<BatchSink>(offset, lastBytes_ + lastBytes_ / 8 + kMargin);
-  std::unique_ptr<::parquet::arrow::FileWriter> writer;
-  PARQUET_THROW_NOT_OK(::parquet::arrow::FileWriter::Make(
-      ::arrow::default_memory_pool(),
-      ::parquet::ParquetFileWriter::Open(sink, parquetSchema_, properties_), schema_,
-      ::parquet::default_arrow_writer_properties(), &writer));
-  PARQUET_THROW_NOT_OK(writer->WriteTable(table, table.num_rows()));
-  PARQUET_THROW_NOT_OK(writer->Close());
+  layout_.write(sink, nullptr, {&table}, encoding_);
   EncodedBatch batch = sink->take();
   lastBytes_ = batch.payload().size();
   return batch;

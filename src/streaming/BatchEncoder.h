@@ -1,16 +1,16 @@
 #pragma once
 
 #include <arrow/type_fwd.h>
-#include <parquet/properties.h>
-#include <parquet/schema.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "streaming/BatchRecord.h"
+#include "streaming/TableFile.h"
 
 namespace kyr::parquet {
 
@@ -37,12 +37,10 @@ class EncodedBatch {
 /// Makes batches of one schema in memory.
 class BatchEncoder {
  public:
-  /// \throws ::parquet::ParquetException if Parquet has no such schema
-  BatchEncoder(std::shared_ptr<::arrow::Schema> schema,
-               std::shared_ptr<::parquet::WriterProperties> properties);
+  explicit BatchEncoder(FileLayout layout) : layout_(std::move(layout)) {}
 
-  const ::arrow::Schema& schema() const { return *schema_; }
-  std::int64_t maxRows() const { return properties_->max_row_group_length(); }
+  const ::arrow::Schema& schema() const { return *layout_.schema(); }
+  std::int64_t maxRows() const { return layout_.properties().max_row_group_length(); }
 
   /// Metadata without a row group.
   EncodedBatch encodeEmpty(const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) const;
@@ -53,10 +51,10 @@ class BatchEncoder {
   EncodedBatch encode(const ::arrow::Table& table, std::uint64_t offset);
 
  private:
-  std::shared_ptr<::arrow::Schema> schema_;
-  std::shared_ptr<::parquet::WriterProperties> properties_;
-  std::shared_ptr<::parquet::schema::GroupNode> parquetSchema_;
-  std::size_t lastBytes_ = 0;  // of the batch before, as the next one's first guess
+  FileLayout layout_;
+  ColumnEncoding encoding_;
+  std::size_t encodingUses_ = 0;  // before it is chosen anew
+  std::size_t lastBytes_ = 0;     // of the batch before, as the next one's first guess
 };
 
 }  // namespace kyr::parquet

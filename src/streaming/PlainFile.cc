@@ -2,10 +2,6 @@
 
 #include <arrow/api.h>
 #include <arrow/io/interfaces.h>
-#include <parquet/arrow/schema.h>
-#include <parquet/arrow/writer.h>
-#include <parquet/exception.h>
-#include <parquet/file_writer.h>
 
 #include <exception>
 #include <stdexcept>
@@ -69,37 +65,18 @@ class DiskSink final : public ::arrow::io::OutputStream {
   bool closed_ = false;
 };
 
-void writeTo(const std::shared_ptr<DiskSink>& sink, const std::shared_ptr<::arrow::Schema>& schema,
-             const std::shared_ptr<::parquet::WriterProperties>& properties,
-             const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
-             const std::vector<std::shared_ptr<::arrow::Table>>& rowGroups) {
-  std::shared_ptr<::parquet::SchemaDescriptor> descriptor;
-  PARQUET_THROW_NOT_OK(::parquet::arrow::ToParquetSchema(schema.get(), *properties, &descriptor));
-  std::unique_ptr<::parquet::arrow::FileWriter> writer;
-  PARQUET_THROW_NOT_OK(::parquet::arrow::FileWriter::Make(
-      ::arrow::default_memory_pool(),
-      ::parquet::ParquetFileWriter::Open(
-          sink, std::static_pointer_cast<::parquet::schema::GroupNode>(descriptor->schema_root()),
-          properties, keyValues),
-      schema, ::parquet::default_arrow_writer_properties(), &writer));
-  for (const auto& rows : rowGroups) {
-    PARQUET_THROW_NOT_OK(writer->WriteTable(*rows, rows->num_rows()));
-  }
-  PARQUET_THROW_NOT_OK(writer->Close());
-  sink->finish();
-}
-
 }  // namespace
 
-void writePlainFile(const std::filesystem::path& path,
-                    const std::shared_ptr<::arrow::Schema>& schema,
-                    const std::shared_ptr<::parquet::WriterProperties>& properties,
+void writePlainFile(const std::filesystem::path& path, const FileLayout& layout,
                     const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
                     const std::vector<std::shared_ptr<::arrow::Table>>& rowGroups, bool sync) {
   DiskFile file(path, DiskFile::Mode::createNew);
   const auto sink = std::make_shared<DiskSink>(file);
+  std::vector<const ::arrow::Table*> tables;
+  for (const auto& rows : rowGroups) tables.push_back(rows.get());
   try {
-    writeTo(sink, schema, properties, keyValues, rowGroups);
+    layout.write(sink, keyValues, tables);
+    sink->finish();
     if (sync) file.syncData();
     file.close();
   } catch (const std::exception& error) {

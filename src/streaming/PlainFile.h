@@ -1,11 +1,12 @@
 #pragma once
 
 #include <arrow/type_fwd.h>
-#include <parquet/properties.h>
 
 #include <filesystem>
 #include <memory>
 #include <vector>
+
+#include "streaming/TableFile.h"
 
 namespace kyr::parquet {
 
@@ -13,9 +14,7 @@ namespace kyr::parquet {
 /// \param rowGroups  each a row group
 /// \param sync  whether to wait until it is on the disk
 /// \throws std::exception naming the file; none is left behind then
-void writePlainFile(const std::filesystem::path& path,
-                    const std::shared_ptr<::arrow::Schema>& schema,
-                    const std::shared_ptr<::parquet::WriterProperties>& properties,
+void writePlainFile(const std::filesystem::path& path, const FileLayout& layout,
                     const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
                     const std::vector<std::shared_ptr<::arrow::Table>>& rowGroups, bool sync);
 

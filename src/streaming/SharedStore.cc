@@ -72,6 +72,15 @@ std::shared_ptr<::parquet::WriterProperties> SharedStore::properties(
   return properties;
 }
 
+EncodingChoice SharedStore::choice(const Compression& compression) const {
+  if (options_.encodings == SafeStorage::Encodings::options) return {};
+  const bool isCodecOpen =
+      !compression &&
+      writerOptions_.buildWriterProperties()->default_column_properties().compression() ==
+          ::arrow::Compression::UNCOMPRESSED;
+  return {true, isCodecOpen, options_.encodings == SafeStorage::Encodings::smallest};
+}
+
 Forks& SharedStore::roots(const ::arrow::Schema& schema) { return roots_[schema.ToString()]; }
 
 std::shared_ptr<SharedStream> SharedStore::streamOf(int id) const {

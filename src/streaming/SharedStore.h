@@ -20,6 +20,7 @@
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/platform/Path.h"
+#include "streaming/ColumnEncoding.h"
 #include "streaming/RowStore.h"
 
 namespace kyr::parquet {
@@ -69,8 +70,11 @@ class SharedStore {
   /// From now on \p id is not given.
   void reserve(int id);
 
+  /// \param compression  what the signal asks for, if it does
   /// \throws std::invalid_argument if no file can be written with them
   std::shared_ptr<::parquet::WriterProperties> properties(const Compression& compression) const;
+  /// What files are free to choose beside them.
+  EncodingChoice choice(const Compression& compression) const;
 
   /// The contents of a schema, by their first row.
   Forks& roots(const ::arrow::Schema& schema);

@@ -46,6 +46,13 @@ BatchIndex indexOf(const DiskFile& file) {
   }
 }
 
+// As signals have it; a file's columns may be required ones.
+std::shared_ptr<::arrow::Schema> withNulls(const ::arrow::Schema& schema) {
+  ::arrow::FieldVector fields;
+  for (const auto& field : schema.fields()) fields.push_back(field->WithNullable(true));
+  return ::arrow::schema(std::move(fields));
+}
+
 std::size_t elementBytes(const SampleSchema& schema) {
   const auto* fixed = dynamic_cast<const ::arrow::FixedWidthType*>(schema.elementType.get());
   return fixed != nullptr ? static_cast<std::size_t>(fixed->bit_width()) / 8 : 1;
@@ -85,7 +92,7 @@ std::shared_ptr<SharedStream> SharedStream::adopt(std::shared_ptr<SharedStore> s
 void SharedStream::open() {
   if (memory_) return;
   const auto file = store_->stored(id_);
-  const SampleSchema schema(file->read(0, 0)->schema());
+  const SampleSchema schema(withNulls(*file->read(0, 0)->schema()));
   width_ = elementBytes(schema);
   diskRows_ = memoryStart_ = file->rows();
   memory_.emplace(schema, width_);
@@ -198,7 +205,7 @@ void SharedStream::spareDescriptor() {
 void SharedStream::openFile() {
   createFile([&](const std::filesystem::path& path) {
     file_ = GrowingFile::create(path, schema().schema, store_->properties(compression_),
-                                describedParts());
+                                describedParts(), store_->choice(compression_));
   });
   store_->countOpen(1);
 }
@@ -272,8 +279,10 @@ void SharedStream::writeWhole() {
     from += count;
   }
   createFile([&](const std::filesystem::path& path) {
-    writePlainFile(path, schema().schema, store_->properties(compression_), describedParts(),
-                   tables, store_->options().sync != SafeStorage::Sync::never);
+    writePlainFile(path,
+                   FileLayout(*schema().schema, store_->properties(compression_),
+                              store_->choice(compression_)),
+                   describedParts(), tables, store_->options().sync != SafeStorage::Sync::never);
   });
   batches_ = std::move(batches);
   diskRows_ = rowsInAll;

@@ -177,6 +177,32 @@ def named_recording(kyr, folder):
     return imported(kyr, folder, "\n".join(lines) + "\n")
 
 
+def check_encodings(kyr, folder):
+    """Stored files of every encoding that is chosen from the data, in all three."""
+    columns = {"time": [row * 0.001 for row in range(3000)],
+               "noise": [math.sin(row * row) for row in range(3000)],
+               "steps": [math.floor(row / 7) % 50 / 3 for row in range(3000)],
+               "count": [row * 1000 + row % 3 for row in range(3000)]}
+    lines = [",".join(columns)] + [",".join(map(repr, row)) for row in zip(*columns.values())]
+    recording = imported(kyr, folder, "\n".join(lines) + "\n")
+    document = json.loads((recording / "recording.json").read_text(encoding="utf-8"))
+    files = {signal["name"]: signal["dataStorageId"] for signal in document["signals"]}
+    files["time"] = document["signals"][0]["timeStorageId"]
+    encodings = set()
+    for column, storage_id in files.items():
+        path = str(recording / "storage" / str(storage_id))
+        chunk = pyarrow.parquet.ParquetFile(path).metadata.row_group(0).column(0)
+        encodings.update(chunk.encodings)
+        check(f"pyarrow, {column}", pyarrow.parquet.ParquetFile(path).read()["data"].to_pylist(),
+              columns[column])
+        check(f"Polars, {column}", polars.read_parquet(path)["data"].to_list(), columns[column])
+        rows = duckdb.sql(f"SELECT data FROM read_parquet('{path}')").fetchall()
+        check(f"DuckDB, {column}", [row[0] for row in rows], columns[column])
+    missing = {"PLAIN", "RLE_DICTIONARY", "DELTA_BINARY_PACKED", "BYTE_STREAM_SPLIT"} - encodings
+    if missing:
+        sys.exit(f"no column was stored as {missing}, only {encodings}")
+
+
 def main(kyr, sample_writer):
     with tempfile.TemporaryDirectory() as name:
         out = pathlib.Path(name)
@@ -186,6 +212,7 @@ def main(kyr, sample_writer):
             check_wide(kyr, recording, out)
             check_long(kyr, recording, out)
             check_partitions(kyr, recording, out)
+        check_encodings(kyr, out / "encodings")
         check_long(kyr, named, out)
         check_partitions(kyr, named, out)
         check_resampled(kyr, imported(kyr, out / "grid", "time,late,on,sparse\n0,,true,1\n"

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "Interrupt.h"
+#include "Settings.h"
 #include "Text.h"
 #include "kyr/parquet/ParquetSignal.h"
 #include "kyr/parquet/SafeStorage.h"
@@ -43,7 +44,7 @@ void ColumnStore::storeWhole(const CsvColumn& column, const Samples& samples) {
   const auto signal = pool_->getSignal(column.id);
   signal->setDataType(column.type);
   signal->setCategory(Scalar);
-  signal->setParquetCompressionType(options::compressionMethod);
+  if (const auto codec = chosenCodec()) signal->setParquetCompressionType(*codec);
   signal->setData(samples.time, samples.bytes, {}, {});
   const ::arrow::Status status = signal->writeStatus();
   if (!status.ok()) throw std::runtime_error(status.message());
@@ -53,7 +54,7 @@ void ColumnStore::storeStreamed(const CsvColumn& column, const Samples& samples)
   const auto signal = pool_->getStreamableSignal(column.id);
   signal->setDataType(column.type);
   signal->setCategory(Scalar);
-  signal->setParquetCompressionType(options::compressionMethod);
+  if (const auto codec = chosenCodec()) signal->setParquetCompressionType(*codec);
   signal->setBufferSize(stream_->batchRows);
   const std::size_t width = parquet::elementWidth(column.type);
   for (std::size_t row = 0; row < samples.time.size(); row += stream_->chunkRows) {

@@ -15,6 +15,7 @@
 #include "Text.h"
 #include "kyr/host/ReferenceHost.h"
 #include "kyr/host/Registration.h"
+#include "kyr/parquet/SerializationOptions.h"
 #include "kyr/platform/Path.h"
 
 namespace kyr::tool {
@@ -33,8 +34,10 @@ struct Option {
   const char* meaning;
 };
 
+constexpr const char* kCodecOption = "Compression";
+
 constexpr std::array<Option, 5> kOptions{{
-    {"Compression", Kind::codec,
+    {kCodecOption, Kind::codec,
      "Codec of the files: uncompressed, snappy, gzip, brotli, zstd or lz4_hadoop"},
     {"Dictionary", Kind::logical,
      "Whether columns are dictionary-encoded: smaller where values repeat, slower where not"},
@@ -73,6 +76,11 @@ ReferenceHost& scriptHost() {
   }();
   static_cast<void>(isRegistered);
   return host;
+}
+
+bool& isCodecChosen() {
+  static bool isChosen = false;
+  return isChosen;
 }
 
 // The library takes these codecs and batch sizes, and Parquet does not.
@@ -158,9 +166,15 @@ void addCompressionOption(CLI::App& command, std::vector<std::string>& settings)
       .add_option_function<std::string>(
           "--compression",
           [&settings](const std::string& codec) { settings.push_back("Compression=" + codec); },
-          "Codec of the files, uncompressed unless given: snappy, gzip, brotli, zstd, lz4_hadoop; "
-          "short for --set Compression=CODEC")
+          "Codec of the files: uncompressed, snappy, gzip, brotli, zstd, lz4_hadoop; short for "
+          "--set Compression=CODEC. Unless given, the data decide in recordings; other files have "
+          "none")
       ->type_name("CODEC");
+}
+
+std::optional<::arrow::Compression::type> chosenCodec() {
+  if (!isCodecChosen()) return std::nullopt;
+  return parquet::serialization_options::compressionMethod;
 }
 
 void applySettings(const std::vector<std::string>& settings) {
@@ -189,6 +203,7 @@ void applySettings(const std::vector<std::string>& settings) {
   } catch (const std::invalid_argument& error) {
     throw UsageError(singleLine(error.what()));
   }
+  isCodecChosen() |= std::find(names.begin(), names.end(), kCodecOption) != names.end();
 }
 
 }  // namespace kyr::tool

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <arrow/util/type_fwd.h>
+
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +32,9 @@ void addSetOption(CLI::App& command, std::vector<std::string>& settings);
 
 /// Adds "--compression CODEC", short for "--set Compression=CODEC".
 void addCompressionOption(CLI::App& command, std::vector<std::string>& settings);
+
+/// The codec that was set, if one was. Without one the library chooses.
+std::optional<::arrow::Compression::type> chosenCodec();
 
 /// Set options from texts "NAME=VALUE", for the rest of the process.
 /// \throws UsageError  for an unknown name, a name given twice, a value of the wrong kind, and one

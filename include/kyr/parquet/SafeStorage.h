@@ -21,6 +21,20 @@ struct SafeStorage {
     seconds,  ///< as `flush`, and after batches if the last time is `syncSeconds` ago
   };
 
+  /// How samples are encoded in the files. Every reader of Parquet gets the same values of all.
+  enum class Encodings {
+    /// What a sample of each batch asks for: plain values, a dictionary, differences of integers,
+    /// or floating-point numbers split by bytes; compressed with Zstandard where that saves a
+    /// quarter or more. A codec that is set, for a signal or for all, is used instead; with the
+    /// option bDictionary switched off there are no dictionaries.
+    smallest,
+    /// As `smallest`, but without those split by bytes, which Apache Spark (3.5) only reads with
+    /// spark.sql.parquet.enableVectorizedReader=false.
+    portable,
+    options,  ///< as the serialization options say
+  };
+
+  Encodings encodings = Encodings::smallest;
   std::size_t batchRows = 65536;                  ///< rows of a batch at the most, 1 or more
   std::size_t batchBytes = std::size_t{8} << 20;  ///< bytes of a batch in memory at the most
   Sync sync = Sync::never;

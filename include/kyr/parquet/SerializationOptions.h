@@ -13,7 +13,8 @@
 /// copies `bSharedTimeColumn`; later changes reach only objects made afterwards.
 namespace kyr::parquet::serialization_options {
 
-/// Dictionary-encode every column. Initially true.
+/// Dictionary-encode every column. Initially true. A pool with `SafeStorage` uses dictionaries only
+/// where values repeat.
 KYR_PARQUET_EXPORT extern bool bDictionary;
 
 /// Largest dictionary page of a column [bytes]; used only with `bDictionary`. Initially 1048576.
@@ -27,8 +28,9 @@ KYR_PARQUET_EXPORT extern std::int32_t batchSize;
 /// of in a column of its data file. Initially true.
 KYR_PARQUET_EXPORT extern bool bSharedTimeColumn;
 
-/// Codec of files that are written without one of their own. Initially UNCOMPRESSED. A
-/// `ParquetSignal` always has one of its own.
+/// Codec of files that are written without one of their own. Initially UNCOMPRESSED, which leaves a
+/// pool with `SafeStorage` free to choose. A `ParquetSignal` of another pool always has one of its
+/// own.
 KYR_PARQUET_EXPORT extern ::arrow::Compression::type compressionMethod;
 
 }  // namespace kyr::parquet::serialization_options

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kyr::parquet {
+
+/// Numbers the distinct values of a column chunk in the order in which they come, by their bits: a
+/// hash table with open addressing, several times as fast as a general one.
+template <typename Bits>
+class ValueDictionary {
+ public:
+  /// \param limit  of distinct values
+  explicit ValueDictionary(std::size_t limit)
+      : limit_(limit), slots_(std::size_t{1} << kFirstBits) {}
+
+  /// Puts the numbers of \p count values into \p indices.
+  /// \returns false if there are more distinct values than the limit
+  bool add(const Bits* values, std::size_t count, std::uint32_t* indices) {
+    for (std::size_t i = 0; i < count; ++i) {
+      const Bits value = values[i];
+      Slot* slot = &slotOf(value);
+      if (slot->number == 0) {
+        if (values_.size() == limit_) return false;
+        if (values_.size() * 2 >= slots_.size()) {
+          grow();
+          slot = &slotOf(value);
+        }
+        values_.push_back(value);
+        *slot = {value, static_cast<std::uint32_t>(values_.size())};
+      }
+      indices[i] = slot->number - 1;
+    }
+    return true;
+  }
+
+  const std::vector<Bits>& values() const { return values_; }
+
+ private:
+  static constexpr unsigned kFirstBits = 10;
+
+  struct Slot {
+    Bits value = 0;
+    std::uint32_t number = 0;  // from 1; 0 for none
+  };
+
+  // Of the value, or a free one. Multiplication by the golden ratio spreads values whose lowest
+  // bits are all zero (Knuth, "The Art of Computer Programming" 3, 6.4).
+  Slot& slotOf(Bits value) {
+    std::size_t at = (std::uint64_t{value} * 0x9E3779B97F4A7C15U) >> shift_;
+    while (slots_[at].number != 0 && slots_[at].value != value) at = (at + 1) & (slots_.size() - 1);
+    return slots_[at];
+  }
+
+  void grow() {
+    shift_ -= 2;
+    slots_.assign(slots_.size() * 4, Slot());
+    for (std::size_t i = 0; i < values_.size(); ++i) {
+      slotOf(values_[i]) = {values_[i], static_cast<std::uint32_t>(i + 1)};
+    }
+  }
+
+  std::size_t limit_;
+  unsigned shift_ = 64 - kFirstBits;
+  std::vector<Slot> slots_;
+  std::vector<Bits> values_;
+};
+
+/// Numbers below 2^width, as Parquet's hybrid of repeated and bit-packed runs stores them
+/// (apache/parquet-format, Encodings.md, RLE).
+/// \param width  1 to 32
+std::string packHybrid(const std::uint32_t* numbers, std::size_t count, unsigned width);
+
+}  // namespace kyr::parquet
