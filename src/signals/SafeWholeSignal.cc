@@ -62,8 +62,7 @@ SharedPart SafeWholeSignal::partOf(SignalPart name, const SampleSchema& schema,
                                    const SampleChunk& chunk, std::size_t width) const {
   SharedPart part(store_, {label_, name});
   part.setCompression(compression_);
-  part.append(schema, chunk, width);
-  part.finish();
+  part.store(schema, chunk, width);
   return part;
 }
 

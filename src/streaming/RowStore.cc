@@ -44,10 +44,9 @@ void measureSizes(const std::vector<int>& sizes, SampleChunk& chunk) {
 }
 
 // The ends of a run of rows as Arrow's 32-bit offsets, starting at 0.
-std::shared_ptr<::arrow::Buffer> offsetsOf(const std::vector<std::uint64_t>& ends, std::size_t from,
+std::shared_ptr<::arrow::Buffer> offsetsOf(const std::uint64_t* ends, std::uint64_t begin,
                                            std::size_t count) {
-  const std::uint64_t start = from == 0 ? 0 : ends[from - 1];
-  if (ends[from + count - 1] - start > std::numeric_limits<std::int32_t>::max()) {
+  if (count > 0 && ends[count - 1] - begin > std::numeric_limits<std::int32_t>::max()) {
     throw std::runtime_error(fmt::format(
         "a batch of {} rows holds more elements than one row group can: set a smaller buffer size",
         count));
@@ -55,8 +54,8 @@ std::shared_ptr<::arrow::Buffer> offsetsOf(const std::vector<std::uint64_t>& end
   std::vector<std::int32_t> offsets;
   offsets.reserve(count + 1);
   offsets.push_back(0);
-  for (std::size_t i = from; i < from + count; ++i) {
-    offsets.push_back(static_cast<std::int32_t>(ends[i] - start));
+  for (std::size_t i = 0; i < count; ++i) {
+    offsets.push_back(static_cast<std::int32_t>(ends[i] - begin));
   }
   return ::arrow::Buffer::FromVector(std::move(offsets));
 }
@@ -168,10 +167,9 @@ SampleChunk measureExactly(const SampleSchema& schema, const void* data, std::si
   return chunk;
 }
 
-void RowStore::append(const SampleChunk& chunk) {
-  appendBytes(elements_, chunk.data, chunk.elements * width_);
-  if (schema_.kind != ColumnKind::flat) {
-    std::uint64_t end = rowEnds_.empty() ? 0 : rowEnds_.back();
+void RowShapes::append(const SampleSchema& schema, const SampleChunk& chunk) {
+  if (schema.kind != ColumnKind::flat) {
+    std::uint64_t end = rowEnds.empty() ? 0 : rowEnds.back();
     for (std::size_t row = 0; row < chunk.rows; ++row) {
       if (chunk.sizes) {
         end += static_cast<std::uint64_t>((*chunk.sizes)[row]);
@@ -179,55 +177,68 @@ void RowStore::append(const SampleChunk& chunk) {
         const auto& shapes = *chunk.dimensions;
         end += shapeElements(shapes.size() == 1 ? shapes.front() : shapes[row]);
       }
-      rowEnds_.push_back(end);
+      rowEnds.push_back(end);
     }
   }
-  if (schema_.dimensionIndex >= 0) {
+  if (schema.dimensionIndex >= 0) {
     for (std::size_t row = 0; row < chunk.rows; ++row) {
-      const auto& extents = (*chunk.dimensions)[row];
-      extents_.insert(extents_.end(), extents.begin(), extents.end());
-      extentEnds_.push_back(extents_.size());
+      const auto& sizes = (*chunk.dimensions)[row];
+      extents.insert(extents.end(), sizes.begin(), sizes.end());
+      extentEnds.push_back(extents.size());
     }
   }
-  rows_ += chunk.rows;
 }
 
-std::shared_ptr<::arrow::Table> RowStore::table(std::size_t from, std::size_t count) const {
+RowSlice sliceOf(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width,
+                 RowShapes& shapes) {
+  shapes = RowShapes();
+  shapes.append(schema, chunk);
+  RowSlice slice;
+  slice.rows = chunk.rows;
+  slice.elements = chunk.data;
+  slice.bytes = chunk.elements * (schema.kind == ColumnKind::blob ? 1 : width);
+  if (schema.kind != ColumnKind::flat) slice.ends = shapes.rowEnds.data();
+  if (schema.dimensionIndex >= 0) {
+    slice.extents = shapes.extents.data();
+    slice.extentEnds = shapes.extentEnds.data();
+  }
+  return slice;
+}
+
+std::shared_ptr<::arrow::Table> tableOf(const SampleSchema& schema, const RowSlice& rows) {
   SampleBuffers buffers;
-  buffers.rows = static_cast<std::int64_t>(count);
-  std::size_t start = from;
-  std::size_t end = from + count;
-  if (schema_.kind != ColumnKind::flat) {
-    start = from == 0 ? 0 : rowEnds_[from - 1];
-    end = rowEnds_[from + count - 1];
-    buffers.offsets = offsetsOf(rowEnds_, from, count);
-  }
-  buffers.elements = borrowBuffer(elements_.data() + start * width_, (end - start) * width_);
-  if (schema_.dimensionIndex >= 0) {
-    const std::size_t first = from == 0 ? 0 : extentEnds_[from - 1];
-    const std::size_t last = extentEnds_[from + count - 1];
+  buffers.rows = static_cast<std::int64_t>(rows.rows);
+  if (rows.ends) buffers.offsets = offsetsOf(rows.ends, rows.begin, rows.rows);
+  buffers.elements = borrowBuffer(rows.elements, rows.bytes);
+  if (rows.extentEnds) {
     buffers.dimensionRows = buffers.rows;
-    buffers.dimensionOffsets = offsetsOf(extentEnds_, from, count);
-    buffers.dimensionValues =
-        borrowBuffer(extents_.data() + first, (last - first) * sizeof(std::uint64_t));
+    buffers.dimensionOffsets = offsetsOf(rows.extentEnds, rows.extentBegin, rows.rows);
+    buffers.dimensionValues = borrowBuffer(rows.extents, extentsIn(rows) * sizeof(std::uint64_t));
   }
-  return assembleTable(schema_, buffers);
+  return assembleTable(schema, buffers);
+}
+
+void RowStore::append(const SampleChunk& chunk) {
+  appendBytes(elements_, chunk.data, chunk.elements * width_);
+  shapes_.append(schema_, chunk);
+  rows_ += chunk.rows;
 }
 
 void RowStore::dropFront(std::size_t rows, std::size_t batches) {
   if (rows == 0) return;
   const std::size_t elements =
-      schema_.kind == ColumnKind::flat ? rows : dropEnds(rowEnds_, rows, batches);
+      schema_.kind == ColumnKind::flat ? rows : dropEnds(shapes_.rowEnds, rows, batches);
   dropValues(elements_, elements * width_, batches);
   if (schema_.dimensionIndex >= 0) {
-    dropValues(extents_, dropEnds(extentEnds_, rows, batches), batches);
+    dropValues(shapes_.extents, dropEnds(shapes_.extentEnds, rows, batches), batches);
   }
   rows_ -= rows;
 }
 
-std::size_t RowStore::bytes() const {
-  return elements_.size() +
-         (rowEnds_.size() + extents_.size() + extentEnds_.size()) * sizeof(std::uint64_t);
+std::size_t bytesIn(const RowSlice& rows) {
+  std::size_t numbers = rows.ends ? rows.rows : 0;
+  if (rows.extentEnds) numbers += rows.rows + extentsIn(rows);
+  return rows.bytes + numbers * sizeof(std::uint64_t);
 }
 
 RowSlice RowStore::slice(std::size_t from, std::size_t count) const {
@@ -236,17 +247,17 @@ RowSlice RowStore::slice(std::size_t from, std::size_t count) const {
   std::size_t start = from;
   std::size_t end = from + count;
   if (schema_.kind != ColumnKind::flat) {
-    slice.ends = rowEnds_.data() + from;
-    slice.begin = from == 0 ? 0 : rowEnds_[from - 1];
+    slice.ends = shapes_.rowEnds.data() + from;
+    slice.begin = from == 0 ? 0 : shapes_.rowEnds[from - 1];
     start = slice.begin;
-    end = count == 0 ? start : rowEnds_[from + count - 1];
+    end = count == 0 ? start : shapes_.rowEnds[from + count - 1];
   }
   slice.elements = elements_.data() + start * width_;
   slice.bytes = (end - start) * width_;
   if (schema_.dimensionIndex >= 0) {
-    slice.extentEnds = extentEnds_.data() + from;
-    slice.extentBegin = from == 0 ? 0 : extentEnds_[from - 1];
-    slice.extents = extents_.data() + slice.extentBegin;
+    slice.extentEnds = shapes_.extentEnds.data() + from;
+    slice.extentBegin = from == 0 ? 0 : shapes_.extentEnds[from - 1];
+    slice.extents = shapes_.extents.data() + slice.extentBegin;
   }
   return slice;
 }
@@ -258,10 +269,10 @@ void RowStore::append(const RowSlice& rows) {
     for (std::size_t i = 0; i < rows.rows; ++i) ends.push_back(base + from[i] - begin);
   };
   appendBytes(elements_, rows.elements, rows.bytes);
-  if (rows.ends) appendEnds(rowEnds_, rows.ends, rows.begin);
+  if (rows.ends) appendEnds(shapes_.rowEnds, rows.ends, rows.begin);
   if (rows.extentEnds) {
-    appendEnds(extentEnds_, rows.extentEnds, rows.extentBegin);
-    extents_.insert(extents_.end(), rows.extents, rows.extents + extentsIn(rows));
+    appendEnds(shapes_.extentEnds, rows.extentEnds, rows.extentBegin);
+    shapes_.extents.insert(shapes_.extents.end(), rows.extents, rows.extents + extentsIn(rows));
   }
   rows_ += rows.rows;
 }
@@ -274,13 +285,14 @@ void RowStore::append(const ::arrow::Table& table) {
   const auto rows = static_cast<std::size_t>(table.num_rows());
   appendBytes(elements_, bytes.data(), bytes.size());
   if (sizes) {
-    std::uint64_t end = rowEnds_.empty() ? 0 : rowEnds_.back();
-    for (const int size : *sizes) rowEnds_.push_back(end += static_cast<std::uint64_t>(size));
+    std::uint64_t end = shapes_.rowEnds.empty() ? 0 : shapes_.rowEnds.back();
+    for (const int size : *sizes)
+      shapes_.rowEnds.push_back(end += static_cast<std::uint64_t>(size));
   }
   if (dimensions) {
     for (const auto& extents : *dimensions) {
-      extents_.insert(extents_.end(), extents.begin(), extents.end());
-      extentEnds_.push_back(extents_.size());
+      shapes_.extents.insert(shapes_.extents.end(), extents.begin(), extents.end());
+      shapes_.extentEnds.push_back(shapes_.extents.size());
     }
   }
   rows_ += rows;
@@ -288,12 +300,12 @@ void RowStore::append(const ::arrow::Table& table) {
 
 void RowStore::truncate(std::size_t rows) {
   const std::size_t elements =
-      schema_.kind == ColumnKind::flat ? rows : (rows == 0 ? 0 : rowEnds_[rows - 1]);
+      schema_.kind == ColumnKind::flat ? rows : (rows == 0 ? 0 : shapes_.rowEnds[rows - 1]);
   elements_.resize(elements * width_);
-  if (schema_.kind != ColumnKind::flat) rowEnds_.resize(rows);
+  if (schema_.kind != ColumnKind::flat) shapes_.rowEnds.resize(rows);
   if (schema_.dimensionIndex >= 0) {
-    extentEnds_.resize(rows);
-    extents_.resize(rows == 0 ? 0 : extentEnds_.back());
+    shapes_.extentEnds.resize(rows);
+    shapes_.extents.resize(rows == 0 ? 0 : shapes_.extentEnds.back());
   }
   rows_ = rows;
 }

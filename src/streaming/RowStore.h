@@ -50,6 +50,28 @@ struct RowSlice {
   std::uint64_t extentBegin = 0;
 };
 
+/// Where rows end, counted from the first one: their elements (list and blob columns) and their
+/// extents (dimension column).
+struct RowShapes {
+  std::vector<std::uint64_t> rowEnds;
+  std::vector<std::uint64_t> extents;
+  std::vector<std::uint64_t> extentEnds;
+
+  void append(const SampleSchema& schema, const SampleChunk& chunk);
+};
+
+/// The rows of a chunk, where they lie.
+/// \param width  bytes of an element
+/// \param shapes  keeps where they end
+RowSlice sliceOf(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width,
+                 RowShapes& shapes);
+
+/// A table over the rows' memory, which must stay as it is while the table is in use.
+std::shared_ptr<::arrow::Table> tableOf(const SampleSchema& schema, const RowSlice& rows);
+
+/// Bytes that a RowStore of the rows takes.
+std::size_t bytesIn(const RowSlice& rows);
+
 /// Rows [from, from + count) of a run.
 RowSlice subSlice(const RowSlice& rows, std::size_t from, std::size_t count);
 
@@ -70,9 +92,6 @@ class RowStore {
 
   const SampleSchema& schema() const { return schema_; }
   std::size_t rows() const { return rows_; }
-  /// Bytes that the rows take.
-  std::size_t bytes() const;
-
   void append(const SampleChunk& chunk);
   /// \param rows  of the same schema; not of this store
   void append(const RowSlice& rows);
@@ -82,8 +101,10 @@ class RowStore {
   RowSlice slice(std::size_t from, std::size_t count) const;
   RowSlice slice(std::size_t from = 0) const { return slice(from, rows_ - from); }
 
-  /// A table over the memory of the rows, which must stay as it is while the table is in use.
-  std::shared_ptr<::arrow::Table> table(std::size_t from, std::size_t count) const;
+  /// As tableOf().
+  std::shared_ptr<::arrow::Table> table(std::size_t from, std::size_t count) const {
+    return tableOf(schema_, slice(from, count));
+  }
 
   /// Drops the first rows and keeps memory for one more of the \p batches batches that they were.
   void dropFront(std::size_t rows, std::size_t batches);
@@ -95,11 +116,7 @@ class RowStore {
   std::size_t width_ = 1;  // bytes of an element; 1 for blobs, whose elements are their bytes
   std::size_t rows_ = 0;
   std::vector<char> elements_;
-  // Where each row ends, counted from the first row in the store: its elements (list and blob
-  // columns) and its extents (dimension column).
-  std::vector<std::uint64_t> rowEnds_;
-  std::vector<std::uint64_t> extents_;
-  std::vector<std::uint64_t> extentEnds_;
+  RowShapes shapes_;
 };
 
 }  // namespace kyr::parquet

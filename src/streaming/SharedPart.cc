@@ -41,7 +41,7 @@ SharedPart& SharedPart::operator=(SharedPart&& other) noexcept {
   compression_ = other.compression_;
   isOpened_ = other.isOpened_;
   checkedSchema_ = std::move(other.checkedSchema_);
-  scratch_ = std::move(other.scratch_);
+  shapes_ = std::move(other.shapes_);
   return *this;
 }
 
@@ -69,45 +69,54 @@ void SharedPart::openStream() {
 void SharedPart::append(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width) {
   if (chunk.rows == 0) return;
   openStream();
-  if (stream_ && checkedSchema_ != schema.schema) {
-    if (!stream_->schema().schema->Equals(*schema.schema)) {
-      throw std::invalid_argument(
-          fmt::format("the signal's data type or category changed while samples were being "
-                      "appended: they are {}, before {}",
-                      schema.schema->ToString(), stream_->schema().schema->ToString()));
-    }
-    checkedSchema_ = schema.schema;
-  }
-  RowSlice rows;
-  if (schema.kind == ColumnKind::flat) {
-    rows.rows = chunk.rows;
-    rows.elements = chunk.data;
-    rows.bytes = chunk.rows * width;
-  } else {
-    if (!scratch_ || scratch_->schema().schema != schema.schema) scratch_.emplace(schema, width);
-    scratch_->truncate(0);
-    scratch_->append(chunk);
-    rows = scratch_->slice();
-  }
-  if (!stream_) {
-    begin(schema, rows, width);
-  } else {
+  requireSameSchema(schema);
+  const RowSlice rows = sliceOf(schema, chunk, width, shapes_);
+  if (stream_) {
     appendRows(rows);
+  } else if (!beginAsAnother(schema, rows)) {
+    const auto stream = SharedStream::create(store_, schema, width, compression_);
+    stream->extend(rows, batchRows_);
+    stream->hangUnderRoot(store_->roots(*schema.schema), keyOf(0, rows));
+    moveTo(stream);
+    equalRows_ = rows.rows;
   }
 }
 
-void SharedPart::begin(const SampleSchema& schema, const RowSlice& rows, std::size_t width) {
-  Forks& roots = store_->roots(*schema.schema);
-  const ForkKey key = keyOf(0, rows);
-  const auto found = roots.find(key);
-  if (found == roots.end()) {
+void SharedPart::store(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width) {
+  if (stream_) throw std::logic_error("a part that has rows is given all of them");
+  if (chunk.rows == 0) return;
+  const RowSlice rows = sliceOf(schema, chunk, width, shapes_);
+  try {
+    if (beginAsAnother(schema, rows)) {
+      finish();
+      return;
+    }
     const auto stream = SharedStream::create(store_, schema, width, compression_);
-    stream->extend(rows, batchRows_);
-    stream->hangUnderRoot(roots, key);
-    moveTo(stream);
+    moveTo(stream);  // for the file to tell whose it is
+    stream->sealWith(rows);
+    stream->hangUnderRoot(store_->roots(*schema.schema), keyOf(0, rows));
     equalRows_ = rows.rows;
-    return;
+  } catch (...) {
+    reset();
+    throw;
   }
+}
+
+void SharedPart::requireSameSchema(const SampleSchema& schema) {
+  if (!stream_ || checkedSchema_ == schema.schema) return;
+  if (!stream_->schema().schema->Equals(*schema.schema)) {
+    throw std::invalid_argument(
+        fmt::format("the signal's data type or category changed while samples were being "
+                    "appended: they are {}, before {}",
+                    schema.schema->ToString(), stream_->schema().schema->ToString()));
+  }
+  checkedSchema_ = schema.schema;
+}
+
+bool SharedPart::beginAsAnother(const SampleSchema& schema, const RowSlice& rows) {
+  const Forks& roots = store_->roots(*schema.schema);
+  const auto found = roots.find(keyOf(0, rows));
+  if (found == roots.end()) return false;
   moveTo(found->second->shared_from_this());
   try {
     appendRows(rows);
@@ -115,14 +124,18 @@ void SharedPart::begin(const SampleSchema& schema, const RowSlice& rows, std::si
     reset();
     throw;
   }
+  return true;
 }
 
 void SharedPart::appendRows(const RowSlice& rows) {
   if (appendAtOnce(rows)) return;
   guarded([&] {
+    // Rows that nothing waits before are compared where they lie, and kept if they must wait.
+    const std::size_t at = pendingRows() == 0 ? settle(rows, /*isLast=*/false) : 0;
+    if (at == rows.rows) return;
     if (!pending_) pending_.emplace(stream_->schema(), stream_->width());
-    pending_->append(rows);
-    settle(/*isLast=*/false);
+    pending_->append(subSlice(rows, at, rows.rows - at));
+    if (at == 0) settlePending(/*isLast=*/false);
   });
 }
 
@@ -158,53 +171,58 @@ void SharedPart::guarded(Operation&& operation) {
 
 // Nothing is taken from the pending rows, and nothing added to a stream that others see, before all
 // that may fail is done.
-void SharedPart::settle(bool isLast) {
+void SharedPart::settlePending(bool isLast) {
+  if (!pending_) return;
+  const std::size_t settled = settle(pending_->slice(), isLast);
+  pending_->dropFront(settled, 1);
+}
+
+std::size_t SharedPart::settle(const RowSlice& rows, bool isLast) {
   std::size_t at = 0;
-  while (at < pendingRows()) {
+  while (at < rows.rows) {
+    const RowSlice rest = subSlice(rows, at, rows.rows - at);
     if (equalRows_ == stream_->rows() && !stream_->isSealed()) {
-      const RowSlice rest = pending_->slice(at);
       stream_->extend(rest, batchRows_);
       equalRows_ += rest.rows;
-      at += rest.rows;
-      break;
+      return rows.rows;
     }
-    const Finding finding = compare(at, isLast);
+    const Finding finding = compare(rest, isLast);
     equalRows_ += finding.equal;
     at += finding.equal;
     if (finding.waits) break;
-    if (finding.differs) leave(keyOf(equalRows_, pending_->slice(at)));
+    if (finding.differs) leave(keyOf(equalRows_, subSlice(rows, at, rows.rows - at)));
   }
-  if (pending_) pending_->dropFront(at, 1);
+  return at;
 }
 
-SharedPart::Finding SharedPart::compare(std::size_t at, bool isLast) {
+SharedPart::Finding SharedPart::compare(const RowSlice& rest, bool isLast) {
   if (equalRows_ == stream_->rows()) return {0, true, false};
-  return equalRows_ < stream_->memoryStart() ? compareWithDisk(at, isLast) : compareWithMemory(at);
+  return equalRows_ < stream_->memoryStart() ? compareWithDisk(rest, isLast)
+                                             : compareWithMemory(rest);
 }
 
-SharedPart::Finding SharedPart::compareWithMemory(std::size_t at) {
+SharedPart::Finding SharedPart::compareWithMemory(const RowSlice& rest) {
   const auto there = static_cast<std::size_t>(stream_->rows() - equalRows_);
-  const std::size_t count = std::min(there, pendingRows() - at);
+  const std::size_t count = std::min(there, rest.rows);
   const std::size_t equal =
-      commonRows(stream_->inMemory(equalRows_, count), pending_->slice(at, count));
+      commonRows(stream_->inMemory(equalRows_, count), subSlice(rest, 0, count));
   return {equal, equal < count, false};
 }
 
-SharedPart::Finding SharedPart::compareWithDisk(std::size_t at, bool isLast) {
-  const std::size_t rest = pendingRows() - at;
+SharedPart::Finding SharedPart::compareWithDisk(const RowSlice& rest, bool isLast) {
   const RowStore* head = stream_->head();
   if (head != nullptr && equalRows_ < head->rows()) {
     const auto first = static_cast<std::size_t>(equalRows_);
-    const std::size_t count = std::min(head->rows() - first, rest);
-    const std::size_t equal = commonRows(head->slice(first, count), pending_->slice(at, count));
+    const std::size_t count = std::min(head->rows() - first, rest.rows);
+    const std::size_t equal = commonRows(head->slice(first, count), subSlice(rest, 0, count));
     if (equal < count) return {equal, true, false};
   }
   const SharedStream::Batch* batch = stream_->batchOf(equalRows_);
   const std::uint64_t end =
       batch ? batch->end : std::min(stream_->memoryStart(), equalRows_ + kPieceRows);
   const auto toEnd = static_cast<std::size_t>(end - equalRows_);
-  if (rest < toEnd && !isLast) return {0, false, true};
-  const RowSlice rows = pending_->slice(at, std::min(rest, toEnd));
+  if (rest.rows < toEnd && !isLast) return {0, false, true};
+  const RowSlice rows = subSlice(rest, 0, std::min(rest.rows, toEnd));
   if (batch && rows.rows == toEnd && equalRows_ == batch->begin &&
       XXH128_isEqual(digestOf(rows), batch->digest) != 0) {
     return {rows.rows, false, false};
@@ -227,13 +245,13 @@ void SharedPart::leave(const ForkKey& key) {
 
 void SharedPart::flush() {
   if (!stream_ || !isOpened_) return;
-  guarded([&] { settle(/*isLast=*/true); });
+  guarded([&] { settlePending(/*isLast=*/true); });
   stream_->flush();
 }
 
 void SharedPart::finish() {
   if (!stream_ || !isOpened_) return;
-  guarded([&] { settle(/*isLast=*/true); });
+  guarded([&] { settlePending(/*isLast=*/true); });
   guarded([&] {
     if (equalRows_ < stream_->rows()) leave(SharedStream::endKey(equalRows_));
   });

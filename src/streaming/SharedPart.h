@@ -34,6 +34,10 @@ class SharedPart {
 
   void append(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width);
 
+  /// Appends all rows of the part, which has none yet, and finishes it. Those that are not stored
+  /// yet go to disk from where they lie.
+  void store(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width);
+
   /// Brings all rows to disk, in a complete file that holds these rows and no others.
   void finish();
 
@@ -69,16 +73,20 @@ class SharedPart {
 
   std::size_t pendingRows() const { return pending_ ? pending_->rows() : 0; }
   void appendRows(const RowSlice& rows);
-  void begin(const SampleSchema& schema, const RowSlice& rows, std::size_t width);
+  void requireSameSchema(const SampleSchema& schema);
+  // Whether the rows begin as a stream that there is; they are appended then.
+  bool beginAsAnother(const SampleSchema& schema, const RowSlice& rows);
   bool appendAtOnce(const RowSlice& rows);
   // Runs \p operation; what it did to the part is undone if it throws.
   template <typename Operation>
   void guarded(Operation&& operation);
-  // Compares the pending rows, all of them if \p isLast.
-  void settle(bool isLast);
-  Finding compare(std::size_t at, bool isLast);
-  Finding compareWithMemory(std::size_t at);
-  Finding compareWithDisk(std::size_t at, bool isLast);
+  // Compares rows that follow the equal ones, all of them if \p isLast; returns how many found
+  // their place.
+  std::size_t settle(const RowSlice& rows, bool isLast);
+  void settlePending(bool isLast);
+  Finding compare(const RowSlice& rest, bool isLast);
+  Finding compareWithMemory(const RowSlice& rest);
+  Finding compareWithDisk(const RowSlice& rest, bool isLast);
   void moveTo(std::shared_ptr<SharedStream> stream) noexcept;
   // Goes on in a stream in which \p next follows, or nothing.
   void leave(const ForkKey& key);
@@ -89,7 +97,7 @@ class SharedPart {
   std::shared_ptr<SharedStream> stream_;
   bool isOpened_ = true;  // false for a file that was taken over, before its first use
   std::shared_ptr<::arrow::Schema> checkedSchema_;  // the last one that fitted
-  std::optional<RowStore> scratch_;                 // for chunks whose rows must be counted
+  RowShapes shapes_;                                // of the last chunk
   std::uint64_t equalRows_ = 0;                     // of the stream, that are this part's
   std::optional<RowStore> pending_;                 // rows behind them
   std::size_t batchRows_ = 0;

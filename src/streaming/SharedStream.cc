@@ -139,12 +139,12 @@ void SharedStream::takeOut() noexcept {
   }
 }
 
-std::size_t SharedStream::batchLength(std::size_t batchRows) const {
+std::size_t SharedStream::batchLength(const RowSlice& rows, std::size_t batchRows) const {
   // Parquet divides longer row groups.
   constexpr std::size_t kMaxRows = 1048576;
   if (batchRows > 0) return std::min(batchRows, kMaxRows);
   const SafeStorage& options = store_->options();
-  const std::size_t perRow = std::max<std::size_t>(1, memory_->bytes() / memory_->rows());
+  const std::size_t perRow = std::max<std::size_t>(1, bytesIn(rows) / rows.rows);
   const std::size_t byBytes = std::max<std::size_t>(1, options.batchBytes / perRow);
   return std::min({options.batchRows, byBytes, kMaxRows});
 }
@@ -152,20 +152,21 @@ std::size_t SharedStream::batchLength(std::size_t batchRows) const {
 // What is written stays in memory until something follows.
 void SharedStream::extend(const RowSlice& rows, std::size_t batchRows) {
   if (memory_->rows() > 0) {
-    if (unwritten() >= batchLength(batchRows)) writeFullBatches(batchRows);
+    if (unwritten() >= batchLength(memory_->slice(), batchRows)) writeFullBatches(batchRows);
     dropFront(static_cast<std::size_t>(diskRows_ - memoryStart_), 1);
   }
   memory_->append(rows);
 }
 
 void SharedStream::writeFullBatches(std::size_t batchRows) {
-  for (const std::size_t length = batchLength(batchRows); unwritten() >= length;) {
+  for (const std::size_t length = batchLength(memory_->slice(), batchRows);
+       unwritten() >= length;) {
     writeRows(length);
   }
 }
 
 void SharedStream::writeAll() {
-  while (unwritten() > 0) writeRows(std::min(unwritten(), batchLength(0)));
+  while (unwritten() > 0) writeRows(std::min(unwritten(), batchLength(memory_->slice(), 0)));
 }
 
 void SharedStream::writeRows(std::size_t count) {
@@ -227,16 +228,19 @@ std::shared_ptr<const ::arrow::KeyValueMetadata> SharedStream::describedParts() 
 
 void SharedStream::dropFront(std::size_t rows, std::size_t batches) {
   if (rows == 0) return;
-  if (!head_) {
-    constexpr std::size_t kHeadRows = 64;
-    constexpr std::size_t kHeadBytes = 16384;
-    std::size_t count = std::min(rows, kHeadRows);
-    while (memory_->slice(0, count).bytes > kHeadBytes) count /= 2;
-    head_.emplace(schema(), width_);
-    head_->append(memory_->slice(0, count));
-  }
+  keepHead(memory_->slice(0, rows));
   memory_->dropFront(rows, batches);
   memoryStart_ += rows;
+}
+
+void SharedStream::keepHead(const RowSlice& rows) {
+  if (head_) return;
+  constexpr std::size_t kHeadRows = 64;
+  constexpr std::size_t kHeadBytes = 16384;
+  std::size_t count = std::min(rows.rows, kHeadRows);
+  while (subSlice(rows, 0, count).bytes > kHeadBytes) count /= 2;
+  head_.emplace(schema(), width_);
+  head_->append(subSlice(rows, 0, count));
 }
 
 void SharedStream::flush() {
@@ -250,7 +254,7 @@ void SharedStream::seal() {
   if (sealed_) return;
   const bool isNew = !file_;
   if (isNew) {
-    writeWhole();
+    writeWhole(memory_->slice());
   } else {
     writeAll();
     if (!file_->isFinished()) {  // it is, if closing it failed before
@@ -266,16 +270,24 @@ void SharedStream::seal() {
   if (isNew) store_->noteWrite(/*isNewFile=*/true);
 }
 
+void SharedStream::sealWith(const RowSlice& rows) {
+  writeWhole(rows);
+  keepHead(rows);
+  memoryStart_ = rows.rows;
+  sealed_ = true;
+  store_->noteWrite(/*isNewFile=*/true);
+}
+
 // Nothing went to disk before, so nothing must be complete in between.
-void SharedStream::writeWhole() {
+void SharedStream::writeWhole(const RowSlice& rows) {
   const auto span = traceBatch();
   std::vector<std::shared_ptr<::arrow::Table>> tables;
   std::vector<Batch> batches;
-  const std::size_t rowsInAll = memory_->rows();
-  for (std::size_t from = 0; from < rowsInAll;) {
-    const std::size_t count = std::min(rowsInAll - from, batchLength(0));
-    tables.push_back(memory_->table(from, count));
-    batches.push_back({from, from + count, digestOf(memory_->slice(from, count))});
+  for (std::size_t from = 0; from < rows.rows;) {
+    const std::size_t count = std::min(rows.rows - from, batchLength(rows, 0));
+    const RowSlice batch = subSlice(rows, from, count);
+    tables.push_back(tableOf(schema(), batch));
+    batches.push_back({from, from + count, digestOf(batch)});
     from += count;
   }
   createFile([&](const std::filesystem::path& path) {
@@ -285,7 +297,7 @@ void SharedStream::writeWhole() {
                    describedParts(), tables, store_->options().sync != SafeStorage::Sync::never);
   });
   batches_ = std::move(batches);
-  diskRows_ = rowsInAll;
+  diskRows_ = rows.rows;
 }
 
 void SharedStream::sync() {

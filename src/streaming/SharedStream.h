@@ -81,6 +81,8 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   void flush();
   /// Writes the rest and completes the file. Nothing can follow.
   void seal();
+  /// Adds all rows of a stream without rows, and seals it; none of them is kept in memory.
+  void sealWith(const RowSlice& rows);
   void sync();
 
   /// First row that is in memory.
@@ -136,7 +138,7 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   void hangUnder(Forks& forks, SharedStream* parent, const ForkKey& key);
   void takeOut() noexcept;
   // Rows of a batch of what is not on disk.
-  std::size_t batchLength(std::size_t batchRows) const;
+  std::size_t batchLength(const RowSlice& rows, std::size_t batchRows) const;
   void writeFullBatches(std::size_t batchRows);
   void writeAll();
   // Writes the first rows that are not on disk.
@@ -145,7 +147,8 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   void createFile(Create&& create);
   // Gives the file's descriptor back if others need it more.
   void spareDescriptor();
-  void writeWhole();
+  void writeWhole(const RowSlice& rows);
+  void keepHead(const RowSlice& rows);
   void openFile();
   std::shared_ptr<const ::arrow::KeyValueMetadata> describedParts() const;
   // Of the rows in memory.
