@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "schema/ArrayMemory.h"
+#include "streaming/ValueDictionary.h"
 
 namespace kyr::parquet {
 
@@ -107,21 +108,18 @@ double changes(const Numbers& numbers) {
 // are once and twice in the sample (Chao, "Nonparametric estimation of the number of classes in a
 // population", Scandinavian Journal of Statistics 11, 1984).
 double dictionaryBytes(const Numbers& numbers) {
-  const std::size_t count = std::min(kSampled, numbers.count);
-  std::array<std::uint64_t, kSampled> sample{};
+  constexpr std::size_t kMost = kSampled / 2;
+  const std::size_t count = std::min(kMost, numbers.count);
+  std::array<std::uint64_t, kMost> sample{};
+  std::array<std::uint32_t, kMost> places{};
+  std::array<std::uint32_t, kMost> counts{};
   for (std::size_t i = 0; i < count; ++i) sample[i] = numbers.at(i * numbers.count / count);
-  std::sort(sample.begin(), sample.begin() + static_cast<std::ptrdiff_t>(count));
-  double distinct = 0;
-  double once = 0;
-  double twice = 0;
-  for (std::size_t i = 0; i < count;) {
-    std::size_t end = i + 1;
-    while (end < count && sample[end] == sample[i]) ++end;
-    ++distinct;
-    if (end - i == 1) ++once;
-    if (end - i == 2) ++twice;
-    i = end;
-  }
+  ValueDictionary<std::uint64_t> dictionary(kMost);
+  dictionary.add(sample.data(), count, places.data());
+  for (std::size_t i = 0; i < count; ++i) ++counts[places[i]];
+  const auto once = static_cast<double>(std::count(counts.begin(), counts.end(), 1U));
+  const auto twice = static_cast<double>(std::count(counts.begin(), counts.end(), 2U));
+  auto distinct = static_cast<double>(dictionary.values().size());
   distinct += once * (once - 1) / (2 * (twice + 1));
   const auto all = static_cast<double>(numbers.count);
   if (distinct > all / 2) return kNever;
@@ -173,6 +171,18 @@ bool takesSteadySteps(const Numbers& numbers) {
   return steady * 20 >= all * 19;
 }
 
+// n log2(n), for counts in a sample.
+double timesLog(std::uint32_t n) {
+  static const auto table = [] {
+    std::array<double, kSampled + 1> products{};
+    for (std::size_t i = 2; i < products.size(); ++i) {
+      products[i] = static_cast<double>(i) * std::log2(static_cast<double>(i));
+    }
+    return products;
+  }();
+  return table[n];
+}
+
 // Bytes per value with the bytes of the same place side by side, each place coded by itself.
 double splitBytes(const Numbers& numbers, Compression::type codec) {
   if (takesSteadySteps(numbers)) return kSteadyShare * numbers.plainBytes();
@@ -189,9 +199,10 @@ double splitBytes(const Numbers& numbers, Compression::type codec) {
       }
       all += static_cast<double>(length);
     });
-    for (const std::uint32_t count : counts) {
-      if (count > 0) bits -= count / all * std::log2(count / all);
-    }
+    // Entropy, -sum(p log p), with the logarithms of the counts only.
+    double sum = 0;
+    for (const std::uint32_t count : counts) sum += timesLog(count);
+    bits += std::log2(all) - sum / all;
   }
   return bits / 8;
 }
