@@ -1,0 +1,248 @@
+"""Measures stores and workloads in turn and prints a table for each workload; see README.md."""
+
+import argparse
+import collections
+import json
+import os
+import pathlib
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+import csv_files
+
+HERE = pathlib.Path(__file__).resolve().parent
+TITLES = {
+    "W1": "200 signals of 100,000 float64 (noise) over one time vector, stored whole",
+    "W1q": "W1 as volts of a 12-bit converter: 4096 values that repeat",
+    "W1i": "W1 as the converter's numbers, int16",
+    "W1m": "20 signals of 100,000 matrices, 3x3 float64",
+    "W2": "20 signals of 1,000,000 float64 appended in turn, 1,000 rows at a time; "
+          "then windows of 10,000 rows",
+    "W3": "5 signals of 1,000,000 float64 and their time, appended sample by sample",
+    "W4": "5,000 signals of 200 float64 over one time vector, stored whole",
+    "W5": "W1 with 20 distinct signals",
+    "W6": "recorded CSV files into a recording, and back to CSV",
+}
+W3_COLUMNS = 6
+
+
+class Failure(Exception):
+    pass
+
+
+def parse_options():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--workload", help="such as W1,W2; default all")
+    parser.add_argument("--store", help="such as kyr:safe,hdf5:chunked; default all. "
+                        "The store of --base always runs")
+    parser.add_argument("--base", default="floor", help="ratios are to this store; default floor")
+    parser.add_argument("--repetitions", type=int, default=5)
+    parser.add_argument("--scale", type=float, default=1, help="of the sizes: 0.01 is a quick check")
+    parser.add_argument("--clock", choices=("elapsed", "cpu"), default="elapsed",
+                        help="cpu: processor time, for a machine that others use as well")
+    parser.add_argument("--output", help="write the tables to this file, too")
+    parser.add_argument("--json", help="write every measurement to this file")
+    parser.add_argument("--folder", help="where to store; default build/compare")
+    parser.add_argument("--data", default=HERE.parents[1] / "examples/data",
+                        help="folder with the CSV files of W6; default examples/data")
+    parser.add_argument("--programs", default=HERE.parents[1] / "build/release",
+                        help="the build to measure")
+    parser.add_argument("--only-kyr", action="store_true",
+                        help="only kyr, Arrow alone and the bare system calls")
+    options = parser.parse_args()
+    options.programs = pathlib.Path(options.programs).resolve()
+    return options
+
+
+def run_json(command):
+    """Runs a program that prints a line of JSON."""
+    result = subprocess.run(command, capture_output=True, text=True)
+    if result.returncode != 0:
+        raise Failure((result.stderr.strip() or f"exit status {result.returncode}").splitlines()[-1])
+    return json.loads(result.stdout.splitlines()[-1])
+
+
+def find_stores(options, notices):
+    """(store, workload) -> command, in the order in which the tables list them."""
+    compare = options.programs / "benchmarks/compare"
+    programs = [[compare / "kyr_compare"], [compare / "kyr_compare_peers"],
+                [sys.executable, "-B", HERE / "peers.py"]]
+    found = {}
+    for program in programs[:1] if options.only_kyr else programs:
+        if not program[-1].exists():
+            notices.append(f"{program[-1].name} is not there: its stores are left out.")
+            continue
+        for store, workloads in run_json(program + ["list"]).items():
+            if isinstance(workloads, str):
+                notices.append(f"{store} is left out: {workloads}")
+                continue
+            found.update({(store, workload): program for workload in workloads})
+    return found
+
+
+def count_files(folder):
+    """Number of files, their bytes, and the bytes of the blocks that they take."""
+    files = size = allocated = 0
+    for path in folder.rglob("*"):
+        status = path.lstat()
+        if not path.is_dir():
+            files += 1
+            size += status.st_size
+            allocated += status.st_blocks * 512
+    return {"files": files, "size": size, "allocated": allocated}
+
+
+def empty_files(folder):
+    """Gives the disk back, but deletes no file: creating files is slow for minutes after that."""
+    for path in folder.rglob("*"):
+        if path.is_file():
+            os.truncate(path, 0)
+
+
+def measure(program, store, workload, folder, options):
+    """All phases of one repetition, each in a process of its own."""
+    def phase(name):
+        return run_json(program + [store, workload, name, folder, str(options.scale)])
+
+    folder.mkdir(parents=True)
+    result = {"write": phase("write"), "disk": count_files(folder / "stored")}
+    result["read"] = phase("read")
+    if workload == "W2" and not store.endswith("pairs"):
+        result.update(phase("window"))
+    empty_files(folder)
+    return result
+
+
+def run_workload(workload, stores, root, options):
+    """Store -> its results, a repetition each, or what went wrong."""
+    results = collections.defaultdict(list)
+    names = list(stores)
+    for repetition in range(options.repetitions):
+        # Each repetition begins with another store: no order favours anyone.
+        shift = repetition % len(names)
+        for store in names[shift:] + names[:shift]:
+            if isinstance(results[store], Failure):
+                continue
+            folder = root / f"{workload}-{repetition}" / store.replace(":", "-")
+            start = time.monotonic()
+            try:
+                result = measure(stores[store], store, workload, folder, options)
+                results[store].append(result)
+            except Failure as failure:
+                results[store] = failure
+                print(f"{workload} {store}: FAILED: {failure}", file=sys.stderr)
+            print(f"  {workload} {repetition + 1}/{options.repetitions} {store} "
+                  f"{time.monotonic() - start:.1f} s", file=sys.stderr)
+    return {store: results[store] for store in names}
+
+
+def median_of(results, phase, value):
+    values = [result[phase][value] for result in results if phase in result]
+    return statistics.median(values) if values else None
+
+
+def median_ratio(results, base, phase, clock):
+    """Median over the repetitions of the time in units of the base's in the same repetition."""
+    pairs = zip(results, base)
+    ratios = [a[phase][clock] / b[phase][clock] for a, b in pairs if phase in a and phase in b]
+    return statistics.median(ratios) if ratios else None
+
+
+def cell(value, form, scale=1):
+    return "" if value is None else format(value * scale, form)
+
+
+def table_row(store, workload, results, base, clock, rows):
+    if isinstance(results, Failure):
+        return [store, f"FAILED: {results}"]
+    row = [store, cell(median_ratio(results, base, "write", clock), ".2f"),
+           cell(median_ratio(results, base, "read", clock), ".2f")]
+    if workload == "W2":
+        row += [cell(median_of(results, phase, clock), ".3f", 1e3) for phase in ("known", "opened")]
+    if workload == "W3":
+        row.append(cell(median_of(results, "write", clock), ".1f", 1e9 / (W3_COLUMNS * rows)))
+    row += [cell(median_of(results, "disk", "size"), ".1f", 1e-6),
+            cell(median_of(results, "disk", "allocated"), ".1f", 1e-6),
+            cell(median_of(results, "disk", "files"), ".0f")]
+    return row + [cell(median_of(results, phase, "memory"), ".0f", 1e-6)
+                  for phase in ("write", "read")]
+
+
+def workload_table(workload, results, options):
+    clock = options.clock
+    base = results.get(options.base)
+    base = [] if base is None or isinstance(base, Failure) else base
+    header = ["store", "write", "read"]
+    if workload == "W2":
+        header += ["window known [ms]", "window opened [ms]"]
+    if workload == "W3":
+        header.append("ns per append")
+    header += ["MB", "MB on disk", "files", "peak MB writing", "peak MB reading"]
+    lines = [f"## {workload}: {TITLES[workload]}", ""]
+    if base:
+        lines += [f"Times in units of {options.base}: "
+                  f"write {median_of(base, 'write', clock):.4f} s, "
+                  f"read {median_of(base, 'read', clock):.4f} s ({clock}).", ""]
+    lines += ["| " + " | ".join(header) + " |", "|---" * len(header) + "|"]
+    rows = max(100, round(1_000_000 * options.scale))
+    for store, outcome in results.items():
+        row = table_row(store, workload, outcome, base, clock, rows)
+        lines.append("| " + " | ".join(row) + " |")
+    lines += own_cost(results, clock)
+    return "\n".join(lines) + "\n"
+
+
+def own_cost(results, clock):
+    """What kyr's default pool costs beyond a program that writes the same tables by itself."""
+    ours, bare = results.get("kyr:default"), results.get("bare:dedup")
+    if not isinstance(ours, list) or not isinstance(bare, list):
+        return []
+    ratios = {phase: median_ratio(ours, bare, phase, clock) for phase in ("write", "read")}
+    return ["", f"kyr:default in units of bare:dedup: write {ratios['write']:.2f}, "
+            f"read {ratios['read']:.2f}."]
+
+
+def main():
+    options = parse_options()
+    notices = []
+    found = find_stores(options, notices)
+    wanted = options.store.split(",") + [options.base] if options.store else None
+    workloads = options.workload.split(",") if options.workload else list(TITLES)
+    base_folder = pathlib.Path(options.folder or options.programs.parent / "compare")
+    base_folder.mkdir(parents=True, exist_ok=True)
+    root = pathlib.Path(tempfile.mkdtemp(prefix="run-", dir=base_folder))
+    everything, tables = {}, []
+    try:
+        for workload in workloads:
+            if workload == "W6":
+                text, results = csv_files.compare(root, options, notices)
+            else:
+                stores = {store: program for (store, name), program in found.items()
+                          if name == workload and (wanted is None or store in wanted)}
+                results = run_workload(workload, stores, root, options)
+                text = workload_table(workload, results, options)
+            everything[workload] = results
+            if text:
+                tables.append(text)
+                print(text, flush=True)
+    finally:
+        shutil.rmtree(root, ignore_errors=True)  # at the very end: see empty_files()
+    for notice in notices:
+        print(notice)
+    failed = [f"{workload} {store}" for workload, results in everything.items()
+              for store, result in results.items() if isinstance(result, Failure)]
+    if options.output:
+        pathlib.Path(options.output).write_text("\n".join(tables + notices) + "\n")
+    if options.json:
+        pathlib.Path(options.json).write_text(json.dumps(everything, default=str, indent=1) + "\n")
+    if failed:
+        print("FAILED: " + ", ".join(failed), file=sys.stderr)
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

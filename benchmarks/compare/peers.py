@@ -1,0 +1,215 @@
+"""Stores that are written in Python or driven by it; the same protocol as Main.cc."""
+
+import importlib
+import json
+import pathlib
+import statistics
+import sys
+import time
+
+import numpy as np
+
+import workloads
+
+
+class Asammdf:
+    """ASAM MDF 4, one channel group for all signals."""
+    module, takes = "asammdf", ("W1", "W1q", "W1i", "W4", "W5")
+
+    def write(self, workload, folder, times, signals):
+        import asammdf
+        with asammdf.MDF(version="4.10") as mdf:
+            mdf.append([asammdf.Signal(samples, times, name=f"s{i}")
+                        for i, samples in enumerate(signals)], common_timebase=True)
+            mdf.save(folder / "signals.mf4", compression=0)
+
+    def read(self, workload, folder):
+        import asammdf
+        with asammdf.MDF(folder / "signals.mf4") as mdf:
+            found = mdf.select([f"s{i}" for i in range(workload.signals)], copy_master=False)
+            return found[0].timestamps, [signal.samples for signal in found]
+
+
+class Mcap:
+    """MCAP, uncompressed, a message for each vector or appended chunk."""
+    module, takes = "mcap", ("W1", "W1q", "W1i", "W2", "W4", "W5")
+
+    def write(self, workload, folder, times, signals):
+        from mcap.writer import CompressionType, Writer
+        step = workload.chunk_rows or workload.rows
+        with open(folder / "signals.mcap", "wb") as stream:
+            writer = Writer(stream, compression=CompressionType.NONE, enable_crcs=False)
+            writer.start()
+            schema = writer.register_schema("samples", "none", b"")
+            columns = [times, *signals]
+            channels = [writer.register_channel(f"s{i}", "raw", schema)
+                        for i in range(len(columns))]
+            for at in range(0, workload.rows, step):
+                for channel, column in zip(channels, columns):
+                    writer.add_message(channel, at, column[at:at + step].tobytes(), at)
+            writer.finish()
+
+    def read(self, workload, folder):
+        from mcap.reader import make_reader
+        chunks = {}
+        with open(folder / "signals.mcap", "rb") as stream:
+            for _, channel, message in make_reader(stream).iter_messages():
+                chunks.setdefault(channel.topic, []).append(message.data)
+        dtype = np.int16 if workload.values == "counts" else np.float64
+        columns = [np.frombuffer(b"".join(chunks[f"s{i}"]), dtype if i else np.float64)
+                   for i in range(workload.signals + 1)]
+        return columns[0], columns[1:]
+
+
+class DuckDB:
+    """DuckDB, a table with a column for each signal, inserted from NumPy; W4 a row for each."""
+    module, takes = "duckdb", ("W1", "W1q", "W1i", "W4", "W5")
+
+    @staticmethod
+    def connect(folder):
+        import duckdb
+        return duckdb.connect(str(folder / "signals.duckdb"))
+
+    def write(self, workload, folder, times, signals):
+        with self.connect(folder) as database:
+            if workload.name == "W4":
+                import pyarrow as pa
+                offsets = np.arange(len(signals) + 2, dtype=np.int32) * workload.rows
+                rows = pa.ListArray.from_arrays(offsets, np.concatenate([times, *signals]))
+                frame = pa.table({"id": np.arange(len(signals) + 1), "samples": rows})
+            else:
+                frame = {"time": times, **{f"s{i}": x for i, x in enumerate(signals)}}
+            database.register("frame", frame)
+            database.execute("CREATE TABLE signals AS SELECT * FROM frame")
+
+    def read(self, workload, folder):
+        with self.connect(folder) as database:
+            if workload.name == "W4":
+                rows = database.execute("SELECT samples FROM signals ORDER BY id").to_arrow_table()
+                columns = np.split(rows["samples"].combine_chunks().flatten().to_numpy(),
+                                   workload.signals + 1)
+                return columns[0], columns[1:]
+            columns = database.execute("SELECT * FROM signals").fetchnumpy()
+            return columns["time"], [columns[f"s{i}"] for i in range(workload.signals)]
+
+
+class Zarr:
+    """Zarr 3, an array for each signal in chunks of 65,536 rows, Zarr's default codec."""
+    module, takes = "zarr", ("W1", "W1q", "W1i", "W2", "W5")
+
+    def write(self, workload, folder, times, signals):
+        import zarr
+        group = zarr.open_group(folder / "signals.zarr", mode="w")
+        for i, column in enumerate([times, *signals]):
+            array = group.create_array(f"s{i}", shape=column.shape, dtype=column.dtype,
+                                       chunks=(min(65_536, workload.rows),))
+            array[:] = column
+
+    def read(self, workload, folder):
+        import zarr
+        group = zarr.open_group(folder / "signals.zarr", mode="r")
+        columns = [group[f"s{i}"][:] for i in range(workload.signals + 1)]
+        return columns[0], columns[1:]
+
+    def open_window(self, folder, signal):
+        import zarr
+        return zarr.open_array(folder / "signals.zarr" / f"s{signal + 1}", mode="r")
+
+    def read_window(self, array, first, end):
+        return array[first:end]
+
+
+STORES = {"py:asammdf": Asammdf, "py:mcap": Mcap, "py:duckdb": DuckDB, "py:zarr": Zarr}
+
+
+def memory_status(name):
+    for line in open("/proc/self/status", encoding="ascii"):
+        if line.startswith(name + ":"):
+            return 1024 * int(line.split()[1])
+    raise RuntimeError(f"/proc/self/status does not tell {name}")
+
+
+def timed(work):
+    cpu, start = time.process_time(), time.perf_counter()
+    result = work()
+    return result, {"elapsed": time.perf_counter() - start, "cpu": time.process_time() - cpu}
+
+
+def measured(work):
+    """As timed(), with the memory that the work took at its peak, beyond what there was before."""
+    with open("/proc/self/clear_refs", "w", encoding="ascii") as peak:
+        peak.write("5")
+    before = memory_status("VmRSS")
+    result, times = timed(work)
+    return result, {**times, "memory": memory_status("VmHWM") - before}
+
+
+def compare(read, expected, what):
+    read = np.asarray(read)
+    if read.dtype != expected.dtype or not np.array_equal(read.view(f"i{read.itemsize}"),
+                                                          expected.view(f"i{read.itemsize}")):
+        raise ValueError(f"{what}: other values were read than written")
+
+
+def read_windows(store, workload, folder):
+    opened, known = [], []
+    for signal in range(workload.signals):
+        expected = workload.signal(signal)
+        for i, first in enumerate(workload.windows(signal)):
+            end = first + workload.window_rows
+
+            def window():
+                nonlocal array
+                if i == 0:
+                    array = store.open_window(folder, signal)
+                return store.read_window(array, first, end)
+
+            array = None if i == 0 else array
+            values, times = timed(window)
+            compare(values, expected[first:end], f"window of signal {signal}")
+            (known if i else opened).append(times)
+    return {name: {clock: statistics.median(each[clock] for each in times)
+                   for clock in ("elapsed", "cpu")}
+            for name, times in (("opened", opened), ("known", known))}
+
+
+def run_phase(store, workload, phase, folder):
+    if phase == "write":
+        times, signals = workload.time(), workload.all_signals()
+        return measured(lambda: store.write(workload, folder, times, signals))[1]
+    if phase == "read":
+        (times, signals), result = measured(lambda: store.read(workload, folder))
+        compare(times, workload.time(), "time")
+        if len(signals) != workload.signals:
+            raise ValueError(f"{len(signals)} signals instead of {workload.signals}")
+        for i, samples in enumerate(signals):
+            compare(samples, workload.signal(i), f"signal {i}")
+        return result
+    return read_windows(store, workload, folder) if hasattr(store, "open_window") else {}
+
+
+def list_stores():
+    found = {}
+    for name, store in STORES.items():
+        try:
+            importlib.import_module(store.module)
+            found[name] = store.takes
+        except ImportError as error:
+            found[name] = str(error)
+    return found
+
+
+def main():
+    if sys.argv[1:] == ["list"]:
+        print(json.dumps(list_stores()))
+        return
+    name, workload, phase, folder, scale = sys.argv[1:]
+    store = STORES[name]
+    importlib.import_module(store.module)  # outside the clock
+    stored = pathlib.Path(folder, "stored")
+    stored.mkdir(parents=True, exist_ok=True)
+    print(json.dumps(run_phase(store(), workloads.find(workload, float(scale)), phase, stored)))
+
+
+if __name__ == "__main__":
+    main()
