@@ -163,7 +163,7 @@ class IpcStore : public Store {
 
 namespace {
 
-[[maybe_unused]] const bool kAdded = addStore<IpcStore>("arrow-ipc");
+[[maybe_unused]] const bool kAdded = addStore<IpcStore>("arrow:ipc");
 
 }  // namespace
 

@@ -90,26 +90,43 @@ Times median(std::vector<Times> times) {
   return result;
 }
 
-// Windows around the middle of each signal, the first of which opens the file.
+struct Window {
+  std::size_t signal;
+  std::size_t from;
+  std::vector<char> expected;
+  bool isFirst;  // of its signal, so that it opens the file
+};
+
+// Windows around the middle of each signal.
+std::vector<Window> makeWindows(const Workload& workload) {
+  constexpr std::size_t kOfEachSignal = 6;
+  std::vector<Window> windows;
+  for (std::size_t signal = 0; signal < workload.signals; ++signal) {
+    const auto values = makeSignal(workload, signal);
+    for (std::size_t i = 0; i < kOfEachSignal; ++i) {
+      const std::size_t from = (workload.rows - workload.windowRows) / 2 +
+                               (7919 * i + 37 * signal) % (workload.rows / 4);
+      const char* first = &values[from * workload.sampleSize()];
+      windows.push_back(
+          {signal, from, {first, first + workload.windowRows * workload.sampleSize()}, i == 0});
+    }
+  }
+  return windows;
+}
+
 Json readWindows(const Workload& workload, Store& store) {
-  constexpr std::size_t kKnownWindows = 5;
+  const std::vector<Window> windows = makeWindows(workload);
   store.openWindows(workload);
   std::vector<Times> opened;
   std::vector<Times> known;
   Bytes values;
-  for (std::size_t signal = 0; signal < workload.signals; ++signal) {
-    const auto expected = makeSignal(workload, signal);
-    store.closeWindow();
-    for (std::size_t i = 0; i <= kKnownWindows; ++i) {
-      const std::size_t from = (workload.rows - workload.windowRows) / 2 +
-                               (7919 * i + 37 * signal) % (workload.rows / 4);
-      const Times times =
-          timed([&] { store.readWindow(signal, from, workload.windowRows, values); });
-      compare(values, &expected[from * workload.sampleSize()],
-              workload.windowRows * workload.sampleSize(),
-              "window of signal " + std::to_string(signal));
-      (i == 0 ? opened : known).push_back(times);
-    }
+  for (const Window& window : windows) {
+    if (window.isFirst) store.closeWindow();
+    (window.isFirst ? opened : known).push_back(timed([&] {
+      store.readWindow(window.signal, window.from, workload.windowRows, values);
+    }));
+    compare(values, window.expected.data(), window.expected.size(),
+            "window of signal " + std::to_string(window.signal));
   }
   const Times open = median(opened);
   const Times again = median(known);

@@ -1,18 +1,15 @@
 """Measures stores and workloads in turn and prints a table for each workload; see README.md."""
 
 import argparse
-import collections
 import json
-import os
 import pathlib
 import shutil
-import statistics
-import subprocess
 import sys
 import tempfile
-import time
 
 import csv_files
+from harness import Failure, cell, count_files, markdown_table, median_of, median_ratio, run_json
+from harness import take_turns
 
 HERE = pathlib.Path(__file__).resolve().parent
 TITLES = {
@@ -28,10 +25,6 @@ TITLES = {
     "W6": "recorded CSV files into a recording, and back to CSV",
 }
 W3_COLUMNS = 6
-
-
-class Failure(Exception):
-    pass
 
 
 def parse_options():
@@ -58,14 +51,6 @@ def parse_options():
     return options
 
 
-def run_json(command):
-    """Runs a program that prints a line of JSON."""
-    result = subprocess.run(command, capture_output=True, text=True)
-    if result.returncode != 0:
-        raise Failure((result.stderr.strip() or f"exit status {result.returncode}").splitlines()[-1])
-    return json.loads(result.stdout.splitlines()[-1])
-
-
 def find_stores(options, notices):
     """(store, workload) -> command, in the order in which the tables list them."""
     compare = options.programs / "benchmarks/compare"
@@ -81,79 +66,31 @@ def find_stores(options, notices):
                 notices.append(f"{store} is left out: {workloads}")
                 continue
             found.update({(store, workload): program for workload in workloads})
-    return found
+    first = ("floor", "bare", "kyr")
+
+    def rank(item):
+        family = item[0][0].split(":")[0]
+        return first.index(family) if family in first else len(first)
+
+    return dict(sorted(found.items(), key=rank))
 
 
-def count_files(folder):
-    """Number of files, their bytes, and the bytes of the blocks that they take."""
-    files = size = allocated = 0
-    for path in folder.rglob("*"):
-        status = path.lstat()
-        if not path.is_dir():
-            files += 1
-            size += status.st_size
-            allocated += status.st_blocks * 512
-    return {"files": files, "size": size, "allocated": allocated}
+def check_names(kind, names, known):
+    for name in names:
+        if name not in known:
+            sys.exit(f"no {kind} is called {name}; there are {', '.join(sorted(known))}")
 
 
-def empty_files(folder):
-    """Gives the disk back, but deletes no file: creating files is slow for minutes after that."""
-    for path in folder.rglob("*"):
-        if path.is_file():
-            os.truncate(path, 0)
-
-
-def measure(program, store, workload, folder, options):
+def measure(program, store, workload, folder, scale):
     """All phases of one repetition, each in a process of its own."""
     def phase(name):
-        return run_json(program + [store, workload, name, folder, str(options.scale)])
+        return run_json(program + [store, workload, name, folder, str(scale)])
 
-    folder.mkdir(parents=True)
     result = {"write": phase("write"), "disk": count_files(folder / "stored")}
     result["read"] = phase("read")
-    if workload == "W2" and not store.endswith("pairs"):
+    if workload == "W2":
         result.update(phase("window"))
-    empty_files(folder)
     return result
-
-
-def run_workload(workload, stores, root, options):
-    """Store -> its results, a repetition each, or what went wrong."""
-    results = collections.defaultdict(list)
-    names = list(stores)
-    for repetition in range(options.repetitions):
-        # Each repetition begins with another store: no order favours anyone.
-        shift = repetition % len(names)
-        for store in names[shift:] + names[:shift]:
-            if isinstance(results[store], Failure):
-                continue
-            folder = root / f"{workload}-{repetition}" / store.replace(":", "-")
-            start = time.monotonic()
-            try:
-                result = measure(stores[store], store, workload, folder, options)
-                results[store].append(result)
-            except Failure as failure:
-                results[store] = failure
-                print(f"{workload} {store}: FAILED: {failure}", file=sys.stderr)
-            print(f"  {workload} {repetition + 1}/{options.repetitions} {store} "
-                  f"{time.monotonic() - start:.1f} s", file=sys.stderr)
-    return {store: results[store] for store in names}
-
-
-def median_of(results, phase, value):
-    values = [result[phase][value] for result in results if phase in result]
-    return statistics.median(values) if values else None
-
-
-def median_ratio(results, base, phase, clock):
-    """Median over the repetitions of the time in units of the base's in the same repetition."""
-    pairs = zip(results, base)
-    ratios = [a[phase][clock] / b[phase][clock] for a, b in pairs if phase in a and phase in b]
-    return statistics.median(ratios) if ratios else None
-
-
-def cell(value, form, scale=1):
-    return "" if value is None else format(value * scale, form)
 
 
 def table_row(store, workload, results, base, clock, rows):
@@ -187,11 +124,9 @@ def workload_table(workload, results, options):
         lines += [f"Times in units of {options.base}: "
                   f"write {median_of(base, 'write', clock):.4f} s, "
                   f"read {median_of(base, 'read', clock):.4f} s ({clock}).", ""]
-    lines += ["| " + " | ".join(header) + " |", "|---" * len(header) + "|"]
-    rows = max(100, round(1_000_000 * options.scale))
-    for store, outcome in results.items():
-        row = table_row(store, workload, outcome, base, clock, rows)
-        lines.append("| " + " | ".join(row) + " |")
+    signal_rows = max(100, round(1_000_000 * options.scale))
+    lines += markdown_table(header, [table_row(store, workload, outcome, base, clock, signal_rows)
+                                     for store, outcome in results.items()])
     lines += own_cost(results, clock)
     return "\n".join(lines) + "\n"
 
@@ -212,6 +147,8 @@ def main():
     found = find_stores(options, notices)
     wanted = options.store.split(",") + [options.base] if options.store else None
     workloads = options.workload.split(",") if options.workload else list(TITLES)
+    check_names("workload", workloads, TITLES)
+    check_names("store", wanted or [], {store for store, _ in found} | set(csv_files.STORES))
     base_folder = pathlib.Path(options.folder or options.programs.parent / "compare")
     base_folder.mkdir(parents=True, exist_ok=True)
     root = pathlib.Path(tempfile.mkdtemp(prefix="run-", dir=base_folder))
@@ -219,11 +156,13 @@ def main():
     try:
         for workload in workloads:
             if workload == "W6":
-                text, results = csv_files.compare(root, options, notices)
+                text, results = csv_files.compare(TITLES[workload], root, options, notices)
             else:
-                stores = {store: program for (store, name), program in found.items()
-                          if name == workload and (wanted is None or store in wanted)}
-                results = run_workload(workload, stores, root, options)
+                results = take_turns(
+                    workload, [store for store, name in found
+                               if name == workload and (wanted is None or store in wanted)],
+                    options.repetitions, root, lambda store, folder, name=workload: measure(
+                        found[store, name], store, name, folder, options.scale))
                 text = workload_table(workload, results, options)
             everything[workload] = results
             if text:

@@ -152,25 +152,24 @@ def compare(read, expected, what):
 
 
 def read_windows(store, workload, folder):
-    opened, known = [], []
+    times = {"opened": [], "known": []}
+    windows = []
     for signal in range(workload.signals):
-        expected = workload.signal(signal)
-        for i, first in enumerate(workload.windows(signal)):
-            end = first + workload.window_rows
+        values = workload.signal(signal)
+        windows += [(signal, first, values[first:first + workload.window_rows].copy())
+                    for first in workload.windows(signal)]
+    last, opened = None, None
+    for signal, first, expected in windows:
+        def window(signal=signal, first=first, opened=opened if signal == last else None):
+            opened = store.open_window(folder, signal) if opened is None else opened
+            return opened, store.read_window(opened, first, first + len(expected))
 
-            def window():
-                nonlocal array
-                if i == 0:
-                    array = store.open_window(folder, signal)
-                return store.read_window(array, first, end)
-
-            array = None if i == 0 else array
-            values, times = timed(window)
-            compare(values, expected[first:end], f"window of signal {signal}")
-            (known if i else opened).append(times)
-    return {name: {clock: statistics.median(each[clock] for each in times)
-                   for clock in ("elapsed", "cpu")}
-            for name, times in (("opened", opened), ("known", known))}
+        (opened, values), taken = timed(window)
+        compare(values, expected, f"window of signal {signal}")
+        times["known" if signal == last else "opened"].append(taken)
+        last = signal
+    return {name: {clock: statistics.median(each[clock] for each in taken)
+                   for clock in ("elapsed", "cpu")} for name, taken in times.items()}
 
 
 def run_phase(store, workload, phase, folder):
