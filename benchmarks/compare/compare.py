@@ -8,8 +8,8 @@ import sys
 import tempfile
 
 import csv_files
-from harness import Failure, cell, count_files, markdown_table, median_of, median_ratio, run_json
-from harness import take_turns
+from harness import CLOCKS, Failure, Summary, cell, check_file_creation, count_files, environment
+from harness import markdown_table, run_json, take_turns
 
 HERE = pathlib.Path(__file__).resolve().parent
 TITLES = {
@@ -24,7 +24,6 @@ TITLES = {
     "W5": "W1 with 20 distinct signals",
     "W6": "recorded CSV files into a recording, and back to CSV",
 }
-W3_COLUMNS = 6
 
 
 def parse_options():
@@ -35,8 +34,10 @@ def parse_options():
     parser.add_argument("--base", default="floor", help="ratios are to this store; default floor")
     parser.add_argument("--repetitions", type=int, default=5)
     parser.add_argument("--scale", type=float, default=1, help="of the sizes: 0.01 is a quick check")
-    parser.add_argument("--clock", choices=("elapsed", "cpu"), default="elapsed",
+    parser.add_argument("--clock", choices=CLOCKS, default="elapsed",
                         help="cpu: processor time, for a machine that others use as well")
+    parser.add_argument("--best", action="store_true",
+                        help="compare the shortest times of the repetitions, not the medians")
     parser.add_argument("--output", help="write the tables to this file, too")
     parser.add_argument("--json", help="write every measurement to this file")
     parser.add_argument("--folder", help="where to store; default build/compare")
@@ -48,6 +49,7 @@ def parse_options():
                         help="only kyr, Arrow alone and the bare system calls")
     options = parser.parse_args()
     options.programs = pathlib.Path(options.programs).resolve()
+    options.summary = Summary(options.clock, options.best)
     return options
 
 
@@ -84,7 +86,7 @@ def check_names(kind, names, known):
 def measure(program, store, workload, folder, scale):
     """All phases of one repetition, each in a process of its own."""
     def phase(name):
-        return run_json(program + [store, workload, name, folder, str(scale)])
+        return run_json(program + [store, workload, name, folder, str(scale)], environment(folder))
 
     result = {"write": phase("write"), "disk": count_files(folder / "stored")}
     result["read"] = phase("read")
@@ -93,24 +95,25 @@ def measure(program, store, workload, folder, scale):
     return result
 
 
-def table_row(store, workload, results, base, clock, rows):
+def table_row(store, workload, results, base, summary):
     if isinstance(results, Failure):
         return [store, f"FAILED: {results}"]
-    row = [store, cell(median_ratio(results, base, "write", clock), ".2f"),
-           cell(median_ratio(results, base, "read", clock), ".2f")]
+    row = [store] + [cell(summary.ratio(results, base, phase), ".2f")
+                     for phase in ("write", "read")]
     if workload == "W2":
-        row += [cell(median_of(results, phase, clock), ".3f", 1e3) for phase in ("known", "opened")]
+        row += [cell(summary.time(results, phase), ".3f", 1e3) for phase in ("known", "opened")]
     if workload == "W3":
-        row.append(cell(median_of(results, "write", clock), ".1f", 1e9 / (W3_COLUMNS * rows)))
-    row += [cell(median_of(results, "disk", "size"), ".1f", 1e-6),
-            cell(median_of(results, "disk", "allocated"), ".1f", 1e-6),
-            cell(median_of(results, "disk", "files"), ".0f")]
-    return row + [cell(median_of(results, phase, "memory"), ".0f", 1e-6)
+        row.append(cell(summary.time(results, "write"), ".1f",
+                        1e9 / summary.median(results, "write", "values")))
+    row += [cell(summary.median(results, "disk", "size"), ".1f", 1e-6),
+            cell(summary.median(results, "disk", "allocated"), ".1f", 1e-6),
+            cell(summary.median(results, "disk", "files"), ".0f")]
+    return row + [cell(summary.median(results, phase, "memory"), ".0f", 1e-6)
                   for phase in ("write", "read")]
 
 
 def workload_table(workload, results, options):
-    clock = options.clock
+    summary = options.summary
     base = results.get(options.base)
     base = [] if base is None or isinstance(base, Failure) else base
     header = ["store", "write", "read"]
@@ -121,24 +124,21 @@ def workload_table(workload, results, options):
     header += ["MB", "MB on disk", "files", "peak MB writing", "peak MB reading"]
     lines = [f"## {workload}: {TITLES[workload]}", ""]
     if base:
-        lines += [f"Times in units of {options.base}: "
-                  f"write {median_of(base, 'write', clock):.4f} s, "
-                  f"read {median_of(base, 'read', clock):.4f} s ({clock}).", ""]
-    signal_rows = max(100, round(1_000_000 * options.scale))
-    lines += markdown_table(header, [table_row(store, workload, outcome, base, clock, signal_rows)
+        lines += [f"Times in units of {options.base}: write {summary.time(base, 'write'):.4f} s, "
+                  f"read {summary.time(base, 'read'):.4f} s; {summary}.", ""]
+    lines += markdown_table(header, [table_row(store, workload, outcome, base, summary)
                                      for store, outcome in results.items()])
-    lines += own_cost(results, clock)
+    lines += own_cost(results, summary)
     return "\n".join(lines) + "\n"
 
 
-def own_cost(results, clock):
+def own_cost(results, summary):
     """What kyr's default pool costs beyond a program that writes the same tables by itself."""
     ours, bare = results.get("kyr:default"), results.get("bare:dedup")
     if not isinstance(ours, list) or not isinstance(bare, list):
         return []
-    ratios = {phase: median_ratio(ours, bare, phase, clock) for phase in ("write", "read")}
-    return ["", f"kyr:default in units of bare:dedup: write {ratios['write']:.2f}, "
-            f"read {ratios['read']:.2f}."]
+    write, read = (summary.ratio(ours, bare, phase) for phase in ("write", "read"))
+    return ["", f"kyr:default in units of bare:dedup: write {write:.2f}, read {read:.2f}."]
 
 
 def main():
@@ -155,6 +155,7 @@ def main():
     everything, tables = {}, []
     try:
         for workload in workloads:
+            check_file_creation(root / workload, notices)
             if workload == "W6":
                 text, results = csv_files.compare(TITLES[workload], root, options, notices)
             else:

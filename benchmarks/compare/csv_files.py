@@ -9,8 +9,7 @@ import subprocess
 import sys
 import time
 
-from harness import Failure, cell, count_files, markdown_table, median_of, median_ratio
-from harness import take_turns
+from harness import Failure, cell, count_files, environment, markdown_table, take_turns
 
 TOTAL_BYTES = 100_000_000
 SMALLEST = 1_000_000  # of a file that is worth repeating
@@ -81,11 +80,11 @@ def make_sources(data, root, scale):
     return sources
 
 
-def measured(command, output):
+def measured(command, output, env):
     """Runs a program: its times, unless it tells them itself, and its peak memory."""
     start = time.perf_counter()
     with open(output, "wb") as target:
-        process = subprocess.Popen(command, stdout=target, stderr=subprocess.PIPE)
+        process = subprocess.Popen(command, stdout=target, stderr=subprocess.PIPE, env=env)
         errors = process.stderr.read()
         _, status, usage = os.wait4(process.pid, 0)
     elapsed = time.perf_counter() - start
@@ -131,16 +130,18 @@ def commands(store, source, folder, target, kyr):
 
 def measure(store, folder, sources, kyr):
     (folder / "stored").mkdir()
+    env = environment(folder)
     result = {phase: {"elapsed": 0, "cpu": 0, "memory": 0} for phase in ("write", "read")}
     for source in sources:
         target = folder / f"{source.stem}.back.csv"
         for phase, (command, output) in zip(result, commands(store, source, folder, target, kyr)):
-            times = measured(command, output)
+            times = measured(command, output, env)
             for clock in ("elapsed", "cpu"):
                 result[phase][clock] += times[clock]
             result[phase]["memory"] = max(result[phase]["memory"], times["memory"])
         # In another process, for the same reason.
-        measured([sys.executable, "-B", __file__, "", "compare", source, target], folder / "log")
+        measured([sys.executable, "-B", __file__, "", "compare", source, target], folder / "log",
+                 env)
     result["disk"] = count_files(folder / "stored")
     return result
 
@@ -169,25 +170,25 @@ def compare(title, root, options, notices):
         store, folder, sources, options.programs / "tools/kyr"))
     size = sum(source.stat().st_size for source in sources)
     base = results["floor"]
-    clock = options.clock
+    summary = options.summary
     rows = []
     for store, outcome in results.items():
         if isinstance(outcome, Failure):
             rows.append([store, f"FAILED: {outcome}"])
             continue
-        rows.append([store] + [cell(median_ratio(outcome, base, phase, clock), ".1f")
+        rows.append([store] + [cell(summary.ratio(outcome, base, phase), ".1f")
                                for phase in ("write", "read")]
-                    + [cell(size / median_of(outcome, phase, clock), ".0f", 1e-6)
+                    + [cell(size / summary.time(outcome, phase), ".0f", 1e-6)
                        for phase in ("write", "read")]
-                    + [cell(median_of(outcome, "disk", "size"), ".1f", 1e-6),
-                       cell(median_of(outcome, "disk", "files"), ".0f")]
-                    + [cell(median_of(outcome, phase, "memory"), ".0f", 1e-6)
+                    + [cell(summary.median(outcome, "disk", "size"), ".1f", 1e-6),
+                       cell(summary.median(outcome, "disk", "files"), ".0f")]
+                    + [cell(summary.median(outcome, phase, "memory"), ".0f", 1e-6)
                        for phase in ("write", "read")])
     header = ["program", "import", "export", "import [MB CSV/s]", "export [MB CSV/s]", "MB", "files",
               "peak MB importing", "peak MB exporting"]
     names = ", ".join(source.stem for source in sources)
     lines = [f"## W6: {title}", "", f"{size * 1e-6:.0f} MB of CSV: {names}. Times in units of cp, "
-             f"{clock}: whole processes, but the Python ones without their start.", ""]
+             f"{summary}, of whole processes, but of the Python ones without their start.", ""]
     return "\n".join(lines + markdown_table(header, rows)) + "\n", results
 
 
