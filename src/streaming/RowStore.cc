@@ -191,13 +191,14 @@ void RowShapes::append(const SampleSchema& schema, const SampleChunk& chunk) {
 
 RowSlice sliceOf(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width,
                  RowShapes& shapes) {
-  shapes = RowShapes();
-  shapes.append(schema, chunk);
   RowSlice slice;
   slice.rows = chunk.rows;
   slice.elements = chunk.data;
   slice.bytes = chunk.elements * (schema.kind == ColumnKind::blob ? 1 : width);
-  if (schema.kind != ColumnKind::flat) slice.ends = shapes.rowEnds.data();
+  if (schema.kind == ColumnKind::flat) return slice;
+  shapes = RowShapes();
+  shapes.append(schema, chunk);
+  slice.ends = shapes.rowEnds.data();
   if (schema.dimensionIndex >= 0) {
     slice.extents = shapes.extents.data();
     slice.extentEnds = shapes.extentEnds.data();
@@ -219,7 +220,7 @@ std::shared_ptr<::arrow::Table> tableOf(const SampleSchema& schema, const RowSli
 }
 
 void RowStore::append(const SampleChunk& chunk) {
-  appendBytes(elements_, chunk.data, chunk.elements * width_);
+  elements_.append(chunk.data, chunk.elements * width_);
   shapes_.append(schema_, chunk);
   rows_ += chunk.rows;
 }
@@ -228,7 +229,7 @@ void RowStore::dropFront(std::size_t rows, std::size_t batches) {
   if (rows == 0) return;
   const std::size_t elements =
       schema_.kind == ColumnKind::flat ? rows : dropEnds(shapes_.rowEnds, rows, batches);
-  dropValues(elements_, elements * width_, batches);
+  elements_.dropFront(elements * width_, batches == 0 ? 0 : elements * width_ / batches);
   if (schema_.dimensionIndex >= 0) {
     dropValues(shapes_.extents, dropEnds(shapes_.extentEnds, rows, batches), batches);
   }
@@ -268,7 +269,7 @@ void RowStore::append(const RowSlice& rows) {
     const std::uint64_t base = ends.empty() ? 0 : ends.back();
     for (std::size_t i = 0; i < rows.rows; ++i) ends.push_back(base + from[i] - begin);
   };
-  appendBytes(elements_, rows.elements, rows.bytes);
+  elements_.append(rows.elements, rows.bytes);
   if (rows.ends) appendEnds(shapes_.rowEnds, rows.ends, rows.begin);
   if (rows.extentEnds) {
     appendEnds(shapes_.extentEnds, rows.extentEnds, rows.extentBegin);
@@ -283,7 +284,7 @@ void RowStore::append(const ::arrow::Table& table) {
   std::optional<std::vector<int>> sizes;
   SignalFormatter().reconstruct(table.Slice(0), bytes, dimensions, sizes);
   const auto rows = static_cast<std::size_t>(table.num_rows());
-  appendBytes(elements_, bytes.data(), bytes.size());
+  elements_.append(bytes.data(), bytes.size());
   if (sizes) {
     std::uint64_t end = shapes_.rowEnds.empty() ? 0 : shapes_.rowEnds.back();
     for (const int size : *sizes)
@@ -301,7 +302,7 @@ void RowStore::append(const ::arrow::Table& table) {
 void RowStore::truncate(std::size_t rows) {
   const std::size_t elements =
       schema_.kind == ColumnKind::flat ? rows : (rows == 0 ? 0 : shapes_.rowEnds[rows - 1]);
-  elements_.resize(elements * width_);
+  elements_.truncate(elements * width_);
   if (schema_.kind != ColumnKind::flat) shapes_.rowEnds.resize(rows);
   if (schema_.dimensionIndex >= 0) {
     shapes_.extentEnds.resize(rows);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "schema/SampleLayout.h"
+#include "streaming/ByteBuffer.h"
 
 namespace kyr::parquet {
 
@@ -98,6 +99,9 @@ class RowStore {
   /// \param table  of the same schema
   void append(const ::arrow::Table& table);
 
+  /// Bytes of the elements alone.
+  std::size_t elementBytes() const { return elements_.size(); }
+
   RowSlice slice(std::size_t from, std::size_t count) const;
   RowSlice slice(std::size_t from = 0) const { return slice(from, rows_ - from); }
 
@@ -115,7 +119,7 @@ class RowStore {
   SampleSchema schema_;
   std::size_t width_ = 1;  // bytes of an element; 1 for blobs, whose elements are their bytes
   std::size_t rows_ = 0;
-  std::vector<char> elements_;
+  ByteBuffer elements_;
   RowShapes shapes_;
 };
 

@@ -41,25 +41,37 @@ const SampleSchema& SafeStreamableSignal::dataSchema() {
                                                     /*includeTime=*/false, columnNames::data));
     schemaType_ = label_->dataType;
     schemaCategory_ = label_->category;
+    width_ = elementWidth(schemaType_);
   }
   return schema_;
 }
 
 void SafeStreamableSignal::appendTime(const double* time, unsigned long count) {
   if (time == nullptr) throw std::invalid_argument("Time is empty");
-  SampleChunk chunk;
-  chunk.data = reinterpret_cast<const char*>(time);
-  chunk.elements = chunk.rows = count;
-  time_.append(timeSchema(), chunk, sizeof(double));
+  RowSlice rows;
+  rows.rows = count;
+  rows.elements = reinterpret_cast<const char*>(time);
+  rows.bytes = count * sizeof(double);
+  time_.append(timeSchema(), rows, sizeof(double));
 }
 
 void SafeStreamableSignal::appendData(const void* data, unsigned long size,
                                       const std::vector<std::vector<unsigned long>>& dimensions,
                                       const std::vector<int>& extra) {
   if (data == nullptr) throw std::invalid_argument("Data is empty");
-  const std::size_t width = elementWidth(label_->dataType);
   const SampleSchema& schema = dataSchema();
-  data_.append(schema, measureExactly(schema, data, size, width, dimensions, extra), width);
+  if (schema.kind == ColumnKind::flat && dimensions.empty()) {
+    // Runs once per sample where samples come one by one. A width is a power of two.
+    RowSlice rows;
+    rows.rows = size >> static_cast<unsigned>(__builtin_ctzll(width_));
+    rows.elements = static_cast<const char*>(data);
+    rows.bytes = rows.rows * width_;
+    if (rows.bytes == size) {
+      data_.append(schema, rows, width_);
+      return;
+    }
+  }
+  data_.append(schema, measureExactly(schema, data, size, width_, dimensions, extra), width_);
 }
 
 void SafeStreamableSignal::finish(SignalPart part) {

@@ -59,6 +59,7 @@ class SafeStreamableSignal final : public StreamableSignal {
 
   // The data schema made last, and for what.
   SampleSchema schema_;
+  std::size_t width_ = sizeof(double);
   KYRSignalDataType schemaType_ = Double;
   KYRSignalCategory schemaCategory_ = Scalar;
 };

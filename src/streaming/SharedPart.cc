@@ -67,10 +67,13 @@ void SharedPart::openStream() {
 }
 
 void SharedPart::append(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width) {
-  if (chunk.rows == 0) return;
+  append(schema, sliceOf(schema, chunk, width, shapes_), width);
+}
+
+void SharedPart::append(const SampleSchema& schema, const RowSlice& rows, std::size_t width) {
+  if (rows.rows == 0) return;
   openStream();
-  requireSameSchema(schema);
-  const RowSlice rows = sliceOf(schema, chunk, width, shapes_);
+  if (stream_ && checkedSchema_ != schema.schema) requireSameSchema(schema);
   if (stream_) {
     appendRows(rows);
   } else if (!beginAsAnother(schema, rows)) {
@@ -103,7 +106,6 @@ void SharedPart::store(const SampleSchema& schema, const SampleChunk& chunk, std
 }
 
 void SharedPart::requireSameSchema(const SampleSchema& schema) {
-  if (!stream_ || checkedSchema_ == schema.schema) return;
   if (!stream_->schema().schema->Equals(*schema.schema)) {
     throw std::invalid_argument(
         fmt::format("the signal's data type or category changed while samples were being "

@@ -33,6 +33,7 @@ class SharedPart {
   SharedPart& operator=(SharedPart&& other) noexcept;
 
   void append(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width);
+  void append(const SampleSchema& schema, const RowSlice& rows, std::size_t width);
 
   /// Appends all rows of the part, which has none yet, and finishes it. Those that are not stored
   /// yet go to disk from where they lie.

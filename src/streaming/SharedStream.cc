@@ -53,6 +53,9 @@ std::shared_ptr<::arrow::Schema> withNulls(const ::arrow::Schema& schema) {
   return ::arrow::schema(std::move(fields));
 }
 
+// Parquet divides longer row groups.
+constexpr std::size_t kMaxRows = 1048576;
+
 std::size_t elementBytes(const SampleSchema& schema) {
   const auto* fixed = dynamic_cast<const ::arrow::FixedWidthType*>(schema.elementType.get());
   return fixed != nullptr ? static_cast<std::size_t>(fixed->bit_width()) / 8 : 1;
@@ -140,8 +143,6 @@ void SharedStream::takeOut() noexcept {
 }
 
 std::size_t SharedStream::batchLength(const RowSlice& rows, std::size_t batchRows) const {
-  // Parquet divides longer row groups.
-  constexpr std::size_t kMaxRows = 1048576;
   if (batchRows > 0) return std::min(batchRows, kMaxRows);
   const SafeStorage& options = store_->options();
   const std::size_t perRow = std::max<std::size_t>(1, bytesIn(rows) / rows.rows);
@@ -149,11 +150,19 @@ std::size_t SharedStream::batchLength(const RowSlice& rows, std::size_t batchRow
   return std::min({options.batchRows, byBytes, kMaxRows});
 }
 
+// Rules out without dividing, at each append, what batchLength() tells exactly.
+bool SharedStream::mayHaveBatch(std::size_t batchRows) const {
+  const SafeStorage& options = store_->options();
+  if (unwritten() >= std::min(batchRows > 0 ? batchRows : options.batchRows, kMaxRows)) return true;
+  return batchRows == 0 &&
+         (schema().kind != ColumnKind::flat || memory_->elementBytes() >= options.batchBytes);
+}
+
 // What is written stays in memory until something follows.
 void SharedStream::extend(const RowSlice& rows, std::size_t batchRows) {
   if (memory_->rows() > 0) {
-    if (unwritten() >= batchLength(memory_->slice(), batchRows)) writeFullBatches(batchRows);
-    dropFront(static_cast<std::size_t>(diskRows_ - memoryStart_), 1);
+    if (mayHaveBatch(batchRows)) writeFullBatches(batchRows);
+    if (diskRows_ > memoryStart_) dropFront(static_cast<std::size_t>(diskRows_ - memoryStart_), 1);
   }
   memory_->append(rows);
 }

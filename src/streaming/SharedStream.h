@@ -139,6 +139,7 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   void takeOut() noexcept;
   // Rows of a batch of what is not on disk.
   std::size_t batchLength(const RowSlice& rows, std::size_t batchRows) const;
+  bool mayHaveBatch(std::size_t batchRows) const;
   void writeFullBatches(std::size_t batchRows);
   void writeAll();
   // Writes the first rows that are not on disk.
