@@ -7,11 +7,11 @@
 #include <parquet/arrow/writer.h>
 
 #include <stdexcept>
+#include <system_error>
 #include <typeinfo>
 #include <unordered_map>
 
 #include "kyr/parquet/ColumnNames.h"
-#include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/parquet/PerfTracer.h"
 #include "kyr/platform/FileSystem.h"
 #include "schema/SampleLayout.h"
@@ -19,6 +19,9 @@
 #include "storage/ChunkIndex.h"
 #include "storage/ContentHash.h"
 #include "storage/ElementInstances.h"
+#include "storage/FlatFileReader.h"
+#include "storage/FlatFileWriter.h"
+#include "storage/FlatFormat.h"
 #include "storage/TypedColumns.h"
 
 namespace kyr::parquet {
@@ -45,15 +48,10 @@ class ParquetSerializerWorker::Impl {
     // file that holds bytes the write fails, in silence, and the bytes stay. Pinned by
     // SerializerWorker.WriteUnderAnIdWhoseFileExistsIsLostInSilence.
     const auto stream = ::arrow::io::FileOutputStream::Open(path, /*append=*/true).ValueOrDie();
-    const auto properties =
-        compression ? options.buildWriterProperties(*compression) : options.buildWriterProperties();
-    ::arrow::Status status = checkBatchSize(*properties);
+    const FlatFormats::Entry& format = formats.of(table.schema(), compression);
+    ::arrow::Status status = checkBatchSize(*format.properties);
     startPerfTracer("WriteTableToFile");
-    if (status.ok()) {
-      status = ::parquet::arrow::WriteTable(table, ::arrow::default_memory_pool(), stream,
-                                            table.num_rows(), properties,
-                                            ::parquet::default_arrow_writer_properties());
-    }
+    if (status.ok()) status = writeTable(table, format, stream);
     stopPerfTracer("WriteTableToFile");
     // A failure is only noted, for whoever asks; the write itself never reports one.
     status &= stream->Close();
@@ -66,12 +64,45 @@ class ParquetSerializerWorker::Impl {
     lastWriteStatus = std::move(status);
   }
 
+  static ::arrow::Status writeTable(const ::arrow::Table& table, const FlatFormats::Entry& format,
+                                    const std::shared_ptr<::arrow::io::FileOutputStream>& stream) {
+    ARROW_ASSIGN_OR_RAISE(const std::int64_t position, stream->Tell());
+    if (format.format && position == 0) {
+      FlatFileWriter writer(format.format, stream);
+      ARROW_RETURN_NOT_OK(writer.write(table, table.num_rows()));
+      return writer.close();
+    }
+    return ::parquet::arrow::WriteTable(table, ::arrow::default_memory_pool(), stream,
+                                        table.num_rows(), format.properties,
+                                        ::parquet::default_arrow_writer_properties());
+  }
+
   ::arrow::Status readFile(const std::string& path, std::shared_ptr<::arrow::Table>& table) const {
     ::arrow::MemoryPool* pool = ::arrow::default_memory_pool();
     const auto file = ::arrow::io::ReadableFile::Open(path, pool).ValueOrDie();
+    ::parquet::arrow::FileReaderBuilder builder;
+    ARROW_RETURN_NOT_OK(builder.Open(file));
+    // Reading ahead pays off for remote files; for local ones it only costs, per file.
+    ::parquet::ArrowReaderProperties properties;
+    properties.set_pre_buffer(false);
     std::unique_ptr<::parquet::arrow::FileReader> reader;
-    ARROW_RETURN_NOT_OK(::parquet::arrow::OpenFile(file, pool, &reader));
+    ARROW_RETURN_NOT_OK(builder.memory_pool(pool)->properties(properties)->Build(&reader));
     return reader->ReadTable(&table);
+  }
+
+  // Replaces \p values by those of a file with nothing but a flat column of \p type. Returns whether
+  // it is such a file; all others, and all errors, are for readStored().
+  template <typename T>
+  bool readFlat(int id, const ::arrow::DataType& type, std::vector<T>& values) const {
+    try {
+      const DiskFile file(filePath(id).toFilesystem(), DiskFile::Mode::readOnly);
+      const auto metadata = readMetadata(file);
+      const auto column =
+          metadata ? FlatColumn::make(*metadata, file.size(), columnNames::data, &type) : nullptr;
+      return column && readRows(*column, file, 0, column->rows(), values);
+    } catch (const std::system_error&) {
+      return false;
+    }
   }
 
   std::string existingFile(int id) const {
@@ -118,7 +149,7 @@ class ParquetSerializerWorker::Impl {
 
   Path directory;
   ChunkIndex index;
-  ParquetWriterOptions options;
+  FlatFormats formats;
   ::arrow::Status lastWriteStatus;
   std::unordered_map<int, ::arrow::Status> failedWrites;
 };
@@ -328,8 +359,10 @@ template <typename T>
 void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<T>& values,
                                               std::vector<int>& offsets,
                                               Dimensions& dimensions) const {
+  const auto type = typedColumns::arrowTypeOf<T>();
+  if (impl_->readFlat(id, *type, values)) return offsets.clear();
   const StoredTable stored = impl_->readStored(id, /*withTime=*/false);
-  stored.readValues(typedColumns::arrowTypeOf<T>(), values, offsets);
+  stored.readValues(type, values, offsets);
   stored.readDimensions(dimensions);
 }
 
@@ -346,8 +379,10 @@ void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<double>
 template <typename T>
 void ParquetSerializerWorker::readBytes(const int& id, std::vector<char>& bytes,
                                         std::vector<int>& offsets, Dimensions& dimensions) const {
+  const auto type = typedColumns::arrowTypeOf<T>();
+  if (impl_->readFlat(id, *type, bytes)) return offsets.clear();
   const StoredTable stored = impl_->readStored(id, /*withTime=*/false);
-  stored.readValues(typedColumns::arrowTypeOf<T>(), bytes, offsets);
+  stored.readValues(type, bytes, offsets);
   stored.readDimensions(dimensions);
 }
 

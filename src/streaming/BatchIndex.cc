@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "streaming/CompactProtocol.h"
+#include "storage/CompactProtocol.h"
 
 namespace kyr::parquet {
 

@@ -297,7 +297,16 @@ std::shared_ptr<::arrow::Table> StreamableSignalImpl::readRows(Part& part, unsig
   return rows;
 }
 
+bool StreamableSignalImpl::readElements(Part& part, unsigned long from, unsigned long to,
+                                        std::vector<char>& out) {
+  if (storageId(part) == kNoStorage) return false;
+  if (!record->worker->readElements(storageId(part), from, to, out)) return false;
+  part.buffer.reset();  // as readRows()
+  return true;
+}
+
 void StreamableSignalImpl::getTime(unsigned long from, unsigned long to, std::vector<char>& out) {
+  if (readElements(part(SignalPart::time), from, to, out)) return;
   std::optional<std::vector<std::vector<std::uint64_t>>> dimensions;
   std::optional<std::vector<int>> sizes;
   const auto rows = readRows(part(SignalPart::time), from, to);
@@ -314,6 +323,7 @@ void StreamableSignalImpl::getData(unsigned long from, unsigned long to, std::ve
 void StreamableSignalImpl::getData(unsigned long from, unsigned long to, std::vector<char>& out,
                                    std::vector<std::vector<unsigned long>>& dimensions,
                                    std::vector<int>& sizes) {
+  if (readElements(part(SignalPart::data), from, to, out)) return sizes.clear();
   std::optional<std::vector<std::vector<std::uint64_t>>> readDimensions;
   std::optional<std::vector<int>> readSizes;
   const auto rows = readRows(part(SignalPart::data), from, to);

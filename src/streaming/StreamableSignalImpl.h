@@ -107,6 +107,8 @@ class StreamableSignalImpl final : public StreamableSignal {
   bool hasFile(const Part& part) const;
   void removeFile(Part& part) noexcept;
   std::shared_ptr<::arrow::Table> readRows(Part& part, unsigned long from, unsigned long to);
+  // Rows of a flat column, where they can be read without a table; see StreamableWriter.
+  bool readElements(Part& part, unsigned long from, unsigned long to, std::vector<char>& out);
 
   std::shared_ptr<ParquetStorageRecord<StreamableWriter>> record;
   std::array<Part, 2> parts;

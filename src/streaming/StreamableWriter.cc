@@ -9,17 +9,24 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <limits>
 #include <shared_mutex>
 #include <stdexcept>
+#include <system_error>
 #include <unordered_map>
 #include <utility>
 #include <variant>
 
+#include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/FileSelector.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/platform/FileSystem.h"
+#include "platform/DiskFile.h"
 #include "storage/BatchSize.h"
+#include "storage/FlatFileReader.h"
+#include "storage/FlatFileWriter.h"
+#include "storage/FlatFormat.h"
 #include "streaming/RowGroups.h"
 
 namespace kyr::parquet {
@@ -29,8 +36,53 @@ namespace {
 constexpr int kNoId = std::numeric_limits<int>::min();
 constexpr std::int64_t kMaxRowGroupRows = 100000000;
 
-using WriterHandle = std::unique_ptr<::parquet::arrow::FileWriter>;
-using ReaderHandle = std::unique_ptr<::parquet::arrow::FileReader>;
+// Arrow's writer, or ours where it can write the file.
+class TableWriter {
+ public:
+  static ::arrow::Result<std::unique_ptr<TableWriter>> open(
+      const FlatFormats::Entry& format,
+      const std::shared_ptr<::arrow::io::FileOutputStream>& stream) {
+    auto writer = std::make_unique<TableWriter>();
+    if (format.format) {
+      writer->flat_ = std::make_unique<FlatFileWriter>(format.format, stream);
+      ARROW_RETURN_NOT_OK(writer->flat_->flush());
+    } else {
+      ARROW_ASSIGN_OR_RAISE(writer->arrow_,
+                            ::parquet::arrow::FileWriter::Open(
+                                *format.schema, ::arrow::default_memory_pool(), stream,
+                                format.properties, ::parquet::default_arrow_writer_properties()));
+    }
+    return writer;
+  }
+
+  const ::arrow::Schema& schema() const { return flat_ ? flat_->schema() : *arrow_->schema(); }
+
+  ::arrow::Status write(const ::arrow::Table& table) {
+    if (!flat_) return arrow_->WriteTable(table, kMaxRowGroupRows);
+    ARROW_RETURN_NOT_OK(flat_->write(table, kMaxRowGroupRows));
+    return flat_->flush();
+  }
+
+  // Arrow's writer is closed by a write that fails, if the footer can still be written then.
+  bool isClosed() const { return arrow_ && arrow_->metadata(); }
+  ::arrow::Status close() { return flat_ ? flat_->close() : arrow_->Close(); }
+
+ private:
+  std::unique_ptr<FlatFileWriter> flat_;
+  std::unique_ptr<::parquet::arrow::FileWriter> arrow_;
+};
+
+// A file that is read: its column, where it has but one that can be read without Arrow, or else
+// Arrow's reader. That is also made for those who want tables.
+struct TableReader {
+  std::unique_ptr<DiskFile> file;
+  std::unique_ptr<FlatColumn> column;
+  std::unique_ptr<::parquet::arrow::FileReader> tables;
+  bool isOpen = false;  // holds descriptors
+};
+
+using WriterHandle = std::unique_ptr<TableWriter>;
+using ReaderHandle = std::unique_ptr<TableReader>;
 
 struct FileEntry {
   explicit FileEntry(Path file) : path(std::move(file)) {}
@@ -70,27 +122,72 @@ void quietly(Operation&& operation) noexcept {
   }
 }
 
-void openForReading(FileEntry& entry) {
-  if (entry.handle) {
-    if (std::holds_alternative<ReaderHandle>(*entry.handle)) return;
-    if (!std::get<WriterHandle>(*entry.handle)->metadata()) {
-      throw std::runtime_error("File is still open for writing.");
-    }
-  }
-  auto file = ::arrow::io::ReadableFile::Open(entry.path.toNarrow());
-  throwIfFailed(file.status(), entry.path);
+void openTables(const Path& path, TableReader& reader) {
+  if (reader.tables) return;
+  auto file = ::arrow::io::ReadableFile::Open(path.toNarrow());
+  throwIfFailed(file.status(), path);
   ::parquet::arrow::FileReaderBuilder builder;
-  throwIfFailed(builder.Open(*file), entry.path);
+  throwIfFailed(builder.Open(*file), path);
   // Reading ahead pays off for remote files; for local ones it only costs, per file.
   ::parquet::ArrowReaderProperties properties;
   properties.set_pre_buffer(false);
-  ReaderHandle reader;
-  throwIfFailed(
-      builder.memory_pool(::arrow::default_memory_pool())->properties(properties)->Build(&reader),
-      entry.path);
-  entry.metadata = reader->parquet_reader()->metadata();
+  throwIfFailed(builder.memory_pool(::arrow::default_memory_pool())
+                    ->properties(properties)
+                    ->Build(&reader.tables),
+                path);
+}
+
+// Whether the file can be read without Arrow. It is Arrow that tells what is wrong with others.
+bool openColumn(FileEntry& entry, TableReader& reader) {
+  try {
+    auto file = std::make_unique<DiskFile>(entry.path.toFilesystem(), DiskFile::Mode::readOnly);
+    auto metadata = readMetadata(*file);
+    if (!metadata) return false;
+    reader.column = FlatColumn::make(*metadata, file->size(), columnNames::data, nullptr);
+    if (!reader.column) return false;
+    reader.file = std::move(file);
+    entry.metadata = std::move(metadata);
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
+}
+
+void openForReading(FileEntry& entry) {
+  if (entry.handle) {
+    if (std::holds_alternative<ReaderHandle>(*entry.handle)) return;
+    if (!std::get<WriterHandle>(*entry.handle)->isClosed()) {
+      throw std::runtime_error("File is still open for writing.");
+    }
+  }
+  auto reader = std::make_unique<TableReader>();
+  if (!openColumn(entry, *reader)) {
+    openTables(entry.path, *reader);
+    entry.metadata = reader->tables->parquet_reader()->metadata();
+  }
   entry.rowIndex.reset();
   entry.handle = std::move(reader);
+}
+
+}  // namespace
+
+namespace {
+
+// The first of the rows that readRows() gives, and their number; none where it has to tell an error.
+std::optional<std::pair<std::uint64_t, std::uint64_t>> locateRows(const RowIndex& index,
+                                                                  const FlatColumn& column,
+                                                                  std::uint64_t from,
+                                                                  std::uint64_t to) {
+  const std::uint64_t end = std::min(index.rows(), to);
+  if (end < from || index.rowGroups() == 0) return std::pair<std::uint64_t, std::uint64_t>(0, 0);
+  if (from == 0 && to == std::numeric_limits<std::uint64_t>::max()) return std::pair(from, end);
+  const RowPosition first = locateRow(index, from);
+  const RowPosition last = locateRow(index, to);
+  const std::uint64_t start =
+      column.rowStart(static_cast<std::size_t>(first.rowGroup)) + first.offset;
+  const std::uint64_t limit = column.rowStart(static_cast<std::size_t>(last.rowGroup) + 1);
+  if (start > limit) return std::nullopt;
+  return std::pair(start, std::min(end - from, limit - start));
 }
 
 }  // namespace
@@ -135,13 +232,11 @@ class StreamableWriter::Impl {
   int createFile(int id, const std::string& name, const ::arrow::Schema& schema,
                  const Compression& compression) {
     auto entry = std::make_unique<FileEntry>(directory.join(name));
-    const auto properties = compression ? writerOptions.buildWriterProperties(*compression)
-                                        : writerOptions.buildWriterProperties();
-    auto stream = ::arrow::io::FileOutputStream::Open(entry->path.toNarrow(), /*append=*/false);
+    const auto stream =
+        ::arrow::io::FileOutputStream::Open(entry->path.toNarrow(), /*append=*/false);
     throwIfFailed(stream.status(), entry->path);
-    auto writer = ::parquet::arrow::FileWriter::Open(schema, ::arrow::default_memory_pool(),
-                                                     *stream, properties,
-                                                     ::parquet::default_arrow_writer_properties());
+    auto writer =
+        TableWriter::open(formats.of(schema.WithMetadata(schema.metadata()), compression), *stream);
     throwIfFailed(writer.status(), entry->path);
     entry->handle = *std::move(writer);
     files.emplace(id, std::move(entry));
@@ -150,10 +245,34 @@ class StreamableWriter::Impl {
 
   std::shared_ptr<::arrow::Table> readRange(int id, unsigned long from, unsigned long to,
                                             KeptRowGroups* kept) {
+    FileEntry& entry = openToRead(id);
+    TableReader& reader = *std::get<ReaderHandle>(*entry.handle);
+    withEntry(id, [&](const FileEntry& file) { openTables(file.path, reader); });
+    return readRows(*reader.tables, *entry.rowIndex, from, to, kept);
+  }
+
+  FileEntry& openToRead(int id) {
     withEntry(id, openForReading);
     FileEntry& entry = *slot(id);
     if (!entry.rowIndex) entry.rowIndex.emplace(*entry.metadata);
-    return readRows(*std::get<ReaderHandle>(*entry.handle), *entry.rowIndex, from, to, kept);
+    TableReader& reader = *std::get<ReaderHandle>(*entry.handle);
+    if (!std::exchange(reader.isOpen, true)) spareDescriptors(id);
+    return entry;
+  }
+
+  // Of the files that are read only some stay open: those that were opened last.
+  void spareDescriptors(int id) {
+    constexpr std::size_t kOpen = 256;
+    opened.push_back(id);
+    if (opened.size() <= kOpen) return;
+    const auto first = files.find(opened.front());
+    opened.pop_front();
+    if (first == files.end() || !first->second || !first->second->handle) return;
+    const auto* handle = std::get_if<ReaderHandle>(&*first->second->handle);
+    if (!handle) return;
+    if ((*handle)->file) (*handle)->file->suspend();
+    (*handle)->tables.reset();
+    (*handle)->isOpen = false;
   }
 
   int largestId() const {
@@ -195,10 +314,11 @@ class StreamableWriter::Impl {
   }
 
   Path directory;
+  std::deque<int> opened;  // ids, in the order in which their files were opened to read
   std::atomic<int> lastId{-1};
   std::unordered_map<int, EntryPtr> files;
-  ParquetWriterOptions writerOptions;
-  ::arrow::Status batchSizeCheck = checkBatchSize(*writerOptions.buildWriterProperties());
+  FlatFormats formats;
+  ::arrow::Status batchSizeCheck = checkBatchSize(*ParquetWriterOptions().buildWriterProperties());
   bool preserve = false;
   ::arrow::Status lastWriteStatus;
   std::unordered_map<int, ::arrow::Status> failures;
@@ -250,13 +370,13 @@ void StreamableWriter::write(int id, const ::arrow::Table& table) {
     if (!writer) {
       throw std::runtime_error("Only parquet file writer is accepted in write().");
     }
-    if (!(*writer)->schema()->Equals(*table.schema(), /*check_metadata=*/false)) {
+    if (!(*writer)->schema().Equals(*table.schema(), /*check_metadata=*/false)) {
       throw std::runtime_error("Parquet schema mismatch.");
     }
     // Only noted: hosts append from the simulation's step function and look at the end whether all
     // was written.
     ::arrow::Status status = impl_->batchSizeCheck;
-    if (status.ok()) status = (*writer)->WriteTable(table, kMaxRowGroupRows);
+    if (status.ok()) status = (*writer)->write(table);
     impl_->note(id, std::move(status));
   });
 }
@@ -265,9 +385,9 @@ void StreamableWriter::close(const int& id) {
   impl_->withEntry(id, [&](FileEntry& entry) {
     if (!entry.handle) return;
     if (auto* writer = std::get_if<WriterHandle>(&*entry.handle)) {
-      if (*writer && (*writer)->metadata()) return;
+      if (*writer && (*writer)->isClosed()) return;
       if (!*writer) throw std::runtime_error("File close error: The writer is still in using");
-      impl_->note(id, (*writer)->Close());
+      impl_->note(id, (*writer)->close());
     } else if (!std::get<ReaderHandle>(*entry.handle)) {
       throw std::runtime_error("File close error: The writer is still in using");
     }
@@ -278,6 +398,20 @@ void StreamableWriter::close(const int& id) {
 std::shared_ptr<::arrow::Table> StreamableWriter::read(int id, unsigned long from,
                                                        unsigned long to) {
   return impl_->readRange(id, from, to, nullptr);
+}
+
+bool StreamableWriter::readElements(int id, unsigned long from, unsigned long to,
+                                    std::vector<char>& out) {
+  const FileEntry& entry = impl_->openToRead(id);
+  const TableReader& reader = *std::get<ReaderHandle>(*entry.handle);
+  if (!reader.column) return false;
+  const auto rows = locateRows(*entry.rowIndex, *reader.column, from, to);
+  if (!rows) return false;
+  try {
+    return parquet::readRows(*reader.column, *reader.file, rows->first, rows->second, out);
+  } catch (const std::system_error&) {
+    return false;
+  }
 }
 
 void StreamableWriter::clone(int src, int dst, unsigned long from, unsigned long to) {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "streaming/CompactProtocol.h"
+#include "storage/CompactProtocol.h"
 
 namespace kyr::parquet {
 

@@ -127,6 +127,10 @@ class KYR_PARQUET_EXPORT StreamableWriter {
   // ranges share are read once.
   void cloneEach(int src, int dst, const std::function<std::optional<RowRange>()>& next);
 
+  // Replaces \p out by the elements of the rows that read() gives, without a table, where the file
+  // allows that. Returns whether it does; otherwise \p out is as it may be.
+  bool readElements(int id, unsigned long from, unsigned long to, std::vector<char>& out);
+
   class Impl;
   std::unique_ptr<Impl> impl_;
 };

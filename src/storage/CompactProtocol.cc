@@ -1,4 +1,4 @@
-#include "streaming/CompactProtocol.h"
+#include "storage/CompactProtocol.h"
 
 #include <fmt/format.h>
 #include <parquet/exception.h>
