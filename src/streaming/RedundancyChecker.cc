@@ -41,18 +41,19 @@ unsigned long _defaultHasher(const void* data, unsigned long size, KYRSignalData
 }
 
 unsigned long processDataAndCheck(Context<unsigned long>* context, const void* data,
-                                  unsigned long size, KYRSignalDataType type) {
+                                  unsigned long size, KYRSignalDataType type,
+                                  unsigned long expected) {
   if (!context) throw std::invalid_argument("Context is empty");
   const unsigned long hash = defaultHasher(data, size, type);
-  const auto [entry, isNew] = context->seen.try_emplace(hash, context->nextNumber);
-  if (isNew) ++context->nextNumber;
-  return entry->second;
+  const unsigned long number = context->seen.of(hash, expected);
+  context->nextNumber = context->seen.size();
+  return number;
 }
 
 unsigned long processTimeAndCheck(Context<unsigned long>* context, const double* time,
-                                  unsigned long count) {
+                                  unsigned long count, unsigned long expected) {
   if (!time) throw std::invalid_argument("Time is empty");
-  return processDataAndCheck(context, time, count * sizeof(double), Double);
+  return processDataAndCheck(context, time, count * sizeof(double), Double, expected);
 }
 
 }  // namespace kyr::parquet::RedundancyChecker

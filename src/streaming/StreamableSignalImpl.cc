@@ -25,6 +25,13 @@ using RedundancyEliminator::EliminateRedundancy;
 // It is numbered and kept in the chains; no row of any file holds it.
 constexpr double kEndMarker = -1.0;
 
+// The number of the chunk that a part appends next if it goes on repeating another.
+unsigned long expectedNumber(const RedundancyEliminator::Context& chains) {
+  if (!chains.candidates || chains.candidates->empty()) return 0;
+  const auto* next = chains.candidates->front();
+  return next ? next->contentNumber : 0;
+}
+
 const std::vector<std::vector<std::uint64_t>> kNoDimensions;
 const std::vector<int> kNoSizes;
 
@@ -101,7 +108,8 @@ const SampleSchema& StreamableSignalImpl::schemaOf(const Part& part) {
 }
 
 void StreamableSignalImpl::appendTime(const double* time, unsigned long count) {
-  const unsigned long number = RedundancyChecker::processTimeAndCheck(checker.get(), time, count);
+  const unsigned long number = RedundancyChecker::processTimeAndCheck(
+      checker.get(), time, count, expectedNumber(*part(SignalPart::time).chains));
   const SampleChunk chunk = measureChunk(timeSchema(), time, count * sizeof(double), sizeof(double),
                                          kNoDimensions, kNoSizes);
   appendChunk(part(SignalPart::time), number, chunk, sizeof(double));
@@ -119,8 +127,8 @@ void StreamableSignalImpl::appendData(const void* data, unsigned long size,
     throw std::invalid_argument(
         "the signal's data type or category changed while samples were being appended");
   }
-  const unsigned long number =
-      RedundancyChecker::processDataAndCheck(checker.get(), data, size, dataType);
+  const unsigned long number = RedundancyChecker::processDataAndCheck(
+      checker.get(), data, size, dataType, expectedNumber(*dataPart.chains));
   appendChunk(dataPart, number, chunk, width);
 }
 

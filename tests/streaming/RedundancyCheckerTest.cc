@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 
+#include <random>
 #include <stdexcept>
+#include <unordered_map>
 #include <vector>
 
 #include "kyr/parquet/RedundancyChecker.h"
@@ -59,6 +61,21 @@ TEST_F(RedundancyCheckerTest, NumbersRunInOrderOfFirstAppearance) {
   EXPECT_EQ(processDataAndCheck(&context, values, 0, Double), 3);
   EXPECT_EQ(context.nextNumber, 4);
   EXPECT_EQ(context.seen.size(), 4);
+}
+
+TEST(NumberTableTest, NumbersHashesOfAllKindsAsAMapDoes) {
+  NumberTable<unsigned long> table;
+  std::unordered_map<unsigned long, unsigned long> model;
+  std::mt19937_64 random(1);
+  for (unsigned long i = 0; i < 200'000; ++i) {
+    // Low bits that differ, high bits, all, and such as came before; 0 is a hash as any other.
+    for (const unsigned long hash :
+         {i, i << 40U, random(), random() % (i + 1), ~i, (i << 57U) ^ (i % 8 << 20U)}) {
+      const unsigned long expected = model.try_emplace(hash, model.size()).first->second;
+      ASSERT_EQ(table.of(hash, i % 3 == 0 ? expected : random() % 1000), expected) << hash;
+    }
+  }
+  EXPECT_EQ(table.size(), model.size());
 }
 
 TEST_F(RedundancyCheckerTest, HashAloneDecidesWhatIsEqual) {
