@@ -12,9 +12,8 @@ void PartBuffer::takeBatches(std::size_t batchRows,
 }
 
 void PartBuffer::takeAll(const std::function<void(const ::arrow::Table&)>& write) {
-  if (rows() == 0) return;
-  write(*rows_.table(0, rows()));
-  rows_.dropFront(rows(), 0);
+  if (rows() > 0) write(*rows_.table(0, rows()));
+  rows_ = RowStore(SampleSchema(rows_.schema()), width_);  // the memory goes, too
 }
 
 }  // namespace kyr::parquet

@@ -13,7 +13,8 @@ namespace kyr::parquet {
 class PartBuffer {
  public:
   /// \param width  bytes of an element of the data type
-  PartBuffer(SampleSchema schema, std::size_t width) : rows_(std::move(schema), width) {}
+  PartBuffer(SampleSchema schema, std::size_t width)
+      : width_(width), rows_(std::move(schema), width) {}
 
   const SampleSchema& schema() const { return rows_.schema(); }
   std::size_t rows() const { return rows_.rows(); }
@@ -25,10 +26,11 @@ class PartBuffer {
   /// many; the rest stays. When \p write throws, all rows stay.
   void takeBatches(std::size_t batchRows, const std::function<void(const ::arrow::Table&)>& write);
 
-  /// Hands the rows that are left, if any, to \p write in one table; none stay.
+  /// Hands the rows that are left, if any, to \p write in one table; none stay, and no memory.
   void takeAll(const std::function<void(const ::arrow::Table&)>& write);
 
  private:
+  std::size_t width_;
   RowStore rows_;
 };
 
