@@ -22,6 +22,7 @@
 #include "storage/FlatFileReader.h"
 #include "storage/FlatFileWriter.h"
 #include "storage/FlatFormat.h"
+#include "storage/RepeatedHash.h"
 #include "storage/TypedColumns.h"
 
 namespace kyr::parquet {
@@ -125,7 +126,10 @@ class ParquetSerializerWorker::Impl {
   template <typename T>
   int storageIdForContent(const T* values, std::size_t count, const Dimensions& dimensions,
                           bool& isDuplicate) {
-    const std::uint64_t hash = contentHash<T>(values, count, dimensions);
+    const auto compute = [&] { return contentHash<T>(values, count, dimensions); };
+    const std::uint64_t hash = dimensions.empty() ? repeatedHash.of(values, count * sizeof(T),
+                                                                    typeid(T).hash_code(), compute)
+                                                  : compute();
     const std::optional<int> known = index.checkoutContent(hash);
     isDuplicate = known.has_value();
     if (known) return *known;
@@ -149,6 +153,7 @@ class ParquetSerializerWorker::Impl {
 
   Path directory;
   ChunkIndex index;
+  RepeatedHash repeatedHash;
   FlatFormats formats;
   ::arrow::Status lastWriteStatus;
   std::unordered_map<int, ::arrow::Status> failedWrites;

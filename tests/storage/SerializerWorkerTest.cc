@@ -175,6 +175,26 @@ TEST_F(SerializerWorker, DestroyedItDeletesEveryFileItKnowsAndOnlyThose) {
 }
 
 // Whoever writes the content of a failed write again shares the failure.
+TEST_F(SerializerWorker, VectorThatIsHandedInAgainIsKnownByWhatItHolds) {
+  std::vector<double> time{1, 2, 3};
+  const auto idOf = [&](const std::vector<double>& values) {
+    bool isKnown = false;
+    return worker->getStorageIdForContent(values, {}, isKnown);
+  };
+  const std::vector<double> others{7, 8, 9};
+  const int first = idOf(time);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(idOf(time), first);
+    EXPECT_EQ(idOf(others), 1);
+  }
+  time[1] = 5;  // at the same address
+  EXPECT_EQ(idOf(time), 2);
+  EXPECT_EQ(idOf(time), 2);
+  time[1] = 2;
+  EXPECT_EQ(idOf(time), first);
+  EXPECT_EQ(idOf(std::vector<double>(time)), first);
+}
+
 TEST_F(SerializerWorker, ContentOfAFailedWriteIsSharedToo) {
   const int id = worker->writeBinaryArray<int>(schema, Ints{1}, {}, {}, Compression::LZO);
   EXPECT_EQ(writeContent({1}), id);
