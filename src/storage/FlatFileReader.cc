@@ -102,7 +102,7 @@ std::unique_ptr<FlatColumn> FlatColumn::make(const ::parquet::FileMetaData& meta
       !isFlatColumn(*field.type(), descriptor) || metadata.is_encryption_algorithm_set()) {
     return nullptr;
   }
-  std::unique_ptr<FlatColumn> result(new FlatColumn(valueWidth(*field.type()),
+  std::unique_ptr<FlatColumn> result(new FlatColumn(schema, valueWidth(*field.type()),
                                                     physicalWidth(descriptor.physical_type()),
                                                     descriptor.max_definition_level() > 0));
   for (int i = 0; i < metadata.num_row_groups(); ++i) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/DiskFile.h"
@@ -30,6 +31,8 @@ class FlatColumn {
 
   std::uint64_t rows() const { return groups_.empty() ? 0 : groups_.back().end; }
   std::size_t width() const { return width_; }
+  /// Of the file, as Arrow has it.
+  const std::shared_ptr<::arrow::Schema>& schema() const { return schema_; }
   /// First row of a row group, which may be the one behind the last.
   std::uint64_t rowStart(std::size_t group) const {
     return group == 0 ? 0 : groups_[group - 1].end;
@@ -52,8 +55,9 @@ class FlatColumn {
     std::vector<Page> pages;   // looked at so far
   };
 
-  FlatColumn(std::size_t width, std::size_t stored, bool isOptional)
-      : width_(width), stored_(stored), isOptional_(isOptional) {}
+  FlatColumn(std::shared_ptr<::arrow::Schema> schema, std::size_t width, std::size_t stored,
+             bool isOptional)
+      : schema_(std::move(schema)), width_(width), stored_(stored), isOptional_(isOptional) {}
 
   bool add(const ::parquet::RowGroupMetaData& group, const ::parquet::ColumnChunkMetaData& chunk,
            std::uint64_t fileSize);
@@ -62,6 +66,7 @@ class FlatColumn {
   bool findNextPage(const DiskFile& file, std::size_t group);
   bool readValues(const DiskFile& file, std::uint64_t offset, std::uint64_t count, char* out) const;
 
+  std::shared_ptr<::arrow::Schema> schema_;
   std::size_t width_;   // of a value in memory
   std::size_t stored_;  // in the file
   bool isOptional_;

@@ -12,7 +12,7 @@ const SampleSchema& timeSchema() {
   return schema;
 }
 
-PartRows::PartRows(const std::vector<std::shared_ptr<::arrow::Table>>& tables) {
+void PartRows::append(const std::vector<std::shared_ptr<::arrow::Table>>& tables) {
   for (const auto& table : tables) {
     std::optional<std::vector<std::vector<std::uint64_t>>> shapes;
     std::optional<std::vector<int>> lengths;

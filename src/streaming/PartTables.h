@@ -16,7 +16,10 @@ const SampleSchema& timeSchema();
 
 /// The rows of several tables of a signal part, one after the other, as a host takes them.
 struct PartRows {
-  explicit PartRows(const std::vector<std::shared_ptr<::arrow::Table>>& tables);
+  PartRows() = default;
+  explicit PartRows(const std::vector<std::shared_ptr<::arrow::Table>>& tables) { append(tables); }
+
+  void append(const std::vector<std::shared_ptr<::arrow::Table>>& tables);
 
   std::vector<char> bytes;
   std::optional<std::vector<std::vector<std::uint64_t>>> dimensions;  ///< if they are stored

@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "kyr/parquet/ColumnNames.h"
+
 namespace kyr::parquet {
 
 namespace {
@@ -94,19 +96,40 @@ std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata
 
 RowReader::RowReader(std::shared_ptr<const DiskFile> file) : file_(std::move(file)) {}
 
-::parquet::arrow::FileReader& RowReader::readerOf(const BatchIndex& index, std::size_t first,
-                                                  std::size_t count) {
-  if (reader_ && first == firstBatch_ && count == batches_) return *reader_;
+void RowReader::open(const BatchIndex& index, std::size_t first, std::size_t count) {
+  if (metadata_ && first == firstBatch_ && count == batches_) return;
+  metadata_ = parseMetadata(index.metadata(first, count));
+  reader_.reset();
+  column_ = FlatColumn::make(*metadata_, file_->size(), columnNames::data, nullptr);
+  firstBatch_ = first;
+  batches_ = count;
+}
+
+::parquet::arrow::FileReader& RowReader::arrowReader() {
+  if (reader_) return *reader_;
   auto file = ::parquet::ParquetFileReader::Open(std::make_shared<DiskSource>(file_), unlimited(),
-                                                 parseMetadata(index.metadata(first, count)));
+                                                 metadata_);
   // Reading ahead pays off for remote files; for local ones it only costs.
   ::parquet::ArrowReaderProperties properties;
   properties.set_pre_buffer(false);
   PARQUET_THROW_NOT_OK(::parquet::arrow::FileReader::Make(::arrow::default_memory_pool(),
                                                           std::move(file), properties, &reader_));
-  firstBatch_ = first;
-  batches_ = count;
   return *reader_;
+}
+
+std::shared_ptr<::arrow::Table> RowReader::readColumn(std::uint64_t first, std::uint64_t count) {
+  if (!column_ || count == 0) return nullptr;
+  PARQUET_ASSIGN_OR_THROW(
+      std::shared_ptr<::arrow::Buffer> values,
+      ::arrow::AllocateBuffer(static_cast<std::int64_t>(count * column_->width())));
+  if (!column_->read(*file_, first, count, reinterpret_cast<char*>(values->mutable_data()))) {
+    return nullptr;
+  }
+  const auto& schema = column_->schema();
+  return ::arrow::Table::Make(schema,
+                              {::arrow::MakeArray(::arrow::ArrayData::Make(
+                                  schema->field(0)->type(), static_cast<std::int64_t>(count),
+                                  {nullptr, std::move(values)}, /*null_count=*/0))});
 }
 
 std::shared_ptr<::arrow::Table> RowReader::read(const BatchIndex& index, std::uint64_t first,
@@ -120,7 +143,10 @@ std::shared_ptr<::arrow::Table> RowReader::read(const BatchIndex& index, std::ui
   const std::size_t batches = count == 0 ? 0 : index.batchOfRow(first + count - 1) + 1 - firstBatch;
   std::shared_ptr<::arrow::Table> table;
   try {
-    auto& reader = readerOf(index, firstBatch, batches);
+    open(index, firstBatch, batches);
+    if (!columns) table = readColumn(first - index.rowStart(firstBatch), count);
+    if (table) return table;
+    auto& reader = arrowReader();
     std::vector<int> groups(batches);
     std::iota(groups.begin(), groups.end(), 0);
     PARQUET_THROW_NOT_OK(columns ? reader.ReadRowGroups(groups, *columns, &table)

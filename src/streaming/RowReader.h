@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/DiskFile.h"
+#include "storage/FlatFileReader.h"
 #include "streaming/BatchIndex.h"
 
 namespace kyr::parquet {
@@ -37,11 +38,16 @@ class RowReader {
                                        const std::optional<std::vector<int>>& columns);
 
  private:
-  // A reader of the given batches, which are its row groups.
-  ::parquet::arrow::FileReader& readerOf(const BatchIndex& index, std::size_t first,
-                                         std::size_t count);
+  // Opens a reader of the given batches, which are its row groups: of the only column, where it can
+  // be read without Arrow, and else Arrow's.
+  void open(const BatchIndex& index, std::size_t first, std::size_t count);
+  ::parquet::arrow::FileReader& arrowReader();
+  // As read(), of the batches that are open; empty if it takes Arrow.
+  std::shared_ptr<::arrow::Table> readColumn(std::uint64_t first, std::uint64_t count);
 
   std::shared_ptr<const DiskFile> file_;
+  std::shared_ptr<::parquet::FileMetaData> metadata_;
+  std::unique_ptr<FlatColumn> column_;
   std::unique_ptr<::parquet::arrow::FileReader> reader_;
   std::size_t firstBatch_ = 0;
   std::size_t batches_ = 0;

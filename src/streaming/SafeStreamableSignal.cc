@@ -2,6 +2,8 @@
 
 #include <arrow/api.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <stdexcept>
 #include <utility>
 
@@ -11,6 +13,33 @@
 #include "streaming/PartTables.h"
 
 namespace kyr::parquet {
+
+namespace {
+
+// Rows are read in slices that are in the processor's cache until they are copied, to the memory
+// that \p reused has.
+PartRows readRows(SharedPart& part, std::uint64_t from, std::uint64_t to,
+                  std::vector<char>& reused) {
+  constexpr std::uint64_t kSlice = 131'072;
+  PartRows rows;
+  const bool isLong = from < to && to - from > kSlice;
+  const std::uint64_t end = isLong ? std::min(to, part.rows()) : to;
+  const auto sliceEnd = [end](std::uint64_t at) {
+    return at < end && end - at > kSlice ? at + kSlice : end;
+  };
+  auto tables = part.read(from, sliceEnd(from));
+  rows.bytes.swap(reused);
+  rows.bytes.clear();
+  rows.append(tables);
+  for (std::uint64_t at = sliceEnd(from); at < end; at = sliceEnd(at)) {
+    if (at == from + kSlice) rows.bytes.reserve(rows.bytes.size() / kSlice * (end - from));
+    tables = part.read(at, sliceEnd(at));
+    rows.append(tables);
+  }
+  return rows;
+}
+
+}  // namespace
 
 SafeStreamableSignal::SafeStreamableSignal(std::shared_ptr<SharedStore> store,
                                            std::shared_ptr<SignalLabel> label, int timeId,
@@ -112,8 +141,7 @@ int SafeStreamableSignal::getStorageId(SignalPart part) const {
 }
 
 void SafeStreamableSignal::getTime(unsigned long from, unsigned long to, std::vector<char>& out) {
-  PartRows rows(time_.read(from, to));
-  out = std::move(rows.bytes);
+  out = std::move(readRows(time_, from, to, out).bytes);
 }
 
 void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::vector<char>& out,
@@ -125,7 +153,7 @@ void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::ve
 void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::vector<char>& out,
                                    std::vector<std::vector<unsigned long>>& dimensions,
                                    std::vector<int>& sizes) {
-  PartRows rows(data_.read(from, to));
+  PartRows rows = readRows(data_, from, to, out);
   out = std::move(rows.bytes);
   if (rows.dimensions) dimensions = *std::move(rows.dimensions);
   sizes = std::move(rows.sizes);
