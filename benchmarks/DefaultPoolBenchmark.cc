@@ -342,7 +342,7 @@ BENCHMARK(streamedPool)
     ->Args({20, kChunkRows})
     ->Args({5, 1})
     ->UseManualTime()
-    ->Iterations(5)
+    ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
 
 // 10,000 rows from the middle of files of a million: of files not opened yet, and of known ones.

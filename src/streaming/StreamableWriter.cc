@@ -3,9 +3,6 @@
 #include <arrow/api.h>
 #include <arrow/io/file.h>
 #include <fmt/format.h>
-#include <parquet/arrow/reader.h>
-#include <parquet/arrow/writer.h>
-#include <parquet/exception.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,73 +10,23 @@
 #include <limits>
 #include <shared_mutex>
 #include <stdexcept>
-#include <system_error>
 #include <unordered_map>
 #include <utility>
 #include <variant>
 
-#include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/FileSelector.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/platform/FileSystem.h"
-#include "platform/DiskFile.h"
 #include "storage/BatchSize.h"
-#include "storage/FlatFileReader.h"
-#include "storage/FlatFileWriter.h"
 #include "storage/FlatFormat.h"
 #include "streaming/RowGroups.h"
+#include "streaming/TableFiles.h"
 
 namespace kyr::parquet {
 
 namespace {
 
 constexpr int kNoId = std::numeric_limits<int>::min();
-constexpr std::int64_t kMaxRowGroupRows = 100000000;
-
-// Arrow's writer, or ours where it can write the file.
-class TableWriter {
- public:
-  static ::arrow::Result<std::unique_ptr<TableWriter>> open(
-      const FlatFormats::Entry& format,
-      const std::shared_ptr<::arrow::io::FileOutputStream>& stream) {
-    auto writer = std::make_unique<TableWriter>();
-    if (format.format) {
-      writer->flat_ = std::make_unique<FlatFileWriter>(format.format, stream);
-      ARROW_RETURN_NOT_OK(writer->flat_->flush());
-    } else {
-      ARROW_ASSIGN_OR_RAISE(writer->arrow_,
-                            ::parquet::arrow::FileWriter::Open(
-                                *format.schema, ::arrow::default_memory_pool(), stream,
-                                format.properties, ::parquet::default_arrow_writer_properties()));
-    }
-    return writer;
-  }
-
-  const ::arrow::Schema& schema() const { return flat_ ? flat_->schema() : *arrow_->schema(); }
-
-  ::arrow::Status write(const ::arrow::Table& table) {
-    if (!flat_) return arrow_->WriteTable(table, kMaxRowGroupRows);
-    ARROW_RETURN_NOT_OK(flat_->write(table, kMaxRowGroupRows));
-    return flat_->flush();
-  }
-
-  // Arrow's writer is closed by a write that fails, if the footer can still be written then.
-  bool isClosed() const { return arrow_ && arrow_->metadata(); }
-  ::arrow::Status close() { return flat_ ? flat_->close() : arrow_->Close(); }
-
- private:
-  std::unique_ptr<FlatFileWriter> flat_;
-  std::unique_ptr<::parquet::arrow::FileWriter> arrow_;
-};
-
-// A file that is read: its column, where it has but one that can be read without Arrow, or else
-// Arrow's reader. That is also made for those who want tables.
-struct TableReader {
-  std::unique_ptr<DiskFile> file;
-  std::unique_ptr<FlatColumn> column;
-  std::unique_ptr<::parquet::arrow::FileReader> tables;
-  bool isOpen = false;  // holds descriptors
-};
 
 using WriterHandle = std::unique_ptr<TableWriter>;
 using ReaderHandle = std::unique_ptr<TableReader>;
@@ -93,14 +40,6 @@ struct FileEntry {
   Path path;
   std::shared_mutex lock;  // for hosts that will share files between threads; taken by nobody yet
 };
-
-// An Arrow failure on \p path as the exception that carries it.
-void throwIfFailed(const ::arrow::Status& status, const Path& path) {
-  if (!status.ok()) {
-    throw ::parquet::ParquetStatusException(
-        status.WithMessage(path.toNarrow(), ": ", status.message()));
-  }
-}
 
 std::optional<int> leadingNumber(const std::string& name) {
   try {
@@ -122,37 +61,6 @@ void quietly(Operation&& operation) noexcept {
   }
 }
 
-void openTables(const Path& path, TableReader& reader) {
-  if (reader.tables) return;
-  auto file = ::arrow::io::ReadableFile::Open(path.toNarrow());
-  throwIfFailed(file.status(), path);
-  ::parquet::arrow::FileReaderBuilder builder;
-  throwIfFailed(builder.Open(*file), path);
-  // Reading ahead pays off for remote files; for local ones it only costs, per file.
-  ::parquet::ArrowReaderProperties properties;
-  properties.set_pre_buffer(false);
-  throwIfFailed(builder.memory_pool(::arrow::default_memory_pool())
-                    ->properties(properties)
-                    ->Build(&reader.tables),
-                path);
-}
-
-// Whether the file can be read without Arrow. It is Arrow that tells what is wrong with others.
-bool openColumn(FileEntry& entry, TableReader& reader) {
-  try {
-    auto file = std::make_unique<DiskFile>(entry.path.toFilesystem(), DiskFile::Mode::readOnly);
-    auto metadata = readMetadata(*file);
-    if (!metadata) return false;
-    reader.column = FlatColumn::make(*metadata, file->size(), columnNames::data, nullptr);
-    if (!reader.column) return false;
-    reader.file = std::move(file);
-    entry.metadata = std::move(metadata);
-    return true;
-  } catch (const std::system_error&) {
-    return false;
-  }
-}
-
 void openForReading(FileEntry& entry) {
   if (entry.handle) {
     if (std::holds_alternative<ReaderHandle>(*entry.handle)) return;
@@ -160,34 +68,10 @@ void openForReading(FileEntry& entry) {
       throw std::runtime_error("File is still open for writing.");
     }
   }
-  auto reader = std::make_unique<TableReader>();
-  if (!openColumn(entry, *reader)) {
-    openTables(entry.path, *reader);
-    entry.metadata = reader->tables->parquet_reader()->metadata();
-  }
+  auto reader = std::make_unique<TableReader>(entry.path);
+  entry.metadata = reader->metadata();
   entry.rowIndex.reset();
   entry.handle = std::move(reader);
-}
-
-}  // namespace
-
-namespace {
-
-// The first of the rows that readRows() gives, and their number; none where it has to tell an error.
-std::optional<std::pair<std::uint64_t, std::uint64_t>> locateRows(const RowIndex& index,
-                                                                  const FlatColumn& column,
-                                                                  std::uint64_t from,
-                                                                  std::uint64_t to) {
-  const std::uint64_t end = std::min(index.rows(), to);
-  if (end < from || index.rowGroups() == 0) return std::pair<std::uint64_t, std::uint64_t>(0, 0);
-  if (from == 0 && to == std::numeric_limits<std::uint64_t>::max()) return std::pair(from, end);
-  const RowPosition first = locateRow(index, from);
-  const RowPosition last = locateRow(index, to);
-  const std::uint64_t start =
-      column.rowStart(static_cast<std::size_t>(first.rowGroup)) + first.offset;
-  const std::uint64_t limit = column.rowStart(static_cast<std::size_t>(last.rowGroup) + 1);
-  if (start > limit) return std::nullopt;
-  return std::pair(start, std::min(end - from, limit - start));
 }
 
 }  // namespace
@@ -247,8 +131,9 @@ class StreamableWriter::Impl {
                                             KeptRowGroups* kept) {
     FileEntry& entry = openToRead(id);
     TableReader& reader = *std::get<ReaderHandle>(*entry.handle);
-    withEntry(id, [&](const FileEntry& file) { openTables(file.path, reader); });
-    return readRows(*reader.tables, *entry.rowIndex, from, to, kept);
+    ::parquet::arrow::FileReader* tables = nullptr;
+    withEntry(id, [&](FileEntry&) { tables = &reader.tables(); });
+    return readRows(*tables, *entry.rowIndex, from, to, kept);
   }
 
   FileEntry& openToRead(int id) {
@@ -256,7 +141,7 @@ class StreamableWriter::Impl {
     FileEntry& entry = *slot(id);
     if (!entry.rowIndex) entry.rowIndex.emplace(*entry.metadata);
     TableReader& reader = *std::get<ReaderHandle>(*entry.handle);
-    if (!std::exchange(reader.isOpen, true)) spareDescriptors(id);
+    if (reader.noteUse()) spareDescriptors(id);
     return entry;
   }
 
@@ -268,11 +153,9 @@ class StreamableWriter::Impl {
     const auto first = files.find(opened.front());
     opened.pop_front();
     if (first == files.end() || !first->second || !first->second->handle) return;
-    const auto* handle = std::get_if<ReaderHandle>(&*first->second->handle);
-    if (!handle) return;
-    if ((*handle)->file) (*handle)->file->suspend();
-    (*handle)->tables.reset();
-    (*handle)->isOpen = false;
+    if (const auto* handle = std::get_if<ReaderHandle>(&*first->second->handle)) {
+      (*handle)->suspend();
+    }
   }
 
   int largestId() const {
@@ -403,15 +286,7 @@ std::shared_ptr<::arrow::Table> StreamableWriter::read(int id, unsigned long fro
 bool StreamableWriter::readElements(int id, unsigned long from, unsigned long to,
                                     std::vector<char>& out) {
   const FileEntry& entry = impl_->openToRead(id);
-  const TableReader& reader = *std::get<ReaderHandle>(*entry.handle);
-  if (!reader.column) return false;
-  const auto rows = locateRows(*entry.rowIndex, *reader.column, from, to);
-  if (!rows) return false;
-  try {
-    return parquet::readRows(*reader.column, *reader.file, rows->first, rows->second, out);
-  } catch (const std::system_error&) {
-    return false;
-  }
+  return std::get<ReaderHandle>(*entry.handle)->readElements(*entry.rowIndex, from, to, out);
 }
 
 void StreamableWriter::clone(int src, int dst, unsigned long from, unsigned long to) {

@@ -115,7 +115,7 @@ TEST_F(FlatFileReaderTest, ReadsNoDamagedFileOtherwiseThanArrow) {
   write(*ascending(::arrow::int16(), 20), 13);
   const std::string whole = store.contents("0");
   for (std::size_t at = 0; at < whole.size(); ++at) {
-    for (const char flip : {'\x01', '\x02', '\x80', '\xff'}) {
+    for (const char flip : {'\x01', '\x80'}) {
       std::string changed = whole;
       changed[at] = static_cast<char>(changed[at] ^ flip);
       store.touch("0", changed);
