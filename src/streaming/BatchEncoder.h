@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "streaming/BatchRecord.h"
-#include "streaming/TableFile.h"
+#include "streaming/FileLayout.h"
 
 namespace kyr::parquet {
 

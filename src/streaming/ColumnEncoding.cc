@@ -120,6 +120,7 @@ double dictionaryBytes(const Numbers& numbers) {
   const auto once = static_cast<double>(std::count(counts.begin(), counts.end(), 1U));
   const auto twice = static_cast<double>(std::count(counts.begin(), counts.end(), 2U));
   auto distinct = static_cast<double>(dictionary.values().size());
+  if (distinct == static_cast<double>(count)) return kNever;
   distinct += once * (once - 1) / (2 * (twice + 1));
   const auto all = static_cast<double>(numbers.count);
   if (distinct > all / 2) return kNever;

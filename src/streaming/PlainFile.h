@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "streaming/TableFile.h"
+#include "streaming/FileLayout.h"
 
 namespace kyr::parquet {
 

@@ -1,4 +1,4 @@
-#include "streaming/TableFile.h"
+#include "streaming/FileLayout.h"
 
 #include <arrow/api.h>
 #include <arrow/io/interfaces.h>

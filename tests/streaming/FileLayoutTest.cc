@@ -12,7 +12,7 @@
 #include <random>
 #include <string>
 
-#include "streaming/TableFile.h"
+#include "streaming/FileLayout.h"
 
 namespace kyr::parquet {
 namespace {
@@ -85,7 +85,7 @@ double noise(std::size_t i) {
 }
 double repeating(std::size_t i) { return std::round(noise(i) * 100) / 64; }
 
-TEST(TableFile, ChoosesAnEncodingThatSuitsTheSamples) {
+TEST(FileLayout, ChoosesAnEncodingThatSuitsTheSamples) {
   constexpr std::size_t kRows = 40000;
   struct Case {
     std::string name;
@@ -142,7 +142,7 @@ TEST(TableFile, ChoosesAnEncodingThatSuitsTheSamples) {
   }
 }
 
-TEST(TableFile, NoRowGroupIsLargerThanPlain) {
+TEST(FileLayout, NoRowGroupIsLargerThanPlain) {
   // What the sample promises does not hold for the rest, and row groups differ.
   constexpr std::size_t kRows = 30000;
   const Samples mostlyNoise = [](std::size_t i) { return i % 29 == 0 ? 1.0 : noise(i); };
@@ -166,7 +166,7 @@ TEST(TableFile, NoRowGroupIsLargerThanPlain) {
   }
 }
 
-TEST(TableFile, KeepsToWhatTheUserAskedFor) {
+TEST(FileLayout, KeepsToWhatTheUserAskedFor) {
   const auto table = tableOf<::arrow::DoubleType>(20000, repeating);
   struct Case {
     Compression::type codec;
