@@ -141,6 +141,7 @@ class IpcStore : public Store {
     for (auto& column : columns) column.reserve(batchRows(workload) * sizeof(double));
     const auto write = [&](std::size_t rows) {
       std::vector<const char*> starts;
+      starts.reserve(columns.size());
       for (const auto& column : columns) starts.push_back(column.data());
       writeBatch(workload, starts, rows);
       for (auto& column : columns) column.clear();

@@ -117,7 +117,7 @@ class KyrStore : public Store {
   parquet::SignalPool& pool() { return recording_ ? recording_->pool() : *pool_; }
 
   std::shared_ptr<StreamableSignal> streamed(const Workload& workload, std::size_t i) {
-    const auto signal = pool().getStreamableSignal(static_cast<int>(i));
+    auto signal = pool().getStreamableSignal(static_cast<int>(i));
     setType(workload, *signal);
     return signal;
   }

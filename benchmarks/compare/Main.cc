@@ -1,4 +1,5 @@
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -57,6 +58,26 @@ void warmMemory(std::size_t size) {
   if (memory == MAP_FAILED) return;
   for (std::size_t at = 0; at < size; at += 4096) static_cast<volatile char*>(memory)[at] = 1;
   munmap(memory, size);
+}
+
+// Lets a child process write it all once, and gives the disk back: the pages of the files that will
+// be written are in use then, as the memory is, and the child's memory is not this process's.
+void writeInChild(const StoreFactory& make, const Workload& workload, const Data& data,
+                  const fs::path& folder) {
+  fs::create_directories(folder / "stored");
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      make(folder).release()->write(workload, data);
+    } catch (const std::exception&) {
+      _exit(1);  // the parent fails as well, and says why
+    }
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    if (entry.is_regular_file()) fs::resize_file(entry.path(), 0);
+  }
 }
 
 // With the memory that the work took at its peak, beyond what the process had before.
@@ -144,12 +165,13 @@ Json readWindows(const Workload& workload, Store& store) {
           {"known", {{"elapsed", again.elapsed}, {"cpu", again.cpu}}}};
 }
 
-Json runPhase(const Workload& workload, const std::string& phase, Store& store) {
-  constexpr std::size_t kLeast = std::size_t{64} << 20;
-  const std::size_t warm = kLeast + 3 * workload.signals * workload.rows * workload.sampleSize();
+Json runPhase(const Workload& workload, const std::string& phase, const StoreFactory& make,
+              const fs::path& folder) {
+  // Never destroyed: some stores would delete what they have written.
+  Store& store = *make(folder).release();
   if (phase == "write") {
     const Data data(workload);
-    warmMemory(warm);
+    writeInChild(make, workload, data, folder / "warm");
     Json result = measured([&] { store.write(workload, data); });
     result["values"] = workload.rows * data.columns();
     store.leave();
@@ -158,7 +180,7 @@ Json runPhase(const Workload& workload, const std::string& phase, Store& store) 
   if (phase == "read") {
     ReadBack values;
     values.signals.resize(workload.signals);
-    warmMemory(warm);
+    warmMemory(3 * workload.signals * workload.rows * workload.sampleSize());
     const Json result = measured([&] { store.read(workload, values); });
     compareAll(workload, values);
     return result;
@@ -186,9 +208,7 @@ Json run(const std::vector<std::string>& arguments) {
   if (found == stores().end()) throw std::invalid_argument("no store is called " + arguments[0]);
   const Workload workload = findWorkload(arguments[1], std::stod(arguments[4]));
   fs::create_directories(fs::path(arguments[3]) / "stored");
-  // Never destroyed: some stores would delete what they have written.
-  Store* store = found->second(arguments[3]).release();
-  return runPhase(workload, arguments[2], *store);
+  return runPhase(workload, arguments[2], found->second, arguments[3]);
 }
 
 }  // namespace

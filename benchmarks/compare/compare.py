@@ -162,7 +162,7 @@ def main():
                 results = take_turns(
                     workload, [store for store, name in found
                                if name == workload and (wanted is None or store in wanted)],
-                    options.repetitions, root, lambda store, folder, name=workload: measure(
+                    root, options, lambda store, folder, name=workload: measure(
                         found[store, name], store, name, folder, options.scale))
                 text = workload_table(workload, results, options)
             everything[workload] = results

@@ -166,7 +166,7 @@ def compare(title, root, options, notices):
     stores = [store for store in STORES if store not in PEERS or store in peers]
     if options.store:
         stores = [each for each in stores if each in options.store.split(",") or each == "floor"]
-    results = take_turns("W6", stores, options.repetitions, root, lambda store, folder: measure(
+    results = take_turns("W6", stores, root, options, lambda store, folder: measure(
         store, folder, sources, options.programs / "tools/kyr"))
     size = sum(source.stat().st_size for source in sources)
     base = results["floor"]

@@ -76,12 +76,12 @@ def check_file_creation(folder, notices):
                        "slow: of what stores many files, a run in some minutes will tell more.")
 
 
-def take_turns(workload, stores, repetitions, root, measure):
+def take_turns(workload, stores, root, options, measure):
     """Store -> its results, one for each repetition, or a Failure.
 
     measure(store, folder) has a new folder each time."""
     results = collections.defaultdict(list)
-    for repetition in range(repetitions):
+    for repetition in range(options.repetitions):
         # Each repetition begins with another store: no order favours anyone.
         shift = repetition % max(1, len(stores))
         turn = root / f"{workload}-{repetition}"
@@ -90,14 +90,15 @@ def take_turns(workload, stores, repetitions, root, measure):
             if isinstance(results[store], Failure):
                 continue
             folder = pathlib.Path(tempfile.mkdtemp(prefix=store.replace(":", "-"), dir=turn))
-            os.sync()  # so that the disk is not busy with the one before
+            if options.scale >= 0.1:
+                os.sync()  # so that the disk is not busy with the one before
             start = time.monotonic()
             try:
                 results[store].append(measure(store, folder))
             except Failure as failure:
                 results[store] = failure
                 print(f"{workload} {store}: FAILED: {failure}", file=sys.stderr)
-            print(f"  {workload} {repetition + 1}/{repetitions} {store} "
+            print(f"  {workload} {repetition + 1}/{options.repetitions} {store} "
                   f"{time.monotonic() - start:.1f} s", file=sys.stderr)
             empty_files(folder)
     return {store: results[store] for store in stores}
