@@ -89,11 +89,11 @@ void applyTypes(const std::string& file, const std::vector<std::string>& cells,
           fmt::format("--type {}: give NAME=TYPE, with TYPE one of {}", entry, columnTypeNames()));
     }
     CsvColumn& column = columnCalled(file, cells, header, entry.substr(0, equals));
-    if (column.isText && column.type != *type) {
+    if (column.isGiven && column.type != *type) {
       throw UsageError(fmt::format("--type {}: the column has a type already", entry));
     }
     column.type = *type;
-    column.isText = true;
+    column.isGiven = true;
   }
 }
 

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <arrow/type_fwd.h>
-
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,8 +20,7 @@ struct CsvColumn {
   std::string name;       ///< unlike those of all other columns
   std::string unit;
   KYRSignalDataType type = Double;
-  bool isText = false;  ///< whether the cells are text to be read as `type`
-  std::shared_ptr<::arrow::ChunkedArray> cells;
+  bool isGiven = false;  ///< whether `type` was asked for, and does not follow from the cells
 };
 
 /// What a header row says.

@@ -12,6 +12,16 @@ void CsvRecordScanner::skipLineEnd() {
   ++line_;
 }
 
+// Past the characters that mean nothing to the state.
+void CsvRecordScanner::skipContent(State state) {
+  const bool isQuoted = state == State::quoted;
+  while (position_ < text_.size()) {
+    const char c = text_[position_];
+    if (c == '\n' || c == '\r' || c == (isQuoted ? '"' : ',')) return;
+    ++position_;
+  }
+}
+
 CsvRecordScanner::State CsvRecordScanner::skipCharacter(State state, CsvRecord& record) {
   const char c = text_[position_];
   if (state == State::quoted) {
@@ -40,6 +50,7 @@ bool CsvRecordScanner::next(CsvRecord& record) {
   State state = State::cellStart;
   while (position_ < text_.size() && (state == State::quoted || !atLineEnd())) {
     state = skipCharacter(state, record);
+    if (state == State::plain || state == State::quoted) skipContent(state);
   }
   record.text = text_.substr(begin, position_ - begin);
   record.isUnclosed = state == State::quoted;

@@ -34,6 +34,7 @@ class CsvRecordScanner {
 
   bool atLineEnd() const;
   void skipLineEnd();
+  void skipContent(State state);
   State skipCharacter(State state, CsvRecord& record);
 
   std::string_view text_;

@@ -1,19 +1,15 @@
 #include "CsvTable.h"
 
-#include <arrow/api.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
-#include <optional>
-#include <set>
+#include <cstring>
 #include <stdexcept>
-#include <string_view>
+#include <thread>
 #include <utility>
 
-#include "CellParser.h"
-#include "ColumnCells.h"
-#include "Errors.h"
+#include "CsvPipeline.h"
+#include "Interrupt.h"
 #include "Text.h"
 #include "TypeNames.h"
 
@@ -21,182 +17,215 @@ namespace kyr::tool {
 
 namespace {
 
-// The first cell that spells no value of \p type.
-std::optional<std::int64_t> firstUnlike(const ::arrow::ChunkedArray& texts,
-                                        KYRSignalDataType type) {
-  const CellParser parse = cellParser(type);
-  std::vector<char> value;
-  return firstCell(texts, [&](std::string_view cell, std::int64_t) {
-    value.clear();
-    return !parse(cell, value);
-  });
+KYRSignalDataType typeOf(CellKind kind) {
+  if (kind == CellKind::integer) return Int64;
+  return kind == CellKind::boolean ? Boolean : Double;
 }
 
-// The cell that keeps a column from being one of numbers; some cell if Arrow alone says why.
-std::int64_t firstWithoutNumber(const ::arrow::ChunkedArray& texts) {
-  if (const auto row = firstUnlike(texts, Double)) return *row;
-  return firstCell(texts, [](std::string_view, std::int64_t) { return true; }).value_or(0);
-}
+// Of the others no cell has to be read any more: what refused integer and boolean and is a date or
+// a time is no number either.
+bool maybeNumeric(CellKind kind) { return kind <= CellKind::boolean || kind == CellKind::real; }
 
 }  // namespace
 
-CsvTable::CsvTable(const std::string& path, const CsvOptions& options, const Progress& progress)
-    : text_(path) {
-  CsvHeader header = namedColumns(path, text_.header(), options);
-  timePlace_ = header.timePlace;
-  timeName_ = std::move(header.timeName);
-  timeUnit_ = std::move(header.timeUnit);
-  columns_ = std::move(header.columns);
-  readCells(progress);
+CsvTable::CsvTable(const std::string& path, const CsvOptions& options)
+    : text_(path),
+      header_(namedColumns(path, text_.header(), options)),
+      times_(header_.timePlace, header_.timeName) {
+  for (CsvColumn& described : header_.columns) {
+    Column& column = read_.emplace_back();
+    if (described.isGiven) column.plan.parse = cellParser(described.type);
+    column.described = std::move(described);
+  }
 }
 
-void CsvTable::readCells(const Progress& progress) {
-  std::set<std::size_t> asText;
-  for (const CsvColumn& column : columns_) {
-    if (column.isText) asText.insert(column.place);
+void CsvTable::read(SampleSink& sink, const Progress& progress) {
+  bool isAgain = true;
+  while (isAgain) {
+    readBlocks(sink, progress);
+    isAgain = planNextPass();
+    if (isAgain) continue;
+    times_.check(text_);
+    reviewHugeNumbers(sink);
+    isAgain = planNextPass();
   }
-  const auto cells = readColumns(text_, asText, progress);
-  readTime(cells[timePlace_]);
-  std::set<std::size_t> doubtful;
-  for (const CsvColumn& column : columns_) {
-    if (hidesText(*cells[column.place])) doubtful.insert(column.place);
-  }
-  auto texts = readTexts(text_, doubtful);
-  std::vector<CsvColumn> accepted;
-  for (CsvColumn& column : columns_) {
-    column.cells = cells[column.place];
-    if (acceptCells(column, texts[column.place])) accepted.push_back(std::move(column));
-  }
-  columns_ = std::move(accepted);
+  acceptColumns();
 }
 
-// Decides on the type in which the column is stored; false if there is none. The texts are there
-// only if the cells leave a doubt.
-bool CsvTable::acceptCells(CsvColumn& column, const Cells& texts) {
-  const bool isNameless = text_.header()[column.place].empty();
-  if (column.isText) return true;
-  switch (column.cells->type()->id()) {
-    case ::arrow::Type::NA:
-      // A comma at the end of every line makes a column without name and content.
-      return !isNameless;
-    case ::arrow::Type::INT64:
-      column.type = Int64;
-      return true;
-    case ::arrow::Type::BOOL:
-      column.type = Boolean;
-      return true;
-    case ::arrow::Type::DOUBLE:
-      if (texts) reviewLargeNumbers(column, texts);
-      return true;
-    default:
-      break;
+void CsvTable::readBlocks(SampleSink& sink, const Progress& progress) {
+  constexpr unsigned kMaxAhead = 4;
+  const std::size_t ahead = std::clamp(std::thread::hardware_concurrency(), 1U, kMaxAhead);
+  const std::string_view body = text_.body();
+  CsvPipeline blocks(body);
+  times_.restart();
+  line_ = text_.bodyLine();
+  std::size_t done = 0;
+  while (auto block = blocks.next(plans(), hasGuess_ ? ahead : 0)) {
+    stopIfInterrupted();
+    if (!block->failure && isReadTooStrictly(*block)) readBlock(block->block, plans(), *block);
+    if (block->failure) text_.throwUnreadable(*block->failure);
+    takeBlock(*block, sink);
+    const std::string_view text = block->block.text;
+    CsvText::release(text);
+    done += text.size();
+    if (progress) progress(static_cast<double>(done) / static_cast<double>(body.size()));
+    blocks.giveBack(std::move(block));
   }
-  const auto& cells = texts ? *texts : *column.cells;
-  const std::int64_t row = firstWithoutNumber(cells);
-  losses_.push_back(fmt::format("{} is left out: it holds {}, which is no number",
-                                where(row, column.name), inQuotes(cellText(cells, row))));
-  return false;
+}
+
+std::vector<CellPlan> CsvTable::plans() const {
+  std::vector<CellPlan> plans(read_.size() + 1);
+  plans[times_.place()].kind = times_.kind();
+  for (const Column& column : read_) plans[column.described.place] = column.plan;
+  return plans;
+}
+
+// Of a block that was begun before another one showed what kind a column is.
+bool CsvTable::isReadTooStrictly(const BlockValues& block) const {
+  const auto isTooStrict = [&](std::size_t place, CellKind kind) {
+    const CellKind found = block.columns[place].kind;
+    return found != CellKind::empty && found < kind;
+  };
+  return isTooStrict(times_.place(), times_.kind()) ||
+         std::any_of(read_.begin(), read_.end(), [&](const Column& column) {
+           return column.plan.isRead && isTooStrict(column.described.place, column.plan.kind);
+         });
+}
+
+void CsvTable::takeBlock(const BlockValues& block, SampleSink& sink) {
+  if (!times_.take(text_, block, line_)) {
+    isTimeStale_ = true;
+    for (Column& column : read_) {
+      if (maybeNumeric(column.plan.kind) && !column.misfit) startAgain(column, sink);
+    }
+  }
+  for (Column& column : read_) {
+    if (column.plan.isRead) takeCells(column, block, sink);
+  }
+  line_ += block.lines;
+  hasGuess_ = true;
+}
+
+void CsvTable::takeCells(Column& column, const BlockValues& block, SampleSink& sink) {
+  const CsvColumn& described = column.described;
+  const CellValues& cells = block.columns[described.place];
+  if (cells.misfit) {
+    const CsvRecord row = recordAt({block.block.text, line_}, *cells.misfit);
+    column.misfit = placeIn(row, described.place);
+    leaveOut(column, sink);
+  }
+  if (!described.isGiven) settleKind(column, cells.kind, sink);
+  if (!column.plan.isRead) return;
+  column.isHuge = column.isHuge || cells.isHuge;
+  const std::size_t count = cells.size(parquet::elementWidth(described.type));
+  if (column.isStale || times_.isBroken() || count == 0) return;
+  sink.append(described, times_.timesWithout(cells.missing).data(), cells.data(), count);
+  column.hasSamples = true;
+}
+
+// A block refused the kinds before.
+void CsvTable::settleKind(Column& column, CellKind kind, SampleSink& sink) {
+  if (kind <= column.plan.kind) return;
+  column.plan.kind = kind;
+  if (!maybeNumeric(kind)) return leaveOut(column, sink);
+  column.described.type = typeOf(kind);
+  if (column.hasSamples) startAgain(column, sink);
+}
+
+void CsvTable::leaveOut(Column& column, SampleSink& sink) {
+  startAgain(column, sink);
+  column.isStale = column.isHuge = false;
+  column.plan.isRead = false;
+}
+
+// In the next pass; in this one, the column's kind is watched only.
+void CsvTable::startAgain(Column& column, SampleSink& sink) {
+  if (column.hasSamples) sink.drop(column.described);
+  column.hasSamples = false;
+  column.isStale = true;
+}
+
+// Whether there is something to be read again. Other columns are not.
+bool CsvTable::planNextPass() {
+  bool isNeeded = std::exchange(isTimeStale_, false);
+  for (Column& column : read_) {
+    column.plan.isRead = std::exchange(column.isStale, false);
+    isNeeded = isNeeded || column.plan.isRead;
+  }
+  return isNeeded;
 }
 
 // Arrow reads integers beyond int64 as doubles, and numbers beyond double as infinite.
-void CsvTable::reviewLargeNumbers(CsvColumn& column, const Cells& texts) {
-  if (const auto wrong = firstUnlike(*texts, Double)) {
-    throw std::runtime_error(fmt::format("{} holds {}, which does not fit double",
-                                         where(*wrong, column.name),
-                                         inQuotes(cellText(*texts, *wrong))));
+void CsvTable::reviewHugeNumbers(SampleSink& sink) {
+  std::vector<std::size_t> places;
+  for (const Column& column : read_) {
+    if (column.isHuge) places.push_back(column.described.place);
   }
-  const auto isFraction = [](std::string_view cell, std::int64_t) {
-    return cell.find_first_not_of("0123456789+- \t") != std::string_view::npos;
-  };
-  if (firstCell(*texts, isFraction)) return;
-  const auto beyond = firstUnlike(*texts, UInt64);
-  if (!beyond) {
-    column.type = UInt64;
-    column.isText = true;
-    column.cells = texts;
-    return;
-  }
-  losses_.push_back(
-      fmt::format("{}: no integer type holds this column ({}): its values are rounded to double",
-                  where(*beyond, column.name), inQuotes(cellText(*texts, *beyond))));
-}
-
-void CsvTable::readTime(const Cells& cells) {
-  const auto type = cells->type()->id();
-  time_.reserve(static_cast<std::size_t>(cells->length()));
-  if (const auto gap = firstMissing(*cells)) {
-    throw std::runtime_error(
-        fmt::format("{} is empty, and every row needs a time", where(*gap, timeName_)));
-  }
-  if (type == ::arrow::Type::INT64) {
-    forEachValue<::arrow::Int64Array>(
-        *cells, [this](std::int64_t time) { time_.push_back(static_cast<double>(time)); });
-  } else if (type == ::arrow::Type::DOUBLE) {
-    forEachValue<::arrow::DoubleArray>(*cells, [this](double time) { time_.push_back(time); });
-  } else if (type != ::arrow::Type::NA) {
-    const Cells texts = readTexts(text_, {timePlace_}).at(timePlace_);
-    const std::int64_t row = firstWithoutNumber(*texts);
-    throw std::runtime_error(fmt::format(
-        "{} holds {}, but times must be numbers (--time NAME takes another column for time)",
-        where(row, timeName_), inQuotes(cellText(*texts, row))));
-  }
-  checkTime();
-}
-
-void CsvTable::checkTime() {
-  constexpr double kExact = 9007199254740992.0;
-  bool isExact = true;
-  for (std::size_t i = 0; i < time_.size(); ++i) {
-    const auto row = static_cast<std::int64_t>(i);
-    if (!std::isfinite(time_[i])) {
-      throw std::runtime_error(
-          fmt::format("{} is {}, but times must be finite", where(row, timeName_), time_[i]));
-    }
-    if (i > 0 && time_[i] < time_[i - 1]) {
-      throw std::runtime_error(
-          fmt::format("{} is {}, after {} in the row before: times must not decrease",
-                      where(row, timeName_), time_[i], time_[i - 1]));
-    }
-    if (isExact && std::abs(time_[i]) > kExact) {
-      isExact = false;
-      losses_.push_back(
-          fmt::format("{}: times beyond 2^53 are rounded to double", where(row, timeName_)));
-    }
-  }
-}
-
-Samples CsvTable::samplesOf(const CsvColumn& column) const {
-  Samples samples;
-  if (column.isText) {
-    appendParsed(column, samples);
-    return samples;
-  }
-  if (column.cells->null_count() == 0) {
-    samples.time = time_;
-  } else {
-    forEachPresent(*column.cells, [&](std::size_t row) { samples.time.push_back(time_[row]); });
-  }
-  appendCells(*column.cells, samples.bytes);
-  return samples;
-}
-
-void CsvTable::appendParsed(const CsvColumn& column, Samples& samples) const {
-  const CellParser parse = cellParser(column.type);
-  const auto wrong = firstCell(*column.cells, [&](std::string_view cell, std::int64_t row) {
-    if (!parse(cell, samples.bytes)) return true;
-    samples.time.push_back(time_[static_cast<std::size_t>(row)]);
-    return false;
+  const auto reviews = reviewCells(text_.rows(), places, [](const CellReview& review) {
+    return review.firstNoDouble.has_value();
   });
-  if (wrong) {
-    throw std::runtime_error(
-        fmt::format("{} holds {}, which does not fit {}", where(*wrong, column.name),
-                    inQuotes(cellText(*column.cells, *wrong)), typeName(column.type)));
+  for (Column& column : read_) {
+    if (!std::exchange(column.isHuge, false)) continue;
+    CsvColumn& described = column.described;
+    const CellReview& review = reviews.at(described.place);
+    if (review.firstNoDouble) {
+      throw std::runtime_error(fmt::format("{} holds {}, which does not fit double",
+                                           where(*review.firstNoDouble, described),
+                                           inQuotes(review.firstNoDouble->cell)));
+    }
+    if (review.hasFraction) continue;
+    if (review.firstNoUInt64) {
+      column.loss = fmt::format(
+          "{}: no integer type holds this column ({}): its values are rounded to double",
+          where(*review.firstNoUInt64, described), inQuotes(review.firstNoUInt64->cell));
+      continue;
+    }
+    startAgain(column, sink);
+    described.type = UInt64;
+    described.isGiven = true;
+    column.plan.parse = cellParser(UInt64);
   }
 }
 
-std::string CsvTable::where(std::int64_t row, const std::string& column) const {
-  return fmt::format("{}, line {}: column {}", text_.path(), text_.lineOfRow(row),
-                     inQuotes(column));
+void CsvTable::acceptColumns() {
+  if (!times_.loss().empty()) losses_.push_back(times_.loss());
+  std::vector<std::size_t> places;
+  for (const Column& column : read_) {
+    if (!maybeNumeric(column.plan.kind)) places.push_back(column.described.place);
+  }
+  const auto reviews = reviewCells(text_.rows(), places, [](const CellReview& review) {
+    return review.firstNoDouble.has_value();
+  });
+  for (Column& column : read_) {
+    const CsvColumn& described = column.described;
+    const auto review = reviews.find(described.place);
+    if (review != reviews.end()) {
+      // Some cell, if Arrow alone says why.
+      const auto& found =
+          review->second.firstNoDouble ? review->second.firstNoDouble : review->second.first;
+      losses_.push_back(fmt::format("{} is left out: it holds {}, which is no number",
+                                    where(*found, described), inQuotes(found->cell)));
+      continue;
+    }
+    if (!column.loss.empty()) losses_.push_back(column.loss);
+    // A comma at the end of every line makes a column without name and content.
+    const bool isNothing = !described.isGiven && column.plan.kind == CellKind::empty &&
+                           text_.header()[described.place].empty();
+    if (!isNothing) columns_.push_back(described);
+  }
+}
+
+void CsvTable::checkGivenTypes() const {
+  for (const Column& column : read_) {
+    if (!column.misfit) continue;
+    throw std::runtime_error(
+        fmt::format("{} holds {}, which does not fit {}", where(*column.misfit, column.described),
+                    inQuotes(column.misfit->cell), typeName(column.described.type)));
+  }
+}
+
+std::string CsvTable::where(const CsvPlace& place, const CsvColumn& column) const {
+  return fmt::format("{}, line {}: column {}", text_.path(), place.line, inQuotes(column.name));
 }
 
 }  // namespace kyr::tool

@@ -1,63 +1,97 @@
 #pragma once
 
-#include <arrow/type_fwd.h>
-
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "CsvCells.h"
 #include "CsvHeader.h"
-#include "CsvReader.h"
+#include "CsvReview.h"
 #include "CsvText.h"
-#include "kyr/parquet/SignalTypes.h"
+#include "CsvTimes.h"
 
 namespace kyr::tool {
 
-/// The samples of one signal, in memory order. A signal has none where its cell is empty.
-struct Samples {
-  std::vector<double> time;
-  std::vector<char> bytes;
+/// Called with the part that is done, from 0 to 1.
+using Progress = std::function<void(double)>;
+
+/// Takes the samples of a CSV file's columns, block by block in the order of its rows.
+class SampleSink {
+ public:
+  virtual ~SampleSink() = default;
+
+  /// \param bytes  as many values of the column's type, in memory order
+  virtual void append(const CsvColumn& column, const double* times, const char* bytes,
+                      std::size_t count) = 0;
+
+  /// Forget the samples of a column so far: they come again as another type, or never.
+  virtual void drop(const CsvColumn& column) = 0;
 };
 
-/// A CSV file as signals over a time column.
+/// A CSV file as signals over a time column. A signal has no sample where its cell is empty.
+///
+/// Of the file a few blocks are in memory at a time. Types follow from all cells of a column, so
+/// samples are given away as what the blocks so far say; where a later block says otherwise, the
+/// column is dropped and the file read again for it.
 ///
 /// Every failure is a std::runtime_error that names the file, the line and the column.
 class CsvTable {
  public:
-  CsvTable(const std::string& path, const CsvOptions& options, const Progress& progress);
+  CsvTable(const std::string& path, const CsvOptions& options);
 
-  const std::vector<double>& time() const { return time_; }
-  std::vector<CsvColumn>& columns() { return columns_; }
+  /// How many columns the header names.
+  std::size_t width() const { return text_.header().size(); }
+
+  /// Gives all samples to \p sink. To be called once.
+  void read(SampleSink& sink, const Progress& progress);
+
+  /// After read(): those that can be stored. One without samples may not have come to the sink.
   const std::vector<CsvColumn>& columns() const { return columns_; }
 
   /// What the signals will not hold, one sentence each: columns that are no numbers, roundings.
   const std::vector<std::string>& losses() const { return losses_; }
 
   /// The unit that the header gives to the time column.
-  const std::string& timeUnit() const { return timeUnit_; }
+  const std::string& timeUnit() const { return header_.timeUnit; }
 
-  Samples samplesOf(const CsvColumn& column) const;
+  /// \throws std::runtime_error naming a cell that does not fit the type that its column was given
+  void checkGivenTypes() const;
 
  private:
-  using Cells = std::shared_ptr<::arrow::ChunkedArray>;
+  /// A column while it is read.
+  struct Column {
+    CsvColumn described;
+    CellPlan plan;
+    bool hasSamples = false;  ///< in the sink
+    bool isStale = false;     ///< whether they were of another kind, and dropped
+    bool isHuge = false;      ///< whether it has numbers that integers of 64 bits may not hold
+    std::string loss;
+    std::optional<CsvPlace> misfit;
+  };
 
-  void readCells(const Progress& progress);
-  void readTime(const Cells& cells);
-  void checkTime();
-  bool acceptCells(CsvColumn& column, const Cells& texts);
-  void reviewLargeNumbers(CsvColumn& column, const Cells& texts);
-  void appendParsed(const CsvColumn& column, Samples& samples) const;
-
-  /// "FILE, line 3: column "x"", of a body row.
-  std::string where(std::int64_t row, const std::string& column) const;
+  void readBlocks(SampleSink& sink, const Progress& progress);
+  std::vector<CellPlan> plans() const;
+  bool isReadTooStrictly(const BlockValues& block) const;
+  void takeBlock(const BlockValues& block, SampleSink& sink);
+  void takeCells(Column& column, const BlockValues& block, SampleSink& sink);
+  void settleKind(Column& column, CellKind kind, SampleSink& sink);
+  void leaveOut(Column& column, SampleSink& sink);
+  void startAgain(Column& column, SampleSink& sink);
+  bool planNextPass();
+  void reviewHugeNumbers(SampleSink& sink);
+  void acceptColumns();
+  std::string where(const CsvPlace& place, const CsvColumn& column) const;
 
   CsvText text_;
-  std::size_t timePlace_ = 0;
-  std::string timeName_;
-  std::string timeUnit_;
-  std::vector<double> time_;
+  CsvHeader header_;
+  CsvTimes times_;
+  bool isTimeStale_ = false;  ///< whether some were read as another kind than the others
+  std::vector<Column> read_;
+  bool hasGuess_ = false;  ///< whether a block has shown what the columns may be
+  std::int64_t line_ = 0;  ///< at which the next block begins
   std::vector<CsvColumn> columns_;
   std::vector<std::string> losses_;
 };

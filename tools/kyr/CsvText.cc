@@ -1,21 +1,24 @@
 #include "CsvText.h"
 
-#include <arrow/buffer.h>
 #include <arrow/csv/parser.h>
 #include <arrow/io/file.h>
 #include <arrow/util/io_util.h>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "Errors.h"
+#include "Interrupt.h"
+#include "TemporaryFolder.h"
 #include "Text.h"
 #include "kyr/platform/Path.h"
 
@@ -30,12 +33,38 @@ std::runtime_error cannotRead(const std::string& path, int error) {
       fmt::format("{} cannot be read: {}", path, std::generic_category().message(error)));
 }
 
-// A pipe has no size and cannot be mapped into memory.
+std::shared_ptr<::arrow::Buffer> mapFile(const std::string& path) {
+  auto opened = ::arrow::io::MemoryMappedFile::Open(path, ::arrow::io::FileMode::READ);
+  if (!opened.ok()) throw cannotRead(path, ::arrow::internal::ErrnoFromStatus(opened.status()));
+  const auto file = *std::move(opened);
+  return check(file->ReadAt(0, check(file->GetSize())));
+}
+
+// A pipe has no size and cannot be mapped into memory, nor read twice.
 std::shared_ptr<::arrow::Buffer> readPipe(const std::string& path) {
-  std::ifstream stream(path, std::ios::binary);
-  if (!stream) throw cannotRead(path, errno);
-  std::string content{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-  return ::arrow::Buffer::FromString(std::move(content));
+  const int pipe = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (pipe < 0) throw cannotRead(path, errno);
+  const std::unique_ptr<const int, void (*)(const int*)> closing(
+      &pipe, [](const int* descriptor) { ::close(*descriptor); });
+  const TemporaryFolder folder;
+  const std::string copy = (folder.path().toFilesystem() / "pipe.csv").string();
+  std::ofstream out(copy, std::ios::binary);
+  constexpr std::size_t kPieceBytes = std::size_t{1} << 18U;
+  std::vector<char> piece(kPieceBytes);
+  for (;;) {
+    stopIfInterrupted();
+    const ssize_t got = ::read(pipe, piece.data(), piece.size());
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) throw cannotRead(path, errno);
+    if (got == 0) break;
+    if (!out.write(piece.data(), got)) break;
+  }
+  out.close();
+  if (!out)
+    throw std::runtime_error(
+        fmt::format("{} cannot be written: {}", copy, std::generic_category().message(errno)));
+  if (fs::file_size(copy) == 0) return ::arrow::Buffer::FromString("");
+  return mapFile(copy);
 }
 
 std::shared_ptr<::arrow::Buffer> readContent(const std::string& path) {
@@ -43,10 +72,7 @@ std::shared_ptr<::arrow::Buffer> readContent(const std::string& path) {
   if (fs::is_directory(path)) throw cannotRead(path, EISDIR);
   if (!fs::is_regular_file(path)) return readPipe(path);
   if (fs::file_size(path) == 0) return ::arrow::Buffer::FromString("");
-  auto opened = ::arrow::io::MemoryMappedFile::Open(path, ::arrow::io::FileMode::READ);
-  if (!opened.ok()) throw cannotRead(path, ::arrow::internal::ErrnoFromStatus(opened.status()));
-  const auto file = *std::move(opened);
-  return check(file->ReadAt(0, check(file->GetSize())));
+  return mapFile(path);
 }
 
 std::runtime_error unclosedQuote(const std::string& path, std::int64_t line) {
@@ -110,52 +136,24 @@ void CsvText::readHeader(std::string_view text) {
   bodyLine_ = scanner.line();
 }
 
-std::string_view CsvText::bodyText() const {
-  return std::string_view(*content_).substr(bodyPosition_);
+void CsvText::release(std::string_view part) {
+  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const auto begin = reinterpret_cast<std::uintptr_t>(part.data());
+  // Of pages that are shared with neighbours, too: what is needed is mapped again.
+  const std::uintptr_t first = begin / page * page;
+  ::madvise(reinterpret_cast<void*>(first), begin + part.size() - first, MADV_DONTNEED);
 }
 
-std::shared_ptr<::arrow::Buffer> CsvText::body() const {
-  return ::arrow::SliceBuffer(content_, static_cast<std::int64_t>(bodyPosition_));
-}
-
-bool CsvText::hasRows() const {
-  return bodyText().find_first_not_of("\r\n") != std::string_view::npos;
-}
-
-bool CsvText::hasQuotes() const { return bodyText().find('"') != std::string_view::npos; }
-
-std::size_t CsvText::longestRow() const {
-  const std::string_view text = bodyText();
-  std::size_t longest = 0;
-  if (hasQuotes()) {
-    CsvRecordScanner rows = bodyRows();
-    for (CsvRecord row; rows.next(row);) {
-      if (row.isUnclosed) throw unclosedQuote(path_, row.line);
-      longest = std::max(longest, row.text.size());
-    }
-    return longest;
+void CsvText::throwUnreadable(const std::string& otherwise) const {
+  std::string ragged;
+  CsvRecordScanner scanner = rows();
+  for (CsvRecord row; scanner.next(row);) {
+    if (row.isUnclosed) throw unclosedQuote(path_, row.line);
+    if (!ragged.empty() || row.cells == static_cast<std::int64_t>(header_.size())) continue;
+    ragged = fmt::format("{}, line {}: {}, but the header has {}", path_, row.line,
+                         counted(static_cast<std::uint64_t>(row.cells), "cell"), header_.size());
   }
-  for (std::size_t begin = 0; begin < text.size();) {
-    const std::size_t end = std::min(text.find('\n', begin), text.size());
-    longest = std::max(longest, end - begin);
-    begin = end + 1;
-  }
-  return longest;
-}
-
-std::int64_t CsvText::lineOfRow(std::int64_t row) const {
-  CsvRecordScanner rows = bodyRows();
-  CsvRecord record;
-  while (row >= 0 && rows.next(record)) --row;
-  return record.line;
-}
-
-std::optional<CsvRecord> CsvText::raggedRow() const {
-  CsvRecordScanner rows = bodyRows();
-  for (CsvRecord row; rows.next(row);) {
-    if (row.cells != static_cast<std::int64_t>(header_.size())) return row;
-  }
-  return std::nullopt;
+  throw std::runtime_error(ragged.empty() ? path_ + " cannot be read: " + otherwise : ragged);
 }
 
 }  // namespace kyr::tool

@@ -1,10 +1,9 @@
 #pragma once
 
-#include <arrow/type_fwd.h>
+#include <arrow/buffer.h>
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,7 +12,8 @@
 
 namespace kyr::tool {
 
-/// The text of a CSV file: header and body, and where its rows are.
+/// The text of a CSV file, header and body. It is not in memory but mapped into it; what comes from
+/// a pipe, by way of a temporary file.
 class CsvText {
  public:
   /// \throws std::runtime_error if the file cannot be read or does not begin with a header in UTF-8
@@ -24,27 +24,22 @@ class CsvText {
   /// The header's cells, without blanks around them.
   const std::vector<std::string>& header() const { return header_; }
 
-  /// What follows the header row.
-  std::shared_ptr<::arrow::Buffer> body() const;
-  bool hasRows() const;
+  /// What follows the header row, and the line of the file at which it begins.
+  std::string_view body() const { return std::string_view(*content_).substr(bodyPosition_); }
+  std::int64_t bodyLine() const { return bodyLine_; }
 
-  /// Whether the body has quotation marks, and so cells that may hold line ends.
-  bool hasQuotes() const;
+  /// The rows of the body.
+  CsvRecordScanner rows() const { return {body(), bodyLine_}; }
 
-  /// Bytes of the body's longest row, or more.
-  /// \throws std::runtime_error if a quotation mark is never closed, which would swallow all rows
-  ///         after it
-  std::size_t longestRow() const;
+  /// Lets go of the memory that a part of the body takes; it is read again where it is needed.
+  static void release(std::string_view part);
 
-  /// The line of the file at which body row \p row, from 0, begins.
-  std::int64_t lineOfRow(std::int64_t row) const;
-
-  /// The first body row with another number of cells than the header.
-  std::optional<CsvRecord> raggedRow() const;
+  /// Why the body cannot be taken apart: the first row in which a quotation mark is not closed, or
+  /// else the first one with another number of cells than the header.
+  /// \param otherwise  what is said if there is neither
+  [[noreturn]] void throwUnreadable(const std::string& otherwise) const;
 
  private:
-  std::string_view bodyText() const;
-  CsvRecordScanner bodyRows() const { return {bodyText(), bodyLine_}; }
   void readHeader(std::string_view text);
 
   std::string path_;

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -49,13 +50,39 @@ bool areSame(const std::vector<T>& a, const std::vector<T>& b) {
   return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
 }
 
+struct Samples {
+  std::vector<double> time;
+  std::vector<char> bytes;
+};
+
+// Keeps the samples of all columns.
+class SampleList : public SampleSink {
+ public:
+  void append(const CsvColumn& column, const double* times, const char* bytes,
+              std::size_t count) override {
+    Samples& samples = samples_[column.id];
+    samples.time.insert(samples.time.end(), times, times + count);
+    samples.bytes.insert(samples.bytes.end(), bytes,
+                         bytes + count * parquet::elementWidth(column.type));
+  }
+
+  void drop(const CsvColumn& column) override { samples_.erase(column.id); }
+
+  const Samples& of(const CsvColumn& column) { return samples_[column.id]; }
+
+ private:
+  std::map<int, Samples> samples_;
+};
+
 // Number of samples compared.
 std::uint64_t compareWithCsv(const std::string& file, const std::string& folder) {
-  const CsvTable table(file, {}, {});
+  CsvTable table(file, {});
+  SampleList samples;
+  table.read(samples, {});
   recording::Recording opened = recording::openRecording(Path::fromNarrow(folder));
   std::uint64_t compared = 0;
   for (const CsvColumn& column : table.columns()) {
-    const Samples expected = table.samplesOf(column);
+    const Samples& expected = samples.of(column);
     Samples read;
     std::vector<std::vector<std::size_t>> shapes;
     opened.pool().getSignal(column.id)->getData(read.time, read.bytes, shapes);

@@ -86,22 +86,23 @@ void importCsv(const ImportOptions& options) {
   }
   const Path folder = Path::fromNarrow(options.folder);
   checkTarget(options.folder, options.replaces);
+  CsvTable table(options.file, options.columns);
+  const TemporaryFolder storage;
+  ColumnStore store(storage.path(), table.width(), options.stream);
   ProgressBar bar;
-  CsvTable table(options.file, options.columns, [&bar](double part) { bar.show("reading", part); });
+  table.read(store, [&bar](double part) { bar.show("reading", part); });
   bar.hide();
   tellLosses(table, options);
   if (table.columns().empty()) {
     throw std::runtime_error(options.file +
                              ": no column holds numbers, so there is nothing to store");
   }
-  const TemporaryFolder storage;
-  ColumnStore store(storage.path(), options.stream);
+  table.checkGivenTypes();
   std::vector<recording::SignalDescription> descriptions;
-  for (CsvColumn& column : table.columns()) {
+  for (const CsvColumn& column : table.columns()) {
     bar.show("storing", static_cast<double>(descriptions.size()) /
                             static_cast<double>(table.columns().size()));
-    store.store(column, table.samplesOf(column));
-    column.cells.reset();
+    store.finish(column);
     recording::SignalDescription description;
     description.signalId = column.id;
     description.name = column.name;
@@ -140,8 +141,9 @@ void addImportCommand(CLI::App& app, Action& action) {
       "--stream", *streams, "Append the columns chunk by chunk, to files of many row groups");
   stream->excludes(separatesTime);
   command
-      ->add_option("--chunk", streamOptions->chunkRows,
-                   fmt::format("Rows per append, {} unless given", streamOptions->chunkRows))
+      ->add_option(
+          "--chunk", streamOptions->chunkRows,
+          fmt::format("Rows per append at the most, {} unless given", streamOptions->chunkRows))
       ->type_name("ROWS")
       ->check(CLI::PositiveNumber)
       ->needs(stream);

@@ -35,7 +35,7 @@ void RowRecorder::begin() {
 void RowRecorder::makeSignals() {
   for (CsvColumn& described : header_.columns) {
     Column& column = columns_.emplace_back();
-    if (!described.isText && described.place < cells_.size() &&
+    if (!described.isGiven && described.place < cells_.size() &&
         isTruthValue(cells_[described.place])) {
       described.type = Boolean;
     }
