@@ -1,9 +1,11 @@
 """Importing CSV files: what they say is stored, or refused with the place where it stands."""
 
+import os
 import struct
+import subprocess
 import unittest
 
-from tool import EXAMPLES, ToolTest, rows_of
+from tool import EXAMPLES, KYR, ToolTest, rows_of
 
 
 def bits(cell):
@@ -67,8 +69,67 @@ class Values(ToolTest):
                 self.assertEqual(self.cat(), "time,a\n0,1\n1,2\n")
 
     def test_a_pipe(self):
-        self.run_tool("import", "/dev/stdin", "rec", stdin="time,a\n0,1\n")
-        self.assertEqual(self.cat(), "time,a\n0,1\n")
+        for rows in (1, 400_000):
+            text = "time,a\n" + "".join(f"{row},{row % 7}\n" for row in range(rows))
+            self.run_tool("import", "/dev/stdin", "rec", "--force", stdin=text)
+            self.assertEqual(self.cat(), text)
+
+
+class Blocks(ToolTest):
+    """Files of more than one block of the reader."""
+
+    ROWS = 300_000
+
+    def store_late(self, time="", **late):
+        """Columns of small integers, but for one row near the end."""
+        cells = [[str(row), *(str(row % 2) for _ in late)] for row in range(self.ROWS)]
+        cells[-9] = [time or cells[-9][0], *late.values()]
+        text = "\n".join(map(",".join, [["time", *late], *cells])) + "\n"
+        return cells, self.store(text).stderr
+
+    def test_a_late_cell_decides_on_the_type(self):
+        cells, warnings = self.store_late(
+            real="0.5", empty="", sign="-0.0", boolean="True", large="18446744073709551615",
+            text="x", day="2020-01-01", again="0.5")
+        signals = self.signals()
+        self.assertEqual({name: signal["type"] for name, signal in signals.items()},
+                         {"real": "double", "empty": "int64", "sign": "double",
+                          "boolean": "boolean", "large": "uint64", "again": "double"})
+        self.assertEqual([line.split('"')[1::2] for line in warnings.splitlines()],
+                         [["text", "x"], ["day", "2020-01-01"]])
+        self.assertIn(f"line {self.ROWS - 7}", warnings)
+        self.assertEqual(signals["real"]["dataFile"], signals["again"]["dataFile"])
+        found = rows_of(self.cat())[1:]
+        truth = {"0": "false", "1": "true", "True": "true"}
+        expected = [[row[0], row[1], row[2], row[3], truth[row[4]], row[5], row[8]]
+                    for row in cells]
+        self.assertEqual(found, expected)
+
+    def test_late_times_of_another_type(self):
+        cells, _ = self.store_late(time=f"{self.ROWS - 9}.5", a="1")
+        self.assertEqual(rows_of(self.cat())[1:], cells)
+
+    def test_late_refusals(self):
+        for late, says in (({"a": "1,2"}, ["4 cells"]), ({"a": '"x'}, ["not closed"]),
+                           ({"time": "x", "a": "1"}, ['"time"', '"x"']),
+                           ({"time": "5", "a": "1"}, ['"time"', "5", "decrease"])):
+            with self.subTest(late):
+                with self.assertRaises(AssertionError) as failure:
+                    self.store_late(b="1", **late)
+                for text in (f"line {self.ROWS - 7}", *says):
+                    self.assertIn(text, str(failure.exception))
+
+    def test_memory_does_not_grow_with_the_file(self):
+        peaks = []
+        for rows in (150_000, 900_000):
+            self.write("time,a,b\n" + "".join(f"{row},{row}.5,{row % 9}\n" for row in range(rows)))
+            tool = subprocess.Popen([KYR, "import", "in.csv", "rec", "--force"], cwd=self.folder,
+                                    env=self.environment(), stdout=subprocess.DEVNULL)
+            _, status, usage = os.wait4(tool.pid, 0)
+            tool.returncode = status
+            self.assertEqual(status, 0)
+            peaks.append(usage.ru_maxrss)
+        self.assertLess(peaks[1], peaks[0] * 1.4)
 
 
 class Gaps(ToolTest):
