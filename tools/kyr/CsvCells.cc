@@ -1,9 +1,10 @@
 #include "CsvCells.h"
 
-#include <arrow/api.h>
-
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <system_error>
 
@@ -16,6 +17,51 @@ namespace {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isLineEnd(char c) { return c == '\n' || c == '\r'; }
+
+// Digits, of which the first one stands at \p at, behind those of \p number.
+const char* readDigits(const char* at, const char* end, std::uint64_t& number) {
+  for (; at != end && isDigit(*at); ++at) {
+    number = number * 10 + static_cast<std::uint64_t>(*at - '0');
+  }
+  return at;
+}
+
+// Reads a decimal number of few digits, "-1.25e-3", faster than the standard library does. Where
+// the digits as a whole number and the power of ten are doubles both, the one operation on them
+// rounds as the number has to be rounded. Where they are not, or it is no such number, null.
+const char* readShortDecimal(const char* at, const char* end, double& value) {
+  constexpr std::array<double, 23> kPowers{1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                           1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                           1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+  constexpr std::ptrdiff_t kMaxLength = 17;  // with a point, so that digits do not overflow
+  constexpr std::uint64_t kMaxExact = std::uint64_t{1} << 53U;
+  const bool isNegative = *at == '-';
+  const char* const first = isNegative ? at + 1 : at;
+  std::uint64_t digits = 0;
+  const char* stop = readDigits(first, end, digits);
+  std::int64_t power = 0;
+  if (stop != first && stop != end && *stop == '.') {
+    const char* const fraction = stop + 1;
+    stop = readDigits(fraction, end, digits);
+    power = fraction - stop;
+  }
+  if (stop == first || stop - first > kMaxLength || digits > kMaxExact) return nullptr;
+  if (stop != end && (*stop == 'e' || *stop == 'E')) {
+    const char* exponent = stop + 1;
+    const bool isDown = exponent != end && *exponent == '-';
+    if (exponent != end && (isDown || *exponent == '+')) ++exponent;
+    std::uint64_t size = 0;
+    stop = readDigits(exponent, std::min(end, exponent + 4), size);
+    if (stop == exponent) return nullptr;
+    power += isDown ? -static_cast<std::int64_t>(size) : static_cast<std::int64_t>(size);
+  }
+  const auto scale = static_cast<std::size_t>(std::abs(power));
+  if (scale >= kPowers.size()) return nullptr;
+  const auto number = static_cast<double>(digits);
+  const double size = power < 0 ? number / kPowers[scale] : number * kPowers[scale];
+  value = isNegative ? -size : size;
+  return stop;
+}
 
 /// Reads a block cell by cell.
 class PlainReader {
@@ -135,8 +181,12 @@ class PlainReader {
     const char* first = *at == '-' && at + 1 != end_ ? at + 1 : at;
     if (!isDigit(*first)) return false;
     double value = 0;
-    const auto [stop, error] = std::from_chars(at, end_, value);
-    if (error != std::errc() || !isEnd(stop)) return false;
+    const char* stop = readShortDecimal(at, end_, value);
+    if (stop == nullptr || !isEnd(stop)) {
+      const auto [standardStop, error] = std::from_chars(at, end_, value);
+      if (error != std::errc() || !isEnd(standardStop)) return false;
+      stop = standardStop;
+    }
     at = stop;
     cells.isHuge = cells.isHuge || std::abs(value) >= kHuge;
     std::uint64_t bits = 0;
