@@ -25,7 +25,12 @@ void appendNumber(fmt::memory_buffer& out, const char* element) {
     // In a column of whole numbers "-0" would be read as an integer, without its sign.
     if (value == 0 && std::signbit(value)) return out.append(std::string_view("-0.0"));
   }
-  fmt::format_to(fmt::appender(out), FMT_COMPILE("{}"), value);
+  // In place, without a look at the buffer's room for every part of a number.
+  constexpr std::size_t kLongest = 32;
+  const std::size_t size = out.size();
+  out.resize(size + kLongest);
+  const char* const end = fmt::format_to(out.data() + size, FMT_COMPILE("{}"), value);
+  out.resize(static_cast<std::size_t>(end - out.data()));
 }
 
 void appendBoolean(fmt::memory_buffer& out, const char* element) {
