@@ -166,6 +166,11 @@ unit. Types are integer (int64, or uint64 where needed), double and boolean, as 
 empty cell a signal has no sample; "nan" and "inf" are values. Times are in seconds and do not
 decrease. Columns that are no numbers are left out, and named.
 
+A file may be larger than memory: at most 128 MiB of samples wait to be written, or a row group of
+every column with --stream, besides a few blocks of 2 MiB of the file, or its longest rows. With
+--no-shared-time, one column at a time is in memory as a whole. What comes from a pipe is put into a
+temporary file first.
+
 Examples:
   kyr import run.csv run
   kyr import run.csv run --time "Time (s)" --type gear=int8
