@@ -136,12 +136,11 @@ void CsvText::readHeader(std::string_view text) {
   bodyLine_ = scanner.line();
 }
 
+// Of pages that are shared with neighbours, too: what is needed is mapped again.
 void CsvText::release(std::string_view part) {
   const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-  const auto begin = reinterpret_cast<std::uintptr_t>(part.data());
-  // Of pages that are shared with neighbours, too: what is needed is mapped again.
-  const std::uintptr_t first = begin / page * page;
-  ::madvise(reinterpret_cast<void*>(first), begin + part.size() - first, MADV_DONTNEED);
+  const std::uintptr_t offset = reinterpret_cast<std::uintptr_t>(part.data()) % page;
+  ::madvise(const_cast<char*>(part.data()) - offset, part.size() + offset, MADV_DONTNEED);
 }
 
 void CsvText::throwUnreadable(const std::string& otherwise) const {
