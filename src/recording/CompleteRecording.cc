@@ -28,6 +28,7 @@ void completeRecording(const fs::path& folder, RecordingInfo info) {
 void removeUnnamed(const fs::path& folder, const RecordingInfo& info) {
   std::set<std::string> named;
   for (const FileInfo& file : info.files) named.insert(std::to_string(file.storageId));
+  for (const PackInfo& pack : info.packs) named.insert(packName(pack.number));
   std::vector<fs::path> others;
   std::error_code ignored;
   for (fs::directory_iterator it(folder / kStorageFolder, ignored), end; it != end;

@@ -88,6 +88,28 @@ FileDigest digestFile(const fs::path& file) {
   return digest;
 }
 
+void forEachPieceOf(const DiskFile& file,
+                    const std::function<void(std::string_view, std::uint64_t)>& visit) {
+  constexpr std::size_t kPieceBytes = std::size_t{256} << 10U;  // stays in a near cache
+  std::vector<char> piece(kPieceBytes);
+  std::uint64_t at = 0;
+  while (const std::size_t size = file.readAt(at, piece.data(), piece.size())) {
+    visit({piece.data(), size}, at);
+    at += size;
+  }
+}
+
+FileDigest digestOf(const DiskFile& file) {
+  FileDigest digest;
+  Checksum checksum;
+  forEachPieceOf(file, [&](std::string_view piece, std::uint64_t /*at*/) {
+    checksum.add(piece.data(), piece.size());
+    digest.size += piece.size();
+  });
+  digest.checksum = checksum.digits();
+  return digest;
+}
+
 FileDigest copyFile(const fs::path& from, const fs::path& to) {
   const Descriptor out(to, kCreateNew, kFileMode);
   FileDigest digest;
@@ -102,8 +124,9 @@ FileDigest copyFile(const fs::path& from, const fs::path& to) {
 }
 
 std::string readTextFile(const fs::path& file) {
-  std::string text;
-  forEachPiece(file, [&](const char* data, std::size_t size) { text.append(data, size); });
+  const DiskFile in(file, DiskFile::Mode::readOnly);
+  std::string text(static_cast<std::size_t>(in.size()), '\0');
+  text.resize(in.readAt(0, text.data(), text.size()));
   return text;
 }
 
@@ -131,7 +154,7 @@ TemporaryFolder::~TemporaryFolder() {
   fs::remove_all(path_, ignored);
 }
 
-fs::path replaceFolder(TemporaryFolder& fresh, const fs::path& target) {
+fs::path replaceFolder(TemporaryFolder& fresh, const fs::path& target, bool syncs) {
   const fs::path from = fresh.path();
   // Opened first: whatever may be refused is refused before anything has changed.
   const Descriptor parent(target.parent_path(), O_RDONLY);
@@ -155,7 +178,7 @@ fs::path replaceFolder(TemporaryFolder& fresh, const fs::path& target) {
     }
   }
   fresh.release();
-  parent.sync();
+  if (syncs) parent.sync();
   return old;
 }
 

@@ -2,7 +2,11 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <string_view>
+
+#include "platform/DiskFile.h"
 
 /// File operations of recordings, down to the disk. Every failure is a std::runtime_error that
 /// names the file and the reason.
@@ -15,6 +19,13 @@ struct FileDigest {
 
 /// Size and checksum of a file.
 FileDigest digestFile(const std::filesystem::path& file);
+
+/// Of a file that is open.
+FileDigest digestOf(const DiskFile& file);
+
+/// Calls \p visit with each piece of an open file, and where it lies.
+void forEachPieceOf(const DiskFile& file,
+                    const std::function<void(std::string_view, std::uint64_t)>& visit);
 
 /// Copy \p from to the new file \p to; size and checksum are of the bytes that were copied.
 FileDigest copyFile(const std::filesystem::path& from, const std::filesystem::path& to);
@@ -47,7 +58,9 @@ class TemporaryFolder {
 };
 
 /// Put \p fresh in the place of \p target (absent, empty or an older folder) in one step, and on
-/// disk; \p fresh is released. Returns where the older folder went; empty when there was none.
-std::filesystem::path replaceFolder(TemporaryFolder& fresh, const std::filesystem::path& target);
+/// disk if it \p syncs; \p fresh is released. Returns where the older folder went; empty when there
+/// was none.
+std::filesystem::path replaceFolder(TemporaryFolder& fresh, const std::filesystem::path& target,
+                                    bool syncs);
 
 }  // namespace kyr::recording

@@ -62,6 +62,7 @@ class LiveRecording::Impl {
         journal_(takeFolder(folder_)) {
     SafeStorage storage = options.storage;
     storage.keepsFiles = true;
+    storage.holdBelow = 0;  // a part that is finished is in a file
     try {
       pool_ = std::make_unique<parquet::SignalPool>(Path::fromFilesystem(folder_ / kStorageFolder),
                                                     storage);

@@ -18,8 +18,9 @@
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFolder.h"
 #include "recording/TimeColumn.h"
-#include "signals/SignalRecords.h"
+#include "signals/SignalPoolImpl.h"
 #include "storage/ParquetStorageRecord.h"
+#include "streaming/PackFile.h"
 
 namespace kyr::recording {
 
@@ -68,6 +69,31 @@ void copyChecked(const fs::path& folder, const FileInfo& file, const fs::path& d
   }
 }
 
+// The pack, open and compared with its checksum.
+std::shared_ptr<DiskFile> openChecked(const fs::path& folder, const PackInfo& pack) {
+  const fs::path path = packPath(folder, pack.number);
+  if (!fs::exists(path)) throw std::runtime_error(path.string() + ": missing");
+  auto file = std::make_shared<DiskFile>(path, DiskFile::Mode::readOnly);
+  const FileDigest digest = digestOf(*file);
+  if (digest.size != pack.size) {
+    throw std::runtime_error(fmt::format("{}: damaged: {} bytes long, expected {}", path.string(),
+                                         digest.size, pack.size));
+  }
+  if (digest.checksum != pack.checksum) {
+    throw std::runtime_error(fmt::format("{}: damaged: its checksum is {}, expected {}",
+                                         path.string(), digest.checksum, pack.checksum));
+  }
+  return file;
+}
+
+std::shared_ptr<DiskFile> copyOf(const DiskFile& file, const fs::path& directory) {
+  const fs::path path = directory / file.path().filename();
+  auto copy = std::make_shared<DiskFile>(path, DiskFile::Mode::createNew);
+  forEachPieceOf(file,
+                 [&](std::string_view piece, std::uint64_t at) { copy->writeAt(at, {piece}); });
+  return copy;
+}
+
 bool rowGroupMode() { return FeatureFlag::isEnabled("fKYRUseParquetRowGroup"); }
 
 template <typename PoolSignal>
@@ -93,13 +119,18 @@ class Recording::Impl {
       }
     }
     try {
+      std::vector<const FileInfo*> packed;
       for (const FileInfo& file : info.files) {
-        if (needed.count(file.storageId) > 0) {
+        if (needed.count(file.storageId) == 0) continue;
+        if (file.pack) {
+          packed.push_back(&file);
+        } else {
           copyChecked(folder, file, working.path().toFilesystem());
         }
       }
       if (rowGroupMode()) splitTimeColumns(wanted);
       openPool();
+      openPacks(folder, packed);
       addSignals(wanted);
     } catch (...) {
       working.clear();
@@ -118,7 +149,8 @@ class Recording::Impl {
     const fs::path directory = working.path().toFilesystem();
     std::map<int, int> timeFileOf;
     for (SignalInfo& signal : wanted) {
-      if (signal.timeStorageId || !signal.dataStorageId) continue;
+      if (signal.timeStorageId || !signal.dataStorageId || isPacked(*signal.dataStorageId))
+        continue;
       const auto known = timeFileOf.find(*signal.dataStorageId);
       if (known != timeFileOf.end()) {
         signal.timeStorageId = known->second;
@@ -131,6 +163,44 @@ class Recording::Impl {
         signal.timeStorageId = timeId;
       }
     }
+  }
+
+  // Packs have no column of times.
+  bool isPacked(int storageId) const {
+    const auto file =
+        std::lower_bound(info.files.begin(), info.files.end(), storageId,
+                         [](const FileInfo& listed, int id) { return listed.storageId < id; });
+    return file != info.files.end() && file->storageId == storageId && file->pack;
+  }
+
+  // Packs are read where they lie, through descriptors that stay open: whatever becomes of the saved
+  // folder, their bytes stay. Those that are too many for that are copied.
+  void openPacks(const fs::path& folder, const std::vector<const FileInfo*>& packed) {
+    constexpr std::size_t kMaxDescriptors = 32;
+    const auto cache = std::make_shared<parquet::PackCache>();
+    std::map<int, std::shared_ptr<parquet::PackFile>> opened;
+    const auto& store = parquet::PoolAccess::of(*pool).sharedStore();
+    for (const FileInfo* file : packed) {
+      auto& pack = opened[*file->pack];
+      if (!pack) {
+        const bool isCopied = opened.size() > kMaxDescriptors;
+        const PackInfo& listed = packOf(*file->pack);
+        auto checked = openChecked(folder, listed);
+        if (isCopied) checked = copyOf(*checked, working.path().toFilesystem());
+        pack = std::make_shared<parquet::PackFile>(std::move(checked), isCopied, cache);
+        if (pack->rows() != listed.rowCount) {
+          throw std::runtime_error(fmt::format("{}: holds {} rows, expected {}",
+                                               packPath(folder, listed.number).string(),
+                                               pack->rows(), listed.rowCount));
+        }
+      }
+      store->offerPacked(file->storageId, {pack, file->firstRow, file->rowCount});
+    }
+  }
+
+  const PackInfo& packOf(int number) const {
+    return *std::find_if(info.packs.begin(), info.packs.end(),
+                         [number](const PackInfo& pack) { return pack.number == number; });
   }
 
   int largestId() const {
@@ -152,21 +222,20 @@ class Recording::Impl {
   }
 
   void addSignals(const std::vector<SignalInfo>& signals) {
-    std::vector<parquet::SignalRecord> records;
+    parquet::SignalPoolImpl& impl = parquet::PoolAccess::of(*pool);
     for (const SignalInfo& signal : signals) {
       pool->describeSignal(signal.signalId, signal.name, signal.unit);
-      if (!signal.timeStorageId && !signal.dataStorageId) continue;
-      records.push_back({signal.signalId, signal.timeStorageId.value_or(parquet::kNoStorage),
-                         signal.dataStorageId.value_or(parquet::kNoStorage)});
-    }
-    pool->deserializeSignalRecords(parquet::writeSignalRecords(records));
-    for (const SignalInfo& signal : signals) {
+      if (signal.timeStorageId || signal.dataStorageId) {
+        impl.adopt({signal.signalId, signal.timeStorageId.value_or(parquet::kNoStorage),
+                    signal.dataStorageId.value_or(parquet::kNoStorage)});
+      }
       if (rowGroupMode()) {
         describe(*pool->getStreamableSignal(signal.signalId), signal);
       } else {
         describe(*pool->getSignal(signal.signalId), signal);
       }
     }
+    impl.sharedStore()->dropPacked();
   }
 };
 
@@ -189,8 +258,9 @@ std::vector<SignalDescription> Recording::descriptions() const {
 
 Recording openRecording(const Path& folder) {
   RecordingInfo info = describeRecording(folder);
-  const std::vector<SignalInfo> all = info.signals;
-  return Recording(std::make_unique<Recording::Impl>(folder.toFilesystem(), std::move(info), all));
+  std::vector<SignalInfo> all = info.signals;
+  return Recording(
+      std::make_unique<Recording::Impl>(folder.toFilesystem(), std::move(info), std::move(all)));
 }
 
 Recording openRecording(const Path& folder, const std::vector<int>& signalIds) {

@@ -18,6 +18,12 @@ inline std::filesystem::path descriptionPath(const std::filesystem::path& folder
   return folder / kDescriptionFile;
 }
 
+inline std::string packName(int number) { return "pack-" + std::to_string(number) + ".parquet"; }
+
+inline std::filesystem::path packPath(const std::filesystem::path& folder, int number) {
+  return folder / kStorageFolder / packName(number);
+}
+
 inline std::filesystem::path storagePath(const std::filesystem::path& folder, int storageId) {
   return folder / kStorageFolder / std::to_string(storageId);
 }

@@ -6,13 +6,18 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 
 #include "recording/Checksum.h"
+#include "recording/PackedFormat.h"
+#include "recording/RecordingFolder.h"
 #include "recording/SignalJson.h"
 #include "schema/TypeNames.h"
+#include "signals/SignalRecords.h"
+#include "storage/ParquetStorageRecord.h"
 
 namespace kyr::recording {
 
@@ -66,13 +71,34 @@ json toJson(const FileInfo& file) {
 FileInfo fileFromJson(const json& object) {
   FileInfo file;
   object.at("storageId").get_to(file.storageId);
-  object.at("size").get_to(file.size);
   object.at("rowCount").get_to(file.rowCount);
+  if (object.contains("pack")) {
+    object.at("pack").get_to(file.pack.emplace());
+    object.at("firstRow").get_to(file.firstRow);
+    return file;
+  }
+  object.at("size").get_to(file.size);
   object.at("xxh3_128").get_to(file.checksum);
   return file;
 }
 
+PackInfo packFromJson(const json& object) {
+  PackInfo pack;
+  object.at("pack").get_to(pack.number);
+  object.at("size").get_to(pack.size);
+  object.at("rowCount").get_to(pack.rowCount);
+  object.at("xxh3_128").get_to(pack.checksum);
+  return pack;
+}
+
 bool namesFile(const RecordingInfo& info, int storageId) {
+  // Mostly no number is left out.
+  const std::int64_t guess =
+      info.files.empty() ? -1 : std::int64_t{storageId} - info.files.front().storageId;
+  if (guess >= 0 && guess < static_cast<std::int64_t>(info.files.size()) &&
+      info.files[static_cast<std::size_t>(guess)].storageId == storageId) {
+    return true;
+  }
   const auto at =
       std::lower_bound(info.files.begin(), info.files.end(), storageId,
                        [](const FileInfo& file, int id) { return file.storageId < id; });
@@ -90,6 +116,50 @@ void checkFileNames(const RecordingInfo& info) {
   }
 }
 
+// Where packed contents lie, and what they take there.
+void placeInPacks(RecordingInfo& info) {
+  std::map<int, const PackInfo*> packs;
+  for (const PackInfo& pack : info.packs) packs[pack.number] = &pack;
+  for (FileInfo& file : info.files) {
+    if (!file.pack) continue;
+    const auto found = packs.find(*file.pack);
+    if (found == packs.end()) {
+      throw std::runtime_error(fmt::format("storage id {} lies in {}/{}, which is not listed",
+                                           file.storageId, kStorageFolder, packName(*file.pack)));
+    }
+    const PackInfo& pack = *found->second;
+    if (file.firstRow > pack.rowCount || file.rowCount > pack.rowCount - file.firstRow) {
+      throw std::runtime_error(fmt::format(
+          "storage id {} is {} rows from {} on of {}/{}, which has {}", file.storageId,
+          file.rowCount, file.firstRow, kStorageFolder, packName(*file.pack), pack.rowCount));
+    }
+    // Such that the shares add up.
+    const auto bytesBefore = [&](std::uint64_t row) {
+      if (pack.rowCount == 0) return pack.size;
+      return static_cast<std::uint64_t>(static_cast<double>(row) /
+                                        static_cast<double>(pack.rowCount) *
+                                        static_cast<double>(pack.size));
+    };
+    file.size = bytesBefore(file.firstRow + file.rowCount) - bytesBefore(file.firstRow);
+  }
+}
+
+// Checks what one part says of another, and adds what follows from it.
+void complete(RecordingInfo& info) {
+  checkFileNames(info);
+  placeInPacks(info);
+}
+
+std::string recordsOf(const RecordingInfo& info) {
+  std::vector<parquet::SignalRecord> records;
+  for (const SignalInfo& signal : info.signals) {
+    if (!signal.timeStorageId && !signal.dataStorageId) continue;
+    records.push_back({signal.signalId, signal.timeStorageId.value_or(parquet::kNoStorage),
+                       signal.dataStorageId.value_or(parquet::kNoStorage)});
+  }
+  return parquet::writeSignalRecords(records);
+}
+
 RecordingInfo infoFromJson(const json& document) {
   if (!document.is_object() || document.value("format", "") != kFormatName) {
     throw std::runtime_error("not the description of a recording");
@@ -105,10 +175,13 @@ RecordingInfo infoFromJson(const json& document) {
   if (document.at("xxh3_128").get<std::string>() != documentChecksum(document)) {
     throw std::runtime_error("damaged: its checksum does not match its content");
   }
-  document.at("records").get_to(info.records);
+  if (info.formatVersion < 2) document.at("records").get_to(info.records);
   for (const json& signal : document.at("signals")) info.signals.push_back(storedFromJson(signal));
   for (const json& file : document.at("files")) info.files.push_back(fileFromJson(file));
-  checkFileNames(info);
+  if (info.formatVersion >= 2) {
+    for (const json& pack : document.at("packs")) info.packs.push_back(packFromJson(pack));
+  }
+  complete(info);
   return info;
 }
 
@@ -156,9 +229,10 @@ void requireText(const SignalDescription& signal) {
 }
 
 std::string writeRecordingJson(const RecordingInfo& info) {
+  if (info.formatVersion > 1) return writePackedJson(info);
   json document = {{"format", kFormatName},
                    {"formatVersion", info.formatVersion},
-                   {"records", info.records},
+                   {"records", info.records.empty() ? recordsOf(info) : info.records},
                    {"signals", json::array()},
                    {"files", json::array()}};
   for (const SignalInfo& signal : info.signals) {
@@ -172,6 +246,10 @@ std::string writeRecordingJson(const RecordingInfo& info) {
 
 RecordingInfo readRecordingJson(const std::string& text, const std::string& source) {
   try {
+    if (auto info = readPackedJson(text); info && info->formatVersion == 2) {
+      complete(*info);
+      return *std::move(info);
+    }
     return infoFromJson(json::parse(text));
   } catch (const json::parse_error& error) {
     throw std::runtime_error(

@@ -10,8 +10,9 @@
 /// both for readers that are not ours.
 namespace kyr::recording {
 
-/// The newest format that this library reads, and the one it writes.
-constexpr int kFormatVersion = 1;
+/// The newest format that this library reads. It writes the oldest that has what is to be said: 2 if
+/// there are packs, else 1.
+constexpr int kFormatVersion = 2;
 
 /// \throws std::invalid_argument if a text of a signal is no valid UTF-8
 std::string writeRecordingJson(const RecordingInfo& info);

@@ -1,8 +1,11 @@
 #include "recording/RecordingSnapshot.h"
 
 #include <arrow/status.h>
+#include <arrow/type.h>
+#include <arrow/util/compression.h>
 #include <fmt/format.h>
 
+#include <cstring>
 #include <stdexcept>
 
 #include "kyr/parquet/ColumnNames.h"
@@ -10,8 +13,9 @@
 #include "kyr/parquet/StreamableSignal.h"
 #include "recording/RecordingFormat.h"
 #include "recording/StoredFile.h"
-#include "signals/SignalRecords.h"
+#include "signals/SignalPoolImpl.h"
 #include "storage/ParquetStorageRecord.h"
+#include "streaming/SharedStream.h"
 
 namespace kyr::recording {
 
@@ -27,13 +31,13 @@ std::optional<int> storageIdOf(int id) {
 
 // Type and category, which the pool's signal knows; and whether all of it was written.
 template <typename PoolSignal>
-void takeTypes(parquet::SignalPool& pool, const PoolSignal& stored, SignalInfo& signal) {
+void takeTypes(const Path& directory, const PoolSignal& stored, SignalInfo& signal) {
   const ::arrow::Status status = stored.writeStatus();
   if (!status.ok()) {
     throw std::runtime_error(fmt::format("signal {}: its samples were not written: {}",
                                          signal.signalId, status.message()));
   }
-  if (stored.hasData() && stored.getParquetDirectory() != pool.getParquetDirectory()) {
+  if (stored.hasData() && stored.getParquetDirectory() != directory) {
     throw std::runtime_error(fmt::format("signal {} is stored in {}, not in the pool's directory",
                                          signal.signalId, stored.getParquetDirectory().toNarrow()));
   }
@@ -50,12 +54,26 @@ void takeTypes(parquet::SignalPool& pool, const PoolSignal& stored, SignalInfo& 
   if (dataTypeName(signal.dataType).empty()) signal.dataType = Double;
 }
 
-void takeTypes(parquet::SignalPool& pool, SignalInfo& signal) {
+void takeTypes(parquet::SignalPoolImpl& pool, SignalInfo& signal) {
+  const Path& directory = pool.getParquetDirectory();
   if (const auto stored = pool.getSignal(signal.signalId)) {
-    takeTypes(pool, *stored, signal);
+    takeTypes(directory, *stored, signal);
   } else {
-    takeTypes(pool, *pool.getStreamableSignal(signal.signalId), signal);
+    takeTypes(directory, *pool.getStreamableSignal(signal.signalId), signal);
   }
+}
+
+// Smallest and largest of times that have no file.
+std::optional<TimeSpan> spanOf(parquet::SharedStream& stream) {
+  const auto held = stream.held(0, stream.rows());
+  if (!held || stream.schema().schema->field(0)->type()->id() != ::arrow::Type::DOUBLE) return {};
+  std::optional<TimeSpan> span;
+  for (std::size_t row = 0; row < held->rows.rows; ++row) {
+    double time = 0;
+    std::memcpy(&time, held->rows.elements + row * sizeof(time), sizeof(time));
+    noteTime(span, time);
+  }
+  return span;
 }
 
 }  // namespace
@@ -68,13 +86,29 @@ void InfoBuilder::add(SignalInfo signal) {
     signal.compression = facts.compression;
     if (facts.timeSpan) signal.timeSpan = facts.timeSpan;
   }
-  signals_[signal.signalId] = std::move(signal);
+  const int id = signal.signalId;
+  signals_.insert_or_assign(signals_.end(), id, std::move(signal));
 }
 
 const InfoBuilder::FileFacts& InfoBuilder::factsOf(int signalId, int storageId, bool isTime) {
-  const auto key = std::make_pair(storageId, isTime);
+  const std::int64_t key = std::int64_t{storageId} * 2 + (isTime ? 1 : 0);
   const auto known = facts_.find(key);
   if (known != facts_.end()) return known->second;
+  const auto stream = store_ ? store_->streamOf(storageId) : nullptr;
+  FileFacts facts;
+  if (stream && !stream->hasFile()) {
+    stream->open();
+    facts.rowCount = stream->rows();
+    facts.compression = ::arrow::util::Codec::GetCodecAsString(stream->codec());
+    if (isTime) facts.timeSpan = spanOf(*stream);
+  } else {
+    facts = factsOfFile(signalId, storageId, isTime);
+  }
+  files_.emplace_hint(files_.end(), storageId, facts.rowCount);
+  return facts_.emplace(key, std::move(facts)).first->second;
+}
+
+InfoBuilder::FileFacts InfoBuilder::factsOfFile(int signalId, int storageId, bool isTime) const {
   const fs::path path = directory_ / std::to_string(storageId);
   if (!fs::exists(path)) {
     throw std::runtime_error(
@@ -86,29 +120,27 @@ const InfoBuilder::FileFacts& InfoBuilder::factsOf(int signalId, int storageId, 
   facts.rowCount = file.rowCount();
   facts.compression = file.compression(parquet::columnNames::data);
   if (file.hasColumn(timeColumn)) facts.timeSpan = file.span(timeColumn);
-  files_.emplace(storageId, file.rowCount());
-  return facts_.emplace(key, std::move(facts)).first->second;
+  return facts;
 }
 
-RecordingInfo InfoBuilder::take(std::string records) {
+RecordingInfo InfoBuilder::take() {
   RecordingInfo info;
-  info.formatVersion = kFormatVersion;
-  std::vector<SignalRecord> stored;
-  for (auto& [id, signal] : signals_) {
-    if (signal.timeStorageId || signal.dataStorageId) {
-      stored.push_back({id, signal.timeStorageId.value_or(kNoStorage),
-                        signal.dataStorageId.value_or(kNoStorage)});
-    }
-    info.signals.push_back(std::move(signal));
+  info.formatVersion = 1;  // until something is packed
+  info.signals.reserve(signals_.size());
+  for (auto& [id, signal] : signals_) info.signals.push_back(std::move(signal));
+  info.files.reserve(files_.size());
+  for (const auto& [id, rows] : files_) {
+    FileInfo& file = info.files.emplace_back();
+    file.storageId = id;
+    file.rowCount = rows;
   }
-  info.records = records.empty() ? parquet::writeSignalRecords(stored) : std::move(records);
-  for (const auto& [id, rows] : files_) info.files.push_back({id, 0, rows, ""});
   return info;
 }
 
 RecordingInfo snapshotOf(parquet::SignalPool& pool,
                          const std::vector<SignalDescription>& descriptions) {
-  std::string records = pool.serializeSignalRecords();
+  parquet::SignalPoolImpl& impl = parquet::PoolAccess::of(pool);
+  const std::vector<SignalRecord> records = impl.finishedRecords();
   std::map<int, SignalInfo> signals;
   for (const SignalDescription& description : descriptions) {
     SignalInfo signal;
@@ -118,19 +150,19 @@ RecordingInfo snapshotOf(parquet::SignalPool& pool,
           fmt::format("signal {} is described twice", description.signalId));
     }
   }
-  parquet::readSignalRecords(records, [&](const SignalRecord& record) {
+  for (const SignalRecord& record : records) {
     SignalInfo& signal = signals[record.signalId];
     if (signal.name.empty()) signal.name = fmt::format("signal {}", record.signalId);
     signal.signalId = record.signalId;
     signal.timeStorageId = storageIdOf(record.timeStorageId);
     signal.dataStorageId = storageIdOf(record.dataStorageId);
-  });
-  InfoBuilder builder(pool.getParquetDirectory().toFilesystem());
+  }
+  InfoBuilder builder(pool.getParquetDirectory().toFilesystem(), impl.sharedStore());
   for (auto& [id, signal] : signals) {
-    if (pool.checkSignalExists(id)) takeTypes(pool, signal);
+    if (impl.checkSignalExists(id)) takeTypes(impl, signal);
     builder.add(std::move(signal));
   }
-  return builder.take(std::move(records));
+  return builder.take();
 }
 
 }  // namespace kyr::recording

@@ -3,28 +3,33 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/recording/RecordingInfo.h"
+#include "streaming/SharedStore.h"
 
 namespace kyr::recording {
 
 /// Collects what recording.json says of signals over the Parquet files of a directory.
 class InfoBuilder {
  public:
-  explicit InfoBuilder(std::filesystem::path directory) : directory_(std::move(directory)) {}
+  /// \param store  of a safe pool, whose contents need not be in files; may be null
+  explicit InfoBuilder(std::filesystem::path directory,
+                       std::shared_ptr<parquet::SharedStore> store = nullptr)
+      : directory_(std::move(directory)), store_(std::move(store)) {}
 
   /// Adds a signal and the files that it names, and tells from them what the signal's files tell.
   /// \throws std::runtime_error naming a file that is missing or no Parquet file
   void add(SignalInfo signal);
 
-  /// Sizes and checksums of the files are left out.
-  /// \param records  text for SignalPool::deserializeSignalRecords; made of the signals if empty
-  RecordingInfo take(std::string records = "");
+  /// Sizes and checksums of the files, and the records, are left out.
+  RecordingInfo take();
 
  private:
   struct FileFacts {
@@ -34,11 +39,13 @@ class InfoBuilder {
   };
 
   const FileFacts& factsOf(int signalId, int storageId, bool isTime);
+  FileFacts factsOfFile(int signalId, int storageId, bool isTime) const;
 
   std::filesystem::path directory_;
+  std::shared_ptr<parquet::SharedStore> store_;
   std::map<int, SignalInfo> signals_;
-  std::map<std::pair<int, bool>, FileFacts> facts_;
-  std::map<int, std::uint64_t> files_;  // rows by storage id
+  std::unordered_map<std::int64_t, FileFacts> facts_;  // by storage id, and whether it is of times
+  std::map<int, std::uint64_t> files_;                 // rows by storage id
 };
 
 /// What a recording of the pool says, without sizes and checksums of its files. Finishes all

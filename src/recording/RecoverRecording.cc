@@ -18,6 +18,7 @@
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingSnapshot.h"
 #include "recording/StorageFiles.h"
+#include "streaming/PackFile.h"
 
 namespace kyr::recording {
 
@@ -48,6 +49,7 @@ class Recovery {
       return std::move(result_);
     }
     if (!fs::is_directory(folder_ / kStorageFolder)) nothing();
+    refusePacks();
     storage_.emplace(folder_ / kStorageFolder);
     readDescription();
     if (!hasJournal_) addUndescribed();
@@ -88,6 +90,21 @@ class Recovery {
       if (faults.empty()) result_.signals.push_back(std::move(kept));
     }
     return faults.empty();
+  }
+
+  // Only a saved recording has packs, and only its description says what they hold.
+  void refusePacks() const {
+    for (const auto& entry : fs::directory_iterator(folder_ / kStorageFolder)) {
+      const std::string name = entry.path().filename();
+      if (name.rfind("pack-", 0) != 0) continue;
+      throw std::runtime_error(fmt::format(
+          "{}: the recording is packed, and without its {} nothing says to which signal the rows "
+          "of "
+          "{}/{} belong: they cannot be recovered, but any program that reads Parquet can read "
+          "them, "
+          "by the column \"{}\"",
+          folder_.string(), kDescriptionFile, kStorageFolder, name, parquet::kPackColumn));
+    }
   }
 
   void readDescription() {

@@ -5,10 +5,12 @@
 
 #include "kyr/platform/FileSystem.h"
 #include "kyr/recording/Recording.h"
+#include "recording/ContentSaver.h"
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingSnapshot.h"
+#include "signals/SignalPoolImpl.h"
 
 namespace kyr::recording {
 
@@ -74,10 +76,26 @@ void disposeOf(const fs::path& old, const fs::path& folder) {
   fs::remove(old, ignored);
 }
 
+// Called when all is written: the disk can then put the files out together.
+void syncAll(const fs::path& folder, const RecordingInfo& info) {
+  for (const FileInfo& file : info.files) {
+    if (!file.pack) syncToDisk(storagePath(folder, file.storageId));
+  }
+  for (const PackInfo& pack : info.packs) syncToDisk(packPath(folder, pack.number));
+  for (const fs::path& path : {descriptionPath(folder), folder / kStorageFolder, folder}) {
+    syncToDisk(path);
+  }
+}
+
 }  // namespace
 
 void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescription>& descriptions,
                    const Path& folder) {
+  saveRecording(pool, descriptions, folder, SaveOptions());
+}
+
+void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescription>& descriptions,
+                   const Path& folder, const SaveOptions& options) {
   const fs::path target = canonicalFolder(folder.toFilesystem());
   checkReplaceable(target);
   RecordingInfo info = snapshotOf(pool, descriptions);
@@ -88,12 +106,11 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
       fileSystem::uniqueName(beside, toUtf16(target.filename().string() + ".saving-"), u"")
           .toFilesystem());
   fs::create_directories(fresh.path() / kStorageFolder);
-  for (FileInfo& file : info.files) {
-    FileDigest digest = copyFile(working / std::to_string(file.storageId),
-                                 storagePath(fresh.path(), file.storageId));
-    file.size = digest.size;
-    file.checksum = std::move(digest.checksum);
-  }
+  ContentSaver saver(working, parquet::PoolAccess::of(pool).sharedStore(),
+                     fresh.path() / kStorageFolder, options);
+  for (FileInfo& file : info.files) saver.save(file);
+  info.packs = saver.finish();
+  info.formatVersion = info.packs.empty() ? 1 : kFormatVersion;
   writeTextFile(descriptionPath(fresh.path()), writeRecordingJson(info));
 
   if (fs::exists(target)) {
@@ -101,13 +118,8 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
     fs::permissions(fresh.path(), fs::status(target).permissions());
   }
 
-  // Flushed after all is written: the disk can then put the files out together.
-  for (const FileInfo& file : info.files) syncToDisk(storagePath(fresh.path(), file.storageId));
-  for (const fs::path& path :
-       {descriptionPath(fresh.path()), fresh.path() / kStorageFolder, fresh.path()}) {
-    syncToDisk(path);
-  }
-  const fs::path old = replaceFolder(fresh, target);
+  if (options.sync) syncAll(fresh.path(), info);
+  const fs::path old = replaceFolder(fresh, target, options.sync);
   if (!old.empty()) disposeOf(old, target);
 }
 

@@ -15,13 +15,18 @@
 
 namespace kyr::recording {
 
+/// Takes a time into a span, unless it is NaN.
+void noteTime(std::optional<TimeSpan>& span, double time);
+
 /// A numbered Parquet file of a storage directory, opened to look at: rows, columns, and columns
 /// read one row group at a time. Failures are std::runtime_error naming the file.
 class StoredFile {
  public:
   explicit StoredFile(std::filesystem::path path);
+  /// Rows [first, first + count) of a pack, as if they were a file of their own.
+  StoredFile(std::filesystem::path pack, std::uint64_t first, std::uint64_t count);
 
-  std::uint64_t rowCount() const;
+  std::uint64_t rowCount() const { return count_; }
   const std::shared_ptr<::arrow::Schema>& schema() const { return schema_; }
   bool hasColumn(const std::string& name) const;
 
@@ -46,6 +51,8 @@ class StoredFile {
   std::filesystem::path path_;
   std::unique_ptr<::parquet::arrow::FileReader> reader_;
   std::shared_ptr<::arrow::Schema> schema_;
+  std::uint64_t first_ = 0;
+  std::uint64_t count_ = 0;
 };
 
 }  // namespace kyr::recording

@@ -15,6 +15,7 @@
 #include "recording/StoredFile.h"
 #include "signals/SignalRecords.h"
 #include "storage/ParquetStorageRecord.h"
+#include "streaming/PackFile.h"
 
 namespace kyr::recording {
 
@@ -55,9 +56,21 @@ class Verifier {
       : folder_(folder.toFilesystem()), info_(describeRecording(folder)) {}
 
   std::vector<std::string> run() {
-    for (const FileInfo& file : info_.files) {
+    for (const PackInfo& pack : info_.packs) {
       try {
-        checkFile(file);
+        checkPack(pack);
+      } catch (const std::exception& error) {
+        fault("{}/{}: {}", kStorageFolder, packName(pack.number), error.what());
+      }
+    }
+    for (const FileInfo& file : info_.files) {
+      files_[file.storageId] = &file;
+      try {
+        if (file.pack) {
+          checkPacked(file);
+        } else {
+          checkFile(file);
+        }
       } catch (const std::exception& error) {
         fault("{}: {}", label(file.storageId), error.what());
       }
@@ -84,25 +97,76 @@ class Verifier {
 
   void checkFile(const FileInfo& file) {
     const fs::path path = storagePath(folder_, file.storageId);
-    const std::string name = label(file.storageId);
-    if (!fs::exists(path)) return fault("{}: missing", name);
+    if (isSound(path, label(file.storageId), file)) sound_.insert(file.storageId);
+  }
+
+  // The file can be read; a wrong number of rows is told, and no obstacle to look further.
+  template <typename Expected>
+  bool isSound(const fs::path& path, const std::string& name, const Expected& file) {
+    if (!fs::exists(path)) {
+      fault("{}: missing", name);
+      return false;
+    }
     const FileDigest digest = digestFile(path);
     if (digest.size != file.size) {
-      return fault("{}: {} bytes long, expected {}", name, digest.size, file.size);
+      fault("{}: {} bytes long, expected {}", name, digest.size, file.size);
+      return false;
     }
     if (digest.checksum != file.checksum) {
-      return fault("{}: damaged: its checksum is {}, expected {}", name, digest.checksum,
-                   file.checksum);
+      fault("{}: damaged: its checksum is {}, expected {}", name, digest.checksum, file.checksum);
+      return false;
     }
     const StoredFile stored(path);
     if (stored.rowCount() != file.rowCount) {
       fault("{}: holds {} rows, expected {}", name, stored.rowCount(), file.rowCount);
+    }
+    return true;
+  }
+
+  // Runs of rows of the same storage id in a pack.
+  struct Run {
+    std::uint64_t first = 0;
+    std::uint64_t count = 0;
+  };
+
+  void checkPack(const PackInfo& pack) {
+    const fs::path path = packPath(folder_, pack.number);
+    if (!isSound(path, fs::path(kStorageFolder) / packName(pack.number), pack)) return;
+    std::map<int, Run>& runs = runs_[pack.number];
+    std::uint64_t row = 0;
+    int last = 0;
+    StoredFile(path).forEachRowGroup({parquet::kPackColumn}, [&](const auto& columns) {
+      for (const auto& chunk : columns[0]->chunks()) {
+        const auto& ids = dynamic_cast<const ::arrow::Int32Array&>(*chunk);
+        for (std::int64_t i = 0; i < ids.length(); ++i, ++row) {
+          const auto [run, isNew] = runs.try_emplace(ids.Value(i), Run{row, 0});
+          if (!isNew && last != ids.Value(i)) {
+            throw std::runtime_error(
+                fmt::format("the rows of storage id {} do not follow each other", ids.Value(i)));
+          }
+          last = ids.Value(i);
+          ++run->second.count;
+        }
+      }
+    });
+  }
+
+  void checkPacked(const FileInfo& file) {
+    const auto runs = runs_.find(*file.pack);
+    if (runs == runs_.end()) return;  // told of the pack
+    const auto run = runs->second.find(file.storageId);
+    const Run found = run == runs->second.end() ? Run() : run->second;
+    if (found.count != file.rowCount || (found.count > 0 && found.first != file.firstRow)) {
+      return fault("{}/{}: storage id {} has {} rows from {} on, expected {} from {} on",
+                   kStorageFolder, packName(*file.pack), file.storageId, found.count, found.first,
+                   file.rowCount, file.firstRow);
     }
     sound_.insert(file.storageId);
   }
 
   // The records' text, which hosts restore a pool from, says the same as the signals.
   void checkRecords() {
+    if (info_.formatVersion > 1) return;  // there are none
     std::map<int, std::pair<int, int>> recorded;
     try {
       parquet::readSignalRecords(info_.records, [&](const parquet::SignalRecord& record) {
@@ -131,7 +195,9 @@ class Verifier {
   // signal: a recording may have more files than a process may hold open.
   std::optional<StoredFile> soundFile(const std::optional<int>& storageId) const {
     if (!storageId || sound_.count(*storageId) == 0) return std::nullopt;
-    return StoredFile(storagePath(folder_, *storageId));
+    const FileInfo& file = *files_.at(*storageId);
+    if (!file.pack) return StoredFile(storagePath(folder_, *storageId));
+    return StoredFile(packPath(folder_, *file.pack), file.firstRow, file.rowCount);
   }
 
   void checkSignal(const SignalInfo& signal) {
@@ -222,6 +288,7 @@ class Verifier {
         named.insert(std::to_string(file.storageId));
       }
     }
+    for (const PackInfo& pack : info_.packs) named.insert(packName(pack.number));
     std::error_code missing;
     for (const auto& entry : fs::directory_iterator(folder_ / kStorageFolder, missing)) {
       const std::string name = entry.path().filename().string();
@@ -231,6 +298,8 @@ class Verifier {
 
   fs::path folder_;
   RecordingInfo info_;
+  std::map<int, const FileInfo*> files_;
+  std::map<int, std::map<int, Run>> runs_;  // by pack and storage id
   std::set<int> sound_;
   std::vector<std::string> faults_;
 };

@@ -83,6 +83,11 @@ SampleSchema::SampleSchema(std::shared_ptr<::arrow::Schema> of) : schema(std::mo
   elementType = leafType(type);
 }
 
+std::size_t elementBytes(const SampleSchema& schema) {
+  const auto* fixed = dynamic_cast<const ::arrow::FixedWidthType*>(schema.elementType.get());
+  return fixed != nullptr ? static_cast<std::size_t>(fixed->bit_width()) / 8 : 1;
+}
+
 std::size_t shapeElements(const std::vector<std::uint64_t>& extents) {
   std::size_t product = 1;
   bool tooMany = false;

@@ -27,6 +27,9 @@ struct SampleSchema {
   explicit SampleSchema(std::shared_ptr<::arrow::Schema> schema);
 };
 
+/// Bytes of an element; 1 for blobs, whose elements are their bytes.
+std::size_t elementBytes(const SampleSchema& schema);
+
 /// Product of the extents; 1 for none, the largest number if it is larger still.
 std::size_t shapeElements(const std::vector<std::uint64_t>& extents);
 

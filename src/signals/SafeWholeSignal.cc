@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "kyr/parquet/ColumnNames.h"
-#include "kyr/parquet/SchemaBuilder.h"
 #include "streaming/PartTables.h"
 
 namespace kyr::parquet {
@@ -68,8 +67,7 @@ SharedPart SafeWholeSignal::partOf(SignalPart name, const SampleSchema& schema,
 
 void SafeWholeSignal::setData(const std::vector<double>& time, const std::vector<char>& data,
                               const Dims& dims, const std::vector<int>& lengths) {
-  const SampleSchema schema(schemaBuilder::getSchema(label_->category, label_->dataType,
-                                                     /*includeTime=*/false, columnNames::data));
+  const SampleSchema& schema = store_->sampleSchema(label_->category, label_->dataType);
   const std::size_t width = elementWidth(label_->dataType);
   if (data.empty()) return;
   if (time_.id() && !time.empty()) {
@@ -91,12 +89,22 @@ void SafeWholeSignal::setData(const std::vector<double>& time, const std::vector
 
 void SafeWholeSignal::getData(std::vector<double>& time, std::vector<char>& data, Dims& dims,
                               std::vector<int>& lengths) {
-  if (time_.id()) {
-    const PartRows rows(time_.read(0, kAll));
+  if (const auto held = time_.id() ? time_.held(0, kAll) : std::nullopt) {
+    time.resize(held->rows.bytes / sizeof(double));
+    std::memcpy(time.data(), held->rows.elements, time.size() * sizeof(double));
+  } else if (time_.id()) {
+    const PartRows rows = time_.hostRows(0, kAll);
     time.resize(rows.bytes.size() / sizeof(double));
     if (!time.empty()) std::memcpy(time.data(), rows.bytes.data(), rows.bytes.size());
   }
   if (!data_.id()) return;
+  if (const auto held = data_.held(0, kAll)) {
+    PartRows rows(held->rows);
+    data = std::move(rows.bytes);
+    if (rows.dimensions) dims.assign(rows.dimensions->begin(), rows.dimensions->end());
+    lengths = std::move(rows.sizes);
+    return;
+  }
   const auto tables = data_.read(0, kAll);
   if (!time_.id()) takeTimeColumn(tables, time);
   PartRows rows(tables);

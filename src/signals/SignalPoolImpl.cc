@@ -15,6 +15,7 @@
 #include "signals/SignalRecords.h"
 #include "storage/ParquetStorageRecord.h"
 #include "streaming/SafeStreamableSignal.h"
+#include "streaming/SharedStream.h"
 #include "streaming/StreamableSignalImpl.h"
 
 namespace kyr::parquet {
@@ -194,11 +195,18 @@ void SignalPoolImpl::flush() {
       static_cast<SafeStreamableSignal&>(**streamed).write();
     }
   }
+  if (store->holdsAny()) store->forEachStream([](SharedStream& stream) { stream.flushHeld(); });
   if (store->options().sync != SafeStorage::Sync::never) store->sync();
   store->noteFlush();
 }
 
 std::string SignalPoolImpl::serializeSignalRecords() const {
+  const auto records = finishedRecords();
+  if (store) store->forEachStream([](SharedStream& stream) { stream.writeOut(); });
+  return writeSignalRecords(records);
+}
+
+std::vector<SignalRecord> SignalPoolImpl::finishedRecords() const {
   std::vector<SignalRecord> records;
   for (const auto& [id, signal] : signals) {
     if (store ? signal.index() == 1 : rowGroupMode()) {
@@ -214,18 +222,20 @@ std::string SignalPoolImpl::serializeSignalRecords() const {
                          stored.getStorageId(static_cast<char>(SignalPart::data))});
     }
   }
-  return writeSignalRecords(records);
+  return records;
 }
 
 void SignalPoolImpl::deserializeSignalRecords(const std::string& text) {
-  readSignalRecords(text, [this](const SignalRecord& record) {
-    const int timeId = record.timeStorageId;
-    const int dataId = record.dataStorageId;
-    signals.insert_or_assign(record.signalId,
-                             rowGroupMode()
-                                 ? Signal(makeStreamableSignal(record.signalId, timeId, dataId))
-                                 : Signal(makeSignal(record.signalId, timeId, dataId)));
-  });
+  readSignalRecords(text, [this](const SignalRecord& record) { adopt(record); });
+}
+
+void SignalPoolImpl::adopt(const SignalRecord& record) {
+  const int timeId = record.timeStorageId;
+  const int dataId = record.dataStorageId;
+  signals.insert_or_assign(record.signalId,
+                           rowGroupMode()
+                               ? Signal(makeStreamableSignal(record.signalId, timeId, dataId))
+                               : Signal(makeSignal(record.signalId, timeId, dataId)));
 }
 
 }  // namespace kyr::parquet

@@ -5,15 +5,18 @@
 #include <string>
 #include <unordered_map>
 #include <variant>
+#include <vector>
 
 #include "kyr/parquet/ParquetSerializerWorker.h"
 #include "kyr/parquet/ParquetSignal.h"
 #include "kyr/parquet/RedundancyChecker.h"
 #include "kyr/parquet/RedundancyEliminator.h"
 #include "kyr/parquet/SafeStorage.h"
+#include "kyr/parquet/SignalPool.h"
 #include "kyr/parquet/StreamableSignal.h"
 #include "kyr/parquet/StreamableWriter.h"
 #include "kyr/platform/Path.h"
+#include "signals/SignalRecords.h"
 #include "streaming/SharedStore.h"
 #include "streaming/SignalLabel.h"
 
@@ -43,7 +46,13 @@ class SignalPoolImpl {
   void reset();
   void reset(const Path& dir);
   std::string serializeSignalRecords() const;
+  /// Of all signals with data, which are finished first. Contents may be held in memory still.
+  std::vector<SignalRecord> finishedRecords() const;
   void deserializeSignalRecords(const std::string& text);
+  /// Makes the signal over files, or packs, of this pool's directory.
+  void adopt(const SignalRecord& record);
+  /// Null in a pool without SafeStorage.
+  const std::shared_ptr<SharedStore>& sharedStore() const { return store; }
 
  private:
   SignalPoolImpl(const Path& dir, std::optional<SafeStorage> storage);
@@ -70,6 +79,12 @@ class SignalPoolImpl {
   // What is known of stored chunks; as old as the pool, whatever its directory.
   std::shared_ptr<RedundancyChecker::Context<unsigned long>> redundancyContext;
   std::shared_ptr<RedundancyEliminator::Registry> fileNodes;
+};
+
+/// What is behind a pool, for the rest of the library.
+class PoolAccess {
+ public:
+  static SignalPoolImpl& of(const SignalPool& pool) { return *pool.impl_; }
 };
 
 }  // namespace kyr::parquet

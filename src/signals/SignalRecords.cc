@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -22,13 +23,14 @@ int firstId(const nlohmann::json& record, const char* member) {
 }  // namespace
 
 std::string writeSignalRecords(const std::vector<SignalRecord>& records) {
-  nlohmann::json array = nlohmann::json::array();
+  std::string text = "[";
   for (const SignalRecord& record : records) {
-    array.push_back({{"signalId", record.signalId},
-                     {"timeStorageId", nlohmann::json::array({record.timeStorageId})},
-                     {"dataStorageId", nlohmann::json::array({record.dataStorageId})}});
+    fmt::format_to(std::back_inserter(text),
+                   R"({}{{"dataStorageId":[{}],"signalId":{},"timeStorageId":[{}]}})",
+                   text.size() == 1 ? "" : ",", record.dataStorageId, record.signalId,
+                   record.timeStorageId);
   }
-  return array.dump();
+  return text + "]";
 }
 
 void readSignalRecords(const std::string& text,

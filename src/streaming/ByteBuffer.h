@@ -25,6 +25,7 @@ class ByteBuffer {
   }
 
   const char* data() const { return bytes_.get(); }
+  char* data() { return bytes_.get(); }
   std::size_t size() const { return size_; }
 
   void append(const void* bytes, std::size_t count) {
@@ -37,6 +38,11 @@ class ByteBuffer {
     size_ += count;
   }
 
+  /// Adds bytes that the caller fills in.
+  void extend(std::size_t count) {
+    if (count > capacity_ - size_) grow(count);
+    size_ += count;
+  }
   void truncate(std::size_t size) { size_ = std::min(size_, size); }
 
   /// \param keep  bytes that memory is kept for, if there is less than twice as much

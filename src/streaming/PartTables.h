@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "schema/SampleLayout.h"
+#include "streaming/RowStore.h"
 
 namespace kyr::parquet {
 
@@ -18,6 +19,7 @@ const SampleSchema& timeSchema();
 struct PartRows {
   PartRows() = default;
   explicit PartRows(const std::vector<std::shared_ptr<::arrow::Table>>& tables) { append(tables); }
+  explicit PartRows(const RowSlice& rows);
 
   void append(const std::vector<std::shared_ptr<::arrow::Table>>& tables);
 

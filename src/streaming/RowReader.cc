@@ -94,6 +94,10 @@ std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata
   return ::parquet::FileMetaData::Make(metadata.data(), &size, unlimited());
 }
 
+std::shared_ptr<::arrow::io::RandomAccessFile> arrowFile(std::shared_ptr<const DiskFile> file) {
+  return std::make_shared<DiskSource>(std::move(file));
+}
+
 RowReader::RowReader(std::shared_ptr<const DiskFile> file) : file_(std::move(file)) {}
 
 void RowReader::open(const BatchIndex& index, std::size_t first, std::size_t count) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <arrow/io/type_fwd.h>
 #include <arrow/type_fwd.h>
 #include <parquet/arrow/reader.h>
 #include <parquet/metadata.h>
@@ -21,6 +22,9 @@ namespace kyr::parquet {
 /// Serialized metadata, parsed.
 /// \throws ::parquet::ParquetException if they are none
 std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata);
+
+/// A file as Arrow reads it.
+std::shared_ptr<::arrow::io::RandomAccessFile> arrowFile(std::shared_ptr<const DiskFile> file);
 
 /// Reads rows of a file whose row groups an index knows. The reader of the batches that were read
 /// last is kept open for the next range that needs the same; their rows are not.

@@ -299,6 +299,11 @@ void RowStore::append(const ::arrow::Table& table) {
   rows_ += rows;
 }
 
+void RowStore::grow(std::size_t rows) {
+  elements_.extend(rows * width_);
+  rows_ += rows;
+}
+
 void RowStore::truncate(std::size_t rows) {
   const std::size_t elements =
       schema_.kind == ColumnKind::flat ? rows : (rows == 0 ? 0 : shapes_.rowEnds[rows - 1]);

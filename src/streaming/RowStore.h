@@ -101,6 +101,10 @@ class RowStore {
 
   /// Bytes of the elements alone.
   std::size_t elementBytes() const { return elements_.size(); }
+  /// Adds rows of a flat column, whose values the caller fills in.
+  void grow(std::size_t rows);
+  /// Of a flat column.
+  char* values() { return elements_.data(); }
 
   RowSlice slice(std::size_t from, std::size_t count) const;
   RowSlice slice(std::size_t from = 0) const { return slice(from, rows_ - from); }
@@ -121,6 +125,13 @@ class RowStore {
   std::size_t rows_ = 0;
   ByteBuffer elements_;
   RowShapes shapes_;
+};
+
+/// Rows in memory that somebody keeps there: whoever it is that owns the object that they are of, or
+/// \p keeper.
+struct HeldRows {
+  RowSlice rows;
+  std::shared_ptr<const RowStore> keeper;
 };
 
 }  // namespace kyr::parquet

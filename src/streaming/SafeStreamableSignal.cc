@@ -7,10 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "kyr/parquet/ColumnNames.h"
-#include "kyr/parquet/SchemaBuilder.h"
 #include "storage/ParquetStorageRecord.h"
-#include "streaming/PartTables.h"
 
 namespace kyr::parquet {
 
@@ -21,6 +18,7 @@ namespace {
 PartRows readRows(SharedPart& part, std::uint64_t from, std::uint64_t to,
                   std::vector<char>& reused) {
   constexpr std::uint64_t kSlice = 131'072;
+  if (const auto held = part.held(from, to)) return PartRows(held->rows);
   PartRows rows;
   const bool isLong = from < to && to - from > kSlice;
   const std::uint64_t end = isLong ? std::min(to, part.rows()) : to;
@@ -66,8 +64,7 @@ void SafeStreamableSignal::setParquetCompressionType(const ::arrow::Compression:
 
 const SampleSchema& SafeStreamableSignal::dataSchema() {
   if (!schema_.schema || schemaType_ != label_->dataType || schemaCategory_ != label_->category) {
-    schema_ = SampleSchema(schemaBuilder::getSchema(label_->category, label_->dataType,
-                                                    /*includeTime=*/false, columnNames::data));
+    schema_ = store_->sampleSchema(label_->category, label_->dataType);
     schemaType_ = label_->dataType;
     schemaCategory_ = label_->category;
     width_ = elementWidth(schemaType_);

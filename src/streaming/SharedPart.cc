@@ -55,7 +55,7 @@ void SharedPart::moveTo(std::shared_ptr<SharedStream> stream) noexcept {
 void SharedPart::adopt(int id) {
   reset();
   auto stream = store_->streamOf(id);
-  moveTo(stream ? stream : SharedStream::adopt(store_, id));
+  moveTo(stream ? stream : SharedStream::adopt(store_, id, store_->takePacked(id)));
   isOpened_ = false;
 }
 
@@ -79,7 +79,7 @@ void SharedPart::append(const SampleSchema& schema, const RowSlice& rows, std::s
   } else if (!beginAsAnother(schema, rows)) {
     const auto stream = SharedStream::create(store_, schema, width, compression_);
     stream->extend(rows, batchRows_);
-    stream->hangUnderRoot(store_->roots(*schema.schema), keyOf(0, rows));
+    stream->hangUnderRoot(store_->roots(schema.schema), keyOf(0, rows));
     moveTo(stream);
     equalRows_ = rows.rows;
   }
@@ -97,7 +97,7 @@ void SharedPart::store(const SampleSchema& schema, const SampleChunk& chunk, std
     const auto stream = SharedStream::create(store_, schema, width, compression_);
     moveTo(stream);  // for the file to tell whose it is
     stream->sealWith(rows);
-    stream->hangUnderRoot(store_->roots(*schema.schema), keyOf(0, rows));
+    stream->hangUnderRoot(store_->roots(schema.schema), keyOf(0, rows));
     equalRows_ = rows.rows;
   } catch (...) {
     reset();
@@ -116,7 +116,7 @@ void SharedPart::requireSameSchema(const SampleSchema& schema) {
 }
 
 bool SharedPart::beginAsAnother(const SampleSchema& schema, const RowSlice& rows) {
-  const Forks& roots = store_->roots(*schema.schema);
+  const Forks& roots = store_->roots(schema.schema);
   const auto found = roots.find(keyOf(0, rows));
   if (found == roots.end()) return false;
   moveTo(found->second->shared_from_this());
@@ -266,6 +266,17 @@ void SharedPart::reset() {
   equalRows_ = 0;
   isOpened_ = true;
   checkedSchema_.reset();
+}
+
+std::optional<HeldRows> SharedPart::held(std::uint64_t from, std::uint64_t to) {
+  to = std::min(to, rows());
+  if (from >= to || to > equalRows_) return std::nullopt;
+  return stream_->held(from, to);
+}
+
+PartRows SharedPart::hostRows(std::uint64_t from, std::uint64_t to) {
+  if (const auto rows = held(from, to)) return PartRows(rows->rows);
+  return PartRows(read(from, to));
 }
 
 std::vector<std::shared_ptr<::arrow::Table>> SharedPart::read(std::uint64_t from,

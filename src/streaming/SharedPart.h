@@ -8,6 +8,7 @@
 #include <optional>
 #include <vector>
 
+#include "streaming/PartTables.h"
 #include "streaming/RowStore.h"
 #include "streaming/SharedStore.h"
 #include "streaming/SharedStream.h"
@@ -54,6 +55,13 @@ class SharedPart {
   /// \throws std::exception  if the part is over a file that cannot be opened
   std::uint64_t rows();
   std::optional<int> id() const;
+
+  /// Rows [from, to) where they are in memory, or soon are; those beyond the end are left out. Empty
+  /// if they are to be read(), or there are none.
+  std::optional<HeldRows> held(std::uint64_t from, std::uint64_t to);
+
+  /// Rows [from, to) as a host takes them; those beyond the end are left out.
+  PartRows hostRows(std::uint64_t from, std::uint64_t to);
 
   /// Rows [from, to) in tables, in order; those beyond the end are left out. The tables are good
   /// until the part changes.

@@ -12,6 +12,8 @@
 #include <system_error>
 #include <utility>
 
+#include "kyr/parquet/ColumnNames.h"
+#include "kyr/parquet/SchemaBuilder.h"
 #include "platform/DiskFile.h"
 #include "storage/BatchSize.h"
 #include "streaming/SharedStream.h"
@@ -81,7 +83,28 @@ EncodingChoice SharedStore::choice(const Compression& compression) const {
   return {true, isCodecOpen, options_.encodings == SafeStorage::Encodings::smallest};
 }
 
-Forks& SharedStore::roots(const ::arrow::Schema& schema) { return roots_[schema.ToString()]; }
+Forks& SharedStore::roots(const std::shared_ptr<::arrow::Schema>& schema) {
+  Forks*& known = rootsOf_[schema];
+  if (known == nullptr) known = &roots_[schema->ToString()];
+  return *known;
+}
+
+const SampleSchema& SharedStore::sampleSchema(KYRSignalCategory category, KYRSignalDataType type) {
+  const auto key = std::make_pair(category, type);
+  const auto known = sampleSchemas_.find(key);
+  if (known != sampleSchemas_.end()) return known->second;
+  SampleSchema made(
+      schemaBuilder::getSchema(category, type, /*includeTime=*/false, columnNames::data));
+  return sampleSchemas_.emplace(key, std::move(made)).first->second;
+}
+
+PackedRows SharedStore::takePacked(int id) {
+  const auto found = packed_.find(id);
+  if (found == packed_.end()) return {};
+  PackedRows rows = std::move(found->second);
+  packed_.erase(found);
+  return rows;
+}
 
 std::shared_ptr<SharedStream> SharedStore::streamOf(int id) const {
   const auto found = streams_.find(id);
@@ -141,9 +164,12 @@ void SharedStore::noteFlush() noexcept {
 }
 
 void SharedStore::forEachStream(const std::function<void(SharedStream&)>& visit) const {
+  // A stream that makes its file may take another id meanwhile.
+  std::vector<std::shared_ptr<SharedStream>> streams;
   for (const auto& [id, weak] : streams_) {
-    if (const auto stream = weak.lock()) visit(*stream);
+    if (auto stream = weak.lock()) streams.push_back(std::move(stream));
   }
+  for (const auto& stream : streams) visit(*stream);
 }
 
 }  // namespace kyr::parquet

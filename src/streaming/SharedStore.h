@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,14 +20,23 @@
 
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/parquet/SafeStorage.h"
+#include "kyr/parquet/SignalTypes.h"
 #include "kyr/platform/Path.h"
 #include "streaming/ColumnEncoding.h"
 #include "streaming/RowStore.h"
 
 namespace kyr::parquet {
 
+class PackFile;
 class SharedStream;
 class StoredRows;
+
+/// Where a content lies in a pack file: its rows follow each other.
+struct PackedRows {
+  std::shared_ptr<PackFile> pack;
+  std::uint64_t first = 0;
+  std::uint64_t count = 0;
+};
 
 /// A place where contents part: the row's number, and what comes there.
 struct ForkKey {
@@ -77,7 +87,11 @@ class SharedStore {
   EncodingChoice choice(const Compression& compression) const;
 
   /// The contents of a schema, by their first row.
-  Forks& roots(const ::arrow::Schema& schema);
+  Forks& roots(const std::shared_ptr<::arrow::Schema>& schema);
+
+  /// The schema of samples. The same object for the same arguments.
+  /// \throws std::invalid_argument if there is none
+  const SampleSchema& sampleSchema(KYRSignalCategory category, KYRSignalDataType type);
 
   /// The stream over the file \p id, if a signal has it already.
   std::shared_ptr<SharedStream> streamOf(int id) const;
@@ -86,6 +100,20 @@ class SharedStore {
 
   /// A finished file, opened. The last few stay open.
   std::shared_ptr<StoredRows> stored(int id);
+
+  /// Rows of a pack that the stream over \p id, when it is adopted, is over instead of a file.
+  void offerPacked(int id, PackedRows rows) { packed_[id] = std::move(rows); }
+  /// Empty if there are none.
+  PackedRows takePacked(int id);
+  void dropPacked() { packed_.clear(); }
+
+  /// Whether a finished content of so many bytes may stay in memory.
+  bool mayHold(std::size_t bytes) const {
+    return bytes < options_.holdBelow && heldBytes_ + bytes <= options_.holdTotal;
+  }
+  void countHeld(std::size_t bytes) { heldBytes_ += bytes; }
+  void countWritten(std::size_t bytes) { heldBytes_ -= bytes; }
+  bool holdsAny() const { return heldBytes_ > 0; }
 
   /// A stream wrote something: sync all that did if that is due.
   void noteWrite(bool isNewFile);
@@ -115,6 +143,11 @@ class SharedStore {
   ParquetWriterOptions writerOptions_;
   std::shared_ptr<int> nextId_;
   std::unordered_map<std::string, Forks> roots_;
+  // The roots of schemas that were asked for, which live as long as they are known here.
+  std::unordered_map<std::shared_ptr<::arrow::Schema>, Forks*> rootsOf_;
+  std::map<std::pair<KYRSignalCategory, KYRSignalDataType>, SampleSchema> sampleSchemas_;
+  std::unordered_map<int, PackedRows> packed_;
+  std::size_t heldBytes_ = 0;
   std::unordered_map<int, std::weak_ptr<SharedStream>> streams_;
   std::list<std::pair<int, std::shared_ptr<StoredRows>>> stored_;  // the last used first
   bool keepsFiles_ = false;

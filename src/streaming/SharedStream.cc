@@ -15,6 +15,7 @@
 #include "schema/TypeNames.h"
 #include "storage/WriteTrace.h"
 #include "streaming/BatchRecord.h"
+#include "streaming/PackFile.h"
 #include "streaming/PlainFile.h"
 
 namespace kyr::parquet {
@@ -56,17 +57,17 @@ std::shared_ptr<::arrow::Schema> withNulls(const ::arrow::Schema& schema) {
 // Parquet divides longer row groups.
 constexpr std::size_t kMaxRows = 1048576;
 
-std::size_t elementBytes(const SampleSchema& schema) {
-  const auto* fixed = dynamic_cast<const ::arrow::FixedWidthType*>(schema.elementType.get());
-  return fixed != nullptr ? static_cast<std::size_t>(fixed->bit_width()) / 8 : 1;
-}
-
 }  // namespace
 
 StoredRows::StoredRows(const std::filesystem::path& path)
     : file_(std::make_shared<DiskFile>(path, DiskFile::Mode::readOnly)),
       index_(indexOf(*file_)),
       reader_(file_) {}
+
+::arrow::Compression::type StoredRows::codec() const {
+  if (index_.batches() == 0) return ::arrow::Compression::UNCOMPRESSED;
+  return parseMetadata(index_.metadata(0, 1))->RowGroup(0)->ColumnChunk(0)->compression();
+}
 
 SharedStream::SharedStream(std::shared_ptr<SharedStore> store, int id)
     : store_(std::move(store)), id_(id) {}
@@ -83,10 +84,12 @@ std::shared_ptr<SharedStream> SharedStream::create(std::shared_ptr<SharedStore> 
   return stream;
 }
 
-std::shared_ptr<SharedStream> SharedStream::adopt(std::shared_ptr<SharedStore> store, int id) {
+std::shared_ptr<SharedStream> SharedStream::adopt(std::shared_ptr<SharedStore> store, int id,
+                                                  PackedRows packed) {
   std::shared_ptr<SharedStream> stream(new SharedStream(std::move(store), id));
   stream->sealed_ = true;
-  stream->hasFile_ = true;
+  stream->hasFile_ = !packed.pack;
+  stream->packed_ = std::move(packed);
   stream->store_->reserve(id);
   stream->store_->note(id, stream);
   return stream;
@@ -94,6 +97,12 @@ std::shared_ptr<SharedStream> SharedStream::adopt(std::shared_ptr<SharedStore> s
 
 void SharedStream::open() {
   if (memory_) return;
+  if (packed_.pack) {
+    width_ = packed_.pack->width();
+    diskRows_ = memoryStart_ = packed_.count;
+    memory_.emplace(packed_.pack->schema(), width_);
+    return;
+  }
   const auto file = store_->stored(id_);
   const SampleSchema schema(withNulls(*file->read(0, 0)->schema()));
   width_ = elementBytes(schema);
@@ -106,6 +115,7 @@ SharedStream::~SharedStream() {
   if (file_) store_->countOpen(-1);
   file_.reset();
   store_->forget(id_);
+  store_->countWritten(heldBytes_);
   if (hasFile_) store_->removeFile(id_);
 }
 
@@ -222,7 +232,7 @@ void SharedStream::openFile() {
 
 std::shared_ptr<const ::arrow::KeyValueMetadata> SharedStream::describedParts() const {
   nlohmann::json parts = nlohmann::json::array();
-  for (const PartLabel* label : labels_) {
+  for (const PartLabel* label = labels_; label != nullptr; label = label->after) {
     const SignalLabel& signal = *label->signal;
     parts.push_back({{"signalId", signal.signalId},
                      {"part", label->part == SignalPart::time ? "time" : "data"},
@@ -253,6 +263,7 @@ void SharedStream::keepHead(const RowSlice& rows) {
 }
 
 void SharedStream::flush() {
+  flushHeld();
   if (sealed_) return;
   writeAll();
   if (file_) file_->publish();
@@ -262,6 +273,11 @@ void SharedStream::flush() {
 void SharedStream::seal() {
   if (sealed_) return;
   const bool isNew = !file_;
+  if (isNew && store_->mayHold(bytesIn(memory_->slice()))) {
+    hold();
+    sealed_ = true;
+    return;
+  }
   if (isNew) {
     writeWhole(memory_->slice());
   } else {
@@ -280,6 +296,12 @@ void SharedStream::seal() {
 }
 
 void SharedStream::sealWith(const RowSlice& rows) {
+  if (store_->mayHold(bytesIn(rows))) {
+    memory_->append(rows);
+    hold();
+    sealed_ = true;
+    return;
+  }
   writeWhole(rows);
   keepHead(rows);
   memoryStart_ = rows.rows;
@@ -290,23 +312,79 @@ void SharedStream::sealWith(const RowSlice& rows) {
 // Nothing went to disk before, so nothing must be complete in between.
 void SharedStream::writeWhole(const RowSlice& rows) {
   const auto span = traceBatch();
-  std::vector<std::shared_ptr<::arrow::Table>> tables;
-  std::vector<Batch> batches;
+  createFile([&](const std::filesystem::path& path) {
+    writePlain(path, rows, store_->options().sync != SafeStorage::Sync::never);
+  });
+  forEachBatch(rows, [&](std::size_t from, const RowSlice& batch) {
+    batches_.push_back({from, from + batch.rows, digestOf(batch)});
+  });
+  diskRows_ = rows.rows;
+}
+
+template <typename Visit>
+void SharedStream::forEachBatch(const RowSlice& rows, Visit&& visit) const {
   for (std::size_t from = 0; from < rows.rows;) {
     const std::size_t count = std::min(rows.rows - from, batchLength(rows, 0));
-    const RowSlice batch = subSlice(rows, from, count);
-    tables.push_back(tableOf(schema(), batch));
-    batches.push_back({from, from + count, digestOf(batch)});
+    visit(from, subSlice(rows, from, count));
     from += count;
   }
-  createFile([&](const std::filesystem::path& path) {
-    writePlainFile(path,
-                   FileLayout(*schema().schema, store_->properties(compression_),
-                              store_->choice(compression_)),
-                   describedParts(), tables, store_->options().sync != SafeStorage::Sync::never);
+}
+
+void SharedStream::writePlain(const std::filesystem::path& path, const RowSlice& rows,
+                              bool sync) const {
+  std::vector<std::shared_ptr<::arrow::Table>> tables;
+  forEachBatch(rows, [&](std::size_t, const RowSlice& batch) {
+    tables.push_back(tableOf(schema(), batch));
   });
-  batches_ = std::move(batches);
-  diskRows_ = rows.rows;
+  const auto asked = askedCodec();
+  const FileLayout layout(*schema().schema, store_->properties(asked), store_->choice(asked));
+  writePlainFile(path, layout, describedParts(), tables, sync);
+}
+
+void SharedStream::hold() {
+  heldBytes_ = bytesIn(memory_->slice());
+  store_->countHeld(heldBytes_);
+}
+
+void SharedStream::writeOut() {
+  if (hasFile_ || !sealed_) return;
+  open();
+  if (packed_.pack) {
+    memory_->append(held(0, packed_.count)->rows);
+    memoryStart_ = diskRows_ = 0;
+    compression_ = askedCodec();
+    packed_.pack.reset();
+    hold();
+  }
+  writeWhole(memory_->slice());
+  store_->countWritten(std::exchange(heldBytes_, 0));
+  dropFront(memory_->rows(), 0);
+  store_->noteWrite(/*isNewFile=*/true);
+}
+
+void SharedStream::writeCopy(const std::filesystem::path& path, bool sync) {
+  open();
+  const auto all = held(0, rows());
+  writePlain(path, all->rows, sync);
+}
+
+::arrow::Compression::type SharedStream::codec() const {
+  if (packed_.pack) return packed_.pack->codec();
+  if (hasFile_ && sealed_) return store_->stored(id_)->codec();
+  if (compression_) return *compression_;
+  return store_->properties(compression_)->default_column_properties().compression();
+}
+
+// A pack without a codec leaves it open which one a file shall have.
+SharedStore::Compression SharedStream::askedCodec() const {
+  const bool isOpen = !packed_.pack || packed_.pack->codec() == ::arrow::Compression::UNCOMPRESSED;
+  return isOpen ? compression_ : packed_.pack->codec();
+}
+
+std::optional<HeldRows> SharedStream::held(std::uint64_t from, std::uint64_t to) {
+  if (packed_.pack) return packed_.pack->read(id_, packed_.first + from, to - from);
+  if (from < memoryStart_) return std::nullopt;
+  return HeldRows{inMemory(from, static_cast<std::size_t>(to - from)), nullptr};
 }
 
 void SharedStream::sync() {
@@ -325,6 +403,14 @@ const SharedStream::Batch* SharedStream::batchOf(std::uint64_t row) const {
 std::vector<std::shared_ptr<::arrow::Table>> SharedStream::read(std::uint64_t from,
                                                                 std::uint64_t to) {
   std::vector<std::shared_ptr<::arrow::Table>> tables;
+  if (packed_.pack && from < to) {
+    const auto keeper = std::make_shared<RowStore>(schema(), width_);
+    keeper->append(held(from, to)->rows);
+    const auto table = keeper->table(0, keeper->rows());
+    // It is over the memory of its keeper.
+    tables.emplace_back(table.get(), [keeper, table](::arrow::Table*) {});
+    return tables;
+  }
   const std::uint64_t diskEnd = std::min(to, memoryStart_);
   if (from < diskEnd) {
     tables.push_back(file_ ? file_->read(from, diskEnd - from)

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <unordered_set>
 #include <vector>
 
 #include "streaming/GrowingFile.h"
@@ -24,6 +23,7 @@ class StoredRows {
   explicit StoredRows(const std::filesystem::path& path);
 
   std::uint64_t rows() const { return index_.rows(); }
+  ::arrow::Compression::type codec() const;
   std::shared_ptr<::arrow::Table> read(std::uint64_t first, std::uint64_t count) {
     return reader_.read(index_, first, count, std::nullopt);
   }
@@ -52,9 +52,10 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
                                               const SampleSchema& schema, std::size_t width,
                                               const SharedStore::Compression& compression);
 
-  /// A sealed stream over a file that is there, which is not opened before open(). Parts that are
-  /// appended do not find it.
-  static std::shared_ptr<SharedStream> adopt(std::shared_ptr<SharedStore> store, int id);
+  /// A sealed stream over a file that is there, or over \p packed rows if there are any. Neither is
+  /// read before open(). Parts that are appended do not find it.
+  static std::shared_ptr<SharedStream> adopt(std::shared_ptr<SharedStore> store, int id,
+                                             PackedRows packed);
 
   ~SharedStream();
   SharedStream(const SharedStream&) = delete;
@@ -79,10 +80,25 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
 
   /// Writes what is in memory only, as the last batch.
   void flush();
-  /// Writes the rest and completes the file. Nothing can follow.
+  /// Writes the rest and completes the file, or keeps the rows in memory if the store holds such
+  /// small contents. Nothing can follow.
   void seal();
-  /// Adds all rows of a stream without rows, and seals it; none of them is kept in memory.
+  /// Adds all rows of a stream without rows, and seals it, as seal().
   void sealWith(const RowSlice& rows);
+
+  /// Whether a sealed stream has a file of its own. Others are held in memory, or in a pack.
+  bool hasFile() const { return hasFile_; }
+  /// Gives a stream its file if it is sealed and has none.
+  void writeOut();
+  /// Likewise, if the rows are held in memory.
+  void flushHeld() {
+    if (heldBytes_ > 0) writeOut();
+  }
+  /// Writes the rows of a sealed stream without a file to a file of another directory.
+  void writeCopy(const std::filesystem::path& path, bool sync);
+  /// What the file has, or would have.
+  ::arrow::Compression::type codec() const;
+
   void sync();
 
   /// First row that is in memory.
@@ -106,6 +122,8 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
 
   /// Rows of any part of the stream, as tables in order: from disk, then from memory.
   std::vector<std::shared_ptr<::arrow::Table>> read(std::uint64_t from, std::uint64_t to);
+  /// The same rows without tables, if all are in memory or in a pack.
+  std::optional<HeldRows> held(std::uint64_t from, std::uint64_t to);
 
   /// Streams that part from this one.
   Forks& forks() { return forks_; }
@@ -126,8 +144,16 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
 
   /// The parts that share the stream. What they are called is written into the file when it is
   /// made, with its first batch.
-  void join(const PartLabel* label) { labels_.insert(label); }
-  void part(const PartLabel* label) { labels_.erase(label); }
+  void join(PartLabel* label) noexcept {
+    label->before = nullptr;
+    label->after = labels_;
+    if (labels_ != nullptr) labels_->before = label;
+    labels_ = label;
+  }
+  void part(PartLabel* label) noexcept {
+    if (label->after != nullptr) label->after->before = label->before;
+    (label->before != nullptr ? label->before->after : labels_) = label->after;
+  }
 
   /// Makes the stream known among those that begin in nothing.
   void hangUnderRoot(Forks& roots, const ForkKey& key);
@@ -150,6 +176,13 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   void spareDescriptor();
   void writeWhole(const RowSlice& rows);
   void keepHead(const RowSlice& rows);
+  // Calls \p visit with the first row of each batch of the rows, and the batch.
+  template <typename Visit>
+  void forEachBatch(const RowSlice& rows, Visit&& visit) const;
+  void writePlain(const std::filesystem::path& path, const RowSlice& rows, bool sync) const;
+  // Counts the rows in memory as held there.
+  void hold();
+  SharedStore::Compression askedCodec() const;
   void openFile();
   std::shared_ptr<const ::arrow::KeyValueMetadata> describedParts() const;
   // Of the rows in memory.
@@ -162,6 +195,8 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   SharedStore::Compression compression_;
   std::unique_ptr<GrowingFile> file_;  // from the first batch on, until the stream is sealed
   bool hasFile_ = false;               // of its id, which goes with the stream
+  PackedRows packed_;                  // instead of a file, if there is a pack
+  std::size_t heldBytes_ = 0;          // that are in memory instead of a file
   bool hasUnsynced_ = false;
   std::vector<Batch> batches_;
   std::uint64_t diskRows_ = 0;
@@ -170,7 +205,7 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
   std::optional<RowStore> head_;
   bool sealed_ = false;
 
-  std::unordered_set<const PartLabel*> labels_;  // borrowed
+  PartLabel* labels_ = nullptr;  // the first of a list; borrowed
 
   // Place in the tree. The map is the parent's, or a root's of the store.
   Forks forks_;

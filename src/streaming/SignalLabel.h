@@ -22,6 +22,10 @@ struct SignalLabel {
 struct PartLabel {
   std::shared_ptr<const SignalLabel> signal;
   SignalPart part = SignalPart::data;
+
+  // Of the labels of a stream, which thousands of parts may share.
+  PartLabel* before = nullptr;
+  PartLabel* after = nullptr;
 };
 
 }  // namespace kyr::parquet

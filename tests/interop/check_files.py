@@ -164,6 +164,34 @@ def check_recording(folder, streamed=False):
     return records
 
 
+def check_packed(folder):
+    """The contents of a packed recording, by programs that know no more than Parquet."""
+    text = (folder / "recording.json").read_text(encoding="utf-8")
+    document = json.loads(text)
+    body = text.rsplit(',"xxh3_128":', 1)[0] + "}"
+    check("checksum", document["xxh3_128"], xxhash.xxh3_128_hexdigest(body.encode()))
+    check("version", document["formatVersion"], 2)
+    packs = {}
+    for pack in document["packs"]:
+        path = folder / "storage" / f"pack-{pack['pack']}.parquet"
+        check("pack", pack["xxh3_128"], xxhash.xxh3_128_hexdigest(path.read_bytes()))
+        packs[pack["pack"]] = path, pyarrow.parquet.read_table(path).to_pydict()
+    files = {file["storageId"]: file for file in document["files"]}
+    check("files", {path.name for path in (folder / "storage").iterdir()},
+          {path.name for path, _ in packs.values()})
+    for signal, (kind, category) in zip(document["signals"], KINDS):
+        file = files[signal["dataStorageId"]]
+        path, rows = packs[file["pack"]]
+        inside = slice(file["firstRow"], file["firstRow"] + file["rowCount"])
+        check("ids", set(rows["storage"][inside]), {file["storageId"]})
+        query = f"SELECT * FROM read_parquet(?) WHERE storage = {file['storageId']}"
+        found = duckdb.sql(query, params=[str(path)])
+        by_duckdb = dict(zip(found.columns, (list(column) for column in zip(*found.fetchall()))))
+        for name, (_, values) in expected_columns(kind, category, True).items():
+            check(f"{kind} {category} {name} by pyarrow", rows[name][inside], values)
+            check(f"{kind} {category} {name} by duckdb", by_duckdb[name], values)
+
+
 def check_example(document, recording):
     example = re.search(r"```python\n(.*?)```", document.read_text(encoding="utf-8"), re.DOTALL)[1]
     scope = {}
@@ -200,6 +228,8 @@ def main(sample_writer, golden, document):
         for kind in ("recording", "streamed"):
             records = check_recording(out / kind, kind == "streamed")
             check_storage(out / "storage" / kind, records, kind == "streamed")
+        check_packed(out / "packed")
+        check_example(document, out / "packed")
 
 
 main(*map(pathlib.Path, sys.argv[1:]))

@@ -64,7 +64,7 @@ const Fault kFaults[]{
     {"empty recording.json", cut("recording.json", 0), "no valid JSON at byte 1"},
     {"garbage", replaced("recording.json", "\xff\x01{"), "no valid JSON"},
     {"other JSON", replaced("recording.json", R"({"format": "x"})"), "not the description of a"},
-    {"newer format", says([](Info& info) { info.formatVersion = 2; }), "version 2 is newer than 1"},
+    {"newer format", says([](Info& info) { info.formatVersion = 3; }), "version 3 is newer than 2"},
     {"missing file", removed("storage/1"), "storage/1: missing"},
     {"no storage", removed("storage"), "storage/0: missing"},
     {"folder in place of a file",

@@ -308,7 +308,7 @@ TEST_F(LiveRecordings, RebuildsWhatFilesTell) {
   fs::create_directories(rec / "storage");
   EXPECT_THROW(recover(), std::runtime_error);
   RecordingInfo newer;
-  newer.formatVersion = 2;
+  newer.formatVersion = 3;
   const std::string text = writeRecordingJson(newer);
   test::Folder(rec).touch("recording.json", text);
   EXPECT_THAT(errorOf([&] { recover(); }), HasSubstr("newer"));

@@ -24,18 +24,21 @@ namespace fs = std::filesystem;
 using namespace kyr;
 
 // The signals of sampleSignals() and one that was never written: as the recordings OUT/recording
-// and, streamed, OUT/streamed, and as the working storage of both, OUT/storage/recording and so on.
+// and, streamed, OUT/streamed and OUT/packed, and as the working storage, OUT/storage/recording and
+// so on.
 void writeSamples(const fs::path& out) {
   const auto signals = test::sampleSignals();
   auto descriptions = test::descriptionsOf(signals);
   descriptions.push_back({1000, "never written", "", "", {}});
   fs::create_directories(out / "storage");
-  for (const std::string name : {"recording", "streamed"}) {
-    FeatureFlag::set("fKYRUseParquetRowGroup", name == "streamed");
+  for (const std::string name : {"recording", "streamed", "packed"}) {
+    FeatureFlag::set("fKYRUseParquetRowGroup", name != "recording");
+    recording::SaveOptions options;
+    options.packBelow = name == "packed" ? 1000 : 0;
     const fs::path working = out / "working" / name;
     parquet::SignalPool pool(Path::fromFilesystem(working));
     test::storeSignals(pool, signals);
-    recording::saveRecording(pool, descriptions, Path::fromFilesystem(out / name));
+    recording::saveRecording(pool, descriptions, Path::fromFilesystem(out / name), options);
     fs::copy(working, out / "storage" / name);  // the pool takes its own files along when it goes
   }
 }

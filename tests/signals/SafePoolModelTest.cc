@@ -179,6 +179,11 @@ class Replay {
   static SafeStorage storageOf(std::size_t batchRows, int failAt) {
     SafeStorage storage;
     storage.batchRows = batchRows;
+    // Some contents then are in files, others in memory.
+    if (batchRows % 3 == 0) {
+      storage.holdBelow = 60;
+      storage.holdTotal = 150;
+    }
     // Syncing takes long, so it is left to some of the sequences.
     if (failAt > 0 && batchRows == 2) storage.sync = SafeStorage::Sync::flush;
     return storage;

@@ -22,10 +22,11 @@ namespace options = parquet::serialization_options;
 namespace {
 
 // Rows wait in memory until they make up a batch, so the batches of many columns are smaller.
-parquet::SafeStorage storageFor(std::size_t columns) {
+parquet::SafeStorage storageFor(std::size_t columns, std::size_t holdBelow) {
   constexpr std::size_t kBytesInAll = std::size_t{128} << 20U;
   parquet::SafeStorage storage;
   storage.batchBytes = std::clamp(kBytesInAll / (columns + 1), std::size_t{1}, storage.batchBytes);
+  storage.holdBelow = holdBelow;
   return storage;
 }
 
@@ -46,8 +47,9 @@ void naming(const CsvColumn& column, Operation&& operation) {
 // signal goes on from there to a pool in which no signals share anything, so that there is nothing
 // to be safe from.
 ColumnStore::ColumnStore(const Path& directory, std::size_t columns,
-                         std::optional<StreamOptions> stream)
-    : pool_(std::make_unique<parquet::SignalPool>(directory.join("shared"), storageFor(columns))),
+                         std::optional<StreamOptions> stream, std::size_t holdBelow)
+    : pool_(std::make_unique<parquet::SignalPool>(directory.join("shared"),
+                                                  storageFor(columns, holdBelow))),
       stream_(stream) {
   if (options::bSharedTimeColumn) return;
   separate_ = std::make_unique<parquet::SignalPool>(directory.join("separate"));

@@ -24,7 +24,9 @@ class ColumnStore : public SampleSink {
  public:
   /// \param columns  how many there will be
   /// \param stream  how signals are streamed; empty for whole signals
-  ColumnStore(const Path& directory, std::size_t columns, std::optional<StreamOptions> stream);
+  /// \param holdBelow  see SafeStorage
+  ColumnStore(const Path& directory, std::size_t columns, std::optional<StreamOptions> stream,
+              std::size_t holdBelow);
 
   /// \throws std::runtime_error naming the signal if it cannot be stored
   void append(const CsvColumn& column, const double* times, const char* bytes,

@@ -31,6 +31,9 @@ struct GcOptions {
 std::vector<fs::path> strayFiles(const fs::path& folder, const recording::RecordingInfo& info) {
   std::set<std::string> named;
   for (const recording::FileInfo& file : info.files) named.insert(std::to_string(file.storageId));
+  for (const recording::PackInfo& pack : info.packs) {
+    named.insert("pack-" + std::to_string(pack.number) + ".parquet");
+  }
   std::vector<fs::path> strays;
   for (const auto& entry : fs::directory_iterator(folder / "storage")) {
     const bool isFile = fs::is_regular_file(entry.symlink_status());

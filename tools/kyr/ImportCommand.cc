@@ -88,7 +88,7 @@ void importCsv(const ImportOptions& options) {
   checkTarget(options.folder, options.replaces);
   CsvTable table(options.file, options.columns);
   const TemporaryFolder storage;
-  ColumnStore store(storage.path(), table.width(), options.stream);
+  ColumnStore store(storage.path(), table.width(), options.stream, options.packBelow);
   ProgressBar bar;
   table.read(store, [&bar](double part) { bar.show("reading", part); });
   bar.hide();
@@ -110,7 +110,9 @@ void importCsv(const ImportOptions& options) {
     descriptions.push_back(std::move(description));
   }
   bar.show("saving", 1);
-  recording::saveRecording(store.pool(), descriptions, folder);
+  recording::SaveOptions saving;
+  saving.packBelow = options.packBelow;
+  recording::saveRecording(store.pool(), descriptions, folder, saving);
 }
 
 void addImportCommand(CLI::App& app, Action& action) {
@@ -156,6 +158,12 @@ void addImportCommand(CLI::App& app, Action& action) {
       ->type_name("ROWS")
       ->check(CLI::Range(std::size_t{1}, kMaxRowGroupRows))
       ->needs(stream);
+  command
+      ->add_flag("--pack{1048576}", options->packBelow,
+                 "Put signals of fewer bytes, 1048576 unless given, into files that they share: "
+                 "quicker and smaller for many small ones")
+      ->type_name("[=BYTES]")
+      ->excludes(separatesTime);
   addSetOption(*command, options->settings);
   command->add_flag("--strict", options->isStrict,
                     "Store nothing if something of the file cannot be stored");

@@ -15,6 +15,7 @@ struct ImportOptions {
   CsvOptions columns;
   std::vector<std::string> settings;    ///< options of the library, "NAME=VALUE"
   std::optional<StreamOptions> stream;  ///< how signals are streamed; empty for whole files
+  std::size_t packBelow = 0;            ///< see recording::SaveOptions
   bool isStrict = false;                ///< whether what cannot be stored is an error
   bool replaces = false;                ///< whether an existing recording is replaced
 };

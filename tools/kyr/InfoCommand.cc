@@ -76,14 +76,24 @@ void printJson(Output& out, const RecordingInfo& info, const std::optional<std::
     document["signals"].push_back(signalJson(signal, summary));
   }
   for (const recording::FileInfo& file : info.files) {
-    document["files"].push_back({{"id", file.storageId},
-                                 {"bytes", file.size},
-                                 {"rows", file.rowCount},
-                                 {"xxh3_128", file.checksum},
-                                 {"signals", summary.usersOf(file.storageId)}});
+    ordered_json object = {{"id", file.storageId}, {"bytes", file.size}, {"rows", file.rowCount}};
+    if (file.pack) {
+      object["pack"] = *file.pack;
+      object["firstRow"] = file.firstRow;
+    } else {
+      object["xxh3_128"] = file.checksum;
+    }
+    object["signals"] = summary.usersOf(file.storageId);
+    document["files"].push_back(std::move(object));
+  }
+  for (const recording::PackInfo& pack : info.packs) {
+    document["packs"].push_back({{"pack", pack.number},
+                                 {"bytes", pack.size},
+                                 {"rows", pack.rowCount},
+                                 {"xxh3_128", pack.checksum}});
   }
   document["totals"] = {{"signals", info.signals.size()},
-                        {"files", info.files.size()},
+                        {"files", summary.fileCount()},
                         {"bytes", summary.storedBytes()},
                         {"bytesWithoutSharing", summary.bytesWithoutSharing()},
                         {"bytesSaved", summary.savedBytes()}};
@@ -159,7 +169,8 @@ durable, with the times of the first and the last row.
 
 The columns "time file" and "data file" name the files in FOLDER/storage; behind the name of a shared
 file stands, in parentheses, how many signals use it. Without a time file, the times, if any, are
-beside the samples. The bytes of a signal are those of its files, shared or not.
+beside the samples. The bytes of a signal are those of its files, shared or not. Of a packed
+recording, the numbers are those in the column "storage" of the packs, FOLDER/storage/pack-*.parquet.
 
 Examples:
   kyr info run

@@ -27,6 +27,7 @@ using recording::SignalInfo;
 namespace {
 
 constexpr std::int64_t kSliceRows = 65536;
+const std::string kPackColumn = "storage";
 
 [[noreturn]] void fail(const std::string& file, const std::string& what) {
   throw std::runtime_error(file + ": " + what);
@@ -62,7 +63,8 @@ std::string checksumOf(::arrow::io::RandomAccessFile& file, std::int64_t size,
   return fmt::format("{:016x}{:016x}", hash.high64, hash.low64);
 }
 
-void compare(::arrow::io::RandomAccessFile& file, const FileInfo& info, const std::string& path) {
+template <typename Expected>
+void compare(::arrow::io::RandomAccessFile& file, const Expected& info, const std::string& path) {
   const std::int64_t size = checkRead(file.GetSize(), path);
   if (static_cast<std::uint64_t>(size) != info.size) {
     fail(path, fmt::format("damaged: {} bytes long, expected {}", size, info.size));
@@ -77,6 +79,15 @@ void compare(::arrow::io::RandomAccessFile& file, const FileInfo& info, const st
 bool isSameType(const ::arrow::DataType& a, const ::arrow::DataType& b) {
   if (a.id() != ::arrow::Type::LIST || b.id() != ::arrow::Type::LIST) return a.Equals(b);
   return a.field(0)->type()->Equals(b.field(0)->type());
+}
+
+int leafOf(const ::parquet::FileMetaData& metadata, const std::string& column) {
+  int leaf = 0;
+  while (leaf < metadata.num_columns() &&
+         metadata.schema()->GetColumnRoot(leaf)->name() != column) {
+    ++leaf;
+  }
+  return leaf;
 }
 
 std::shared_ptr<::arrow::DataType> expectedType(const SignalInfo& signal) {
@@ -96,18 +107,26 @@ std::shared_ptr<::arrow::Array> joined(ColumnReader reader) {
 }  // namespace
 
 ColumnReader::ColumnReader(std::string file, std::unique_ptr<::parquet::arrow::FileReader> reader,
-                           const std::string& column)
-    : file_(std::move(file)), reader_(std::move(reader)) {
+                           const std::string& column, std::optional<PackedSlice> packed)
+    : file_(std::move(file)), reader_(std::move(reader)), packed_(packed) {
   const auto metadata = reader_->parquet_reader()->metadata();
-  int leaf = 0;
-  while (leaf < metadata->num_columns() &&
-         metadata->schema()->GetColumnRoot(leaf)->name() != column) {
-    ++leaf;
+  std::vector<int> leaves{leafOf(*metadata, column)};
+  if (packed_) leaves.push_back(leafOf(*metadata, kPackColumn));
+  for (const int leaf : leaves) {
+    if (leaf == metadata->num_columns()) {
+      fail(file_, "there is no column " + inQuotes(leaf == leaves[0] ? column : kPackColumn));
+    }
   }
-  if (leaf == metadata->num_columns()) fail(file_, "there is no column " + inQuotes(column));
-  std::vector<int> groups(static_cast<std::size_t>(metadata->num_row_groups()));
-  for (std::size_t i = 0; i < groups.size(); ++i) groups[i] = static_cast<int>(i);
-  checkRead(reader_->GetRecordBatchReader(groups, {leaf}, &batches_), file_);
+  std::vector<int> groups;
+  std::uint64_t end = 0;
+  for (int group = 0; group < metadata->num_row_groups(); ++group) {
+    const std::uint64_t start = end;
+    end += static_cast<std::uint64_t>(metadata->RowGroup(group)->num_rows());
+    if (packed_ && (end <= packed_->first || start >= packed_->first + packed_->count)) continue;
+    if (groups.empty()) row_ = start;
+    groups.push_back(group);
+  }
+  checkRead(reader_->GetRecordBatchReader(groups, leaves, &batches_), file_);
   type_ = batches_->schema()->field(0)->type();
 }
 
@@ -118,19 +137,43 @@ std::shared_ptr<::arrow::Array> ColumnReader::next() {
   do {
     checkRead(batches_->ReadNext(&batch), file_);
     if (!batch) return nullptr;
+    if (packed_) batch = packedRows(*batch);
   } while (batch->num_rows() == 0);
   auto column = batch->column(0);
   if (column->null_count() > 0) fail(file_, "has rows without a value: kyr verify tells more");
   return column;
 }
 
+std::shared_ptr<::arrow::RecordBatch> ColumnReader::packedRows(const ::arrow::RecordBatch& batch) {
+  const auto rows = static_cast<std::uint64_t>(batch.num_rows());
+  const std::uint64_t from = std::clamp(packed_->first, row_, row_ + rows);
+  const std::uint64_t to = std::clamp(packed_->first + packed_->count, from, row_ + rows);
+  auto slice =
+      batch.Slice(static_cast<std::int64_t>(from - row_), static_cast<std::int64_t>(to - from));
+  row_ += rows;
+  const auto* ids = dynamic_cast<const ::arrow::Int32Array*>(slice->column(1).get());
+  for (std::int64_t i = 0; i < slice->num_rows(); ++i) {
+    if (ids == nullptr || ids->Value(i) != packed_->storageId) {
+      fail(file_, fmt::format("row {} is not of storage id {}: kyr verify tells more",
+                              from + static_cast<std::uint64_t>(i), packed_->storageId));
+    }
+  }
+  return slice;
+}
+
 RecordingFiles::RecordingFiles(std::string folder, const recording::RecordingInfo& info)
     : folder_(std::move(folder)) {
   for (const FileInfo& file : info.files) files_[file.storageId] = file;
+  for (const recording::PackInfo& pack : info.packs) packs_[pack.number] = pack;
 }
 
 std::string RecordingFiles::pathOf(int storageId) const {
-  return (fs::path(folder_) / "storage" / std::to_string(storageId)).string();
+  const auto found = files_.find(storageId);
+  const bool isPacked = found != files_.end() && found->second.pack;
+  return (fs::path(folder_) / "storage" /
+          (isPacked ? fmt::format("pack-{}.parquet", *found->second.pack)
+                    : std::to_string(storageId)))
+      .string();
 }
 
 const FileInfo& RecordingFiles::fileInfo(int storageId) const {
@@ -166,7 +209,8 @@ std::unique_ptr<::parquet::arrow::FileReader> RecordingFiles::openFile(int stora
   const FileInfo& info = fileInfo(storageId);
   if (!fs::exists(path)) fail(path, "missing");
   const auto file = checkRead(::arrow::io::ReadableFile::Open(path), path);
-  if (compares) compare(*file, info, path);
+  if (compares && info.pack) compare(*file, packs_.at(*info.pack), path);
+  if (compares && !info.pack) compare(*file, info, path);
   ::parquet::ReaderProperties properties;
   properties.enable_buffered_stream();
   ::parquet::ArrowReaderProperties arrowProperties;
@@ -180,15 +224,19 @@ std::unique_ptr<::parquet::arrow::FileReader> RecordingFiles::openFile(int stora
 }
 
 ColumnReader RecordingFiles::open(const StoredColumn& column) {
-  auto reader = openFile(column.storageId, compared_.count(column.storageId) == 0);
-  compared_.insert(column.storageId);
+  const std::string path = pathOf(column.storageId);
+  auto reader = openFile(column.storageId, compared_.count(path) == 0);
+  compared_.insert(path);
   const auto rows = static_cast<std::uint64_t>(reader->parquet_reader()->metadata()->num_rows());
-  if (rows != rowsOf(column)) {
-    fail(pathOf(column.storageId),
-         fmt::format("holds {}, where recording.json has {}: kyr verify tells more",
-                     counted(rows, "row"), rowsOf(column)));
+  const FileInfo& info = fileInfo(column.storageId);
+  const std::uint64_t expected = info.pack ? packs_.at(*info.pack).rowCount : info.rowCount;
+  if (rows != expected) {
+    fail(path, fmt::format("holds {}, where recording.json has {}: kyr verify tells more",
+                           counted(rows, "row"), expected));
   }
-  return {pathOf(column.storageId), std::move(reader), column.name};
+  std::optional<PackedSlice> packed;
+  if (info.pack) packed = PackedSlice{column.storageId, info.firstRow, info.rowCount};
+  return {path, std::move(reader), column.name, packed};
 }
 
 ColumnReader RecordingFiles::openData(const SignalInfo& signal) {

@@ -26,11 +26,19 @@ struct StoredColumn {
   }
 };
 
+/// Rows [first, first + count) of a pack, which belong to a storage id.
+struct PackedSlice {
+  int storageId = 0;
+  std::uint64_t first = 0;
+  std::uint64_t count = 0;
+};
+
 /// Reads a column slice by slice; no more of the file is in memory than a page and a slice.
 class ColumnReader {
  public:
+  /// \param packed  of a pack, the rows to read; all unless given
   ColumnReader(std::string file, std::unique_ptr<::parquet::arrow::FileReader> reader,
-               const std::string& column);
+               const std::string& column, std::optional<PackedSlice> packed);
 
   const std::shared_ptr<::arrow::DataType>& type() const { return type_; }
 
@@ -39,10 +47,15 @@ class ColumnReader {
   std::shared_ptr<::arrow::Array> next();
 
  private:
+  // Those of a batch that are asked for.
+  std::shared_ptr<::arrow::RecordBatch> packedRows(const ::arrow::RecordBatch& batch);
+
   std::string file_;
   std::unique_ptr<::parquet::arrow::FileReader> reader_;
   std::unique_ptr<::arrow::RecordBatchReader> batches_;
   std::shared_ptr<::arrow::DataType> type_;
+  std::optional<PackedSlice> packed_;
+  std::uint64_t row_ = 0;  // that comes next, of the file
 };
 
 /// The files of a saved recording, read where they lie.
@@ -79,7 +92,8 @@ class RecordingFiles {
 
   std::string folder_;
   std::map<int, recording::FileInfo> files_;
-  std::set<int> compared_;
+  std::map<int, recording::PackInfo> packs_;
+  std::set<std::string> compared_;  // paths
 };
 
 }  // namespace kyr::tool

@@ -7,8 +7,9 @@
 namespace kyr::tool {
 
 RecordingSummary::RecordingSummary(const recording::RecordingInfo& info)
-    : signalCount_(info.signals.size()) {
+    : signalCount_(info.signals.size()), packCount_(info.packs.size()) {
   for (const recording::FileInfo& file : info.files) {
+    if (file.pack) ++packedCount_;
     files_[file.storageId].size = file.size;
     storedBytes_ += file.size;
   }
@@ -39,9 +40,14 @@ std::size_t RecordingSummary::usersOf(int storageId) const {
 }
 
 std::string RecordingSummary::text() const {
-  return fmt::format("{} in {}, {}; sharing files saved {}", counted(signalCount_, "signal"),
-                     counted(files_.size(), "file"), byteCount(storedBytes_),
-                     byteCount(savedBytes()));
+  std::string text =
+      fmt::format("{} in {}, {}; sharing files saved {}", counted(signalCount_, "signal"),
+                  counted(fileCount(), "file"), byteCount(storedBytes_), byteCount(savedBytes()));
+  if (packCount_ > 0) {
+    text += fmt::format("; {} in {}", counted(packedCount_, "small content"),
+                        counted(packCount_, "pack"));
+  }
+  return text;
 }
 
 }  // namespace kyr::tool

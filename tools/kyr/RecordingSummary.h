@@ -24,10 +24,13 @@ class RecordingSummary {
   /// Bytes of the signal's files, shared or not.
   std::uint64_t bytesOf(const recording::SignalInfo& signal) const;
 
+  /// Files in the recording's storage.
+  std::size_t fileCount() const { return files_.size() - packedCount_ + packCount_; }
+
   /// Number of signals that use the file.
   std::size_t usersOf(int storageId) const;
 
-  /// "3 signals in 4 files, 1,234 bytes; sharing files saved 100 bytes".
+  /// "3 signals in 4 files, 1,234 bytes; sharing files saved 100 bytes", and what is in packs.
   std::string text() const;
 
  private:
@@ -39,6 +42,8 @@ class RecordingSummary {
   std::uint64_t sizeOf(const std::optional<int>& storageId) const;
 
   std::size_t signalCount_;
+  std::size_t packCount_;
+  std::size_t packedCount_ = 0;  // contents in packs
   std::map<int, File> files_;
   std::uint64_t storedBytes_ = 0;
   std::uint64_t bytesWithoutSharing_ = 0;

@@ -5,6 +5,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "RecordingSummary.h"
 #include "Text.h"
 #include "kyr/recording/RecordingInfo.h"
 
@@ -20,7 +21,7 @@ int runVerify(const std::string& folder) {
   if (faults.empty()) {
     const recording::RecordingInfo info = recording::describeRecording(path);
     out.print("{}: sound, {} in {}\n", folder, counted(info.signals.size(), "signal"),
-              counted(info.files.size(), "file"));
+              counted(RecordingSummary(info).fileCount(), "file"));
   }
   out.flush();
   return faults.empty() ? 0 : 1;

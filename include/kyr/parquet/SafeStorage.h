@@ -43,6 +43,11 @@ struct SafeStorage {
   /// SignalPool::flush() after that, so that a list of files made after a flush stays right until
   /// the next one is made.
   bool keepsFiles = false;
+  /// Finished contents of fewer bytes get no file yet: they stay in memory until a flush(), or until
+  /// a recording is saved, and are lost if the process ends before. 0 for none: what is finished is
+  /// in its file. Many small signals are stored several times faster so.
+  std::size_t holdBelow = 0;
+  std::size_t holdTotal = std::size_t{64} << 20;  ///< bytes of all of them at the most
 };
 
 }  // namespace kyr::parquet

@@ -84,7 +84,7 @@ class KYR_PARQUET_EXPORT SignalPool {
   /// `{"dataStorageId":[1],"signalId":3,"timeStorageId":[0]}`, -554114 for a part without storage.
   ///
   /// Signals without data are left out; the order means nothing. In row-group mode every signal is
-  /// finished first.
+  /// finished first. All files are there then: contents that had none get theirs.
   /// \throws std::bad_variant_access if a signal is of the other mode than the flag says now
   std::string serializeSignalRecords() const;
 
@@ -119,6 +119,7 @@ class KYR_PARQUET_EXPORT SignalPool {
   void reset(const Path& directory);
 
  private:
+  friend class PoolAccess;
   std::unique_ptr<SignalPoolImpl> impl_;
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <vector>
 
@@ -12,8 +13,8 @@ namespace kyr::recording {
 
 /// \brief A saved recording, opened: its signals in a pool of their own.
 ///
-/// The pool works on a private copy of the files under the system's temporary directory, so nothing
-/// done to it changes the saved recording until it is saved again. Closing the recording deletes
+/// The pool works on a private copy of the files under the system's temporary directory, packs apart,
+/// which are only read; so nothing done to it changes the saved recording until it is saved again. Closing the recording deletes
 /// the copy, except what a signal that is still held elsewhere needs.
 ///
 /// Movable, not copyable. One thread at a time.
@@ -45,8 +46,10 @@ class KYR_PARQUET_EXPORT Recording {
 
 /// \brief Open the recording in \p folder, which is left as it is.
 ///
-/// Every file is copied and its checksum compared on the way. The pool is in the storage mode of
-/// the feature flag "fKYRUseParquetRowGroup", whichever mode wrote the recording.
+/// Every file is copied and its checksum compared on the way. Packs are compared and read where they
+/// lie, through descriptors that stay open: the saved recording may be replaced or deleted meanwhile,
+/// but must not be written into. Of more than 32 packs the rest is copied. The pool is in the storage
+/// mode of the feature flag "fKYRUseParquetRowGroup", whichever mode wrote the recording.
 /// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording,
 ///         damaged, of a newer format version, a file missing or cut short
 KYR_PARQUET_EXPORT Recording openRecording(const Path& folder);
@@ -54,6 +57,15 @@ KYR_PARQUET_EXPORT Recording openRecording(const Path& folder);
 /// \brief Open some signals only; files that they do not need are neither copied nor checked.
 /// \throws std::invalid_argument naming an id that the recording does not have
 KYR_PARQUET_EXPORT Recording openRecording(const Path& folder, const std::vector<int>& signalIds);
+
+struct SaveOptions {
+  /// Contents of fewer bytes share files, the packs, which any reader of Parquet reads. Many small
+  /// signals are saved and opened many times faster so, above all from a pool that held them back
+  /// (SafeStorage::holdBelow). 0: each content has a file. docs/format.md describes packs.
+  std::size_t packBelow = 0;
+  /// Whether the recording is on the disk when the call returns, and survives a power cut.
+  bool sync = true;
+};
 
 /// \brief Save the signals of \p pool as the recording \p folder.
 ///
@@ -73,5 +85,8 @@ KYR_PARQUET_EXPORT Recording openRecording(const Path& folder, const std::vector
 KYR_PARQUET_EXPORT void saveRecording(parquet::SignalPool& pool,
                                       const std::vector<SignalDescription>& descriptions,
                                       const Path& folder);
+KYR_PARQUET_EXPORT void saveRecording(parquet::SignalPool& pool,
+                                      const std::vector<SignalDescription>& descriptions,
+                                      const Path& folder, const SaveOptions& options);
 
 }  // namespace kyr::recording

@@ -38,20 +38,32 @@ struct SignalInfo : SignalDescription {
   std::optional<int> dataStorageId;  ///< file of the samples (and of time, in a "time" column)
 };
 
-/// \brief One Parquet file of a saved recording: `storage/<storageId>`.
+/// \brief One content of a saved recording: a Parquet file `storage/<storageId>`, or rows of a pack.
 struct FileInfo {
   int storageId = 0;
+  std::uint64_t size = 0;  ///< bytes; of a packed content, its share of the pack by rows
+  std::uint64_t rowCount = 0;
+  std::string checksum;  ///< XXH3, 128 bits, in 32 lower-case hex digits; none if packed
+
+  std::optional<int> pack = std::nullopt;  ///< number of the pack that the content lies in, if any
+  std::uint64_t firstRow = 0;              ///< of the content in its pack
+};
+
+/// \brief A Parquet file with many small contents: `storage/pack-<number>.parquet`.
+struct PackInfo {
+  int number = 0;
   std::uint64_t size = 0;  ///< bytes
   std::uint64_t rowCount = 0;
-  std::string checksum;  ///< XXH3, 128 bits, in 32 lower-case hex digits
+  std::string checksum;  ///< as of a file
 };
 
 /// \brief What recording.json says.
 struct RecordingInfo {
   int formatVersion = 0;
-  std::string records;              ///< text for SignalPool::deserializeSignalRecords
+  std::string records;  ///< text for SignalPool::deserializeSignalRecords; none if packed
   std::vector<SignalInfo> signals;  ///< by ascending signal id
   std::vector<FileInfo> files;      ///< by ascending storage id
+  std::vector<PackInfo> packs;      ///< by ascending number
 };
 
 /// \brief Read what a recording holds from its recording.json alone; no Parquet file is opened.

@@ -1,0 +1,69 @@
+#include "recording/ContentSaver.h"
+
+#include <arrow/api.h>
+
+#include <string>
+#include <utility>
+
+#include "recording/FolderFiles.h"
+#include "streaming/SharedStream.h"
+
+namespace kyr::recording {
+
+namespace fs = std::filesystem;
+using parquet::SharedStream;
+
+ContentSaver::ContentSaver(fs::path directory, std::shared_ptr<parquet::SharedStore> store,
+                           fs::path storage, const SaveOptions& options)
+    : directory_(std::move(directory)),
+      store_(std::move(store)),
+      storage_(std::move(storage)),
+      packBelow_(options.packBelow),
+      packs_(storage_) {}
+
+void ContentSaver::save(FileInfo& file) {
+  const auto stream = store_ ? store_->streamOf(file.storageId) : nullptr;
+  const bool isMissing = stream && !stream->hasFile();
+  if (isMissing ? pack(file, *stream) : packFile(file)) return;
+  const std::string name = std::to_string(file.storageId);
+  FileDigest digest;
+  if (isMissing) {
+    stream->writeCopy(storage_ / name, /*sync=*/false);
+    digest = digestFile(storage_ / name);
+  } else {
+    digest = copyFile(directory_ / name, storage_ / name);
+  }
+  file.size = digest.size;
+  file.checksum = std::move(digest.checksum);
+}
+
+// A row has a byte or more, but for empty ones.
+bool ContentSaver::pack(FileInfo& file, SharedStream& stream) {
+  if (file.rowCount >= packBelow_) return false;
+  stream.open();
+  const auto held = stream.held(0, stream.rows());
+  return held && packRows(file, stream.schema(), stream.codec(), held->rows);
+}
+
+bool ContentSaver::packFile(FileInfo& file) {
+  const fs::path path = directory_ / std::to_string(file.storageId);
+  if (file.rowCount >= packBelow_ || file.rowCount == 0) return false;
+  parquet::StoredRows stored(path);
+  const auto table = stored.read(0, stored.rows());
+  const parquet::SampleSchema schema(table->schema());
+  if (schema.dataIndex != 0 || schema.kind == parquet::ColumnKind::unsupported) return false;
+  parquet::RowStore rows(schema, elementBytes(schema));
+  rows.append(*table);
+  return packRows(file, schema, stored.codec(), rows.slice());
+}
+
+bool ContentSaver::packRows(FileInfo& file, const parquet::SampleSchema& schema,
+                            ::arrow::Compression::type codec, const parquet::RowSlice& rows) {
+  if (rows.rows == 0 || rows.bytes >= packBelow_) return false;
+  packs_.add(file, schema, elementBytes(schema), codec, rows);
+  return true;
+}
+
+std::vector<PackInfo> ContentSaver::finish() { return packs_.finish(); }
+
+}  // namespace kyr::recording

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <arrow/util/compression.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+#include "kyr/recording/Recording.h"
+#include "kyr/recording/RecordingInfo.h"
+#include "recording/PackWriter.h"
+#include "streaming/SharedStore.h"
+
+namespace kyr::recording {
+
+/// Brings contents of a pool into the storage of a new recording: as files of their own, or into
+/// packs.
+class ContentSaver {
+ public:
+  /// \param directory  of the pool
+  /// \param store  of a safe pool, else null
+  /// \param storage  folder of the recording's files
+  ContentSaver(std::filesystem::path directory, std::shared_ptr<parquet::SharedStore> store,
+               std::filesystem::path storage, const SaveOptions& options);
+
+  /// Saves the content of that id, and notes where it is.
+  /// \throws std::exception naming the file
+  void save(FileInfo& file);
+
+  /// Completes the packs.
+  std::vector<PackInfo> finish();
+
+ private:
+  bool pack(FileInfo& file, parquet::SharedStream& stream);
+  bool packFile(FileInfo& file);
+  bool packRows(FileInfo& file, const parquet::SampleSchema& schema,
+                ::arrow::Compression::type codec, const parquet::RowSlice& rows);
+
+  std::filesystem::path directory_;
+  std::shared_ptr<parquet::SharedStore> store_;
+  std::filesystem::path storage_;
+  std::size_t packBelow_;
+  PackWriter packs_;
+};
+
+}  // namespace kyr::recording

@@ -1,0 +1,256 @@
+#include "recording/PackWriter.h"
+
+#include <arrow/api.h>
+#include <arrow/io/interfaces.h>
+#include <arrow/util/compression.h>
+#include <parquet/arrow/schema.h>
+#include <parquet/arrow/writer.h>
+#include <parquet/exception.h>
+#include <parquet/file_writer.h>
+#include <parquet/properties.h>
+
+#include <algorithm>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include "kyr/parquet/ParquetWriterOptions.h"
+#include "platform/DiskFile.h"
+#include "recording/Checksum.h"
+#include "recording/RecordingFolder.h"
+#include "streaming/PackFile.h"
+
+namespace kyr::recording {
+
+namespace fs = std::filesystem;
+using parquet::RowSlice;
+
+namespace {
+
+constexpr std::size_t kGroupRows = 65536;
+constexpr std::size_t kGroupBytes = std::size_t{1} << 20U;
+constexpr std::size_t kPackBytes = std::size_t{64} << 20U;
+
+// A new file, whose checksum is taken on the way. Gathers small pieces.
+class PackSink final : public ::arrow::io::OutputStream {
+ public:
+  explicit PackSink(const fs::path& path) : file_(path, DiskFile::Mode::createNew) {}
+
+  ::arrow::Status Write(const void* data, std::int64_t size) override {
+    const std::string_view piece(static_cast<const char*>(data), static_cast<std::size_t>(size));
+    if (piece.size() < kGathered && gathered_.size() < kGathered) {
+      gathered_ += piece;
+      return ::arrow::Status::OK();
+    }
+    try {
+      put(piece);
+    } catch (const std::exception& error) {
+      failure_ = std::current_exception();
+      return ::arrow::Status::IOError(error.what());
+    }
+    return ::arrow::Status::OK();
+  }
+  ::arrow::Result<std::int64_t> Tell() const override {
+    return static_cast<std::int64_t>(written_ + gathered_.size());
+  }
+  ::arrow::Status Close() override { return ::arrow::Status::OK(); }
+  bool closed() const override { return false; }
+
+  void finish() {
+    put({});
+    file_.close();
+  }
+  std::uint64_t size() const { return written_; }
+  std::string checksum() const { return checksum_.digits(); }
+  void throwFailure() const {
+    if (failure_) std::rethrow_exception(failure_);
+  }
+
+ private:
+  static constexpr std::size_t kGathered = std::size_t{64} << 10U;
+
+  void put(std::string_view piece) {
+    file_.writeAt(written_, {gathered_, piece});
+    for (const std::string_view part : {std::string_view(gathered_), piece}) {
+      checksum_.add(part.data(), part.size());
+      written_ += part.size();
+    }
+    gathered_.clear();
+  }
+
+  DiskFile file_;
+  Checksum checksum_;
+  std::string gathered_;
+  std::uint64_t written_ = 0;
+  std::exception_ptr failure_;
+};
+
+// Columns that are no lists need no levels: nothing of theirs is ever null.
+std::shared_ptr<::arrow::Schema> packSchema(const ::arrow::Schema& contents) {
+  std::vector<std::shared_ptr<::arrow::Field>> fields;
+  for (const auto& field : contents.fields()) {
+    fields.push_back(field->WithNullable(field->type()->id() == ::arrow::Type::LIST));
+  }
+  fields.push_back(::arrow::field(parquet::kPackColumn,
+                                  ::arrow::dictionary(::arrow::int32(), ::arrow::int32()),
+                                  /*nullable=*/false));
+  return ::arrow::schema(std::move(fields));
+}
+
+std::shared_ptr<::parquet::WriterProperties> packProperties(::arrow::Compression::type codec) {
+  ::parquet::WriterProperties::Builder builder(
+      *parquet::ParquetWriterOptions().buildWriterProperties(codec));
+  builder.disable_dictionary()
+      ->enable_dictionary(parquet::kPackColumn)
+      ->disable_statistics()
+      ->write_batch_size(static_cast<std::int64_t>(kGroupRows));
+  return builder.build();
+}
+
+}  // namespace
+
+class PackWriter::Pack {
+ public:
+  Pack(int number, const fs::path& storage, const parquet::SampleSchema& schema, std::size_t width,
+       ::arrow::Compression::type codec)
+      : number_(number),
+        path_(storage / packName(number)),
+        schema_(packSchema(*schema.schema)),
+        rows_(schema, width) {
+    naming([&] {
+      sink_ = std::make_shared<PackSink>(path_);
+      const auto properties = packProperties(codec);
+      std::shared_ptr<::parquet::SchemaDescriptor> descriptor;
+      PARQUET_THROW_NOT_OK(
+          ::parquet::arrow::ToParquetSchema(schema_.get(), *properties, &descriptor));
+      const auto root =
+          std::static_pointer_cast<::parquet::schema::GroupNode>(descriptor->schema_root());
+      PARQUET_THROW_NOT_OK(::parquet::arrow::FileWriter::Make(
+          ::arrow::default_memory_pool(),
+          ::parquet::ParquetFileWriter::Open(sink_, root, properties), schema_,
+          ::parquet::default_arrow_writer_properties(), &writer_));
+    });
+  }
+
+  bool isFull() const { return bytes_ >= kPackBytes; }
+
+  void add(FileInfo& file, const RowSlice& rows) {
+    file.pack = number_;
+    file.firstRow = written_ + rows_.rows();
+    for (std::size_t from = 0; from < rows.rows;) {
+      const std::size_t count = std::min(rows.rows - from, room(rows));
+      if (count == 0) {
+        writeGroup();
+        continue;
+      }
+      rows_.append(subSlice(rows, from, count));
+      runs_.emplace_back(file.storageId, count);
+      from += count;
+    }
+  }
+
+  PackInfo finish() {
+    writeGroup();
+    naming([&] {
+      PARQUET_THROW_NOT_OK(writer_->Close());
+      sink_->finish();
+    });
+    return {number_, sink_->size(), written_, sink_->checksum()};
+  }
+
+ private:
+  // Rows like these that the row group still takes; no row group is empty.
+  std::size_t room(const RowSlice& rows) const {
+    if (rows_.rows() == kGroupRows) return 0;
+    const std::size_t perRow = std::max<std::size_t>(1, rows.bytes / rows.rows);
+    const std::size_t taken = parquet::bytesIn(rows_.slice());
+    const std::size_t byBytes = taken < kGroupBytes ? (kGroupBytes - taken) / perRow : 0;
+    const std::size_t least = rows_.rows() == 0 ? 1 : 0;
+    return std::min(kGroupRows - rows_.rows(), std::max(byBytes, least));
+  }
+
+  void writeGroup() {
+    const std::size_t count = rows_.rows();
+    if (count == 0) return;
+    auto columns = rows_.table(0, count)->columns();
+    columns.push_back(ids(count));
+    const auto table =
+        ::arrow::Table::Make(schema_, std::move(columns), static_cast<std::int64_t>(count));
+    naming([&] { PARQUET_THROW_NOT_OK(writer_->WriteTable(*table, table->num_rows())); });
+    written_ += count;
+    bytes_ += parquet::bytesIn(rows_.slice());
+    rows_.truncate(0);
+    runs_.clear();
+  }
+
+  // Of the rows, as a dictionary: a run costs a few bytes.
+  std::shared_ptr<::arrow::ChunkedArray> ids(std::size_t count) const {
+    std::vector<std::int32_t> dictionary;
+    std::vector<std::int32_t> indices;
+    indices.reserve(count);
+    for (const auto& [id, rows] : runs_) {
+      indices.insert(indices.end(), rows, static_cast<std::int32_t>(dictionary.size()));
+      dictionary.push_back(id);
+    }
+    const auto type = schema_->fields().back()->type();
+    const auto length = static_cast<std::int64_t>(dictionary.size());
+    return std::make_shared<::arrow::ChunkedArray>(std::make_shared<::arrow::DictionaryArray>(
+        type,
+        std::make_shared<::arrow::Int32Array>(static_cast<std::int64_t>(count),
+                                              ::arrow::Buffer::FromVector(std::move(indices))),
+        std::make_shared<::arrow::Int32Array>(length,
+                                              ::arrow::Buffer::FromVector(std::move(dictionary)))));
+  }
+
+  template <typename Operation>
+  void naming(Operation&& operation) {
+    try {
+      operation();
+    } catch (const ::parquet::ParquetException& error) {
+      sink_->throwFailure();
+      throw std::runtime_error(path_.string() + ": " + error.what());
+    }
+  }
+
+  int number_;
+  fs::path path_;
+  std::shared_ptr<::arrow::Schema> schema_;
+  parquet::RowStore rows_;  // of the row group that is due
+  std::vector<std::pair<int, std::size_t>> runs_;
+  std::shared_ptr<PackSink> sink_;
+  std::unique_ptr<::parquet::arrow::FileWriter> writer_;
+  std::uint64_t written_ = 0;
+  std::size_t bytes_ = 0;
+};
+
+PackWriter::PackWriter(fs::path storage) : storage_(std::move(storage)) {}
+
+PackWriter::~PackWriter() = default;
+
+void PackWriter::add(FileInfo& file, const parquet::SampleSchema& schema, std::size_t width,
+                     ::arrow::Compression::type codec, const RowSlice& rows) {
+  if (lastSchema_ != schema.schema || lastCodec_ != codec || last_ == nullptr) {
+    last_ = &open_[{schema.schema->ToString(), static_cast<int>(codec)}];
+    lastSchema_ = schema.schema;
+    lastCodec_ = codec;
+  }
+  if (!*last_) *last_ = std::make_unique<Pack>(next_++, storage_, schema, width, codec);
+  (*last_)->add(file, rows);
+  if ((*last_)->isFull()) {
+    done_.push_back((*last_)->finish());
+    last_->reset();
+  }
+}
+
+std::vector<PackInfo> PackWriter::finish() {
+  for (const auto& [kind, pack] : open_) {
+    if (pack) done_.push_back(pack->finish());
+  }
+  open_.clear();
+  last_ = nullptr;
+  std::sort(done_.begin(), done_.end(),
+            [](const PackInfo& a, const PackInfo& b) { return a.number < b.number; });
+  return std::move(done_);
+}
+
+}  // namespace kyr::recording
