@@ -89,14 +89,7 @@ void SafeWholeSignal::setData(const std::vector<double>& time, const std::vector
 
 void SafeWholeSignal::getData(std::vector<double>& time, std::vector<char>& data, Dims& dims,
                               std::vector<int>& lengths) {
-  if (const auto held = time_.id() ? time_.held(0, kAll) : std::nullopt) {
-    time.resize(held->rows.bytes / sizeof(double));
-    std::memcpy(time.data(), held->rows.elements, time.size() * sizeof(double));
-  } else if (time_.id()) {
-    const PartRows rows = time_.hostRows(0, kAll);
-    time.resize(rows.bytes.size() / sizeof(double));
-    if (!time.empty()) std::memcpy(time.data(), rows.bytes.data(), rows.bytes.size());
-  }
+  if (time_.id()) readTimes(time);
   if (!data_.id()) return;
   if (const auto held = data_.held(0, kAll)) {
     PartRows rows(held->rows);
@@ -105,12 +98,36 @@ void SafeWholeSignal::getData(std::vector<double>& time, std::vector<char>& data
     lengths = std::move(rows.sizes);
     return;
   }
+  const SampleSchema& schema = store_->sampleSchema(label_->category, label_->dataType);
+  if (schema.kind == ColumnKind::flat && data_.readNumbers(*schema.elementType, data)) {
+    lengths.clear();
+    return;
+  }
   const auto tables = data_.read(0, kAll);
   if (!time_.id()) takeTimeColumn(tables, time);
   PartRows rows(tables);
   data = std::move(rows.bytes);
   if (rows.dimensions) dims.assign(rows.dimensions->begin(), rows.dimensions->end());
   lengths = std::move(rows.sizes);
+}
+
+void SafeWholeSignal::readTimes(std::vector<double>& time) {
+  if (const auto held = time_.held(0, kAll)) {
+    const auto* first = reinterpret_cast<const double*>(held->rows.elements);
+    time.assign(first, first + held->rows.rows);
+    return;
+  }
+  const int id = *time_.id();
+  if (const auto* recent = store_->recentTimes(id)) {
+    time = *recent;
+    return;
+  }
+  if (!time_.readNumbers(*timeSchema().elementType, time)) {
+    const PartRows rows = time_.hostRows(0, kAll);
+    time.resize(rows.bytes.size() / sizeof(double));
+    if (!time.empty()) std::memcpy(time.data(), rows.bytes.data(), rows.bytes.size());
+  }
+  store_->keepTimes(id, time);
 }
 
 void SafeWholeSignal::resetData() {

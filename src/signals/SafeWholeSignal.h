@@ -40,6 +40,7 @@ class SafeWholeSignal final : public WholeSignal {
   ::arrow::Status writeStatus() const override;
 
  private:
+  void readTimes(std::vector<double>& time);
   SharedPart partOf(SignalPart part, const SampleSchema& schema, const SampleChunk& chunk,
                     std::size_t width) const;
 

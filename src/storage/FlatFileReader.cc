@@ -89,13 +89,54 @@ std::shared_ptr<::arrow::Schema> schemaOf(const ::parquet::FileMetaData& metadat
   return status.ok() ? schema : nullptr;
 }
 
+// What Parquet says of numbers beside their physical type.
+std::shared_ptr<const ::parquet::LogicalType> logicalTypeOf(const ::arrow::DataType& type) {
+  switch (type.id()) {
+    case ::arrow::Type::INT8:
+      return ::parquet::LogicalType::Int(8, true);
+    case ::arrow::Type::UINT8:
+      return ::parquet::LogicalType::Int(8, false);
+    case ::arrow::Type::INT16:
+      return ::parquet::LogicalType::Int(16, true);
+    case ::arrow::Type::UINT16:
+      return ::parquet::LogicalType::Int(16, false);
+    case ::arrow::Type::UINT32:
+      return ::parquet::LogicalType::Int(32, false);
+    case ::arrow::Type::UINT64:
+      return ::parquet::LogicalType::Int(64, false);
+    default:
+      return ::parquet::LogicalType::None();
+  }
+}
+
+// The schema of a file with one column, if it plainly is of the type: making it from the metadata
+// takes as long as opening a small file. Empty where that must be done.
+std::shared_ptr<::arrow::Schema> expectedSchema(const ::parquet::FileMetaData& metadata,
+                                                const std::string& name,
+                                                const ::arrow::DataType& type) {
+  const ::parquet::ColumnDescriptor& column = *metadata.schema()->Column(0);
+  const auto& keyValues = metadata.key_value_metadata();
+  const bool isFloating = type.id() == ::arrow::Type::FLOAT || type.id() == ::arrow::Type::DOUBLE;
+  const bool isFloatingThere = column.physical_type() == ::parquet::Type::FLOAT ||
+                               column.physical_type() == ::parquet::Type::DOUBLE;
+  if ((keyValues && keyValues->Contains("ARROW:schema")) || isFloating != isFloatingThere ||
+      column.name() != name || column.schema_node()->parent()->parent() != nullptr ||
+      !column.logical_type() || !column.logical_type()->Equals(*logicalTypeOf(type))) {
+    return nullptr;
+  }
+  const auto same = std::const_pointer_cast<::arrow::DataType>(type.GetSharedPtr());
+  return ::arrow::schema({::arrow::field(name, same, column.max_definition_level() > 0)});
+}
+
 }  // namespace
 
 std::unique_ptr<FlatColumn> FlatColumn::make(const ::parquet::FileMetaData& metadata,
                                              std::uint64_t fileSize, const std::string& name,
                                              const ::arrow::DataType* type) {
-  const auto schema = schemaOf(metadata);
-  if (!schema || schema->num_fields() != 1 || metadata.num_columns() != 1) return nullptr;
+  if (metadata.num_columns() != 1) return nullptr;
+  auto schema = type ? expectedSchema(metadata, name, *type) : nullptr;
+  if (!schema) schema = schemaOf(metadata);
+  if (!schema || schema->num_fields() != 1) return nullptr;
   const ::arrow::Field& field = *schema->field(0);
   const ::parquet::ColumnDescriptor& descriptor = *metadata.schema()->Column(0);
   if (field.name() != name || (type && !field.type()->Equals(*type)) ||

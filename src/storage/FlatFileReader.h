@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "kyr/parquet/ColumnNames.h"
 #include "platform/DiskFile.h"
 #include "storage/FlatFormat.h"
 
@@ -102,6 +104,20 @@ bool readRows(FlatColumn& column, const DiskFile& file, std::uint64_t first, std
     done = end;
   }
   return true;
+}
+
+/// Replaces \p out by the values of a file with nothing but a flat column called "data".
+/// \param type  of the column; any if null
+/// \return whether it is such a file; \p out is overwritten in any case
+/// \throws std::system_error naming the file if it cannot be read
+template <typename T>
+bool readFlatFile(const std::filesystem::path& path, const ::arrow::DataType* type,
+                  std::vector<T>& out) {
+  const DiskFile file(path, DiskFile::Mode::readOnly);
+  const auto metadata = readMetadata(file);
+  const auto column =
+      metadata ? FlatColumn::make(*metadata, file.size(), columnNames::data, type) : nullptr;
+  return column && readRows(*column, file, 0, column->rows(), out);
 }
 
 }  // namespace kyr::parquet

@@ -5,11 +5,19 @@
 #include <fmt/format.h>
 #include <parquet/arrow/reader.h>
 #include <parquet/arrow/writer.h>
+#include <sys/stat.h>
 
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <type_traits>
 #include <typeinfo>
 #include <unordered_map>
+#include <utility>
 
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/PerfTracer.h"
@@ -28,6 +36,31 @@
 namespace kyr::parquet {
 
 using typedColumns::StoredTable;
+
+namespace {
+
+// Which file a name stood for, and when that was changed last.
+struct FileVersion {
+  std::array<std::int64_t, 5> facts{};
+
+  static std::optional<FileVersion> of(const std::filesystem::path& path) {
+    struct stat there {};
+    if (::stat(path.c_str(), &there) != 0) return std::nullopt;
+    constexpr std::int64_t kPerSecond = 1'000'000'000;
+    return FileVersion{{static_cast<std::int64_t>(there.st_dev),
+                        static_cast<std::int64_t>(there.st_ino), there.st_size,
+                        there.st_mtim.tv_sec * kPerSecond + there.st_mtim.tv_nsec,
+                        there.st_ctim.tv_sec * kPerSecond + there.st_ctim.tv_nsec}};
+  }
+  bool operator==(const FileVersion& other) const { return facts == other.facts; }
+};
+
+struct KnownTimes {
+  std::optional<FileVersion> version;
+  std::vector<double> values;
+};
+
+}  // namespace
 
 class ParquetSerializerWorker::Impl {
  public:
@@ -95,15 +128,28 @@ class ParquetSerializerWorker::Impl {
   // it is such a file; all others, and all errors, are for readStored().
   template <typename T>
   bool readFlat(int id, const ::arrow::DataType& type, std::vector<T>& values) const {
+    const std::filesystem::path path = filePath(id).toFilesystem();
     try {
-      const DiskFile file(filePath(id).toFilesystem(), DiskFile::Mode::readOnly);
-      const auto metadata = readMetadata(file);
-      const auto column =
-          metadata ? FlatColumn::make(*metadata, file.size(), columnNames::data, &type) : nullptr;
-      return column && readRows(*column, file, 0, column->rows(), values);
+      if constexpr (std::is_same_v<T, double>) return readTimes(path, type, values);
+      return readFlatFile(path, &type, values);
     } catch (const std::system_error&) {
       return false;
     }
+  }
+
+  // The times of one file are mostly read once for each signal that shares them: they are kept for
+  // as long as its name stands for the same unchanged file.
+  bool readTimes(const std::filesystem::path& path, const ::arrow::DataType& type,
+                 std::vector<double>& values) const {
+    constexpr std::size_t kMost = std::size_t{1} << 20U;
+    const auto version = FileVersion::of(path);
+    if (version && version == times.version) {
+      values = times.values;
+      return true;
+    }
+    if (!readFlatFile(path, &type, values)) return false;
+    if (values.size() <= kMost) times = {version, values};
+    return true;
   }
 
   std::string existingFile(int id) const {
@@ -154,6 +200,7 @@ class ParquetSerializerWorker::Impl {
   Path directory;
   ChunkIndex index;
   RepeatedHash repeatedHash;
+  mutable KnownTimes times;
   FlatFormats formats;
   ::arrow::Status lastWriteStatus;
   std::unordered_map<int, ::arrow::Status> failedWrites;

@@ -15,11 +15,17 @@ namespace {
 
 // Rows are read in slices that are in the processor's cache until they are copied, to the memory
 // that \p reused has.
-PartRows readRows(SharedPart& part, std::uint64_t from, std::uint64_t to,
-                  std::vector<char>& reused) {
+PartRows readRows(SharedPart& part, const SampleSchema& schema, std::uint64_t from,
+                  std::uint64_t to, std::vector<char>& reused) {
   constexpr std::uint64_t kSlice = 131'072;
   if (const auto held = part.held(from, to)) return PartRows(held->rows);
   PartRows rows;
+  if (from == 0 && schema.kind == ColumnKind::flat && to >= part.rows()) {
+    if (part.readNumbers(*schema.elementType, reused)) {
+      rows.bytes.swap(reused);
+      return rows;
+    }
+  }
   const bool isLong = from < to && to - from > kSlice;
   const std::uint64_t end = isLong ? std::min(to, part.rows()) : to;
   const auto sliceEnd = [end](std::uint64_t at) {
@@ -138,7 +144,7 @@ int SafeStreamableSignal::getStorageId(SignalPart part) const {
 }
 
 void SafeStreamableSignal::getTime(unsigned long from, unsigned long to, std::vector<char>& out) {
-  out = std::move(readRows(time_, from, to, out).bytes);
+  out = std::move(readRows(time_, timeSchema(), from, to, out).bytes);
 }
 
 void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::vector<char>& out,
@@ -150,7 +156,7 @@ void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::ve
 void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::vector<char>& out,
                                    std::vector<std::vector<unsigned long>>& dimensions,
                                    std::vector<int>& sizes) {
-  PartRows rows = readRows(data_, from, to, out);
+  PartRows rows = readRows(data_, dataSchema(), from, to, out);
   out = std::move(rows.bytes);
   if (rows.dimensions) dimensions = *std::move(rows.dimensions);
   sizes = std::move(rows.sizes);

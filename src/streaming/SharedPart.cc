@@ -269,6 +269,7 @@ void SharedPart::reset() {
 }
 
 std::optional<HeldRows> SharedPart::held(std::uint64_t from, std::uint64_t to) {
+  if (!isOpened_ && stream_->hasFile()) return std::nullopt;
   to = std::min(to, rows());
   if (from >= to || to > equalRows_) return std::nullopt;
   return stream_->held(from, to);

@@ -67,6 +67,14 @@ class SharedPart {
   /// until the part changes.
   std::vector<std::shared_ptr<::arrow::Table>> read(std::uint64_t from, std::uint64_t to);
 
+  /// As SharedStream::readNumbers(), if the part is all of a stream. A file that was taken over
+  /// need not be opened before.
+  template <typename T>
+  bool readNumbers(const ::arrow::DataType& type, std::vector<T>& out) const {
+    return stream_ && (!isOpened_ || (pendingRows() == 0 && equalRows_ == stream_->rows())) &&
+           stream_->readNumbers(type, out);
+  }
+
   void setBatchRows(std::size_t rows) { batchRows_ = rows; }
   void setCompression(const SharedStore::Compression& compression) { compression_ = compression; }
   const SharedStore::Compression& compression() const { return compression_; }

@@ -115,7 +115,26 @@ void SharedStore::note(int id, const std::shared_ptr<SharedStream>& stream) {
   streams_[id] = stream;
 }
 
+const FileLayout& SharedStore::layout(const std::shared_ptr<::arrow::Schema>& schema,
+                                      const Compression& compression) {
+  for (const KnownLayout& known : layouts_) {
+    if (known.schema == schema && known.compression == compression) return known.layout;
+  }
+  layouts_.push_front(
+      {schema, compression, FileLayout(*schema, properties(compression), choice(compression))});
+  if (layouts_.size() > kMaxStored) layouts_.pop_back();
+  return layouts_.front().layout;
+}
+
+void SharedStore::keepTimes(int id, const std::vector<double>& times) {
+  constexpr std::size_t kMost = std::size_t{1} << 20U;
+  if (times.size() > kMost) return;
+  times_ = times;
+  timesId_ = id;
+}
+
 void SharedStore::forget(int id) {
+  if (id == timesId_) timesId_ = -1;
   streams_.erase(id);
   stored_.remove_if([id](const auto& entry) { return entry.first == id; });
 }

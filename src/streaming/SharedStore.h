@@ -23,6 +23,7 @@
 #include "kyr/parquet/SignalTypes.h"
 #include "kyr/platform/Path.h"
 #include "streaming/ColumnEncoding.h"
+#include "streaming/FileLayout.h"
 #include "streaming/RowStore.h"
 
 namespace kyr::parquet {
@@ -93,6 +94,18 @@ class SharedStore {
   /// \throws std::invalid_argument if there is none
   const SampleSchema& sampleSchema(KYRSignalCategory category, KYRSignalDataType type);
 
+  /// How files of the schema are written.
+  /// \throws std::invalid_argument as properties()
+  const FileLayout& layout(const std::shared_ptr<::arrow::Schema>& schema,
+                           const Compression& compression);
+
+  /// The times that were read last, if they are those of \p id: signals that share them are mostly
+  /// read one after the other.
+  const std::vector<double>* recentTimes(int id) const {
+    return id == timesId_ ? &times_ : nullptr;
+  }
+  void keepTimes(int id, const std::vector<double>& times);
+
   /// The stream over the file \p id, if a signal has it already.
   std::shared_ptr<SharedStream> streamOf(int id) const;
   void note(int id, const std::shared_ptr<SharedStream>& stream);
@@ -138,6 +151,12 @@ class SharedStore {
  private:
   static constexpr std::size_t kMaxStored = 32;
 
+  struct KnownLayout {
+    std::shared_ptr<::arrow::Schema> schema;
+    Compression compression;
+    FileLayout layout;
+  };
+
   Path directory_;
   SafeStorage options_;
   ParquetWriterOptions writerOptions_;
@@ -150,6 +169,9 @@ class SharedStore {
   std::size_t heldBytes_ = 0;
   std::unordered_map<int, std::weak_ptr<SharedStream>> streams_;
   std::list<std::pair<int, std::shared_ptr<StoredRows>>> stored_;  // the last used first
+  std::list<KnownLayout> layouts_;
+  int timesId_ = -1;
+  std::vector<double> times_;
   bool keepsFiles_ = false;
   std::vector<int> condemned_;        // since the last flush
   std::vector<int> condemnedBefore_;  // between the two last ones

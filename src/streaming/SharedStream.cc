@@ -336,9 +336,8 @@ void SharedStream::writePlain(const std::filesystem::path& path, const RowSlice&
   forEachBatch(rows, [&](std::size_t, const RowSlice& batch) {
     tables.push_back(tableOf(schema(), batch));
   });
-  const auto asked = askedCodec();
-  const FileLayout layout(*schema().schema, store_->properties(asked), store_->choice(asked));
-  writePlainFile(path, layout, describedParts(), tables, sync);
+  writePlainFile(path, store_->layout(schema().schema, askedCodec()), describedParts(), tables,
+                 sync);
 }
 
 void SharedStream::hold() {

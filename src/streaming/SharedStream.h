@@ -9,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include "storage/FlatFileReader.h"
 #include "streaming/GrowingFile.h"
 #include "streaming/RowStore.h"
 #include "streaming/SharedStore.h"
@@ -122,6 +123,15 @@ class SharedStream : public std::enable_shared_from_this<SharedStream> {
 
   /// Rows of any part of the stream, as tables in order: from disk, then from memory.
   std::vector<std::shared_ptr<::arrow::Table>> read(std::uint64_t from, std::uint64_t to);
+  /// All rows of a sealed stream of numbers, read from its file without tables.
+  /// \param type  of the numbers
+  /// \param out  is overwritten
+  /// \return whether it is such a stream, whose file can be read so
+  template <typename T>
+  bool readNumbers(const ::arrow::DataType& type, std::vector<T>& out) const {
+    return sealed_ && hasFile_ && readFlatFile(store_->fileOf(id_), &type, out) &&
+           (!memory_ || out.size() * sizeof(T) == rows() * width_);
+  }
   /// The same rows without tables, if all are in memory or in a pack.
   std::optional<HeldRows> held(std::uint64_t from, std::uint64_t to);
 
