@@ -28,7 +28,11 @@ struct KyrOptions {
   bool isSafe;
   bool dictionary;
   bool isSaved;
+  bool isPacked = false;  // only if it is saved
 };
+
+// Contents below it share files.
+constexpr std::size_t kPackBelow = std::size_t{1} << 20U;
 
 Dimensions dimensionsOf(const Workload& workload) {
   return workload.elements == 9 ? Dimensions{{3, 3}} : Dimensions();
@@ -66,10 +70,14 @@ class KyrStore : public Store {
       descriptions.push_back({static_cast<int>(i), "signal " + std::to_string(i), "m/s", "",
                               dimensions.empty() ? std::vector<std::size_t>() : dimensions[0]});
     }
-    recording::saveRecording(*pool_, descriptions, Path::fromFilesystem(stored()));
+    recording::SaveOptions saving;
+    if (options_.isPacked) saving = {kPackBelow, /*sync=*/false};
+    recording::saveRecording(*pool_, descriptions, Path::fromFilesystem(stored()), saving);
   }
 
-  void leave() override { std::ofstream(notes("records")) << pool_->serializeSignalRecords(); }
+  void leave() override {
+    if (!options_.isSaved) std::ofstream(notes("records")) << pool_->serializeSignalRecords();
+  }
 
   void read(const Workload& workload, ReadBack& values) override {
     openWindows(workload);
@@ -110,7 +118,9 @@ class KyrStore : public Store {
   void openPool(const Workload& workload, const fs::path& folder) {
     setMode(workload);
     const Path path = Path::fromFilesystem(folder);
-    pool_ = options_.isSafe ? std::make_unique<parquet::SignalPool>(path, parquet::SafeStorage())
+    parquet::SafeStorage storage;
+    if (options_.isPacked) storage.holdBelow = kPackBelow;
+    pool_ = options_.isSafe ? std::make_unique<parquet::SignalPool>(path, storage)
                             : std::make_unique<parquet::SignalPool>(path);
   }
 
@@ -180,6 +190,7 @@ namespace {
     addStore<KyrStore>("kyr:default+dict", KyrOptions{false, true, false}),
     addStore<KyrStore>("kyr:safe", KyrOptions{true, true, false}),
     addStore<KyrStore>("kyr:safe+saved", KyrOptions{true, true, true}),
+    addStore<KyrStore>("kyr:packed", KyrOptions{true, true, true, true}),
 };
 
 }  // namespace

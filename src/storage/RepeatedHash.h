@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/Digest.h"
+
 namespace kyr::parquet {
 
 /// Spares content hashes of a vector that is handed in again and again, as the time vector of many
@@ -24,7 +26,7 @@ class RepeatedHash {
       recent_[1] = vector;
       return compute();
     }
-    const XXH128_hash_t digest = XXH3_128bits(data, bytes);
+    const XXH128_hash_t digest = digestOfBytes(data, bytes);
     if (isRepeated && XXH128_isEqual(digest, digest_)) return hash_;
     repeated_ = vector;
     digest_ = digest;

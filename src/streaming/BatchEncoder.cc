@@ -14,8 +14,6 @@ namespace {
 constexpr std::size_t kMargin = 4096;
 // Copied and hashed at once: small enough for the nearest cache.
 constexpr std::size_t kPieceBytes = 4096;
-// Signals change, but not with every batch.
-constexpr std::size_t kEncodingUses = 8;
 
 // Keeps what is written to it. A Parquet writer only starts at position 0; behind its leading magic
 // the sink says that it stands at the row group's place in the file that the batch is made for.

@@ -44,8 +44,11 @@ void FileLayout::write(const std::shared_ptr<::arrow::io::OutputStream>& sink,
                        const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
                        const RowGroups& rowGroups, std::optional<ColumnEncoding> encoding) const {
   std::vector<ColumnEncoding> encodings;
-  for (const ::arrow::Table* rows : rowGroups) {
-    encodings.push_back(encoding ? *encoding : encodingFor(*rows));
+  for (std::size_t i = 0; i < rowGroups.size(); ++i) {
+    const bool isAsBefore = i % kEncodingUses != 0;
+    encodings.push_back(encoding     ? *encoding
+                        : isAsBefore ? encodings.back()
+                                     : encodingFor(*rowGroups[i]));
   }
   if (isFlat_) {
     writeFlat(sink, keyValues, rowGroups, encodings);

@@ -16,6 +16,10 @@ class OutputStream;
 
 namespace kyr::parquet {
 
+/// Row groups that an encoding is used for before it is chosen anew: signals change, but not with
+/// every batch.
+constexpr std::size_t kEncodingUses = 4;
+
 /// How files of one schema are written.
 ///
 /// No sample is missing, ever. Where encodings are chosen, a single column of numbers is therefore
@@ -35,7 +39,7 @@ class FileLayout {
 
   /// Writes a whole Parquet file to \p sink, which stands at its beginning.
   /// \param rowGroups  each a row group
-  /// \param encoding  of the samples; chosen for each row group if none is given
+  /// \param encoding  of the samples; chosen for every few row groups if none is given
   /// \throws ::parquet::ParquetException if they cannot be encoded, or the sink says so
   void write(const std::shared_ptr<::arrow::io::OutputStream>& sink,
              const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "kyr/parquet/SignalFormatter.h"
+#include "platform/Digest.h"
 #include "schema/ArrayMemory.h"
 
 namespace kyr::parquet {
@@ -374,7 +375,7 @@ std::size_t commonRows(const RowSlice& a, const RowSlice& b) {
 
 XXH128_hash_t digestOf(const RowSlice& rows) {
   // Flat rows are their bytes. Others are told apart by where they end as well.
-  XXH128_hash_t digest = XXH3_128bits(rows.elements, rows.bytes);
+  XXH128_hash_t digest = digestOfBytes(rows.elements, rows.bytes);
   const auto mix = [&](const std::uint64_t* values, std::size_t count, std::uint64_t base) {
     std::vector<std::uint64_t> text{digest.low64, digest.high64, count};
     for (std::size_t i = 0; i < count; ++i) text.push_back(values[i] - base);

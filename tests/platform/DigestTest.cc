@@ -1,0 +1,24 @@
+#include "platform/Digest.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace kyr {
+namespace {
+
+// Digests are stored in files: those of wide instructions are those of others.
+TEST(Digest, IsXxh3WhateverTheProcessor) {
+  std::vector<std::uint8_t> bytes;
+  for (std::size_t i = 0; i < 100'000; ++i) bytes.push_back(static_cast<std::uint8_t>(i * i >> 3U));
+  for (const std::size_t size : {0U, 1U, 16U, 240U, 241U, 1023U, 1024U, 1025U, 4097U, 99'999U}) {
+    for (const std::size_t from : {0U, 1U}) {
+      const XXH128_hash_t expected = XXH3_128bits(bytes.data() + from, size);
+      EXPECT_TRUE(XXH128_isEqual(digestOfBytes(bytes.data() + from, size), expected)) << size;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kyr
