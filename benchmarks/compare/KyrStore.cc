@@ -71,7 +71,10 @@ class KyrStore : public Store {
                               dimensions.empty() ? std::vector<std::size_t>() : dimensions[0]});
     }
     recording::SaveOptions saving;
-    if (options_.isPacked) saving = {kPackBelow, /*sync=*/false};
+    if (options_.isPacked) {
+      saving.packBelow = kPackBelow;
+      saving.sync = false;
+    }
     recording::saveRecording(*pool_, descriptions, Path::fromFilesystem(stored()), saving);
   }
 

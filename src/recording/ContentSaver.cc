@@ -19,7 +19,7 @@ ContentSaver::ContentSaver(fs::path directory, std::shared_ptr<parquet::SharedSt
       store_(std::move(store)),
       storage_(std::move(storage)),
       packBelow_(options.packBelow),
-      packs_(storage_) {}
+      packs_(storage_, options.encodings) {}
 
 void ContentSaver::save(FileInfo& file) {
   const auto stream = store_ ? store_->streamOf(file.storageId) : nullptr;

@@ -18,18 +18,23 @@
 #include "platform/DiskFile.h"
 #include "recording/Checksum.h"
 #include "recording/RecordingFolder.h"
+#include "streaming/ColumnChunk.h"
+#include "streaming/ColumnFile.h"
 #include "streaming/PackFile.h"
 
 namespace kyr::recording {
 
 namespace fs = std::filesystem;
 using parquet::RowSlice;
+using Encodings = parquet::SafeStorage::Encodings;
 
 namespace {
 
 constexpr std::size_t kGroupRows = 65536;
 constexpr std::size_t kGroupBytes = std::size_t{1} << 20U;
 constexpr std::size_t kPackBytes = std::size_t{64} << 20U;
+// Of the samples of a pack that asks for none; a row group that it does not suit does without.
+constexpr auto kChosenCodec = ::arrow::Compression::ZSTD;
 
 // A new file, whose checksum is taken on the way. Gathers small pieces.
 class PackSink final : public ::arrow::io::OutputStream {
@@ -100,7 +105,8 @@ std::shared_ptr<::arrow::Schema> packSchema(const ::arrow::Schema& contents) {
 std::shared_ptr<::parquet::WriterProperties> packProperties(::arrow::Compression::type codec) {
   ::parquet::WriterProperties::Builder builder(
       *parquet::ParquetWriterOptions().buildWriterProperties(codec));
-  builder.disable_dictionary()
+  builder.compression(parquet::kPackColumn, ::arrow::Compression::UNCOMPRESSED)
+      ->disable_dictionary()
       ->enable_dictionary(parquet::kPackColumn)
       ->disable_statistics()
       ->write_batch_size(static_cast<std::int64_t>(kGroupRows));
@@ -112,19 +118,27 @@ std::shared_ptr<::parquet::WriterProperties> packProperties(::arrow::Compression
 class PackWriter::Pack {
  public:
   Pack(int number, const fs::path& storage, const parquet::SampleSchema& schema, std::size_t width,
-       ::arrow::Compression::type codec)
+       ::arrow::Compression::type codec, Encodings encodings)
       : number_(number),
         path_(storage / packName(number)),
         schema_(packSchema(*schema.schema)),
+        choice_{encodings != Encodings::options, codec == ::arrow::Compression::UNCOMPRESSED,
+                encodings == Encodings::smallest},
+        codec_(codec),
         rows_(schema, width) {
     naming([&] {
       sink_ = std::make_shared<PackSink>(path_);
-      const auto properties = packProperties(codec);
-      std::shared_ptr<::parquet::SchemaDescriptor> descriptor;
+      const bool isChosen = choice_.encoding && schema_->num_fields() == 2 &&
+                            parquet::isNumber(*schema_->field(0)->type());
+      const auto properties = packProperties(isChosen && choice_.codec ? kChosenCodec : codec);
       PARQUET_THROW_NOT_OK(
-          ::parquet::arrow::ToParquetSchema(schema_.get(), *properties, &descriptor));
+          ::parquet::arrow::ToParquetSchema(schema_.get(), *properties, &columns_));
+      if (isChosen) {
+        numbers_.emplace(sink_, *columns_, properties);
+        return;
+      }
       const auto root =
-          std::static_pointer_cast<::parquet::schema::GroupNode>(descriptor->schema_root());
+          std::static_pointer_cast<::parquet::schema::GroupNode>(columns_->schema_root());
       PARQUET_THROW_NOT_OK(::parquet::arrow::FileWriter::Make(
           ::arrow::default_memory_pool(),
           ::parquet::ParquetFileWriter::Open(sink_, root, properties), schema_,
@@ -152,7 +166,11 @@ class PackWriter::Pack {
   PackInfo finish() {
     writeGroup();
     naming([&] {
-      PARQUET_THROW_NOT_OK(writer_->Close());
+      if (numbers_) {
+        numbers_->finish();
+      } else {
+        PARQUET_THROW_NOT_OK(writer_->Close());
+      }
       sink_->finish();
     });
     return {number_, sink_->size(), written_, sink_->checksum()};
@@ -172,15 +190,30 @@ class PackWriter::Pack {
   void writeGroup() {
     const std::size_t count = rows_.rows();
     if (count == 0) return;
-    auto columns = rows_.table(0, count)->columns();
-    columns.push_back(ids(count));
-    const auto table =
-        ::arrow::Table::Make(schema_, std::move(columns), static_cast<std::int64_t>(count));
-    naming([&] { PARQUET_THROW_NOT_OK(writer_->WriteTable(*table, table->num_rows())); });
+    naming([&] { writeRows(count); });
     written_ += count;
     bytes_ += parquet::bytesIn(rows_.slice());
     rows_.truncate(0);
     runs_.clear();
+  }
+
+  void writeRows(std::size_t count) {
+    auto columns = rows_.table(0, count)->columns();
+    if (!numbers_) {
+      columns.push_back(ids(count));
+      const auto table =
+          ::arrow::Table::Make(schema_, std::move(columns), static_cast<std::int64_t>(count));
+      PARQUET_THROW_NOT_OK(writer_->WriteTable(*table, table->num_rows()));
+      return;
+    }
+    const auto values = columns.front()->chunk(0);
+    const auto encoding = parquet::chooseEncoding(*values, choice_, codec_, /*dictionary=*/true);
+    std::vector<std::int32_t> idOfRow;
+    idOfRow.reserve(count);
+    for (const auto& [id, rows] : runs_) idOfRow.insert(idOfRow.end(), rows, id);
+    const auto idValues = std::make_shared<::arrow::Int32Array>(
+        static_cast<std::int64_t>(count), ::arrow::Buffer::FromVector(std::move(idOfRow)));
+    numbers_->writeRowGroup({values, idValues}, {encoding, {::parquet::Encoding::RLE_DICTIONARY}});
   }
 
   // Of the rows, as a dictionary: a run costs a few bytes.
@@ -215,15 +248,21 @@ class PackWriter::Pack {
   int number_;
   fs::path path_;
   std::shared_ptr<::arrow::Schema> schema_;
+  std::shared_ptr<::parquet::SchemaDescriptor> columns_;
+  parquet::EncodingChoice choice_;
+  ::arrow::Compression::type codec_;
   parquet::RowStore rows_;  // of the row group that is due
   std::vector<std::pair<int, std::size_t>> runs_;
   std::shared_ptr<PackSink> sink_;
+  // The one for contents of a single column of numbers, the other for all else.
+  std::optional<parquet::ColumnFile> numbers_;
   std::unique_ptr<::parquet::arrow::FileWriter> writer_;
   std::uint64_t written_ = 0;
   std::size_t bytes_ = 0;
 };
 
-PackWriter::PackWriter(fs::path storage) : storage_(std::move(storage)) {}
+PackWriter::PackWriter(fs::path storage, parquet::SafeStorage::Encodings encodings)
+    : storage_(std::move(storage)), encodings_(encodings) {}
 
 PackWriter::~PackWriter() = default;
 
@@ -234,7 +273,7 @@ void PackWriter::add(FileInfo& file, const parquet::SampleSchema& schema, std::s
     lastSchema_ = schema.schema;
     lastCodec_ = codec;
   }
-  if (!*last_) *last_ = std::make_unique<Pack>(next_++, storage_, schema, width, codec);
+  if (!*last_) *last_ = std::make_unique<Pack>(next_++, storage_, schema, width, codec, encodings_);
   (*last_)->add(file, rows);
   if ((*last_)->isFull()) {
     done_.push_back((*last_)->finish());

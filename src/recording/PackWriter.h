@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "kyr/parquet/SafeStorage.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "streaming/RowStore.h"
 
@@ -24,7 +25,7 @@ namespace kyr::recording {
 class PackWriter {
  public:
   /// \param storage  folder of the packs
-  explicit PackWriter(std::filesystem::path storage);
+  PackWriter(std::filesystem::path storage, parquet::SafeStorage::Encodings encodings);
   ~PackWriter();
   PackWriter(const PackWriter&) = delete;
   PackWriter& operator=(const PackWriter&) = delete;
@@ -42,6 +43,7 @@ class PackWriter {
   using Kind = std::pair<std::string, int>;  // schema, codec
 
   std::filesystem::path storage_;
+  parquet::SafeStorage::Encodings encodings_;
   std::map<Kind, std::unique_ptr<Pack>> open_;
   std::unique_ptr<Pack>* last_ = nullptr;  // in open_; of the content before
   std::shared_ptr<::arrow::Schema> lastSchema_;

@@ -4,16 +4,15 @@
 #include <arrow/io/interfaces.h>
 #include <parquet/arrow/schema.h>
 #include <parquet/arrow/writer.h>
-#include <parquet/column_writer.h>
 #include <parquet/exception.h>
 #include <parquet/file_writer.h>
-#include <parquet/metadata.h>
 
 #include <algorithm>
 #include <utility>
 
 #include "kyr/parquet/ColumnNames.h"
 #include "streaming/ColumnChunk.h"
+#include "streaming/ColumnFile.h"
 
 namespace kyr::parquet {
 
@@ -69,18 +68,11 @@ void FileLayout::writeFlat(const std::shared_ptr<::arrow::io::OutputStream>& sin
   ColumnEncoding ofFile = encodings.empty() ? ColumnEncoding() : encodings.front();
   if (packed != encodings.end()) ofFile.codec = packed->codec;
 
-  PARQUET_THROW_NOT_OK(sink->Write("PAR1", 4));
-  const auto metadata = ::parquet::FileMetaDataBuilder::Make(columns_.get(), propertiesFor(ofFile));
+  ColumnFile file(sink, *columns_, propertiesFor(ofFile));
   for (std::size_t i = 0; i < rowGroups.size(); ++i) {
-    const auto ordinal = static_cast<std::int16_t>(i);
-    auto* group = metadata->AppendRowGroup();
-    group->set_num_rows(rowGroups[i]->num_rows());
-    const auto pages =
-        ::parquet::PageWriter::Open(sink, encodings[i].codec, group->NextColumnChunk(), ordinal, 0);
-    const auto values = rowGroups[i]->column(0)->chunk(0);
-    group->Finish(writeColumnChunk(*pages, *values, encodings[i]), ordinal);
+    file.writeRowGroup({rowGroups[i]->column(0)->chunk(0)}, {encodings[i]});
   }
-  ::parquet::WriteFileMetaData(*metadata->Finish(keyValues), sink.get());
+  file.finish(keyValues);
 }
 
 void FileLayout::writeAny(const std::shared_ptr<::arrow::io::OutputStream>& sink,

@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/platform/Path.h"
 #include "kyr/platform/export.h"
@@ -63,6 +64,8 @@ struct SaveOptions {
   /// signals are saved and opened many times faster so, above all from a pool that held them back
   /// (SafeStorage::holdBelow). 0: each content has a file. docs/format.md describes packs.
   std::size_t packBelow = 0;
+  /// How samples are encoded in packs; other files are saved as the pool has them.
+  parquet::SafeStorage::Encodings encodings = parquet::SafeStorage::Encodings::smallest;
   /// Whether the recording is on the disk when the call returns, and survives a power cut.
   bool sync = true;
 };
