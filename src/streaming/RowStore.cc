@@ -222,7 +222,7 @@ std::shared_ptr<::arrow::Table> tableOf(const SampleSchema& schema, const RowSli
 
 void RowStore::append(const SampleChunk& chunk) {
   elements_.append(chunk.data, chunk.elements * width_);
-  shapes_.append(schema_, chunk);
+  if (schema_.kind != ColumnKind::flat) shapes_.append(schema_, chunk);
   rows_ += chunk.rows;
 }
 
