@@ -117,9 +117,11 @@ void SafeWholeSignal::readTimes(std::vector<double>& time) {
     time.assign(first, first + held->rows.rows);
     return;
   }
-  const int id = *time_.id();
-  if (const auto* recent = store_->recentTimes(id)) {
-    time = *recent;
+  // Another pool may let the file grow.
+  const auto version = FileVersion::of(store_->fileOf(*time_.id()));
+  KnownTimes& recent = store_->recentTimes();
+  if (version && version == recent.version) {
+    time = recent.values;
     return;
   }
   if (!time_.readNumbers(*timeSchema().elementType, time)) {
@@ -127,7 +129,7 @@ void SafeWholeSignal::readTimes(std::vector<double>& time) {
     time.resize(rows.bytes.size() / sizeof(double));
     if (!time.empty()) std::memcpy(time.data(), rows.bytes.data(), rows.bytes.size());
   }
-  store_->keepTimes(id, time);
+  if (version && time.size() <= KnownTimes::kMost) recent = {version, time};
 }
 
 void SafeWholeSignal::resetData() {

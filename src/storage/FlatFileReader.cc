@@ -1,6 +1,7 @@
 #include "storage/FlatFileReader.h"
 
 #include <arrow/type.h>
+#include <arrow/util/key_value_metadata.h>
 #include <parquet/arrow/schema.h>
 #include <parquet/exception.h>
 

@@ -122,7 +122,7 @@ class FlatFileWriter::GatheringSink final : public ::arrow::io::OutputStream {
   ::arrow::Status Flush() override {
     if (gathered_.empty()) return ::arrow::Status::OK();
     written_ += static_cast<std::int64_t>(gathered_.size());
-    const ::arrow::Status status =
+    ::arrow::Status status =
         sink_->Write(gathered_.data(), static_cast<std::int64_t>(gathered_.size()));
     gathered_.clear();
     return status;

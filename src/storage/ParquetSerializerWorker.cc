@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 #include <parquet/arrow/reader.h>
 #include <parquet/arrow/writer.h>
-#include <sys/stat.h>
 
 #include <array>
 #include <cstdint>
@@ -22,6 +21,7 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/PerfTracer.h"
 #include "kyr/platform/FileSystem.h"
+#include "platform/FileVersion.h"
 #include "schema/SampleLayout.h"
 #include "storage/BatchSize.h"
 #include "storage/ChunkIndex.h"
@@ -36,31 +36,6 @@
 namespace kyr::parquet {
 
 using typedColumns::StoredTable;
-
-namespace {
-
-// Which file a name stood for, and when that was changed last.
-struct FileVersion {
-  std::array<std::int64_t, 5> facts{};
-
-  static std::optional<FileVersion> of(const std::filesystem::path& path) {
-    struct stat there {};
-    if (::stat(path.c_str(), &there) != 0) return std::nullopt;
-    constexpr std::int64_t kPerSecond = 1'000'000'000;
-    return FileVersion{{static_cast<std::int64_t>(there.st_dev),
-                        static_cast<std::int64_t>(there.st_ino), there.st_size,
-                        there.st_mtim.tv_sec * kPerSecond + there.st_mtim.tv_nsec,
-                        there.st_ctim.tv_sec * kPerSecond + there.st_ctim.tv_nsec}};
-  }
-  bool operator==(const FileVersion& other) const { return facts == other.facts; }
-};
-
-struct KnownTimes {
-  std::optional<FileVersion> version;
-  std::vector<double> values;
-};
-
-}  // namespace
 
 class ParquetSerializerWorker::Impl {
  public:
@@ -141,14 +116,13 @@ class ParquetSerializerWorker::Impl {
   // as long as its name stands for the same unchanged file.
   bool readTimes(const std::filesystem::path& path, const ::arrow::DataType& type,
                  std::vector<double>& values) const {
-    constexpr std::size_t kMost = std::size_t{1} << 20U;
     const auto version = FileVersion::of(path);
     if (version && version == times.version) {
       values = times.values;
       return true;
     }
     if (!readFlatFile(path, &type, values)) return false;
-    if (values.size() <= kMost) times = {version, values};
+    if (values.size() <= KnownTimes::kMost) times = {version, values};
     return true;
   }
 

@@ -126,15 +126,7 @@ const FileLayout& SharedStore::layout(const std::shared_ptr<::arrow::Schema>& sc
   return layouts_.front().layout;
 }
 
-void SharedStore::keepTimes(int id, const std::vector<double>& times) {
-  constexpr std::size_t kMost = std::size_t{1} << 20U;
-  if (times.size() > kMost) return;
-  times_ = times;
-  timesId_ = id;
-}
-
 void SharedStore::forget(int id) {
-  if (id == timesId_) timesId_ = -1;
   streams_.erase(id);
   stored_.remove_if([id](const auto& entry) { return entry.first == id; });
 }

@@ -22,6 +22,7 @@
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/SignalTypes.h"
 #include "kyr/platform/Path.h"
+#include "platform/FileVersion.h"
 #include "streaming/ColumnEncoding.h"
 #include "streaming/FileLayout.h"
 #include "streaming/RowStore.h"
@@ -99,12 +100,8 @@ class SharedStore {
   const FileLayout& layout(const std::shared_ptr<::arrow::Schema>& schema,
                            const Compression& compression);
 
-  /// The times that were read last, if they are those of \p id: signals that share them are mostly
-  /// read one after the other.
-  const std::vector<double>* recentTimes(int id) const {
-    return id == timesId_ ? &times_ : nullptr;
-  }
-  void keepTimes(int id, const std::vector<double>& times);
+  /// The times that were read last of a file of one of the pool's signals.
+  KnownTimes& recentTimes() { return times_; }
 
   /// The stream over the file \p id, if a signal has it already.
   std::shared_ptr<SharedStream> streamOf(int id) const;
@@ -170,8 +167,7 @@ class SharedStore {
   std::unordered_map<int, std::weak_ptr<SharedStream>> streams_;
   std::list<std::pair<int, std::shared_ptr<StoredRows>>> stored_;  // the last used first
   std::list<KnownLayout> layouts_;
-  int timesId_ = -1;
-  std::vector<double> times_;
+  KnownTimes times_;
   bool keepsFiles_ = false;
   std::vector<int> condemned_;        // since the last flush
   std::vector<int> condemnedBefore_;  // between the two last ones

@@ -1,9 +1,9 @@
-#include "platform/Digest.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <vector>
+
+#include "platform/Digest.h"
 
 namespace kyr {
 namespace {

@@ -489,6 +489,37 @@ TEST(SafePoolModel, AKeptFileOutlastsTheNextFlushAndThePool) {
   EXPECT_EQ(test::metadataOf(dir.file("1"))->num_rows(), 6);
 }
 
+TEST(SafePool, TimesThatWereReadAreNotKeptWhenTheFileGrows) {
+  const test::TempDir dir;
+  SafeStorage storage;
+  storage.keepsFiles = true;
+  SignalPool writer(dir.path(), storage);
+  const auto growing = writer.getStreamableSignal(1);
+  growing->setDataType(Double);
+  growing->setCategory(Scalar);
+  SignalPool reader(dir.path(), storage);
+  for (std::size_t rows : {4U, 8U}) {
+    const std::vector<double> more(4, static_cast<double>(rows));
+    const std::vector<double> moreTimes(4, static_cast<double>(rows) / 8);
+    growing->appendTime(moreTimes.data(), moreTimes.size());
+    growing->appendData(more.data(), more.size() * sizeof(double), {}, {});
+    growing->flush();
+    if (rows == 4) {
+      reader.deserializeSignalRecords(
+          R"([{"dataStorageId":[1],"signalId":1,"timeStorageId":[0]}])");
+    }
+    std::vector<double> times;
+    std::vector<char> data;
+    std::vector<std::vector<std::size_t>> dimensions;
+    const auto signal = reader.getSignal(1);
+    signal->setDataType(Double);
+    signal->setCategory(Scalar);
+    signal->getData(times, data, dimensions);
+    EXPECT_EQ(times.size(), rows);
+    EXPECT_EQ(data.size(), rows * sizeof(double));
+  }
+}
+
 TEST(SafePoolModel, AFeatureFlagAsksForItToo) {
   const test::TempDir dir;
   {

@@ -103,7 +103,7 @@ TEST(FileLayout, ChoosesAnEncodingThatSuitsTheSamples) {
       {"repeating", tableOf<Double>(kRows, repeating), kAll, Encoding::RLE_DICTIONARY, 0.2},
       {"constant", tableOf<Double>(kRows, [](auto) { return -0.0; }), kAll,
        Encoding::RLE_DICTIONARY, 0.003},
-      {"steps", tableOf<Double>(kRows, [](auto i) { return double(i / 1000); }), kAll,
+      {"steps", tableOf<Double>(kRows, [](auto i) { return std::floor(double(i) / 1000); }), kAll,
        Encoding::RLE_DICTIONARY, 0.01},
       {"clock", tableOf<Double>(kRows, clock), kAll, Encoding::BYTE_STREAM_SPLIT, 0.05},
       {"clock, portable", tableOf<Double>(kRows, clock), kPortable, Encoding::PLAIN, 0.4},

@@ -140,6 +140,7 @@ std::string choicesOf(Kind kind) {
 std::vector<Setting> currentSettings() {
   const HostValue values = scriptHost().invoke(kGetter);
   std::vector<Setting> settings;
+  settings.reserve(kOptions.size());
   for (const Option& option : kOptions) {
     settings.push_back({option.name, textOf(*values->field(0, option.name), option.kind),
                         option.meaning, choicesOf(option.kind)});
