@@ -1,7 +1,6 @@
 #include "recording/PackWriter.h"
 
 #include <arrow/api.h>
-#include <arrow/io/interfaces.h>
 #include <arrow/util/compression.h>
 #include <parquet/arrow/schema.h>
 #include <parquet/arrow/writer.h>
@@ -10,7 +9,6 @@
 #include <parquet/properties.h>
 
 #include <algorithm>
-#include <exception>
 #include <stdexcept>
 #include <utility>
 
@@ -20,6 +18,7 @@
 #include "recording/RecordingFolder.h"
 #include "streaming/ColumnChunk.h"
 #include "streaming/ColumnFile.h"
+#include "streaming/DiskSink.h"
 #include "streaming/PackFile.h"
 
 namespace kyr::recording {
@@ -36,69 +35,13 @@ constexpr std::size_t kPackBytes = std::size_t{64} << 20U;
 // Of the samples of a pack that asks for none; a row group that it does not suit does without.
 constexpr auto kChosenCodec = ::arrow::Compression::ZSTD;
 
-// A new file, whose checksum is taken on the way. Gathers small pieces.
-class PackSink final : public ::arrow::io::OutputStream {
- public:
-  explicit PackSink(const fs::path& path) : file_(path, DiskFile::Mode::createNew) {}
-
-  ::arrow::Status Write(const void* data, std::int64_t size) override {
-    const std::string_view piece(static_cast<const char*>(data), static_cast<std::size_t>(size));
-    if (piece.size() < kGathered && gathered_.size() < kGathered) {
-      gathered_ += piece;
-      return ::arrow::Status::OK();
-    }
-    try {
-      put(piece);
-    } catch (const std::exception& error) {
-      failure_ = std::current_exception();
-      return ::arrow::Status::IOError(error.what());
-    }
-    return ::arrow::Status::OK();
-  }
-  ::arrow::Result<std::int64_t> Tell() const override {
-    return static_cast<std::int64_t>(written_ + gathered_.size());
-  }
-  ::arrow::Status Close() override { return ::arrow::Status::OK(); }
-  bool closed() const override { return false; }
-
-  void finish() {
-    put({});
-    file_.close();
-  }
-  std::uint64_t size() const { return written_; }
-  std::string checksum() const { return checksum_.digits(); }
-  void throwFailure() const {
-    if (failure_) std::rethrow_exception(failure_);
-  }
-
- private:
-  static constexpr std::size_t kGathered = std::size_t{64} << 10U;
-
-  void put(std::string_view piece) {
-    file_.writeAt(written_, {gathered_, piece});
-    for (const std::string_view part : {std::string_view(gathered_), piece}) {
-      checksum_.add(part.data(), part.size());
-      written_ += part.size();
-    }
-    gathered_.clear();
-  }
-
-  DiskFile file_;
-  Checksum checksum_;
-  std::string gathered_;
-  std::uint64_t written_ = 0;
-  std::exception_ptr failure_;
-};
-
 // Columns that are no lists need no levels: nothing of theirs is ever null.
 std::shared_ptr<::arrow::Schema> packSchema(const ::arrow::Schema& contents) {
   std::vector<std::shared_ptr<::arrow::Field>> fields;
   for (const auto& field : contents.fields()) {
     fields.push_back(field->WithNullable(field->type()->id() == ::arrow::Type::LIST));
   }
-  fields.push_back(::arrow::field(parquet::kPackColumn,
-                                  ::arrow::dictionary(::arrow::int32(), ::arrow::int32()),
-                                  /*nullable=*/false));
+  fields.push_back(::arrow::field(parquet::kPackColumn, ::arrow::int32(), /*nullable=*/false));
   return ::arrow::schema(std::move(fields));
 }
 
@@ -127,7 +70,9 @@ class PackWriter::Pack {
         codec_(codec),
         rows_(schema, width) {
     naming([&] {
-      sink_ = std::make_shared<PackSink>(path_);
+      file_.emplace(path_, DiskFile::Mode::createNew);
+      sink_ = std::make_shared<parquet::DiskSink>(
+          *file_, [this](std::string_view bytes) { checksum_.add(bytes.data(), bytes.size()); });
       const bool isChosen = choice_.encoding && schema_->num_fields() == 2 &&
                             parquet::isNumber(*schema_->field(0)->type());
       const auto properties = packProperties(isChosen && choice_.codec ? kChosenCodec : codec);
@@ -172,8 +117,9 @@ class PackWriter::Pack {
         PARQUET_THROW_NOT_OK(writer_->Close());
       }
       sink_->finish();
+      file_->close();
     });
-    return {number_, sink_->size(), written_, sink_->checksum()};
+    return {number_, sink_->written(), written_, checksum_.digits()};
   }
 
  private:
@@ -200,39 +146,26 @@ class PackWriter::Pack {
   void writeRows(std::size_t count) {
     auto columns = rows_.table(0, count)->columns();
     if (!numbers_) {
-      columns.push_back(ids(count));
+      columns.push_back(std::make_shared<::arrow::ChunkedArray>(ids(count)));
       const auto table =
           ::arrow::Table::Make(schema_, std::move(columns), static_cast<std::int64_t>(count));
       PARQUET_THROW_NOT_OK(writer_->WriteTable(*table, table->num_rows()));
       return;
     }
     const auto values = columns.front()->chunk(0);
-    const auto encoding = parquet::chooseEncoding(*values, choice_, codec_, /*dictionary=*/true);
-    std::vector<std::int32_t> idOfRow;
-    idOfRow.reserve(count);
-    for (const auto& [id, rows] : runs_) idOfRow.insert(idOfRow.end(), rows, id);
-    const auto idValues = std::make_shared<::arrow::Int32Array>(
-        static_cast<std::int64_t>(count), ::arrow::Buffer::FromVector(std::move(idOfRow)));
-    numbers_->writeRowGroup({values, idValues}, {encoding, {::parquet::Encoding::RLE_DICTIONARY}});
+    const auto encoding =
+        parquet::chooseEncoding(*values, choice_, codec_, /*mayUseDictionary=*/true);
+    numbers_->writeRowGroup({values, ids(count)},
+                            {encoding, {::parquet::Encoding::RLE_DICTIONARY}});
   }
 
-  // Of the rows, as a dictionary: a run costs a few bytes.
-  std::shared_ptr<::arrow::ChunkedArray> ids(std::size_t count) const {
-    std::vector<std::int32_t> dictionary;
-    std::vector<std::int32_t> indices;
-    indices.reserve(count);
-    for (const auto& [id, rows] : runs_) {
-      indices.insert(indices.end(), rows, static_cast<std::int32_t>(dictionary.size()));
-      dictionary.push_back(id);
-    }
-    const auto type = schema_->fields().back()->type();
-    const auto length = static_cast<std::int64_t>(dictionary.size());
-    return std::make_shared<::arrow::ChunkedArray>(std::make_shared<::arrow::DictionaryArray>(
-        type,
-        std::make_shared<::arrow::Int32Array>(static_cast<std::int64_t>(count),
-                                              ::arrow::Buffer::FromVector(std::move(indices))),
-        std::make_shared<::arrow::Int32Array>(length,
-                                              ::arrow::Buffer::FromVector(std::move(dictionary)))));
+  // Of each row.
+  std::shared_ptr<::arrow::Array> ids(std::size_t count) const {
+    std::vector<std::int32_t> ids;
+    ids.reserve(count);
+    for (const auto& [id, rows] : runs_) ids.insert(ids.end(), rows, id);
+    return std::make_shared<::arrow::Int32Array>(static_cast<std::int64_t>(count),
+                                                 ::arrow::Buffer::FromVector(std::move(ids)));
   }
 
   template <typename Operation>
@@ -253,7 +186,9 @@ class PackWriter::Pack {
   ::arrow::Compression::type codec_;
   parquet::RowStore rows_;  // of the row group that is due
   std::vector<std::pair<int, std::size_t>> runs_;
-  std::shared_ptr<PackSink> sink_;
+  std::optional<DiskFile> file_;
+  Checksum checksum_;  // of the file
+  std::shared_ptr<parquet::DiskSink> sink_;
   // The one for contents of a single column of numbers, the other for all else.
   std::optional<parquet::ColumnFile> numbers_;
   std::unique_ptr<::parquet::arrow::FileWriter> writer_;

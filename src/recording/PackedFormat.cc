@@ -200,10 +200,10 @@ class Reader {
   }
 
   bool read(SignalInfo& signal) {
-    return literal(R"({"category":)") && category(signal.category) &&
+    return literal(R"({"category":)") && named(signal.category, category_, categoryCalled) &&
            literal(R"(,"compression":)") && text(signal.compression) &&
            literal(R"(,"dataStorageId":)") && id(signal.dataStorageId) &&
-           literal(R"(,"dataType":)") && dataType(signal.dataType) &&
+           literal(R"(,"dataType":)") && named(signal.dataType, type_, dataTypeCalled) &&
            literal(R"(,"description":)") && text(signal.description) &&
            literal(R"(,"dimensions":)") &&
            each(signal.dimensions, [this](std::size_t& extent) { return number(extent); }) &&
@@ -241,25 +241,20 @@ class Reader {
   }
 
   // Those of a signal are mostly those of the one before.
-  bool category(KYRSignalCategory& value) {
-    if (!literal(lastCategory_)) {
-      std::string name;
-      if (!text(name)) return false;
-      category_ = categoryCalled(name);
-      lastCategory_ = "\"" + name + "\"";
-    }
-    value = category_;
-    return true;
-  }
+  template <typename Value>
+  struct Named {
+    Value value;
+    std::string text;  // as it stands in the text
+  };
 
-  bool dataType(KYRSignalDataType& value) {
-    if (!literal(lastType_)) {
+  template <typename Value, typename Called>
+  bool named(Value& value, Named<Value>& last, Called&& called) {
+    if (!literal(last.text)) {
       std::string name;
       if (!text(name)) return false;
-      type_ = dataTypeCalled(name);
-      lastType_ = "\"" + name + "\"";
+      last = {called(name), "\"" + name + "\""};
     }
-    value = type_;
+    value = last.value;
     return true;
   }
 
@@ -280,10 +275,8 @@ class Reader {
   }
 
   std::string_view rest_;
-  KYRSignalCategory category_ = Scalar;
-  KYRSignalDataType type_ = Double;
-  std::string lastCategory_ = "\"Scalar\"";
-  std::string lastType_ = "\"Double\"";
+  Named<KYRSignalCategory> category_{Scalar, "\"Scalar\""};
+  Named<KYRSignalDataType> type_{Double, "\"Double\""};
   TimeSpan span_;
   std::string_view lastSpan_;
 };

@@ -91,21 +91,20 @@ void SafeWholeSignal::getData(std::vector<double>& time, std::vector<char>& data
                               std::vector<int>& lengths) {
   if (time_.id()) readTimes(time);
   if (!data_.id()) return;
-  if (const auto held = data_.held(0, kAll)) {
-    PartRows rows(held->rows);
-    data = std::move(rows.bytes);
-    if (rows.dimensions) dims.assign(rows.dimensions->begin(), rows.dimensions->end());
-    lengths = std::move(rows.sizes);
-    return;
-  }
+  const auto held = data_.held(0, kAll);
   const SampleSchema& schema = store_->sampleSchema(label_->category, label_->dataType);
-  if (schema.kind == ColumnKind::flat && data_.readNumbers(*schema.elementType, data)) {
+  if (!held && schema.kind == ColumnKind::flat && data_.readNumbers(*schema.elementType, data)) {
     lengths.clear();
     return;
   }
-  const auto tables = data_.read(0, kAll);
-  if (!time_.id()) takeTimeColumn(tables, time);
-  PartRows rows(tables);
+  PartRows rows;
+  if (held) {
+    rows = PartRows(held->rows);
+  } else {
+    const auto tables = data_.read(0, kAll);
+    if (!time_.id()) takeTimeColumn(tables, time);
+    rows.append(tables);
+  }
   data = std::move(rows.bytes);
   if (rows.dimensions) dims.assign(rows.dimensions->begin(), rows.dimensions->end());
   lengths = std::move(rows.sizes);
@@ -117,19 +116,13 @@ void SafeWholeSignal::readTimes(std::vector<double>& time) {
     time.assign(first, first + held->rows.rows);
     return;
   }
-  // Another pool may let the file grow.
-  const auto version = FileVersion::of(store_->fileOf(*time_.id()));
-  KnownTimes& recent = store_->recentTimes();
-  if (version && version == recent.version) {
-    time = recent.values;
-    return;
-  }
-  if (!time_.readNumbers(*timeSchema().elementType, time)) {
-    const PartRows rows = time_.hostRows(0, kAll);
-    time.resize(rows.bytes.size() / sizeof(double));
-    if (!time.empty()) std::memcpy(time.data(), rows.bytes.data(), rows.bytes.size());
-  }
-  if (version && time.size() <= KnownTimes::kMost) recent = {version, time};
+  store_->recentTimes().read(store_->fileOf(*time_.id()), time, [&](std::vector<double>& read) {
+    if (time_.readNumbers(*timeSchema().elementType, read)) return true;
+    const PartRows rows(time_.read(0, kAll));
+    read.resize(rows.bytes.size() / sizeof(double));
+    if (!read.empty()) std::memcpy(read.data(), rows.bytes.data(), rows.bytes.size());
+    return true;
+  });
 }
 
 void SafeWholeSignal::resetData() {

@@ -14,16 +14,14 @@
 
 #include "schema/ArrayMemory.h"
 #include "storage/CompactProtocol.h"
+#include "storage/ParquetTail.h"
 
 namespace kyr::parquet {
 
 namespace {
 
-constexpr std::string_view kMagic = "PAR1";
-constexpr std::size_t kTailBytes = 8;  // length of the metadata, magic
 // Read at once where a page begins: its header, its levels and more.
 constexpr std::size_t kHeaderBytes = 256;
-constexpr std::size_t kTailGuess = std::size_t{8} << 10U;
 
 // What is of interest in a PageHeader with a DataPageHeaderV2.
 struct PageHeader {
@@ -261,25 +259,11 @@ bool FlatColumn::readValues(const DiskFile& file, std::uint64_t offset, std::uin
 }
 
 std::shared_ptr<::parquet::FileMetaData> readMetadata(const DiskFile& file) {
-  const std::uint64_t size = file.size();
-  std::string tail(std::min<std::uint64_t>(size, kTailGuess), '\0');
-  if (tail.size() < kMagic.size() + kTailBytes ||
-      file.readAt(size - tail.size(), tail.data(), tail.size()) != tail.size() ||
-      std::string_view(tail).substr(tail.size() - kMagic.size()) != kMagic) {
-    return nullptr;
-  }
-  std::uint32_t bytes = 0;
-  for (std::size_t i = 4; i > 0; --i) {
-    const char next = tail[tail.size() - kTailBytes + i - 1];
-    bytes = (bytes << 8U) | static_cast<unsigned char>(next);
-  }
-  if (bytes > size - kMagic.size() - kTailBytes) return nullptr;
-  if (bytes + kTailBytes > tail.size()) {
-    tail.resize(bytes + kTailBytes);
-    if (file.readAt(size - tail.size(), tail.data(), tail.size()) != tail.size()) return nullptr;
-  }
+  const auto serialized = readSerializedMetadata(file);
+  if (!serialized) return nullptr;
+  auto bytes = static_cast<std::uint32_t>(serialized->size());
   try {
-    return ::parquet::FileMetaData::Make(tail.data() + tail.size() - kTailBytes - bytes, &bytes);
+    return ::parquet::FileMetaData::Make(serialized->data(), &bytes);
   } catch (const ::parquet::ParquetException&) {
     return nullptr;
   }

@@ -14,6 +14,7 @@
 
 #include "schema/ArrayMemory.h"
 #include "storage/CompactProtocol.h"
+#include "storage/ParquetTail.h"
 
 namespace kyr::parquet {
 
@@ -245,7 +246,7 @@ FlatFileWriter::FlatFileWriter(std::shared_ptr<const FlatFormat> format,
       sink_(std::make_unique<GatheringSink>(std::move(sink))),
       metadata_(
           ::parquet::FileMetaDataBuilder::Make(&format_->descriptor(), format_->properties())) {
-  sink_->gather("PAR1");
+  sink_->gather(kParquetMagic);
 }
 
 FlatFileWriter::~FlatFileWriter() = default;

@@ -21,7 +21,6 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/PerfTracer.h"
 #include "kyr/platform/FileSystem.h"
-#include "platform/FileVersion.h"
 #include "schema/SampleLayout.h"
 #include "storage/BatchSize.h"
 #include "storage/ChunkIndex.h"
@@ -30,6 +29,8 @@
 #include "storage/FlatFileReader.h"
 #include "storage/FlatFileWriter.h"
 #include "storage/FlatFormat.h"
+#include "storage/KnownTimes.h"
+#include "storage/LocalReading.h"
 #include "storage/RepeatedHash.h"
 #include "storage/TypedColumns.h"
 
@@ -91,11 +92,8 @@ class ParquetSerializerWorker::Impl {
     const auto file = ::arrow::io::ReadableFile::Open(path, pool).ValueOrDie();
     ::parquet::arrow::FileReaderBuilder builder;
     ARROW_RETURN_NOT_OK(builder.Open(file));
-    // Reading ahead pays off for remote files; for local ones it only costs, per file.
-    ::parquet::ArrowReaderProperties properties;
-    properties.set_pre_buffer(false);
     std::unique_ptr<::parquet::arrow::FileReader> reader;
-    ARROW_RETURN_NOT_OK(builder.memory_pool(pool)->properties(properties)->Build(&reader));
+    ARROW_RETURN_NOT_OK(builder.memory_pool(pool)->properties(localReading())->Build(&reader));
     return reader->ReadTable(&table);
   }
 
@@ -105,25 +103,14 @@ class ParquetSerializerWorker::Impl {
   bool readFlat(int id, const ::arrow::DataType& type, std::vector<T>& values) const {
     const std::filesystem::path path = filePath(id).toFilesystem();
     try {
-      if constexpr (std::is_same_v<T, double>) return readTimes(path, type, values);
+      if constexpr (std::is_same_v<T, double>) {
+        return times.read(path, values,
+                          [&](auto& read) { return readFlatFile(path, &type, read); });
+      }
       return readFlatFile(path, &type, values);
     } catch (const std::system_error&) {
       return false;
     }
-  }
-
-  // The times of one file are mostly read once for each signal that shares them: they are kept for
-  // as long as its name stands for the same unchanged file.
-  bool readTimes(const std::filesystem::path& path, const ::arrow::DataType& type,
-                 std::vector<double>& values) const {
-    const auto version = FileVersion::of(path);
-    if (version && version == times.version) {
-      values = times.values;
-      return true;
-    }
-    if (!readFlatFile(path, &type, values)) return false;
-    if (values.size() <= KnownTimes::kMost) times = {version, values};
-    return true;
   }
 
   std::string existingFile(int id) const {

@@ -69,9 +69,7 @@ EncodedBatch::EncodedBatch(std::string file, const RecordHash& hash)
   if (all.substr(tailAt + 4) != kParquetMagic) {
     throw std::invalid_argument("growing files cannot be encrypted");
   }
-  for (std::size_t i = 4; i > 0; --i) {
-    metadataBytes_ = (metadataBytes_ << 8U) | static_cast<unsigned char>(all[tailAt + i - 1]);
-  }
+  metadataBytes_ = metadataLength(all.substr(tailAt));
 }
 
 std::string_view EncodedBatch::payload() const {

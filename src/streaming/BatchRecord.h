@@ -9,11 +9,10 @@
 #include <string_view>
 
 #include "platform/DiskFile.h"
+#include "storage/ParquetTail.h"
 
 /// The records that a growing file is made of; GrowingFile.h describes the layout.
 namespace kyr::parquet {
-
-constexpr std::string_view kParquetMagic = "PAR1";
 
 enum class RecordKind : std::uint32_t { batch = 0, footer = 1 };
 
@@ -35,8 +34,6 @@ struct RecordHeader {
 /// Bytes before the row group of a batch record and before the metadata of a footer.
 constexpr std::size_t kBatchHeaderBytes = 88;
 constexpr std::size_t kFooterHeaderBytes = 80;
-/// The length of the metadata and "PAR1".
-constexpr std::size_t kParquetTailBytes = 8;
 
 /// The checksum of a record: XXH3 with 128 bits of the row group, the metadata and then the header.
 class RecordHash {

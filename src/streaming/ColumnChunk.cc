@@ -154,11 +154,6 @@ std::int64_t writeWidened(::parquet::PageWriter& pages, const ::arrow::Array& va
 
 }  // namespace
 
-bool isNumber(const ::arrow::DataType& type) {
-  return ::arrow::is_integer(type.id()) || type.id() == ::arrow::Type::FLOAT ||
-         type.id() == ::arrow::Type::DOUBLE;
-}
-
 std::int64_t writeColumnChunk(::parquet::PageWriter& pages, const ::arrow::Array& values,
                               const ColumnEncoding& encoding) {
   switch (values.type_id()) {

@@ -9,11 +9,8 @@
 
 namespace kyr::parquet {
 
-/// Whether writeColumnChunk() takes values of a type.
-bool isNumber(const ::arrow::DataType& type);
-
-/// Writes all values, none of which is missing, as one chunk of a required column and closes \p pages. Plain values are handed to its sink
-/// as they lie in memory.
+/// Writes all values, numbers of which none is missing, as one chunk of a required column and closes
+/// \p pages. Plain values are handed to its sink as they lie in memory.
 ///
 /// Where an encoding does not save what it promised, values are stored plain: a chunk is never
 /// larger than a plain one by more than the headers of its pages, one for 65,536 values.

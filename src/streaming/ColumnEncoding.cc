@@ -68,14 +68,12 @@ Numbers numbersOf(const ::arrow::Array& array) {
   if (array.type_id() == ::arrow::Type::LIST) {
     return numbersOf(*spannedValues(static_cast<const ::arrow::ListArray&>(array)));
   }
-  const bool isFloating =
-      array.type_id() == ::arrow::Type::FLOAT || array.type_id() == ::arrow::Type::DOUBLE;
-  if (!isFloating && !::arrow::is_integer(array.type_id())) return {};
+  if (!isNumber(*array.type())) return {};
   Numbers numbers;
   numbers.bytes = firstValue(array);
   numbers.count = static_cast<std::size_t>(array.length());
   numbers.width = valueWidth(*array.type());
-  numbers.isFloating = isFloating;
+  numbers.isFloating = !::arrow::is_integer(array.type_id());
   return numbers;
 }
 
@@ -209,6 +207,11 @@ double splitBytes(const Numbers& numbers, Compression::type codec) {
 }
 
 }  // namespace
+
+bool isNumber(const ::arrow::DataType& type) {
+  return ::arrow::is_integer(type.id()) || type.id() == ::arrow::Type::FLOAT ||
+         type.id() == ::arrow::Type::DOUBLE;
+}
 
 ColumnEncoding chooseEncoding(const ::arrow::Array& values, const EncodingChoice& choice,
                               Compression::type codec, bool mayUseDictionary) {

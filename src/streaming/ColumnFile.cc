@@ -8,6 +8,7 @@
 
 #include <utility>
 
+#include "storage/ParquetTail.h"
 #include "streaming/ColumnChunk.h"
 
 namespace kyr::parquet {
@@ -17,7 +18,7 @@ ColumnFile::ColumnFile(std::shared_ptr<::arrow::io::OutputStream> sink,
                        const std::shared_ptr<::parquet::WriterProperties>& properties)
     : sink_(std::move(sink)),
       metadata_(::parquet::FileMetaDataBuilder::Make(&columns, properties)) {
-  PARQUET_THROW_NOT_OK(sink_->Write("PAR1", 4));
+  PARQUET_THROW_NOT_OK(sink_->Write(kParquetMagic.data(), kParquetMagic.size()));
 }
 
 void ColumnFile::writeRowGroup(const std::vector<std::shared_ptr<::arrow::Array>>& values,

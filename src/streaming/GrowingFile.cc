@@ -53,10 +53,15 @@ std::uint64_t sizeOf(const std::vector<std::string_view>& pieces) {
 std::unique_ptr<GrowingFile> GrowingFile::create(
     const std::filesystem::path& path, const std::shared_ptr<::arrow::Schema>& schema,
     const std::shared_ptr<::parquet::WriterProperties>& properties,
-    const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
-    const EncodingChoice& choice) {
-  BatchEncoder encoder =
-      naming(path, [&] { return BatchEncoder(FileLayout(*schema, properties, choice)); });
+    const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) {
+  const FileLayout layout = naming(path, [&] { return FileLayout(*schema, properties, {}); });
+  return create(path, layout, keyValues);
+}
+
+std::unique_ptr<GrowingFile> GrowingFile::create(
+    const std::filesystem::path& path, const FileLayout& layout,
+    const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) {
+  BatchEncoder encoder(layout);
   const EncodedBatch opening = naming(path, [&] { return encoder.encodeEmpty(keyValues); });
   auto file = std::make_shared<DiskFile>(path, DiskFile::Mode::createNew);
   try {

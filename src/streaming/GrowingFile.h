@@ -73,15 +73,17 @@ class GrowingFile {
   /// A new file, published without rows. Its name is only safe from a power cut after sync() and
   /// syncDirectoryOf().
   /// \param keyValues  of the Parquet file; may be empty
-  /// \param choice  what the batches' samples decide
   /// \throws std::system_error if there is anything of that name, which stays as it is; nothing
   ///         is left behind by other failures
   /// \throws std::invalid_argument for properties with encryption
   static std::unique_ptr<GrowingFile> create(
+      const std::filesystem::path& path, const FileLayout& layout,
+      const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues = nullptr);
+  /// Encoded as the properties say.
+  static std::unique_ptr<GrowingFile> create(
       const std::filesystem::path& path, const std::shared_ptr<::arrow::Schema>& schema,
       const std::shared_ptr<::parquet::WriterProperties>& properties,
-      const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues = nullptr,
-      const EncodingChoice& choice = {});
+      const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues = nullptr);
 
   /// Leaves the file as it is; it need not be published.
   ~GrowingFile() = default;

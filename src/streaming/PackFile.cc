@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "storage/LocalReading.h"
 #include "streaming/RowReader.h"
 
 namespace kyr::parquet {
@@ -97,11 +98,9 @@ void PackCache::forget(const PackFile* pack) {
 PackFile::PackFile(std::shared_ptr<DiskFile> file, bool isOwn, std::shared_ptr<PackCache> cache)
     : file_(std::move(file)), isOwn_(isOwn), cache_(std::move(cache)) {
   try {
-    ::parquet::ArrowReaderProperties properties;
-    properties.set_pre_buffer(false);
     PARQUET_THROW_NOT_OK(::parquet::arrow::FileReader::Make(
         ::arrow::default_memory_pool(), ::parquet::ParquetFileReader::Open(arrowFile(file_)),
-        properties, &reader_));
+        localReading(), &reader_));
     readSchema();
   } catch (const ::parquet::ParquetException& error) {
     fail(fmt::format("cannot be read as a Parquet file: {}", error.what()));

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "kyr/parquet/ColumnNames.h"
+#include "storage/LocalReading.h"
 
 namespace kyr::parquet {
 
@@ -113,11 +114,8 @@ void RowReader::open(const BatchIndex& index, std::size_t first, std::size_t cou
   if (reader_) return *reader_;
   auto file = ::parquet::ParquetFileReader::Open(std::make_shared<DiskSource>(file_), unlimited(),
                                                  metadata_);
-  // Reading ahead pays off for remote files; for local ones it only costs.
-  ::parquet::ArrowReaderProperties properties;
-  properties.set_pre_buffer(false);
-  PARQUET_THROW_NOT_OK(::parquet::arrow::FileReader::Make(::arrow::default_memory_pool(),
-                                                          std::move(file), properties, &reader_));
+  PARQUET_THROW_NOT_OK(::parquet::arrow::FileReader::Make(
+      ::arrow::default_memory_pool(), std::move(file), localReading(), &reader_));
   return *reader_;
 }
 

@@ -133,11 +133,12 @@ void SharedPart::appendRows(const RowSlice& rows) {
   if (appendAtOnce(rows)) return;
   guarded([&] {
     // Rows that nothing waits before are compared where they lie, and kept if they must wait.
-    const std::size_t at = pendingRows() == 0 ? settle(rows, /*isLast=*/false) : 0;
+    const bool mustQueue = pendingRows() > 0;
+    const std::size_t at = mustQueue ? 0 : settle(rows, /*isLast=*/false);
     if (at == rows.rows) return;
     if (!pending_) pending_.emplace(stream_->schema(), stream_->width());
     pending_->append(subSlice(rows, at, rows.rows - at));
-    if (at == 0) settlePending(/*isLast=*/false);
+    if (mustQueue) settlePending(/*isLast=*/false);
   });
 }
 
@@ -273,11 +274,6 @@ std::optional<HeldRows> SharedPart::held(std::uint64_t from, std::uint64_t to) {
   to = std::min(to, rows());
   if (from >= to || to > equalRows_) return std::nullopt;
   return stream_->held(from, to);
-}
-
-PartRows SharedPart::hostRows(std::uint64_t from, std::uint64_t to) {
-  if (const auto rows = held(from, to)) return PartRows(rows->rows);
-  return PartRows(read(from, to));
 }
 
 std::vector<std::shared_ptr<::arrow::Table>> SharedPart::read(std::uint64_t from,

@@ -60,9 +60,6 @@ class SharedPart {
   /// if they are to be read(), or there are none.
   std::optional<HeldRows> held(std::uint64_t from, std::uint64_t to);
 
-  /// Rows [from, to) as a host takes them; those beyond the end are left out.
-  PartRows hostRows(std::uint64_t from, std::uint64_t to);
-
   /// Rows [from, to) in tables, in order; those beyond the end are left out. The tables are good
   /// until the part changes.
   std::vector<std::shared_ptr<::arrow::Table>> read(std::uint64_t from, std::uint64_t to);

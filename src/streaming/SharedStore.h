@@ -22,7 +22,7 @@
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/SignalTypes.h"
 #include "kyr/platform/Path.h"
-#include "platform/FileVersion.h"
+#include "storage/KnownTimes.h"
 #include "streaming/ColumnEncoding.h"
 #include "streaming/FileLayout.h"
 #include "streaming/RowStore.h"
@@ -82,12 +82,6 @@ class SharedStore {
   /// From now on \p id is not given.
   void reserve(int id);
 
-  /// \param compression  what the signal asks for, if it does
-  /// \throws std::invalid_argument if no file can be written with them
-  std::shared_ptr<::parquet::WriterProperties> properties(const Compression& compression) const;
-  /// What files are free to choose beside them.
-  EncodingChoice choice(const Compression& compression) const;
-
   /// The contents of a schema, by their first row.
   Forks& roots(const std::shared_ptr<::arrow::Schema>& schema);
 
@@ -96,7 +90,8 @@ class SharedStore {
   const SampleSchema& sampleSchema(KYRSignalCategory category, KYRSignalDataType type);
 
   /// How files of the schema are written.
-  /// \throws std::invalid_argument as properties()
+  /// \param compression  what the signal asks for, if it does
+  /// \throws std::invalid_argument if no file can be written with that
   const FileLayout& layout(const std::shared_ptr<::arrow::Schema>& schema,
                            const Compression& compression);
 
@@ -153,6 +148,10 @@ class SharedStore {
     Compression compression;
     FileLayout layout;
   };
+
+  std::shared_ptr<::parquet::WriterProperties> properties(const Compression& compression) const;
+  // What files are free to choose beside them.
+  EncodingChoice choice(const Compression& compression) const;
 
   Path directory_;
   SafeStorage options_;

@@ -5,7 +5,6 @@
 #include <parquet/exception.h>
 
 #include <algorithm>
-#include <cstring>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -13,6 +12,7 @@
 #include <utility>
 
 #include "schema/TypeNames.h"
+#include "storage/ParquetTail.h"
 #include "storage/WriteTrace.h"
 #include "streaming/BatchRecord.h"
 #include "streaming/PackFile.h"
@@ -22,26 +22,13 @@ namespace kyr::parquet {
 
 namespace {
 
-// The serialized metadata at the end of a Parquet file.
-std::string footerOf(const DiskFile& file) {
-  const std::uint64_t size = file.size();
-  std::string tail(kParquetTailBytes, '\0');
-  const bool isLongEnough = size >= kParquetTailBytes + kParquetMagic.size();
-  if (isLongEnough) file.readAt(size - tail.size(), tail.data(), tail.size());
-  std::uint32_t bytes = 0;
-  std::memcpy(&bytes, tail.data(), sizeof(bytes));
-  if (!isLongEnough || tail.substr(sizeof(bytes)) != kParquetMagic ||
-      bytes > size - kParquetTailBytes - kParquetMagic.size()) {
+BatchIndex indexOf(const DiskFile& file) {
+  const auto metadata = readSerializedMetadata(file);
+  if (!metadata) {
     throw std::runtime_error(file.path().string() + ": is no complete Parquet file");
   }
-  std::string metadata(bytes, '\0');
-  file.readAt(size - kParquetTailBytes - bytes, metadata.data(), bytes);
-  return metadata;
-}
-
-BatchIndex indexOf(const DiskFile& file) {
   try {
-    return BatchIndex(footerOf(file));
+    return BatchIndex(*metadata);
   } catch (const ::parquet::ParquetException& error) {
     throw std::runtime_error(file.path().string() + ": " + error.what());
   }
@@ -224,8 +211,8 @@ void SharedStream::spareDescriptor() {
 
 void SharedStream::openFile() {
   createFile([&](const std::filesystem::path& path) {
-    file_ = GrowingFile::create(path, schema().schema, store_->properties(compression_),
-                                describedParts(), store_->choice(compression_));
+    file_ =
+        GrowingFile::create(path, store_->layout(schema().schema, compression_), describedParts());
   });
   store_->countOpen(1);
 }
@@ -371,7 +358,8 @@ void SharedStream::writeCopy(const std::filesystem::path& path, bool sync) {
   if (packed_.pack) return packed_.pack->codec();
   if (hasFile_ && sealed_) return store_->stored(id_)->codec();
   if (compression_) return *compression_;
-  return store_->properties(compression_)->default_column_properties().compression();
+  const FileLayout& layout = store_->layout(schema().schema, compression_);
+  return layout.properties().default_column_properties().compression();
 }
 
 // A pack without a codec leaves it open which one a file shall have.

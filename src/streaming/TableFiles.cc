@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "kyr/parquet/ColumnNames.h"
+#include "storage/LocalReading.h"
 
 namespace kyr::parquet {
 
@@ -90,12 +91,10 @@ bool TableReader::openColumn() {
   throwIfFailed(file.status(), path_);
   ::parquet::arrow::FileReaderBuilder builder;
   throwIfFailed(builder.Open(*file), path_);
-  // Reading ahead pays off for remote files; for local ones it only costs, per file.
-  ::parquet::ArrowReaderProperties properties;
-  properties.set_pre_buffer(false);
-  throwIfFailed(
-      builder.memory_pool(::arrow::default_memory_pool())->properties(properties)->Build(&tables_),
-      path_);
+  throwIfFailed(builder.memory_pool(::arrow::default_memory_pool())
+                    ->properties(localReading())
+                    ->Build(&tables_),
+                path_);
   return *tables_;
 }
 

@@ -14,6 +14,7 @@ namespace kyr::recording {
 namespace {
 
 using Part = parquet::StreamableSignal::SignalPart;
+using test::errorOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Values = std::vector<double>;
@@ -38,15 +39,6 @@ Values numbersIn(const std::vector<char>& bytes) {
   Values values(bytes.size() / sizeof(double));
   if (!bytes.empty()) std::memcpy(values.data(), bytes.data(), bytes.size());
   return values;
-}
-
-std::string errorOf(const std::function<void()>& call) {
-  try {
-    call();
-    return "";
-  } catch (const std::exception& error) {
-    return error.what();
-  }
 }
 
 class LiveRecordings : public test::RecordingTest {

@@ -12,6 +12,7 @@
 namespace kyr::recording {
 namespace {
 
+using test::errorOf;
 using test::Samples;
 using ::testing::HasSubstr;
 
@@ -26,15 +27,6 @@ parquet::SafeStorage holding(std::size_t below) {
   parquet::SafeStorage storage;
   storage.holdBelow = below;
   return storage;
-}
-
-std::string errorOf(const std::function<void()>& operation) {
-  try {
-    operation();
-    return "";
-  } catch (const std::exception& error) {
-    return error.what();
-  }
 }
 
 class PackedRecording : public test::RecordingTest {

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -16,6 +18,16 @@ namespace fs = std::filesystem;
 }
 
 namespace kyr::test {
+
+/// What a call throws; empty if it does not.
+inline std::string errorOf(const std::function<void()>& call) {
+  try {
+    call();
+    return "";
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+}
 
 /// A pool, and the recording "rec" beside other things in a temporary directory.
 class RecordingTest : public StorageTest {

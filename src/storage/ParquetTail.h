@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/DiskFile.h"
+
+/// How a Parquet file begins and ends: "PAR1", ..., metadata, their length in 4 bytes, "PAR1".
+namespace kyr::parquet {
+
+constexpr std::string_view kParquetMagic = "PAR1";
+/// The length of the metadata and "PAR1".
+constexpr std::size_t kParquetTailBytes = 8;
+
+/// The length of the metadata that \p tail, the last kParquetTailBytes of a file, tells.
+std::uint32_t metadataLength(std::string_view tail);
+
+/// The serialized metadata at the end of a file; none if it is no complete Parquet file.
+/// \throws std::system_error naming the file if it cannot be read
+std::optional<std::string> readSerializedMetadata(const DiskFile& file);
+
+}  // namespace kyr::parquet
