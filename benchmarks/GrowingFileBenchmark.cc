@@ -3,9 +3,9 @@
 #include <memory>
 #include <stdexcept>
 
+#include "files/growing/FileRecovery.h"
+#include "files/growing/GrowingFile.h"
 #include "platform/DiskFile.h"
-#include "streaming/FileRecovery.h"
-#include "streaming/GrowingFile.h"
 #include "support/ArrowFiles.h"
 #include "support/Bench.h"
 #include "support/Workloads.h"

@@ -11,11 +11,11 @@
 #include <stdexcept>
 #include <utility>
 
+#include "files/BatchSize.h"
 #include "kyr/parquet/ParquetSerializerWorker.h"
 #include "kyr/parquet/SchemaBuilder.h"
 #include "schema/ArrayMemory.h"
 #include "schema/ElementType.h"
-#include "storage/BatchSize.h"
 
 namespace kyr::parquet {
 

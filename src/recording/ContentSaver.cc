@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "recording/FolderFiles.h"
-#include "streaming/SharedStream.h"
+#include "safe/SharedStream.h"
 
 namespace kyr::recording {
 

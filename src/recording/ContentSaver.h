@@ -10,7 +10,7 @@
 #include "kyr/recording/Recording.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "recording/PackWriter.h"
-#include "streaming/SharedStore.h"
+#include "safe/SharedStore.h"
 
 namespace kyr::recording {
 

@@ -10,12 +10,12 @@
 #include <system_error>
 #include <utility>
 
+#include "files/growing/FileRecovery.h"
 #include "recording/FolderFiles.h"
 #include "recording/LiveJournal.h"
 #include "recording/RecordingFolder.h"
-#include "streaming/FileRecovery.h"
-#include "streaming/PartTables.h"
-#include "streaming/SharedStream.h"
+#include "safe/SharedStream.h"
+#include "schema/PartTables.h"
 
 namespace kyr::recording {
 

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "files/pack/PackFile.h"
 #include "kyr/parquet/DirectoryUtilities.h"
 #include "kyr/parquet/ParquetSignal.h"
 #include "kyr/parquet/SafeStorage.h"
@@ -20,7 +21,6 @@
 #include "recording/TimeColumn.h"
 #include "signals/SignalPoolImpl.h"
 #include "storage/ParquetStorageRecord.h"
-#include "streaming/PackFile.h"
 
 namespace kyr::recording {
 

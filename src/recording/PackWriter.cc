@@ -12,14 +12,14 @@
 #include <stdexcept>
 #include <utility>
 
+#include "files/ColumnChunk.h"
+#include "files/ColumnFile.h"
+#include "files/DiskSink.h"
+#include "files/pack/PackFile.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "platform/DiskFile.h"
 #include "recording/Checksum.h"
 #include "recording/RecordingFolder.h"
-#include "streaming/ColumnChunk.h"
-#include "streaming/ColumnFile.h"
-#include "streaming/DiskSink.h"
-#include "streaming/PackFile.h"
 
 namespace kyr::recording {
 

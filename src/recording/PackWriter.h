@@ -14,7 +14,7 @@
 
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/recording/RecordingInfo.h"
-#include "streaming/RowStore.h"
+#include "schema/RowStore.h"
 
 namespace kyr::recording {
 

@@ -13,9 +13,9 @@
 #include "kyr/parquet/StreamableSignal.h"
 #include "recording/RecordingFormat.h"
 #include "recording/StoredFile.h"
+#include "safe/SharedStream.h"
 #include "signals/SignalPoolImpl.h"
 #include "storage/ParquetStorageRecord.h"
-#include "streaming/SharedStream.h"
 
 namespace kyr::recording {
 

@@ -12,7 +12,7 @@
 
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/recording/RecordingInfo.h"
-#include "streaming/SharedStore.h"
+#include "safe/SharedStore.h"
 
 namespace kyr::recording {
 

@@ -8,6 +8,7 @@
 #include <tuple>
 #include <utility>
 
+#include "files/pack/PackFile.h"
 #include "kyr/recording/LiveReader.h"
 #include "kyr/recording/Recovery.h"
 #include "recording/CompleteRecording.h"
@@ -18,7 +19,6 @@
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingSnapshot.h"
 #include "recording/StorageFiles.h"
-#include "streaming/PackFile.h"
 
 namespace kyr::recording {
 

@@ -12,13 +12,13 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "files/growing/FileRecovery.h"
+#include "files/growing/GrowingFile.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "recording/RecordingFormat.h"
 #include "recording/SignalJson.h"
 #include "recording/StoredFile.h"
-#include "streaming/FileRecovery.h"
-#include "streaming/GrowingFile.h"
 
 namespace kyr::recording {
 

@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "streaming/PackFile.h"
+#include "files/pack/PackFile.h"
 
 namespace kyr::recording {
 

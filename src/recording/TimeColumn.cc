@@ -9,10 +9,10 @@
 #include <stdexcept>
 #include <utility>
 
+#include "files/BatchSize.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "recording/StoredFile.h"
-#include "storage/BatchSize.h"
 
 namespace kyr::recording {
 

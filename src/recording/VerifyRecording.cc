@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "files/pack/PackFile.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/SchemaBuilder.h"
 #include "kyr/recording/RecordingInfo.h"
@@ -15,7 +16,6 @@
 #include "recording/StoredFile.h"
 #include "signals/SignalRecords.h"
 #include "storage/ParquetStorageRecord.h"
-#include "streaming/PackFile.h"
 
 namespace kyr::recording {
 

@@ -10,7 +10,7 @@
 
 #include "kyr/parquet/ParquetSerializerWorker.h"
 #include "kyr/parquet/SignalTypes.h"
-#include "signals/WholeSignal.h"
+#include "safe/WholeSignal.h"
 #include "storage/ParquetStorageRecord.h"
 
 namespace kyr::parquet {

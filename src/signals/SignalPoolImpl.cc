@@ -11,11 +11,11 @@
 #include "kyr/parquet/DirectoryUtilities.h"
 #include "kyr/platform/FeatureFlag.h"
 #include "kyr/platform/FileSystem.h"
-#include "signals/SafeWholeSignal.h"
+#include "safe/SafeStreamableSignal.h"
+#include "safe/SafeWholeSignal.h"
+#include "safe/SharedStream.h"
 #include "signals/SignalRecords.h"
 #include "storage/ParquetStorageRecord.h"
-#include "streaming/SafeStreamableSignal.h"
-#include "streaming/SharedStream.h"
 #include "streaming/StreamableSignalImpl.h"
 
 namespace kyr::parquet {

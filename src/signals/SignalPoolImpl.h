@@ -16,9 +16,9 @@
 #include "kyr/parquet/StreamableSignal.h"
 #include "kyr/parquet/StreamableWriter.h"
 #include "kyr/platform/Path.h"
+#include "safe/SharedStore.h"
+#include "safe/SignalLabel.h"
 #include "signals/SignalRecords.h"
-#include "streaming/SharedStore.h"
-#include "streaming/SignalLabel.h"
 
 namespace kyr::parquet {
 

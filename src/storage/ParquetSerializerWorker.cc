@@ -18,19 +18,19 @@
 #include <unordered_map>
 #include <utility>
 
+#include "files/BatchSize.h"
+#include "files/FlatFileReader.h"
+#include "files/FlatFileWriter.h"
+#include "files/FlatFormat.h"
+#include "files/LocalReading.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/PerfTracer.h"
 #include "kyr/platform/FileSystem.h"
 #include "schema/SampleLayout.h"
-#include "storage/BatchSize.h"
 #include "storage/ChunkIndex.h"
 #include "storage/ContentHash.h"
 #include "storage/ElementInstances.h"
-#include "storage/FlatFileReader.h"
-#include "storage/FlatFileWriter.h"
-#include "storage/FlatFormat.h"
 #include "storage/KnownTimes.h"
-#include "storage/LocalReading.h"
 #include "storage/RepeatedHash.h"
 #include "storage/TypedColumns.h"
 

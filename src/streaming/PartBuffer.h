@@ -4,7 +4,7 @@
 #include <functional>
 #include <utility>
 
-#include "streaming/RowStore.h"
+#include "schema/RowStore.h"
 
 namespace kyr::parquet {
 

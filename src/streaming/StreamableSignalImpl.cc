@@ -10,7 +10,7 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/SchemaBuilder.h"
 #include "kyr/parquet/SignalFormatter.h"
-#include "streaming/PartTables.h"
+#include "schema/PartTables.h"
 
 namespace kyr::parquet {
 

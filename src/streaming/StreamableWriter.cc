@@ -14,11 +14,11 @@
 #include <utility>
 #include <variant>
 
+#include "files/BatchSize.h"
+#include "files/FlatFormat.h"
 #include "kyr/parquet/FileSelector.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/platform/FileSystem.h"
-#include "storage/BatchSize.h"
-#include "storage/FlatFormat.h"
 #include "streaming/RowGroups.h"
 #include "streaming/TableFiles.h"
 

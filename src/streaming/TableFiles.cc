@@ -10,8 +10,8 @@
 #include <system_error>
 #include <utility>
 
+#include "files/LocalReading.h"
 #include "kyr/parquet/ColumnNames.h"
-#include "storage/LocalReading.h"
 
 namespace kyr::parquet {
 

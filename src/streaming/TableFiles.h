@@ -10,11 +10,11 @@
 #include <utility>
 #include <vector>
 
+#include "files/FlatFileReader.h"
+#include "files/FlatFileWriter.h"
+#include "files/FlatFormat.h"
 #include "kyr/platform/Path.h"
 #include "platform/DiskFile.h"
-#include "storage/FlatFileReader.h"
-#include "storage/FlatFileWriter.h"
-#include "storage/FlatFormat.h"
 #include "streaming/RowGroups.h"
 
 /// The files of a StreamableWriter: by Arrow, or without it where that is possible.

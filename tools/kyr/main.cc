@@ -7,10 +7,10 @@
 #include <new>
 #include <string>
 
-#include "Commands.h"
-#include "Errors.h"
-#include "Interrupt.h"
-#include "Output.h"
+#include "cli/Errors.h"
+#include "cli/Interrupt.h"
+#include "cli/Output.h"
+#include "commands/Commands.h"
 #include "kyr/platform/TraceEventFile.h"
 
 namespace kyr::tool {

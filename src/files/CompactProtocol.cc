@@ -1,0 +1,140 @@
+#include "files/CompactProtocol.h"
+
+#include <fmt/format.h>
+#include <parquet/exception.h>
+
+namespace kyr::parquet {
+
+namespace {
+
+constexpr unsigned kTypeBits = 4;
+constexpr unsigned kTypeMask = 0xf;
+constexpr unsigned kVarintBits = 7;
+constexpr unsigned kVarintMask = 0x7f;
+constexpr std::size_t kShortList = 15;  // longer ones have their size behind the header
+constexpr int kMaxDepth = 64;
+constexpr std::uint64_t kRealBytes = 8;
+
+[[noreturn]] void refuse(const char* what, std::size_t position) {
+  throw ::parquet::ParquetException(
+      fmt::format("no Parquet metadata: {} at byte {}", what, position));
+}
+
+}  // namespace
+
+std::uint8_t CompactReader::octet() {
+  if (atEnd()) refuse("the end", position_);
+  return static_cast<std::uint8_t>(bytes_[position_++]);
+}
+
+std::uint64_t CompactReader::varint() {
+  std::uint64_t value = 0;
+  for (unsigned shift = 0; shift < 64; shift += kVarintBits) {
+    const std::uint8_t next = octet();
+    value |= static_cast<std::uint64_t>(next & kVarintMask) << shift;
+    if (next <= kVarintMask) return value;
+  }
+  refuse("a number of too many bytes", position_);
+}
+
+std::int64_t CompactReader::integer() {
+  const std::uint64_t zigzag = varint();
+  return static_cast<std::int64_t>((zigzag >> 1U) ^ (~(zigzag & 1U) + 1U));
+}
+
+void CompactReader::take(std::uint64_t count) {
+  if (count > bytes_.size() - position_) refuse("a length beyond the end", position_);
+  position_ += static_cast<std::size_t>(count);
+}
+
+CompactReader::Field CompactReader::field(int lastId) {
+  const unsigned header = octet();
+  const int type = static_cast<int>(header & kTypeMask);
+  if (type == stop) return {};
+  const unsigned step = header >> kTypeBits;
+  if (step > 0) return {lastId + static_cast<int>(step), type};
+  return {static_cast<int>(static_cast<std::int16_t>(integer())), type};
+}
+
+CompactReader::List CompactReader::listHeader() {
+  const unsigned header = octet();
+  std::uint64_t size = header >> kTypeBits;
+  if (size == kShortList) size = varint();
+  // No element takes less than a byte.
+  if (size > bytes_.size() - position_) refuse("a list beyond the end", position_);
+  return {static_cast<int>(header & kTypeMask), static_cast<std::size_t>(size)};
+}
+
+void CompactReader::skip(int type, int depth) {
+  if (depth > kMaxDepth) refuse("too deep a nesting", position_);
+  switch (type) {
+    case yes:
+    case no:
+      return;
+    case byte:
+      return take(1);
+    case i16:
+    case i32:
+    case i64:
+      varint();
+      return;
+    case real:
+      return take(kRealBytes);
+    case binary:
+      return take(varint());
+    case list:
+    case set: {
+      const List elements = listHeader();
+      return skipElements(elements.type, elements.size, depth);
+    }
+    case map:
+      return skipMap(depth);
+    case structure:
+      for (Field next = field(0); next.type != stop; next = field(next.id)) {
+        skip(next.type, depth + 1);
+      }
+      return;
+    default:
+      refuse("an unknown type", position_);
+  }
+}
+
+void CompactReader::skipElements(int type, std::size_t count, int depth) {
+  // In a list, unlike in a field, a truth value takes a byte.
+  if (type == yes || type == no) return take(count);
+  for (std::size_t i = 0; i < count; ++i) skip(type, depth + 1);
+}
+
+void CompactReader::skipMap(int depth) {
+  const std::uint64_t size = varint();
+  if (size == 0) return;
+  const unsigned types = octet();
+  for (std::uint64_t i = 0; i < size; ++i) {
+    skipElements(static_cast<int>(types >> kTypeBits), 1, depth);
+    skipElements(static_cast<int>(types & kTypeMask), 1, depth);
+  }
+}
+
+void putVarint(std::string& out, std::uint64_t value) {
+  for (; value > kVarintMask; value >>= kVarintBits) {
+    out.push_back(static_cast<char>((value & kVarintMask) | (kVarintMask + 1)));
+  }
+  out.push_back(static_cast<char>(value));
+}
+
+void putInteger(std::string& out, std::int64_t value) {
+  const auto bits = static_cast<std::uint64_t>(value);
+  putVarint(out, (bits << 1U) ^ (~(bits >> 63U) + 1U));
+}
+
+void putListHeader(std::string& out, int type, std::size_t size) {
+  const auto types = static_cast<unsigned>(type);
+  if (size < kShortList) {
+    out.push_back(static_cast<char>((static_cast<unsigned>(size) << kTypeBits) | types));
+  } else {
+    out.push_back(static_cast<char>((kShortList << kTypeBits) | types));
+    putVarint(out, size);
+  }
+}
+
+}  // namespace kyr::parquet

@@ -1,0 +1,109 @@
+#include "files/FileLayout.h"
+
+#include <arrow/api.h>
+#include <arrow/io/interfaces.h>
+#include <parquet/arrow/schema.h>
+#include <parquet/arrow/writer.h>
+#include <parquet/exception.h>
+#include <parquet/file_writer.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "files/ColumnChunk.h"
+#include "files/ColumnFile.h"
+#include "kyr/parquet/ColumnNames.h"
+
+namespace kyr::parquet {
+
+using ::parquet::Encoding;
+
+FileLayout::FileLayout(const ::arrow::Schema& schema,
+                       std::shared_ptr<::parquet::WriterProperties> properties,
+                       EncodingChoice choice)
+    : schema_(schema.RemoveMetadata()),
+      isFlat_(choice.encoding && schema.num_fields() == 1 && isNumber(*schema.field(0)->type())),
+      properties_(std::move(properties)),
+      choice_(choice) {
+  const auto stored = isFlat_ ? ::arrow::schema({schema_->field(0)->WithNullable(false)}) : schema_;
+  PARQUET_THROW_NOT_OK(::parquet::arrow::ToParquetSchema(stored.get(), *properties_, &columns_));
+}
+
+ColumnEncoding FileLayout::encodingFor(const ::arrow::Table& rows) const {
+  const auto& defaults = properties_->default_column_properties();
+  const bool hasDictionary = defaults.dictionary_enabled();
+  const ColumnEncoding asTold{hasDictionary ? Encoding::RLE_DICTIONARY : Encoding::PLAIN,
+                              defaults.compression()};
+  const auto samples = rows.GetColumnByName(columnNames::data);
+  if (!choice_.encoding || !samples || samples->num_chunks() == 0) return asTold;
+  return chooseEncoding(*samples->chunk(0), choice_, defaults.compression(), hasDictionary);
+}
+
+void FileLayout::write(const std::shared_ptr<::arrow::io::OutputStream>& sink,
+                       const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
+                       const RowGroups& rowGroups, std::optional<ColumnEncoding> encoding) const {
+  std::vector<ColumnEncoding> encodings;
+  for (std::size_t i = 0; i < rowGroups.size(); ++i) {
+    const bool isAsBefore = i % kEncodingUses != 0;
+    encodings.push_back(encoding     ? *encoding
+                        : isAsBefore ? encodings.back()
+                                     : encodingFor(*rowGroups[i]));
+  }
+  if (isFlat_) {
+    writeFlat(sink, keyValues, rowGroups, encodings);
+  } else {
+    writeAny(sink, keyValues, rowGroups, encodings.empty() ? ColumnEncoding() : encodings.front());
+  }
+}
+
+// A file has one codec; row groups that do not want it are not compressed.
+void FileLayout::writeFlat(const std::shared_ptr<::arrow::io::OutputStream>& sink,
+                           const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
+                           const RowGroups& rowGroups,
+                           const std::vector<ColumnEncoding>& encodings) const {
+  constexpr auto kNone = ::arrow::Compression::UNCOMPRESSED;
+  const auto packed =
+      std::find_if(encodings.begin(), encodings.end(),
+                   [](const ColumnEncoding& encoding) { return encoding.codec != kNone; });
+  ColumnEncoding ofFile = encodings.empty() ? ColumnEncoding() : encodings.front();
+  if (packed != encodings.end()) ofFile.codec = packed->codec;
+
+  ColumnFile file(sink, *columns_, propertiesFor(ofFile));
+  for (std::size_t i = 0; i < rowGroups.size(); ++i) {
+    file.writeRowGroup({rowGroups[i]->column(0)->chunk(0)}, {encodings[i]});
+  }
+  file.finish(keyValues);
+}
+
+void FileLayout::writeAny(const std::shared_ptr<::arrow::io::OutputStream>& sink,
+                          const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
+                          const RowGroups& rowGroups, const ColumnEncoding& encoding) const {
+  std::unique_ptr<::parquet::arrow::FileWriter> writer;
+  PARQUET_THROW_NOT_OK(::parquet::arrow::FileWriter::Make(
+      ::arrow::default_memory_pool(),
+      ::parquet::ParquetFileWriter::Open(
+          sink, std::static_pointer_cast<::parquet::schema::GroupNode>(columns_->schema_root()),
+          propertiesFor(encoding), keyValues),
+      schema_, ::parquet::default_arrow_writer_properties(), &writer));
+  for (const ::arrow::Table* rows : rowGroups) {
+    PARQUET_THROW_NOT_OK(writer->WriteTable(*rows, rows->num_rows()));
+  }
+  PARQUET_THROW_NOT_OK(writer->Close());
+}
+
+std::shared_ptr<::parquet::WriterProperties> FileLayout::propertiesFor(
+    const ColumnEncoding& encoding) const {
+  if (!choice_.encoding) return properties_;
+  ::parquet::WriterProperties::Builder builder(*properties_);
+  for (int i = 0; i < columns_->num_columns(); ++i) {
+    if (columns_->GetColumnRoot(i)->name() != columnNames::data) continue;
+    const auto path = columns_->Column(i)->path();
+    builder.compression(path, encoding.codec);
+    if (encoding.encoding != Encoding::RLE_DICTIONARY) {
+      builder.disable_dictionary(path)->encoding(path, encoding.encoding);
+    }
+  }
+  return builder.build();
+}
+
+}  // namespace kyr::parquet

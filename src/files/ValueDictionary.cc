@@ -1,0 +1,75 @@
+#include "files/ValueDictionary.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "files/CompactProtocol.h"
+
+namespace kyr::parquet {
+
+namespace {
+
+constexpr std::size_t kGroup = 8;
+// Shorter repetitions are packed like others: each run has a header.
+constexpr std::size_t kFewestRepeated = 4 * kGroup;
+
+std::size_t repetitions(const std::uint32_t* numbers, std::size_t count) {
+  std::size_t length = 1;
+  while (length < count && numbers[length] == numbers[0]) ++length;
+  return length;
+}
+
+void putRepeated(std::string& out, std::uint32_t number, std::size_t count, unsigned width) {
+  putVarint(out, std::uint64_t{count} << 1U);
+  for (unsigned bit = 0; bit < width; bit += 8) out += static_cast<char>(number >> bit);
+}
+
+// The last group is filled up with zeros.
+void putPacked(std::string& out, const std::uint32_t* numbers, std::size_t count, unsigned width) {
+  const std::size_t groups = (count + kGroup - 1) / kGroup;
+  putVarint(out, (std::uint64_t{groups} << 1U) | 1U);
+  const std::size_t start = out.size();
+  const std::size_t bytes = groups * width;
+  out.resize(start + bytes + sizeof(std::uint64_t));
+  char* to = out.data() + start;
+  std::uint64_t bits = 0;
+  unsigned filled = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    bits |= std::uint64_t{numbers[i]} << filled;
+    filled += width;
+    if (filled >= 64) {
+      std::memcpy(to, &bits, sizeof(bits));
+      to += sizeof(bits);
+      filled -= 64;
+      bits = filled == 0 ? 0 : std::uint64_t{numbers[i]} >> (width - filled);
+    }
+  }
+  std::memcpy(to, &bits, sizeof(bits));
+  out.resize(start + bytes);
+}
+
+}  // namespace
+
+std::string packHybrid(const std::uint32_t* numbers, std::size_t count, unsigned width) {
+  std::string out;
+  out.reserve(count * width / 8 + 64);
+  std::size_t packedFrom = 0;
+  for (std::size_t at = 0; at < count;) {
+    // A packed run is made of whole groups, unless it is the last one.
+    const std::size_t length = repetitions(numbers + at, count - at);
+    const std::size_t toGroup = (kGroup - (at - packedFrom) % kGroup) % kGroup;
+    if (length >= toGroup + kFewestRepeated) {
+      at += toGroup;
+      if (at > packedFrom) putPacked(out, numbers + packedFrom, at - packedFrom, width);
+      putRepeated(out, numbers[at], length - toGroup, width);
+      at += length - toGroup;
+      packedFrom = at;
+    } else {
+      at += length;
+    }
+  }
+  if (packedFrom < count) putPacked(out, numbers + packedFrom, count - packedFrom, width);
+  return out;
+}
+
+}  // namespace kyr::parquet

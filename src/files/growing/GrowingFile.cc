@@ -1,0 +1,246 @@
+#include "files/growing/GrowingFile.h"
+
+#include <arrow/api.h>
+#include <fmt/format.h>
+#include <parquet/exception.h>
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "files/growing/BatchRecord.h"
+#include "kyr/platform/CryptoService.h"
+
+namespace kyr::parquet {
+
+namespace {
+
+// A footer is due when it is this part of the bytes of the batches since the last one, or when there
+// are this part more batches. More of them cost writing time, fewer leave the file unpublished for
+// longer.
+constexpr std::uint64_t kFooterShare = 16;
+constexpr std::uint64_t kBatchShare = 4;
+constexpr std::size_t kPieceBytes = std::size_t{1} << 20U;
+
+std::uint64_t randomNumber() {
+  std::uint64_t number = 0;
+  const auto bytes = CryptoService::randomBytes(sizeof(number));
+  std::memcpy(&number, bytes.data(), sizeof(number));
+  return number;
+}
+
+// What Parquet says about a file, with its name.
+template <typename Operation>
+auto naming(const std::filesystem::path& path, Operation&& operation) {
+  try {
+    return operation();
+  } catch (const ::parquet::ParquetException& error) {
+    throw std::runtime_error(fmt::format("{}: {}", path.string(), error.what()));
+  }
+}
+
+std::uint64_t sizeOf(const std::vector<std::string_view>& pieces) {
+  return std::accumulate(
+      pieces.begin(), pieces.end(), std::uint64_t{0},
+      [](std::uint64_t sum, std::string_view piece) { return sum + piece.size(); });
+}
+
+}  // namespace
+
+std::unique_ptr<GrowingFile> GrowingFile::create(
+    const std::filesystem::path& path, const std::shared_ptr<::arrow::Schema>& schema,
+    const std::shared_ptr<::parquet::WriterProperties>& properties,
+    const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) {
+  const FileLayout layout = naming(path, [&] { return FileLayout(*schema, properties, {}); });
+  return create(path, layout, keyValues);
+}
+
+std::unique_ptr<GrowingFile> GrowingFile::create(
+    const std::filesystem::path& path, const FileLayout& layout,
+    const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) {
+  BatchEncoder encoder(layout);
+  const EncodedBatch opening = naming(path, [&] { return encoder.encodeEmpty(keyValues); });
+  auto file = std::make_shared<DiskFile>(path, DiskFile::Mode::createNew);
+  try {
+    return std::unique_ptr<GrowingFile>(
+        new GrowingFile(std::move(file), std::move(encoder), opening));
+  } catch (...) {
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored);
+    throw;
+  }
+}
+
+GrowingFile::GrowingFile(std::shared_ptr<DiskFile> file, BatchEncoder encoder,
+                         const EncodedBatch& opening)
+    : file_(std::move(file)),
+      encoder_(std::move(encoder)),
+      index_(opening.metadata()),
+      fileId_(randomNumber()),
+      recordsEnd_(kParquetMagic.size()),
+      fileEnd_(recordsEnd_),
+      path_(file_->path()) {
+  file_->writeAt(0, {kParquetMagic});
+  writeRecord(opening, 0, /*publish=*/true);
+}
+
+void GrowingFile::requireGrowing() const {
+  if (finished_) throw std::logic_error(path_.string() + ": the file is finished");
+}
+
+void GrowingFile::checkBatch(const ::arrow::Table& table) const {
+  if (!table.schema()->Equals(encoder_.schema(), /*check_metadata=*/false)) {
+    throw std::invalid_argument(fmt::format("{}: a batch of the schema\n{}\nin a file of\n{}",
+                                            path_.string(), table.schema()->ToString(),
+                                            encoder_.schema().ToString()));
+  }
+  if (table.num_rows() > maxRows()) {
+    throw std::invalid_argument(fmt::format("{}: a batch of {} rows, at most {} are possible",
+                                            path_.string(), table.num_rows(), maxRows()));
+  }
+}
+
+void GrowingFile::appendBatch(const ::arrow::Table& table, bool publish) {
+  requireGrowing();
+  checkBatch(table);
+  if (table.num_rows() == 0) {
+    if (publish) this->publish();
+    return;
+  }
+  const EncodedBatch batch = naming(path_, [&] {
+    EncodedBatch encoded = encoder_.encode(table, recordsEnd_ + kBatchHeaderBytes);
+    index_.append(encoded.metadata());
+    return encoded;
+  });
+  try {
+    writeRecord(batch, static_cast<std::uint64_t>(table.num_rows()), publish);
+  } catch (...) {
+    index_.removeLast();
+    throw;
+  }
+}
+
+void GrowingFile::writeRecord(const EncodedBatch& batch, std::uint64_t rows, bool publish) {
+  RecordHeader header;
+  header.fileId = fileId_;
+  header.offset = recordsEnd_;
+  header.index = records_;
+  header.rows = rows;
+  header.rowGroupBytes = batch.rowGroupBytes();
+  header.metadataBytes = batch.metadata().size();
+  const std::string head = encodeHeader(header, batch.hash());
+
+  const std::uint64_t pending = bytesSinceFooter_ + header.end() - header.offset;
+  const bool withFooter = publish || pending / kFooterShare >= index_.metadataBound() ||
+                          (records_ - recordsAtFooter_) * kBatchShare > records_;
+  const std::string foot = withFooter ? footer(header.end(), records_ + 1) : std::string();
+  replaceTail({head, batch.payload(), foot});
+  ++records_;
+  recordsEnd_ = header.end();
+  bytesSinceFooter_ = pending;
+  if (withFooter) noteFooter(foot.size());
+}
+
+std::string GrowingFile::footer(std::uint64_t offset, std::uint64_t records) const {
+  RecordHeader header;
+  header.fileId = fileId_;
+  header.offset = offset;
+  header.index = records;
+  header.rows = index_.rows();
+  return encodeFooter(header, index_.metadata());
+}
+
+void GrowingFile::replaceTail(const std::vector<std::string_view>& pieces) {
+  const std::uint64_t end = recordsEnd_ + sizeOf(pieces);
+  published_ = false;
+  fileEnd_ = std::max(fileEnd_, end);
+  try {
+    file_->writeAt(recordsEnd_, pieces);
+    if (fileEnd_ > end) file_->truncate(end);
+    fileEnd_ = end;
+  } catch (...) {
+    // If this fails as well, what is behind the records is overwritten or cut by the next call, or
+    // cut by a recovery.
+    if (file_->tryTruncate(recordsEnd_)) fileEnd_ = recordsEnd_;
+    throw;
+  }
+}
+
+void GrowingFile::publish() {
+  requireGrowing();
+  file_->requireName();
+  if (published_) return;
+  const std::string foot = footer(recordsEnd_, records_);
+  replaceTail({foot});
+  noteFooter(foot.size());
+}
+
+void GrowingFile::noteFooter(std::size_t bytes) {
+  published_ = true;
+  bytesSinceFooter_ = 0;
+  recordsAtFooter_ = records_;
+  footerBytes_ += bytes;
+}
+
+void GrowingFile::sync() {
+  requireGrowing();
+  if (syncFailed_) rewriteUnsynced();
+  syncFailed_ = true;
+  file_->syncData();
+  syncFailed_ = false;
+  syncedEnd_ = recordsEnd_;
+}
+
+void GrowingFile::rewriteUnsynced() {
+  // What could not be written may have been dropped from memory, too; then it must not be taken for
+  // the batches.
+  std::uint64_t at = std::max<std::uint64_t>(syncedEnd_, kParquetMagic.size());
+  while (at < recordsEnd_) {
+    const auto record = readRecord(*file_, RecordKind::batch, at, recordsEnd_);
+    if (!record) throw std::runtime_error(path_.string() + ": batches were lost before a sync");
+    at = record->header.end();
+  }
+  std::string piece;
+  for (std::uint64_t from = syncedEnd_; from < recordsEnd_; from += piece.size()) {
+    piece.resize(std::min<std::uint64_t>(kPieceBytes, recordsEnd_ - from));
+    file_->readAt(from, piece.data(), piece.size());
+    file_->writeAt(from, {piece});
+  }
+  if (std::exchange(published_, false)) publish();
+}
+
+void GrowingFile::finish() {
+  if (finished_) return;
+  publish();
+  finished_ = true;
+  reader_.reset();
+  std::exchange(file_, nullptr)->close();
+}
+
+void GrowingFile::suspend() {
+  if (file_) file_->suspend();
+}
+
+std::uint64_t GrowingFile::batchRows(std::size_t batch) const {
+  if (batch >= batchCount()) {
+    throw std::out_of_range(fmt::format("{}: batch {} is asked for, there are {}", path_.string(),
+                                        batch, batchCount()));
+  }
+  return index_.rowStart(batch + 1) - index_.rowStart(batch);
+}
+
+std::shared_ptr<::arrow::Table> GrowingFile::read(std::uint64_t first, std::uint64_t count,
+                                                  const std::optional<std::vector<int>>& columns) {
+  if (!file_) file_ = std::make_shared<DiskFile>(path_, DiskFile::Mode::readOnly);
+  if (!reader_) reader_.emplace(file_);
+  return reader_->read(index_, first, count, columns);
+}
+
+std::shared_ptr<const ::arrow::KeyValueMetadata> GrowingFile::keyValueMetadata() const {
+  return parseMetadata(index_.metadata(0, 0))->key_value_metadata();
+}
+
+}  // namespace kyr::parquet

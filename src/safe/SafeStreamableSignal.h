@@ -1,0 +1,67 @@
+#pragma once
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "kyr/parquet/StreamableSignal.h"
+#include "safe/SharedPart.h"
+
+namespace kyr::parquet {
+
+/// A streamable signal of a safe pool. See StreamableSignal, and SharedPart for how it stores.
+class SafeStreamableSignal final : public StreamableSignal {
+ public:
+  /// \param label  what the files shall say of the signal; kept up to date here
+  /// \param timeId, dataId  files that are there, or kNoStorage
+  SafeStreamableSignal(std::shared_ptr<SharedStore> store, std::shared_ptr<SignalLabel> label,
+                       int timeId, int dataId);
+
+  void setBufferSize(unsigned long rows) override;
+  void appendTime(const double* time, unsigned long count) override;
+  void appendData(const void* data, unsigned long size,
+                  const std::vector<std::vector<unsigned long>>& dimensions,
+                  const std::vector<int>& extra) override;
+  void finish(SignalPart part) override;
+  void finish() override;
+  unsigned long rowCount(SignalPart part) override;
+  void flush() override;
+  /// As flush(), without a sync.
+  void write();
+  void resetData() override;
+  bool hasData() const override;
+  void setDataType(KYRSignalDataType type) override { label_->dataType = type; }
+  KYRSignalDataType getDataType() const override { return label_->dataType; }
+  void setCategory(KYRSignalCategory category) override { label_->category = category; }
+  KYRSignalCategory getCategory() const override { return label_->category; }
+  int getStorageId(SignalPart part) const override;
+  void getTime(unsigned long from, unsigned long to, std::vector<char>& out) override;
+  void getData(unsigned long from, unsigned long to, std::vector<char>& out,
+               std::vector<std::vector<unsigned long>>& dimensions) override;
+  void getData(unsigned long from, unsigned long to, std::vector<char>& out,
+               std::vector<std::vector<unsigned long>>& dimensions,
+               std::vector<int>& sizes) override;
+  void setParquetCompressionType(const ::arrow::Compression::type& type) override;
+  std::optional<::arrow::Compression::type> getParquetCompressionType() const override {
+    return time_.compression();
+  }
+  Path getParquetDirectory() const override { return store_->directory(); }
+  ::arrow::Status writeStatus() const override;
+
+ private:
+  const SampleSchema& dataSchema();
+
+  std::shared_ptr<SharedStore> store_;
+  std::shared_ptr<SignalLabel> label_;
+  SharedPart time_;
+  SharedPart data_;
+
+  // The data schema made last, and for what.
+  SampleSchema schema_;
+  std::size_t width_ = sizeof(double);
+  KYRSignalDataType schemaType_ = Double;
+  KYRSignalCategory schemaCategory_ = Scalar;
+};
+
+}  // namespace kyr::parquet

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <arrow/util/compression.h>
+
+#include <memory>
+
+#include "safe/SharedPart.h"
+#include "safe/WholeSignal.h"
+
+namespace kyr::parquet {
+
+/// A whole signal of a safe pool. Times are always in a file of their own, so that they are shared.
+class SafeWholeSignal final : public WholeSignal {
+ public:
+  /// \param label  what the files shall say of the signal; kept up to date here
+  /// \param timeId, dataId  files that are there, or kNoStorage
+  SafeWholeSignal(std::shared_ptr<SharedStore> store, std::shared_ptr<SignalLabel> label,
+                  int timeId, int dataId);
+
+  /// \throws std::exception  naming the file if it cannot be written; nothing has changed then
+  void setData(const std::vector<double>& time, const std::vector<char>& data, const Dims& dims,
+               const std::vector<int>& lengths) override;
+  void getData(std::vector<double>& time, std::vector<char>& data, Dims& dims,
+               std::vector<int>& lengths) override;
+  void resetData() override;
+  bool hasData() const override { return time_.id() || data_.id(); }
+  int getStorageId(SignalPart part) const override;
+  void setDataType(KYRSignalDataType type) override { label_->dataType = type; }
+  KYRSignalDataType getDataType() const override { return label_->dataType; }
+  void setCategory(KYRSignalCategory category) override { label_->category = category; }
+  KYRSignalCategory getCategory() const override { return label_->category; }
+  void setParquetCompressionType(const ::arrow::Compression::type& type) override {
+    parquet::requireWritable(type);
+    compression_ = type;
+  }
+  std::optional<::arrow::Compression::type> getParquetCompressionType() const override {
+    return compression_.value_or(::arrow::Compression::UNCOMPRESSED);
+  }
+  Path getParquetDirectory() const override { return store_->directory(); }
+  ::arrow::Status writeStatus() const override;
+
+ private:
+  void readTimes(std::vector<double>& time);
+  SharedPart partOf(SignalPart part, const SampleSchema& schema, const SampleChunk& chunk,
+                    std::size_t width) const;
+
+  std::shared_ptr<SharedStore> store_;
+  std::shared_ptr<SignalLabel> label_;
+  SharedPart time_;
+  SharedPart data_;
+  std::optional<::arrow::Compression::type> compression_;
+};
+
+}  // namespace kyr::parquet

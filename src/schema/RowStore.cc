@@ -1,0 +1,392 @@
+#include "schema/RowStore.h"
+
+#include <arrow/api.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include "kyr/parquet/SignalFormatter.h"
+#include "platform/Digest.h"
+#include "schema/ArrayMemory.h"
+
+namespace kyr::parquet {
+
+namespace {
+
+// Rows and the elements in them, of samples that all have one shape or each their own.
+void measureShapes(const std::vector<std::vector<std::uint64_t>>& dimensions, SampleChunk& chunk) {
+  if (dimensions.size() == 1) {
+    const std::size_t perRow = shapeElements(dimensions.front());
+    chunk.rows = perRow == 0 ? 0 : chunk.elements / perRow;
+    chunk.elements = chunk.rows * perRow;
+    return;
+  }
+  chunk.rows = dimensions.size();
+  chunk.elements = 0;
+  for (const auto& extents : dimensions) {
+    if (__builtin_add_overflow(chunk.elements, shapeElements(extents), &chunk.elements)) {
+      throw std::invalid_argument("the samples' shapes need more elements than can be counted");
+    }
+  }
+}
+
+void measureSizes(const std::vector<int>& sizes, SampleChunk& chunk) {
+  chunk.rows = sizes.size();
+  chunk.elements = 0;
+  for (const int size : sizes) {
+    if (size < 0) throw std::invalid_argument(fmt::format("a sample of {} bytes", size));
+    chunk.elements += static_cast<std::size_t>(size);
+  }
+}
+
+// The ends of a run of rows as Arrow's 32-bit offsets, starting at 0.
+std::shared_ptr<::arrow::Buffer> offsetsOf(const std::uint64_t* ends, std::uint64_t begin,
+                                           std::size_t count) {
+  if (count > 0 && ends[count - 1] - begin > std::numeric_limits<std::int32_t>::max()) {
+    throw std::runtime_error(fmt::format(
+        "a batch of {} rows holds more elements than one row group can: set a smaller buffer size",
+        count));
+  }
+  std::vector<std::int32_t> offsets;
+  offsets.reserve(count + 1);
+  offsets.push_back(0);
+  for (std::size_t i = 0; i < count; ++i) {
+    offsets.push_back(static_cast<std::int32_t>(ends[i] - begin));
+  }
+  return ::arrow::Buffer::FromVector(std::move(offsets));
+}
+
+// Drops the first values, which were \p batches batches. Memory for one more batch is kept, so that
+// it need not grow anew; what is more than twice that is given back, and without batches all is.
+template <typename T>
+void dropValues(std::vector<T>& values, std::size_t count, std::size_t batches) {
+  const auto rest = values.begin() + static_cast<std::ptrdiff_t>(count);
+  const std::size_t perBatch = batches == 0 ? 0 : count / batches;
+  if (values.capacity() / 2 <= perBatch) {
+    values.erase(values.begin(), rest);
+    return;
+  }
+  std::vector<T> fresh;
+  fresh.reserve(std::max(perBatch, static_cast<std::size_t>(values.end() - rest)));
+  fresh.assign(rest, values.end());
+  values = std::move(fresh);
+}
+
+// Drops the ends of the first rows and counts the others from there; returns where they ended.
+std::uint64_t dropEnds(std::vector<std::uint64_t>& ends, std::size_t rows, std::size_t batches) {
+  const std::uint64_t base = ends[rows - 1];
+  dropValues(ends, rows, batches);
+  for (std::uint64_t& end : ends) end -= base;
+  return base;
+}
+
+std::size_t extentsIn(const RowSlice& rows) {
+  return rows.rows == 0 ? 0 : rows.extentEnds[rows.rows - 1] - rows.extentBegin;
+}
+
+}  // namespace
+
+RowStore::RowStore(SampleSchema schema, std::size_t width)
+    : schema_(std::move(schema)), width_(schema_.kind == ColumnKind::blob ? 1 : width) {}
+
+SampleChunk measureChunk(const SampleSchema& schema, const void* data, std::size_t size,
+                         std::size_t width,
+                         const std::vector<std::vector<std::uint64_t>>& dimensions,
+                         const std::vector<int>& sizes) {
+  SampleChunk chunk;
+  chunk.data = static_cast<const char*>(data);
+  chunk.dimensions = &dimensions;
+  chunk.elements = size / width;
+  const bool blobs = schema.kind == ColumnKind::blob;
+  const std::size_t limit = blobs ? size : chunk.elements;
+  if (schema.kind == ColumnKind::unsupported) {
+    throw std::invalid_argument("samples of this data type and category cannot be appended");
+  }
+  if (schema.kind == ColumnKind::flat) {
+    if (!dimensions.empty()) {
+      throw std::invalid_argument("dimensions given for the samples of a scalar signal");
+    }
+    chunk.rows = chunk.elements;
+  } else if (size == 0) {
+    chunk.elements = 0;
+  } else if (blobs && !sizes.empty()) {
+    measureSizes(sizes, chunk);
+  } else if (!dimensions.empty()) {
+    measureShapes(dimensions, chunk);
+  } else {
+    throw std::invalid_argument(blobs ? "neither sizes nor dimensions given for binary samples"
+                                      : "no dimensions given for the samples of a matrix signal");
+  }
+  if (chunk.elements > limit) {
+    throw std::invalid_argument(fmt::format(
+        "the samples' shapes need {} elements, but the data holds {}", chunk.elements, limit));
+  }
+  if (schema.dimensionIndex >= 0 && dimensions.size() != chunk.rows) {
+    throw std::invalid_argument(fmt::format(
+        "{} samples with {} dimension vectors, expected as many", chunk.rows, dimensions.size()));
+  }
+  if (blobs && !sizes.empty()) chunk.sizes = &sizes;
+  return chunk;
+}
+
+SampleChunk measureExactly(const SampleSchema& schema, const void* data, std::size_t size,
+                           std::size_t width,
+                           const std::vector<std::vector<std::uint64_t>>& dimensions,
+                           const std::vector<int>& sizes) {
+  const bool blobs = schema.kind == ColumnKind::blob;
+  SampleChunk chunk;
+  const bool isOneShape = schema.dimensionIndex >= 0 && dimensions.size() == 1;
+  if (isOneShape && !(blobs && !sizes.empty()) && shapeElements(dimensions.front()) == 0) {
+    chunk.rows = 1;
+  } else if (size == 0 && (blobs ? !sizes.empty() : dimensions.size() > 1)) {
+    if (blobs) {
+      measureSizes(sizes, chunk);
+    } else {
+      measureShapes(dimensions, chunk);
+    }
+    if (chunk.elements > 0) return measureChunk(schema, data, 1, 1, dimensions, sizes);  // throws
+    if (schema.dimensionIndex >= 0 && dimensions.size() != chunk.rows) {
+      throw std::invalid_argument(fmt::format(
+          "{} samples with {} dimension vectors, expected as many", chunk.rows, dimensions.size()));
+    }
+  } else {
+    chunk = measureChunk(schema, data, size, width, dimensions, sizes);
+  }
+  chunk.data = static_cast<const char*>(data);
+  chunk.dimensions = &dimensions;
+  if (blobs && !sizes.empty()) chunk.sizes = &sizes;
+  const std::size_t used = chunk.elements * (blobs ? 1 : width);
+  if (used != size) {
+    throw std::invalid_argument(
+        fmt::format("{} bytes of samples, of which whole ones take {}", size, used));
+  }
+  return chunk;
+}
+
+void RowShapes::append(const SampleSchema& schema, const SampleChunk& chunk) {
+  if (schema.kind != ColumnKind::flat) {
+    std::uint64_t end = rowEnds.empty() ? 0 : rowEnds.back();
+    for (std::size_t row = 0; row < chunk.rows; ++row) {
+      if (chunk.sizes) {
+        end += static_cast<std::uint64_t>((*chunk.sizes)[row]);
+      } else {
+        const auto& shapes = *chunk.dimensions;
+        end += shapeElements(shapes.size() == 1 ? shapes.front() : shapes[row]);
+      }
+      rowEnds.push_back(end);
+    }
+  }
+  if (schema.dimensionIndex >= 0) {
+    for (std::size_t row = 0; row < chunk.rows; ++row) {
+      const auto& sizes = (*chunk.dimensions)[row];
+      extents.insert(extents.end(), sizes.begin(), sizes.end());
+      extentEnds.push_back(extents.size());
+    }
+  }
+}
+
+RowSlice sliceOf(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width,
+                 RowShapes& shapes) {
+  RowSlice slice;
+  slice.rows = chunk.rows;
+  slice.elements = chunk.data;
+  slice.bytes = chunk.elements * (schema.kind == ColumnKind::blob ? 1 : width);
+  if (schema.kind == ColumnKind::flat) return slice;
+  shapes = RowShapes();
+  shapes.append(schema, chunk);
+  slice.ends = shapes.rowEnds.data();
+  if (schema.dimensionIndex >= 0) {
+    slice.extents = shapes.extents.data();
+    slice.extentEnds = shapes.extentEnds.data();
+  }
+  return slice;
+}
+
+std::shared_ptr<::arrow::Table> tableOf(const SampleSchema& schema, const RowSlice& rows) {
+  SampleBuffers buffers;
+  buffers.rows = static_cast<std::int64_t>(rows.rows);
+  if (rows.ends) buffers.offsets = offsetsOf(rows.ends, rows.begin, rows.rows);
+  buffers.elements = borrowBuffer(rows.elements, rows.bytes);
+  if (rows.extentEnds) {
+    buffers.dimensionRows = buffers.rows;
+    buffers.dimensionOffsets = offsetsOf(rows.extentEnds, rows.extentBegin, rows.rows);
+    buffers.dimensionValues = borrowBuffer(rows.extents, extentsIn(rows) * sizeof(std::uint64_t));
+  }
+  return assembleTable(schema, buffers);
+}
+
+void RowStore::append(const SampleChunk& chunk) {
+  elements_.append(chunk.data, chunk.elements * width_);
+  if (schema_.kind != ColumnKind::flat) shapes_.append(schema_, chunk);
+  rows_ += chunk.rows;
+}
+
+void RowStore::dropFront(std::size_t rows, std::size_t batches) {
+  if (rows == 0) return;
+  const std::size_t elements =
+      schema_.kind == ColumnKind::flat ? rows : dropEnds(shapes_.rowEnds, rows, batches);
+  elements_.dropFront(elements * width_, batches == 0 ? 0 : elements * width_ / batches);
+  if (schema_.dimensionIndex >= 0) {
+    dropValues(shapes_.extents, dropEnds(shapes_.extentEnds, rows, batches), batches);
+  }
+  rows_ -= rows;
+}
+
+std::size_t bytesIn(const RowSlice& rows) {
+  std::size_t numbers = rows.ends ? rows.rows : 0;
+  if (rows.extentEnds) numbers += rows.rows + extentsIn(rows);
+  return rows.bytes + numbers * sizeof(std::uint64_t);
+}
+
+RowSlice RowStore::slice(std::size_t from, std::size_t count) const {
+  RowSlice slice;
+  slice.rows = count;
+  std::size_t start = from;
+  std::size_t end = from + count;
+  if (schema_.kind != ColumnKind::flat) {
+    slice.ends = shapes_.rowEnds.data() + from;
+    slice.begin = from == 0 ? 0 : shapes_.rowEnds[from - 1];
+    start = slice.begin;
+    end = count == 0 ? start : shapes_.rowEnds[from + count - 1];
+  }
+  slice.elements = elements_.data() + start * width_;
+  slice.bytes = (end - start) * width_;
+  if (schema_.dimensionIndex >= 0) {
+    slice.extentEnds = shapes_.extentEnds.data() + from;
+    slice.extentBegin = from == 0 ? 0 : shapes_.extentEnds[from - 1];
+    slice.extents = shapes_.extents.data() + slice.extentBegin;
+  }
+  return slice;
+}
+
+void RowStore::append(const RowSlice& rows) {
+  const auto appendEnds = [&](std::vector<std::uint64_t>& ends, const std::uint64_t* from,
+                              std::uint64_t begin) {
+    const std::uint64_t base = ends.empty() ? 0 : ends.back();
+    for (std::size_t i = 0; i < rows.rows; ++i) ends.push_back(base + from[i] - begin);
+  };
+  elements_.append(rows.elements, rows.bytes);
+  if (rows.ends) appendEnds(shapes_.rowEnds, rows.ends, rows.begin);
+  if (rows.extentEnds) {
+    appendEnds(shapes_.extentEnds, rows.extentEnds, rows.extentBegin);
+    shapes_.extents.insert(shapes_.extents.end(), rows.extents, rows.extents + extentsIn(rows));
+  }
+  rows_ += rows.rows;
+}
+
+void RowStore::append(const ::arrow::Table& table) {
+  std::vector<char> bytes;
+  std::optional<std::vector<std::vector<std::uint64_t>>> dimensions;
+  std::optional<std::vector<int>> sizes;
+  SignalFormatter().reconstruct(table.Slice(0), bytes, dimensions, sizes);
+  const auto rows = static_cast<std::size_t>(table.num_rows());
+  elements_.append(bytes.data(), bytes.size());
+  if (sizes) {
+    std::uint64_t end = shapes_.rowEnds.empty() ? 0 : shapes_.rowEnds.back();
+    for (const int size : *sizes)
+      shapes_.rowEnds.push_back(end += static_cast<std::uint64_t>(size));
+  }
+  if (dimensions) {
+    for (const auto& extents : *dimensions) {
+      shapes_.extents.insert(shapes_.extents.end(), extents.begin(), extents.end());
+      shapes_.extentEnds.push_back(shapes_.extents.size());
+    }
+  }
+  rows_ += rows;
+}
+
+void RowStore::grow(std::size_t rows) {
+  elements_.extend(rows * width_);
+  rows_ += rows;
+}
+
+void RowStore::truncate(std::size_t rows) {
+  const std::size_t elements =
+      schema_.kind == ColumnKind::flat ? rows : (rows == 0 ? 0 : shapes_.rowEnds[rows - 1]);
+  elements_.truncate(elements * width_);
+  if (schema_.kind != ColumnKind::flat) shapes_.rowEnds.resize(rows);
+  if (schema_.dimensionIndex >= 0) {
+    shapes_.extentEnds.resize(rows);
+    shapes_.extents.resize(rows == 0 ? 0 : shapes_.extentEnds.back());
+  }
+  rows_ = rows;
+}
+
+bool areEqual(const RowSlice& a, const RowSlice& b) {
+  if (a.rows != b.rows || a.bytes != b.bytes) return false;
+  if (a.bytes > 0 && std::memcmp(a.elements, b.elements, a.bytes) != 0) return false;
+  const auto haveSameEnds = [&](const std::uint64_t* x, std::uint64_t fromX, const std::uint64_t* y,
+                                std::uint64_t fromY) {
+    for (std::size_t i = 0; i < a.rows; ++i) {
+      if (x[i] - fromX != y[i] - fromY) return false;
+    }
+    return true;
+  };
+  if (a.ends && !haveSameEnds(a.ends, a.begin, b.ends, b.begin)) return false;
+  if (!a.extentEnds) return true;
+  return haveSameEnds(a.extentEnds, a.extentBegin, b.extentEnds, b.extentBegin) &&
+         std::equal(a.extents, a.extents + extentsIn(a), b.extents);
+}
+
+RowSlice subSlice(const RowSlice& rows, std::size_t from, std::size_t count) {
+  RowSlice slice = rows;
+  slice.rows = count;
+  if (!rows.ends) {
+    const std::size_t width = rows.rows == 0 ? 0 : rows.bytes / rows.rows;
+    slice.elements += from * width;
+    slice.bytes = count * width;
+    return slice;
+  }
+  const auto endOf = [&](std::size_t end) { return end == 0 ? rows.begin : rows.ends[end - 1]; };
+  const std::uint64_t elements = endOf(rows.rows) - rows.begin;
+  const std::uint64_t width = elements == 0 ? 0 : rows.bytes / elements;
+  slice.ends += from;
+  slice.begin = endOf(from);
+  slice.elements += (slice.begin - rows.begin) * width;
+  slice.bytes = (endOf(from + count) - slice.begin) * width;
+  if (rows.extentEnds) {
+    slice.extentEnds += from;
+    slice.extentBegin = from == 0 ? rows.extentBegin : rows.extentEnds[from - 1];
+    slice.extents += slice.extentBegin - rows.extentBegin;
+  }
+  return slice;
+}
+
+std::size_t commonRows(const RowSlice& a, const RowSlice& b) {
+  if (areEqual(a, b)) return a.rows;
+  // The first difference lies in [equal, equal + span).
+  std::size_t equal = 0;
+  for (std::size_t span = a.rows; span > 1;) {
+    const std::size_t half = span / 2;
+    if (areEqual(subSlice(a, equal, half), subSlice(b, equal, half))) {
+      equal += half;
+      span -= half;
+    } else {
+      span = half;
+    }
+  }
+  return equal;
+}
+
+XXH128_hash_t digestOf(const RowSlice& rows) {
+  // Flat rows are their bytes. Others are told apart by where they end as well.
+  XXH128_hash_t digest = digestOfBytes(rows.elements, rows.bytes);
+  const auto mix = [&](const std::uint64_t* values, std::size_t count, std::uint64_t base) {
+    std::vector<std::uint64_t> text{digest.low64, digest.high64, count};
+    for (std::size_t i = 0; i < count; ++i) text.push_back(values[i] - base);
+    digest = XXH3_128bits(text.data(), text.size() * sizeof(std::uint64_t));
+  };
+  if (rows.ends) mix(rows.ends, rows.rows, rows.begin);
+  if (rows.extentEnds) {
+    mix(rows.extentEnds, rows.rows, rows.extentBegin);
+    mix(rows.extents, extentsIn(rows), 0);
+  }
+  return digest;
+}
+
+}  // namespace kyr::parquet

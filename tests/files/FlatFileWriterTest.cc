@@ -1,0 +1,131 @@
+#include <arrow/io/memory.h>
+#include <gmock/gmock.h>
+#include <parquet/arrow/reader.h>
+
+#include <limits>
+
+#include "files/FlatFileWriter.h"
+#include "kyr/parquet/SerializationOptions.h"
+#include "support/ParquetFiles.h"
+#include "support/StorageTest.h"
+
+namespace kyr::parquet {
+namespace {
+
+using test::must;
+using Chunks = ::arrow::ArrayVector;
+
+class FlatFileWriterTest : public test::StorageTest {
+ protected:
+  FlatFileWriterTest() { serialization_options::bDictionary = false; }
+
+  static std::shared_ptr<::parquet::WriterProperties> properties() {
+    return ParquetWriterOptions().buildWriterProperties();
+  }
+};
+
+std::shared_ptr<::arrow::Array> numbers(const std::shared_ptr<::arrow::DataType>& type,
+                                        std::int64_t rows) {
+  const auto width = type->bit_width() / 8;
+  auto buffer = ::arrow::AllocateBuffer(rows * width).ValueOrDie();
+  std::uint32_t state = 1;
+  for (std::int64_t i = 0; i < buffer->size(); ++i) {
+    state = state * 1664525 + 1013904223;
+    buffer->mutable_data()[i] = static_cast<std::uint8_t>(state >> 24U);
+  }
+  return ::arrow::MakeArray(
+      ::arrow::ArrayData::Make(type, rows, {nullptr, std::move(buffer)}, /*null_count=*/0));
+}
+
+std::string ours(const ::arrow::Table& table, std::int64_t groupRows,
+                 const std::shared_ptr<::parquet::WriterProperties>& properties, int writes) {
+  const auto out = ::arrow::io::BufferOutputStream::Create().ValueOrDie();
+  FlatFileWriter writer(FlatFormat::make(table.schema(), properties), out);
+  for (int i = 0; i < writes; ++i) must(writer.write(table, groupRows));
+  must(writer.close());
+  return out->Finish().ValueOrDie()->ToString();
+}
+
+std::string arrows(const ::arrow::Table& table, std::int64_t groupRows,
+                   const std::shared_ptr<::parquet::WriterProperties>& properties, int writes) {
+  const auto out = ::arrow::io::BufferOutputStream::Create().ValueOrDie();
+  const auto writer = ::parquet::arrow::FileWriter::Open(
+                          *table.schema(), ::arrow::default_memory_pool(), out, properties)
+                          .ValueOrDie();
+  for (int i = 0; i < writes; ++i) must(writer->WriteTable(table, groupRows));
+  must(writer->Close());
+  return out->Finish().ValueOrDie()->ToString();
+}
+
+TEST_F(FlatFileWriterTest, WritesTheBytesThatArrowWrites) {
+  constexpr std::int64_t kAll = std::numeric_limits<std::int64_t>::max();
+  const auto keyValues = ::arrow::key_value_metadata({"unit"}, {"m/s"});
+  struct {
+    std::vector<std::int64_t> chunks;
+    std::int64_t groupRows;
+    int writes;
+    int batchSize;
+  } const cases[] = {
+      {{}, kAll, 0, 4096},      {{0}, kAll, 1, 4096},         {{1}, kAll, 2, 4096},
+      {{7}, kAll, 1, 4096},     {{1000}, 300, 2, 4096},       {{131072}, kAll, 1, 4096},
+      {{131073}, kAll, 1, 100}, {{300001}, kAll, 1, 4096},    {{5000, 0, 300000}, kAll, 1, 4096},
+      {{9000}, 4097, 1, 1},     {{70000, 70000}, 99999, 2, 7}};
+  for (const auto& type : {::arrow::float64(), ::arrow::float32(), ::arrow::int8(),
+                           ::arrow::uint8(), ::arrow::int16(), ::arrow::uint16(), ::arrow::int32(),
+                           ::arrow::uint32(), ::arrow::int64(), ::arrow::uint64()}) {
+    for (const auto& [chunks, groupRows, writes, batchSize] : cases) {
+      serialization_options::batchSize = batchSize;
+      const auto written = properties();
+      Chunks arrays;
+      for (const std::int64_t rows : chunks) arrays.push_back(numbers(type, rows));
+      const auto column = ::arrow::ChunkedArray::Make(arrays, type).ValueOrDie();
+      const auto table = ::arrow::Table::Make(
+          ::arrow::schema({::arrow::field("data", type), ::arrow::field("b", type, false)},
+                          keyValues),
+          {column, column});
+      EXPECT_TRUE(ours(*table, groupRows, written, writes) ==
+                  arrows(*table, groupRows, written, writes))
+          << type->ToString() << " of " << table->num_rows() << " rows";
+    }
+  }
+}
+
+TEST_F(FlatFileWriterTest, NullsComeBack) {
+  const auto table = test::tableOf(
+      {{"data", test::column(::arrow::float64(), {"[null, 1, 2, null]", "[null]", "[3, 4]"})},
+       {"b", test::column(::arrow::int16(), {"[1, 2, 3, 4, 5, -6, null]"})}});
+  const auto file = ::arrow::Buffer::FromString(ours(*table, 5, properties(), 1));
+  std::unique_ptr<::parquet::arrow::FileReader> reader;
+  must(::parquet::arrow::OpenFile(std::make_shared<::arrow::io::BufferReader>(file),
+                                  ::arrow::default_memory_pool(), &reader));
+  std::shared_ptr<::arrow::Table> read;
+  must(reader->ReadTable(&read));
+  EXPECT_TRUE(read->Equals(*table)) << read->ToString();
+
+  const auto required =
+      ::arrow::schema({::arrow::field("data", ::arrow::float64(), false), table->field(1)});
+  FlatFileWriter writer(FlatFormat::make(required, properties()),
+                        ::arrow::io::BufferOutputStream::Create().ValueOrDie());
+  EXPECT_FALSE(writer.write(*::arrow::Table::Make(required, table->columns()), 9).ok());
+  const auto empty = ::arrow::Table::MakeEmpty(required).ValueOrDie();
+  EXPECT_FALSE(writer.write(*empty, 9).ok());  // nothing more once a write failed
+}
+
+TEST_F(FlatFileWriterTest, OtherFilesAreLeftToArrow) {
+  const auto flat = ::arrow::schema({::arrow::field("data", ::arrow::float64())});
+  EXPECT_NE(FlatFormat::make(flat, properties()), nullptr);
+  for (const auto& type : {::arrow::binary(), ::arrow::boolean(), ::arrow::list(::arrow::int8()),
+                           ::arrow::timestamp(::arrow::TimeUnit::NANO)}) {
+    EXPECT_EQ(FlatFormat::make(::arrow::schema({::arrow::field("data", type)}), properties()),
+              nullptr);
+  }
+  serialization_options::bDictionary = true;
+  EXPECT_EQ(FlatFormat::make(flat, properties()), nullptr);
+  serialization_options::bDictionary = false;
+  EXPECT_EQ(FlatFormat::make(
+                flat, ParquetWriterOptions().buildWriterProperties(::arrow::Compression::SNAPPY)),
+            nullptr);
+}
+
+}  // namespace
+}  // namespace kyr::parquet

@@ -1,0 +1,36 @@
+#include "cli/SignalSelection.h"
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+#include "cli/Text.h"
+#include "csv/HeaderNames.h"
+
+namespace kyr::tool {
+
+using recording::RecordingInfo;
+using recording::SignalInfo;
+
+const SignalInfo& signalCalled(const RecordingInfo& info, const std::string& name,
+                               const std::string& folder) {
+  const SignalInfo* found = nullptr;
+  for (const SignalInfo& signal : info.signals) {
+    if (signal.name != name && joinHeader(signal.name, signal.unit) != name) continue;
+    if (found) {
+      throw std::runtime_error(
+          fmt::format("{}: the signals {} and {} are both called {}: name one "
+                      "by its number",
+                      folder, found->signalId, signal.signalId, inQuotes(name)));
+    }
+    found = &signal;
+  }
+  if (found) return *found;
+  for (const SignalInfo& signal : info.signals) {
+    if (std::to_string(signal.signalId) == name) return signal;
+  }
+  throw std::runtime_error(fmt::format("{}: there is no signal {}: kyr info {} lists them", folder,
+                                       inQuotes(name), folder));
+}
+
+}  // namespace kyr::tool

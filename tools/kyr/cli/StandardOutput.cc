@@ -1,0 +1,33 @@
+#include "cli/StandardOutput.h"
+
+#include <arrow/status.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+namespace kyr::tool {
+
+::arrow::Status StandardOutput::failure(int error) {
+  isAbandoned_ = isAbandoned_ || error == EPIPE;
+  return ::arrow::Status::IOError("standard output cannot be written: ",
+                                  std::generic_category().message(error));
+}
+
+::arrow::Status StandardOutput::Write(const void* data, std::int64_t size) {
+  const auto bytes = static_cast<std::size_t>(size);
+  if (std::fwrite(data, 1, bytes, stdout) != bytes) return failure(errno);
+  position_ += size;
+  return ::arrow::Status::OK();
+}
+
+::arrow::Status StandardOutput::Flush() {
+  return std::fflush(stdout) == 0 ? ::arrow::Status::OK() : failure(errno);
+}
+
+::arrow::Status StandardOutput::Close() {
+  isClosed_ = true;
+  return Flush();
+}
+
+}  // namespace kyr::tool

@@ -1,0 +1,161 @@
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cli/Errors.h"
+#include "cli/Output.h"
+#include "cli/SignalSelection.h"
+#include "commands/Commands.h"
+#include "kyr/parquet/SignalPool.h"
+#include "kyr/recording/LiveReader.h"
+#include "kyr/recording/Recording.h"
+#include "print/LiveSource.h"
+#include "print/SampleTable.h"
+
+namespace kyr::tool {
+
+namespace {
+
+using recording::RecordingInfo;
+using recording::SignalInfo;
+
+struct CatOptions {
+  std::string folder;
+  std::vector<std::string> signals;
+  std::optional<double> from;
+  std::optional<double> to;
+  std::string rows;
+  bool follows = false;
+};
+
+std::size_t parseRow(std::string_view text, std::size_t ifEmpty, const std::string& option) {
+  if (text.empty()) return ifEmpty;
+  std::size_t row = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), row);
+  if (error == std::errc() && end == text.data() + text.size()) return row;
+  throw UsageError(
+      fmt::format("--rows {}: give A:B with whole numbers from 0, or A: or :B", option));
+}
+
+Window windowOf(const CatOptions& options) {
+  Window window;
+  window.from = options.from.value_or(window.from);
+  window.to = options.to.value_or(window.to);
+  if (!(window.from <= window.to)) {
+    throw UsageError(
+        fmt::format("--from {} --to {}: no time is in between", window.from, window.to));
+  }
+  if (options.rows.empty()) return window;
+  const std::string_view rows = options.rows;
+  const std::size_t colon = rows.find(':');
+  // Without a colon all of it is no number.
+  const std::string_view first = colon == std::string_view::npos ? "?" : rows.substr(0, colon);
+  window.firstRow = parseRow(first, window.firstRow, options.rows);
+  window.endRow = parseRow(rows.substr(colon + 1), window.endRow, options.rows);
+  if (window.firstRow > window.endRow) {
+    throw UsageError(fmt::format("--rows {}: the first row is after the last", options.rows));
+  }
+  return window;
+}
+
+// All signals unless some are named.
+std::vector<SignalInfo> chosenSignals(RecordingInfo info, const CatOptions& options) {
+  if (options.signals.empty()) return std::move(info.signals);
+  std::vector<SignalInfo> signals;
+  for (const std::string& name : options.signals) {
+    signals.push_back(signalCalled(info, name, options.folder));
+  }
+  return signals;
+}
+
+int catLive(const CatOptions& options, const Window& window) {
+  recording::LiveReader reader(Path::fromNarrow(options.folder));
+  Output out;
+  LiveCat cat(options.folder, chosenSignals(recordingInfoOf(reader), options), window);
+  if (options.follows) {
+    cat.follow(out, reader);
+  } else {
+    cat.print(out, reader);
+    if (!reader.info().isBeingWritten) {
+      tell("warning: " + options.folder + " is " + stateOf(reader.info(), options.folder));
+    }
+  }
+  return 0;
+}
+
+int runCat(const CatOptions& options) {
+  const Window window = windowOf(options);
+  const Path folder = Path::fromNarrow(options.folder);
+  if (recording::isLiveRecording(folder)) return catLive(options, window);
+  std::vector<SignalInfo> signals = chosenSignals(recording::describeRecording(folder), options);
+  std::set<int> ids;
+  for (const SignalInfo& signal : signals) ids.insert(signal.signalId);
+  recording::Recording opened =
+      options.signals.empty()
+          ? recording::openRecording(folder)
+          : recording::openRecording(folder, std::vector<int>(ids.begin(), ids.end()));
+  const SampleTable table(
+      std::move(signals), [&](const SignalInfo& signal, std::vector<double>& time) {
+        return SampleColumn(*opened.pool().getSignal(signal.signalId), signal, time);
+      });
+  Output out;
+  table.printHeader(out);
+  table.printRows(out, window);
+  out.flush();
+  return 0;
+}
+
+}  // namespace
+
+void addCatCommand(CLI::App& app, Action& action) {
+  CLI::App* command = app.add_subcommand("cat", "Print signals as CSV");
+  const auto options = std::make_shared<CatOptions>();
+  command->add_option("FOLDER", options->folder, "Folder of the recording")
+      ->required()
+      ->type_name("");
+  command
+      ->add_option("SIGNAL", options->signals, "Names or ids of signals, all of them unless given")
+      ->type_name("");
+  auto* from =
+      command->add_option("--from", options->from, "Leave out earlier times [s]")->type_name("T");
+  auto* to = command->add_option("--to", options->to, "Leave out later times [s]")->type_name("T");
+  command->add_option("--rows", options->rows, "The rows A to B - 1, counted from 0")
+      ->type_name("A:B")
+      ->excludes(from)
+      ->excludes(to)
+      ->excludes(
+          command->add_flag("--follow", options->follows,
+                            "Print rows as they are recorded, until the recording is finished"));
+  command->footer(R"help(
+Prints a header of names and units, then a row per time. Where signals have different times, the rows
+are merged and cells without a sample are empty; the n-th sample of a repeated time stands beside the
+n-th ones of other signals. For signals without times, the column "row" counts their samples, and
+takes the place of time.
+
+Numbers have the shortest form that reads back exactly, so kyr import takes them in unchanged. A
+matrix is one cell, "1 2;3 4": rows with semicolons, elements with blanks between them. Blobs are
+base64.
+
+Of a recording that is still being written, what was made durable is printed. With --follow, signals
+that are not recorded together stand in rows of their own.
+
+Examples:
+  kyr cat run
+  kyr cat run speed torque --from 10 --to 20.5
+  kyr cat run --rows 1000:2000
+  kyr cat run --rows :10
+  kyr cat run speed --follow)help");
+  command->callback([options, &action] { action = [options] { return runCat(*options); }; });
+}
+
+}  // namespace kyr::tool

@@ -1,0 +1,64 @@
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <string>
+
+#include "cli/Output.h"
+#include "cli/Text.h"
+#include "commands/Commands.h"
+#include "kyr/recording/Recovery.h"
+
+namespace kyr::tool {
+
+namespace {
+
+constexpr int kLossesExitCode = 3;
+
+int runRecover(const std::string& folder) {
+  const auto result = recording::recoverRecording(Path::fromNarrow(folder));
+  Output out;
+  if (result.wasComplete) {
+    out.print("{}: is complete\n", folder);
+    out.flush();
+    return 0;
+  }
+  std::uint64_t rows = 0;
+  for (const recording::RecoveredSignal& signal : result.signals) {
+    rows += signal.rowsKept;
+    if (signal.rowsLost == 0) continue;
+    out.print("signal {} {}: {} lost{}, {} kept\n", signal.signalId, inQuotes(signal.name),
+              counted(signal.rowsLost, "row"),
+              signal.secondsLost ? fmt::format(" ({} s)", *signal.secondsLost) : std::string(),
+              signal.rowsKept);
+  }
+  for (const recording::RecoveredFile& file : result.filesCut) {
+    out.print("storage/{}: {} behind the rows that are kept were cut off\n", file.storageId,
+              byteCount(file.bytesCut));
+  }
+  for (const std::string& note : result.notes) out.print("{}\n", singleLine(note));
+  out.print("{}: recovered, {} with {}{}\n", folder, counted(result.signals.size(), "signal"),
+            counted(rows, "sample"), result.hasLosses() ? "" : "; nothing is lost");
+  out.flush();
+  return result.hasLosses() ? kLossesExitCode : 0;
+}
+
+}  // namespace
+
+void addRecoverCommand(CLI::App& app, Action& action) {
+  CLI::App* command =
+      app.add_subcommand("recover", "Make a recording of one that was not finished");
+  const auto folder = std::make_shared<std::string>();
+  command->add_option("FOLDER", *folder, "Folder of the recording")->required()->type_name("");
+  command->footer(R"help(
+Keeps exactly the rows that were made durable, or as many of them as are left, and says what is lost.
+Also makes a new recording.json for a recording whose own is damaged or missing.
+
+Exit codes: 0 all is there, 3 something is lost, 1 there is nothing to be had.
+
+Example:
+  kyr recover run42)help");
+  command->callback([folder, &action] { action = [folder] { return runRecover(*folder); }; });
+}
+
+}  // namespace kyr::tool

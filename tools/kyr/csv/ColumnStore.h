@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "csv/CsvTable.h"
+#include "kyr/parquet/SignalPool.h"
+#include "kyr/parquet/StreamableSignal.h"
+
+namespace kyr::tool {
+
+struct StreamOptions {
+  std::size_t chunkRows = 8192;   ///< rows per append, at the most
+  std::size_t batchRows = 65536;  ///< rows per row group
+};
+
+/// Stores columns as signals of a pool of its own, each with exactly the samples it is given. Equal
+/// contents are stored once, with the times in files that signals share, unless the library's
+/// options say that each signal has its times beside its samples.
+class ColumnStore : public SampleSink {
+ public:
+  /// \param columns  how many there will be
+  /// \param stream  how signals are streamed; empty for whole signals
+  /// \param holdBelow  see SafeStorage
+  ColumnStore(const Path& directory, std::size_t columns, std::optional<StreamOptions> stream,
+              std::size_t holdBelow);
+
+  /// \throws std::runtime_error naming the signal if it cannot be stored
+  void append(const CsvColumn& column, const double* times, const char* bytes,
+              std::size_t count) override;
+  void drop(const CsvColumn& column) override;
+
+  /// To be called at the end, with each column that is kept.
+  /// \throws std::runtime_error naming the signal if it cannot be stored
+  void finish(const CsvColumn& column);
+
+  /// The pool of the columns that were finished.
+  parquet::SignalPool& pool() { return separate_ ? *separate_ : *pool_; }
+
+ private:
+  using Signal = std::shared_ptr<parquet::StreamableSignal>;
+
+  const Signal& signalOf(const CsvColumn& column);
+  void storeSeparately(const CsvColumn& column, parquet::StreamableSignal& signal);
+
+  std::unique_ptr<parquet::SignalPool> pool_;
+  std::unique_ptr<parquet::SignalPool> separate_;  ///< where each signal has its own times
+  std::optional<StreamOptions> stream_;
+  std::map<int, Signal> signals_;
+};
+
+}  // namespace kyr::tool

@@ -1,0 +1,154 @@
+#include "export/ExportSignals.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <utility>
+
+#include "cli/Interrupt.h"
+#include "cli/Output.h"
+#include "cli/SignalSelection.h"
+#include "cli/Text.h"
+#include "csv/HeaderNames.h"
+#include "export/HivePath.h"
+#include "kyr/parquet/ColumnNames.h"
+
+namespace kyr::tool {
+
+using recording::SignalInfo;
+
+namespace {
+
+std::vector<SignalInfo> chosenSignals(const recording::RecordingInfo& info,
+                                      const ExportOptions& options) {
+  if (options.signals.empty()) return info.signals;
+  std::vector<SignalInfo> chosen;
+  std::set<int> ids;
+  for (const std::string& name : options.signals) {
+    const SignalInfo& signal = signalCalled(info, name, options.folder);
+    if (ids.insert(signal.signalId).second) chosen.push_back(signal);
+  }
+  return chosen;
+}
+
+// Why the table cannot hold a signal; empty if it can.
+std::string obstacle(const SignalInfo& signal, const RecordingFiles& files,
+                     const ExportOptions& options) {
+  if (!signal.dataStorageId || signal.rowCount == 0) return "it has no samples";
+  const auto time = files.timeOf(signal);
+  if (!time) return "it has no times";
+  const std::uint64_t samples = files.rowsOf(files.dataOf(signal));
+  if (files.rowsOf(*time) != samples) {
+    return fmt::format("it has {} but {}", counted(files.rowsOf(*time), "time"),
+                       counted(samples, "sample"));
+  }
+  if (isNumber(signal)) return "";
+  const bool isMatrix =
+      (signal.category == FixedDim || signal.category == VarDim) && signal.dataType != Binary;
+  const char* const kind = isMatrix ? "its samples are matrices" : "its samples are blobs";
+  if (options.isLong) return fmt::format("{}, and a long table holds numbers", kind);
+  if (options.format == ExportFormat::csv) return fmt::format("{}, and CSV holds numbers", kind);
+  return "";
+}
+
+// Gives signals names that no other has: what several are called is told apart by the units, else
+// by the ids.
+class UniqueNames {
+ public:
+  UniqueNames(const std::vector<ExportSignal>& signals, bool hasTimeColumn) {
+    if (hasTimeColumn) ++uses_[parquet::columnNames::time];
+    for (const ExportSignal& signal : signals) {
+      ++uses_[signal.info.name];
+      ++spellings_[withUnit(signal.info)];
+    }
+  }
+
+  std::string nameOf(const SignalInfo& signal) {
+    const bool isItsAlone = !signal.name.empty() && uses_[signal.name] == 1;
+    std::string name = isItsAlone ? signal.name : withUnit(signal);
+    const auto isFree = [&] {
+      return given_.count(name) == 0 && (isItsAlone || uses_.count(name) == 0);
+    };
+    const bool isToldApart =
+        isItsAlone || (!signal.name.empty() && !signal.unit.empty() && spellings_[name] == 1);
+    if (!isToldApart || !isFree()) {
+      name = signal.name.empty() ? "signal" : signal.name;
+      do name += fmt::format(" ({})", signal.signalId);
+      while (!isFree());
+    }
+    given_.insert(name);
+    return name;
+  }
+
+  static std::string withUnit(const SignalInfo& signal) {
+    return signal.name + " [" + signal.unit + "]";
+  }
+
+ private:
+  std::map<std::string, int> uses_;
+  std::map<std::string, int> spellings_;
+  std::set<std::string> given_;
+};
+
+void nameColumns(std::vector<ExportSignal>& signals, bool hasTimeColumn) {
+  UniqueNames names(signals, hasTimeColumn);
+  for (ExportSignal& signal : signals) {
+    signal.column = names.nameOf(signal.info);
+    if (signal.column == signal.info.name) continue;
+    tell(fmt::format("signal {}, {}, is called {} in the table, where names are unique",
+                     signal.info.signalId, inQuotes(signal.info.name), inQuotes(signal.column)));
+  }
+}
+
+}  // namespace
+
+std::string csvHeader(const ExportSignal& signal) {
+  const bool hasUnit =
+      signal.column != signal.info.name && signal.column == UniqueNames::withUnit(signal.info);
+  return hasUnit ? signal.column : joinHeader(signal.column, signal.info.unit);
+}
+
+bool isNumber(const SignalInfo& signal) {
+  return signal.category == Scalar && signal.dataType != ByteString && signal.dataType != Binary &&
+         signal.dataType != Null;
+}
+
+std::vector<ExportSignal> exportedSignals(const recording::RecordingInfo& info,
+                                          const RecordingFiles& files, const ExportOptions& options,
+                                          Losses& losses) {
+  std::vector<ExportSignal> signals;
+  const auto leaveOut = [&losses](const SignalInfo& signal, const std::string& reason) {
+    losses.add(fmt::format("signal {}, {}, is left out: {}", signal.signalId, inQuotes(signal.name),
+                           reason));
+  };
+  for (const SignalInfo& signal : chosenSignals(info, options)) {
+    stopIfInterrupted();
+    const std::string reason = obstacle(signal, files, options);
+    if (reason.empty()) {
+      signals.push_back({signal, files.timeOf(signal).value(), ""});
+    } else {
+      leaveOut(signal, reason);
+    }
+  }
+  nameColumns(signals, !options.isLong);
+  if (options.isPartitioned) {
+    const auto fits = [&](const ExportSignal& signal) {
+      if (isFileName(partitionFolder("signal", signal.column))) return true;
+      leaveOut(signal.info, "its name is too long for a folder");
+      return false;
+    };
+    signals.erase(std::stable_partition(signals.begin(), signals.end(), fits), signals.end());
+  }
+  losses.settle();
+  if (signals.empty()) {
+    throw std::runtime_error(options.folder +
+                             ": no signal is left that could be exported: kyr info tells what "
+                             "there is");
+  }
+  return signals;
+}
+
+}  // namespace kyr::tool

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <arrow/type_fwd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "export/ExportOptions.h"
+#include "export/ExportSignals.h"
+#include "export/Losses.h"
+#include "export/RecordingFiles.h"
+#include "export/TableWriter.h"
+
+namespace kyr::tool {
+
+/// Signals one below the other, a row per sample: signal by signal, each in order of time.
+///
+/// Samples go through slice by slice. Only a signal whose times do not ascend is in memory as a
+/// whole, to be sorted.
+class LongTable {
+ public:
+  using Progress = std::function<void(double part)>;
+
+  LongTable(RecordingFiles& files, const std::vector<ExportSignal>& signals, Progress progress);
+
+  /// Add the integers that the table cannot hold exactly to \p losses. Reads 64-bit integers ahead
+  /// of writing, because what is on standard output cannot be taken back.
+  void checkExact(Losses& losses);
+
+  /// Write the columns time, signal and value.
+  void writeTable(const TableWriter::Target& target);
+
+  /// Write a file `signal=<name>/part-0.parquet` for each signal, of the columns time and value.
+  void writePartitions(const std::filesystem::path& folder, const TableWriter::Target& target);
+
+  std::uint64_t rows() const { return rows_; }
+
+ private:
+  using ArrayPtr = std::shared_ptr<::arrow::Array>;
+  using Take = std::function<void(const ArrayPtr& times, const ArrayPtr& values)>;
+
+  void forEachSlice(const ExportSignal& signal, const Take& take);
+  void stream(const ExportSignal& signal, const Take& take);
+  void streamSorted(const ExportSignal& signal, const Take& take);
+  bool isAscending(const StoredColumn& times);
+
+  RecordingFiles& files_;
+  const std::vector<ExportSignal>& signals_;
+  Progress progress_;
+  std::map<StoredColumn, bool> ascending_;
+  std::uint64_t rows_ = 0;
+  std::uint64_t allRows_ = 0;
+};
+
+}  // namespace kyr::tool

@@ -1,0 +1,21 @@
+#include "export/Losses.h"
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+#include "cli/Output.h"
+
+namespace kyr::tool {
+
+void Losses::settle() {
+  if (isStrict_ && !texts_.empty()) {
+    throw std::runtime_error(fmt::format(
+        "{}{}: nothing was written because of --strict", texts_.front(),
+        texts_.size() > 1 ? fmt::format(" (and {} more)", texts_.size() - 1) : std::string()));
+  }
+  for (const std::string& text : texts_) tell("warning: " + text);
+  texts_.clear();
+}
+
+}  // namespace kyr::tool
