@@ -10,18 +10,24 @@ target_compile_options(kyr_warnings INTERFACE
   # GCC 12 reports -Wrestrict wrongly for std::string's operator+.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
 
-# A variable, because the install test builds its consumer with the same flags.
+# A variable, because the install test builds its consumer with the same flags. Without the last two
+# options a failed check would only print, and backtraces would have gaps.
 set(KYR_SANITIZER_FLAGS)
-if(KYR_SANITIZE)
-  # Without these, a failed check would only print, and backtraces would have gaps.
-  set(KYR_SANITIZER_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=all
-      -fno-omit-frame-pointer)
+if(KYR_SANITIZE STREQUAL "address")
+  set(KYR_SANITIZER_FLAGS -fsanitize=address,undefined)
+elseif(KYR_SANITIZE STREQUAL "thread")
+  set(KYR_SANITIZER_FLAGS -fsanitize=thread)
+elseif(KYR_SANITIZE)
+  message(FATAL_ERROR "KYR_SANITIZE is \"${KYR_SANITIZE}\": give address, thread or nothing")
+endif()
+if(KYR_SANITIZER_FLAGS)
+  list(APPEND KYR_SANITIZER_FLAGS -fno-sanitize-recover=all -fno-omit-frame-pointer)
 endif()
 
 add_library(kyr_sanitizers INTERFACE)
 target_compile_options(kyr_sanitizers INTERFACE ${KYR_SANITIZER_FLAGS})
 target_link_options(kyr_sanitizers INTERFACE ${KYR_SANITIZER_FLAGS})
-if(KYR_SANITIZE)
+if(KYR_SANITIZER_FLAGS)
   target_compile_definitions(kyr_sanitizers INTERFACE _GLIBCXX_ASSERTIONS)
   # The instrumentation hides initialisations from this warning.
   target_compile_options(kyr_sanitizers INTERFACE -Wno-maybe-uninitialized)
