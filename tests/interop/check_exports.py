@@ -23,7 +23,7 @@ NUMBERS = {"Double", "Single", "Int8", "UInt8", "Int16", "UInt16", "Int32", "UIn
 
 
 def exact(value):
-    """Equal only if every bit is."""
+    """Compares bit for bit."""
     if isinstance(value, list):
         return [exact(item) for item in value]
     return struct.pack("<d", value) if isinstance(value, float) else value
@@ -41,7 +41,7 @@ def export(kyr, recording, out, *options):
 
 
 def signals_of(recording):
-    """Signals with samples: their entries of recording.json, with "time" and "data" added."""
+    """The entries in recording.json of the signals with samples, with "time" and "data" added."""
     document = json.loads((recording / "recording.json").read_text(encoding="utf-8"))
     found = [signal for signal in document["signals"] if signal["rowCount"] > 0]
     for signal in found:
@@ -178,7 +178,7 @@ def named_recording(kyr, folder):
 
 
 def check_encodings(kyr, folder):
-    """Stored files of every encoding that is chosen from the data, in all three."""
+    """Reads stored files of every encoding with all three programs."""
     columns = {"time": [row * 0.001 for row in range(3000)],
                "noise": [math.sin(row * row) for row in range(3000)],
                "steps": [math.floor(row / 7) % 50 / 3 for row in range(3000)],

@@ -40,7 +40,7 @@ KINDS = [(kind, c) for kind in COLUMN_TYPES for c in BYTE_TYPES.get(kind, SHAPES
 
 
 def elements(kind):
-    """What the elements of a data type are, over and over."""
+    """Element values of a data type, which are repeated."""
     if kind == "Double":
         return [1.5, float("nan"), 0.0, -0.0, sys.float_info.max, 5e-324, float("-inf")]
     if kind == "Single":
@@ -56,7 +56,7 @@ def elements(kind):
 
 
 def expected_columns(kind, category, shared_time):
-    """The data file's columns: name -> (type, values)."""
+    """The columns of the data file: name -> (type, values)."""
     first = KINDS.index((kind, category)) % 7
     source = itertools.islice(itertools.cycle(elements(kind)), first, None)
     variable = category in ("VarDim", "VarDimBus")
@@ -82,7 +82,7 @@ def expected_columns(kind, category, shared_time):
 
 
 def exact(value):
-    """Equal only if every bit is."""
+    """Compares bit for bit."""
     if isinstance(value, list):
         return [exact(item) for item in value]
     return struct.pack("<d", value) if isinstance(value, float) else (type(value), value)
@@ -165,7 +165,7 @@ def check_recording(folder, streamed=False):
 
 
 def check_packed(folder):
-    """The contents of a packed recording, by programs that know no more than Parquet."""
+    """Reads a packed recording with programs that only know Parquet."""
     text = (folder / "recording.json").read_text(encoding="utf-8")
     document = json.loads(text)
     body = text.rsplit(',"xxh3_128":', 1)[0] + "}"
@@ -203,7 +203,7 @@ def check_example(document, recording):
 
 
 def check_adoption(sample_writer, folder):
-    """Files that others wrote are found by their content, numbered and read by row range."""
+    """Checks that kyr finds files of other programs by content, numbers them and reads rows."""
     folder.mkdir()
     for name, rows, group, codec in (("3", 5, 2, "none"), ("10.parquet", 4, 3, "zstd"),
                                      ("notes", 4, 100, "snappy")):

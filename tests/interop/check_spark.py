@@ -73,7 +73,7 @@ def main(kyr, folder):
         assert table.dtypes == [("time", "double"), ("plain", "double")], table.dtypes
         wanted = [(row / 8, value(0, row)) for row in range(ROWS)]
         assert [tuple(row) for row in table.collect()] == wanted, "wide"
-        # Stored files: its fast reader does not know all encodings.
+        # The fast reader of Spark does not know all encodings of stored files.
         spark.conf.set("spark.sql.parquet.enableVectorizedReader", "false")
         stored = [spark.read.parquet(str(file)) for file in (recording / "storage").iterdir()]
         found = sorted(math.fsum(row[0] for row in table.collect()) for table in stored)

@@ -13,7 +13,7 @@ class Selection(ToolTest):
 
     def test_by_name_id_and_header_in_the_order_given(self):
         for arguments, header in ((("b", "a"), "b,a [m]"), (("2",), "1"), (("a [m]",), "a [m]"),
-                                  # The name of one signal, the id of another.
+                                  # This is the name of one signal and the id of another.
                                   (("1",), "1"), (("a", "a"), "a [m],a [m]")):
             with self.subTest(arguments=arguments):
                 self.assertEqual(self.cat(*arguments).splitlines()[0], "time," + header)
@@ -53,7 +53,7 @@ class Merging(ToolTest):
     def test_repeats_of_a_time_pair_up(self):
         text = "time,a,b,c\n0,1,,\n1,2,5,\n1,3,,8\n1,4,7,\n2,,,9\n"
         self.store(text)
-        # The second 1 of b stands beside the second of a, wherever they were in the file.
+        # The second samples of time 1 stand in one row, wherever they were in the file.
         self.assertEqual(self.cat(), "time,a,b,c\n0,1,,\n1,2,5,8\n1,3,7,\n1,4,,\n2,,,9\n")
         self.assertEqual(self.cat("c", "b"), "time,c,b\n1,8,5\n1,,7\n2,9,\n")
         self.assertEqual(self.cat("--rows", "1:3"), "time,a,b,c\n1,2,5,8\n1,3,7,\n")
@@ -65,7 +65,7 @@ class Merging(ToolTest):
 
 
 class OtherSignals(ToolTest):
-    """Signals of hosts, which CSV files cannot give."""
+    """Signals that only hosts can make, not CSV files."""
 
     def setUp(self):
         super().setUp()
@@ -94,7 +94,7 @@ class OtherSignals(ToolTest):
     def test_names(self):
         self.fails("cat", "odd", "twin", says=["17", "18", '"twin"'])
         self.check(["18"], "time,twin\n0,3\n1,4\n")
-        # Imported again, "7 [m]" alone would be the signal "7" in metres.
+        # A plain "7 [m]" would be imported as the signal "7" in metres.
         self.check(["7 [m]"], "time,7 [m] []\n0,5\n1,6\n")
 
     def test_times_and_samples_that_do_not_match_are_refused(self):

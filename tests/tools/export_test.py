@@ -1,4 +1,4 @@
-"""Exporting tables: what is in them, what is left out, and what becomes of OUT."""
+"""Exporting tables: their content, what is left out, and what happens to OUT."""
 
 import os
 import resource
@@ -16,7 +16,7 @@ class ExportTest(ToolTest):
         return self.run_tool("export", recording, "-", *arguments).stdout
 
     def told(self, *arguments, recording="rec"):
-        """What standard error says while OUT is replaced."""
+        """Exports to OUT, which is replaced, and returns the text on standard error."""
         return self.run_tool("export", recording, *arguments, "--force").stderr
 
 
@@ -52,7 +52,7 @@ class Long(ExportTest):
         rows = '0,"b [m]",1\n0,"b [m]",3\n1,"b [m]",5\n0,"a",2.5\n0,"a",4\n0,"on",1\n1,"on",0\n'
         self.assertEqual(self.export("--long"), "time,signal,value\n" + rows)
         self.odd_recording()
-        # Sorted by time, the two samples of time 1 in their order, the one without a time last.
+        # Rows are sorted by time. The samples of time 1 keep their order. The time NaN comes last.
         self.assertEqual(self.export("falling", "--long", recording="odd"),
                          'time,signal,value\n1,"falling",2\n1,"falling",4\n2,"falling",1\n'
                          'nan,"falling",3\n')
@@ -272,7 +272,7 @@ class Outputs(ExportTest):
             with self.subTest(options):
                 tool = subprocess.Popen([KYR, "export", "rec", "out", *options], cwd=self.folder,
                                         env=self.environment())
-                # Once there is something in the file, or a partition in the folder.
+                # Wait until the file has content, or the folder has a partition.
                 while tool.poll() is None and not any(
                         file.is_dir() and any(file.iterdir()) or
                         file.is_file() and file.stat().st_size > 0

@@ -1,4 +1,4 @@
-"""What a recording holds, and what the demonstration shows."""
+"""The description of a recording, and the demonstration."""
 
 import unittest
 

@@ -1,4 +1,4 @@
-"""Packed recordings look like any other."""
+"""Packed recordings, which look like any other."""
 
 import unittest
 
@@ -30,7 +30,7 @@ class Pack(ToolTest):
 
     def test_info_and_gc_know_packs(self):
         names = {path.name for path in self.storage.iterdir()}
-        self.assertEqual(names, {"pack-0.parquet", "pack-1.parquet"})  # int64, double
+        self.assertEqual(names, {"pack-0.parquet", "pack-1.parquet"})  # int64 and double
         for text in (self.stored, self.run_tool("info", "rec").stdout):
             self.assertIn("3 signals in 2 files", text)
             self.assertIn("5 small contents in 2 packs", text)
@@ -43,7 +43,7 @@ class Pack(ToolTest):
         self.assertEqual({path.name for path in self.storage.iterdir()}, names)
 
     def test_only_contents_below_the_limit(self):
-        self.store(TABLE, "--pack=300")  # 32 values of 40
+        self.store(TABLE, "--pack=300")  # 300 bytes hold 32 of the 40 values
         self.assertIn("pack-0.parquet", {path.name for path in self.storage.iterdir()})
         self.assertEqual(len(list(self.storage.iterdir())), 5)
         self.assertEqual(self.cat(), self.cat(recording="plain"))

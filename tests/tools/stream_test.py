@@ -1,4 +1,4 @@
-"""Importing through files that grow by row groups: the same samples, shared the same."""
+"""Importing through files that grow by row groups, with the same samples and the same sharing."""
 
 import itertools
 import unittest

@@ -1,4 +1,4 @@
-"""Damage is found and named."""
+"""Damaged recordings: kyr verify names every fault."""
 
 import unittest
 
@@ -35,7 +35,7 @@ class Verify(ToolTest):
     def test_a_flipped_bit_in_the_description(self):
         file = self.folder / "rec" / "recording.json"
         content = file.read_bytes()
-        # Blanks between the members may change: they say nothing.
+        # Blanks between the members may change, because they mean nothing.
         for position in [i for i, c in enumerate(content) if chr(c) not in " \n"][::29]:
             damaged = bytearray(content)
             damaged[position] ^= 1

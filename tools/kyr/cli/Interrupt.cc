@@ -13,7 +13,7 @@ namespace kyr::tool {
 namespace {
 
 volatile std::sig_atomic_t notedSignal = 0;
-std::atomic<const char*> unfinishedFile = nullptr;  // "" for what cannot be removed at once
+std::atomic<const char*> unfinishedFile = nullptr;  // "" if it cannot be removed at once
 static_assert(std::atomic<const char*>::is_always_lock_free, "a signal handler reads it");
 
 void noteSignal(int signal) {
@@ -32,7 +32,7 @@ void noteSignal(int signal) {
 
 void noteInterrupts() {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    // A signal that is ignored, as under nohup, stays so.
+    // A signal that the caller ignores stays ignored, as under nohup.
     if (std::signal(signal, noteSignal) == SIG_IGN) std::signal(signal, SIG_IGN);
   }
 }

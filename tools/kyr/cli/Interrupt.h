@@ -5,20 +5,20 @@
 
 namespace kyr::tool {
 
-/// The user wants the command to stop. Thrown instead of ending at once, so that temporary files
-/// are removed.
+/// The user wants the command to stop. It is thrown, so that temporary files are removed before the
+/// process ends.
 class Interrupted : public std::exception {};
 
-/// From now on the first SIGINT, SIGTERM or SIGHUP is only noted; a second one ends the process,
-/// but see UnfinishedOutput.
+/// From now on the first SIGINT, SIGTERM or SIGHUP is only noted. A second one ends the process;
+/// see also UnfinishedOutput.
 void noteInterrupts();
 
-/// What a second signal must not leave behind. There is one object at a time.
+/// Output that a second signal must not leave behind. Only one object may exist at a time.
 class UnfinishedOutput {
  public:
-  /// \param file  removed before a second signal ends the process; it need not exist. Empty for what
-  ///         cannot be removed at once: then a second signal is ignored, and the first one's clean-up
-  ///         goes on.
+  /// \param file  removed before a second signal ends the process; it need not exist. Empty for
+  ///         output that cannot be removed at once. Then a second signal is ignored, and the
+  ///         clean-up after the first one goes on.
   explicit UnfinishedOutput(std::string file);
   ~UnfinishedOutput();
   UnfinishedOutput(const UnfinishedOutput&) = delete;
@@ -30,10 +30,11 @@ class UnfinishedOutput {
 
 bool isInterrupted();
 
-/// \throws Interrupted after a signal; called between the steps of long work
+/// To be called between the steps of long work.
+/// \throws Interrupted after a signal
 void stopIfInterrupted();
 
-/// End the process by the signal that was noted, as the caller expects of an interrupted program.
+/// Ends the process by the signal that was noted, as callers expect of an interrupted program.
 [[noreturn]] void endByInterrupt();
 
 }  // namespace kyr::tool

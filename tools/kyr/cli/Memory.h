@@ -5,7 +5,7 @@
 
 namespace kyr::tool {
 
-/// Bytes that the system could still give to a process; empty where it does not say.
+/// Bytes that the system could still give to a process; empty if it does not say.
 std::optional<std::uint64_t> availableMemory();
 
 }  // namespace kyr::tool

@@ -7,11 +7,10 @@
 
 namespace kyr::tool {
 
-/// "kyr: MESSAGE" on standard error, on one line. That nobody can read it is no failure.
+/// Writes "kyr: MESSAGE" to standard error, on one line. It is no failure if nobody can read it.
 void tell(const std::string& message);
 
-/// Standard output, buffered. What was not flushed when an error strikes is lost, as the command
-/// has failed then.
+/// Standard output, buffered. Text that was not flushed is lost when the command fails.
 class Output {
  public:
   template <typename... Args>
@@ -19,7 +18,7 @@ class Output {
     fmt::format_to(fmt::appender(buffer_), format, std::forward<Args>(args)...);
   }
 
-  /// To append to; call endRow() now and then.
+  /// The buffer, to append to. endRow() flushes it now and then.
   fmt::memory_buffer& buffer() { return buffer_; }
 
   void endRow() {
@@ -27,7 +26,7 @@ class Output {
     if (buffer_.size() >= kFlushSize) flush();
   }
 
-  /// \throws OutputClosed if nobody reads any more, Interrupted
+  /// \throws OutputClosed if nobody reads the output any more, Interrupted
   void flush();
 
  private:

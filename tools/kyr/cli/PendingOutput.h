@@ -8,17 +8,16 @@
 
 namespace kyr::tool {
 
-/// A new file or folder, written under another name beside its own and renamed when it is whole, so
-/// that nobody ever sees a part of it. Unless it is published, it is removed with the object.
+/// A new file or folder. It is written under a temporary name beside its own and renamed when it is
+/// whole, so that nobody ever sees a part of it. The destructor removes it unless it was published.
 ///
-/// Killed in between, `<name>.exporting-*` is left, which can be deleted; a long name is cut there. A
-/// second interrupt removes the file, and does not shorten the removal of a folder.
+/// If the process is killed in between, `<name>.exporting-*` is left, with a long name cut. It can
+/// be deleted. A second interrupt removes a file, but does not shorten the removal of a folder.
 class PendingOutput {
  public:
   enum class Kind { file, folder };
 
-  /// \param replaces  whether a file of that name is replaced, or a folder that holds nothing but
-  ///         partitions
+  /// \param replaces  whether to replace a file of that name, or a folder of partitions
   /// \throws std::runtime_error if it could not be made or published; nothing is made then
   PendingOutput(std::string name, Kind kind, bool replaces);
   ~PendingOutput();
@@ -28,8 +27,8 @@ class PendingOutput {
   /// Where to write: an empty folder or file.
   const std::filesystem::path& path() const { return pending_; }
 
-  /// Flush it to disk and give it its name, in one step.
-  /// \throws std::runtime_error if another has taken the name meanwhile, or the disk fails
+  /// Flushes it to disk and gives it its name, in one step.
+  /// \throws std::runtime_error if the name was taken meanwhile, or the disk fails
   void publish();
 
  private:

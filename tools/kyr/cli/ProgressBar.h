@@ -5,8 +5,8 @@
 
 namespace kyr::tool {
 
-/// A line on standard error that shows how far long work is. Nothing is shown if standard error is
-/// no terminal, and during the first second.
+/// A line on standard error that shows how far long work is. Nothing is shown during the first
+/// second, or if standard error is no terminal.
 class ProgressBar {
  public:
   ProgressBar();
@@ -15,10 +15,10 @@ class ProgressBar {
   ProgressBar& operator=(const ProgressBar&) = delete;
 
   /// \param what  "reading"
-  /// \param part  that is done, from 0 to 1
+  /// \param part  the part of the work that is done, from 0 to 1
   void show(const char* what, double part);
 
-  /// Wipe the line away, until it is shown again.
+  /// Removes the line until it is shown again.
   void hide();
 
  private:

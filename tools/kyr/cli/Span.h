@@ -7,7 +7,7 @@
 
 namespace kyr::tool {
 
-/// A span in the trace that lasts as long as the object; nothing where there is no trace.
+/// A span in the trace that lasts as long as the object. Does nothing without a trace.
 class Span {
  public:
   explicit Span(std::string label) : label_(std::move(label)) { log(/*phase=*/1); }

@@ -7,8 +7,8 @@
 
 namespace kyr::tool {
 
-/// Standard output as Arrow writes to it. A failure is a status, because exceptions do not pass
-/// through Arrow.
+/// Standard output as a stream of Arrow. A failure is a status, because Arrow lets no exceptions
+/// pass.
 class StandardOutput : public ::arrow::io::OutputStream {
  public:
   using ::arrow::io::OutputStream::Write;
@@ -18,7 +18,7 @@ class StandardOutput : public ::arrow::io::OutputStream {
   ::arrow::Result<std::int64_t> Tell() const override { return position_; }
   bool closed() const override { return isClosed_; }
 
-  /// Whether writing failed because nobody reads any more.
+  /// Whether writing failed because nobody reads the output any more.
   bool isAbandoned() const { return isAbandoned_; }
 
  private:

@@ -4,8 +4,8 @@
 
 namespace kyr::tool {
 
-/// A new folder under the system's temporary one, for this user alone, removed with all that is in
-/// it when the object goes.
+/// A new folder in the temporary folder of the system, which only this user can read. The
+/// destructor removes it and everything in it.
 class TemporaryFolder {
  public:
   TemporaryFolder();

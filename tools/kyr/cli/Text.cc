@@ -7,8 +7,8 @@ namespace kyr::tool {
 
 namespace {
 
-// Columns that \p text takes on a terminal, as fmt counts them when it pads: a text without wide
-// characters is padded by what its bytes exceed its columns.
+// The columns that a text takes on a terminal. fmt counts them when it pads: if the width is the
+// number of bytes, it adds as many blanks as the text has more bytes than columns.
 std::size_t displayWidth(const std::string& text) {
   return 2 * text.size() - fmt::formatted_size("{:<{}}", text, text.size());
 }

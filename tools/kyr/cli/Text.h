@@ -9,16 +9,16 @@
 
 namespace kyr::tool {
 
-/// Without blanks and tabs at both ends.
+/// The text without blanks and tabs at both ends.
 std::string_view trimmed(std::string_view text);
 
-/// In quotation marks, on one line, shortened when it is long: for messages.
+/// The text in quotation marks, on one line, cut if it is long: for messages.
 std::string inQuotes(std::string_view text);
 
-/// On one line: control characters become "?".
+/// The text on one line: control characters become "?".
 std::string singleLine(std::string_view text);
 
-/// A CSV cell, in quotation marks where it needs them.
+/// The text as a CSV cell, in quotation marks if it needs them.
 std::string csvCell(std::string_view text);
 
 /// "1 signal", "2 signals".
@@ -30,7 +30,7 @@ std::string grouped(std::uint64_t number);
 /// "12,345 bytes".
 std::string byteCount(std::uint64_t bytes);
 
-/// Columns on a terminal.
+/// A table on a terminal.
 class TextTable {
  public:
   enum class Align { left, right };
@@ -41,10 +41,10 @@ class TextTable {
 
   explicit TextTable(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
-  /// \param cells  as many as there are columns, UTF-8
+  /// \param cells  one for each column, UTF-8
   void addRow(std::vector<std::string> cells);
 
-  /// The lines, each with its line end.
+  /// The lines of the table, each with its line end.
   std::string text() const;
 
  private:

@@ -7,7 +7,7 @@
 
 namespace kyr::tool {
 
-/// Print a table of the signals, of the first \p limit if there are more, and the totals.
+/// Prints a table of the first \p limit signals, and the totals.
 void printInfo(Output& out, const recording::RecordingInfo& info, std::size_t limit);
 
 }  // namespace kyr::tool

@@ -21,7 +21,7 @@ namespace options = parquet::serialization_options;
 
 namespace {
 
-// Rows wait in memory until they make up a batch, so the batches of many columns are smaller.
+// The rows of a batch wait in memory, so many columns need smaller batches.
 parquet::SafeStorage storageFor(std::size_t columns, std::size_t holdBelow) {
   constexpr std::size_t kBytesInAll = std::size_t{128} << 20U;
   parquet::SafeStorage storage;
@@ -43,9 +43,8 @@ void naming(const CsvColumn& column, Operation&& operation) {
 
 }  // namespace
 
-// Pools with SafeStorage always have times in files of their own. Where they shall not be, each
-// signal goes on from there to a pool in which no signals share anything, so that there is nothing
-// to be safe from.
+// Pools with SafeStorage always store times in files of their own. If the user does not want that,
+// finish() copies each signal to a second pool without SafeStorage, in which signals share nothing.
 ColumnStore::ColumnStore(const Path& directory, std::size_t columns,
                          std::optional<StreamOptions> stream, std::size_t holdBelow)
     : pool_(std::make_unique<parquet::SignalPool>(directory.join("shared"),

@@ -13,17 +13,17 @@
 namespace kyr::tool {
 
 struct StreamOptions {
-  std::size_t chunkRows = 8192;   ///< rows per append, at the most
+  std::size_t chunkRows = 8192;   ///< rows per append at most
   std::size_t batchRows = 65536;  ///< rows per row group
 };
 
-/// Stores columns as signals of a pool of its own, each with exactly the samples it is given. Equal
-/// contents are stored once, with the times in files that signals share, unless the library's
-/// options say that each signal has its times beside its samples.
+/// Stores columns as signals of its own pool, each with exactly the samples that it is given. Equal
+/// contents are stored once, and signals share the files of their times. If the options of the
+/// library say so, each signal has its times beside its samples instead.
 class ColumnStore : public SampleSink {
  public:
-  /// \param columns  how many there will be
-  /// \param stream  how signals are streamed; empty for whole signals
+  /// \param columns  number of columns that will come
+  /// \param stream  how to stream signals; empty for whole signals
   /// \param holdBelow  see SafeStorage
   ColumnStore(const Path& directory, std::size_t columns, std::optional<StreamOptions> stream,
               std::size_t holdBelow);
@@ -33,7 +33,7 @@ class ColumnStore : public SampleSink {
               std::size_t count) override;
   void drop(const CsvColumn& column) override;
 
-  /// To be called at the end, with each column that is kept.
+  /// To be called at the end for each column that is kept.
   /// \throws std::runtime_error naming the signal if it cannot be stored
   void finish(const CsvColumn& column);
 
@@ -47,7 +47,7 @@ class ColumnStore : public SampleSink {
   void storeSeparately(const CsvColumn& column, parquet::StreamableSignal& signal);
 
   std::unique_ptr<parquet::SignalPool> pool_;
-  std::unique_ptr<parquet::SignalPool> separate_;  ///< where each signal has its own times
+  std::unique_ptr<parquet::SignalPool> separate_;  ///< pool of signals with their own times
   std::optional<StreamOptions> stream_;
   std::map<int, Signal> signals_;
 };

@@ -11,7 +11,7 @@ namespace kyr::tool {
 
 namespace {
 
-// Position of the bracket that the last character closes; npos if that is none.
+// The position of the bracket that the last character closes; npos if it closes none.
 std::size_t openingBracket(std::string_view text) {
   if (text.empty()) return std::string_view::npos;
   const char close = text.back();

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-/// How a CSV header spells the names and units of its columns.
+/// The names and units in the cells of a CSV header.
 namespace kyr::tool {
 
 struct HeaderName {
@@ -12,20 +12,21 @@ struct HeaderName {
   std::string unit;
 };
 
-/// Name and unit of a header cell: "h [m]", "h[m]", "h (m)", "h(m)"; without a unit the name alone.
+/// Splits a header cell into name and unit: "h [m]", "h[m]", "h (m)", "h(m)", or "h" without a
+/// unit.
 ///
-/// Not taken for units: what follows "der", as in "der(h)", and plain numbers, which are indices as
-/// in "x[3]" or the count that uniqueNames() adds; " [1]" is a unit. Empty brackets, "h []", say
-/// that there is no unit and that all before them is the name.
+/// Text behind "der" is no unit, as in "der(h)". A plain number is no unit either: it is an index
+/// as in "x[3]", or the count that uniqueNames() adds. But " [1]" is a unit. Empty brackets, "h
+/// []", mean that there is no unit and that everything before them is the name.
 HeaderName splitHeader(std::string_view header);
 
-/// The header cell that splitHeader() takes apart into \p name and \p unit.
+/// The header cell that splitHeader() splits into \p name and \p unit.
 std::string joinHeader(const std::string& name, const std::string& unit);
 
-/// Names and units of header cells, each name once.
+/// Splits header cells so that each name occurs once.
 ///
-/// Cells that would lose their difference with the unit keep all of their text as the name: "u[a]"
-/// and "u[b]" are no units. The second "x" becomes "x (2)", a cell without text "column 3".
+/// Cells that would have the same name without the unit keep their whole text as the name, such as
+/// "u[a]" and "u[b]". The second "x" becomes "x (2)". A cell without text becomes "column 3".
 std::vector<HeaderName> uniqueNames(const std::vector<std::string>& headers);
 
 }  // namespace kyr::tool

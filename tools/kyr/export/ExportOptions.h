@@ -10,10 +10,10 @@ namespace kyr::tool {
 
 enum class ExportFormat { parquet, arrow, csv };
 
-/// One common grid of times for all signals.
+/// Common times for all signals.
 struct ResampleOptions {
-  std::optional<double> step;  ///< [s]; all times of all signals without it
-  bool isLinear = false;       ///< whether numbers are interpolated; else the previous one is held
+  std::optional<double> step;  ///< [s]; without it, all times of all signals
+  bool isLinear = false;       ///< whether to interpolate numbers instead of holding them
 };
 
 struct ExportOptions {
@@ -23,7 +23,7 @@ struct ExportOptions {
   ExportFormat format = ExportFormat::parquet;
   std::optional<::arrow::Compression::type> codec;
   bool isLong = false;
-  bool isPartitioned = false;  ///< a folder of files, one for each signal; only with isLong
+  bool isPartitioned = false;  ///< whether each signal gets a file in a folder; only with isLong
   std::optional<ResampleOptions> resample;
   bool isStrict = false;
   bool replaces = false;

@@ -9,9 +9,8 @@
 
 namespace kyr::tool {
 
-/// What the recording says about a signal, for the field that holds it: "unit", "description",
-/// "dimensions" as "[2,3]", and "name" where the field is called otherwise; keys without a value
-/// are left out.
+/// The metadata of the field that holds a signal: "unit", "description", "dimensions" as "[2,3]",
+/// and "name" if the field has another name. Keys without a value are left out.
 std::shared_ptr<const ::arrow::KeyValueMetadata> fieldMetadata(const recording::SignalInfo& signal,
                                                                const std::string& fieldName);
 

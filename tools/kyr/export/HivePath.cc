@@ -6,7 +6,7 @@ namespace kyr::tool {
 
 namespace {
 
-// What stands for no value.
+// The folder name of a null value.
 constexpr std::string_view kNull = "__HIVE_DEFAULT_PARTITION__";
 
 bool isEscaped(char c) {

@@ -22,14 +22,14 @@ namespace {
 constexpr const char* kSignal = "signal";
 constexpr const char* kValue = "value";
 
-// NaN comes last.
+// Sorts NaN to the end.
 bool isBefore(double a, double b) { return !std::isnan(a) && (std::isnan(b) || a < b); }
 
 const double* doublesOf(const ::arrow::Array& array) {
   return static_cast<const ::arrow::DoubleArray&>(array).raw_values();
 }
 
-// Units and descriptions by signal, for a column that holds many.
+// The units and descriptions of all signals, for the column that holds their values.
 std::shared_ptr<::arrow::KeyValueMetadata> signalMetadata(
     const std::vector<ExportSignal>& signals) {
   auto units = nlohmann::json::object();
@@ -53,7 +53,7 @@ std::shared_ptr<::arrow::Array> valuesOf(const ExportSignal& signal,
   return signal.info.dataType == Boolean ? truthValues(*samples) : asDoubles(samples).array;
 }
 
-// The column "signal": one name over and over. In CSV there is nowhere else for the unit.
+// The column "signal", which repeats one name. In CSV the name holds the unit, too.
 class NameColumn {
  public:
   NameColumn(const std::vector<ExportSignal>& signals, bool isText) : isText_(isText) {
@@ -148,7 +148,7 @@ void LongTable::forEachSlice(const ExportSignal& signal, const Take& take) {
   }
 }
 
-// Times and samples side by side, whose slices may end at different rows.
+// Reads times and samples side by side. Their slices may end at different rows.
 void LongTable::stream(const ExportSignal& signal, const Take& take) {
   ColumnReader timeReader = files_.openTimes(signal.time);
   ColumnReader dataReader = files_.openData(signal.info);

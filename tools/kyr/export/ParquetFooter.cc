@@ -21,11 +21,11 @@ namespace kyr::tool {
 
 namespace {
 
-// Beyond the footer there are its length, in 4 bytes, and 4 bytes that mark Parquet files.
+// After the footer come its length, in 4 bytes, and 4 bytes that mark Parquet files.
 constexpr std::uintmax_t kTrailerBytes = 8;
 
-// The same footer with key-value metadata: those are set only when a footer is built, and row
-// groups can be added to one that is.
+// The same footer with key-value metadata. They can only be set when a footer is built, so this
+// builds one and adds the row groups of the first.
 std::unique_ptr<::parquet::FileMetaData> extended(const ::parquet::FileMetaData& metadata,
                                                   const ::arrow::Schema& schema) {
   const auto serialized = check(::arrow::ipc::SerializeSchema(schema));

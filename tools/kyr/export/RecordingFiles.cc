@@ -75,7 +75,7 @@ void compare(::arrow::io::RandomAccessFile& file, const Expected& info, const st
   }
 }
 
-// Names of list items apart, which differ between schemas and files.
+// Compares types but not the names of list items, which differ between schemas and files.
 bool isSameType(const ::arrow::DataType& a, const ::arrow::DataType& b) {
   if (a.id() != ::arrow::Type::LIST || b.id() != ::arrow::Type::LIST) return a.Equals(b);
   return a.field(0)->type()->Equals(b.field(0)->type());

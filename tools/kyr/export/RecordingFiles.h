@@ -16,7 +16,7 @@
 
 namespace kyr::tool {
 
-/// A column of a recording's Parquet file.
+/// A column of a Parquet file of a recording.
 struct StoredColumn {
   int storageId = 0;
   std::string name;
@@ -26,28 +26,28 @@ struct StoredColumn {
   }
 };
 
-/// Rows [first, first + count) of a pack, which belong to a storage id.
+/// Rows [first, first + count) of a pack, which hold the content of a storage id.
 struct PackedSlice {
   int storageId = 0;
   std::uint64_t first = 0;
   std::uint64_t count = 0;
 };
 
-/// Reads a column slice by slice; no more of the file is in memory than a page and a slice.
+/// Reads a column slice by slice. Only a page and a slice of the file are in memory.
 class ColumnReader {
  public:
-  /// \param packed  of a pack, the rows to read; all unless given
+  /// \param packed  the rows to read if the file is a pack
   ColumnReader(std::string file, std::unique_ptr<::parquet::arrow::FileReader> reader,
                const std::string& column, std::optional<PackedSlice> packed);
 
   const std::shared_ptr<::arrow::DataType>& type() const { return type_; }
 
-  /// The next rows, without nulls; empty at the end.
+  /// The next rows, without nulls; an empty slice at the end.
   /// \throws std::runtime_error naming the file, Interrupted
   std::shared_ptr<::arrow::Array> next();
 
  private:
-  // Those of a batch that are asked for.
+  // The part of a batch that belongs to the rows to read.
   std::shared_ptr<::arrow::RecordBatch> packedRows(const ::arrow::RecordBatch& batch);
 
   std::string file_;
@@ -55,18 +55,18 @@ class ColumnReader {
   std::unique_ptr<::arrow::RecordBatchReader> batches_;
   std::shared_ptr<::arrow::DataType> type_;
   std::optional<PackedSlice> packed_;
-  std::uint64_t row_ = 0;  // that comes next, of the file
+  std::uint64_t row_ = 0;  // next row of the file
 };
 
-/// The files of a saved recording, read where they lie.
+/// The files of a saved recording.
 ///
-/// Each is compared with its size and checksum before it is read for the first time. Errors are
-/// std::runtime_error naming the file.
+/// Before a file is read for the first time, its size and checksum are compared. Errors are
+/// std::runtime_error that name the file.
 class RecordingFiles {
  public:
   RecordingFiles(std::string folder, const recording::RecordingInfo& info);
 
-  /// Where the times of a signal with samples are; empty if there are none.
+  /// The column with the times of a signal that has samples; empty if it has no times.
   std::optional<StoredColumn> timeOf(const recording::SignalInfo& signal) const;
   StoredColumn dataOf(const recording::SignalInfo& signal) const;
 
@@ -78,7 +78,7 @@ class RecordingFiles {
   /// \throws std::runtime_error if the column is no float64
   ColumnReader openTimes(const StoredColumn& column);
 
-  /// \throws std::runtime_error if the samples are of another type than the signal's
+  /// \throws std::runtime_error if the samples have another type than the signal
   ColumnReader openData(const recording::SignalInfo& signal);
 
   std::vector<double> readTimes(const StoredColumn& column);
@@ -93,7 +93,7 @@ class RecordingFiles {
   std::string folder_;
   std::map<int, recording::FileInfo> files_;
   std::map<int, recording::PackInfo> packs_;
-  std::set<std::string> compared_;  // paths
+  std::set<std::string> compared_;  // paths of files that were compared
 };
 
 }  // namespace kyr::tool

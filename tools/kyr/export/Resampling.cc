@@ -41,18 +41,18 @@ OrderedTimes ordered(const std::vector<double>& times) {
   return result;
 }
 
-// Distance of neighbouring doubles near \p from and \p to, or up to twice that.
+// The distance of neighbouring doubles near \p from and \p to, or up to twice as much.
 double resolution(double from, double to) {
   return std::max(std::abs(from), std::abs(to)) * std::numeric_limits<double>::epsilon();
 }
 
-// What a time of the grid and that of a sample at it may differ by: both carry rounding errors.
+// The most by which a time of the grid and the time of a sample there may differ. Both are rounded.
 double toleranceOf(double from, double to, double step) {
   constexpr double kPartOfStep = 1e-9;
   return std::min(kPartOfStep * step + 2 * resolution(from, to), step / 4);
 }
 
-// How many steps there are from the first time of the grid to its last.
+// The number of steps from the first time of the grid to the last.
 double stepsIn(double from, double to, double step) {
   constexpr double kMaxRows = std::numeric_limits<std::int32_t>::max();
   if (step < 2 * resolution(from, to)) {
@@ -69,7 +69,7 @@ double stepsIn(double from, double to, double step) {
   return steps;
 }
 
-// Position in \p times of the latest one at or before each time of the grid; -1 for none.
+// For each time of the grid, the position in \p times of the latest time up to it; -1 for none.
 template <typename Take>
 void forEachLatest(const std::vector<double>& grid, double tolerance,
                    const std::vector<double>& times, Take&& take) {
@@ -94,7 +94,7 @@ std::shared_ptr<::arrow::Array> heldSamples(const std::vector<double>& grid, dou
   return check(builder.Finish());
 }
 
-// Bytes of a sample in the table, or fewer where samples differ in size.
+// The bytes of a sample in the table. Samples of different sizes may take more.
 std::uint64_t widthOf(const recording::SignalInfo& signal, bool isLinear) {
   constexpr std::uint64_t kOffset = sizeof(std::int32_t);
   const auto isFixed = [](const ::arrow::DataType& type) { return type.byte_width() > 0; };
@@ -109,8 +109,8 @@ std::uint64_t widthOf(const recording::SignalInfo& signal, bool isLinear) {
   return kOffset + (signal.dimensions.empty() ? 0 : width);
 }
 
-// The table and its parts for each time of the grid: the time itself, twice, the sample that is
-// held of each time vector, and a sample of each signal.
+// The bytes of the table and its parts for one time of the grid: the time twice, the held sample of
+// each time vector, and a sample of each signal.
 std::uint64_t bytesPerRow(const std::vector<ExportSignal>& signals, std::size_t timeVectors,
                           bool isLinear) {
   std::uint64_t bytes = 2 * sizeof(double) + timeVectors * sizeof(std::int64_t);
@@ -118,7 +118,7 @@ std::uint64_t bytesPerRow(const std::vector<ExportSignal>& signals, std::size_t 
   return bytes;
 }
 
-// The other half is for encoding the table.
+// Uses half of the memory. Encoding the table takes the other half.
 void checkMemory(std::size_t rows, std::size_t columns, std::uint64_t rowBytes, bool isStepped) {
   constexpr double kPart = 0.5;
   constexpr double kGigabyte = 1e9;
@@ -134,7 +134,7 @@ void checkMemory(std::size_t rows, std::size_t columns, std::uint64_t rowBytes, 
 
 double between(double a, double b, double part) {
   if (a == b) return a;
-  return a * (1 - part) + b * part;  // a + (b - a) * part may be infinite in between
+  return a * (1 - part) + b * part;  // a + (b - a) * part may overflow
 }
 
 }  // namespace

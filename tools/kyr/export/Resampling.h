@@ -16,30 +16,30 @@
 
 namespace kyr::tool {
 
-/// The samples of a time vector in order of time, the last one of each time.
+/// The times of a time vector in ascending order, each once, with the last sample of each.
 struct OrderedTimes {
   std::vector<double> times;             ///< ascending
-  std::vector<std::int64_t> samples;     ///< which sample each time is of
-  std::shared_ptr<::arrow::Array> held;  ///< sample that is held at each time of the grid, or null
+  std::vector<std::int64_t> samples;     ///< number of the sample of each time
+  std::shared_ptr<::arrow::Array> held;  ///< sample held at each time of the grid, or null
 };
 
-/// One grid of times for all signals, and their samples at its times.
+/// Common times for all signals, the grid, and the samples at these times.
 class Resampling {
  public:
   /// Reads the times of all signals.
-  /// \throws std::runtime_error naming a signal whose times are no finite numbers, if the step is
-  ///         finer than the times, or if the table would take more memory than there is
+  /// \throws std::runtime_error if the times of a signal are not finite, if the step is smaller
+  ///         than the precision of the times, or if there is not enough memory for the table
   Resampling(RecordingFiles& files, const std::vector<ExportSignal>& signals,
              const ResampleOptions& options);
 
   const std::vector<double>& grid() const { return grid_; }
 
-  /// The latest sample at or before each time; null before the first. A sample is at a time that
-  /// differs from its own by no more than both are rounded.
+  /// The latest sample up to each time of the grid; null before the first sample. A sample counts
+  /// for a time of the grid if the two differ by rounding errors only.
   std::shared_ptr<::arrow::Array> hold(const ExportSignal& signal,
                                        const ::arrow::Array& samples) const;
 
-  /// Between samples a straight line; null before the first and after the last.
+  /// Values on a straight line between samples; null before the first and after the last.
   /// \param samples  float64
   std::shared_ptr<::arrow::Array> interpolate(const ExportSignal& signal,
                                               const ::arrow::Array& samples) const;

@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::int64_t kBatchRows = 65536;
 
-// As the library writes, and with statistics: in a sorted table they let readers skip row groups.
+// The settings of the library with statistics, which let readers of a sorted table skip row groups.
 std::shared_ptr<::parquet::WriterProperties> writerProperties() {
   return ::parquet::WriterProperties::Builder(
              *parquet::ParquetWriterOptions().buildWriterProperties())

@@ -18,7 +18,7 @@ namespace kyr::tool {
 
 class StandardOutput;
 
-/// Writes a table batch by batch, in any of the formats, to a file or to standard output.
+/// Writes a table batch by batch, in any format, to a file or to standard output.
 class TableWriter {
  public:
   struct Target {
@@ -28,7 +28,7 @@ class TableWriter {
     std::optional<::arrow::Compression::type> codec;
   };
 
-  /// \param csvHeader  what the columns are called in a CSV file
+  /// \param csvHeader  names of the columns in a CSV file
   TableWriter(const Target& target, std::shared_ptr<::arrow::Schema> schema,
               const std::vector<std::string>& csvHeader);
   ~TableWriter();

@@ -21,7 +21,7 @@ namespace kyr::tool {
 
 namespace {
 
-// The type that the export worker takes in place of one that is stored in the same way.
+// Replaces types that the export worker does not take by the type that is stored in the same way.
 KYRSignalDataType exportType(KYRSignalDataType type) {
   if (type == UInt32Alt) return UInt32;
   return type == UInt64Alt ? UInt64 : type;
@@ -37,13 +37,13 @@ std::vector<char> bytesOf(const ::arrow::Array& numbers) {
   return {first, first + static_cast<std::size_t>(data.length) * width};
 }
 
-// Lists of bytes as lists of bool.
+// Converts lists of bytes to lists of bool.
 std::shared_ptr<::arrow::Array> truthLists(const std::shared_ptr<::arrow::Array>& lists) {
   const auto item = lists->type()->field(0)->WithType(::arrow::boolean());
   return check(::arrow::compute::Cast(*lists, ::arrow::list(item)));
 }
 
-// The times that all signals have, bit for bit.
+// Reads the times, which must be equal for all signals, bit for bit.
 std::vector<double> sharedTimes(RecordingFiles& files, const std::vector<ExportSignal>& signals) {
   using Key = std::tuple<std::size_t, std::uint64_t, std::uint64_t>;
   std::vector<double> first;
@@ -58,7 +58,7 @@ std::vector<double> sharedTimes(RecordingFiles& files, const std::vector<ExportS
     if (read.size() == 1) {
       first = std::move(times);
     } else if (different.size() == 1 && std::memcmp(times.data(), first.data(), bytes) != 0) {
-      different.emplace(0, 0, 0);  // unlike the first one, with the same hash
+      different.emplace(0, 0, 0);  // same hash as the first one, but different times
     }
   }
   if (different.size() == 1) return first;
@@ -122,7 +122,7 @@ void WideTable::addSignal(const ExportSignal& signal) {
   if (info.category == VarDim || info.category == VarDimBus) addDimensions(signal);
 }
 
-// Without the shapes, samples of changing shape could not be told apart.
+// A reader needs the shapes of samples whose shape changes.
 void WideTable::addDimensions(const ExportSignal& signal) {
   const StoredColumn column{signal.info.dataStorageId.value(), parquet::columnNames::dimension};
   ArrayPtr shapes = files_.readColumn(column);
@@ -153,7 +153,7 @@ WideTable::ArrayPtr WideTable::resampled(const ExportSignal& signal, const Array
   return resampling_->interpolate(signal, *doubles.array);
 }
 
-// The worker's schema, with the fields' own names, types and metadata where those differ.
+// The schema of the worker, with the names, types and metadata of our fields.
 std::shared_ptr<::arrow::Schema> WideTable::schema() const {
   const auto exported = worker_.getExportSchema(columns_);
   ::arrow::FieldVector fields;

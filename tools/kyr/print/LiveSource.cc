@@ -29,7 +29,7 @@ std::vector<double> readTimes(LiveReader& reader, const LiveSignalInfo& signal, 
   return times;
 }
 
-// Samples that have their times, if there are any.
+// The number of samples that have a time, if the signal has times.
 std::uint64_t completeRows(const LiveSignalInfo& signal) {
   return signal.timeRows > 0 ? std::min(signal.timeRows, signal.dataRows) : signal.dataRows;
 }

@@ -9,11 +9,11 @@
 
 namespace kyr::tool {
 
-/// "recording..." while it is being written, else "not finished: kyr recover FOLDER".
+/// "recording..." while the recording is being written, else "not finished: kyr recover FOLDER".
 std::string stateOf(const recording::LiveRecordingInfo& live, const std::string& folder);
 
-/// What a recording that is being written holds, as if it were saved. Time spans are those of the
-/// first and the last row.
+/// Describes a recording that is being written as if it were saved. Time spans reach from the first
+/// to the last row.
 recording::RecordingInfo recordingInfoOf(recording::LiveReader& reader);
 
 /// Prints the rows of a recording that may be growing.
@@ -22,14 +22,14 @@ class LiveCat {
   LiveCat(std::string folder, std::vector<recording::SignalInfo> signals, const Window& window)
       : folder_(std::move(folder)), signals_(std::move(signals)), window_(window) {}
 
-  /// What was flushed since the last time.
+  /// Prints the rows that were flushed since the last call.
   void print(Output& out, recording::LiveReader& reader);
 
-  /// What came with the finishing.
+  /// Prints the last rows, after the recording was finished.
   void printFinished(Output& out);
 
   /// Prints rows as they are flushed, until the recording is finished.
-  /// \throws std::runtime_error if it is not, and its writer has gone
+  /// \throws std::runtime_error if the writer has gone without finishing it
   void follow(Output& out, recording::LiveReader& reader);
 
  private:
@@ -38,7 +38,7 @@ class LiveCat {
   std::string folder_;
   std::vector<recording::SignalInfo> signals_;
   Window window_;
-  std::map<int, std::size_t> printed_;  // samples by signal
+  std::map<int, std::size_t> printed_;  // number of samples by signal
   bool hasHeader_ = false;
 };
 

@@ -10,27 +10,27 @@
 
 namespace kyr::tool {
 
-/// Which signals of a recording share files, and what that saves.
+/// Counts and sizes of the files of a recording, and how many bytes sharing them saves.
 class RecordingSummary {
  public:
   explicit RecordingSummary(const recording::RecordingInfo& info);
 
   std::uint64_t storedBytes() const { return storedBytes_; }
 
-  /// Bytes if every signal had files of its own, and those of files that no signal uses.
+  /// Bytes of all files if every signal had files of its own.
   std::uint64_t bytesWithoutSharing() const { return bytesWithoutSharing_; }
   std::uint64_t savedBytes() const { return bytesWithoutSharing_ - storedBytes_; }
 
-  /// Bytes of the signal's files, shared or not.
+  /// Bytes of the files of a signal, shared or not.
   std::uint64_t bytesOf(const recording::SignalInfo& signal) const;
 
-  /// Files in the recording's storage.
+  /// Number of files in the storage.
   std::size_t fileCount() const { return files_.size() - packedCount_ + packCount_; }
 
-  /// Number of signals that use the file.
+  /// Number of signals that use a file.
   std::size_t usersOf(int storageId) const;
 
-  /// "3 signals in 4 files, 1,234 bytes; sharing files saved 100 bytes", and what is in packs.
+  /// "3 signals in 4 files, 1,234 bytes; sharing files saved 100 bytes", and the same for packs.
   std::string text() const;
 
  private:
@@ -43,7 +43,7 @@ class RecordingSummary {
 
   std::size_t signalCount_;
   std::size_t packCount_;
-  std::size_t packedCount_ = 0;  // contents in packs
+  std::size_t packedCount_ = 0;  // number of contents in packs
   std::map<int, File> files_;
   std::uint64_t storedBytes_ = 0;
   std::uint64_t bytesWithoutSharing_ = 0;

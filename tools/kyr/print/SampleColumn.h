@@ -12,15 +12,15 @@ namespace kyr::tool {
 
 /// The samples of one signal, as CSV cells.
 ///
-/// Numbers take their shortest form that reads back exactly. A matrix is a quoted cell of its rows
-/// with ";" between them and blanks between elements, a vector one such row, more dimensions follow
-/// one another in the columns. Blobs are base64.
+/// Numbers have the shortest form that reads back exactly. A matrix is a quoted cell with ";"
+/// between rows and blanks between elements. A vector is one such row. Further dimensions continue
+/// the columns. Blobs are base64.
 class SampleColumn {
  public:
   /// A signal without samples.
   SampleColumn() = default;
 
-  /// Read the samples of \p signal; \p time is replaced by their times, empty if there are none.
+  /// Reads the samples of \p signal and replaces \p time by their times, if there are any.
   SampleColumn(parquet::ParquetSignal& signal, const recording::SignalInfo& info,
                std::vector<double>& time);
 
@@ -28,7 +28,7 @@ class SampleColumn {
   SampleColumn(const recording::SignalInfo& info, std::vector<char> bytes,
                std::vector<std::vector<std::size_t>> shapes, const std::vector<int>& lengths);
 
-  /// From now on the first \p count samples do not count.
+  /// Drops the first \p count samples.
   void dropFirst(std::size_t count);
 
   std::size_t size() const { return size_; }
@@ -43,12 +43,13 @@ class SampleColumn {
 
   void takeLengths(const std::vector<int>& lengths);
 
-  std::size_t first_ = 0;  ///< sample that counts
+  std::size_t first_ = 0;  ///< first sample that was not dropped
   std::size_t size_ = 0;
   std::vector<char> bytes_;
   std::size_t width_ = 1;              ///< bytes of an element
-  ElementText elementText_ = nullptr;  ///< empty for blobs
-  std::vector<std::size_t> begins_;  ///< first element of each sample, and the end; not for scalars
+  ElementText elementText_ = nullptr;  ///< null for blobs
+  std::vector<std::size_t>
+      begins_;  ///< first element of each sample, and the end; empty for scalars
   std::vector<std::vector<std::size_t>> shapes_;
   std::vector<std::size_t> fixedShape_;
 };

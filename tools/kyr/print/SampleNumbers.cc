@@ -14,13 +14,13 @@ namespace kyr::tool {
 
 namespace {
 
-// Whether the double that is nearest to \p value is another number.
+// Whether the nearest double is another number than \p value.
 template <typename T>
 bool isInexact(T value, double nearest) {
   if constexpr (sizeof(T) < sizeof(double) || !std::is_integral_v<T>) {
     return false;
   } else {
-    // 2^63 or 2^64, which a cast back could not hold: the double is above all of T.
+    // From 2^63 or 2^64 on, the double is larger than every T, and a cast back is undefined.
     constexpr double kEnd = 2.0 * static_cast<double>(T{1} << (std::numeric_limits<T>::digits - 1));
     return nearest >= kEnd || static_cast<T>(nearest) != value;
   }

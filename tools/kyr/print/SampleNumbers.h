@@ -10,20 +10,20 @@
 
 namespace kyr::tool {
 
-/// Numbers of any type as doubles.
+/// Numbers that were converted to doubles.
 struct Doubles {
   std::shared_ptr<::arrow::Array> array;
-  std::uint64_t inexact = 0;  ///< integers that no double is equal to
+  std::uint64_t inexact = 0;  ///< number of integers to which no double is equal
 };
 
-/// \param numbers  an array of integers, float or double without nulls; the latter is not copied
+/// \param numbers  integers, floats or doubles without nulls; doubles are not copied
 /// \throws std::invalid_argument for other types
 Doubles asDoubles(const std::shared_ptr<::arrow::Array>& numbers);
 
-/// Truth values of a byte each as doubles: 0, and 1 for whatever is not 0.
+/// Converts truth values of a byte each to doubles, 0 for 0 and else 1.
 std::shared_ptr<::arrow::Array> truthValues(const ::arrow::Array& bytes);
 
-/// What is told about a signal of which some values were rounded.
+/// One sentence on a signal of which some values were rounded.
 std::string inexactText(const recording::SignalInfo& signal, std::uint64_t values);
 
 }  // namespace kyr::tool

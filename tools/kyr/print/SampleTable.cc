@@ -17,15 +17,15 @@ namespace kyr::tool {
 
 namespace {
 
-// Bit for bit: the times are printed once for all.
+// Compares bit for bit, because the times are printed once for all signals.
 bool areSame(const std::vector<double>& a, const std::vector<double>& b) {
   return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(double)) == 0;
 }
 
-// Times that are no number come last, so that merging ends.
+// NaN comes last, so that merging ends.
 bool isBefore(double a, double b) { return !std::isnan(a) && (std::isnan(b) || a < b); }
 
-// Steps through several time vectors at once, from the smallest time to the largest.
+// Steps through several time vectors together, from the smallest time to the largest.
 class RowCursor {
  public:
   explicit RowCursor(const std::vector<std::vector<double>>& times)

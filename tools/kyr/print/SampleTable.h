@@ -13,7 +13,7 @@
 
 namespace kyr::tool {
 
-/// The rows to print: those whose time is in [from, to] and whose number is in [firstRow, endRow).
+/// The rows to print have times in [from, to] and numbers in [firstRow, endRow).
 struct Window {
   double from = -std::numeric_limits<double>::infinity();
   double to = std::numeric_limits<double>::infinity();
@@ -21,17 +21,18 @@ struct Window {
   std::size_t endRow = std::numeric_limits<std::size_t>::max();
 };
 
-/// Signals side by side over their times, merged where the times differ.
+/// Signals side by side over their times. Rows of different times are merged.
 ///
-/// A row holds the samples of one time. Where signals have a time repeatedly, the first samples
-/// stand in one row, the second ones in the next. Signals without time count their samples instead.
+/// A row holds the samples of one time. If a time is repeated, the first samples of all signals
+/// stand in one row and the second ones in the next. Signals without times have sample numbers
+/// instead.
 class SampleTable {
  public:
-  /// Gives the samples of a signal, and their times, which are empty if there are none.
+  /// Returns the samples of a signal and replaces `time` by their times, if there are any.
   using Load =
       std::function<SampleColumn(const recording::SignalInfo& signal, std::vector<double>& time)>;
 
-  /// \throws std::runtime_error if some of the signals have times and some have none
+  /// \throws std::runtime_error if some signals have times and some have none
   SampleTable(std::vector<recording::SignalInfo> signals, const Load& load);
 
   void printHeader(Output& out) const;
@@ -40,7 +41,7 @@ class SampleTable {
  private:
   struct Column {
     SampleColumn samples;
-    std::size_t times = 0;  ///< place in times_; unused for a signal without samples
+    std::size_t times = 0;  ///< position in times_; unused for a signal without samples
   };
 
   std::size_t placeOf(const recording::SignalInfo& signal, std::vector<double>& time);
@@ -49,7 +50,7 @@ class SampleTable {
   std::vector<recording::SignalInfo> signals_;
   std::vector<Column> columns_;
   std::vector<std::vector<double>> times_;
-  std::map<int, std::size_t> timeFiles_;  ///< place in times_ by storage id
+  std::map<int, std::size_t> timeFiles_;  ///< position in times_ by storage id
   bool hasTime_ = false;
   bool hasCounts_ = false;
 };

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kColumnTypes = 11;
 
-// Those that a CSV column can have come first.
+// The types that a CSV column can have come first.
 constexpr std::array<std::pair<KYRSignalDataType, std::string_view>, 16> kTypes{{
     {Double, "double"},
     {Single, "single"},

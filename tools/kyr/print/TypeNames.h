@@ -8,15 +8,15 @@
 
 namespace kyr::tool {
 
-/// "int16"; "unknown" for a value outside of the enumeration.
+/// "int16"; "unknown" for a value outside the enumeration.
 std::string_view typeName(KYRSignalDataType type);
 
 std::string_view categoryName(KYRSignalCategory category);
 
-/// The type of that name if a CSV column can have it.
+/// The type with that name, if a CSV column can have it.
 std::optional<KYRSignalDataType> columnType(std::string_view name);
 
-/// The names that columnType() knows, as a list to read.
+/// The names that columnType() knows, as a list for a sentence.
 std::string columnTypeNames();
 
 }  // namespace kyr::tool
