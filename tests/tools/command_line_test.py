@@ -23,6 +23,23 @@ class Usage(ToolTest):
                 self.fails(*arguments, says=[], exit_code=2)
         self.assertEqual(sorted(os.listdir(self.folder)), ["in.csv", "tmp"])
 
+    def test_unknown_words_and_the_nearest_known_ones(self):
+        for line, unknown, nearest in (
+                ("imprt in.csv rec", "imprt", "import"), ("exprot rec out", "exprot", "export"),
+                ("help recrod", "recrod", "record"), ("--vrsion", "--vrsion", "--version"),
+                ("info rec --jsn", "--jsn", "--json"), ("import --tme=t in.csv", "--tme", "--time"),
+                ("--trce f info rec", "--trce", "--trace"),
+                ("cat rec -follow", "-follow", "--follow"),
+                ("import in.csv rec --set Dictonary=true", "Dictonary", "Dictionary"),
+                ("nonsense", "nonsense", ""), ("verify rec --nonsense", "--nonsense", ""),
+                ("verify rec more", "more", ""), ("", "command", "")):
+            with self.subTest(line):
+                error = self.run_tool(*line.split(), expect=2).stderr
+                self.assertIn(unknown + " ", error.replace(":", " "))
+                suggestion = f"did you mean {nearest}?" if nearest else ""
+                self.assertIn(suggestion, error)
+                self.assertEqual("did you mean" in error, bool(nearest), error)
+
     def test_codecs(self):
         for codec in ("uncompressed", "snappy", "gzip", "brotli", "zstd", "lz4_hadoop"):
             self.store("time,a\n0,1\n", "--compression", codec)
@@ -42,8 +59,12 @@ class Usage(ToolTest):
 
     def test_help_and_version(self):
         for command in ("import", "info", "cat", "export", "verify", "demo"):
-            self.assertIn(f"  kyr {command}", self.run_tool(command, "--help").stdout)
-        self.assertRegex(self.run_tool("--version").stdout, r"^kyr \d+\.\d+\.\d+\n$")
+            text = self.run_tool(command, "--help").stdout
+            self.assertIn(f"  kyr {command}", text)
+            self.assertEqual(self.run_tool("help", command).stdout, text)
+        self.assertEqual(self.run_tool("help").stdout, self.run_tool("--help").stdout)
+        for option in ("--version", "-v"):
+            self.assertRegex(self.run_tool(option).stdout, r"^kyr \d+\.\d+\.\d+\n$")
 
     def test_settings_go_through_the_hosts_methods(self):
         self.write("time,a\n" + "".join(f"{t},{t % 3}\n" for t in range(1000)))
@@ -93,6 +114,7 @@ class Usage(ToolTest):
             for option in options - {"--help"}:
                 self.assertRegex(manual, rf"\n\.B (-\w, )?{option}\b")
         self.assertEqual(completed("kyr", "--trace", "x", "imp"), ["import"])
+        self.assertEqual(completed("kyr", "help", "imp"), ["import"])
         for line, words in (("import --compression z", "zstd"), ("import --compression = z", "zstd"),
                             ("export --format = p", "parquet"),
                             ("export --format =", "parquet arrow csv"),

@@ -1,4 +1,4 @@
-"""Importing CSV files: what they say is stored, or refused with the place where it stands."""
+"""Importing CSV files: every value is stored, or refused with its line and column."""
 
 import os
 import struct
@@ -38,7 +38,7 @@ class Values(ToolTest):
                 self.assertEqual(self.cat(), printed)
 
     def test_contents_of_equal_hash_are_kept_apart(self):
-        # The library's hash of small integers is often equal, and takes -0 for 0.
+        # Small integers often have the same hash in the library, and so have -0 and 0.
         pairs = [(a, b) for a in range(2) for b in range(70)]
         columns = [[f"s{i}" for i in range(len(pairs))], *zip(*pairs)]
         lines = [f"{time},{','.join(map(str, cells))}"
@@ -62,11 +62,12 @@ class Values(ToolTest):
             "blanks": b" time ,\ta \n 0 , 1\n1,2 \n",
             "quotes": b'"time","a"\n"0","1"\n1,2\n',
             "empty lines": b"\n\ntime,a\n\n0,1\n\n\n1,2\n\n",
+            "blank cells": b"time,a,b\n0,1,\t\n1,2,\"  \"\n",
             "comma at the end": b"time,a,\n0,1,\n1,2,\n",
         }.items():
             with self.subTest(name):
                 self.store(content)
-                self.assertEqual(self.cat(), "time,a\n0,1\n1,2\n")
+                self.assertEqual(self.cat("a"), "time,a\n0,1\n1,2\n")
 
     def test_a_pipe(self):
         for rows in (1, 400_000):
@@ -81,7 +82,7 @@ class Blocks(ToolTest):
     ROWS = 300_000
 
     def store_late(self, time="", **late):
-        """Columns of small integers, but for one row near the end."""
+        """Stores columns of small integers with other cells in one row near the end."""
         cells = [[str(row), *(str(row % 2) for _ in late)] for row in range(self.ROWS)]
         cells[-9] = [time or cells[-9][0], *late.values()]
         text = "\n".join(map(",".join, [["time", *late], *cells])) + "\n"
@@ -108,6 +109,12 @@ class Blocks(ToolTest):
     def test_late_times_of_another_type(self):
         cells, _ = self.store_late(time=f"{self.ROWS - 9}.5", a="1")
         self.assertEqual(rows_of(self.cat())[1:], cells)
+
+    def test_times_that_differ_across_blocks_in_digits_alone(self):
+        # A block of 2 MiB holds the line end of the header and 131071 rows of 16 bytes.
+        for rows in (131070, 131071, 131072):
+            text = "time,a\n" + "0.123456789012,\n" * rows + "0.12345678901200000000000000001,1\n"
+            self.assertIn(f"line {rows + 2}:", self.store(text).stderr)
 
     def test_late_refusals(self):
         for late, says in (({"a": "1,2"}, ["4 cells"]), ({"a": '"x'}, ["not closed"]),
@@ -155,6 +162,8 @@ class Types(ToolTest):
             ("1", "2.5"): "double",
             ("nan", "NaN"): "double",
             ("true", "False"): "boolean",
+            ("tRUE", " 1 "): "boolean",
+            ("0x1F", "-3"): "int64",
             ("18446744073709551615", "0"): "uint64",
             ("18446744073709551615", ""): "uint64",
             ("1e19", "1"): "double",
@@ -268,11 +277,25 @@ class Refusals(ToolTest):
         self.assertFalse((self.folder / "new").exists())
 
     def test_roundings_are_told(self):
-        for text in ("t,a\n0,18446744073709551615\n1,-1\n", "t,a\n0,18446744073709551616\n1,1\n",
-                     "t,a\n1396293888886000001,1\n1396293888886000002,1\n"):
+        for text, line, column, cell in (
+                ("t,a\n0,18446744073709551615\n1,-1\n", 2, "a", "18446744073709551615"),
+                ("t,a\n0,1\n1,18446744073709551617\n", 3, "a", "18446744073709551617"),
+                ("t,a\n0,9007199254740993\n1,0.5\n", 2, "a", "9007199254740993"),
+                ("t,a\n0,0.5\n1,9007199254740992\n2,9007199254740993\n", 4, "a",
+                 "9007199254740993"),
+                ("t,a\n9007199254740992,1\n9007199254740993,1\n", 3, "t", "9007199254740993"),
+                ("t,a\n0.5,1\n1396293888886000001,1\n", 3, "t", "1396293888886000001"),
+                ("t,a\n18446744073709551615,1\n", 2, "t", "18446744073709551615"),
+                ("t,a\n0.1234567890123456789,1\n0.12345678901234567891,2\n", 3, "t",
+                 "0.12345678901234567891")):
             with self.subTest(text=text):
-                self.assertIn("rounded", self.store(text).stderr)
+                (warning,) = self.store(text).stderr.splitlines()
+                for part in ("rounded", f"line {line}:", f'"{column}"', f'"{cell}"'):
+                    self.assertIn(part, warning)
                 self.fails("import", "in.csv", "new", "--strict", says=["rounded"])
+        for text in ("t,a\n0,9007199254740994\n0.0,0.5\n", "t,a\n9007199254740994,1\n",
+                     "t,a\n0.50,1\n5e-1,1\n"):
+            self.assertEqual(self.store(text, "--strict").stderr, "")
 
 
 if __name__ == "__main__":

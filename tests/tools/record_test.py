@@ -1,4 +1,4 @@
-"""Recording rows as they come, and what a crash leaves of them."""
+"""Recording rows as they come, and recovering them after a crash."""
 
 import os
 import random
@@ -34,12 +34,14 @@ class RecordTest(ToolTest):
 class Record(RecordTest):
     def test_what_is_recorded_is_what_import_stores(self):
         texts = {
-            "gaps": "time,a [m],b,c\n0,1,,5.5\n1,,2,\n2,3,,-0.0\n",
-            "quotes and line ends": '\xef\xbb\xbf"time","a ""q"""\r\n\r\n0,"1.5"\r\n1,2.5',
+            "gaps": "time,a [m],b,c\n0,1,,5.5\n1,, ,\n2,3,,-0.0\n",
+            "quotes and line ends": '\xef\xbb\xbf"ti\nme","a ""q"""\r\n\r\n0,"1.5"\r\n1,2.5\r',
             "no rows": "time,a [m],b\n",
             "truth values": "time,a,on\n0,0.5,true\n1,1.5,FALSE\n",
             "repeated times": "time,a\n0,1.5\n0,2\n",
             "other line ends": "time,a\r0,1.5\r1,2\r",
+            "large integers": "time,a,b,c\n0,9007199254740993,18446744073709551615,"
+                              "-9223372036854775808\n1,-9007199254740993,1,1\n",
         }
         for name, text in texts.items():
             for source in ("in.csv", "-"):
@@ -47,11 +49,44 @@ class Record(RecordTest):
                     self.write(text.encode("latin-1" if name.startswith("quotes") else "utf-8"))
                     self.run_tool("import", "in.csv", "rec", "--force")
                     with open(self.folder / "in.csv") as content:
-                        subprocess.run([KYR, "record", source, "new"], check=True, stdin=content,
-                                       cwd=self.folder, capture_output=True)
+                        subprocess.run([KYR, "record", source, "new", "--force"], check=True,
+                                       stdin=content, cwd=self.folder, capture_output=True)
                     self.run_tool("verify", "new")
                     self.assertEqual(self.cat(recording="new"), self.cat())
-                    subprocess.run(["rm", "-r", self.folder / "new"], check=True)
+
+    def test_roundings_are_told_once(self):
+        for text, line, column, cell in (
+                ("t,a,b\n0,1,9007199254740993\n1,9007199254740993,1\n2,9007199254740993,2\n", 3,
+                 "a", "9007199254740993"),
+                ("t,a\n0,1\n9007199254740993,1\n9007199254740995,1\n", 3, "t", "9007199254740993"),
+                ("t,a\n0.1234567890123456789,1\n0.12345678901234567891,2\n", 3, "t",
+                 "0.12345678901234567891")):
+            with self.subTest(text=text):
+                result = self.run_tool("record", "-", "rec", "--force", stdin=text)
+                (warning,) = result.stderr.splitlines()
+                for part in ("rounded", f"line {line}:", f'"{column}"', f'"{cell}"'):
+                    self.assertIn(part, warning)
+                rows = len(rows_of(self.cat()))
+                self.assertEqual(rows, text.count("\n"))
+                result = self.run_tool("record", "-", "rec", "--force", "--strict", stdin=text,
+                                       expect=1)
+                for part in (f"line {line}:", "--strict", f"{line - 2} row"):
+                    self.assertIn(part, result.stderr)
+                self.assertEqual(len(rows_of(self.cat())), line - 1)
+
+    def test_a_failed_recording_is_replaced_by_force(self):
+        text = "time,a,note\n0,1,x\n1,2,y\n"
+        result = self.run_tool("record", "-", "rec", stdin=text, expect=1)
+        for part in ("line 2", '"note"', '"x"', "--skip-bad", "--force"):
+            self.assertIn(part, result.stderr)
+        self.fails("record", self.write(text), "rec", "--skip-bad", says=["--force"])
+        self.run_tool("record", "-", "rec", "--skip-bad", "--force", stdin=text)
+        self.assertEqual(self.cat(), "time,a,note\n0,1,\n1,2,\n")
+        self.assertEqual(sorted(os.listdir(self.folder)), ["in.csv", "rec", "tmp"])
+        self.fails("record", "missing.csv", "rec", "--force", says=["missing.csv"])
+        (self.folder / "rec" / "notes").touch()
+        self.fails("record", "in.csv", "rec", "--force", says=["other files"])
+        self.assertEqual(self.cat("a"), "time,a\n0,1\n1,2\n")
 
     def test_types_time_and_codec(self):
         self.run_tool("record", "-", "rec", "--type", "gear=int8", "--time", "t", "--compression",
@@ -82,12 +117,19 @@ class Record(RecordTest):
                     self.assertIn(count, result.stderr)
                 self.assertEqual(self.cat(recording=f"skip{number}"), f"time,a\n{skipping}")
 
-    def test_the_last_line_without_an_end(self):
-        self.run_tool("record", "-", "rec", stdin="time,a,b\n0,1,2\n1,2,3")
-        self.assertEqual(self.cat(), "time,a,b\n0,1,2\n1,2,3\n")
-        result = self.run_tool("record", "-", "new", stdin="time,a,b\n0,1,2\n1,2")
-        self.assertIn("line 3", result.stderr)
-        self.assertEqual(self.cat(recording="new"), "time,a,b\n0,1,2\n")
+    def test_the_last_line_without_a_line_feed(self):
+        start = "time,a,b\n0,1,2\n"
+        for last, kept in (("1,12,3", "1,12,3\n"), ("1,12", ""), ("1,12,x", ""), ('1,12,"3', "")):
+            with self.subTest(last):
+                result = self.run_tool("record", "-", "rec", "--force", stdin=start + last)
+                for part in ("line 3", "no line feed", "left out", "--keep-last-line"):
+                    self.assertIn(part, result.stderr)
+                self.assertEqual(self.cat(), start)
+                result = self.run_tool("record", "-", "rec", "--force", "--keep-last-line",
+                                       stdin=start + last)
+                self.assertIn("is kept" if kept else "is left out", result.stderr)
+                self.assertEqual(self.cat(), start + kept)
+        self.assertIn("line 1", self.run_tool("record", "-", "rec", "--force", stdin="t,a").stderr)
 
     def test_refusals_leave_nothing_behind(self):
         self.write("time;a\n0;1\n")
@@ -97,7 +139,9 @@ class Record(RecordTest):
             (["-", "new", "--follow"], 2, "--follow"),
             (["in.csv", "new", "--type", "a=float"], 1, "only one column"),
             (["in.csv", "new", "--sync", "often"], 2, "--sync"),
-            (["in.csv", "tmp/.."], 1, "not empty"),
+            (["in.csv", "tmp/.."], 1, "no recording"),
+            (["in.csv", "new/rec"], 1, "no folder"),
+            (["in.csv", "new", "--strict", "--skip-bad"], 2, "--skip-bad"),
         ):
             with self.subTest(arguments=arguments):
                 self.fails("record", *arguments, exit_code=exit_code, says=[says])
@@ -106,10 +150,15 @@ class Record(RecordTest):
     def test_signals_finish_and_save(self):
         for number in (signal.SIGINT, signal.SIGTERM):
             process = self.start("-", f"rec{number}", "--acknowledge", "--flush-rows", "1")
-            self.send(process, "time,a\n0,1\n1,2\n")
+            self.send(process, "time,a\n0,1\n")
             self.assertEqual(process.stdout.readline(), "1\n")
+            # The rows are in the pipe when the signal comes.
+            process.send_signal(signal.SIGSTOP)
+            self.send(process, "1,2\n2,12")
             process.send_signal(number)
-            self.assertEqual(process.wait(20), 0, process.stderr.read())
+            process.send_signal(signal.SIGCONT)
+            self.assertEqual(process.wait(20), 0)
+            self.assertIn("line 4: only a part", process.stderr.read())
             self.assertEqual(self.cat(recording=f"rec{number}"), "time,a\n0,1\n1,2\n")
 
     def test_a_file_that_grows(self):
@@ -142,6 +191,8 @@ class WhileItRuns(RecordTest):
         self.assertIn("recording...", self.run_tool("info", "rec").stdout)
         for command in ("verify", "recover", "gc"):
             self.fails(command, "rec", says=["still being recorded"])
+        self.fails("record", self.write("time,a\n"), "rec", "--force",
+                   says=["still being recorded"])
         self.fails("export", "rec", "out.csv", says=["still being recorded"])
         process.kill()
         process.wait()
@@ -221,11 +272,11 @@ class Recover(RecordTest):
 
 
 class Crashes(RecordTest):
-    """A process is killed at random moments; what it acknowledged must come back."""
+    """Processes are killed at random moments. Every acknowledged row must come back."""
 
     SIGNALS = ("a", "b", "c", "d")
 
-    # Two signals that share all, one that has gaps, one that parts from the first after a while.
+    # Two equal signals, one with gaps, and one that differs from the first after a while.
     @staticmethod
     def row(i):
         return [i / 8, i * 0.5, i * 0.5, "" if i % 7 == 3 else i * 2.0,

@@ -1,4 +1,4 @@
-"""What the tests of the command line share: running it, and files for it."""
+"""Runs the tool and makes files for it. All tests of the command line use this."""
 
 import csv
 import json
@@ -14,7 +14,7 @@ EXAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples" / "data"
 
 
 class ToolTest(unittest.TestCase):
-    """Each test has a folder of its own, which is also the folder of temporary files."""
+    """Each test has its own folder, with a folder for temporary files in it."""
 
     def setUp(self):
         temporary = tempfile.TemporaryDirectory(prefix="kyr test ")
@@ -34,7 +34,7 @@ class ToolTest(unittest.TestCase):
         return result
 
     def fails(self, *arguments, says, exit_code=1):
-        """Run and fail with one line on standard error that holds each text of `says`."""
+        """Runs the tool, which must fail. Its last line must hold each text of `says`."""
         error = self.run_tool(*arguments, expect=exit_code).stderr.splitlines()[-1]
         self.assertTrue(error.startswith("kyr: "), error)
         for text in says:
@@ -46,7 +46,7 @@ class ToolTest(unittest.TestCase):
         return path
 
     def store(self, text, *options):
-        """Import a CSV text as the recording `rec`, in place of the one before."""
+        """Imports a CSV text as the recording `rec`, which is replaced."""
         return self.run_tool("import", self.write(text), "rec", "--force", *options)
 
     def cat(self, *arguments, recording="rec"):

@@ -2,6 +2,20 @@
 
 namespace kyr::tool {
 
+void addArgument(CLI::App& command, const std::string& name, std::string& value,
+                 const std::string& meaning) {
+  command.add_option(name, value, meaning)->required()->type_name("");
+}
+
+void addRecordingArgument(CLI::App& command, std::string& folder) {
+  addArgument(command, "FOLDER", folder, "Folder of the recording");
+}
+
+void addSignalArguments(CLI::App& command, std::vector<std::string>& signals) {
+  command.add_option("SIGNAL", signals, "Names or ids of signals; all of them unless given")
+      ->type_name("");
+}
+
 std::vector<const CLI::App*> commandsOf(const CLI::App& app) {
   return app.get_subcommands([](const CLI::App* command) { return !command->get_name().empty(); });
 }
@@ -18,7 +32,8 @@ bool takesValue(const CLI::Option& option) { return option.get_items_expected_ma
 
 std::string valueNameOf(const CLI::Option& option) {
   std::string name = option.get_type_name();
-  // CLI11 adds what it checks. (Asking for it changes nothing, whatever the signature says.)
+  // CLI11 adds the descriptions of its checks to the name. Reading them changes nothing, but the
+  // function is not const.
   auto& checks = const_cast<CLI::Option&>(option);
   for (int i = 0;; ++i) {
     try {

@@ -1,13 +1,33 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <memory>
 #include <string>
 #include <vector>
 
-/// What completion and manual page say of the command line: read from the command line itself.
+#include "commands/Commands.h"
+
+/// Making the command line, and reading it back for completion and manual page.
 namespace kyr::tool {
 
-/// Subcommands in the order in which --help shows them.
+/// Adds an argument without a dash, which must be given.
+void addArgument(CLI::App& command, const std::string& name, std::string& value,
+                 const std::string& meaning);
+
+/// Adds the argument FOLDER for a recording that exists.
+void addRecordingArgument(CLI::App& command, std::string& folder);
+
+/// Adds the arguments SIGNAL, of which there may be none.
+void addSignalArguments(CLI::App& command, std::vector<std::string>& signals);
+
+/// Lets the command run `run` with its options.
+template <typename Options>
+void setAction(CLI::App& command, Action& action, const std::shared_ptr<Options>& options,
+               int (*run)(const Options& options)) {
+  command.callback([&action, options, run] { action = [options, run] { return run(*options); }; });
+}
+
+/// Commands in the order in which --help shows them.
 std::vector<const CLI::App*> commandsOf(const CLI::App& app);
 
 /// Options that begin with a dash.
@@ -19,13 +39,13 @@ std::vector<const CLI::Option*> positionalsOf(const CLI::App& command);
 /// False for flags.
 bool takesValue(const CLI::Option& option);
 
-/// What --help calls the option's value.
+/// What --help calls the value of an option.
 std::string valueNameOf(const CLI::Option& option);
 
 /// "-h, --help", "--set NAME=VALUE".
 std::string synopsisOf(const CLI::Option& option);
 
-/// A script for bash that completes commands, options and values that can be told beforehand.
+/// A script for bash that completes commands, options, and values where they are known beforehand.
 std::string bashCompletion(const CLI::App& app);
 
 /// The manual page, section 1, in the language of man(7).

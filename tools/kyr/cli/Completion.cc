@@ -15,7 +15,7 @@ namespace kyr::tool {
 
 namespace {
 
-// "parquet|arrow|csv" names all values; words in capitals stand for something else.
+// "parquet|arrow|csv" names all values. Words in capitals stand for other texts.
 std::string valuesOf(const CLI::Option& option) {
   if (option.check_lname("compression")) return writableCodecs();
   std::string values;
@@ -33,7 +33,7 @@ std::string valuesOf(const CLI::Option& option) {
   return values;
 }
 
-// "NAME=VALUE" of every option of the library that takes one of a few values.
+// "NAME=VALUE" for every option of the library that has a few values.
 std::string settingWords() {
   std::string words;
   for (const Setting& setting : currentSettings()) {
@@ -51,7 +51,7 @@ std::string optionNames(const CLI::App& command) {
   return names;
 }
 
-// Cases of the word before the cursor, which is an option with a value.
+// Cases for the word before the cursor, if it is an option with a value.
 std::string valueCases(const CLI::App& command) {
   std::string cases;
   for (const CLI::Option* option : optionsOf(command)) {
@@ -67,7 +67,7 @@ std::string valueCases(const CLI::App& command) {
 
 int printCompletion(const CLI::App& app, const std::string& shell) {
   if (shell != "bash") {
-    throw UsageError(fmt::format("completion for {} is not there, only for bash", shell));
+    throw UsageError(fmt::format("there is no completion for {}, only for bash", shell));
   }
   Output out;
   out.print("{}", bashCompletion(app));
@@ -75,21 +75,11 @@ int printCompletion(const CLI::App& app, const std::string& shell) {
   return 0;
 }
 
-}  // namespace
-
-std::string bashCompletion(const CLI::App& app) {
-  std::string names;
-  std::string options;
-  std::string values;
-  for (const CLI::App* command : commandsOf(app)) {
-    names += command->get_name() + " ";
-    options += fmt::format("        {}) words='{}{}' ;;\n", command->get_name(),
-                           optionNames(*command), "--trace ");
-    values += valueCases(*command);
-  }
-  return fmt::format(R"bash(# Completion of kyr for bash; made by: kyr completion bash
+// Words in braces stand for texts that come from the command line.
+constexpr const char* kBashScript =
+    R"bash(# Completion of kyr for bash, made by: kyr completion bash
 _kyr() {{
-    # Words as they stand on the line: bash takes them apart at "=".
+    # The words as they stand on the line, which bash splits at "=".
     local line=() word joins='' command='' words='' isValue='' i
     for word in "${{COMP_WORDS[@]:0:COMP_CWORD+1}}"; do
         if [[ ${{#line[@]}} -gt 1 && ( $word == = || -n $joins ) ]]; then
@@ -135,6 +125,8 @@ _kyr() {{
 {commands}        esac
     elif [[ $command == completion ]]; then
         words='bash'
+    elif [[ $command == help ]]; then
+        words='{names}'
     fi
     COMPREPLY=($(compgen -W "$words" -- "$current"))
     [[ ${{COMPREPLY[0]}} == *= ]] && compopt -o nospace 2>/dev/null
@@ -142,16 +134,29 @@ _kyr() {{
         COMPREPLY=("${{COMPREPLY[@]#"${{current%=*}}="}}")
     fi
 }}
-# Where it offers nothing, files are.
+# Where this offers nothing, bash offers files.
 complete -o default -F _kyr kyr
-)bash",
-                     fmt::arg("names", names), fmt::arg("options", optionNames(app)),
+)bash";
+
+}  // namespace
+
+std::string bashCompletion(const CLI::App& app) {
+  std::string names;
+  std::string options;
+  std::string values;
+  for (const CLI::App* command : commandsOf(app)) {
+    names += command->get_name() + " ";
+    options += fmt::format("        {}) words='{}{}' ;;\n", command->get_name(),
+                           optionNames(*command), "--trace ");
+    values += valueCases(*command);
+  }
+  return fmt::format(kBashScript, fmt::arg("names", names), fmt::arg("options", optionNames(app)),
                      fmt::arg("values", values), fmt::arg("commands", options),
                      fmt::arg("settings", settingWords()));
 }
 
 void addCompletionCommand(CLI::App& app, Action& action) {
-  CLI::App* command = app.add_subcommand("completion", "Print the completion script of a shell");
+  CLI::App* command = app.add_subcommand("completion", "Print the completion script for a shell");
   const auto shell = std::make_shared<std::string>("bash");
   command->add_option("SHELL", *shell, "bash")->type_name("");
   command->footer(R"help(

@@ -1,24 +1,27 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kyr::tool {
 
-/// What a command cannot carry over. Nothing is left out without a word: it is either a warning, or
-/// the end of the command if that is strict.
+/// What a command cannot carry over. It is never left out in silence: the user gets a warning, or
+/// the command fails if it is strict.
 class Losses {
  public:
-  explicit Losses(bool isStrict) : isStrict_(isStrict) {}
+  /// \param done  what the command does, "written"
+  Losses(bool isStrict, std::string done) : isStrict_(isStrict), done_(std::move(done)) {}
 
   void add(std::string text) { texts_.push_back(std::move(text)); }
 
-  /// Tell what was added since the last call.
-  /// \throws std::runtime_error if there is something and it may not be
+  /// Tells what was added since the last call.
+  /// \throws std::runtime_error if there is something and the command is strict
   void settle();
 
  private:
   bool isStrict_;
+  std::string done_;
   std::vector<std::string> texts_;
 };
 

@@ -14,7 +14,7 @@ namespace kyr::tool {
 
 namespace {
 
-// Text that man(7) shows as it is: no escapes, and no requests at the beginning of a line.
+// Escapes a text so that man(7) shows it as it is.
 std::string plain(std::string_view text) {
   std::string out;
   bool isLineStart = true;
@@ -32,7 +32,7 @@ std::string plain(std::string_view text) {
   return out;
 }
 
-// Paragraphs are filled; indented lines, which are examples, stay as they are.
+// man(7) fills paragraphs. Indented lines are examples and stay as they are.
 std::string paragraphs(const std::string& text) {
   std::istringstream lines(text);
   std::string out;
@@ -94,7 +94,7 @@ std::string sectionOf(const CLI::App& command) {
 
 std::string manualPage(const CLI::App& app) {
   std::string page = fmt::format(
-      ".TH KYR 1 \"\" \"kyr {}\"\n.SH NAME\nkyr \\- record signals as Parquet files, and read them "
+      ".TH KYR 1 \"\" \"kyr {}\"\n.SH NAME\nkyr \\- record signals as Parquet files and read them "
       "back\n.SH SYNOPSIS\n.B kyr\n.RI [ OPTIONS ] \" COMMAND \" [ ARGUMENTS ]\n.SH "
       "DESCRIPTION\n{}\n",
       KYR_VERSION, plain(app.get_description()));
@@ -108,7 +108,7 @@ std::string manualPage(const CLI::App& app) {
 }
 
 void addManualCommand(CLI::App& app, Action& action) {
-  CLI::App* command = app.add_subcommand("manual", "Print the manual page, for man(1) to show");
+  CLI::App* command = app.add_subcommand("manual", "Print the manual page, to be shown by man(1)");
   command->footer(R"help(
 Examples:
   kyr manual | man -l -

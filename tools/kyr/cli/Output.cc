@@ -2,8 +2,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <stdexcept>
-#include <system_error>
 
 #include "cli/Errors.h"
 #include "cli/Interrupt.h"
@@ -24,8 +22,7 @@ void Output::flush() {
   buffer_.clear();
   if (written) return;
   if (error == EPIPE) throw OutputClosed();
-  throw std::runtime_error("standard output cannot be written: " +
-                           std::generic_category().message(error));
+  throw systemError("standard output", "written", error);
 }
 
 }  // namespace kyr::tool

@@ -13,6 +13,8 @@
 #include <system_error>
 #include <utility>
 
+#include "cli/Errors.h"
+#include "cli/Files.h"
 #include "cli/Interrupt.h"
 #include "kyr/platform/FileSystem.h"
 
@@ -22,17 +24,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-[[noreturn]] void fail(const char* operation, const std::string& name, int error) {
-  throw std::runtime_error(
-      fmt::format("{} cannot be {}: {}", name, operation, std::generic_category().message(error)));
-}
-
 void flushToDisk(const fs::path& path) {
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) fail("opened", path.string(), errno);
+  if (descriptor < 0) throw systemError(path.string(), "opened", errno);
   const int error = ::fsync(descriptor) == 0 ? 0 : errno;
   ::close(descriptor);
-  if (error != 0) fail("flushed to disk", path.string(), error);
+  if (error != 0) throw systemError(path.string(), "flushed to disk", error);
 }
 
 void flushTree(const fs::path& path) {
@@ -54,7 +51,7 @@ bool holdsOnlyPartitions(const fs::path& folder) {
       });
 }
 
-// A temporary name has room for what comes after it.
+// Leaves room for the ending of the temporary name.
 std::string shortened(std::string name) {
   constexpr std::size_t kLongest = 220;
   const auto isInsideCharacter = [](char c) {
@@ -66,16 +63,11 @@ std::string shortened(std::string name) {
   return name.substr(0, end);
 }
 
-fs::path withFileName(const std::string& name) {
-  fs::path path = fs::absolute(name).lexically_normal();
-  return path.has_filename() ? path : path.parent_path();
-}
-
 }  // namespace
 
 PendingOutput::PendingOutput(std::string name, Kind kind, bool replaces)
     : name_(std::move(name)), kind_(kind), replaces_(replaces) {
-  target_ = withFileName(name_);
+  target_ = wholePath(name_);
   checkTarget();
   const auto stem = Path::fromFilesystem(shortened(target_.filename().string())).text();
   pending_ = fileSystem::uniqueName(Path::fromFilesystem(target_.parent_path()),
@@ -86,16 +78,16 @@ PendingOutput::PendingOutput(std::string name, Kind kind, bool replaces)
 }
 
 void PendingOutput::make() {
-  // What takes another file's mode in the end is nobody else's until then.
+  // A file that gets the mode of the one it replaces must not be open to others before.
   const mode_t fileMode = replaces_ && fs::exists(target_) ? 0600 : 0666;
   constexpr mode_t kFolderMode = 0777;
   if (kind_ == Kind::folder) {
-    if (::mkdir(pending_.c_str(), kFolderMode) != 0) fail("made", name_, errno);
+    if (::mkdir(pending_.c_str(), kFolderMode) != 0) throw systemError(name_, "made", errno);
     return;
   }
   const int descriptor =
       ::open(pending_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, fileMode);
-  if (descriptor < 0) fail("made", name_, errno);
+  if (descriptor < 0) throw systemError(name_, "made", errno);
   ::close(descriptor);
 }
 
@@ -137,43 +129,45 @@ void PendingOutput::publishNew() {
   constexpr unsigned int kNoReplace = RENAME_NOREPLACE;
   if (::renameat2(AT_FDCWD, pending_.c_str(), AT_FDCWD, target_.c_str(), kNoReplace) != 0) {
     if (errno == EEXIST) checkTarget();
-    if (errno != EINVAL && errno != ENOSYS) fail("made", name_, errno);
-    // A file system that cannot do that in one step. A rename replaces no folder that holds
-    // something, and a link nothing at all.
+    if (errno != EINVAL && errno != ENOSYS) throw systemError(name_, "made", errno);
+    // The file system cannot do that in one step. A rename replaces no folder that holds something,
+    // and a link replaces nothing at all.
     const bool made = kind_ == Kind::folder ? std::rename(pending_.c_str(), target_.c_str()) == 0
                                             : ::link(pending_.c_str(), target_.c_str()) == 0;
-    if (!made) fail("made", name_, errno);
-    if (kind_ == Kind::file) return;  // the other name goes with the object
+    if (!made) throw systemError(name_, "made", errno);
+    if (kind_ == Kind::file) return;  // the destructor removes the temporary name
   }
   pending_.clear();
 }
 
-// Who may read the file does not change with its content.
+// A new content does not change who may read the file.
 void PendingOutput::keepMode() const {
   constexpr mode_t kModeBits = 07777;
   struct stat replaced {};
   if (::stat(target_.c_str(), &replaced) != 0) return;
-  if (::chmod(pending_.c_str(), replaced.st_mode & kModeBits) != 0) fail("replaced", name_, errno);
+  if (::chmod(pending_.c_str(), replaced.st_mode & kModeBits) != 0)
+    throw systemError(name_, "replaced", errno);
 }
 
 void PendingOutput::replace() {
   checkTarget();
   if (kind_ == Kind::file || !fs::exists(target_)) {
     keepMode();
-    if (std::rename(pending_.c_str(), target_.c_str()) != 0) fail("replaced", name_, errno);
+    if (std::rename(pending_.c_str(), target_.c_str()) != 0)
+      throw systemError(name_, "replaced", errno);
     pending_.clear();
     return;
   }
-  // The older folder takes the name of the new one, and goes with the object.
+  // The older folder gets the temporary name, and the destructor removes it.
   constexpr unsigned int kExchange = RENAME_EXCHANGE;
   if (::renameat2(AT_FDCWD, pending_.c_str(), AT_FDCWD, target_.c_str(), kExchange) == 0) return;
-  if (errno != EINVAL && errno != ENOSYS) fail("replaced", name_, errno);
+  if (errno != EINVAL && errno != ENOSYS) throw systemError(name_, "replaced", errno);
   const fs::path old = pending_.string() + ".old";
-  if (std::rename(target_.c_str(), old.c_str()) != 0) fail("replaced", name_, errno);
+  if (std::rename(target_.c_str(), old.c_str()) != 0) throw systemError(name_, "replaced", errno);
   if (std::rename(pending_.c_str(), target_.c_str()) != 0) {
     const int error = errno;
     std::rename(old.c_str(), target_.c_str());
-    fail("replaced", name_, error);
+    throw systemError(name_, "replaced", error);
   }
   pending_ = old;
 }

@@ -1,6 +1,7 @@
 #include "cli/Settings.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -13,6 +14,7 @@
 
 #include "cli/Errors.h"
 #include "cli/Text.h"
+#include "cli/Usage.h"
 #include "kyr/host/ReferenceHost.h"
 #include "kyr/host/Registration.h"
 #include "kyr/parquet/SerializationOptions.h"
@@ -51,22 +53,17 @@ constexpr std::array<Option, 5> kOptions{{
 constexpr const char* kSetter = "Tarnwick.kyr.setParquetOptions";
 constexpr const char* kGetter = "Tarnwick.kyr.getParquetOptions";
 
-std::string optionNames() {
-  std::string names;
-  for (const Option& option : kOptions) {
-    names += (names.empty() ? "" : ", ") + std::string(option.name);
-  }
-  return names;
-}
-
 const Option& optionCalled(std::string_view name) {
   for (const Option& option : kOptions) {
     if (name == option.name) return option;
   }
-  throw UsageError(fmt::format("--set {}: there is no such option, only {}", name, optionNames()));
+  std::vector<std::string> names;
+  for (const Option& option : kOptions) names.emplace_back(option.name);
+  throw UsageError(fmt::format("--set {}: there is no such option{} (kyr options lists {})", name,
+                               suggestion(std::string(name), names), fmt::join(names, ", ")));
 }
 
-// The tool's own script host, with the library registered.
+// The script host of the tool, with the library registered.
 ReferenceHost& scriptHost() {
   static ReferenceHost host;
   static const bool isRegistered = [] {
@@ -83,7 +80,7 @@ bool& isCodecChosen() {
   return isChosen;
 }
 
-// The library takes these codecs and batch sizes, and Parquet does not.
+// The library accepts these codecs, but Parquet does not.
 void requireWritable(const Option& option, std::string_view value) {
   if (option.kind == Kind::codec && (value == "lzo" || value == "lz4_frame")) {
     throw UsageError(
@@ -157,7 +154,7 @@ void addSetOption(CLI::App& command, std::vector<std::string>& settings) {
           [&settings](const std::vector<std::string>& given) {
             settings.insert(settings.end(), given.begin(), given.end());
           },
-          "Set an option of the library (see kyr options); may be given repeatedly")
+          "Set an option of the library, see kyr options; may be given repeatedly")
       ->type_name("NAME=VALUE")
       ->allow_extra_args(false);
 }
@@ -167,9 +164,9 @@ void addCompressionOption(CLI::App& command, std::vector<std::string>& settings)
       .add_option_function<std::string>(
           "--compression",
           [&settings](const std::string& codec) { settings.push_back("Compression=" + codec); },
-          "Codec of the files: uncompressed, snappy, gzip, brotli, zstd, lz4_hadoop; short for "
-          "--set Compression=CODEC. Unless given, the data decide in recordings; other files have "
-          "none")
+          "Codec of the files: uncompressed, snappy, gzip, brotli, zstd or lz4_hadoop; short for "
+          "--set Compression=CODEC. Unless given, recordings choose it from the data, and other "
+          "files are not compressed")
       ->type_name("CODEC");
 }
 

@@ -33,4 +33,13 @@ const SignalInfo& signalCalled(const RecordingInfo& info, const std::string& nam
                                        inQuotes(name), folder));
 }
 
+std::vector<SignalInfo> chosenSignals(const RecordingInfo& info,
+                                      const std::vector<std::string>& names,
+                                      const std::string& folder) {
+  if (names.empty()) return info.signals;
+  std::vector<SignalInfo> signals;
+  for (const std::string& name : names) signals.push_back(signalCalled(info, name, folder));
+  return signals;
+}
+
 }  // namespace kyr::tool

@@ -4,14 +4,14 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <system_error>
+
+#include "cli/Errors.h"
 
 namespace kyr::tool {
 
 ::arrow::Status StandardOutput::failure(int error) {
   isAbandoned_ = isAbandoned_ || error == EPIPE;
-  return ::arrow::Status::IOError("standard output cannot be written: ",
-                                  std::generic_category().message(error));
+  return ::arrow::Status::IOError(systemError("standard output", "written", error).what());
 }
 
 ::arrow::Status StandardOutput::Write(const void* data, std::int64_t size) {

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/CommandLine.h"
 #include "cli/Errors.h"
 #include "cli/Output.h"
 #include "cli/SignalSelection.h"
@@ -53,12 +54,12 @@ Window windowOf(const CatOptions& options) {
   window.to = options.to.value_or(window.to);
   if (!(window.from <= window.to)) {
     throw UsageError(
-        fmt::format("--from {} --to {}: no time is in between", window.from, window.to));
+        fmt::format("--from {} --to {}: no time lies in between", window.from, window.to));
   }
   if (options.rows.empty()) return window;
   const std::string_view rows = options.rows;
   const std::size_t colon = rows.find(':');
-  // Without a colon all of it is no number.
+  // A text without a colon is refused as a number.
   const std::string_view first = colon == std::string_view::npos ? "?" : rows.substr(0, colon);
   window.firstRow = parseRow(first, window.firstRow, options.rows);
   window.endRow = parseRow(rows.substr(colon + 1), window.endRow, options.rows);
@@ -68,20 +69,11 @@ Window windowOf(const CatOptions& options) {
   return window;
 }
 
-// All signals unless some are named.
-std::vector<SignalInfo> chosenSignals(RecordingInfo info, const CatOptions& options) {
-  if (options.signals.empty()) return std::move(info.signals);
-  std::vector<SignalInfo> signals;
-  for (const std::string& name : options.signals) {
-    signals.push_back(signalCalled(info, name, options.folder));
-  }
-  return signals;
-}
-
 int catLive(const CatOptions& options, const Window& window) {
   recording::LiveReader reader(Path::fromNarrow(options.folder));
   Output out;
-  LiveCat cat(options.folder, chosenSignals(recordingInfoOf(reader), options), window);
+  const RecordingInfo info = recordingInfoOf(reader);
+  LiveCat cat(options.folder, chosenSignals(info, options.signals, options.folder), window);
   if (options.follows) {
     cat.follow(out, reader);
   } else {
@@ -97,7 +89,8 @@ int runCat(const CatOptions& options) {
   const Window window = windowOf(options);
   const Path folder = Path::fromNarrow(options.folder);
   if (recording::isLiveRecording(folder)) return catLive(options, window);
-  std::vector<SignalInfo> signals = chosenSignals(recording::describeRecording(folder), options);
+  std::vector<SignalInfo> signals =
+      chosenSignals(recording::describeRecording(folder), options.signals, options.folder);
   std::set<int> ids;
   for (const SignalInfo& signal : signals) ids.insert(signal.signalId);
   recording::Recording opened =
@@ -120,16 +113,12 @@ int runCat(const CatOptions& options) {
 void addCatCommand(CLI::App& app, Action& action) {
   CLI::App* command = app.add_subcommand("cat", "Print signals as CSV");
   const auto options = std::make_shared<CatOptions>();
-  command->add_option("FOLDER", options->folder, "Folder of the recording")
-      ->required()
-      ->type_name("");
-  command
-      ->add_option("SIGNAL", options->signals, "Names or ids of signals, all of them unless given")
-      ->type_name("");
+  addRecordingArgument(*command, options->folder);
+  addSignalArguments(*command, options->signals);
   auto* from =
       command->add_option("--from", options->from, "Leave out earlier times [s]")->type_name("T");
   auto* to = command->add_option("--to", options->to, "Leave out later times [s]")->type_name("T");
-  command->add_option("--rows", options->rows, "The rows A to B - 1, counted from 0")
+  command->add_option("--rows", options->rows, "Print the rows A to B - 1, counted from 0")
       ->type_name("A:B")
       ->excludes(from)
       ->excludes(to)
@@ -137,17 +126,17 @@ void addCatCommand(CLI::App& app, Action& action) {
           command->add_flag("--follow", options->follows,
                             "Print rows as they are recorded, until the recording is finished"));
   command->footer(R"help(
-Prints a header of names and units, then a row per time. Where signals have different times, the rows
-are merged and cells without a sample are empty; the n-th sample of a repeated time stands beside the
-n-th ones of other signals. For signals without times, the column "row" counts their samples, and
-takes the place of time.
+Prints a header of names and units, then a row for each time. If signals have different times, their
+rows are merged, and cells without a sample are empty. If a time is repeated, the n-th samples of
+all signals stand in the same row. For signals without times, the column "row" takes the place of
+the time and counts their samples.
 
-Numbers have the shortest form that reads back exactly, so kyr import takes them in unchanged. A
-matrix is one cell, "1 2;3 4": rows with semicolons, elements with blanks between them. Blobs are
+Numbers have the shortest form that reads back exactly, so kyr import stores the same values again.
+A matrix is one cell, "1 2;3 4", with blanks between elements and semicolons between rows. Blobs are
 base64.
 
-Of a recording that is still being written, what was made durable is printed. With --follow, signals
-that are not recorded together stand in rows of their own.
+While a recording is being written, its durable rows are printed. With --follow, signals that are
+not recorded together stand in rows of their own.
 
 Examples:
   kyr cat run
@@ -155,7 +144,7 @@ Examples:
   kyr cat run --rows 1000:2000
   kyr cat run --rows :10
   kyr cat run speed --follow)help");
-  command->callback([options, &action] { action = [options] { return runCat(*options); }; });
+  setAction(*command, action, options, runCat);
 }
 
 }  // namespace kyr::tool

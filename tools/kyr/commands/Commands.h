@@ -8,10 +8,11 @@ class App;
 
 namespace kyr::tool {
 
-/// What the command line asks for: run after all of it was understood; returns the exit code.
+/// Does what the command line asks for and returns the exit code. It runs after the whole command
+/// line was understood.
 using Action = std::function<int()>;
 
-/// \name Each adds a subcommand, which sets \p action when it is called.
+/// \name Each adds a command, which sets \p action when the user calls it.
 /// @{
 void addImportCommand(CLI::App& app, Action& action);
 void addRecordCommand(CLI::App& app, Action& action);
@@ -25,6 +26,7 @@ void addOptionsCommand(CLI::App& app, Action& action);
 void addDemoCommand(CLI::App& app, Action& action);
 void addCompletionCommand(CLI::App& app, Action& action);
 void addManualCommand(CLI::App& app, Action& action);
+void addHelpCommand(CLI::App& app, Action& action);
 /// @}
 
 }  // namespace kyr::tool

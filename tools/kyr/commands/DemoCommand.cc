@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/CommandLine.h"
 #include "cli/Output.h"
 #include "cli/Settings.h"
 #include "cli/TemporaryFolder.h"
@@ -35,14 +36,14 @@ struct DemoOptions {
   std::vector<std::string> settings;
 };
 
-// Beside an installed tool or, before it is installed, in the source tree.
+// The data lie beside an installed tool, or else in the source tree.
 std::string bundledData() {
   const fs::path tool = fs::read_symlink("/proc/self/exe").parent_path();
   const fs::path file = fs::path("building-hvac") / "results_initialize_advance.csv";
   for (const fs::path& folder : {tool / KYR_INSTALLED_EXAMPLES, fs::path(KYR_SOURCE_EXAMPLES)}) {
     if (fs::exists(folder / file)) return (folder / file).lexically_normal().string();
   }
-  throw std::runtime_error("the data of the demo are not installed: give a CSV file with --data");
+  throw std::runtime_error("the data of the demo are not installed; give a CSV file with --data");
 }
 
 template <typename T>
@@ -74,7 +75,7 @@ class SampleList : public SampleSink {
   std::map<int, Samples> samples_;
 };
 
-// Number of samples compared.
+// Returns the number of samples that were compared.
 std::uint64_t compareWithCsv(const std::string& file, const std::string& folder) {
   CsvTable table(file, {});
   SampleList samples;
@@ -89,7 +90,7 @@ std::uint64_t compareWithCsv(const std::string& file, const std::string& folder)
     if (!areSame(read.bytes, expected.bytes) ||
         (!expected.bytes.empty() && !areSame(read.time, expected.time))) {
       throw std::runtime_error(
-          fmt::format("signal {} is not what {} says", inQuotes(column.name), file));
+          fmt::format("signal {} differs from {}", inQuotes(column.name), file));
     }
     compared += expected.time.size();
   }
@@ -137,9 +138,9 @@ void addDemoCommand(CLI::App& app, Action& action) {
   const auto options = std::make_shared<DemoOptions>();
   command
       ->add_option("FOLDER", options->folder,
-                   "Where to keep the recording; a temporary folder unless given")
+                   "Folder to keep the recording in; a temporary folder unless given")
       ->type_name("");
-  command->add_option("--data", options->data, "CSV file to store instead of the bundled one")
+  command->add_option("--data", options->data, "CSV file to store in place of the bundled one")
       ->type_name("FILE");
   addSetOption(*command, options->settings);
   command->add_flag("--force", options->replaces, "Replace the recording in FOLDER");
@@ -147,7 +148,7 @@ void addDemoCommand(CLI::App& app, Action& action) {
 Examples:
   kyr demo
   kyr demo run --data run.csv --set Compression=zstd)help");
-  command->callback([options, &action] { action = [options] { return runDemo(*options); }; });
+  setAction(*command, action, options, runDemo);
 }
 
 }  // namespace kyr::tool

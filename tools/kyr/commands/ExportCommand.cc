@@ -10,8 +10,11 @@
 #include <stdexcept>
 #include <utility>
 
+#include "cli/CommandLine.h"
 #include "cli/Errors.h"
+#include "cli/Files.h"
 #include "cli/Interrupt.h"
+#include "cli/Losses.h"
 #include "cli/Output.h"
 #include "cli/PendingOutput.h"
 #include "cli/ProgressBar.h"
@@ -22,7 +25,6 @@
 #include "export/ExportOptions.h"
 #include "export/ExportSignals.h"
 #include "export/LongTable.h"
-#include "export/Losses.h"
 #include "export/ParquetFooter.h"
 #include "export/RecordingFiles.h"
 #include "export/TableWriter.h"
@@ -37,7 +39,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Options as they are given.
+// Options as the user gave them.
 struct GivenOptions {
   std::string format;
   std::vector<std::string> settings;  // options of the library, "NAME=VALUE"
@@ -57,11 +59,11 @@ ExportFormat formatOf(const GivenOptions& given, const ExportOptions& options) {
   if (suffix.size() <= 1 || suffix == ".parquet") return ExportFormat::parquet;
   if (suffix == ".arrow" || suffix == ".feather") return ExportFormat::arrow;
   if (suffix == ".csv") return ExportFormat::csv;
-  throw UsageError(fmt::format("OUT {}: {} tells no format: give --format parquet, arrow or csv",
+  throw UsageError(fmt::format("OUT {}: {} names no format; give --format parquet, arrow or csv",
                                options.out, suffix));
 }
 
-// Sets the options of the library; the codec, if there is one among them.
+// Sets the options of the library. Returns the codec, if one is among them.
 std::optional<::arrow::Compression::type> applyGiven(const std::vector<std::string>& settings,
                                                      ExportFormat format) {
   applySettings(settings);
@@ -70,7 +72,7 @@ std::optional<::arrow::Compression::type> applyGiven(const std::vector<std::stri
     const bool isCodec = setting.rfind("Compression=", 0) == 0;
     if (isCodec) codec = parquet::serialization_options::compressionMethod;
     if (setting.rfind("SharedTimeColumn=", 0) == 0) {
-      throw UsageError(setting + ": a table has its times beside the samples in any case");
+      throw UsageError(setting + ": a table always has its times beside the samples");
     }
     const bool isForArrow =
         codec == ::arrow::Compression::ZSTD || codec == ::arrow::Compression::UNCOMPRESSED;
@@ -115,18 +117,17 @@ void understand(const GivenOptions& given, ExportOptions& options) {
   }
   if (options.writesToStandardOutput() && options.format == ExportFormat::parquet) {
     throw UsageError(
-        "Parquet cannot go to standard output: name a file, or take --format csv or "
-        "arrow");
+        "Parquet cannot go to standard output; name a file, or use --format csv or arrow");
   }
 }
 
-// What is exported never takes the place of what it is made of.
+// An export must not overwrite the files that it reads.
 void checkApart(const ExportOptions& options) {
   const fs::path recording = fs::weakly_canonical(options.folder);
   const fs::path out = fs::weakly_canonical(fs::absolute(options.out));
   if (out == recording / "recording.json" || out.parent_path() == recording / "storage") {
     throw std::runtime_error(options.out +
-                             " belongs to the recording that is exported: choose another name");
+                             " belongs to the recording that is exported; choose another name");
   }
 }
 
@@ -156,15 +157,6 @@ void writeWide(RecordingFiles& files, const std::vector<ExportSignal>& signals,
   addArrowSchema(target.file, *wide.table()->schema());
 }
 
-std::uint64_t bytesBelow(const fs::path& path) {
-  if (!fs::is_directory(path)) return fs::file_size(path);
-  std::uint64_t bytes = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(path)) {
-    if (entry.is_regular_file()) bytes += entry.file_size();
-  }
-  return bytes;
-}
-
 void exportRecording(const ExportOptions& options) {
   std::optional<PendingOutput> output;
   if (!options.writesToStandardOutput()) {
@@ -175,7 +167,7 @@ void exportRecording(const ExportOptions& options) {
   }
   const auto info = recording::describeRecording(Path::fromNarrow(options.folder));
   RecordingFiles files(options.folder, info);
-  Losses losses(options.isStrict);
+  Losses losses(options.isStrict, "written");
   const auto signals = exportedSignals(info, files, options, losses);
   const TableWriter::Target target{options.format, output ? output->path() : fs::path(),
                                    options.out, options.codec};
@@ -201,19 +193,20 @@ void exportRecording(const ExportOptions& options) {
 }
 
 constexpr const char* kFooter = R"help(
-Unless told otherwise the table is wide: "time" and a column for each signal, which all need the same
-times. It is in memory as a whole. --long gives a table of the columns time, signal and value instead,
-sorted by signal (in the recording's order), then time, and --partition the same as a folder of files
-OUT/signal=NAME/part-0.parquet. These go through memory in pieces, however large the recording is.
+Unless you say otherwise the table is wide: it has the column "time" and a column for each signal.
+All signals then need the same times, and the table is in memory as a whole. --long gives a table of
+the columns time, signal and value instead, sorted by signal in the order of the recording, then by
+time. --partition gives the same as a folder of files OUT/signal=NAME/part-0.parquet. Both go
+through memory in pieces, however large the recording is.
 
---resample brings signals of different times together: at a time of the grid a signal has its latest
-sample, or with --method linear a number in between. Before its first sample it is null, with linear
-after its last one as well. A sample counts as at a time that it misses by no more than 1e-9 of STEP
+--resample gives all signals the same times. At each of these times a signal has its latest sample,
+or with --method linear a number between two samples. It is null before the first sample, and with
+linear after the last one as well. A sample counts for a time that it misses by at most 1e-9 of STEP
 and two roundings. A table that would take more than half of the free memory is refused.
 
-Values in long tables are float64. What cannot be exported is named, and with --strict nothing is
-written then. A table appears under its name when it is whole, and never in place of another without
---force. Units are in the fields' metadata, in CSV in the header.
+Values in long tables are float64. A warning names what cannot be exported, and with --strict
+nothing is written then. A table appears under its name only when it is whole, and never replaces
+another one without --force. Units are in the metadata of the fields, and in the header of CSV.
 
 Examples:
   kyr export run run.parquet
@@ -223,64 +216,77 @@ Examples:
   kyr export run dataset --long --partition signal
   kyr export run - speed | head)help";
 
-void addShapeOptions(CLI::App* command, ExportOptions& options, GivenOptions& given) {
-  CLI::Option* isLong =
-      command->add_flag("--long", options.isLong, "A row for each sample: time, signal, value");
+// A check that --help does not describe, because the name of the value does.
+CLI::Validator oneOf(const std::vector<std::string>& values) {
+  return CLI::IsMember(values).description("");
+}
+
+void addShapeOptions(CLI::App& command, ExportOptions& options, GivenOptions& given) {
+  CLI::Option* isLong = command.add_flag("--long", options.isLong,
+                                         "Write a row for each sample: time, signal, value");
   command
-      ->add_option("--partition", given.partition,
-                   "Write the long table as a folder of files, one for each signal")
+      .add_option("--partition", given.partition,
+                  "Write the long table as a folder of files, one for each signal")
       ->type_name("signal")
-      ->check(CLI::IsMember(std::vector<std::string>{"signal"}).description(""))
+      ->check(oneOf({"signal"}))
       ->needs(isLong);
   CLI::Option* resample =
       command
-          ->add_option("--resample", given.resample,
-                       "Bring all signals to the same times: every STEP seconds, or all times of "
-                       "all of them")
+          .add_option(
+              "--resample", given.resample,
+              "Give all signals the same times: every STEP seconds, or with union all times "
+              "of all signals")
           ->type_name("STEP|union")
           ->excludes(isLong);
   command
-      ->add_option("--method", given.method,
-                   "How to resample: hold the previous sample (unless given), or linear")
+      .add_option("--method", given.method,
+                  "How to resample: previous (unless given) holds the sample before, linear "
+                  "interpolates")
       ->type_name("previous|linear")
-      ->check(CLI::IsMember(std::vector<std::string>{"previous", "linear"}).description(""))
+      ->check(oneOf({"previous", "linear"}))
       ->needs(resample);
+}
+
+struct Options {
+  ExportOptions understood;
+  GivenOptions given;
+};
+
+void addExportOptions(CLI::App& command, Options& options) {
+  addArgument(command, "RECORDING", options.understood.folder, "Folder of the recording");
+  addArgument(command, "OUT", options.understood.out, "New file, or - for standard output");
+  addSignalArguments(command, options.understood.signals);
+  command
+      .add_option(
+          "--format", options.given.format,
+          "parquet, arrow or csv. Unless given, the ending of OUT decides (.parquet, .arrow, "
+          ".feather, .csv). Without an ending it is parquet, for standard output csv")
+      ->type_name("parquet|arrow|csv")
+      ->check(oneOf({"parquet", "arrow", "csv"}));
+  addShapeOptions(command, options.understood, options.given);
+  addCompressionOption(command, options.given.settings);
+  addSetOption(command, options.given.settings);
+  command.add_flag("--strict", options.understood.isStrict,
+                   "Write nothing if something cannot be exported");
+  command.add_flag("--force", options.understood.replaces,
+                   "Replace the file OUT, or the partitions in OUT");
+}
+
+int runExport(const Options& options) {
+  ExportOptions understood = options.understood;
+  understand(options.given, understood);
+  exportRecording(understood);
+  return 0;
 }
 
 }  // namespace
 
 void addExportCommand(CLI::App& app, Action& action) {
   CLI::App* command = app.add_subcommand("export", "Write signals as one table");
-  const auto options = std::make_shared<ExportOptions>();
-  const auto given = std::make_shared<GivenOptions>();
-  command->add_option("RECORDING", options->folder, "Folder of the recording")
-      ->required()
-      ->type_name("");
-  command->add_option("OUT", options->out, "New file, or - for standard output")
-      ->required()
-      ->type_name("");
-  command
-      ->add_option("SIGNAL", options->signals, "Names or ids of signals, all of them unless given")
-      ->type_name("");
-  command
-      ->add_option("--format", given->format,
-                   "parquet, arrow or csv; unless given, as OUT ends (.parquet, .arrow, .feather, "
-                   ".csv), parquet without an ending, and csv for standard output")
-      ->type_name("parquet|arrow|csv")
-      ->check(CLI::IsMember(std::vector<std::string>{"parquet", "arrow", "csv"}).description(""));
-  addShapeOptions(command, *options, *given);
-  addCompressionOption(*command, given->settings);
-  addSetOption(*command, given->settings);
-  command->add_flag("--strict", options->isStrict, "Write nothing if something cannot be exported");
-  command->add_flag("--force", options->replaces, "Replace the file OUT, or the partitions in OUT");
+  const auto options = std::make_shared<Options>();
+  addExportOptions(*command, *options);
   command->footer(kFooter);
-  command->callback([options, given, &action] {
-    action = [options, given] {
-      understand(*given, *options);
-      exportRecording(*options);
-      return 0;
-    };
-  });
+  setAction(*command, action, options, runExport);
 }
 
 }  // namespace kyr::tool

@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "cli/CommandLine.h"
+#include "cli/Files.h"
 #include "cli/Output.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
@@ -27,7 +29,7 @@ struct GcOptions {
   bool isDry = false;
 };
 
-// What lies in the storage and belongs to no signal.
+// Files in the storage that belong to no signal.
 std::vector<fs::path> strayFiles(const fs::path& folder, const recording::RecordingInfo& info) {
   std::set<std::string> named;
   for (const recording::FileInfo& file : info.files) named.insert(std::to_string(file.storageId));
@@ -44,10 +46,9 @@ std::vector<fs::path> strayFiles(const fs::path& folder, const recording::Record
   return strays;
 }
 
-// What saves that were killed left beside the recording.
+// Folders that killed saves left beside the recording.
 std::vector<fs::path> staleFolders(const fs::path& folder) {
-  fs::path whole = fs::weakly_canonical(fs::absolute(folder));
-  if (!whole.has_filename()) whole = whole.parent_path();
+  const fs::path whole = wholePath(fs::weakly_canonical(fs::absolute(folder)).string());
   const std::string prefix = whole.filename().string() + ".saving-";
   std::vector<fs::path> found;
   for (const auto& entry : fs::directory_iterator(whole.parent_path())) {
@@ -59,19 +60,10 @@ std::vector<fs::path> staleFolders(const fs::path& folder) {
   return found;
 }
 
-std::uint64_t bytesIn(const fs::path& path) {
-  if (!fs::is_directory(path)) return fs::file_size(path);
-  std::uint64_t bytes = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(path)) {
-    if (fs::is_regular_file(entry.symlink_status())) bytes += entry.file_size();
-  }
-  return bytes;
-}
-
 int runGc(const GcOptions& options) {
   const Path path = Path::fromNarrow(options.folder);
   const fs::path folder = path.toFilesystem();
-  // Refuses recordings that are being written.
+  // This refuses recordings that are being written.
   const recording::RecordingInfo info = recording::describeRecording(path);
   std::vector<fs::path> garbage = strayFiles(folder, info);
   if (options.stale) {
@@ -81,7 +73,7 @@ int runGc(const GcOptions& options) {
   Output out;
   std::uint64_t bytes = 0;
   for (const fs::path& item : garbage) {
-    const std::uint64_t size = bytesIn(item);
+    const std::uint64_t size = bytesBelow(item);
     if (!options.isDry) fs::remove_all(item);
     bytes += size;
     out.print("{} {}: {}\n", options.isDry ? "would remove" : "removed", item.string(),
@@ -97,21 +89,19 @@ int runGc(const GcOptions& options) {
 void addGcCommand(CLI::App& app, Action& action) {
   CLI::App* command = app.add_subcommand("gc", "Remove files that a recording does not need");
   const auto options = std::make_shared<GcOptions>();
-  command->add_option("FOLDER", options->folder, "Folder of the recording")
-      ->required()
-      ->type_name("");
+  addRecordingArgument(*command, options->folder);
   command->add_flag("--stale", options->stale,
-                    "Also remove the folders FOLDER.saving-* of saves that were killed; nobody "
-                    "must be saving the recording meanwhile");
-  command->add_flag("--dry-run", options->isDry, "Only say what would be removed");
+                    "Also remove the folders FOLDER.saving-* that killed saves left. Nobody may be "
+                    "saving the recording meanwhile");
+  command->add_flag("--dry-run", options->isDry, "Say what would be removed, and remove nothing");
   command->footer(R"help(
 Removes files in FOLDER/storage that recording.json does not name, and says which. Nothing else in
-the folder is touched, and nothing of a recording that is still being written.
+the folder is touched. A recording that is still being written is refused.
 
 Examples:
   kyr gc run --dry-run
   kyr gc run --stale)help");
-  command->callback([options, &action] { action = [options] { return runGc(*options); }; });
+  setAction(*command, action, options, runGc);
 }
 
 }  // namespace kyr::tool

@@ -5,13 +5,17 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
-#include <filesystem>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
+#include "cli/CommandLine.h"
 #include "cli/Errors.h"
+#include "cli/Losses.h"
 #include "cli/Output.h"
 #include "cli/ProgressBar.h"
+#include "cli/RecordingFolder.h"
 #include "cli/Settings.h"
 #include "cli/TemporaryFolder.h"
 #include "cli/Text.h"
@@ -21,48 +25,20 @@
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/recording/Recording.h"
 #include "print/RecordingSummary.h"
-#include "print/TypeNames.h"
 
 namespace kyr::tool {
 
-namespace fs = std::filesystem;
-
 namespace {
 
-// Told before the work and not after it.
-void checkTarget(const std::string& folder, bool replaces) {
-  if (folder.empty()) throw UsageError("FOLDER is empty");
-  fs::path path = fs::absolute(folder).lexically_normal();
-  if (!path.has_filename()) path = path.parent_path();
-  if (!fs::exists(fs::symlink_status(path))) {
-    if (fs::is_directory(path.parent_path())) return;
-    throw std::runtime_error(
-        fmt::format("{} cannot be made: {} is no folder", folder, path.parent_path().string()));
-  }
-  if (fs::is_directory(path) && fs::is_empty(path)) return;
-  if (!fs::exists(path / "recording.json")) {
-    throw std::runtime_error(
-        fmt::format("{} exists and is no recording: choose another name", folder));
-  }
-  if (!replaces) {
-    throw std::runtime_error(fmt::format(
-        "{} is a recording already: choose another name, or replace it with --force", folder));
-  }
-}
-
 void tellLosses(const CsvTable& table, const ImportOptions& options) {
-  const auto& losses = table.losses();
-  if (options.isStrict && !losses.empty()) {
-    throw std::runtime_error(fmt::format(
-        "{}{}: nothing was stored because of --strict", losses.front(),
-        losses.size() > 1 ? fmt::format(" (and {} more)", losses.size() - 1) : std::string()));
-  }
-  for (const std::string& loss : losses) tell("warning: " + loss);
+  Losses losses(options.isStrict, "stored");
+  for (const std::string& loss : table.losses()) losses.add(loss);
+  losses.settle();
   constexpr std::array<std::string_view, 6> kSeconds{"",       "s",       "sec",
                                                      "second", "seconds", "Seconds"};
   if (std::find(kSeconds.begin(), kSeconds.end(), table.timeUnit()) == kSeconds.end()) {
     tell(
-        fmt::format("warning: the times are in {}, and are stored as they are: recordings count "
+        fmt::format("warning: the times are in {} and are stored as they are, but recordings count "
                     "time in seconds",
                     inQuotes(table.timeUnit())));
   }
@@ -81,14 +57,16 @@ int runImport(const ImportOptions& options) {
 
 void importCsv(const ImportOptions& options) {
   applySettings(options.settings);
-  if (options.stream && !parquet::serialization_options::bSharedTimeColumn) {
+  if (options.streams && !parquet::serialization_options::bSharedTimeColumn) {
     throw UsageError("--set SharedTimeColumn=false: streamed signals always share times");
   }
   const Path folder = Path::fromNarrow(options.folder);
-  checkTarget(options.folder, options.replaces);
-  CsvTable table(options.file, options.columns);
+  checkNewRecording(options.folder, options.replaces);
+  CsvTable table(options.file, options.csv);
   const TemporaryFolder storage;
-  ColumnStore store(storage.path(), table.width(), options.stream, options.packBelow);
+  ColumnStore store(storage.path(), table.width(),
+                    options.streams ? std::optional(options.stream) : std::nullopt,
+                    options.packBelow);
   ProgressBar bar;
   table.read(store, [&bar](double part) { bar.show("reading", part); });
   bar.hide();
@@ -97,7 +75,7 @@ void importCsv(const ImportOptions& options) {
     throw std::runtime_error(options.file +
                              ": no column holds numbers, so there is nothing to store");
   }
-  table.checkGivenTypes();
+  table.checkTypes();
   std::vector<recording::SignalDescription> descriptions;
   for (const CsvColumn& column : table.columns()) {
     bar.show("storing", static_cast<double>(descriptions.size()) /
@@ -115,79 +93,75 @@ void importCsv(const ImportOptions& options) {
   recording::saveRecording(store.pool(), descriptions, folder, saving);
 }
 
-void addImportCommand(CLI::App& app, Action& action) {
-  CLI::App* command = app.add_subcommand("import", "Store a CSV file as a recording");
-  const auto options = std::make_shared<ImportOptions>();
-  command->add_option("FILE", options->file, "CSV file: a line of names, then a row per time")
-      ->required()
-      ->type_name("");
-  command->add_option("FOLDER", options->folder, "Folder of the new recording")
-      ->required()
-      ->type_name("");
-  command
-      ->add_option("--time", options->columns.timeName,
-                   "Column of the times, the first one unless given")
-      ->type_name("NAME");
-  command
-      ->add_option("--type", options->columns.types,
-                   "Store the signal NAME as " + columnTypeNames() + "; may be given repeatedly")
-      ->type_name("NAME=TYPE")
-      ->allow_extra_args(false);
-  addCompressionOption(*command, options->settings);
-  CLI::Option* separatesTime = command->add_flag_callback(
-      "--no-shared-time", [options] { options->settings.emplace_back("SharedTimeColumn=false"); },
-      "Store times beside each signal's samples, not in a file that signals share");
-  const auto streams = std::make_shared<bool>(false);
-  const auto streamOptions = std::make_shared<StreamOptions>();
-  CLI::Option* stream = command->add_flag(
-      "--stream", *streams, "Append the columns chunk by chunk, to files of many row groups");
+namespace {
+
+void addStreamOptions(CLI::App& command, ImportOptions& options, CLI::Option* separatesTime) {
+  CLI::Option* stream =
+      command.add_flag("--stream", options.streams,
+                       "Append the columns chunk by chunk, to files of many row groups");
   stream->excludes(separatesTime);
   command
-      ->add_option(
-          "--chunk", streamOptions->chunkRows,
-          fmt::format("Rows per append at the most, {} unless given", streamOptions->chunkRows))
+      .add_option("--chunk", options.stream.chunkRows,
+                  fmt::format("Rows per append at most; {} unless given", options.stream.chunkRows))
       ->type_name("ROWS")
       ->check(CLI::PositiveNumber)
       ->needs(stream);
-  // More rows than that and Parquet splits the batch.
+  // Parquet splits a batch of more rows.
   constexpr std::size_t kMaxRowGroupRows = 1048576;
   command
-      ->add_option("--batch", streamOptions->batchRows,
-                   fmt::format("Rows per row group, {} unless given, {} at most",
-                               streamOptions->batchRows, kMaxRowGroupRows))
+      .add_option("--batch", options.stream.batchRows,
+                  fmt::format("Rows per row group, at most {}; {} unless given", kMaxRowGroupRows,
+                              options.stream.batchRows))
       ->type_name("ROWS")
       ->check(CLI::Range(std::size_t{1}, kMaxRowGroupRows))
       ->needs(stream);
+}
+
+void addImportOptions(CLI::App& command, ImportOptions& options) {
+  addArgument(command, "FILE", options.file, "CSV file: a line of names, then a row for each time");
+  addArgument(command, "FOLDER", options.folder, "Folder of the new recording");
+  addCsvOptions(command, options.csv);
+  addCompressionOption(command, options.settings);
+  CLI::Option* separatesTime = command.add_flag_callback(
+      "--no-shared-time", [&options] { options.settings.emplace_back("SharedTimeColumn=false"); },
+      "Store times beside the samples of each signal instead of in files that signals share");
+  addStreamOptions(command, options, separatesTime);
   command
-      ->add_flag("--pack{1048576}", options->packBelow,
-                 "Put signals of fewer bytes, 1048576 unless given, into files that they share: "
-                 "quicker and smaller for many small ones")
+      .add_flag("--pack{1048576}", options.packBelow,
+                "Put signals of fewer bytes, 1048576 unless given, into files that they share: "
+                "quicker and smaller for many small signals")
       ->type_name("[=BYTES]")
       ->excludes(separatesTime);
-  addSetOption(*command, options->settings);
-  command->add_flag("--strict", options->isStrict,
-                    "Store nothing if something of the file cannot be stored");
-  command->add_flag("--force", options->replaces, "Replace the recording in FOLDER");
-  command->footer(R"help(
-Each column is a signal over the time column. A header such as "h [m]" or "h (m)" gives name and
-unit. Types are integer (int64, or uint64 where needed), double and boolean, as the cells say. At an
-empty cell a signal has no sample; "nan" and "inf" are values. Times are in seconds and do not
-decrease. Columns that are no numbers are left out, and named.
+  addSetOption(command, options.settings);
+  command.add_flag("--strict", options.isStrict,
+                   "Store nothing if something in the file cannot be stored as it is");
+  command.add_flag("--force", options.replaces, "Replace the recording in FOLDER");
+}
 
-A file may be larger than memory: at most 128 MiB of samples wait to be written, or a row group of
-every column with --stream, besides a few blocks of 2 MiB of the file, or its longest rows. With
---no-shared-time, one column at a time is in memory as a whole. What comes from a pipe is put into a
-temporary file first.
+}  // namespace
+
+void addImportCommand(CLI::App& app, Action& action) {
+  CLI::App* command = app.add_subcommand("import", "Store a CSV file as a recording");
+  const auto options = std::make_shared<ImportOptions>();
+  addImportOptions(*command, *options);
+  command->footer(R"help(
+Each column becomes a signal over the time column. A header such as "h [m]" or "h (m)" gives name
+and unit. The cells decide on the type of a column: integer (int64, or uint64 where needed), double
+or boolean. At an empty cell a signal has no sample; "nan" and "inf" are values. Times are in
+seconds and must not decrease. Columns that hold no numbers are left out. A warning names each of
+them, and the first number of a column that is rounded.
+
+A file may be larger than memory. At most 128 MiB of samples wait to be written, or with --stream a
+row group of every column. In addition a few blocks of 2 MiB of the file are in memory, or its
+longest rows. With --no-shared-time, one whole column at a time is in memory. The content of a pipe
+goes to a temporary file first.
 
 Examples:
   kyr import run.csv run
   kyr import run.csv run --time "Time (s)" --type gear=int8
   kyr import run.csv run --compression zstd --force
   kyr import run.csv run --stream --batch 16384 --set Dictionary=false)help");
-  command->callback([options, streams, streamOptions, &action] {
-    if (*streams) options->stream = *streamOptions;
-    action = [options] { return runImport(*options); };
-  });
+  setAction(*command, action, options, runImport);
 }
 
 }  // namespace kyr::tool

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <optional>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -12,15 +12,16 @@ namespace kyr::tool {
 struct ImportOptions {
   std::string file;
   std::string folder;
-  CsvOptions columns;
-  std::vector<std::string> settings;    ///< options of the library, "NAME=VALUE"
-  std::optional<StreamOptions> stream;  ///< how signals are streamed; empty for whole files
-  std::size_t packBelow = 0;            ///< see recording::SaveOptions
-  bool isStrict = false;                ///< whether what cannot be stored is an error
-  bool replaces = false;                ///< whether an existing recording is replaced
+  CsvOptions csv;
+  std::vector<std::string> settings;  ///< options of the library, "NAME=VALUE"
+  bool streams = false;               ///< whether signals are streamed
+  StreamOptions stream;
+  std::size_t packBelow = 0;  ///< see recording::SaveOptions
+  bool isStrict = false;      ///< whether a loss is an error
+  bool replaces = false;      ///< whether an existing recording is replaced
 };
 
-/// Store a CSV file as a recording. What cannot be stored is told on standard error.
+/// Stores a CSV file as a recording. Tells on standard error what cannot be stored.
 void importCsv(const ImportOptions& options);
 
 }  // namespace kyr::tool

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "cli/CommandLine.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
 #include "kyr/recording/LiveReader.h"
@@ -65,7 +66,7 @@ ordered_json signalJson(const SignalInfo& signal, const RecordingSummary& summar
           {"dataFile", orNull(signal.dataStorageId)}};
 }
 
-// \param state  of a recording that is not finished
+// \param state  set if the recording is not finished
 void printJson(Output& out, const RecordingInfo& info, const std::optional<std::string>& state) {
   const RecordingSummary summary(info);
   ordered_json document = {{"formatVersion", info.formatVersion},
@@ -100,19 +101,24 @@ void printJson(Output& out, const RecordingInfo& info, const std::optional<std::
   out.print("{}\n", document.dump(2));
 }
 
-int runInfo(const std::string& folder, bool asJson) {
-  const Path path = Path::fromNarrow(folder);
+struct InfoOptions {
+  std::string folder;
+  bool asJson = false;
+};
+
+int runInfo(const InfoOptions& options) {
+  const Path path = Path::fromNarrow(options.folder);
   RecordingInfo info;
   std::optional<std::string> state;
   if (recording::isLiveRecording(path)) {
     recording::LiveReader reader(path);
     info = recordingInfoOf(reader);
-    state = stateOf(reader.info(), folder);
+    state = stateOf(reader.info(), options.folder);
   } else {
     info = recording::describeRecording(path);
   }
   Output out;
-  if (asJson) {
+  if (options.asJson) {
     printJson(out, info, state);
   } else {
     printInfo(out, info, std::numeric_limits<std::size_t>::max());
@@ -153,31 +159,24 @@ void printInfo(Output& out, const RecordingInfo& info, std::size_t limit) {
 }
 
 void addInfoCommand(CLI::App& app, Action& action) {
-  struct Options {
-    std::string folder;
-    bool asJson = false;
-  };
   CLI::App* command = app.add_subcommand("info", "Show what a recording holds");
-  const auto options = std::make_shared<Options>();
-  command->add_option("FOLDER", options->folder, "Folder of the recording")
-      ->required()
-      ->type_name("");
+  const auto options = std::make_shared<InfoOptions>();
+  addRecordingArgument(*command, options->folder);
   command->add_flag("--json", options->asJson, "Print JSON");
   command->footer(R"help(
-Reads recording.json alone. Of a recording that is still being written it shows what was made
-durable, with the times of the first and the last row.
+Only recording.json is read. While a recording is being written, its durable rows are shown, with
+the times of the first and the last row.
 
-The columns "time file" and "data file" name the files in FOLDER/storage; behind the name of a shared
-file stands, in parentheses, how many signals use it. Without a time file, the times, if any, are
-beside the samples. The bytes of a signal are those of its files, shared or not. Of a packed
-recording, the numbers are those in the column "storage" of the packs, FOLDER/storage/pack-*.parquet.
+The columns "time file" and "data file" name files in FOLDER/storage. If several signals share a
+file, their number stands behind it in parentheses. Without a time file, the times, if there are
+any, are beside the samples. The bytes of a signal are those of its files, shared or not. In a
+packed recording, the numbers are those in the column "storage" of the packs,
+FOLDER/storage/pack-*.parquet.
 
 Examples:
   kyr info run
   kyr info run --json | jq .totals)help");
-  command->callback([options, &action] {
-    action = [options] { return runInfo(options->folder, options->asJson); };
-  });
+  setAction(*command, action, options, runInfo);
 }
 
 }  // namespace kyr::tool

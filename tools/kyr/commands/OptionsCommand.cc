@@ -28,8 +28,8 @@ void addOptionsCommand(CLI::App& app, Action& action) {
   CLI::App* command =
       app.add_subcommand("options", "Show the options of the library and their meaning");
   command->footer(R"help(
-The values are those that every run of the tool starts with. Commands that write Parquet files change
-them with --set, for that run.
+Every run of the tool starts with these values. Commands that write Parquet files change them with
+--set, for one run.
 
 Examples:
   kyr options

@@ -7,22 +7,26 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "cli/CommandLine.h"
 #include "cli/Errors.h"
+#include "cli/Files.h"
 #include "cli/Interrupt.h"
 #include "cli/Output.h"
+#include "cli/RecordingFolder.h"
 #include "cli/Settings.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
+#include "csv/CsvMessages.h"
 #include "csv/CsvStream.h"
 #include "csv/RowRecorder.h"
 #include "kyr/parquet/SerializationOptions.h"
 #include "kyr/recording/LiveRecording.h"
 #include "print/RecordingSummary.h"
-#include "print/TypeNames.h"
 
 namespace kyr::tool {
 
@@ -38,17 +42,21 @@ constexpr std::chrono::milliseconds kPatience(100);
 struct RecordOptions {
   std::string source;
   std::string folder;
-  CsvOptions columns;
+  CsvOptions csv;
   std::vector<std::string> settings;
   std::uint64_t flushRows = 0;  ///< 0 for as many as come
   double flushSeconds = 1;
   std::string sync = "never";
   bool follows = false;
   bool skipsBad = false;
+  bool isStrict = false;
+  bool keepsLastLine = false;
   bool acknowledges = false;
+  bool replaces = false;
 };
 
-// A line on standard error, if that is a terminal.
+// A line on standard error that shows how the recording goes. Nothing is shown if standard error is
+// no terminal.
 class StatusLine {
  public:
   explicit StatusLine(const std::string& folder)
@@ -65,8 +73,8 @@ class StatusLine {
     if (!isTerminal_ || passed.count() < kSeconds) return;
     const double rate = static_cast<double>(rows - rowsBefore_) / passed.count();
     const std::string line =
-        fmt::format("\r\x1b[K{} rows, {} per second, {}", grouped(rows),
-                    grouped(static_cast<std::uint64_t>(rate)), byteCount(storedBytes()));
+        fmt::format("\r\x1b[K{}, {} per second, {}", counted(rows, "row"),
+                    grouped(static_cast<std::uint64_t>(rate)), byteCount(bytesBelow(storage_)));
     std::fputs(line.c_str(), stderr);
     std::fflush(stderr);
     last_ = now;
@@ -76,23 +84,13 @@ class StatusLine {
  private:
   static constexpr double kSeconds = 0.5;
 
-  std::uint64_t storedBytes() const {
-    std::uint64_t bytes = 0;
-    std::error_code ignored;
-    for (fs::directory_iterator it(storage_, ignored), end; it != end; it.increment(ignored)) {
-      const auto size = it->file_size(ignored);
-      if (!ignored) bytes += size;
-    }
-    return bytes;
-  }
-
   fs::path storage_;
   bool isTerminal_;
   Clock::time_point last_ = Clock::now();
   std::uint64_t rowsBefore_ = 0;
 };
 
-// Flushes a recording now and then.
+// Flushes a recording as often as the user wants.
 class Flusher {
  public:
   Flusher(recording::LiveRecording& live, const RecordOptions& options)
@@ -109,7 +107,7 @@ class Flusher {
     if (options_.acknowledges) acknowledge(rows);
   }
 
-  // Whoever counts on it has gone; that ends the recording.
+  // The program that reads the acknowledgements has gone. That ends the recording.
   bool isAbandoned() const { return isAbandoned_; }
 
   void acknowledge(std::uint64_t rows) {
@@ -126,19 +124,11 @@ class Flusher {
 };
 
 void checkUsage(const RecordOptions& options) {
-  if (options.folder.empty()) throw UsageError("FOLDER is empty");
   if (options.follows && options.source == "-") {
     throw UsageError("--follow: standard input is read until it ends anyway");
   }
   if (!parquet::serialization_options::bSharedTimeColumn) {
     throw UsageError("--set SharedTimeColumn=false: recorded signals always share times");
-  }
-}
-
-// Told before the first line is waited for.
-void checkFolder(const std::string& folder) {
-  if (fs::exists(folder) && !(fs::is_directory(folder) && fs::is_empty(folder))) {
-    throw std::runtime_error(folder + " exists and is not empty: choose another name");
   }
 }
 
@@ -150,107 +140,171 @@ recording::LiveOptions liveOptions(const RecordOptions& options) {
   return live;
 }
 
-// A row that the end of the text cut off is named, and no failure.
-void addRow(RowRecorder& recorder, const CsvRecord& record, const CsvStream& stream) {
-  if (!stream.isCutOff()) return recorder.add(record);
+RowRecorder::Strictness strictnessOf(const RecordOptions& options) {
+  if (options.skipsBad) return RowRecorder::Strictness::lenient;
+  return options.isStrict ? RowRecorder::Strictness::exact : RowRecorder::Strictness::stopping;
+}
+
+void warnOfUnendedLine(const std::string& source, std::int64_t line, const std::string& what) {
+  tell(fmt::format("warning: {}: the last line has no line feed, {}", describeLine(source, line),
+                   what));
+}
+
+// The last number of such a row may be a part of a longer one.
+void addLastRow(RowRecorder& recorder, const CsvRow& row, const RecordOptions& options,
+                const std::string& source) {
+  if (!options.keepsLastLine) {
+    warnOfUnendedLine(source, row.line,
+                      "so it may be cut off and is left out (--keep-last-line keeps it)");
+    return;
+  }
+  const std::uint64_t rows = recorder.rows();
   try {
-    recorder.add(record);
-    tell("warning: the last line has no line end: its last cell may be cut off");
+    recorder.add(row);
+    warnOfUnendedLine(source, row.line, recorder.rows() > rows ? "but is kept" : "and is left out");
   } catch (const std::runtime_error& error) {
-    tell(fmt::format("warning: the last line is left out, as it has no end: {}", error.what()));
+    warnOfUnendedLine(source, row.line, fmt::format("and is left out: {}", error.what()));
   }
 }
 
-void recordRows(CsvStream& stream, RowRecorder& recorder, Flusher& flusher, StatusLine& status) {
-  CsvRecord record;
-  while (!isInterrupted() && !flusher.isAbandoned()) {
-    const CsvStream::Next next = stream.next(record, kPatience);
-    if (next == CsvStream::Next::end) return;
-    if (next == CsvStream::Next::row) addRow(recorder, record, stream);
-    flusher.flushIfDue(recorder.rows());
-    status.show(recorder.rows());
+class Recording {
+ public:
+  Recording(CsvStream& stream, RowRecorder& recorder, const RecordOptions& options)
+      : stream_(stream), recorder_(recorder), options_(options) {}
+
+  // Records until the input ends or the user stops it.
+  void run(Flusher& flusher, StatusLine& status) {
+    while (!isInterrupted() && !flusher.isAbandoned()) {
+      const CsvStream::Next next = stream_.next(row_, kPatience);
+      if (next == CsvStream::Next::end) return;
+      if (next == CsvStream::Next::row) add();
+      flusher.flushIfDue(recorder_.rows());
+      status.show(recorder_.rows());
+    }
+    takeWrittenRows();
   }
+
+ private:
   // What is in the pipe was written before the signal.
-  constexpr std::size_t kPipeBytes = std::size_t{1} << 20U;
-  for (std::size_t bytes = 0; bytes < kPipeBytes; bytes += record.text.size()) {
-    if (stream.next(record, std::chrono::milliseconds(0)) != CsvStream::Next::row) return;
-    addRow(recorder, record, stream);
+  void takeWrittenRows() {
+    constexpr std::size_t kPipeBytes = std::size_t{1} << 20U;
+    for (std::size_t bytes = 0; bytes < kPipeBytes; bytes += row_.text.size()) {
+      if (stream_.next(row_, std::chrono::milliseconds(0)) != CsvStream::Next::row) break;
+      add();
+    }
+    if (const auto line = stream_.unfinishedLine()) {
+      tell("warning: " + describeLine(stream_.name(), *line) +
+           ": only a part of the row has come, so it is left out");
+    }
   }
+
+  void add() {
+    if (row_.isEnded) {
+      recorder_.add(row_);
+    } else {
+      addLastRow(recorder_, row_, options_, stream_.name());
+    }
+  }
+
+  CsvStream& stream_;
+  RowRecorder& recorder_;
+  const RecordOptions& options_;
+  CsvRow row_;
+};
+
+// Returns why recording ended early; empty if it did not.
+std::string recordRows(CsvStream& stream, RowRecorder& recorder, recording::LiveRecording& live,
+                       const RecordOptions& options) {
+  std::string failure;
+  Flusher flusher(live, options);
+  StatusLine status(options.folder);
+  try {
+    Recording(stream, recorder, options).run(flusher, status);
+  } catch (const std::runtime_error& error) {
+    failure = error.what();
+  }
+  recorder.begin();
+  live.finish();
+  if (options.acknowledges) flusher.acknowledge(recorder.rows());
+  return failure;
+}
+
+std::unique_ptr<recording::LiveRecording> startRecording(const RecordOptions& options) {
+  std::optional<ReplacedRecording> replaced;
+  if (options.replaces) replaced.emplace(options.folder);
+  auto live = std::make_unique<recording::LiveRecording>(Path::fromNarrow(options.folder),
+                                                         liveOptions(options));
+  if (replaced) replaced->remove();
+  return live;
 }
 
 int runRecord(const RecordOptions& options) {
   applySettings(options.settings);
   checkUsage(options);
-  checkFolder(options.folder);
-  CsvStream stream(options.source, options.follows);
-  CsvHeader header = namedColumns(stream.name(), stream.header(), options.columns);
-  const Path folder = Path::fromNarrow(options.folder);
-  recording::LiveRecording live(folder, liveOptions(options));
-  RowRecorder recorder(live, stream.name(), std::move(header), options.skipsBad);
-  std::string failure;
-  {
-    Flusher flusher(live, options);
-    StatusLine status(options.folder);
-    try {
-      recordRows(stream, recorder, flusher, status);
-    } catch (const std::runtime_error& error) {
-      failure = error.what();
-    }
-    recorder.begin();
-    live.finish();
-    if (options.acknowledges) flusher.acknowledge(recorder.rows());
+  checkNewRecording(options.folder, options.replaces);
+  CsvStream stream(options.source, options.csv.dialect, options.follows);
+  CsvHeader header = namedColumns(stream.name(), stream.header(), options.csv);
+  if (!stream.isHeaderEnded()) {
+    warnOfUnendedLine(stream.name(), stream.line(), "so a name may be cut off");
   }
+  const auto live = startRecording(options);
+  RowRecorder recorder(*live, stream.name(), stream.dialect(), std::move(header),
+                       strictnessOf(options));
+  const std::string failure = recordRows(stream, recorder, *live, options);
   if (const std::string skipped = recorder.skipped(); !skipped.empty()) tell("warning: " + skipped);
+  const std::string rows = counted(recorder.rows(), "row");
   if (!failure.empty()) {
-    throw std::runtime_error(fmt::format("{}; the {} before are in {}", failure,
-                                         counted(recorder.rows(), "row"), options.folder));
+    throw std::runtime_error(
+        fmt::format("{}; the {} before are in {}, which --force replaces in the next try", failure,
+                    rows, options.folder));
   }
   if (!options.acknowledges) {
-    const RecordingSummary summary(recording::describeRecording(folder));
-    const std::string line = fmt::format("{}: {} of {}\n", options.folder,
-                                         counted(recorder.rows(), "row"), summary.text());
-    // Not by Output, which would take a signal that ended the recording for one to itself.
+    const RecordingSummary summary(recording::describeRecording(Path::fromNarrow(options.folder)));
+    const std::string line = fmt::format("{}: {} of {}\n", options.folder, rows, summary.text());
+    // Output would take the signal that ended the recording as a wish to stop the output, too.
     std::fputs(line.c_str(), stdout);
     std::fflush(stdout);
   }
   return 0;
 }
 
-void addRecordOptions(CLI::App& command, RecordOptions& options) {
-  command.add_option("SOURCE", options.source, "CSV file, or - for standard input")
-      ->required()
-      ->type_name("");
-  command.add_option("FOLDER", options.folder, "Folder of the new recording")
-      ->required()
-      ->type_name("");
+void addFlushOptions(CLI::App& command, RecordOptions& options) {
   command
-      .add_option("--time", options.columns.timeName,
-                  "Column of the times, the first one unless given")
-      ->type_name("NAME");
-  command
-      .add_option("--type", options.columns.types,
-                  "Store the signal NAME as " + columnTypeNames() + "; may be given repeatedly")
-      ->type_name("NAME=TYPE")
-      ->allow_extra_args(false);
-  command.add_option("--flush-rows", options.flushRows, "Make rows durable when there are so many")
+      .add_option("--flush-rows", options.flushRows, "Make rows durable when there are N new ones")
       ->type_name("N")
       ->check(CLI::PositiveNumber);
   command
       .add_option("--flush-seconds", options.flushSeconds,
-                  "Make rows durable after so many seconds, 1 unless given")
+                  "Make rows durable every S seconds; 1 unless given")
       ->type_name("S")
       ->check(CLI::PositiveNumber);
   command
       .add_option("--sync", options.sync,
-                  "When rows survive a power cut, too: never (unless given), with each flush, or "
-                  "seconds: also in between")
+                  "When rows survive a power cut, too: never (unless given); flush: when they are "
+                  "made durable; seconds: also in between")
       ->type_name("WHEN")
       ->check(CLI::IsMember({"never", "flush", "seconds"}));
-  command.add_flag("--follow", options.follows, "Go on reading as the file grows");
-  command.add_flag("--skip-bad", options.skipsBad,
-                   "Leave out what is no number, and count it, instead of stopping there");
   command.add_flag("--acknowledge", options.acknowledges,
-                   "Print the number of rows that are durable after each flush, one to a line");
+                   "Print the number of durable rows after each flush, one number per line");
+}
+
+void addRecordOptions(CLI::App& command, RecordOptions& options) {
+  addArgument(command, "SOURCE", options.source, "CSV file, or - for standard input");
+  addArgument(command, "FOLDER", options.folder, "Folder of the new recording");
+  addCsvOptions(command, options.csv);
+  addFlushOptions(command, options);
+  command.add_flag("--follow", options.follows, "Go on reading as the file grows");
+  CLI::Option* skipsBad =
+      command.add_flag("--skip-bad", options.skipsBad,
+                       "Leave out rows and cells that cannot be stored, and count them, instead of "
+                       "stopping there");
+  command.add_flag("--strict", options.isStrict, "Stop at a number that would be rounded")
+      ->excludes(skipsBad);
+  command.add_flag("--keep-last-line", options.keepsLastLine,
+                   "Keep a last line that has no line feed, although it may be cut off");
+  addCompressionOption(command, options.settings);
+  addSetOption(command, options.settings);
+  command.add_flag("--force", options.replaces, "Replace the recording in FOLDER");
 }
 
 }  // namespace
@@ -259,20 +313,22 @@ void addRecordCommand(CLI::App& app, Action& action) {
   CLI::App* command = app.add_subcommand("record", "Record CSV rows as they come");
   const auto options = std::make_shared<RecordOptions>();
   addRecordOptions(*command, *options);
-  addCompressionOption(*command, options->settings);
-  addSetOption(*command, options->settings);
   command->footer(R"help(
-The first line names the columns, as for kyr import. Values are doubles, or booleans if the first row
-says true or false, unless --type tells otherwise. At an empty cell a signal has no sample.
+The first line names the columns, as for kyr import. The first row decides on the types, unless
+--type gives them: true and false make a column boolean, integers of 2^53 or more make it int64 or
+uint64, and everything else makes it double. A warning names the first number of a column that is
+rounded. At an empty cell a signal has no sample.
 
-Rows are made durable every second: a crash costs none of those, and kyr recover saves them. The end
-of the input, Ctrl-C and SIGTERM finish the recording. Meanwhile kyr info and kyr cat read along.
+Rows become durable every second. If the process crashes, kyr recover saves the durable rows. The
+end of the input, Ctrl-C and SIGTERM finish the recording. A last line without a line feed is left
+out, because a number in it may be cut off. While kyr records, kyr info and kyr cat can read the
+recording.
 
 Examples:
   simulator | kyr record - run42
   kyr record log.csv run42 --follow --sync flush
   simulator | kyr record - run42 --type gear=int8 --flush-seconds 0.1 --compression zstd)help");
-  command->callback([options, &action] { action = [options] { return runRecord(*options); }; });
+  setAction(*command, action, options, runRecord);
 }
 
 }  // namespace kyr::tool

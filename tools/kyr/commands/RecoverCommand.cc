@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "cli/CommandLine.h"
 #include "cli/Output.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
@@ -19,7 +20,7 @@ int runRecover(const std::string& folder) {
   const auto result = recording::recoverRecording(Path::fromNarrow(folder));
   Output out;
   if (result.wasComplete) {
-    out.print("{}: is complete\n", folder);
+    out.print("{}: the recording is complete\n", folder);
     out.flush();
     return 0;
   }
@@ -33,7 +34,7 @@ int runRecover(const std::string& folder) {
               signal.rowsKept);
   }
   for (const recording::RecoveredFile& file : result.filesCut) {
-    out.print("storage/{}: {} behind the rows that are kept were cut off\n", file.storageId,
+    out.print("storage/{}: {} after the last row that is kept were cut off\n", file.storageId,
               byteCount(file.bytesCut));
   }
   for (const std::string& note : result.notes) out.print("{}\n", singleLine(note));
@@ -46,19 +47,18 @@ int runRecover(const std::string& folder) {
 }  // namespace
 
 void addRecoverCommand(CLI::App& app, Action& action) {
-  CLI::App* command =
-      app.add_subcommand("recover", "Make a recording of one that was not finished");
+  CLI::App* command = app.add_subcommand("recover", "Repair a recording that was not finished");
   const auto folder = std::make_shared<std::string>();
-  command->add_option("FOLDER", *folder, "Folder of the recording")->required()->type_name("");
+  addRecordingArgument(*command, *folder);
   command->footer(R"help(
-Keeps exactly the rows that were made durable, or as many of them as are left, and says what is lost.
-Also makes a new recording.json for a recording whose own is damaged or missing.
+Keeps the rows that were durable, or as many of them as are left, and says what is lost. A recording
+whose recording.json is damaged or missing gets a new one.
 
-Exit codes: 0 all is there, 3 something is lost, 1 there is nothing to be had.
+Exit codes: 0 nothing is lost, 3 something is lost, 1 there is no recording that could be recovered.
 
 Example:
   kyr recover run42)help");
-  command->callback([folder, &action] { action = [folder] { return runRecover(*folder); }; });
+  setAction(*command, action, folder, runRecover);
 }
 
 }  // namespace kyr::tool

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/CommandLine.h"
 #include "cli/Output.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
@@ -30,15 +31,15 @@ int runVerify(const std::string& folder) {
 }  // namespace
 
 void addVerifyCommand(CLI::App& app, Action& action) {
-  CLI::App* command = app.add_subcommand("verify", "Check a recording down to every bit");
+  CLI::App* command = app.add_subcommand("verify", "Check every bit of a recording");
   const auto folder = std::make_shared<std::string>();
-  command->add_option("FOLDER", *folder, "Folder of the recording")->required()->type_name("");
+  addRecordingArgument(*command, *folder);
   command->footer(R"help(
-Prints one line per fault and exits with 1 if there is any.
+Prints one line for each fault and exits with 1 if there is one.
 
 Example:
   kyr verify run)help");
-  command->callback([folder, &action] { action = [folder] { return runVerify(*folder); }; });
+  setAction(*command, action, folder, runVerify);
 }
 
 }  // namespace kyr::tool

@@ -7,30 +7,38 @@
 #include <string_view>
 #include <vector>
 
-#include "csv/CellParser.h"
+#include "csv/CellNumbers.h"
 #include "csv/CsvBlocks.h"
 
 namespace kyr::tool {
 
-/// What the cells of a column may be, in the order in which it is tried: a column is of the first
-/// kind that none of its cells refuses. Empty cells refuse none.
-enum class CellKind { empty, integer, boolean, date, time, timestamp, nanoseconds, real, text };
+/// What the cells of a column are. A column has the first kind that fits all of its cells. Empty
+/// cells fit every kind. Times are no booleans.
+enum class CellKind { empty, integer, unsignedInteger, boolean, real, text };
 
-/// How a column is to be read.
+/// How to read a column.
 struct CellPlan {
   bool isRead = true;
-  CellKind kind = CellKind::empty;  ///< kinds before it were refused already
-  CellParser parse = nullptr;       ///< of a given type, which no kind matters for; or none
+  bool isTime = false;
+  CellKind kind = CellKind::empty;   ///< earlier cells rule out the kinds before it
+  std::optional<CellParser> parser;  ///< for a type that the user gave, whatever the kind
 };
 
-/// The values of one column in some rows. Those of text, dates and the like are not kept.
+/// The values of one column in some rows. Texts are not kept.
 struct CellValues {
-  CellKind kind = CellKind::empty;      ///< the first one, from the plan's on, that fits
-  std::vector<std::uint32_t> missing;   ///< rows whose cells are empty, ascending
-  std::optional<std::uint32_t> misfit;  ///< row at which parse failed; nothing after it was read
-  bool isHuge = false;                  ///< whether a number is 2^63 or more, or less than -2^63
-  std::vector<std::uint64_t> words;     ///< int64 and double, as their bits
-  std::vector<char> bytes;              ///< booleans, and values of a given type
+  CellKind kind = CellKind::empty;     ///< the first one that fits, from the kind of the plan on
+  std::vector<std::uint32_t> missing;  ///< rows whose cells are empty, ascending
+  std::vector<std::uint64_t> words;    ///< integers and doubles, as their bits
+  std::vector<char> bytes;             ///< booleans, and values of a given type
+
+  /// The first row whose cell does not fit: the given type, any kind of number, or double because
+  /// it is too large. Nothing after it is read, except behind numbers that are too large.
+  std::optional<std::uint32_t> misfit;
+  std::optional<std::uint32_t> rounded;  ///< the first row whose cell is rounded; see CellFit
+  /// The first row whose time is another than the one before but has the same double.
+  std::optional<std::uint32_t> indistinct;
+  std::string first;  ///< the first and the last cell of the times; not set for other columns
+  std::string last;
 
   const char* data() const {
     return words.empty() ? bytes.data() : reinterpret_cast<const char*>(words.data());
@@ -39,22 +47,25 @@ struct CellValues {
   std::size_t size(std::size_t width) const {
     return (words.size() * sizeof(std::uint64_t) + bytes.size()) / width;
   }
+  bool isEmpty() const { return words.empty() && bytes.empty(); }
+
+  /// Forgets the values, for a column that is read from \p newKind on.
+  void clear(CellKind newKind);
 };
 
-/// A block, taken apart.
+/// The values of a block.
 struct BlockValues {
   CsvBlock block;
   std::uint32_t rows = 0;
-  std::int64_t lines = 0;              ///< line ends, those in cells included
+  std::int64_t lines = 0;              ///< number of line ends, with those in cells
   std::optional<std::string> failure;  ///< if a row has too few or too many cells; no values then
   std::vector<CellValues> columns;
 };
 
-/// Arrow's reader decides what a cell is. Cells of which that is plain, such as digits, are read
-/// without it; where a column has others in the block, Arrow reads that column.
-///
+/// Reads the cells of a block.
 /// \param plans  one for each column
 /// \param values  replaced; its memory is used again
-void readBlock(const CsvBlock& block, const std::vector<CellPlan>& plans, BlockValues& values);
+void readBlock(const CsvBlock& block, const CsvDialect& dialect, const std::vector<CellPlan>& plans,
+               BlockValues& values);
 
 }  // namespace kyr::tool

@@ -1,122 +1,196 @@
-#include "csv/CellParser.h"
+#include "csv/CellNumbers.h"
 
+#include <arrow/type.h>
+#include <arrow/util/value_parsing.h>
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstdint>
-#include <cstdlib>
-#include <optional>
+#include <limits>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <type_traits>
 
-#include "cli/Text.h"
+#include "print/TypeFunctions.h"
 
 namespace kyr::tool {
 
 namespace {
 
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isSign(char c) { return c == '+' || c == '-'; }
+
+std::string_view withoutSign(std::string_view text) {
+  return !text.empty() && isSign(text[0]) ? text.substr(1) : text;
+}
+
+std::string_view withoutLeadingZeros(std::string_view digits) {
+  return digits.substr(std::min(digits.find_first_not_of('0'), digits.size()));
+}
+
+template <typename ArrowType>
+bool parseWhole(std::string_view text, typename ArrowType::c_type& value) {
+  return ::arrow::internal::StringConverter<ArrowType>().Convert(ArrowType(), text.data(),
+                                                                 text.size(), &value);
+}
+
+// Compares the digits with those of the value, which a double that large has no fraction behind.
 template <typename T>
-std::optional<T> parseWhole(std::string_view text) {
-  T value{};
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (end != text.data() + text.size()) return std::nullopt;
-  if (error == std::errc()) return value;
-  if constexpr (std::is_floating_point_v<T>) {
-    // Out of range is also said of numbers that are too small: those become 0.
-    const double nearest = std::strtod(std::string(text).c_str(), nullptr);
-    if (error == std::errc::result_out_of_range && std::abs(nearest) < 1) {
-      return static_cast<T>(nearest);
-    }
-  }
-  return std::nullopt;
+bool isRoundedInteger(std::string_view text, T value) {
+  constexpr auto kExact = static_cast<T>(std::uint64_t{1} << std::numeric_limits<T>::digits);
+  const std::string_view digits = withoutSign(text);
+  if (std::abs(value) < kExact || !std::all_of(digits.begin(), digits.end(), isDigit)) return false;
+  return fmt::format("{:.0f}", std::abs(value)) != withoutLeadingZeros(digits);
 }
 
 template <typename T>
-std::optional<T> parseInteger(std::string_view text) {
-  if (const auto value = parseWhole<T>(text)) return value;
-  const auto number = parseWhole<double>(text);
-  // Beyond 2^53 a double may stand for a neighbour of the number in the text.
-  constexpr double kExact = 9007199254740992.0;
-  if (!number || std::trunc(*number) != *number || std::abs(*number) > kExact) return std::nullopt;
-  const auto wide = static_cast<std::int64_t>(*number);
-  if (wide < 0 && !std::is_signed_v<T>) return std::nullopt;
-  const auto value = static_cast<T>(wide);
-  return static_cast<std::int64_t>(value) == wide ? std::optional(value) : std::nullopt;
+CellFit parseAsReal(std::string_view text, char decimalMark, T& value) {
+  if (!::arrow::internal::StringToFloat(text.data(), text.size(), decimalMark, &value)) {
+    return CellFit::none;
+  }
+  // Arrow takes numbers that are too large for infinite ones, which have no digits.
+  if (std::isinf(value) && std::any_of(text.begin(), text.end(), isDigit)) return CellFit::tooLarge;
+  return isRoundedInteger(text, value) ? CellFit::rounded : CellFit::exact;
 }
 
 bool equalsIgnoringCase(std::string_view text, std::string_view lower) {
-  if (text.size() != lower.size()) return false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if ((c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) != lower[i]) return false;
-  }
-  return true;
-}
-
-std::optional<std::uint8_t> parseBoolean(std::string_view text) {
-  if (equalsIgnoringCase(text, "true")) return std::uint8_t{1};
-  if (equalsIgnoringCase(text, "false")) return std::uint8_t{0};
-  const auto number = parseInteger<std::uint8_t>(text);
-  return number && *number <= 1 ? number : std::nullopt;
+  return std::equal(text.begin(), text.end(), lower.begin(), lower.end(), [](char a, char b) {
+    return (a >= 'A' && a <= 'Z' ? static_cast<char>(a - 'A' + 'a') : a) == b;
+  });
 }
 
 template <typename T>
-bool append(const std::optional<T>& value, std::vector<char>& bytes) {
-  if (!value) return false;
-  const auto* begin = reinterpret_cast<const char*>(&*value);
+bool parseNarrow(std::string_view text, char decimalMark, T& value) {
+  using Wide = std::conditional_t<std::is_signed_v<T>, std::int64_t, std::uint64_t>;
+  Wide wide = 0;
+  if (!parseInteger(text, wide)) {
+    double number = 0;
+    if (parseReal(text, decimalMark, number) != CellFit::exact) return false;
+    // From 2^53 on a double may stand for a neighbour of the number in the text.
+    constexpr double kEnd = 9007199254740992.0;
+    if (std::trunc(number) != number || std::abs(number) >= kEnd) return false;
+    if (number < 0 && !std::is_signed_v<T>) return false;
+    wide = static_cast<Wide>(number);
+  }
+  value = static_cast<T>(wide);
+  return value == wide;
+}
+
+template <typename T>
+void appendBytes(T value, std::vector<char>& bytes) {
+  const auto* begin = reinterpret_cast<const char*>(&value);
   bytes.insert(bytes.end(), begin, begin + sizeof(T));
-  return true;
-}
-
-// Arrow's reader takes a plus sign, std::from_chars does not.
-std::string_view withoutPlus(std::string_view text) {
-  return text.size() > 1 && text[0] == '+' && text[1] != '-' ? text.substr(1) : text;
 }
 
 template <typename T>
-bool appendNumber(std::string_view text, std::vector<char>& bytes) {
-  const std::string_view number = withoutPlus(trimmed(text));
+CellFit appendNumber(std::string_view text, char decimalMark, std::vector<char>& bytes) {
+  T value{};
   if constexpr (std::is_integral_v<T>) {
-    return append(parseInteger<T>(number), bytes);
+    if (!parseNarrow(text, decimalMark, value)) return CellFit::none;
+    appendBytes(value, bytes);
+    return CellFit::exact;
   } else {
-    return append(parseWhole<T>(number), bytes);
+    const CellFit fit = parseAsReal(text, decimalMark, value);
+    if (fit == CellFit::exact || fit == CellFit::rounded) appendBytes(value, bytes);
+    return fit;
   }
 }
 
-bool appendBoolean(std::string_view text, std::vector<char>& bytes) {
-  return append(parseBoolean(trimmed(text)), bytes);
+CellFit appendBoolean(std::string_view text, char decimalMark, std::vector<char>& bytes) {
+  bool isTrue = false;
+  if (!parseTruthValue(text, isTrue)) {
+    std::uint8_t number = 0;
+    if (!parseNarrow(text, decimalMark, number) || number > 1) return CellFit::none;
+    isTrue = number == 1;
+  }
+  bytes.push_back(isTrue ? 1 : 0);
+  return CellFit::exact;
+}
+
+struct AppenderOf {
+  template <typename T>
+  auto number() const {
+    return appendNumber<T>;
+  }
+  auto boolean() const { return appendBoolean; }
+};
+
+// A decimal number as its digits, without zeros at either end, times a power of ten.
+struct Decimal {
+  std::string digits;
+  std::int64_t power = 0;
+  bool isNegative = false;
+};
+
+bool parseDecimal(std::string_view text, char decimalMark, Decimal& decimal) {
+  decimal.isNegative = !text.empty() && text[0] == '-';
+  text = withoutSign(text);
+  const std::size_t exponent = std::min(text.find_first_of("eE"), text.size());
+  if (exponent < text.size()) {
+    std::string_view power = text.substr(exponent + 1);
+    if (!power.empty() && power[0] == '+') power.remove_prefix(1);
+    if (!parseWhole<::arrow::Int64Type>(power, decimal.power)) return false;
+  }
+  const std::string_view mantissa = text.substr(0, exponent);
+  const std::size_t mark = std::min(mantissa.find(decimalMark), mantissa.size());
+  decimal.digits = mantissa.substr(0, mark);
+  if (mark < mantissa.size()) {
+    decimal.digits += mantissa.substr(mark + 1);
+    decimal.power -= static_cast<std::int64_t>(mantissa.size() - mark - 1);
+  }
+  if (!std::all_of(decimal.digits.begin(), decimal.digits.end(), isDigit)) return false;
+  decimal.digits = withoutLeadingZeros(decimal.digits);
+  const std::size_t end = decimal.digits.find_last_not_of('0') + 1;
+  decimal.power += static_cast<std::int64_t>(decimal.digits.size() - end);
+  decimal.digits.resize(end);
+  return true;
 }
 
 }  // namespace
 
-CellParser cellParser(KYRSignalDataType type) {
-  switch (type) {
-    case Double:
-      return appendNumber<double>;
-    case Single:
-      return appendNumber<float>;
-    case Int8:
-      return appendNumber<std::int8_t>;
-    case UInt8:
-      return appendNumber<std::uint8_t>;
-    case Int16:
-      return appendNumber<std::int16_t>;
-    case UInt16:
-      return appendNumber<std::uint16_t>;
-    case Int32:
-      return appendNumber<std::int32_t>;
-    case UInt32:
-      return appendNumber<std::uint32_t>;
-    case Int64:
-      return appendNumber<std::int64_t>;
-    case UInt64:
-      return appendNumber<std::uint64_t>;
-    case Boolean:
-      return appendBoolean;
-    default:
-      throw std::logic_error("a CSV column cannot have this type");
-  }
+bool parseInteger(std::string_view text, std::int64_t& value) {
+  // Arrow takes "0xFFFFFFFFFFFFFFFF" for -1.
+  return parseWhole<::arrow::Int64Type>(text, value) && (value >= 0 || text[0] == '-');
+}
+
+bool parseInteger(std::string_view text, std::uint64_t& value) {
+  return parseWhole<::arrow::UInt64Type>(text, value);
+}
+
+bool parseTruthValue(std::string_view text, bool& value) {
+  value = text == "1" || equalsIgnoringCase(text, "true");
+  return value || text == "0" || equalsIgnoringCase(text, "false");
+}
+
+CellFit parseReal(std::string_view text, char decimalMark, double& value) {
+  return parseAsReal(text, decimalMark, value);
+}
+
+bool isExactInDouble(std::uint64_t number) {
+  constexpr std::uint64_t kEnd = std::uint64_t{1} << std::numeric_limits<double>::digits;
+  while (number >= kEnd && number % 2 == 0) number /= 2;
+  return number < kEnd;
+}
+
+bool isExactInDouble(std::int64_t number) {
+  const auto bits = static_cast<std::uint64_t>(number);
+  return isExactInDouble(number < 0 ? 0 - bits : bits);
+}
+
+bool isSameDecimal(std::string_view a, std::string_view b, char decimalMark) {
+  if (a == b) return true;
+  Decimal first;
+  Decimal second;
+  if (!parseDecimal(a, decimalMark, first) || !parseDecimal(b, decimalMark, second)) return false;
+  if (first.digits.empty() || second.digits.empty()) return first.digits == second.digits;
+  return first.digits == second.digits && first.power == second.power &&
+         first.isNegative == second.isNegative;
+}
+
+CellParser::CellParser(KYRSignalDataType type, char decimalMark)
+    : append_(functionFor(type, AppenderOf())), decimalMark_(decimalMark) {
+  if (!append_) throw std::logic_error("a CSV column cannot have this type");
 }
 
 }  // namespace kyr::tool

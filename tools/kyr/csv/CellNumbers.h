@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 #include <vector>
 
@@ -7,14 +8,49 @@
 
 namespace kyr::tool {
 
-/// Appends the value that \p text spells to \p bytes, in memory order; false, and nothing appended,
-/// if it spells none or one that does not fit.
-using CellParser = bool (*)(std::string_view text, std::vector<char>& bytes);
+/// How a type holds the number in a cell.
+enum class CellFit {
+  exact,     ///< also for fractions: they have the nearest value
+  rounded,   ///< an integer to which the nearest value of the type is not equal
+  tooLarge,  ///< a number beyond the type; its value is infinite
+  none,      ///< the cell holds no value of the type
+};
 
-/// The parser for values of \p type: one that columnType() gives.
+/// The texts here have no blanks around them.
+bool parseInteger(std::string_view text, std::int64_t& value);
+bool parseInteger(std::string_view text, std::uint64_t& value);
+
+/// Takes true and false, in any case, 0 and 1.
+bool parseTruthValue(std::string_view text, bool& value);
+
+/// \param decimalMark  "." or ","
+CellFit parseReal(std::string_view text, char decimalMark, double& value);
+
+/// Whether a double holds the number exactly.
+bool isExactInDouble(std::int64_t number);
+bool isExactInDouble(std::uint64_t number);
+
+/// Whether two decimal numbers are equal, however they are written and however many digits they
+/// have. False if one of them is written in another way.
+bool isSameDecimal(std::string_view a, std::string_view b, char decimalMark);
+
+/// Reads cells as values of a type.
 ///
-/// Integers may be spelled as decimal numbers of the same value ("1.0", "1e3"), booleans as true,
+/// Integers may be written as decimal numbers of the same value ("1.0", "1e3"), booleans as true,
 /// false and as the numbers 0 and 1.
-CellParser cellParser(KYRSignalDataType type);
+class CellParser {
+ public:
+  /// \param type  one that columnType() gives
+  CellParser(KYRSignalDataType type, char decimalMark);
+
+  /// Appends the value in \p text to \p bytes, in memory order. Appends nothing if it does not fit.
+  CellFit append(std::string_view text, std::vector<char>& bytes) const {
+    return append_(text, decimalMark_, bytes);
+  }
+
+ private:
+  CellFit (*append_)(std::string_view text, char decimalMark, std::vector<char>& bytes);
+  char decimalMark_;
+};
 
 }  // namespace kyr::tool

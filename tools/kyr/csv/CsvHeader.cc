@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <stdexcept>
 #include <string_view>
@@ -9,15 +10,17 @@
 
 #include "cli/Errors.h"
 #include "cli/Text.h"
+#include "csv/CsvMessages.h"
 #include "csv/HeaderNames.h"
+#include "kyr/platform/Path.h"
 #include "print/TypeNames.h"
 
 namespace kyr::tool {
 
 namespace {
 
-// The header's first names, for whoever mistyped one.
-std::string namesOf(const std::vector<std::string>& header) {
+// The first names of the header, to show a user who mistyped one.
+std::string firstNames(const std::vector<std::string>& header) {
   constexpr std::size_t kShown = 5;
   std::string names;
   for (std::size_t i = 0; i < std::min(header.size(), kShown); ++i) {
@@ -26,7 +29,7 @@ std::string namesOf(const std::vector<std::string>& header) {
   return header.size() > kShown ? names + ", ..." : names;
 }
 
-CsvHeader nameColumns(const std::string& file, const std::vector<std::string>& header,
+CsvHeader nameColumns(const std::string& source, const std::vector<std::string>& header,
                       const CsvOptions& options) {
   CsvHeader result;
   if (!options.timeName.empty()) {
@@ -36,7 +39,7 @@ CsvHeader nameColumns(const std::string& file, const std::vector<std::string>& h
     const auto found = std::find_if(header.begin(), header.end(), isTime);
     if (found == header.end()) {
       throw std::runtime_error(fmt::format("{}: there is no column {} for --time: the names are {}",
-                                           file, inQuotes(options.timeName), namesOf(header)));
+                                           source, inQuotes(options.timeName), firstNames(header)));
     }
     result.timePlace = static_cast<std::size_t>(found - header.begin());
   }
@@ -44,7 +47,7 @@ CsvHeader nameColumns(const std::string& file, const std::vector<std::string>& h
     throw std::runtime_error(
         fmt::format("{}: there is only one column, {}: a time column and others are "
                     "needed, with commas between them",
-                    file, inQuotes(header[0])));
+                    source, inQuotes(header[0])));
   }
   std::vector<std::string> others = header;
   others.erase(others.begin() + static_cast<std::ptrdiff_t>(result.timePlace));
@@ -63,7 +66,7 @@ CsvHeader nameColumns(const std::string& file, const std::vector<std::string>& h
   return result;
 }
 
-CsvColumn& columnCalled(const std::string& file, const std::vector<std::string>& cells,
+CsvColumn& columnCalled(const std::string& source, const std::vector<std::string>& cells,
                         CsvHeader& header, const std::string& name) {
   const auto byName = std::find_if(header.columns.begin(), header.columns.end(),
                                    [&](const CsvColumn& column) { return column.name == name; });
@@ -73,11 +76,11 @@ CsvColumn& columnCalled(const std::string& file, const std::vector<std::string>&
                    [&](const CsvColumn& column) { return cells[column.place] == name; });
   if (byHeader != header.columns.end()) return *byHeader;
   throw std::runtime_error(fmt::format(
-      "{}: there is no signal {} for --type: {}", file, inQuotes(name),
-      name == header.timeName ? "times are always double" : "the names are " + namesOf(cells)));
+      "{}: there is no signal {} for --type: {}", source, inQuotes(name),
+      name == header.timeName ? "times are always double" : "the names are " + firstNames(cells)));
 }
 
-void applyTypes(const std::string& file, const std::vector<std::string>& cells,
+void applyTypes(const std::string& source, const std::vector<std::string>& cells,
                 const std::vector<std::string>& types, CsvHeader& header) {
   for (const std::string& entry : types) {
     const std::size_t equals = entry.rfind('=');
@@ -88,7 +91,7 @@ void applyTypes(const std::string& file, const std::vector<std::string>& cells,
       throw UsageError(
           fmt::format("--type {}: give NAME=TYPE, with TYPE one of {}", entry, columnTypeNames()));
     }
-    CsvColumn& column = columnCalled(file, cells, header, entry.substr(0, equals));
+    CsvColumn& column = columnCalled(source, cells, header, entry.substr(0, equals));
     if (column.isGiven && column.type != *type) {
       throw UsageError(fmt::format("--type {}: the column has a type already", entry));
     }
@@ -99,10 +102,50 @@ void applyTypes(const std::string& file, const std::vector<std::string>& cells,
 
 }  // namespace
 
-CsvHeader namedColumns(const std::string& file, const std::vector<std::string>& cells,
+void addCsvOptions(CLI::App& command, CsvOptions& options) {
+  command.add_option("--time", options.timeName, "Column of the times; the first one unless given")
+      ->type_name("NAME");
+  command
+      .add_option("--type", options.types,
+                  "Store the signal NAME as " + columnTypeNames() + "; may be given repeatedly")
+      ->type_name("NAME=TYPE")
+      ->allow_extra_args(false);
+}
+
+std::size_t byteOrderMarkSize(const std::string& source, std::string_view text) {
+  const auto startsWith = [text](std::string_view mark) {
+    return text.substr(0, mark.size()) == mark;
+  };
+  if (startsWith("\xff\xfe") || startsWith("\xfe\xff")) {
+    throw std::runtime_error(source + " is UTF-16 text: save it as UTF-8");
+  }
+  constexpr std::string_view kUtf8Mark = "\xef\xbb\xbf";
+  return startsWith(kUtf8Mark) ? kUtf8Mark.size() : 0;
+}
+
+std::vector<std::string> headerCells(const std::string& source, const CsvRow& row,
+                                     const CsvDialect& dialect) {
+  const std::string line = describeLine(source, row.line);
+  if (row.isUnclosed) throw std::runtime_error(line + ": " + kUnclosedQuote);
+  try {
+    static_cast<void>(toUtf16(row.text));
+  } catch (const std::invalid_argument&) {
+    throw std::runtime_error(line + ": the header is not UTF-8 text");
+  }
+  std::vector<std::string> cells;
+  splitRow(row.text, dialect, cells);
+  for (std::string& cell : cells) cell = std::string(trimmed(cell));
+  return cells;
+}
+
+void throwNoHeader(const std::string& source) {
+  throw std::runtime_error(source + " is empty: the first line must name the columns");
+}
+
+CsvHeader namedColumns(const std::string& source, const std::vector<std::string>& cells,
                        const CsvOptions& options) {
-  CsvHeader header = nameColumns(file, cells, options);
-  applyTypes(file, cells, options.types, header);
+  CsvHeader header = nameColumns(source, cells, options);
+  applyTypes(source, cells, options.types, header);
   return header;
 }
 

@@ -9,8 +9,8 @@ bool CsvPipeline::begin(const std::vector<CellPlan>& plans) {
   if (!cutter_.next(block)) return false;
   auto values = spare_.empty() ? std::make_unique<BlockValues>() : std::move(spare_.back());
   if (!spare_.empty()) spare_.pop_back();
-  const auto read = [block, plans](std::unique_ptr<BlockValues> out) {
-    readBlock(block, plans, *out);
+  const auto read = [this, block, plans](std::unique_ptr<BlockValues> out) {
+    readBlock(block, dialect_, plans, *out);
     return out;
   };
   begun_.push_back(std::async(std::launch::async, read, std::move(values)));

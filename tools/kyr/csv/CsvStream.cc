@@ -1,19 +1,20 @@
 #include "csv/CsvStream.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
+#include <utility>
 
+#include "cli/Errors.h"
 #include "cli/Interrupt.h"
-#include "cli/Text.h"
-#include "kyr/platform/Path.h"
+#include "csv/CsvHeader.h"
+#include "csv/CsvMessages.h"
 
 namespace kyr::tool {
 
@@ -24,58 +25,81 @@ constexpr std::size_t kMaxRowBytes = std::size_t{1} << 24U;
 constexpr std::chrono::milliseconds kFollowInterval(50);
 constexpr std::chrono::milliseconds kHeaderPatience(200);
 
-[[noreturn]] void fail(const std::string& name, const std::string& what) {
-  throw std::runtime_error(name + what);
-}
-
-std::string reason(int error) { return std::generic_category().message(error); }
-
 }  // namespace
 
-CsvStream::CsvStream(const std::string& source, bool follows)
+CsvStream::CsvStream(const std::string& source, CsvDialect dialect, bool follows)
     : name_(source == "-" ? "standard input" : source),
+      dialect_(std::move(dialect)),
       descriptor_(source == "-" ? STDIN_FILENO : ::open(source.c_str(), O_RDONLY | O_CLOEXEC)),
       follows_(follows) {
-  if (descriptor_ < 0) fail(name_, " cannot be read: " + reason(errno));
+  if (descriptor_ < 0) throw systemError(name_, "read", errno);
 }
 
 CsvStream::~CsvStream() {
   if (descriptor_ != STDIN_FILENO) ::close(descriptor_);
 }
 
-CsvStream::Next CsvStream::next(CsvRecord& record, std::chrono::milliseconds patience) {
-  // A row that does not end may keep bytes coming; the caller has other things to do meanwhile.
+std::vector<std::string> CsvStream::header() {
+  CsvRow row;
+  for (std::size_t rows = 0; rows < dialect_.headerRow;) {
+    stopIfInterrupted();
+    const Next found = next(row, kHeaderPatience);
+    if (found == Next::end) throwNoHeader(name_);
+    if (found == Next::row) ++rows;
+  }
+  isHeaderEnded_ = row.isEnded;
+  return headerCells(name_, row, dialect_);
+}
+
+CsvStream::Next CsvStream::next(CsvRow& row, std::chrono::milliseconds patience) {
   const auto start = std::chrono::steady_clock::now();
-  while (!takeRow(record)) {
+  for (bool isFirst = true; !takeRow(row); isFirst = false) {
     if (isAtEnd_) return Next::end;
     if (isInterrupted()) patience = std::chrono::milliseconds(0);
-    if (!fill(patience) || isInterrupted()) return Next::pause;
-    if (std::chrono::steady_clock::now() - start > patience) return Next::pause;
+    // A row that does not end may keep bytes coming, but the caller has other things to do.
+    const bool isLate = std::chrono::steady_clock::now() - start > patience;
+    if ((isLate && !isFirst) || !fill(patience)) return Next::pause;
   }
   return Next::row;
 }
 
-bool CsvStream::takeRow(CsvRecord& record) {
-  std::string_view text = std::string_view(buffer_).substr(begin_);
-  // The second half of such a line end may be on its way.
-  if (!isAtEnd_ && !text.empty() && text.back() == '\r') text.remove_suffix(1);
-  CsvRecordScanner scanner(text, line_);
-  const bool isRow = scanner.next(record);
-  const auto end = static_cast<std::size_t>(record.text.data() + record.text.size() - text.data());
-  const bool isWhole = !isRow || scanner.position() > end;
-  if (!isWhole && !isAtEnd_) return false;
-  isCutOff_ = isRow && !isWhole;
-  begin_ += scanner.position();
-  line_ = scanner.line();
+bool CsvStream::takeRow(CsvRow& row) {
+  if (!skipByteOrderMark()) return false;
+  const std::string_view text = std::string_view(buffer_).substr(begin_);
+  CsvRows rows(text, dialect_, line_);
+  const bool isRow = rows.next(row);
+  if (isRow && !row.isEnded && !isAtEnd_) return false;
+  // The "\n" of a line end "\r\n" may be on its way.
+  if (!isRow && !isAtEnd_ && !text.empty() && text.back() == '\r') return false;
+  begin_ += rows.position();
+  line_ = rows.line();
   return isRow;
 }
 
-// Whether there is more to look at.
+// Returns false until enough has come to tell whether there is one.
+bool CsvStream::skipByteOrderMark() {
+  constexpr std::size_t kLongestMark = 3;
+  if (isMarkSkipped_) return true;
+  if (buffer_.size() < kLongestMark && !isAtEnd_) return false;
+  begin_ = byteOrderMarkSize(name_, buffer_);
+  isMarkSkipped_ = true;
+  return true;
+}
+
+std::optional<std::int64_t> CsvStream::unfinishedLine() const {
+  CsvRow row;
+  if (!CsvRows(std::string_view(buffer_).substr(begin_), dialect_, line_).next(row)) {
+    return std::nullopt;
+  }
+  return row.line;
+}
+
+// Returns whether there is more to look at.
 bool CsvStream::fill(std::chrono::milliseconds patience) {
   buffer_.erase(0, begin_);
   begin_ = 0;
   if (buffer_.size() > kMaxRowBytes) {
-    fail(name_, fmt::format(", line {}: the row has no end", line_));
+    throw std::runtime_error(describeLine(name_, line_) + ": the row has no end");
   }
   if (!waitForMore(patience)) return false;
   const std::size_t before = buffer_.size();
@@ -83,16 +107,14 @@ bool CsvStream::fill(std::chrono::milliseconds patience) {
   const ssize_t got = ::read(descriptor_, &buffer_[before], kPieceBytes);
   const int error = errno;
   buffer_.resize(before + static_cast<std::size_t>(got > 0 ? got : 0));
-  if (got < 0 && error != EINTR && error != EAGAIN) {
-    fail(name_, " cannot be read: " + reason(error));
-  }
+  if (got < 0 && error != EINTR && error != EAGAIN) throw systemError(name_, "read", error);
   if (got > 0) taken_ += static_cast<std::uint64_t>(got);
   if (got != 0) return got > 0;
   if (follows_) {
     struct stat status {};
     if (::fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode) &&
         static_cast<std::uint64_t>(status.st_size) < taken_) {
-      fail(name_, " was cut short while it was followed");
+      throw std::runtime_error(name_ + " became shorter while kyr followed it");
     }
     std::this_thread::sleep_for(std::min(patience, kFollowInterval));
     return false;
@@ -104,34 +126,6 @@ bool CsvStream::fill(std::chrono::milliseconds patience) {
 bool CsvStream::waitForMore(std::chrono::milliseconds patience) const {
   pollfd waited{descriptor_, POLLIN, 0};
   return ::poll(&waited, 1, static_cast<int>(patience.count())) > 0;
-}
-
-std::vector<std::string> CsvStream::header() {
-  CsvRecord record;
-  Next found = Next::pause;
-  while (found == Next::pause) {
-    stopIfInterrupted();
-    found = next(record, kHeaderPatience);
-  }
-  if (found == Next::end) fail(name_, " is empty: the first line must name the columns");
-  if (record.isUnclosed) {
-    fail(name_, fmt::format(", line {}: a quotation mark is not closed", record.line));
-  }
-  std::string_view text = record.text;
-  constexpr std::string_view kUtf8Mark = "\xef\xbb\xbf";
-  if (text.substr(0, kUtf8Mark.size()) == kUtf8Mark) text.remove_prefix(kUtf8Mark.size());
-  if (text.substr(0, 2) == "\xff\xfe" || text.substr(0, 2) == "\xfe\xff") {
-    fail(name_, " is UTF-16 text: save it as UTF-8");
-  }
-  try {
-    static_cast<void>(toUtf16(text));
-  } catch (const std::invalid_argument&) {
-    fail(name_, fmt::format(", line {}: the header is not UTF-8 text", record.line));
-  }
-  std::vector<std::string> cells;
-  splitCells(text, cells);
-  for (std::string& cell : cells) cell = std::string(trimmed(cell));
-  return cells;
 }
 
 }  // namespace kyr::tool

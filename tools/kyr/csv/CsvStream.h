@@ -2,27 +2,39 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "csv/CsvRecords.h"
+#include "csv/CsvDialect.h"
+#include "csv/CsvTokenizer.h"
 
 namespace kyr::tool {
 
-/// The rows of a CSV text as they come: of a pipe, or of a file that may be growing.
+/// Reads the rows of a CSV text as they come, from a pipe or from a file that may be growing.
 ///
 /// Errors are std::runtime_error that name the source.
 class CsvStream {
  public:
   /// \param source  name of a file, or "-" for standard input
-  /// \param follows  whether more is waited for where the file ends
-  CsvStream(const std::string& source, bool follows);
+  /// \param follows  whether to wait for more where the file ends
+  CsvStream(const std::string& source, CsvDialect dialect, bool follows);
   ~CsvStream();
   CsvStream(const CsvStream&) = delete;
   CsvStream& operator=(const CsvStream&) = delete;
 
-  /// The source as messages name it.
+  /// What messages call the source.
   const std::string& name() const { return name_; }
+  const CsvDialect& dialect() const { return dialect_; }
+
+  /// The cells of the header row, without blanks around them. Waits for the row. To be called
+  /// first, and once.
+  /// \throws Interrupted
+  std::vector<std::string> header();
+
+  /// Whether a line end followed the header row. Otherwise it may have been cut off.
+  bool isHeaderEnded() const { return isHeaderEnded_; }
 
   enum class Next {
     row,
@@ -30,31 +42,35 @@ class CsvStream {
     end,
   };
 
-  /// \param record  good until the next call
+  /// Steps to the next row. `CsvRow::isEnded` is false for a last row without a line end, which may
+  /// have been cut off.
+  /// \param row  valid until the next call
   /// \param patience  how long to wait for a row; a signal ends the wait, too
-  Next next(CsvRecord& record, std::chrono::milliseconds patience);
+  Next next(CsvRow& row, std::chrono::milliseconds patience);
 
-  /// Whether the row that came last was the end of the text, without a line end behind it.
-  bool isCutOff() const { return isCutOff_; }
+  /// The line that was reached.
+  std::int64_t line() const { return line_; }
 
-  /// The header row's cells, without blanks around them. To be called first, and once; waits.
-  /// \throws Interrupted
-  std::vector<std::string> header();
+  /// The line at which a row begins of which only a part has come so far; none without such a part.
+  std::optional<std::int64_t> unfinishedLine() const;
 
  private:
-  bool takeRow(CsvRecord& record);
+  bool takeRow(CsvRow& row);
+  bool skipByteOrderMark();
   bool fill(std::chrono::milliseconds patience);
   bool waitForMore(std::chrono::milliseconds patience) const;
 
   std::string name_;
+  CsvDialect dialect_;
   int descriptor_;
   bool follows_;
   std::string buffer_;
-  std::size_t begin_ = 0;    // of what is not taken yet
-  std::int64_t line_ = 1;    // where that is
-  std::uint64_t taken_ = 0;  // bytes of the file
+  std::size_t begin_ = 0;    // of the text behind the last row
+  std::int64_t line_ = 1;    // line of begin_
+  std::uint64_t taken_ = 0;  // bytes read so far
   bool isAtEnd_ = false;
-  bool isCutOff_ = false;
+  bool isHeaderEnded_ = true;
+  bool isMarkSkipped_ = false;
 };
 
 }  // namespace kyr::tool

@@ -7,67 +7,69 @@
 #include <string>
 #include <vector>
 
-#include "csv/CsvCells.h"
+#include "csv/BlockReader.h"
 #include "csv/CsvHeader.h"
-#include "csv/CsvReview.h"
 #include "csv/CsvText.h"
 #include "csv/CsvTimes.h"
 
 namespace kyr::tool {
 
-/// Called with the part that is done, from 0 to 1.
+/// Called with the part of the work that is done, from 0 to 1.
 using Progress = std::function<void(double)>;
 
-/// Takes the samples of a CSV file's columns, block by block in the order of its rows.
+/// Takes the samples of columns, block by block in the order of the rows.
 class SampleSink {
  public:
   virtual ~SampleSink() = default;
 
-  /// \param bytes  as many values of the column's type, in memory order
+  /// \param bytes  \p count values of the column's type, in memory order
   virtual void append(const CsvColumn& column, const double* times, const char* bytes,
                       std::size_t count) = 0;
 
-  /// Forget the samples of a column so far: they come again as another type, or never.
+  /// Forgets the samples of a column. They come again as another type, or never.
   virtual void drop(const CsvColumn& column) = 0;
 };
 
 /// A CSV file as signals over a time column. A signal has no sample where its cell is empty.
 ///
-/// Of the file a few blocks are in memory at a time. Types follow from all cells of a column, so
-/// samples are given away as what the blocks so far say; where a later block says otherwise, the
-/// column is dropped and the file read again for it.
+/// Only a few blocks of the file are in memory at a time. The type of a column follows from all of
+/// its cells, but samples go to the sink as the type that fits the blocks so far. If a later block
+/// shows another type, the samples are dropped and the file is read again for that column.
 ///
 /// Every failure is a std::runtime_error that names the file, the line and the column.
 class CsvTable {
  public:
   CsvTable(const std::string& path, const CsvOptions& options);
+  CsvTable(const CsvTable&) = delete;
+  CsvTable& operator=(const CsvTable&) = delete;
 
-  /// How many columns the header names.
+  /// Number of columns in the header.
   std::size_t width() const { return text_.header().size(); }
 
   /// Gives all samples to \p sink. To be called once.
   void read(SampleSink& sink, const Progress& progress);
 
-  /// After read(): those that can be stored. One without samples may not have come to the sink.
+  /// After read(): the columns that can be stored. The sink may have got no samples of some.
   const std::vector<CsvColumn>& columns() const { return columns_; }
 
-  /// What the signals will not hold, one sentence each: columns that are no numbers, roundings.
+  /// After read(): one sentence each on what the signals will not hold, such as columns without
+  /// numbers, and roundings.
   const std::vector<std::string>& losses() const { return losses_; }
 
   /// The unit that the header gives to the time column.
   const std::string& timeUnit() const { return header_.timeUnit; }
 
-  /// \throws std::runtime_error naming a cell that does not fit the type that its column was given
-  void checkGivenTypes() const;
+  /// After read().
+  /// \throws std::runtime_error naming a cell that does not fit the type of its column
+  void checkTypes() const;
 
  private:
   /// A column while it is read.
   struct Column {
     CsvColumn described;
     CellPlan plan;
-    bool hasSamples = false;  ///< in the sink
-    bool isStale = false;     ///< whether they were of another kind, and dropped
-    bool isHuge = false;      ///< whether it has numbers that integers of 64 bits may not hold
+    bool hasSamples = false;  ///< whether the sink has some
+    bool isStale = false;     ///< whether they were of another type and dropped
     std::string loss;
     std::optional<CsvPlace> misfit;
   };
@@ -77,18 +79,18 @@ class CsvTable {
   bool isReadTooStrictly(const BlockValues& block) const;
   void takeBlock(const BlockValues& block, SampleSink& sink);
   void takeCells(Column& column, const BlockValues& block, SampleSink& sink);
-  void settleKind(Column& column, CellKind kind, SampleSink& sink);
+  void takeSamples(Column& column, const CellValues& cells, SampleSink& sink);
+  void changeKind(Column& column, CellKind kind, SampleSink& sink);
   void leaveOut(Column& column, SampleSink& sink);
   void startAgain(Column& column, SampleSink& sink);
   bool planNextPass();
-  void reviewHugeNumbers(SampleSink& sink);
   void acceptColumns();
-  std::string where(const CsvPlace& place, const CsvColumn& column) const;
+  std::string describe(const CsvPlace& place, const CsvColumn& column) const;
 
   CsvText text_;
   CsvHeader header_;
   CsvTimes times_;
-  bool isTimeStale_ = false;  ///< whether some were read as another kind than the others
+  bool isTimeStale_ = false;  ///< whether earlier blocks read the times as another kind
   std::vector<Column> read_;
   bool hasGuess_ = false;  ///< whether a block has shown what the columns may be
   std::int64_t line_ = 0;  ///< at which the next block begins

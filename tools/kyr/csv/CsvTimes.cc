@@ -1,95 +1,93 @@
 #include "csv/CsvTimes.h"
 
-#include <fmt/format.h>
-
 #include <cmath>
 #include <cstring>
 #include <stdexcept>
 
-#include "cli/Text.h"
-#include "csv/CsvReview.h"
+#include "csv/CsvMessages.h"
 
 namespace kyr::tool {
 
-namespace {
-
-CsvRecordScanner rowsOf(const BlockValues& block, std::int64_t line) {
-  return {block.block.text, line};
-}
-
-}  // namespace
-
-bool CsvTimes::isNumeric() const {
-  return kind_ == CellKind::empty || kind_ == CellKind::integer || kind_ == CellKind::real;
-}
-
-bool CsvTimes::isBroken() const { return !isNumeric() || gap_ || !fault_.empty(); }
-
 void CsvTimes::restart() {
   hasRows_ = false;
-  gap_.reset();
-  fault_.clear();
   loss_.clear();
 }
 
-bool CsvTimes::take(const CsvText& text, const BlockValues& block, std::int64_t line) {
+bool CsvTimes::take(const BlockValues& block, std::int64_t line) {
   const CellValues& cells = block.columns[place_];
   const bool isNew = cells.kind > kind_ && hasRows_;
   if (cells.kind > kind_) kind_ = cells.kind;
-  if (!gap_ && !cells.missing.empty()) {
-    gap_ = recordAt(rowsOf(block, line), cells.missing.front()).line;
+  if (cells.kind == CellKind::text) {
+    const CsvPlace place = placed(block, line, *cells.misfit);
+    throw std::runtime_error(describe(place, timeWithoutNumber(place.cell)));
   }
-  if (isNumeric() && !gap_) {
-    times_.resize(cells.words.size());
-    for (std::size_t i = 0; i < times_.size(); ++i) {
-      const std::uint64_t bits = cells.words[i];
-      if (cells.kind == CellKind::integer) {
-        times_[i] = static_cast<double>(static_cast<std::int64_t>(bits));
-      } else {
-        std::memcpy(&times_[i], &bits, sizeof(bits));
-      }
-    }
-    checkValues(text, block, line);
+  const std::optional<std::uint32_t> rounded = convert(cells);
+  checkOrder(block, line, cells.missing.empty() ? block.rows : cells.missing.front());
+  if (!cells.missing.empty()) {
+    throw std::runtime_error(describe(placed(block, line, cells.missing.front()), kNoTime));
   }
-  hasRows_ = hasRows_ || block.rows > 0;
+  if (block.rows == 0) return true;
+  if (loss_.empty()) noteLoss(block, line, rounded);
+  hasRows_ = true;
+  last_ = times_.back();
+  lastCell_ = cells.last;
   return !isNew;
 }
 
-void CsvTimes::checkValues(const CsvText& text, const BlockValues& block, std::int64_t line) {
-  constexpr double kExact = 9007199254740992.0;
-  const auto placed = [&](std::size_t row) {
-    const auto record = recordAt(rowsOf(block, line), static_cast<std::uint32_t>(row));
-    return where(text, record.line);
-  };
-  double last = hasRows_ ? last_ : -HUGE_VAL;
-  for (std::size_t i = 0; i < times_.size() && fault_.empty(); ++i) {
-    const double time = times_[i];
-    if (!std::isfinite(time)) {
-      fault_ = fmt::format("{} is {}, but times must be finite", placed(i), time);
-    } else if (time < last) {
-      fault_ = fmt::format("{} is {}, after {} in the row before: times must not decrease",
-                           placed(i), time, last);
-    } else if (loss_.empty() && std::abs(time) > kExact) {
-      loss_ = fmt::format("{}: times beyond 2^53 are rounded to double", placed(i));
+// Returns the first row whose time is rounded.
+std::optional<std::uint32_t> CsvTimes::convert(const CellValues& cells) {
+  std::optional<std::uint32_t> rounded = cells.rounded;
+  times_.resize(cells.words.size());
+  for (std::size_t i = 0; i < times_.size(); ++i) {
+    const std::uint64_t bits = cells.words[i];
+    bool isExact = true;
+    if (cells.kind == CellKind::integer) {
+      const auto number = static_cast<std::int64_t>(bits);
+      times_[i] = static_cast<double>(number);
+      isExact = isExactInDouble(number);
+    } else if (cells.kind == CellKind::unsignedInteger) {
+      times_[i] = static_cast<double>(bits);
+      isExact = isExactInDouble(bits);
+    } else {
+      std::memcpy(&times_[i], &bits, sizeof(bits));
     }
-    last = time;
+    if (!isExact && !rounded) rounded = static_cast<std::uint32_t>(i);
   }
-  last_ = last;
+  return rounded;
 }
 
-void CsvTimes::check(const CsvText& text) const {
-  if (gap_ && kind_ != CellKind::text) {
-    throw std::runtime_error(where(text, *gap_) + " is empty, and every row needs a time");
+void CsvTimes::checkOrder(const BlockValues& block, std::int64_t line, std::size_t rows) const {
+  double last = hasRows_ ? last_ : -HUGE_VAL;
+  for (std::size_t i = 0; i < rows; ++i) {
+    const double time = times_[i];
+    if (std::isfinite(time) && time >= last) {
+      last = time;
+      continue;
+    }
+    throw std::runtime_error(describe(placed(block, line, i), std::isfinite(time)
+                                                                  ? fallingTime(time, last)
+                                                                  : infiniteTime(time)));
   }
-  if (!isNumeric()) {
-    const auto isDone = [](const CellReview& review) { return review.firstNoDouble.has_value(); };
-    const CellReview review = reviewCells(text.rows(), {place_}, isDone).at(place_);
-    const CsvPlace& found = review.firstNoDouble ? *review.firstNoDouble : *review.first;
-    throw std::runtime_error(fmt::format(
-        "{} holds {}, but times must be numbers (--time NAME takes another column for time)",
-        where(text, found.line), inQuotes(found.cell)));
+}
+
+// Integers need no comparison: of two that have the same double, one is rounded.
+void CsvTimes::noteLoss(const BlockValues& block, std::int64_t line,
+                        std::optional<std::uint32_t> rounded) {
+  const CellValues& cells = block.columns[place_];
+  std::optional<std::uint32_t> indistinct = cells.indistinct;
+  if (hasRows_ && times_.front() == last_ &&
+      !isSameDecimal(lastCell_, cells.first, text_.dialect().decimalMark)) {
+    indistinct = 0;
   }
-  if (!fault_.empty()) throw std::runtime_error(fault_);
+  if (rounded && (!indistinct || *rounded <= *indistinct)) {
+    const CsvPlace place = placed(block, line, *rounded);
+    loss_ = describe(place, roundedNumber(place.cell, Double));
+  } else if (indistinct) {
+    const CsvPlace place = placed(block, line, *indistinct);
+    const std::string before =
+        *indistinct == 0 ? lastCell_ : placed(block, line, *indistinct - 1U).cell;
+    loss_ = describe(place, indistinctTime(place.cell, before));
+  }
 }
 
 const std::vector<double>& CsvTimes::timesWithout(const std::vector<std::uint32_t>& missing) {
@@ -105,8 +103,12 @@ const std::vector<double>& CsvTimes::timesWithout(const std::vector<std::uint32_
   return present_;
 }
 
-std::string CsvTimes::where(const CsvText& text, std::int64_t line) const {
-  return fmt::format("{}, line {}: column {}", text.path(), line, inQuotes(name_));
+CsvPlace CsvTimes::placed(const BlockValues& block, std::int64_t line, std::size_t row) const {
+  return placeOf(block.block.text, text_.dialect(), line, static_cast<std::uint32_t>(row), place_);
+}
+
+std::string CsvTimes::describe(const CsvPlace& place, const std::string& what) const {
+  return describePlace(text_.path(), place.line, name_) + " " + what;
 }
 
 }  // namespace kyr::tool

@@ -1,94 +1,88 @@
-#include "csv/CsvRecords.h"
+#include "csv/CsvTokenizer.h"
+
+#include <algorithm>
 
 namespace kyr::tool {
 
-bool CsvRecordScanner::atLineEnd() const {
-  return text_[position_] == '\n' || text_[position_] == '\r';
+bool CsvTokenizer::startsComment(const char* at) const {
+  const std::string_view rest(at, static_cast<std::size_t>(end_ - at));
+  return std::any_of(
+      dialect_->commentPrefixes.begin(), dialect_->commentPrefixes.end(),
+      [&](const std::string& prefix) { return rest.substr(0, prefix.size()) == prefix; });
 }
 
-void CsvRecordScanner::skipLineEnd() {
-  const bool isPair = text_.substr(position_, 2) == "\r\n";
-  position_ += isPair ? 2 : 1;
-  ++line_;
+const char* CsvTokenizer::findLineEnd(const char* at) const {
+  return std::find_if(at, end_, isLineEnd);
 }
 
-// Past the characters that mean nothing to the state.
-void CsvRecordScanner::skipContent(State state) {
-  const bool isQuoted = state == State::quoted;
-  while (position_ < text_.size()) {
-    const char c = text_[position_];
-    if (c == '\n' || c == '\r' || c == (isQuoted ? '"' : ',')) return;
-    ++position_;
+// Skips the quoted part that starts at \p at. A doubled quote looks like the end of one part and
+// the start of the next.
+const char* CsvTokenizer::skipQuoted(const char* at) {
+  while (at != end_ && *at == dialect_->quote) {
+    ++at;
+    while (at != end_ && *at != dialect_->quote) at = isLineEnd(*at) ? skipLineEnd(at) : at + 1;
+    isUnclosed_ = at == end_;
+    if (!isUnclosed_) ++at;
   }
+  return at;
 }
 
-CsvRecordScanner::State CsvRecordScanner::skipCharacter(State state, CsvRecord& record) {
-  const char c = text_[position_];
-  if (state == State::quoted) {
-    if (atLineEnd()) {
-      skipLineEnd();
-      return state;
-    }
-    ++position_;
-    return c == '"' ? State::afterQuote : state;
+bool CsvRows::next(CsvRow& row) {
+  at_ = tokens_.nextRow(at_);
+  if (at_ == tokens_.end()) return false;
+  const char* const begin = at_;
+  row = {};
+  row.line = tokens_.line();
+  bool hasMore = true;
+  while (hasMore) {
+    at_ = tokens_.skipCell(at_);
+    ++row.cells;
+    hasMore = tokens_.isDelimiter(at_);
+    if (hasMore) ++at_;
   }
-  ++position_;
-  if (c == ',') {
-    ++record.cells;
-    return State::cellStart;
-  }
-  // A quotation mark means something at the start of a cell and, doubled, inside a quoted one.
-  return c == '"' && state != State::plain ? State::quoted : State::plain;
-}
-
-bool CsvRecordScanner::next(CsvRecord& record) {
-  while (position_ < text_.size() && atLineEnd()) skipLineEnd();
-  if (position_ == text_.size()) return false;
-  record = {};
-  record.line = line_;
-  const std::size_t begin = position_;
-  State state = State::cellStart;
-  while (position_ < text_.size() && (state == State::quoted || !atLineEnd())) {
-    state = skipCharacter(state, record);
-    if (state == State::plain || state == State::quoted) skipContent(state);
-  }
-  record.text = text_.substr(begin, position_ - begin);
-  record.isUnclosed = state == State::quoted;
-  if (position_ < text_.size()) skipLineEnd();
+  row.text = {begin, static_cast<std::size_t>(at_ - begin)};
+  row.isUnclosed = tokens_.isUnclosed();
+  row.isEnded = at_ != tokens_.end();
   return true;
 }
 
-void splitCells(std::string_view row, std::vector<std::string>& cells) {
+std::string_view cellText(std::string_view cell, const CsvDialect& dialect, std::string& unquoted) {
+  if (cell.empty() || cell.front() != dialect.quote) return cell;
+  unquoted.clear();
+  std::size_t at = 0;
+  while (at < cell.size() && cell[at] == dialect.quote) {
+    if (at > 0) unquoted.push_back(dialect.quote);
+    const std::size_t close = std::min(cell.find(dialect.quote, at + 1), cell.size());
+    unquoted.append(cell.substr(at + 1, close - at - 1));
+    at = close + 1;
+  }
+  if (at < cell.size()) unquoted.append(cell.substr(at));
+  return unquoted;
+}
+
+void splitRow(std::string_view row, const CsvDialect& dialect, std::vector<std::string>& cells) {
+  CsvTokenizer tokens(row, dialect, 0);
+  std::string unquoted;
   std::size_t count = 0;
-  const auto nextCell = [&]() -> std::string& {
+  const char* at = row.data();
+  for (bool hasMore = true; hasMore; ++count) {
+    const char* const end = tokens.skipCell(at);
     if (count == cells.size()) cells.emplace_back();
-    cells[count].clear();
-    return cells[count++];
-  };
-  std::string* cell = &nextCell();
-  bool isStart = true;  // of the cell
-  bool isQuoted = false;
-  bool isBehind = false;  // a quotation mark that closed, unless it is doubled
-  for (const char c : row) {
-    if (isQuoted && c != '"') {
-      cell->push_back(c);
-    } else if (isQuoted) {
-      isQuoted = false;
-      isBehind = true;
-    } else if (c == ',') {
-      cell = &nextCell();
-      isStart = true;
-      isBehind = false;
-    } else if (c == '"' && (isStart || isBehind)) {
-      if (isBehind) cell->push_back(c);
-      isQuoted = true;
-      isStart = isBehind = false;
-    } else {
-      cell->push_back(c);
-      isStart = isBehind = false;
-    }
+    cells[count] = cellText({at, static_cast<std::size_t>(end - at)}, dialect, unquoted);
+    hasMore = tokens.isDelimiter(end);
+    if (hasMore) at = end + 1;
   }
   cells.resize(count);
+}
+
+CsvPlace placeOf(std::string_view text, const CsvDialect& dialect, std::int64_t line,
+                 std::uint32_t row, std::size_t column) {
+  CsvRows rows(text, dialect, line);
+  CsvRow found;
+  for (std::uint32_t i = 0; i <= row; ++i) rows.next(found);
+  std::vector<std::string> cells;
+  splitRow(found.text, dialect, cells);
+  return {found.line, cells.at(column)};
 }
 
 }  // namespace kyr::tool

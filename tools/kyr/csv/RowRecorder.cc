@@ -3,43 +3,32 @@
 #include <fmt/format.h>
 
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
 #include <utility>
 
+#include "cli/Output.h"
 #include "cli/Text.h"
-#include "print/TypeNames.h"
+#include "csv/CsvMessages.h"
 
 namespace kyr::tool {
 
-namespace {
-
-bool isEmpty(std::string_view cell) { return trimmed(cell).empty(); }
-
-bool isTruthValue(std::string_view cell) {
-  std::vector<char> value;
-  return !cellParser(Double)(cell, value) && cellParser(Boolean)(cell, value);
-}
-
-}  // namespace
-
-RowRecorder::RowRecorder(recording::LiveRecording& live, std::string source, CsvHeader header,
-                         bool skipsBad)
-    : live_(live), source_(std::move(source)), header_(std::move(header)), skipsBad_(skipsBad) {}
+RowRecorder::RowRecorder(recording::LiveRecording& live, std::string source, CsvDialect dialect,
+                         CsvHeader header, Strictness strictness)
+    : live_(live),
+      source_(std::move(source)),
+      dialect_(std::move(dialect)),
+      header_(std::move(header)),
+      strictness_(strictness) {}
 
 void RowRecorder::begin() {
   if (columns_.empty()) makeSignals();
 }
 
-// A column without a type is one of truth values if its first cell is one, else of doubles.
 void RowRecorder::makeSignals() {
   for (CsvColumn& described : header_.columns) {
     Column& column = columns_.emplace_back();
-    if (!described.isGiven && described.place < cells_.size() &&
-        isTruthValue(cells_[described.place])) {
-      described.type = Boolean;
-    }
-    column.parse = cellParser(described.type);
+    described.type = typeOf(described);
+    column.parser.emplace(described.type, dialect_.decimalMark);
     column.width = parquet::elementWidth(described.type);
     recording::SignalDescription description;
     description.signalId = described.id;
@@ -48,23 +37,34 @@ void RowRecorder::makeSignals() {
     column.signal = live_.addSignal(description, described.type, Scalar);
     column.described = std::move(described);
   }
-  // From now on a recovery knows the signals.
+  // A recovery knows the signals from the next flush on.
   live_.flush();
 }
 
-void RowRecorder::add(const CsvRecord& record) {
-  splitCells(record.text, cells_);
-  if (record.isUnclosed) return refuse(record, "a quotation mark is not closed", skippedRows_);
+KYRSignalDataType RowRecorder::typeOf(const CsvColumn& column) const {
+  if (column.isGiven || column.place >= cells_.size()) return column.type;
+  const std::string_view cell = trimmed(cells_[column.place]);
+  constexpr std::int64_t kExactEnd = std::int64_t{1} << 53U;
+  std::int64_t number = 0;
+  if (parseInteger(cell, number)) {
+    return number > -kExactEnd && number < kExactEnd ? Double : Int64;
+  }
+  std::uint64_t positive = 0;
+  if (parseInteger(cell, positive)) return UInt64;
+  bool isTrue = false;
+  return parseTruthValue(cell, isTrue) ? Boolean : Double;
+}
+
+void RowRecorder::add(const CsvRow& row) {
+  splitRow(row.text, dialect_, cells_);
   const std::size_t expected = header_.columns.size() + 1;
-  if (cells_.size() != expected) {
-    return refuse(
-        record,
-        fmt::format("{}, where the header has {}", counted(cells_.size(), "cell"), expected),
-        skippedRows_);
+  if (row.isUnclosed || row.cells != expected) {
+    const std::string what = row.isUnclosed ? kUnclosedQuote : wrongCellCount(row.cells, expected);
+    return refuse(describeLine(source_, row.line) + ": " + what, skippedRows_);
   }
   begin();
-  if (!takeTime(record)) return;
-  for (Column& column : columns_) takeCell(record, column);
+  if (!takeTime(row)) return;
+  for (Column& column : columns_) takeCell(row, column);
   for (Column& column : columns_) {
     if (!column.hasSample) continue;
     column.signal->appendTime(&time_, 1);
@@ -73,49 +73,60 @@ void RowRecorder::add(const CsvRecord& record) {
   ++rows_;
 }
 
-bool RowRecorder::takeTime(const CsvRecord& record) {
-  const std::string& cell = cells_[header_.timePlace];
-  timeBytes_.clear();
+bool RowRecorder::takeTime(const CsvRow& row) {
+  const std::string_view cell = trimmed(cells_[header_.timePlace]);
+  const auto describe = [&](const std::string& what) {
+    return describePlace(source_, row.line, header_.timeName) + " " + what;
+  };
   const auto wrong = [&](const std::string& what) {
-    refuse(record, fmt::format("column {} {}", inQuotes(header_.timeName), what), skippedRows_);
+    refuse(describe(what), skippedRows_);
     return false;
   };
-  if (isEmpty(cell)) return wrong("is empty, and every row needs a time");
+  if (cell.empty()) return wrong(kNoTime);
   double time = 0;
-  if (cellParser(Double)(cell, timeBytes_)) {
-    std::memcpy(&time, timeBytes_.data(), sizeof(time));
-  } else {
-    return wrong(
-        fmt::format("holds {}, but times must be numbers (--time NAME takes another "
-                    "column for time)",
-                    inQuotes(cell)));
-  }
-  if (!std::isfinite(time)) return wrong(fmt::format("is {}, but times must be finite", time));
-  if (rows_ > 0 && time < time_) {
-    return wrong(fmt::format("is {}, after {}: times must not decrease", time, time_));
+  const CellFit fit = parseReal(cell, dialect_.decimalMark, time);
+  if (fit == CellFit::none) return wrong(timeWithoutNumber(cell));
+  if (!std::isfinite(time)) return wrong(infiniteTime(time));
+  if (rows_ > 0 && time < time_) return wrong(fallingTime(time, time_));
+  if (fit == CellFit::rounded) {
+    noteRounding(describe(roundedNumber(cell, Double)), isTimeRoundingTold_);
+  } else if (rows_ > 0 && time == time_ && !isSameDecimal(timeCell_, cell, dialect_.decimalMark)) {
+    noteRounding(describe(indistinctTime(cell, timeCell_)), isTimeRoundingTold_);
   }
   time_ = time;
+  timeCell_ = cell;
   return true;
 }
 
-void RowRecorder::takeCell(const CsvRecord& record, Column& column) {
-  const std::string& cell = cells_[column.described.place];
+void RowRecorder::takeCell(const CsvRow& row, Column& column) {
+  const std::string_view cell = trimmed(cells_[column.described.place]);
   column.sample.clear();
   column.hasSample = false;
-  if (isEmpty(cell)) return;
-  column.hasSample = column.parse(cell, column.sample);
-  if (column.hasSample) return;
-  refuse(record,
-         fmt::format("column {} holds {}, which does not fit {}", inQuotes(column.described.name),
-                     inQuotes(cell), typeName(column.described.type)),
-         skippedCells_);
+  if (cell.empty()) return;
+  const CellFit fit = column.parser->append(cell, column.sample);
+  column.hasSample = !column.sample.empty();
+  if (fit == CellFit::exact) return;
+  const KYRSignalDataType type = column.described.type;
+  const std::string place = describePlace(source_, row.line, column.described.name) + " ";
+  if (!column.hasSample) return refuse(place + wrongType(cell, type), skippedCells_);
+  noteRounding(fmt::format("{}{} (--type {}=int64 keeps integers)", place,
+                           roundedNumber(cell, type), column.described.name),
+               column.isRoundingTold);
 }
 
-void RowRecorder::refuse(const CsvRecord& record, const std::string& what, std::uint64_t& count) {
-  std::string text = fmt::format("{}, line {}: {}", source_, record.line, what);
-  if (!skipsBad_) throw std::runtime_error(text);
-  if (firstSkipped_.empty()) firstSkipped_ = std::move(text);
+// Counts what cannot be stored, or throws.
+void RowRecorder::refuse(const std::string& what, std::uint64_t& count) {
+  if (strictness_ != Strictness::lenient) {
+    throw std::runtime_error(what + " (--skip-bad leaves it out)");
+  }
+  if (firstSkipped_.empty()) firstSkipped_ = what;
   ++count;
+}
+
+void RowRecorder::noteRounding(const std::string& what, bool& isTold) const {
+  if (strictness_ == Strictness::exact) throw std::runtime_error(what + ", which --strict refuses");
+  if (!isTold) tell("warning: " + what);
+  isTold = true;
 }
 
 std::string RowRecorder::skipped() const {

@@ -7,27 +7,35 @@
 #include <string_view>
 #include <vector>
 
-#include "csv/CellParser.h"
+#include "csv/CellNumbers.h"
 #include "csv/CsvHeader.h"
-#include "csv/CsvRecords.h"
+#include "csv/CsvTokenizer.h"
 #include "kyr/recording/LiveRecording.h"
 
 namespace kyr::tool {
 
 /// Appends CSV rows to a live recording, sample by sample.
+///
+/// A column without a given type gets its type from the first row, because its samples are stored
+/// at once: boolean for true and false, int64 or uint64 for an integer of 2^53 or more, else
+/// double. The first number of a column that is rounded is told on standard error.
 class RowRecorder {
  public:
-  /// \param source  for messages
-  /// \param header  of which columns without a given type get it from the first row
-  /// \param skipsBad  whether what is no number is left out and counted
-  RowRecorder(recording::LiveRecording& live, std::string source, CsvHeader header, bool skipsBad);
+  enum class Strictness {
+    lenient,   ///< leave out and count rows and cells that cannot be stored
+    stopping,  ///< throw for them
+    exact,     ///< throw for numbers that are rounded, too
+  };
+
+  /// \param source  what messages call the input
+  RowRecorder(recording::LiveRecording& live, std::string source, CsvDialect dialect,
+              CsvHeader header, Strictness strictness);
 
   /// Appends a row, or nothing of it.
-  /// \throws std::runtime_error naming line and column of a cell that is no number, unless such
-  ///         are skipped
-  void add(const CsvRecord& record);
+  /// \throws std::runtime_error naming line and column of what cannot be stored
+  void add(const CsvRow& row);
 
-  /// Makes the signals, if no row has come so far.
+  /// Makes the signals if no row has come so far.
   void begin();
 
   std::uint64_t rows() const { return rows_; }
@@ -38,27 +46,31 @@ class RowRecorder {
  private:
   struct Column {
     CsvColumn described;
-    CellParser parse = nullptr;
+    std::optional<CellParser> parser;
     std::shared_ptr<parquet::StreamableSignal> signal;
     std::size_t width = 0;
+    bool isRoundingTold = false;
     bool hasSample = false;
     std::vector<char> sample;
   };
 
   void makeSignals();
-  bool takeTime(const CsvRecord& record);
-  void takeCell(const CsvRecord& record, Column& column);
-  // Counts it, or throws.
-  void refuse(const CsvRecord& record, const std::string& what, std::uint64_t& count);
+  KYRSignalDataType typeOf(const CsvColumn& column) const;
+  bool takeTime(const CsvRow& row);
+  void takeCell(const CsvRow& row, Column& column);
+  void refuse(const std::string& what, std::uint64_t& count);
+  void noteRounding(const std::string& what, bool& isTold) const;
 
   recording::LiveRecording& live_;
   std::string source_;
+  CsvDialect dialect_;
   CsvHeader header_;
-  bool skipsBad_;
+  Strictness strictness_;
   std::vector<Column> columns_;
   std::vector<std::string> cells_;
   double time_ = 0;
-  std::vector<char> timeBytes_;
+  std::string timeCell_;
+  bool isTimeRoundingTold_ = false;
   std::uint64_t rows_ = 0;
   std::uint64_t skippedRows_ = 0;
   std::uint64_t skippedCells_ = 0;

@@ -22,19 +22,17 @@ using recording::SignalInfo;
 
 namespace {
 
-std::vector<SignalInfo> chosenSignals(const recording::RecordingInfo& info,
-                                      const ExportOptions& options) {
-  if (options.signals.empty()) return info.signals;
-  std::vector<SignalInfo> chosen;
+// A table has a signal once, however often it is named.
+std::vector<SignalInfo> distinctSignals(std::vector<SignalInfo> signals) {
   std::set<int> ids;
-  for (const std::string& name : options.signals) {
-    const SignalInfo& signal = signalCalled(info, name, options.folder);
-    if (ids.insert(signal.signalId).second) chosen.push_back(signal);
-  }
-  return chosen;
+  const auto isRepeated = [&](const SignalInfo& signal) {
+    return !ids.insert(signal.signalId).second;
+  };
+  signals.erase(std::remove_if(signals.begin(), signals.end(), isRepeated), signals.end());
+  return signals;
 }
 
-// Why the table cannot hold a signal; empty if it can.
+// Returns why the table cannot hold a signal; empty if it can.
 std::string obstacle(const SignalInfo& signal, const RecordingFiles& files,
                      const ExportOptions& options) {
   if (!signal.dataStorageId || signal.rowCount == 0) return "it has no samples";
@@ -54,8 +52,8 @@ std::string obstacle(const SignalInfo& signal, const RecordingFiles& files,
   return "";
 }
 
-// Gives signals names that no other has: what several are called is told apart by the units, else
-// by the ids.
+// Gives each signal a name that no other has. Signals of the same name get their units behind it,
+// or else their ids.
 class UniqueNames {
  public:
   UniqueNames(const std::vector<ExportSignal>& signals, bool hasTimeColumn) {
@@ -98,8 +96,9 @@ void nameColumns(std::vector<ExportSignal>& signals, bool hasTimeColumn) {
   for (ExportSignal& signal : signals) {
     signal.column = names.nameOf(signal.info);
     if (signal.column == signal.info.name) continue;
-    tell(fmt::format("signal {}, {}, is called {} in the table, where names are unique",
-                     signal.info.signalId, inQuotes(signal.info.name), inQuotes(signal.column)));
+    tell(fmt::format(
+        "signal {}, {}, is called {} in the table, because its name is not unique there",
+        signal.info.signalId, inQuotes(signal.info.name), inQuotes(signal.column)));
   }
 }
 
@@ -124,7 +123,8 @@ std::vector<ExportSignal> exportedSignals(const recording::RecordingInfo& info,
     losses.add(fmt::format("signal {}, {}, is left out: {}", signal.signalId, inQuotes(signal.name),
                            reason));
   };
-  for (const SignalInfo& signal : chosenSignals(info, options)) {
+  for (const SignalInfo& signal :
+       distinctSignals(chosenSignals(info, options.signals, options.folder))) {
     stopIfInterrupted();
     const std::string reason = obstacle(signal, files, options);
     if (reason.empty()) {
@@ -145,8 +145,8 @@ std::vector<ExportSignal> exportedSignals(const recording::RecordingInfo& info,
   losses.settle();
   if (signals.empty()) {
     throw std::runtime_error(options.folder +
-                             ": no signal is left that could be exported: kyr info tells what "
-                             "there is");
+                             ": no signal is left that could be exported; kyr info shows what "
+                             "the recording holds");
   }
   return signals;
 }

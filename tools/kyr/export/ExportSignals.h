@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/Losses.h"
 #include "export/ExportOptions.h"
-#include "export/Losses.h"
 #include "export/RecordingFiles.h"
 #include "kyr/recording/RecordingInfo.h"
 
@@ -14,17 +14,17 @@ namespace kyr::tool {
 struct ExportSignal {
   recording::SignalInfo info;
   StoredColumn time;
-  std::string column;  ///< its name in the table, that no other has
+  std::string column;  ///< its name in the table, which no other signal has
 };
 
-/// What a CSV header calls it: with its unit, once.
+/// Its name and unit for a CSV header.
 std::string csvHeader(const ExportSignal& signal);
 
-/// Whether each sample is one number (or truth value).
+/// Whether each sample is one number or truth value.
 bool isNumber(const recording::SignalInfo& signal);
 
-/// The signals that the options choose and the table can hold. Those it cannot are added to
-/// \p losses; names that had to be changed are told.
+/// The chosen signals that the table can hold. The others are added to \p losses. Names that had to
+/// be changed are told on standard error.
 /// \throws std::runtime_error if nothing is left
 std::vector<ExportSignal> exportedSignals(const recording::RecordingInfo& info,
                                           const RecordingFiles& files, const ExportOptions& options,

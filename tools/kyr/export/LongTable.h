@@ -10,32 +10,32 @@
 #include <string>
 #include <vector>
 
+#include "cli/Losses.h"
 #include "export/ExportOptions.h"
 #include "export/ExportSignals.h"
-#include "export/Losses.h"
 #include "export/RecordingFiles.h"
 #include "export/TableWriter.h"
 
 namespace kyr::tool {
 
-/// Signals one below the other, a row per sample: signal by signal, each in order of time.
+/// A table with a row for each sample: one signal after the other, each in order of time.
 ///
-/// Samples go through slice by slice. Only a signal whose times do not ascend is in memory as a
-/// whole, to be sorted.
+/// Samples are read and written slice by slice. A signal whose times do not ascend is sorted in
+/// memory as a whole.
 class LongTable {
  public:
   using Progress = std::function<void(double part)>;
 
   LongTable(RecordingFiles& files, const std::vector<ExportSignal>& signals, Progress progress);
 
-  /// Add the integers that the table cannot hold exactly to \p losses. Reads 64-bit integers ahead
-  /// of writing, because what is on standard output cannot be taken back.
+  /// Adds the integers that the table cannot hold exactly to \p losses. To be called before
+  /// writing, because standard output cannot be taken back. Reads all 64-bit integers.
   void checkExact(Losses& losses);
 
-  /// Write the columns time, signal and value.
+  /// Writes the columns time, signal and value.
   void writeTable(const TableWriter::Target& target);
 
-  /// Write a file `signal=<name>/part-0.parquet` for each signal, of the columns time and value.
+  /// Writes a file `signal=<name>/part-0.parquet` for each signal, with the columns time and value.
   void writePartitions(const std::filesystem::path& folder, const TableWriter::Target& target);
 
   std::uint64_t rows() const { return rows_; }

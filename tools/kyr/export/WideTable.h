@@ -9,24 +9,24 @@
 #include <string>
 #include <vector>
 
+#include "cli/Losses.h"
 #include "export/ExportOptions.h"
 #include "export/ExportSignals.h"
-#include "export/Losses.h"
 #include "export/RecordingFiles.h"
 #include "export/Resampling.h"
 #include "kyr/parquet/ParquetExportSerializerWorker.h"
 
 namespace kyr::tool {
 
-/// Signals side by side in one table, "time" first, which is in memory as a whole.
+/// A table of the column "time" and a column for each signal. It is in memory as a whole.
 ///
-/// Without resampling the signals have the same times, bit for bit.
+/// Without resampling, all signals must have the same times, bit for bit.
 class WideTable {
  public:
   using Progress = std::function<void(double part)>;
 
   /// \param worker  makes the arrays and the table
-  /// \param losses  gets what is not as exact as in the recording
+  /// \param losses  gets the values that the table cannot hold exactly
   /// \throws std::runtime_error if the signals have different times
   WideTable(parquet::ParquetExportSerializerWorker& worker, RecordingFiles& files,
             const std::vector<ExportSignal>& signals, const ExportOptions& options, Losses& losses,

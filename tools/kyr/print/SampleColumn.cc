@@ -13,6 +13,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "print/TypeFunctions.h"
+
 namespace kyr::tool {
 
 namespace {
@@ -22,10 +24,10 @@ void appendNumber(fmt::memory_buffer& out, const char* element) {
   T value;
   std::memcpy(&value, element, sizeof(T));
   if constexpr (std::is_floating_point_v<T>) {
-    // In a column of whole numbers "-0" would be read as an integer, without its sign.
+    // "-0" would be read back as an integer without sign if all other numbers are whole.
     if (value == 0 && std::signbit(value)) return out.append(std::string_view("-0.0"));
   }
-  // In place, without a look at the buffer's room for every part of a number.
+  // Writing in place checks the room in the buffer once per number.
   constexpr std::size_t kLongest = 32;
   const std::size_t size = out.size();
   out.resize(size + kLongest);
@@ -37,42 +39,19 @@ void appendBoolean(fmt::memory_buffer& out, const char* element) {
   out.append(std::string_view(*element == 0 ? "false" : "true"));
 }
 
-auto elementText(KYRSignalDataType type) -> void (*)(fmt::memory_buffer&, const char*) {
-  switch (type) {
-    case Double:
-      return appendNumber<double>;
-    case Single:
-      return appendNumber<float>;
-    case Int8:
-      return appendNumber<std::int8_t>;
-    case UInt8:
-      return appendNumber<std::uint8_t>;
-    case Int16:
-      return appendNumber<std::int16_t>;
-    case UInt16:
-      return appendNumber<std::uint16_t>;
-    case Int32:
-      return appendNumber<std::int32_t>;
-    case UInt32:
-    case UInt32Alt:
-      return appendNumber<std::uint32_t>;
-    case Int64:
-      return appendNumber<std::int64_t>;
-    case UInt64:
-    case UInt64Alt:
-      return appendNumber<std::uint64_t>;
-    case Boolean:
-      return appendBoolean;
-    default:
-      return nullptr;
+struct ElementTexts {
+  template <typename T>
+  auto number() const {
+    return appendNumber<T>;
   }
-}
+  auto boolean() const { return appendBoolean; }
+};
 
 }  // namespace
 
 SampleColumn::SampleColumn(parquet::ParquetSignal& signal, const recording::SignalInfo& info,
                            std::vector<double>& time)
-    : elementText_(elementText(info.dataType)), fixedShape_(info.dimensions) {
+    : elementText_(functionFor(info.dataType, ElementTexts())), fixedShape_(info.dimensions) {
   std::vector<int> lengths;
   time.clear();
   signal.getData(time, bytes_, shapes_, lengths);
@@ -84,7 +63,7 @@ SampleColumn::SampleColumn(const recording::SignalInfo& info, std::vector<char> 
                            std::vector<std::vector<std::size_t>> shapes,
                            const std::vector<int>& lengths)
     : bytes_(std::move(bytes)),
-      elementText_(elementText(info.dataType)),
+      elementText_(functionFor(info.dataType, ElementTexts())),
       shapes_(std::move(shapes)),
       fixedShape_(info.dimensions) {
   if (elementText_) width_ = parquet::elementWidth(info.dataType);
@@ -123,7 +102,7 @@ std::size_t SampleColumn::rowsOf(std::size_t sample) const {
   return shape.size() < 2 || shape[0] == 0 || product != elements ? 1 : shape[0];
 }
 
-// Elements are stored column by column, and written row by row.
+// Elements are stored column by column and written row by row.
 void SampleColumn::appendMatrix(fmt::memory_buffer& out, std::size_t sample) const {
   const std::size_t end = begins_[sample + 1];
   const std::size_t rows = rowsOf(sample);

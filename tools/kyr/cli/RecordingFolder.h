@@ -1,0 +1,34 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+/// The folder in which a command makes a new recording.
+namespace kyr::tool {
+
+/// To be called before the work, so that the user need not wait for the refusal.
+/// \param replaces  whether an older recording may be replaced
+/// \throws UsageError, std::runtime_error if no recording can be made there
+void checkNewRecording(const std::string& folder, bool replaces);
+
+/// An older recording that gives way to a new one in the same folder. It keeps another name until
+/// the new one has begun.
+class ReplacedRecording {
+ public:
+  /// Moves the recording aside, if the folder has one.
+  /// \throws std::runtime_error if the folder holds other files, or its recording is being written
+  explicit ReplacedRecording(const std::string& folder);
+
+  /// Moves the recording back unless it was removed.
+  ~ReplacedRecording();
+  ReplacedRecording(const ReplacedRecording&) = delete;
+  ReplacedRecording& operator=(const ReplacedRecording&) = delete;
+
+  void remove();
+
+ private:
+  std::filesystem::path folder_;
+  std::filesystem::path aside_;  ///< empty if there is nothing to move back
+};
+
+}  // namespace kyr::tool

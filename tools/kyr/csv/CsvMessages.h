@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "kyr/parquet/SignalTypes.h"
+
+/// What is said about rows and cells that cannot be stored as they are.
+namespace kyr::tool {
+
+/// "run.csv, line 12", and "run.csv, line 12: column "speed"": how such messages begin.
+std::string describeLine(const std::string& source, std::int64_t line);
+std::string describePlace(const std::string& source, std::int64_t line, const std::string& column);
+
+/// \name What is wrong with a row
+/// @{
+inline constexpr const char* kUnclosedQuote = "a quotation mark is not closed";
+std::string wrongCellCount(std::size_t cells, std::size_t expected);
+/// @}
+
+/// \name What is wrong with the cell of a column, to be put behind the column's name
+/// @{
+std::string wrongType(std::string_view cell, KYRSignalDataType type);
+std::string roundedNumber(std::string_view cell, KYRSignalDataType type);
+inline constexpr const char* kNoTime = "is empty, and every row needs a time";
+std::string timeWithoutNumber(std::string_view cell);
+std::string infiniteTime(double time);
+std::string fallingTime(double time, double before);
+std::string indistinctTime(std::string_view cell, std::string_view before);
+/// @}
+
+}  // namespace kyr::tool
