@@ -45,9 +45,8 @@ class BlockReader {
       readRows();
       isAgain = planAgain();
     }
-    CellValues& times = values_.columns[timeColumn_];
-    times.first = textOf(firstTime_);
-    times.last = textOf(lastTime_);
+    values_.times.first = textOf(firstTime_);
+    values_.times.last = textOf(lastTime_);
   }
 
  private:
@@ -85,7 +84,10 @@ class BlockReader {
   void readRows() {
     tokens_ = CsvTokenizer(text_, dialect_, 0);
     values_.rows = 0;
-    if (ways_[timeColumn_] != Way::skip) firstTime_ = lastTime_ = {};
+    if (ways_[timeColumn_] != Way::skip) {
+      firstTime_ = lastTime_ = {};
+      values_.times.indistinct.reset();
+    }
     const char* at = tokens_.nextRow(text_.data());
     while (at != tokens_.end() && !values_.failure) {
       at = tokens_.nextRow(readRow(at));
@@ -215,10 +217,10 @@ class BlockReader {
   void noteTime(std::string_view cell, CellValues& cells) {
     const std::size_t count = cells.words.size();
     if (firstTime_.empty()) firstTime_ = cell;
-    if (cells.kind == CellKind::real && !cells.indistinct && count > 1 &&
+    if (cells.kind == CellKind::real && !values_.times.indistinct && count > 1 &&
         cells.words[count - 1] == cells.words[count - 2] && lastTime_ != cell &&
         !isSameDecimal(textOf(lastTime_), textOf(cell), dialect_.decimalMark)) {
-      cells.indistinct = values_.rows;
+      values_.times.indistinct = values_.rows;
     }
     lastTime_ = cell;
   }
@@ -248,7 +250,6 @@ void CellValues::clear(CellKind newKind) {
   bytes.clear();
   misfit.reset();
   rounded.reset();
-  indistinct.reset();
 }
 
 void readBlock(const CsvBlock& block, const CsvDialect& dialect, const std::vector<CellPlan>& plans,

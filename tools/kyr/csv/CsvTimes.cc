@@ -30,7 +30,7 @@ bool CsvTimes::take(const BlockValues& block, std::int64_t line) {
   if (loss_.empty()) noteLoss(block, line, rounded);
   hasRows_ = true;
   last_ = times_.back();
-  lastCell_ = cells.last;
+  lastCell_ = block.times.last;
   return !isNew;
 }
 
@@ -73,10 +73,9 @@ void CsvTimes::checkOrder(const BlockValues& block, std::int64_t line, std::size
 // Integers need no comparison: of two that have the same double, one is rounded.
 void CsvTimes::noteLoss(const BlockValues& block, std::int64_t line,
                         std::optional<std::uint32_t> rounded) {
-  const CellValues& cells = block.columns[place_];
-  std::optional<std::uint32_t> indistinct = cells.indistinct;
+  std::optional<std::uint32_t> indistinct = block.times.indistinct;
   if (hasRows_ && times_.front() == last_ &&
-      !isSameDecimal(lastCell_, cells.first, text_.dialect().decimalMark)) {
+      !isSameDecimal(lastCell_, block.times.first, text_.dialect().decimalMark)) {
     indistinct = 0;
   }
   if (rounded && (!indistinct || *rounded <= *indistinct)) {
