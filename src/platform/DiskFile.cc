@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -18,7 +19,7 @@ namespace kyr {
 
 namespace {
 
-constexpr mode_t kPermissions = 0666;  // less the process's mask
+constexpr mode_t kPermissions = 0666;  // the process's mask takes some away
 
 template <typename Call>
 auto retried(Call&& call) {
@@ -27,17 +28,25 @@ auto retried(Call&& call) {
   return result;
 }
 
+// O_NONBLOCK changes nothing for files; without it, opening a pipe waits for the pipe's writer.
+constexpr int kAlways = O_CLOEXEC | O_NONBLOCK;
+
 int flagsOf(DiskFile::Mode mode) {
-  if (mode == DiskFile::Mode::readOnly) return O_RDONLY | O_CLOEXEC;
-  return O_RDWR | O_CLOEXEC | (mode == DiskFile::Mode::createNew ? O_CREAT | O_EXCL : 0);
+  return kAlways | (mode == DiskFile::Mode::readOnly ? O_RDONLY : O_RDWR);
 }
 
-// The pieces of a gathered write that are still to be written.
+[[noreturn]] void failBoth(const char* what, const std::filesystem::path& one,
+                           const std::filesystem::path& other, int error) {
+  throw std::system_error(error, std::generic_category(),
+                          fmt::format("{}: cannot {} {}", one.string(), what, other.string()));
+}
+
+// The pieces of a gathered write that are not written yet.
 class Remaining {
  public:
   explicit Remaining(const std::vector<std::string_view>& pieces) {
     for (const std::string_view piece : pieces) {
-      // The kernel only reads from them.
+      // The kernel only reads from the pieces.
       if (!piece.empty()) vectors_.push_back({const_cast<char*>(piece.data()), piece.size()});
     }
   }
@@ -66,8 +75,7 @@ class Remaining {
 }  // namespace
 
 DiskFile::DiskFile(std::filesystem::path path, Mode mode) : path_(std::move(path)), mode_(mode) {
-  descriptor_ = retried([&] { return ::open(path_.c_str(), flagsOf(mode), kPermissions); });
-  if (descriptor_ < 0) fail(mode == Mode::createNew ? "create" : "open", errno);
+  open(flagsOf(mode) | (mode == Mode::createNew ? O_CREAT | O_EXCL : 0));
 }
 
 DiskFile::~DiskFile() {
@@ -79,12 +87,21 @@ void DiskFile::fail(const char* what, int error) const {
                           fmt::format("{}: cannot {}", path_.string(), what));
 }
 
+void DiskFile::open(int flags) const {
+  const bool isNew = (flags & O_CREAT) != 0;
+  descriptor_ = retried([&] { return ::open(path_.c_str(), flags, kPermissions); });
+  if (descriptor_ < 0) fail(isNew ? "create" : "open", errno);
+  if (isNew) return;
+  struct stat status {};
+  const bool isKnown = ::fstat(descriptor_, &status) == 0;
+  if (isKnown && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) return;
+  const int error = isKnown ? ENOTSUP : errno;
+  ::close(std::exchange(descriptor_, -1));
+  fail(isKnown ? "open a pipe or device" : "open", error);
+}
+
 int DiskFile::descriptor() const {
-  if (descriptor_ < 0 && suspended_) {
-    const Mode mode = mode_ == Mode::readOnly ? Mode::readOnly : Mode::readWrite;
-    descriptor_ = retried([&] { return ::open(path_.c_str(), flagsOf(mode)); });
-    if (descriptor_ < 0) fail("open", errno);
-  }
+  if (descriptor_ < 0 && suspended_) open(flagsOf(mode_));
   return descriptor_;
 }
 
@@ -147,8 +164,7 @@ void DiskFile::syncAll() {
 
 void DiskFile::suspend() {
   suspended_ = true;
-  const int descriptor = std::exchange(descriptor_, -1);
-  if (descriptor >= 0 && ::close(descriptor) != 0 && errno != EINTR) fail("close", errno);
+  closeDescriptor();
 }
 
 bool DiskFile::tryLock(Lock lock) {
@@ -164,15 +180,52 @@ void DiskFile::unlock() {
 
 void DiskFile::close() {
   suspended_ = false;
+  closeDescriptor();
+}
+
+void DiskFile::closeDescriptor() {
   const int descriptor = std::exchange(descriptor_, -1);
-  // An interrupted close has released the descriptor; trying again could close another's.
+  // An interrupted close has released the descriptor. A second one could close another file.
   if (descriptor >= 0 && ::close(descriptor) != 0 && errno != EINTR) fail("close", errno);
+}
+
+std::string readWholeFile(const std::filesystem::path& file) {
+  const DiskFile in(file, DiskFile::Mode::readOnly);
+  std::string content(static_cast<std::size_t>(in.size()), '\0');
+  content.resize(in.readAt(0, content.data(), content.size()));
+  return content;
+}
+
+void writeNewFile(const std::filesystem::path& file, std::string_view content) {
+  DiskFile out(file, DiskFile::Mode::createNew);
+  try {
+    out.writeAt(0, {content});
+    out.close();
+  } catch (...) {
+    std::error_code ignored;
+    std::filesystem::remove(file, ignored);
+    throw;
+  }
+}
+
+void syncPath(const std::filesystem::path& path) {
+  DiskFile(path, DiskFile::Mode::readOnly).syncAll();
 }
 
 void syncDirectoryOf(const std::filesystem::path& file) {
   const std::filesystem::path parent = file.parent_path();
-  DiskFile directory(parent.empty() ? "." : parent, DiskFile::Mode::readOnly);
-  directory.syncAll();
+  syncPath(parent.empty() ? "." : parent);
+}
+
+void renamePath(const std::filesystem::path& from, const std::filesystem::path& to) {
+  if (std::rename(from.c_str(), to.c_str()) != 0) failBoth("be renamed to", from, to, errno);
+}
+
+bool exchangePaths(const std::filesystem::path& one, const std::filesystem::path& other) {
+  if (::renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0)
+    return true;
+  if (errno == EINVAL || errno == ENOSYS) return false;
+  failBoth("be exchanged with", one, other, errno);
 }
 
 }  // namespace kyr

@@ -3,23 +3,26 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <string>
 #include <string_view>
 #include <vector>
 
 namespace kyr {
 
-/// An open file that is read and written at given offsets. Short transfers and interruptions are
-/// dealt with; every other failure is a std::system_error whose text names the file.
+/// An open file that is read and written at given offsets. Short transfers and interrupted calls
+/// are continued; every other failure is a std::system_error whose text names the file.
 class DiskFile {
  public:
   enum class Mode {
-    createNew,  ///< for reading and writing; fails if there is anything of that name
-    readWrite,
-    readOnly,
+    createNew,  ///< for reading and writing; fails if the name is taken
+    readWrite,  ///< an existing file
+    readOnly,   ///< an existing file, or a directory that is to be locked or synced
   };
 
+  /// Opens regular files and directories only. A pipe or a device is refused at once, also where an
+  /// ordinary open would wait for its other end.
   DiskFile(std::filesystem::path path, Mode mode);
-  /// Closes the file, whether that succeeds or not.
+  /// Closes the file and ignores a failure to do so.
   ~DiskFile();
   DiskFile(const DiskFile&) = delete;
   DiskFile& operator=(const DiskFile&) = delete;
@@ -29,42 +32,44 @@ class DiskFile {
   /// \throws std::runtime_error naming the file if it was deleted while it was open
   void requireName() const;
 
-  /// The pieces one after the other, from \p offset on. What is there of them after a failure is
-  /// left open.
+  /// Writes the pieces one after the other, starting at \p offset. After a failure some of the
+  /// bytes may have been written.
   void writeAt(std::uint64_t offset, const std::vector<std::string_view>& pieces);
 
-  /// \return bytes read, fewer than \p size only where the file ends
+  /// \return bytes read; fewer than \p size only where the file ends
   std::size_t readAt(std::uint64_t offset, void* out, std::size_t size) const;
 
   void truncate(std::uint64_t size);
   /// \return whether it succeeded
   bool tryTruncate(std::uint64_t size) noexcept;
 
-  /// Waits until the content, and what is needed to find it, is on the disk. After a failure the
-  /// system may take what it could not write for written: syncing again proves nothing then.
+  /// Waits until the content, and the metadata needed to find it, are on the disk. After a failure
+  /// the system may count lost bytes as written: a later sync that succeeds proves nothing.
   void syncData();
-  /// As syncData(), times and permissions included; works for directories as well.
+  /// Does what syncData() does, and includes times and permissions. Works for directories, too.
   void syncAll();
 
-  /// An advisory lock of the open file, until it is unlocked or closed; a process that ends in
-  /// whatever way gives it back. Works for directories as well.
+  /// An advisory lock on the open file. It ends with unlock(), close() or the process. Works for
+  /// directories, too.
   enum class Lock { shared, exclusive };
-  /// \return whether nobody else has a lock that excludes this one
+  /// \return false if somebody else has a lock that excludes this one
   bool tryLock(Lock lock);
   void unlock();
 
-  /// \throws std::system_error if the system reports that something was lost; the file is closed
-  ///         all the same
+  /// Closes the file, also when it throws.
+  /// \throws std::system_error if the system reports that written bytes were lost
   void close();
 
-  /// Closes the file until it is used next, to save the descriptor. It must keep its name.
+  /// Gives the descriptor back until the file is used next. The file must keep its name.
   /// \throws std::system_error as close()
   void suspend();
 
  private:
   [[noreturn]] void fail(const char* what, int error) const;
-  // Opens a suspended file.
+  void open(int flags) const;
+  // Opens the file again if it is suspended.
   int descriptor() const;
+  void closeDescriptor();
 
   std::filesystem::path path_;
   Mode mode_;
@@ -72,8 +77,33 @@ class DiskFile {
   bool suspended_ = false;
 };
 
-/// Waits until the names in the directory of \p file are on the disk: a new file may otherwise be
-/// gone after a power cut, however well its content was synced.
+/// The content of a file.
+/// \throws std::system_error naming the file
+std::string readWholeFile(const std::filesystem::path& file);
+
+/// Creates a file with the given content. It is not synced.
+/// \throws std::system_error naming the file, also if the name is taken; a file that could not be
+///         written whole is removed
+void writeNewFile(const std::filesystem::path& file, std::string_view content);
+
+/// Waits until a file, or the names in a directory, are on the disk.
+/// \throws std::system_error naming the path
+void syncPath(const std::filesystem::path& path);
+
+/// Syncs the directory of \p file. Without it a power cut may remove a new file whose content was
+/// synced.
+/// \throws std::system_error naming the directory
 void syncDirectoryOf(const std::filesystem::path& file);
+
+/// Gives \p from the name \p to in one step. A file takes the place of a file, a directory that of
+/// an empty directory.
+/// \throws std::system_error naming both; nothing has changed then. The code is
+///         std::errc::directory_not_empty or file_exists for a directory that is not empty
+void renamePath(const std::filesystem::path& from, const std::filesystem::path& to);
+
+/// Exchanges two names in one step.
+/// \return false if the file system cannot do that
+/// \throws std::system_error naming both; nothing has changed then
+bool exchangePaths(const std::filesystem::path& one, const std::filesystem::path& other);
 
 }  // namespace kyr
