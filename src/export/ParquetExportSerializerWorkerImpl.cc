@@ -15,7 +15,7 @@
 #include "kyr/parquet/ParquetSerializerWorker.h"
 #include "kyr/parquet/SchemaBuilder.h"
 #include "schema/ArrayMemory.h"
-#include "schema/ElementType.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::parquet {
 
@@ -30,22 +30,9 @@ std::shared_ptr<::arrow::Array> copiedArray(const std::shared_ptr<::arrow::DataT
   return kyr::arrow::makeArrayZeroCopy(buffer, type);
 }
 
+// Types that are stored as another one are refused, and so are blobs.
 bool isExported(KYRSignalDataType type) {
-  switch (type) {
-    case Double:
-    case Single:
-    case Int8:
-    case UInt8:
-    case Int16:
-    case UInt16:
-    case Int32:
-    case UInt32:
-    case Int64:
-    case UInt64:
-      return true;
-    default:
-      return false;
-  }
+  return type != Binary && signalTypeOf(elementTypeId(type)) == type;
 }
 
 }  // namespace

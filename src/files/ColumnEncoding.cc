@@ -13,6 +13,7 @@
 
 #include "files/ValueDictionary.h"
 #include "schema/ArrayMemory.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::parquet {
 
@@ -207,11 +208,6 @@ double splitBytes(const Numbers& numbers, Compression::type codec) {
 }
 
 }  // namespace
-
-bool isNumber(const ::arrow::DataType& type) {
-  return ::arrow::is_integer(type.id()) || type.id() == ::arrow::Type::FLOAT ||
-         type.id() == ::arrow::Type::DOUBLE;
-}
 
 ColumnEncoding chooseEncoding(const ::arrow::Array& values, const EncodingChoice& choice,
                               Compression::type codec, bool mayUseDictionary) {

@@ -6,10 +6,6 @@
 
 namespace kyr::parquet {
 
-/// Whether values of a type are whole or floating-point numbers, of one of the types that signals
-/// have.
-bool isNumber(const ::arrow::DataType& type);
-
 /// What is chosen from the data; the rest is as the writer properties say.
 struct EncodingChoice {
   bool encoding = false;

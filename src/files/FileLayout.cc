@@ -13,6 +13,7 @@
 #include "files/ColumnChunk.h"
 #include "files/ColumnFile.h"
 #include "kyr/parquet/ColumnNames.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::parquet {
 

@@ -20,6 +20,7 @@
 #include "platform/DiskFile.h"
 #include "recording/Checksum.h"
 #include "recording/RecordingFolder.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::recording {
 

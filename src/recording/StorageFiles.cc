@@ -19,6 +19,7 @@
 #include "recording/RecordingFormat.h"
 #include "recording/SignalJson.h"
 #include "recording/StoredFile.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::recording {
 
@@ -28,20 +29,6 @@ namespace columnNames = parquet::columnNames;
 namespace {
 
 constexpr const char* kSignalsKey = "kyr.signals";
-
-constexpr std::array<std::pair<::arrow::Type::type, KYRSignalDataType>, 11> kTypes{{
-    {::arrow::Type::DOUBLE, Double},
-    {::arrow::Type::FLOAT, Single},
-    {::arrow::Type::INT8, Int8},
-    {::arrow::Type::UINT8, UInt8},
-    {::arrow::Type::INT16, Int16},
-    {::arrow::Type::UINT16, UInt16},
-    {::arrow::Type::INT32, Int32},
-    {::arrow::Type::UINT32, UInt32},
-    {::arrow::Type::INT64, Int64},
-    {::arrow::Type::UINT64, UInt64},
-    {::arrow::Type::BINARY, Binary},
-}};
 
 // A member that the description of a signal has and a claim has not.
 nlohmann::json asDescription(const nlohmann::json& claim) {
@@ -167,10 +154,9 @@ std::optional<SignalInfo> StorageFiles::guess(int id) {
   const bool isList = field->type()->id() == ::arrow::Type::LIST;
   const auto& element = isList ? field->type()->field(0)->type() : field->type();
   SignalInfo signal;
-  const auto* type = std::find_if(kTypes.begin(), kTypes.end(),
-                                  [&](const auto& entry) { return entry.first == element->id(); });
-  if (type == kTypes.end()) return std::nullopt;
-  signal.dataType = type->second;
+  const auto type = parquet::signalTypeOf(element->id());
+  if (!type) return std::nullopt;
+  signal.dataType = *type;
   signal.category = isList ? FixedDim : Scalar;
   if (stored.hasColumn(columnNames::dimension)) signal.category = VarDim;
   signal.dataStorageId = id;

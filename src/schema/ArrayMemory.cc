@@ -1,6 +1,6 @@
 #include "schema/ArrayMemory.h"
 
-#include <arrow/type.h>
+#include "schema/ElementTypes.h"
 
 namespace kyr {
 
@@ -22,21 +22,7 @@ namespace arrow {
 
 std::shared_ptr<::arrow::Array> makeArrayZeroCopy(const std::shared_ptr<::arrow::Buffer>& buffer,
                                                   const std::shared_ptr<::arrow::DataType>& type) {
-  switch (type->id()) {
-    case ::arrow::Type::UINT8:
-    case ::arrow::Type::INT8:
-    case ::arrow::Type::UINT16:
-    case ::arrow::Type::INT16:
-    case ::arrow::Type::UINT32:
-    case ::arrow::Type::INT32:
-    case ::arrow::Type::UINT64:
-    case ::arrow::Type::INT64:
-    case ::arrow::Type::FLOAT:
-    case ::arrow::Type::DOUBLE:
-      break;
-    default:
-      return nullptr;
-  }
+  if (!parquet::isNumber(*type)) return nullptr;
   const std::int64_t length = buffer->size() / static_cast<std::int64_t>(valueWidth(*type));
   return ::arrow::MakeArray(::arrow::ArrayData::Make(type, length, {nullptr, buffer}, 0));
 }

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "kyr/parquet/ColumnNames.h"
-#include "schema/ElementType.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::parquet {
 
@@ -18,39 +18,6 @@ const std::string dimension = "dimension";
 }  // namespace columnNames
 
 const std::string innerItemName = "item";
-
-std::shared_ptr<::arrow::DataType> elementArrowType(KYRSignalDataType type) {
-  switch (type) {
-    case Double:
-      return ::arrow::float64();
-    case Single:
-      return ::arrow::float32();
-    case Int8:
-    case Boolean:
-    case Null:
-      return ::arrow::int8();
-    case UInt8:
-      return ::arrow::uint8();
-    case Int16:
-      return ::arrow::int16();
-    case UInt16:
-      return ::arrow::uint16();
-    case Int32:
-      return ::arrow::int32();
-    case UInt32:
-    case UInt32Alt:
-      return ::arrow::uint32();
-    case Int64:
-      return ::arrow::int64();
-    case UInt64:
-    case UInt64Alt:
-      return ::arrow::uint64();
-    case ByteString:
-    case Binary:
-      return ::arrow::binary();
-  }
-  return nullptr;
-}
 
 namespace schemaBuilder {
 

@@ -11,6 +11,7 @@
 
 #include "kyr/parquet/ColumnNames.h"
 #include "schema/ArrayMemory.h"
+#include "schema/ElementTypes.h"
 #include "schema/SampleLayout.h"
 
 namespace kyr::parquet {
@@ -59,8 +60,7 @@ void appendElements(const ::arrow::Array& array, std::vector<char>& bytes) {
   checkNoNulls(array, columnNames::data);
   if (array.type_id() == ::arrow::Type::LIST) {
     appendElements(*spannedValues(static_cast<const ::arrow::ListArray&>(array)), bytes);
-  } else if (::arrow::is_integer(array.type_id()) || array.type_id() == ::arrow::Type::FLOAT ||
-             array.type_id() == ::arrow::Type::DOUBLE) {
+  } else if (isNumber(array.type_id())) {
     appendBytes(bytes, firstValue(array),
                 static_cast<std::size_t>(array.length()) * valueWidth(*array.type()));
   } else {

@@ -11,54 +11,21 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/SchemaBuilder.h"
 #include "kyr/parquet/SerializationOptions.h"
+#include "schema/ElementTypes.h"
 #include "schema/SampleLayout.h"
 
 namespace kyr::parquet {
 
 namespace {
 
-template <typename T>
-struct Element {
-  using type = T;
-};
-
 bool isByteForm(KYRSignalDataType type) { return type == ByteString || type == Binary; }
 
-// Calls visit(Element<T>) with the element type in which samples of \p type are stored. The byte
-// form has no element type: test isByteForm() first.
-template <typename Visitor>
-auto visitElementType(KYRSignalDataType type, Visitor&& visit) {
-  switch (type) {
-    case Double:
-      return visit(Element<double>());
-    case Single:
-      return visit(Element<float>());
-    case Int8:
-    case Boolean:
-      return visit(Element<char>());
-    case UInt8:
-      return visit(Element<unsigned char>());
-    case Int16:
-      return visit(Element<short>());
-    case UInt16:
-      return visit(Element<unsigned short>());
-    case Int32:
-      return visit(Element<int>());
-    case UInt32:
-    case UInt32Alt:
-      return visit(Element<unsigned int>());
-    case Int64:
-      return visit(Element<long long>());
-    case UInt64:
-    case UInt64Alt:
-      return visit(Element<unsigned long long>());
-    case Null:
-    case ByteString:
-    case Binary:
-      break;
-  }
+// Calls \p visit with the NumberType in which samples of \p type are stored. Samples of the byte
+// form have none: test isByteForm() first.
+template <typename Visit>
+auto visitElementType(KYRSignalDataType type, Visit&& visit) {
   elementWidth(type);  // throws for Null and for unknown types
-  throw std::logic_error("samples of the byte form have no element type");
+  return visitNumber(elementTypeId(type), visit);
 }
 
 std::size_t product(const std::vector<std::size_t>& extents) {

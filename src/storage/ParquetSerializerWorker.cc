@@ -26,10 +26,10 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/PerfTracer.h"
 #include "kyr/platform/FileSystem.h"
+#include "schema/ElementTypes.h"
 #include "schema/SampleLayout.h"
 #include "storage/ChunkIndex.h"
 #include "storage/ContentHash.h"
-#include "storage/ElementInstances.h"
 #include "storage/KnownTimes.h"
 #include "storage/RepeatedHash.h"
 #include "storage/TypedColumns.h"
@@ -188,7 +188,7 @@ void checkBlobOffsets(const std::vector<int>& offsets, std::size_t size) {
 template <typename T>
 typedColumns::ArrayPtr typedDataColumn(const T* values, std::size_t count,
                                        const std::vector<int>& offsets) {
-  auto elements = typedColumns::wrapNumeric(typedColumns::arrowTypeOf<T>(), values, count);
+  auto elements = typedColumns::wrapNumeric(arrowTypeOf<T>(), values, count);
   if (offsets.empty()) return elements;
   auto offsetArray = typedColumns::wrapNumeric(::arrow::int32(), offsets.data(), offsets.size());
   return ParquetSerializerWorker::listArrayBuildHelper(columnNames::data, offsetArray, elements)
@@ -372,7 +372,7 @@ template <typename T>
 void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<T>& values,
                                               std::vector<int>& offsets,
                                               Dimensions& dimensions) const {
-  const auto type = typedColumns::arrowTypeOf<T>();
+  const auto type = arrowTypeOf<T>();
   if (impl_->readFlat(id, *type, values)) return offsets.clear();
   const StoredTable stored = impl_->readStored(id, /*withTime=*/false);
   stored.readValues(type, values, offsets);
@@ -385,14 +385,14 @@ void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<double>
                                               Dimensions& dimensions) const {
   const StoredTable stored = impl_->readStored(id, /*withTime=*/true);
   stored.readTime(time);
-  stored.readValues(typedColumns::arrowTypeOf<T>(), values, offsets);
+  stored.readValues(arrowTypeOf<T>(), values, offsets);
   stored.readDimensions(dimensions);
 }
 
 template <typename T>
 void ParquetSerializerWorker::readBytes(const int& id, std::vector<char>& bytes,
                                         std::vector<int>& offsets, Dimensions& dimensions) const {
-  const auto type = typedColumns::arrowTypeOf<T>();
+  const auto type = arrowTypeOf<T>();
   if (impl_->readFlat(id, *type, bytes)) return offsets.clear();
   const StoredTable stored = impl_->readStored(id, /*withTime=*/false);
   stored.readValues(type, bytes, offsets);
@@ -405,7 +405,7 @@ void ParquetSerializerWorker::readBytes(const int& id, std::vector<double>& time
                                         Dimensions& dimensions) const {
   const StoredTable stored = impl_->readStored(id, /*withTime=*/true);
   stored.readTime(time);
-  stored.readValues(typedColumns::arrowTypeOf<T>(), bytes, offsets);
+  stored.readValues(arrowTypeOf<T>(), bytes, offsets);
   stored.readDimensions(dimensions);
 }
 
@@ -486,7 +486,7 @@ void ParquetSerializerWorker::extractDataFromBinaryArray(
   typedColumns::appendBlobs(*column, data, offsets);
 }
 
-#define KYR_INSTANTIATE(T)                                                                        \
+#define KYR_INSTANTIATE(T, A, S)                                                                  \
   template KYR_PARQUET_EXPORT int ParquetSerializerWorker::getStorageIdForContent<T>(             \
       const std::vector<T>&, const Dimensions&, bool&);                                           \
   template KYR_PARQUET_EXPORT int ParquetSerializerWorker::writeBinaryArray<T>(                   \
@@ -509,7 +509,7 @@ void ParquetSerializerWorker::extractDataFromBinaryArray(
       const int&, std::vector<char>&, std::vector<int>&, Dimensions&) const;                      \
   template KYR_PARQUET_EXPORT void ParquetSerializerWorker::readBytes<T>(                         \
       const int&, std::vector<double>&, std::vector<char>&, std::vector<int>&, Dimensions&) const;
-KYR_FOR_EACH_ELEMENT_TYPE(KYR_INSTANTIATE)
+KYR_FOR_EACH_NUMBER_TYPE(KYR_INSTANTIATE)
 #undef KYR_INSTANTIATE
 
 }  // namespace kyr::parquet

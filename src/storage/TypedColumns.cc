@@ -12,8 +12,8 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetSerializerWorker.h"
 #include "schema/ArrayMemory.h"
+#include "schema/ElementTypes.h"
 #include "schema/SampleLayout.h"
-#include "storage/ElementInstances.h"
 
 namespace kyr::parquet::typedColumns {
 
@@ -42,47 +42,6 @@ bool fitsOffsets(const ::arrow::ChunkedArray& column, std::size_t& total) {
 }
 
 }  // namespace
-
-template <>
-std::shared_ptr<::arrow::DataType> arrowTypeOf<double>() {
-  return ::arrow::float64();
-}
-template <>
-std::shared_ptr<::arrow::DataType> arrowTypeOf<float>() {
-  return ::arrow::float32();
-}
-template <>
-std::shared_ptr<::arrow::DataType> arrowTypeOf<char>() {
-  return ::arrow::int8();
-}
-template <>
-std::shared_ptr<::arrow::DataType> arrowTypeOf<unsigned char>() {
-  return ::arrow::uint8();
-}
-template <>
-std::shared_ptr<::arrow::DataType> arrowTypeOf<short>() {
-  return ::arrow::int16();
-}
-template <>
-std::shared_ptr<::arrow::DataType> arrowTypeOf<unsigned short>() {
-  return ::arrow::uint16();
-}
-template <>
-std::shared_ptr<::arrow::DataType> arrowTypeOf<int>() {
-  return ::arrow::int32();
-}
-template <>
-std::shared_ptr<::arrow::DataType> arrowTypeOf<unsigned int>() {
-  return ::arrow::uint32();
-}
-template <>
-std::shared_ptr<::arrow::DataType> arrowTypeOf<long long>() {
-  return ::arrow::int64();
-}
-template <>
-std::shared_ptr<::arrow::DataType> arrowTypeOf<unsigned long long>() {
-  return ::arrow::uint64();
-}
 
 ArrayPtr wrapNumeric(const std::shared_ptr<::arrow::DataType>& type, const void* values,
                      std::size_t count) {
@@ -235,10 +194,10 @@ void appendBlobs(const ::arrow::ChunkedArray& column, std::vector<char>& data,
   if (offsets.empty()) offsets.push_back(static_cast<int>(data.size()));
 }
 
-#define KYR_INSTANTIATE(T)                                                            \
+#define KYR_INSTANTIATE(T, A, S)                                                      \
   template void StoredTable::readValues<T>(const std::shared_ptr<::arrow::DataType>&, \
                                            std::vector<T>&, std::vector<int>&) const;
-KYR_FOR_EACH_ELEMENT_TYPE(KYR_INSTANTIATE)
+KYR_FOR_EACH_NUMBER_TYPE(KYR_INSTANTIATE)
 #undef KYR_INSTANTIATE
 
 }  // namespace kyr::parquet::typedColumns

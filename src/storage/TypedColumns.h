@@ -14,10 +14,6 @@ namespace kyr::parquet::typedColumns {
 using Dimensions = std::vector<std::vector<std::size_t>>;
 using ArrayPtr = std::shared_ptr<::arrow::Array>;
 
-/// The Arrow type of a typed column of T.
-template <typename T>
-std::shared_ptr<::arrow::DataType> arrowTypeOf();
-
 /// A flat column of \p count elements of \p type.
 ArrayPtr wrapNumeric(const std::shared_ptr<::arrow::DataType>& type, const void* values,
                      std::size_t count);
