@@ -1,18 +1,20 @@
 #include "files/ColumnChunk.h"
 
 #include <arrow/api.h>
-#include <parquet/column_page.h>
 #include <parquet/encoding.h>
-#include <parquet/exception.h>
 
 #include <algorithm>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
+#include "files/CompactProtocol.h"
+#include "files/PhysicalTypes.h"
 #include "files/ValueDictionary.h"
 #include "schema/ArrayMemory.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::parquet {
 
@@ -20,165 +22,207 @@ namespace {
 
 using ::parquet::Encoding;
 
-constexpr std::size_t kPageValues = 65536;
-// A compressed page must be at least this part smaller to be worth inflating.
-constexpr std::int64_t kLeastSaving = 20;
+// The rows of a page, as runs of an array.
+struct PageRows {
+  struct Run {
+    const ::arrow::Array* array;
+    std::int64_t from;
+    std::int64_t rows;
+  };
 
-// The values of a chunk in their physical type.
-template <typename Type>
+  void add(const ::arrow::Array& array, std::int64_t from, std::int64_t count) {
+    rows += count;
+    if (!runs.empty() && runs.back().array == &array) {
+      runs.back().rows += count;
+    } else {
+      runs.push_back({&array, from, count});
+    }
+    if (array.null_count() == 0) return;
+    for (std::int64_t i = from; i < from + count; ++i) nulls += array.IsNull(i) ? 1 : 0;
+  }
+
+  std::int64_t values() const { return rows - nulls; }
+
+  std::vector<Run> runs;
+  std::int64_t rows = 0;
+  std::int64_t nulls = 0;
+};
+
+template <typename Visit>
+void forEachPage(const ::arrow::ChunkedArray& column, const PageSize& size, std::int64_t width,
+                 Visit&& visit) {
+  PageRows page;
+  for (const auto& array : column.chunks()) {
+    for (std::int64_t at = 0; at < array->length(); at += size.batchRows) {
+      page.add(*array, at, std::min(size.batchRows, array->length() - at));
+      if (page.values() * width < size.bytes) continue;
+      visit(page);
+      page = {};
+    }
+  }
+  if (page.rows > 0) visit(page);
+}
+
+// Which values are there, as runs of equal levels of one bit.
+std::string levelsOf(const PageRows& page) {
+  std::string levels;
+  const auto put = [&levels](std::int64_t count, bool isThere) {
+    putVarint(levels, static_cast<std::uint64_t>(count) << 1U);
+    levels.push_back(isThere ? '\1' : '\0');
+  };
+  if (page.nulls == 0) {
+    put(page.rows, true);
+    return levels;
+  }
+  std::int64_t count = 0;
+  bool isThere = false;
+  for (const auto& [array, from, rows] : page.runs) {
+    for (std::int64_t i = from; i < from + rows; ++i) {
+      if (count > 0 && array->IsValid(i) != isThere) {
+        put(count, isThere);
+        count = 0;
+      }
+      isThere = array->IsValid(i);
+      ++count;
+    }
+  }
+  put(count, isThere);
+  return levels;
+}
+
+// A column of numbers of the type \p Value.
+template <typename Value>
 class ChunkWriter {
  public:
-  using Value = typename Type::c_type;
+  ChunkWriter(ChunkPages& pages, const ::arrow::ChunkedArray& column, bool isOptional,
+              const PageSize& size)
+      : pages_(pages), column_(column), isOptional_(isOptional), size_(size) {}
 
-  ChunkWriter(::parquet::PageWriter& pages, const Value* values, std::size_t count)
-      : pages_(pages), values_(values), count_(count), compresses_(pages.has_compressor()) {}
-
-  std::int64_t write(const ColumnEncoding& encoding) {
-    const bool hasDictionary =
-        encoding.encoding == Encoding::RLE_DICTIONARY && writeWithDictionary();
-    if (!hasDictionary) {
-      forEachPage(
-          [&](std::size_t from, std::size_t count) { writePage(from, count, encoding.encoding); });
-    }
-    pages_.Close(hasDictionary, /*fallback=*/false);
-    return bytes_;
+  void write(Encoding::type encoding) {
+    if (encoding == Encoding::RLE_DICTIONARY && writeWithDictionary()) return;
+    forEachPage([&](const PageRows& page) { writePage(page, encoding); });
   }
 
  private:
-  using Bits = std::conditional_t<sizeof(Value) == 8, std::uint64_t, std::uint32_t>;
+  using Type = PhysicalType<Value>;
+  using Stored = typename Type::c_type;
+  using Bits = std::conditional_t<sizeof(Stored) == 8, std::uint64_t, std::uint32_t>;
+  struct Run {
+    const Stored* values;
+    std::size_t count;
+  };
+
+  static std::string_view bytesOf(const Stored* values, std::size_t count) {
+    return {reinterpret_cast<const char*>(values), count * sizeof(Stored)};
+  }
 
   template <typename Visit>
   void forEachPage(Visit&& visit) const {
-    for (std::size_t from = 0; from < count_; from += kPageValues) {
-      visit(from, std::min(kPageValues, count_ - from));
+    parquet::forEachPage(column_, size_, sizeof(Stored), visit);
+  }
+
+  // The values of a page that are there, as Parquet stores them: in memory of the column if they
+  // are so there, and otherwise in memory that is valid until the next call.
+  const std::vector<Run>& storedValues(const PageRows& page) {
+    runs_.clear();
+    if (sizeof(Value) == sizeof(Stored) && page.nulls == 0) {
+      for (const auto& [array, from, rows] : page.runs) {
+        const auto* values = reinterpret_cast<const Stored*>(firstValue(*array)) + from;
+        runs_.push_back({values, static_cast<std::size_t>(rows)});
+      }
+      return runs_;
     }
-  }
-
-  std::shared_ptr<::arrow::Buffer> plain(std::size_t from, std::size_t count) const {
-    return borrowBuffer(values_ + from, count * sizeof(Value));
-  }
-
-  void writePage(std::size_t from, std::size_t count, Encoding::type encoding) {
-    if (encoding == Encoding::DELTA_BINARY_PACKED || encoding == Encoding::BYTE_STREAM_SPLIT) {
-      if (const auto encoded = this->encoded(from, count, encoding)) {
-        writeData(encoded, count, encoding);
-        return;
+    converted_.clear();
+    for (const auto& [array, from, rows] : page.runs) {
+      const auto* values = reinterpret_cast<const Value*>(firstValue(*array));
+      if (array->null_count() == 0) {
+        converted_.insert(converted_.end(), values + from, values + from + rows);
+        continue;
+      }
+      for (std::int64_t i = from; i < from + rows; ++i) {
+        if (array->IsValid(i)) converted_.push_back(static_cast<Stored>(values[i]));
       }
     }
-    writeData(plain(from, count), count, Encoding::PLAIN);
+    runs_.push_back({converted_.data(), converted_.size()});
+    return runs_;
   }
 
-  // Null if that is no shorter.
-  std::shared_ptr<::arrow::Buffer> encoded(std::size_t from, std::size_t count,
-                                           Encoding::type encoding) {
-    if constexpr (std::is_floating_point_v<Value>) {
-      if (encoding == Encoding::DELTA_BINARY_PACKED) return nullptr;
-    } else {
-      if (encoding == Encoding::BYTE_STREAM_SPLIT) return nullptr;
+  void writePage(const PageRows& page, Encoding::type encoding) {
+    ChunkPages::Pieces pieces;
+    for (const auto& [values, count] : storedValues(page)) pieces.push_back(bytesOf(values, count));
+    if (const auto shorter = encoded(encoding, page.values() * std::int64_t{sizeof(Stored)})) {
+      return addData(page, encoding, {std::string_view(*shorter)});
     }
+    addData(page, Encoding::PLAIN, pieces);
+  }
+
+  // The values of runs_. Empty if the encoding is not for them, or takes more bytes than \p most.
+  std::shared_ptr<::arrow::Buffer> encoded(Encoding::type encoding, std::int64_t most) const {
+    constexpr auto kEncoding = std::is_floating_point_v<Stored> ? Encoding::BYTE_STREAM_SPLIT
+                                                                : Encoding::DELTA_BINARY_PACKED;
+    if (encoding != kEncoding) return nullptr;
     const auto encoder = ::parquet::MakeTypedEncoder<Type>(encoding);
-    encoder->Put(values_ + from, static_cast<int>(count));
+    for (const auto& [values, count] : runs_) encoder->Put(values, static_cast<int>(count));
     auto buffer = encoder->FlushValues();
-    const bool isLonger = buffer->size() > static_cast<std::int64_t>(count * sizeof(Value));
-    return isLonger ? nullptr : buffer;
+    return buffer->size() > most ? nullptr : buffer;
   }
 
   // All numbers are found before anything is written, so that nothing is if they are too many.
   bool writeWithDictionary() {
-    const std::size_t limit = std::max<std::size_t>(1, count_ / 2);
-    ValueDictionary<Bits> dictionary(limit);
-    std::vector<std::uint32_t> numbers(count_);
-    if (!dictionary.add(reinterpret_cast<const Bits*>(values_), count_, numbers.data())) {
-      return false;
-    }
-    const auto& distinct = dictionary.values();
+    const auto all = static_cast<std::size_t>(column_.length() - column_.null_count());
+    ValueDictionary<Bits> dictionary(std::max<std::size_t>(1, all / 2));
+    std::vector<std::uint32_t> numbers(all);
+    std::size_t numbered = 0;
+    bool isSmall = true;
+    forEachPage([&](const PageRows& page) {
+      if (!isSmall) return;
+      for (const auto& [values, count] : storedValues(page)) {
+        const auto* bits = reinterpret_cast<const Bits*>(values);
+        isSmall = isSmall && dictionary.add(bits, count, numbers.data() + numbered);
+        numbered += count;
+      }
+    });
+    const std::size_t distinct = dictionary.values().size();
     unsigned width = 1;
-    while ((distinct.size() - 1) >> width != 0) ++width;
-    const std::size_t packed = distinct.size() * sizeof(Value) + count_ * width / 8;
-    if (packed >= count_ * sizeof(Value)) return false;
+    while (distinct > 0 && (distinct - 1) >> width != 0) ++width;
+    const std::size_t packed = distinct * sizeof(Stored) + all * width / 8;
+    if (!isSmall || packed >= all * sizeof(Stored)) return false;
 
-    bytes_ +=
-        pages_.WriteDictionaryPage({borrowBuffer(distinct.data(), distinct.size() * sizeof(Value)),
-                                    static_cast<std::int32_t>(distinct.size()), Encoding::PLAIN});
-    forEachPage([&](std::size_t from, std::size_t count) {
-      std::string page(1, static_cast<char>(width));
-      page += packHybrid(numbers.data() + from, count, width);
-      writeData(::arrow::Buffer::FromString(std::move(page)), count, Encoding::RLE_DICTIONARY);
+    const auto* values = reinterpret_cast<const Stored*>(dictionary.values().data());
+    pages_.addDictionary(bytesOf(values, distinct), distinct);
+    const std::uint32_t* next = numbers.data();
+    forEachPage([&](const PageRows& page) {
+      const auto count = static_cast<std::size_t>(page.values());
+      std::string indices(1, static_cast<char>(width));
+      indices += packHybrid(next, count, width);
+      addData(page, Encoding::RLE_DICTIONARY, {indices});
+      next += count;
     });
     return true;
   }
 
-  void writeData(std::shared_ptr<::arrow::Buffer> data, std::size_t count,
-                 Encoding::type encoding) {
-    const std::int64_t size = data->size();
-    bool isCompressed = false;
-    if (compresses_) {
-      PARQUET_ASSIGN_OR_THROW(std::shared_ptr<::arrow::ResizableBuffer> compressed,
-                              ::arrow::AllocateResizableBuffer(0));
-      pages_.Compress(*data, compressed.get());
-      isCompressed = compressed->size() < size - size / kLeastSaving;
-      if (isCompressed) data = std::move(compressed);
-      compresses_ = isCompressed;  // what did not help once is not tried again
-    }
-    const auto rows = static_cast<std::int32_t>(count);
-    bytes_ += pages_.WriteDataPage(
-        ::parquet::DataPageV2(data, rows, /*num_nulls=*/0, rows, encoding,
-                              /*definition_levels_byte_length=*/0,
-                              /*repetition_levels_byte_length=*/0, size, isCompressed));
+  void addData(const PageRows& page, Encoding::type encoding, const ChunkPages::Pieces& values) {
+    pages_.addData({page.rows, page.nulls, encoding, isOptional_ ? levelsOf(page) : std::string()},
+                   values);
   }
 
-  ::parquet::PageWriter& pages_;
-  const Value* values_;
-  std::size_t count_;
-  bool compresses_;
-  std::int64_t bytes_ = 0;
+  ChunkPages& pages_;
+  const ::arrow::ChunkedArray& column_;
+  bool isOptional_;
+  PageSize size_;
+  std::vector<Run> runs_;
+  std::vector<Stored> converted_;
 };
-
-template <typename Type>
-std::int64_t writeAs(::parquet::PageWriter& pages, const ::arrow::Array& values,
-                     const ColumnEncoding& encoding) {
-  using Value = typename Type::c_type;
-  return ChunkWriter<Type>(pages, reinterpret_cast<const Value*>(firstValue(values)),
-                           static_cast<std::size_t>(values.length()))
-      .write(encoding);
-}
-
-// Parquet has no shorter integers than those of four bytes.
-template <typename Small>
-std::int64_t writeWidened(::parquet::PageWriter& pages, const ::arrow::Array& values,
-                          const ColumnEncoding& encoding) {
-  const auto* first = reinterpret_cast<const Small*>(firstValue(values));
-  const std::vector<std::int32_t> wide(first, first + values.length());
-  return ChunkWriter<::parquet::Int32Type>(pages, wide.data(), wide.size()).write(encoding);
-}
 
 }  // namespace
 
-std::int64_t writeColumnChunk(::parquet::PageWriter& pages, const ::arrow::Array& values,
-                              const ColumnEncoding& encoding) {
-  switch (values.type_id()) {
-    case ::arrow::Type::DOUBLE:
-      return writeAs<::parquet::DoubleType>(pages, values, encoding);
-    case ::arrow::Type::FLOAT:
-      return writeAs<::parquet::FloatType>(pages, values, encoding);
-    case ::arrow::Type::INT64:
-    case ::arrow::Type::UINT64:
-      return writeAs<::parquet::Int64Type>(pages, values, encoding);
-    case ::arrow::Type::INT32:
-    case ::arrow::Type::UINT32:
-      return writeAs<::parquet::Int32Type>(pages, values, encoding);
-    case ::arrow::Type::INT16:
-      return writeWidened<std::int16_t>(pages, values, encoding);
-    case ::arrow::Type::UINT16:
-      return writeWidened<std::uint16_t>(pages, values, encoding);
-    case ::arrow::Type::INT8:
-      return writeWidened<std::int8_t>(pages, values, encoding);
-    case ::arrow::Type::UINT8:
-      return writeWidened<std::uint8_t>(pages, values, encoding);
-    default:
-      throw ::parquet::ParquetException("values of type ", values.type()->ToString(),
-                                        " are no numbers");
-  }
+void writeColumnChunk(ChunkPages& pages, const ::arrow::ChunkedArray& values,
+                      const ::parquet::ColumnDescriptor& column, const PageSize& size,
+                      Encoding::type encoding) {
+  visitNumber(values.type()->id(), [&](auto number) {
+    using Value = typename decltype(number)::Value;
+    ChunkWriter<Value>(pages, values, column.max_definition_level() > 0, size).write(encoding);
+  });
 }
 
 }  // namespace kyr::parquet

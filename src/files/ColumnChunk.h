@@ -1,24 +1,32 @@
 #pragma once
 
 #include <arrow/type_fwd.h>
-#include <parquet/column_writer.h>
+#include <parquet/schema.h>
+#include <parquet/types.h>
 
 #include <cstdint>
 
-#include "files/ColumnEncoding.h"
+#include "files/ChunkPages.h"
 
 namespace kyr::parquet {
 
-/// Writes all values, numbers of which none is missing, as one chunk of a required column and closes
-/// \p pages. Plain values are handed to its sink as they lie in memory.
+/// How a column chunk is divided into pages: a page ends behind the batch of values with which it
+/// has \p bytes bytes. A batch begins where an array of the column does.
+struct PageSize {
+  std::int64_t batchRows;
+  std::int64_t bytes;
+};
+
+/// Writes all values of a column of numbers as the data pages of \p pages.
 ///
 /// Where an encoding does not save what it promised, values are stored plain: a chunk is never
-/// larger than a plain one by more than the headers of its pages, one for 65,536 values.
-/// \param encoding  with the codec that \p pages was opened with; pages that it does not shrink are
-///        left uncompressed
-/// \returns the bytes of the chunk, uncompressed
+/// larger than a plain one by more than the headers of its pages. Plain values go to the sink as
+/// they lie in memory.
+/// \param column  says whether values may be missing; such columns take the plain encoding only
+/// \throws std::invalid_argument if \p values are no numbers
 /// \throws ::parquet::ParquetException as \p pages does
-std::int64_t writeColumnChunk(::parquet::PageWriter& pages, const ::arrow::Array& values,
-                              const ColumnEncoding& encoding);
+void writeColumnChunk(ChunkPages& pages, const ::arrow::ChunkedArray& values,
+                      const ::parquet::ColumnDescriptor& column, const PageSize& size,
+                      ::parquet::Encoding::type encoding);
 
 }  // namespace kyr::parquet

@@ -3,21 +3,26 @@
 #include <arrow/api.h>
 #include <arrow/io/interfaces.h>
 #include <parquet/arrow/schema.h>
-#include <parquet/arrow/writer.h>
 #include <parquet/exception.h>
-#include <parquet/file_writer.h>
 
 #include <algorithm>
 #include <utility>
 
-#include "files/ColumnChunk.h"
-#include "files/ColumnFile.h"
+#include "files/NumberFile.h"
+#include "files/TableWriter.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "schema/ElementTypes.h"
 
 namespace kyr::parquet {
 
 using ::parquet::Encoding;
+
+namespace {
+
+// A page for each 65,536 values: large enough for any encoding, and small next to a row group.
+constexpr PageSize kPages{65536, 1};
+
+}  // namespace
 
 FileLayout::FileLayout(const ::arrow::Schema& schema,
                        std::shared_ptr<::parquet::WriterProperties> properties,
@@ -51,17 +56,17 @@ void FileLayout::write(const std::shared_ptr<::arrow::io::OutputStream>& sink,
                                      : encodingFor(*rowGroups[i]));
   }
   if (isFlat_) {
-    writeFlat(sink, keyValues, rowGroups, encodings);
+    writeNumbers(sink, keyValues, rowGroups, encodings);
   } else {
     writeAny(sink, keyValues, rowGroups, encodings.empty() ? ColumnEncoding() : encodings.front());
   }
 }
 
 // A file has one codec; row groups that do not want it are not compressed.
-void FileLayout::writeFlat(const std::shared_ptr<::arrow::io::OutputStream>& sink,
-                           const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
-                           const RowGroups& rowGroups,
-                           const std::vector<ColumnEncoding>& encodings) const {
+void FileLayout::writeNumbers(const std::shared_ptr<::arrow::io::OutputStream>& sink,
+                              const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
+                              const RowGroups& rowGroups,
+                              const std::vector<ColumnEncoding>& encodings) const {
   constexpr auto kNone = ::arrow::Compression::UNCOMPRESSED;
   const auto packed =
       std::find_if(encodings.begin(), encodings.end(),
@@ -69,23 +74,18 @@ void FileLayout::writeFlat(const std::shared_ptr<::arrow::io::OutputStream>& sin
   ColumnEncoding ofFile = encodings.empty() ? ColumnEncoding() : encodings.front();
   if (packed != encodings.end()) ofFile.codec = packed->codec;
 
-  ColumnFile file(sink, *columns_, propertiesFor(ofFile));
+  NumberFile file(sink, *columns_, propertiesFor(ofFile), {kPages, /*marksAscending=*/false},
+                  keyValues);
   for (std::size_t i = 0; i < rowGroups.size(); ++i) {
-    file.writeRowGroup({rowGroups[i]->column(0)->chunk(0)}, {encodings[i]});
+    file.writeRowGroup(rowGroups[i]->columns(), {encodings[i]});
   }
-  file.finish(keyValues);
+  file.finish();
 }
 
 void FileLayout::writeAny(const std::shared_ptr<::arrow::io::OutputStream>& sink,
                           const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
                           const RowGroups& rowGroups, const ColumnEncoding& encoding) const {
-  std::unique_ptr<::parquet::arrow::FileWriter> writer;
-  PARQUET_THROW_NOT_OK(::parquet::arrow::FileWriter::Make(
-      ::arrow::default_memory_pool(),
-      ::parquet::ParquetFileWriter::Open(
-          sink, std::static_pointer_cast<::parquet::schema::GroupNode>(columns_->schema_root()),
-          propertiesFor(encoding), keyValues),
-      schema_, ::parquet::default_arrow_writer_properties(), &writer));
+  const auto writer = arrowWriter(sink, schema_, *columns_, propertiesFor(encoding), keyValues);
   for (const ::arrow::Table* rows : rowGroups) {
     PARQUET_THROW_NOT_OK(writer->WriteTable(*rows, rows->num_rows()));
   }

@@ -49,9 +49,9 @@ class FileLayout {
  private:
   using RowGroups = std::vector<const ::arrow::Table*>;
 
-  void writeFlat(const std::shared_ptr<::arrow::io::OutputStream>& sink,
-                 const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
-                 const RowGroups& rowGroups, const std::vector<ColumnEncoding>& encodings) const;
+  void writeNumbers(const std::shared_ptr<::arrow::io::OutputStream>& sink,
+                    const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
+                    const RowGroups& rowGroups, const std::vector<ColumnEncoding>& encodings) const;
   void writeAny(const std::shared_ptr<::arrow::io::OutputStream>& sink,
                 const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
                 const RowGroups& rowGroups, const ColumnEncoding& encoding) const;

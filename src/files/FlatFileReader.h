@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "files/FlatFormat.h"
+#include "files/PhysicalTypes.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "platform/DiskFile.h"
 

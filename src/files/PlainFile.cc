@@ -8,7 +8,7 @@
 #include <system_error>
 #include <utility>
 
-#include "files/DiskSink.h"
+#include "files/FileSink.h"
 #include "platform/DiskFile.h"
 
 namespace kyr::parquet {
@@ -17,7 +17,7 @@ void writePlainFile(const std::filesystem::path& path, const FileLayout& layout,
                     const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
                     const std::vector<std::shared_ptr<::arrow::Table>>& rowGroups, bool sync) {
   DiskFile file(path, DiskFile::Mode::createNew);
-  const auto sink = std::make_shared<DiskSink>(file);
+  const auto sink = std::make_shared<FileSink>(file);
   std::vector<const ::arrow::Table*> tables;
   tables.reserve(rowGroups.size());
   for (const auto& rows : rowGroups) tables.push_back(rows.get());

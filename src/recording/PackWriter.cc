@@ -5,16 +5,15 @@
 #include <parquet/arrow/schema.h>
 #include <parquet/arrow/writer.h>
 #include <parquet/exception.h>
-#include <parquet/file_writer.h>
 #include <parquet/properties.h>
 
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
 
-#include "files/ColumnChunk.h"
-#include "files/ColumnFile.h"
-#include "files/DiskSink.h"
+#include "files/FileSink.h"
+#include "files/NumberFile.h"
+#include "files/TableWriter.h"
 #include "files/pack/PackFile.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "platform/DiskFile.h"
@@ -72,7 +71,7 @@ class PackWriter::Pack {
         rows_(schema, width) {
     naming([&] {
       file_.emplace(path_, DiskFile::Mode::createNew);
-      sink_ = std::make_shared<parquet::DiskSink>(
+      sink_ = std::make_shared<parquet::FileSink>(
           *file_, [this](std::string_view bytes) { checksum_.add(bytes.data(), bytes.size()); });
       const bool isChosen = choice_.encoding && schema_->num_fields() == 2 &&
                             parquet::isNumber(*schema_->field(0)->type());
@@ -80,15 +79,12 @@ class PackWriter::Pack {
       PARQUET_THROW_NOT_OK(
           ::parquet::arrow::ToParquetSchema(schema_.get(), *properties, &columns_));
       if (isChosen) {
-        numbers_.emplace(sink_, *columns_, properties);
+        const parquet::PageSize pages{kGroupRows, 1};
+        numbers_ = std::make_unique<parquet::NumberFile>(sink_, *columns_, properties,
+                                                         parquet::NumberFile::Options{pages});
         return;
       }
-      const auto root =
-          std::static_pointer_cast<::parquet::schema::GroupNode>(columns_->schema_root());
-      PARQUET_THROW_NOT_OK(::parquet::arrow::FileWriter::Make(
-          ::arrow::default_memory_pool(),
-          ::parquet::ParquetFileWriter::Open(sink_, root, properties), schema_,
-          ::parquet::default_arrow_writer_properties(), &writer_));
+      writer_ = parquet::arrowWriter(sink_, schema_, *columns_, properties);
     });
   }
 
@@ -146,8 +142,8 @@ class PackWriter::Pack {
 
   void writeRows(std::size_t count) {
     auto columns = rows_.table(0, count)->columns();
+    columns.push_back(std::make_shared<::arrow::ChunkedArray>(ids(count)));
     if (!numbers_) {
-      columns.push_back(std::make_shared<::arrow::ChunkedArray>(ids(count)));
       const auto table =
           ::arrow::Table::Make(schema_, std::move(columns), static_cast<std::int64_t>(count));
       PARQUET_THROW_NOT_OK(writer_->WriteTable(*table, table->num_rows()));
@@ -156,8 +152,7 @@ class PackWriter::Pack {
     const auto values = columns.front()->chunk(0);
     const auto encoding =
         parquet::chooseEncoding(*values, choice_, codec_, /*mayUseDictionary=*/true);
-    numbers_->writeRowGroup({values, ids(count)},
-                            {encoding, {::parquet::Encoding::RLE_DICTIONARY}});
+    numbers_->writeRowGroup(columns, {encoding, {::parquet::Encoding::RLE_DICTIONARY}});
   }
 
   // Of each row.
@@ -189,9 +184,9 @@ class PackWriter::Pack {
   std::vector<std::pair<int, std::size_t>> runs_;
   std::optional<DiskFile> file_;
   Checksum checksum_;  // of the file
-  std::shared_ptr<parquet::DiskSink> sink_;
+  std::shared_ptr<parquet::FileSink> sink_;
   // The one for contents of a single column of numbers, the other for all else.
-  std::optional<parquet::ColumnFile> numbers_;
+  std::unique_ptr<parquet::NumberFile> numbers_;
   std::unique_ptr<::parquet::arrow::FileWriter> writer_;
   std::uint64_t written_ = 0;
   std::size_t bytes_ = 0;

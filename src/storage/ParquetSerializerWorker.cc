@@ -4,7 +4,6 @@
 #include <arrow/io/file.h>
 #include <fmt/format.h>
 #include <parquet/arrow/reader.h>
-#include <parquet/arrow/writer.h>
 
 #include <array>
 #include <cstdint>
@@ -18,11 +17,9 @@
 #include <unordered_map>
 #include <utility>
 
-#include "files/BatchSize.h"
 #include "files/FlatFileReader.h"
-#include "files/FlatFileWriter.h"
-#include "files/FlatFormat.h"
 #include "files/LocalReading.h"
+#include "files/TableWriter.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/PerfTracer.h"
 #include "kyr/platform/FileSystem.h"
@@ -58,8 +55,8 @@ class ParquetSerializerWorker::Impl {
     // file that holds bytes the write fails, in silence, and the bytes stay. Pinned by
     // SerializerWorker.WriteUnderAnIdWhoseFileExistsIsLostInSilence.
     const auto stream = ::arrow::io::FileOutputStream::Open(path, /*append=*/true).ValueOrDie();
-    const FlatFormats::Entry& format = formats.of(table.schema(), compression);
-    ::arrow::Status status = checkBatchSize(*format.properties);
+    const auto format = formats.of(table.schema(), compression);
+    ::arrow::Status status = format->check();
     startPerfTracer("WriteTableToFile");
     if (status.ok()) status = writeTable(table, format, stream);
     stopPerfTracer("WriteTableToFile");
@@ -74,17 +71,12 @@ class ParquetSerializerWorker::Impl {
     lastWriteStatus = std::move(status);
   }
 
-  static ::arrow::Status writeTable(const ::arrow::Table& table, const FlatFormats::Entry& format,
+  static ::arrow::Status writeTable(const ::arrow::Table& table,
+                                    std::shared_ptr<const FileFormat> format,
                                     const std::shared_ptr<::arrow::io::FileOutputStream>& stream) {
-    ARROW_ASSIGN_OR_RAISE(const std::int64_t position, stream->Tell());
-    if (format.format && position == 0) {
-      FlatFileWriter writer(format.format, stream);
-      ARROW_RETURN_NOT_OK(writer.write(table, table.num_rows()));
-      return writer.close();
-    }
-    return ::parquet::arrow::WriteTable(table, ::arrow::default_memory_pool(), stream,
-                                        table.num_rows(), format.properties,
-                                        ::parquet::default_arrow_writer_properties());
+    ARROW_ASSIGN_OR_RAISE(const auto writer, TableWriter::open(std::move(format), stream));
+    ARROW_RETURN_NOT_OK(writer->write(table, table.num_rows()));
+    return writer->close();
   }
 
   ::arrow::Status readFile(const std::string& path, std::shared_ptr<::arrow::Table>& table) const {
@@ -162,7 +154,7 @@ class ParquetSerializerWorker::Impl {
   ChunkIndex index;
   RepeatedHash repeatedHash;
   mutable KnownTimes times;
-  FlatFormats formats;
+  FileFormats formats;
   ::arrow::Status lastWriteStatus;
   std::unordered_map<int, ::arrow::Status> failedWrites;
 };

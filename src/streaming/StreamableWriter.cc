@@ -14,10 +14,8 @@
 #include <utility>
 #include <variant>
 
-#include "files/BatchSize.h"
-#include "files/FlatFormat.h"
+#include "files/TableWriter.h"
 #include "kyr/parquet/FileSelector.h"
-#include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/platform/FileSystem.h"
 #include "streaming/RowGroups.h"
 #include "streaming/TableFiles.h"
@@ -27,6 +25,7 @@ namespace kyr::parquet {
 namespace {
 
 constexpr int kNoId = std::numeric_limits<int>::min();
+constexpr std::int64_t kMaxRowGroupRows = 100000000;
 
 using WriterHandle = std::unique_ptr<TableWriter>;
 using ReaderHandle = std::unique_ptr<TableReader>;
@@ -122,6 +121,8 @@ class StreamableWriter::Impl {
     auto writer =
         TableWriter::open(formats.of(schema.WithMetadata(schema.metadata()), compression), *stream);
     throwIfFailed(writer.status(), entry->path);
+    // So that other programs see the file's magic.
+    throwIfFailed((*writer)->flush(), entry->path);
     entry->handle = *std::move(writer);
     files.emplace(id, std::move(entry));
     return id;
@@ -200,8 +201,7 @@ class StreamableWriter::Impl {
   std::deque<int> opened;  // ids, in the order in which their files were opened to read
   std::atomic<int> lastId{-1};
   std::unordered_map<int, EntryPtr> files;
-  FlatFormats formats;
-  ::arrow::Status batchSizeCheck = checkBatchSize(*ParquetWriterOptions().buildWriterProperties());
+  FileFormats formats;
   bool preserve = false;
   ::arrow::Status lastWriteStatus;
   std::unordered_map<int, ::arrow::Status> failures;
@@ -256,10 +256,10 @@ void StreamableWriter::write(int id, const ::arrow::Table& table) {
     if (!(*writer)->schema().Equals(*table.schema(), /*check_metadata=*/false)) {
       throw std::runtime_error("Parquet schema mismatch.");
     }
-    // Only noted: hosts append from the simulation's step function and look at the end whether all
-    // was written.
-    ::arrow::Status status = impl_->batchSizeCheck;
-    if (status.ok()) status = (*writer)->write(table);
+    // A failure is only noted: hosts append from the simulation's step function and look at the end
+    // whether all was written.
+    ::arrow::Status status = (*writer)->write(table, kMaxRowGroupRows);
+    if (status.ok()) status = (*writer)->flush();
     impl_->note(id, std::move(status));
   });
 }

@@ -17,8 +17,6 @@ namespace kyr::parquet {
 
 namespace {
 
-constexpr std::int64_t kMaxRowGroupRows = 100000000;
-
 // The first of the rows that readRows() gives, and their number; none where it has to tell an error.
 std::optional<std::pair<std::uint64_t, std::uint64_t>> locateRows(const RowIndex& index,
                                                                   const FlatColumn& column,
@@ -43,28 +41,6 @@ void throwIfFailed(const ::arrow::Status& status, const Path& path) {
     throw ::parquet::ParquetStatusException(
         status.WithMessage(path.toNarrow(), ": ", status.message()));
   }
-}
-
-::arrow::Result<std::unique_ptr<TableWriter>> TableWriter::open(
-    const FlatFormats::Entry& format,
-    const std::shared_ptr<::arrow::io::FileOutputStream>& stream) {
-  auto writer = std::make_unique<TableWriter>();
-  if (format.format) {
-    writer->flat_ = std::make_unique<FlatFileWriter>(format.format, stream);
-    ARROW_RETURN_NOT_OK(writer->flat_->flush());
-  } else {
-    ARROW_ASSIGN_OR_RAISE(writer->arrow_,
-                          ::parquet::arrow::FileWriter::Open(
-                              *format.schema, ::arrow::default_memory_pool(), stream,
-                              format.properties, ::parquet::default_arrow_writer_properties()));
-  }
-  return writer;
-}
-
-::arrow::Status TableWriter::write(const ::arrow::Table& table) {
-  if (!flat_) return arrow_->WriteTable(table, kMaxRowGroupRows);
-  ARROW_RETURN_NOT_OK(flat_->write(table, kMaxRowGroupRows));
-  return flat_->flush();
 }
 
 TableReader::TableReader(Path path) : path_(std::move(path)) {

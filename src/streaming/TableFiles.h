@@ -1,9 +1,7 @@
 #pragma once
 
-#include <arrow/io/type_fwd.h>
 #include <arrow/type_fwd.h>
 #include <parquet/arrow/reader.h>
-#include <parquet/arrow/writer.h>
 
 #include <cstdint>
 #include <memory>
@@ -11,8 +9,6 @@
 #include <vector>
 
 #include "files/FlatFileReader.h"
-#include "files/FlatFileWriter.h"
-#include "files/FlatFormat.h"
 #include "kyr/platform/Path.h"
 #include "platform/DiskFile.h"
 #include "streaming/RowGroups.h"
@@ -22,23 +18,6 @@ namespace kyr::parquet {
 
 /// An Arrow failure on \p path as the exception that carries it.
 void throwIfFailed(const ::arrow::Status& status, const Path& path);
-
-class TableWriter {
- public:
-  static ::arrow::Result<std::unique_ptr<TableWriter>> open(
-      const FlatFormats::Entry& format,
-      const std::shared_ptr<::arrow::io::FileOutputStream>& stream);
-
-  const ::arrow::Schema& schema() const { return flat_ ? flat_->schema() : *arrow_->schema(); }
-  ::arrow::Status write(const ::arrow::Table& table);
-  /// Arrow's writer is closed by a write that fails, if the footer can still be written then.
-  bool isClosed() const { return arrow_ && arrow_->metadata(); }
-  ::arrow::Status close() { return flat_ ? flat_->close() : arrow_->Close(); }
-
- private:
-  std::unique_ptr<FlatFileWriter> flat_;
-  std::unique_ptr<::parquet::arrow::FileWriter> arrow_;
-};
 
 class TableReader {
  public:

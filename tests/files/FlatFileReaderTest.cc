@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "files/FlatFileReader.h"
-#include "files/FlatFileWriter.h"
+#include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/parquet/SerializationOptions.h"
 #include "support/ParquetFiles.h"
 #include "support/StorageTest.h"

@@ -1,11 +1,12 @@
 #include "files/growing/BatchEncoder.h"
 
 #include <arrow/api.h>
-#include <arrow/io/interfaces.h>
 #include <parquet/exception.h>
 
 #include <stdexcept>
 #include <utility>
+
+#include "files/FileSink.h"
 
 namespace kyr::parquet {
 
@@ -15,50 +16,46 @@ constexpr std::size_t kMargin = 4096;
 // Copied and hashed at once: small enough for the nearest cache.
 constexpr std::size_t kPieceBytes = 4096;
 
-// Keeps what is written to it. A Parquet writer only starts at position 0; behind its leading magic
-// the sink says that it stands at the row group's place in the file that the batch is made for.
-class BatchSink final : public ::arrow::io::OutputStream {
- public:
-  BatchSink(std::uint64_t offset, std::size_t expected) : offset_(offset) {
-    bytes_.reserve(expected);
-  }
+// The bytes of a batch, and the hash of those that a record holds.
+struct BatchBytes {
+  explicit BatchBytes(std::size_t expected) { file.reserve(expected); }
 
-  ::arrow::Status Write(const void* data, std::int64_t size) override {
-    std::string_view rest(static_cast<const char*>(data), static_cast<std::size_t>(size));
-    while (!rest.empty()) {
-      const std::string_view piece = rest.substr(0, kPieceBytes);
-      bytes_ += piece;
-      hashTo(bytes_.size());
-      rest.remove_prefix(piece.size());
+  void add(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const std::string_view piece = bytes.substr(0, kPieceBytes);
+      file += piece;
+      hashNew();
+      bytes.remove_prefix(piece.size());
     }
-    return ::arrow::Status::OK();
   }
-  ::arrow::Result<std::int64_t> Tell() const override {
-    if (bytes_.empty()) return 0;
-    return static_cast<std::int64_t>(offset_ + bytes_.size() - kParquetMagic.size());
-  }
-  ::arrow::Status Close() override {
-    closed_ = true;
-    return ::arrow::Status::OK();
-  }
-  bool closed() const override { return closed_; }
 
-  EncodedBatch take() { return {std::move(bytes_), hash_}; }
+  std::string file;
+  RecordHash hash;
 
  private:
-  // All but the magic at the start and what may be the tail.
-  void hashTo(std::size_t size) {
-    if (size < hashed_ + kParquetTailBytes) return;
-    hash_.add(std::string_view(bytes_).substr(hashed_, size - kParquetTailBytes - hashed_));
-    hashed_ = size - kParquetTailBytes;
+  // Leaves out the magic at the start and what may be the tail.
+  void hashNew() {
+    if (file.size() < hashed_ + kParquetTailBytes) return;
+    const std::size_t end = file.size() - kParquetTailBytes;
+    hash.add(std::string_view(file).substr(hashed_, end - hashed_));
+    hashed_ = end;
   }
 
-  std::uint64_t offset_;
-  std::string bytes_;
-  RecordHash hash_;
   std::size_t hashed_ = kParquetMagic.size();
-  bool closed_ = false;
 };
+
+// What \p write writes to a sink, as a batch whose row group is to stand at \p offset of a file.
+template <typename Write>
+EncodedBatch written(std::uint64_t offset, std::size_t expected, Write&& write) {
+  BatchBytes bytes(expected);
+  write(std::make_shared<FileSink>(
+      [&bytes](std::string_view first, std::string_view second) {
+        bytes.add(first);
+        bytes.add(second);
+      },
+      offset));
+  return {std::move(bytes.file), bytes.hash};
+}
 
 }  // namespace
 
@@ -79,9 +76,7 @@ std::string_view EncodedBatch::payload() const {
 
 EncodedBatch BatchEncoder::encodeEmpty(
     const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) const {
-  const auto sink = std::make_shared<BatchSink>(0, 0);
-  layout_.write(sink, keyValues, {});
-  return sink->take();
+  return written(0, 0, [&](const auto& sink) { layout_.write(sink, keyValues, {}); });
 }
 
 EncodedBatch BatchEncoder::encode(const ::arrow::Table& table, std::uint64_t offset) {
@@ -90,9 +85,9 @@ EncodedBatch BatchEncoder::encode(const ::arrow::Table& table, std::uint64_t off
     encodingUses_ = kEncodingUses;
   }
   --encodingUses_;
-  const auto sink = std::make_shared<BatchSink>(offset, lastBytes_ + lastBytes_ / 8 + kMargin);
-  layout_.write(sink, nullptr, {&table}, encoding_);
-  EncodedBatch batch = sink->take();
+  EncodedBatch batch =
+      written(offset, lastBytes_ + lastBytes_ / 8 + kMargin,
+              [&](const auto& sink) { layout_.write(sink, nullptr, {&table}, encoding_); });
   lastBytes_ = batch.payload().size();
   return batch;
 }
