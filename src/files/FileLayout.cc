@@ -62,7 +62,8 @@ void FileLayout::write(const std::shared_ptr<::arrow::io::OutputStream>& sink,
   }
 }
 
-// A file has one codec; row groups that do not want it are not compressed.
+// The metadata have one codec for all chunks of a column. Row groups that do not want it store pages
+// that are not compressed.
 void FileLayout::writeNumbers(const std::shared_ptr<::arrow::io::OutputStream>& sink,
                               const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
                               const RowGroups& rowGroups,
@@ -74,7 +75,7 @@ void FileLayout::writeNumbers(const std::shared_ptr<::arrow::io::OutputStream>& 
   ColumnEncoding ofFile = encodings.empty() ? ColumnEncoding() : encodings.front();
   if (packed != encodings.end()) ofFile.codec = packed->codec;
 
-  NumberFile file(sink, *columns_, propertiesFor(ofFile), {kPages, /*marksAscending=*/false},
+  NumberFile file(sink, *columns_, propertiesFor(ofFile), {kPages, /*marksAscending=*/true},
                   keyValues);
   for (std::size_t i = 0; i < rowGroups.size(); ++i) {
     file.writeRowGroup(rowGroups[i]->columns(), {encodings[i]});

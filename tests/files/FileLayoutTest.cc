@@ -4,6 +4,7 @@
 #include <parquet/arrow/reader.h>
 #include <parquet/exception.h>
 #include <parquet/metadata.h>
+#include <parquet/statistics.h>
 
 #include <cmath>
 #include <cstring>
@@ -189,6 +190,84 @@ TEST(FileLayout, KeepsToWhatTheUserAskedFor) {
     PARQUET_THROW_NOT_OK(reader->ReadTable(&there));
     expectSameValues(*there, *table);
   }
+}
+
+// What a row group says of the order of its only column.
+struct Order {
+  bool isSorted = false;
+  std::vector<double> range;  // least and greatest value, if they are there
+};
+
+Order orderOf(const ::parquet::FileMetaData& metadata, int group) {
+  const auto rowGroup = metadata.RowGroup(group);
+  const auto sorting = rowGroup->sorting_columns();
+  Order order;
+  order.isSorted = sorting.size() == 1 && sorting[0].column_idx == 0 && !sorting[0].descending &&
+                   !sorting[0].nulls_first;
+  const auto statistics = rowGroup->ColumnChunk(0)->statistics();
+  if (statistics && statistics->HasMinMax()) {
+    const auto& range = static_cast<const ::parquet::DoubleStatistics&>(*statistics);
+    order.range = {range.min(), range.max()};
+  }
+  return order;
+}
+
+TEST(FileLayout, OnlyRowGroupsOfAscendingTimesSayThatTheyAreSorted) {
+  constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  const auto descendsAt = [](std::size_t at) {
+    return tableOf<::arrow::DoubleType>(3000,
+                                        [=](auto i) { return double(i) - (i == at ? 2 : 0); });
+  };
+  const auto samples = [](const std::vector<double>& values) {
+    return tableOf<::arrow::DoubleType>(values.size(), [&](auto i) { return values[i]; });
+  };
+  struct Case {
+    const char* name;
+    std::shared_ptr<::arrow::Table> table;
+    std::vector<double> range;  // none if it is not to be marked
+  };
+  const std::vector<Case> cases = {
+      {"clock", samples({0.5, 1, 1, 1, 7}), {0.5, 7}},
+      {"descends in the first block", descendsAt(500), {}},
+      {"one", samples({3}), {3, 3}},
+      {"descends between two blocks", descendsAt(1024), {}},
+      {"descends at the end", descendsAt(2999), {}},
+      {"ascends over blocks", descendsAt(9999), {0, 2999}},
+      {"a NaN", samples({1, kNan, 3}), {}},
+      {"a NaN first", samples({kNan, 1}), {}},
+      {"a single NaN", samples({kNan}), {}},
+      {"infinite", samples({-kInfinity, 0, kInfinity}), {-kInfinity, kInfinity}},
+      {"zeros of both signs", samples({0.0, -0.0}), {-0.0, 0.0}},
+      {"no rows", samples({}), {}},
+  };
+  std::vector<const ::arrow::Table*> rowGroups;
+  for (const Case& each : cases) rowGroups.push_back(each.table.get());
+  const FileLayout layout(*cases[0].table->schema(), properties(), kAll);
+  const auto file = written(layout, rowGroups);
+  const auto metadata = opened(file)->parquet_reader()->metadata();
+  ASSERT_EQ(metadata->num_row_groups(), static_cast<int>(cases.size()));
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    SCOPED_TRACE(cases[i].name);
+    const Order order = orderOf(*metadata, static_cast<int>(i));
+    EXPECT_EQ(order.isSorted, !cases[i].range.empty());
+    EXPECT_EQ(order.range, cases[i].range);
+    if (order.range == std::vector<double>{0, 0}) {
+      EXPECT_TRUE(std::signbit(order.range[0]) && !std::signbit(order.range[1]));
+    }
+    std::shared_ptr<::arrow::Table> there;
+    PARQUET_THROW_NOT_OK(opened(file)->ReadRowGroup(static_cast<int>(i), &there));
+    if (there->num_rows() > 0) expectSameValues(*there, *cases[i].table);
+  }
+
+  const auto counter = tableOf<::arrow::Int64Type>(5, [](auto i) { return double(i); });
+  const auto unmarked = [](const ::arrow::Table& table, EncodingChoice choice) {
+    const auto other = written(FileLayout(*table.schema(), properties(), choice), {&table});
+    const Order order = orderOf(*opened(other)->parquet_reader()->metadata(), 0);
+    return !order.isSorted && order.range.empty();
+  };
+  EXPECT_TRUE(unmarked(*counter, kAll));
+  EXPECT_TRUE(unmarked(*cases[0].table, {}));  // encoded as the options say
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <parquet/statistics.h>
 
 #include <atomic>
 #include <functional>
@@ -229,6 +230,31 @@ TEST_F(GrowingFileTest, FailedCallsChangeNothingAndMayBeRepeated) {
     }
     EXPECT_GT(plan.failAt, 10);
   }
+}
+
+TEST_F(GrowingFileTest, FootersKeepWhichBatchesAscend) {
+  const auto noise = test::tableOf({{"data", test::column(::arrow::float64(), {"[2, 1]"})}});
+  const FileLayout layout(*noise->schema(), Properties::Builder().build(), {true, true, true});
+  auto file = GrowingFile::create(path, layout);
+  append(*file, 1000);
+  file->appendBatch(*noise);
+  file->appendBatch(*countingTable(3, 5), /*publish=*/true);
+  const auto expectMarks = [&] {
+    const auto metadata = test::metadataOf(path);
+    ASSERT_EQ(metadata->num_row_groups(), 3);
+    for (const int group : {0, 1, 2}) {
+      const bool ascends = group != 1;
+      EXPECT_EQ(metadata->RowGroup(group)->sorting_columns().size(), ascends ? 1 : 0);
+      EXPECT_EQ(metadata->RowGroup(group)->ColumnChunk(0)->is_stats_set(), ascends);
+    }
+    const auto last = metadata->RowGroup(2)->ColumnChunk(0)->statistics();
+    EXPECT_EQ(static_cast<const ::parquet::DoubleStatistics&>(*last).max(), 7);
+  };
+  expectMarks();
+  file.reset();
+  fs::resize_file(path, fs::file_size(path) - 1);
+  EXPECT_EQ(recoverFile(path).batchesKept, 3);
+  expectMarks();
 }
 
 }  // namespace
