@@ -20,7 +20,7 @@ namespace {
 
 using BufferPtr = std::shared_ptr<::arrow::Buffer>;
 
-// A copy of the values in memory of the pool.
+// A copy of the values in the pool's memory.
 template <typename T>
 BufferPtr pooledCopy(const std::vector<T>& values, ::arrow::MemoryPool* pool) {
   const auto bytes = static_cast<std::int64_t>(values.size() * sizeof(T));
@@ -55,7 +55,7 @@ void checkNoNulls(const ::arrow::Array& array, const std::string& name) {
   }
 }
 
-// Appends the elements of all rows, down through nested lists.
+// Appends the elements of all rows, also those of nested lists.
 void appendElements(const ::arrow::Array& array, std::vector<char>& bytes) {
   checkNoNulls(array, columnNames::data);
   if (array.type_id() == ::arrow::Type::LIST) {
@@ -145,12 +145,12 @@ std::shared_ptr<::arrow::Table> SignalFormatter::formatMatrixPreserveDimension(
     const BufferPtr& data, KYRSignalDataType type, const std::shared_ptr<::arrow::Schema>& schema,
     const Dimensions& dimensions) {
   const SampleSchema layout(schema);
-  if (dimensions.empty()) throw std::invalid_argument("no shape for the matrices");
   const auto& fields = schema->fields();
   const bool text = std::any_of(fields.begin(), fields.end(), [](const auto& field) {
     return field->type()->id() == ::arrow::Type::STRING;
   });
   std::size_t count = text ? sizeOf(data) : sizeOf(data) / elementWidth(type);
+  if (dimensions.empty()) throw std::invalid_argument("no shape for the matrices");
   if (!layout.elementType) return nullptr;
 
   const BufferPtr memory = data ? data : borrowBuffer(nullptr, 0);

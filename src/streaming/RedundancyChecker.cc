@@ -4,6 +4,9 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "streaming/ContentNumbers.h"
+#include "streaming/HashNumbers.h"
+
 namespace kyr::parquet::RedundancyChecker {
 
 namespace {
@@ -40,20 +43,48 @@ unsigned long _defaultHasher(const void* data, unsigned long size, KYRSignalData
   return hash;
 }
 
-unsigned long processDataAndCheck(Context<unsigned long>* context, const void* data,
-                                  unsigned long size, KYRSignalDataType type,
-                                  unsigned long expected) {
+NumberTable<unsigned long>::NumberTable() : numbers_(std::make_unique<HashNumbers>()) {}
+NumberTable<unsigned long>::~NumberTable() = default;
+NumberTable<unsigned long>::NumberTable(const NumberTable& other)
+    : numbers_(std::make_unique<HashNumbers>(*other.numbers_)) {}
+NumberTable<unsigned long>& NumberTable<unsigned long>::operator=(const NumberTable& other) {
+  *numbers_ = *other.numbers_;
+  return *this;
+}
+
+std::size_t NumberTable<unsigned long>::size() const { return numbers_->size(); }
+std::size_t NumberTable<unsigned long>::count(unsigned long hash) const {
+  return numbers_->contains(hash) ? 1 : 0;
+}
+unsigned long NumberTable<unsigned long>::at(unsigned long hash) const {
+  return numbers_->at(hash);
+}
+
+unsigned long numberData(Context<unsigned long>* context, const void* data, unsigned long size,
+                         KYRSignalDataType type, unsigned long expected) {
   if (!context) throw std::invalid_argument("Context is empty");
   const unsigned long hash = defaultHasher(data, size, type);
-  const unsigned long number = context->seen.of(hash, expected);
-  context->nextNumber = context->seen.size();
+  HashNumbers& numbers = context->seen.numbers();
+  const std::size_t before = numbers.size();
+  const unsigned long number = numbers.of(hash, context->nextNumber, expected);
+  if (numbers.size() > before) ++context->nextNumber;
   return number;
 }
 
-unsigned long processTimeAndCheck(Context<unsigned long>* context, const double* time,
-                                  unsigned long count, unsigned long expected) {
+unsigned long numberTime(Context<unsigned long>* context, const double* time, unsigned long count,
+                         unsigned long expected) {
   if (!time) throw std::invalid_argument("Time is empty");
-  return processDataAndCheck(context, time, count * sizeof(double), Double, expected);
+  return numberData(context, time, count * sizeof(double), Double, expected);
+}
+
+unsigned long processDataAndCheck(Context<unsigned long>* context, const void* data,
+                                  unsigned long size, KYRSignalDataType type) {
+  return numberData(context, data, size, type, /*expected=*/0);
+}
+
+unsigned long processTimeAndCheck(Context<unsigned long>* context, const double* time,
+                                  unsigned long count) {
+  return numberTime(context, time, count, /*expected=*/0);
 }
 
 }  // namespace kyr::parquet::RedundancyChecker

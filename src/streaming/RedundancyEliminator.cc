@@ -8,7 +8,7 @@ namespace kyr::parquet::RedundancyEliminator {
 
 namespace {
 
-// How many entries of a list of heads one node accounts for.
+// The chains with the key of \p node; null if none is registered.
 const std::vector<std::unique_ptr<FileNode>>* chainsOf(const Registry& registry,
                                                        const FileNode* node) {
   const auto found = registry.find(node->chainKey);
@@ -87,7 +87,8 @@ void AppendToFile(FileNode*& last, std::unique_ptr<FileNode> node) {
   if (!last || !node) throw std::invalid_argument("no node to append, or none to append to");
   FileNode* end = last;
   while (end->next) end = end->next.get();
-  node->chainKey = end->chainKey;
+  // A node that was made with a next one leaves that one its own key.
+  node->chainKey = last->chainKey;
   end->next = std::move(node);
   last = end->next.get();
 }

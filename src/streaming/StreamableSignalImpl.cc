@@ -11,6 +11,7 @@
 #include "kyr/parquet/SchemaBuilder.h"
 #include "kyr/parquet/SignalFormatter.h"
 #include "schema/PartTables.h"
+#include "streaming/ContentNumbers.h"
 
 namespace kyr::parquet {
 
@@ -21,11 +22,11 @@ using RedundancyEliminator::CopyWithModification;
 using RedundancyEliminator::CreateNewFileNode;
 using RedundancyEliminator::EliminateRedundancy;
 
-// The chunk that stands for "ends here", so that a part only repeats one that ends where it ends.
-// It is numbered and kept in the chains; no row of any file holds it.
+// The chunk that marks the end of a part, so that a part repeats only parts that end where it ends.
+// It has a number and a node in the chains, but no row of any file holds it.
 constexpr double kEndMarker = -1.0;
 
-// The number of the chunk that a part appends next if it goes on repeating another.
+// The number of the next chunk of a part that goes on repeating another one.
 unsigned long expectedNumber(const RedundancyEliminator::Context& chains) {
   if (!chains.candidates || chains.candidates->empty()) return 0;
   const auto* next = chains.candidates->front();
@@ -66,7 +67,7 @@ StreamableSignalImpl::~StreamableSignalImpl() {
   try {
     resetData();
   } catch (const std::exception&) {
-    return;  // the files are gone all the same, see resetData()
+    return;  // resetData() has removed the files all the same
   }
 }
 
@@ -108,7 +109,7 @@ const SampleSchema& StreamableSignalImpl::schemaOf(const Part& part) {
 }
 
 void StreamableSignalImpl::appendTime(const double* time, unsigned long count) {
-  const unsigned long number = RedundancyChecker::processTimeAndCheck(
+  const unsigned long number = RedundancyChecker::numberTime(
       checker.get(), time, count, expectedNumber(*part(SignalPart::time).chains));
   const SampleChunk chunk = measureChunk(timeSchema(), time, count * sizeof(double), sizeof(double),
                                          kNoDimensions, kNoSizes);
@@ -119,16 +120,24 @@ void StreamableSignalImpl::appendData(const void* data, unsigned long size,
                                       const std::vector<std::vector<unsigned long>>& dimensions,
                                       const std::vector<int>& extra) {
   Part& dataPart = part(SignalPart::data);
+  const auto numberIt = [&] {
+    return RedundancyChecker::numberData(checker.get(), data, size, dataType,
+                                         expectedNumber(*dataPart.chains));
+  };
+  // Missing data and a missing context are told before the type and the shapes are looked at.
+  unsigned long number = data && checker ? 0 : numberIt();
   const std::size_t width = elementWidth(dataType);
   const SampleSchema& schema = schemaOf(dataPart);
   SampleChunk chunk;
-  if (data) chunk = measureChunk(schema, data, size, width, dimensions, extra);
-  if (dataPart.buffer && !dataPart.buffer->schema().schema->Equals(*schema.schema)) {
-    throw std::invalid_argument(
-        "the signal's data type or category changed while samples were being appended");
+  if (data) {
+    chunk = measureChunk(schema, data, size, width, dimensions, extra);
+    if (dataPart.buffer && !dataPart.buffer->schema().schema->Equals(*schema.schema)) {
+      throw std::invalid_argument(
+          "the signal's data type or category changed while samples were being appended");
+    }
+    // A refused chunk gets no number.
+    number = numberIt();
   }
-  const unsigned long number = RedundancyChecker::processDataAndCheck(
-      checker.get(), data, size, dataType, expectedNumber(*dataPart.chains));
   appendChunk(dataPart, number, chunk, width);
 }
 
@@ -146,13 +155,13 @@ void StreamableSignalImpl::appendChunk(Part& part, unsigned long contentNumber,
   };
   const auto extendChain = [&](FileNode* current) -> std::optional<NodePtr> {
     bufferChunk(part, chunk, width);
-    // One row is left out between the bounds of neighbouring chunks. They tell chunks apart, not
-    // the rows of the file. Pinned by StreamableSignal.RowBoundsDriftByOneRowPerChunk.
+    // The bounds leave out one row between neighbouring chunks. They tell chunks apart and are no
+    // rows of the file. Pinned by StreamableSignal.RowBoundsDriftByOneRowPerChunk.
     const unsigned long first = current->second + 1;
     return CreateNewFileNode(contentNumber, current->storageId, first, first + chunk.rows);
   };
   const auto reuseChains = [&](const NodeList& heads) { adoptFile(part, heads); };
-  // By reference: std::function would allocate memory for what they capture, on every append.
+  // Passed by reference, because a std::function would allocate memory for the captures each time.
   EliminateRedundancy(part.chains.get(), contentNumber, std::cref(startChain),
                       std::cref(extendChain), std::cref(reuseChains));
 }
@@ -171,7 +180,7 @@ void StreamableSignalImpl::writeBatch(Part& part, const ::arrow::Table& rows) {
   part.rowsWritten += static_cast<unsigned long>(rows.num_rows());
 }
 
-// The first chain that begins as the matching ones do, whether or not it is one of them.
+// Takes the file of the first chain that begins like the matching ones, even if it does not match.
 void StreamableSignalImpl::adoptFile(Part& part, const NodeList& heads) {
   storageId(part) = heads[0]->storageId;
 }
@@ -187,7 +196,7 @@ StreamableSignalImpl::NodePtr StreamableSignalImpl::copyChain(FileNode* head, Fi
     if (cloned) counter.rowsWritten += last->second - last->first;
     const FileNode* node = last ? last->next.get() : head;
     if (!node) return std::nullopt;
-    last = node;  // the node at which to stop is copied too, without its rows
+    last = node;  // the last node is copied as well, but not its rows
     cloned = node != stop;
     return cloned ? std::optional<RowRange>({node->first, node->second}) : std::nullopt;
   });
@@ -286,7 +295,7 @@ void StreamableSignalImpl::removeFile(Part& part) noexcept {
   try {
     if (hasFile(part)) record->worker->remove(storageId(part));
   } catch (const std::exception&) {
-    // The file cannot be deleted; the id is given up all the same.
+    // The file cannot be deleted. The signal gives the id up all the same.
   }
   storageId(part) = kNoStorage;
 }
@@ -300,7 +309,7 @@ std::shared_ptr<::arrow::Table> StreamableSignalImpl::readRows(Part& part, unsig
                                                                unsigned long to) {
   if (storageId(part) == kNoStorage) return nullptr;
   auto rows = record->worker->read(storageId(part), from, to);
-  // What was read takes the place of the rows that wait in memory, and is then let go.
+  // Hosts rely on it that a read drops the rows that wait in memory.
   part.buffer.reset();
   return rows;
 }
@@ -309,7 +318,7 @@ bool StreamableSignalImpl::readElements(Part& part, unsigned long from, unsigned
                                         std::vector<char>& out) {
   if (storageId(part) == kNoStorage) return false;
   if (!record->worker->readElements(storageId(part), from, to, out)) return false;
-  part.buffer.reset();  // as readRows()
+  part.buffer.reset();  // as in readRows()
   return true;
 }
 

@@ -241,8 +241,10 @@ TEST(SignalFormatter, MatricesNestOneListPerDimensionTheFirstInnermost) {
       EXPECT_THROW(formatter.formatMatrixPreserveDimension(buffer, Int16, schema, wrong),
                    std::invalid_argument);
     }
-    EXPECT_THAT([&] { formatter.formatMatrixPreserveDimension(buffer, Null, schema, {{1}}); },
-                ThrowsMessage<std::runtime_error>("Null data type encountered."));
+    for (const auto& shape : {Dimensions{{1}}, Dimensions{}}) {  // the type is looked at first
+      EXPECT_THAT([&] { formatter.formatMatrixPreserveDimension(buffer, Null, schema, shape); },
+                  ThrowsMessage<std::runtime_error>("Null data type encountered."));
+    }
   }
 }
 

@@ -67,7 +67,10 @@ TEST_F(FailedStream, MissingPointersAreNamed) {
   const double one = 1;
   const auto signal = makeStream();
   EXPECT_THAT([&] { signal->appendTime(nullptr, 1); }, says("Time is empty"));
-  EXPECT_THAT([&] { signal->appendData(nullptr, 8, {}, {}); }, says("Data is empty"));
+  for (const auto type : {Double, Null, KYRSignalDataType(9)}) {  // the type comes later
+    signal->setDataType(type);
+    EXPECT_THAT([&] { signal->appendData(nullptr, 8, {}, {}); }, says("Data is empty"));
+  }
   EXPECT_THROW(Signal(nullptr, checker, registry, 1), std::invalid_argument);
   Signal uncounted(writer, nullptr, registry, 1);
   EXPECT_THAT([&] { uncounted.appendTime(&one, 1); }, says("Context is empty"));

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kyr/parquet/RedundancyChecker.h"
+#include "streaming/HashNumbers.h"
 
 namespace kyr::parquet::RedundancyChecker {
 namespace {
@@ -61,10 +62,27 @@ TEST_F(RedundancyCheckerTest, NumbersRunInOrderOfFirstAppearance) {
   EXPECT_EQ(processDataAndCheck(&context, values, 0, Double), 3);
   EXPECT_EQ(context.nextNumber, 4);
   EXPECT_EQ(context.seen.size(), 4);
+  EXPECT_EQ(context.seen.at(_defaultHasher(values, 8, Double)), 1);
+  EXPECT_EQ(context.seen.count(1), 0);
+  EXPECT_THROW(context.seen.at(1), std::out_of_range);
 }
 
-TEST(NumberTableTest, NumbersHashesOfAllKindsAsAMapDoes) {
-  NumberTable<unsigned long> table;
+TEST_F(RedundancyCheckerTest, NextNumberIsTheNumberOfTheNextNewContent) {
+  const double values[] = {1.5, 2.5, 3.5, 4.5};
+  EXPECT_EQ(processTimeAndCheck(&context, values, 1), 0);
+  context.nextNumber = 10;
+  EXPECT_EQ(processTimeAndCheck(&context, values, 2), 10);
+  Context<unsigned long> copy = context;
+  EXPECT_EQ(processTimeAndCheck(&context, values, 3), 11);
+  copy.nextNumber = 1;
+  EXPECT_EQ(processTimeAndCheck(&copy, values, 4), 1);
+  for (const unsigned long count : {1, 2, 3}) {
+    EXPECT_EQ(processTimeAndCheck(&context, values, count), count == 1 ? 0 : 8 + count);
+  }
+}
+
+TEST(HashNumbersTest, NumbersHashesOfAllKindsAsAMapDoes) {
+  HashNumbers table;
   std::unordered_map<unsigned long, unsigned long> model;
   std::mt19937_64 random(1);
   for (unsigned long i = 0; i < 200'000; ++i) {
@@ -72,7 +90,8 @@ TEST(NumberTableTest, NumbersHashesOfAllKindsAsAMapDoes) {
     for (const unsigned long hash :
          {i, i << 40U, random(), random() % (i + 1), ~i, (i << 57U) ^ (i % 8 << 20U)}) {
       const unsigned long expected = model.try_emplace(hash, model.size()).first->second;
-      ASSERT_EQ(table.of(hash, i % 3 == 0 ? expected : random() % 1000), expected) << hash;
+      const unsigned long guess = i % 3 == 0 ? expected : random() % 1000;
+      ASSERT_EQ(table.of(hash, table.size(), guess), expected) << hash;
     }
   }
   EXPECT_EQ(table.size(), model.size());

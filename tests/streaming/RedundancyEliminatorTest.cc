@@ -250,7 +250,13 @@ TEST(FileNodes, AppendingGoesToTheTrueEndAndTakesTheChainsKey) {
     EXPECT_EQ(last->chainKey, 1);
   }
   EXPECT_EQ(chain(head.get()), "0:1 0:2 0:3 ");
-  FileNode* last = head.get();
+  // A node that is made with a next one leaves that one its own key.
+  auto made = CreateNewFileNode(4, 0, 0, 1, CreateNewFileNode(5, 0, 2, 3));
+  FileNode* last = made.get();
+  AppendToFile(last, CreateNewFileNode(6, 0, 4, 5));
+  EXPECT_EQ(chain(made.get()), "0:4 0:5 0:6 ");
+  EXPECT_EQ(last->chainKey, 4);
+  last = head.get();
   EXPECT_THROW(AppendToFile(last, nullptr), std::invalid_argument);
   FileNode* none = nullptr;
   EXPECT_THROW(AppendToFile(none, CreateNewFileNode(3, 0, 2, 3)), std::invalid_argument);

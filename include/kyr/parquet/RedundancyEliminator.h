@@ -25,9 +25,9 @@ struct KYR_PARQUET_EXPORT FileNode {
   ~FileNode();
 
   unsigned long contentNumber = 0;
-  int storageId = 0;        ///< file that holds the chunk
-  unsigned long first = 0;  ///< row bounds of the chunk, as the signal that stored it counts them
-  unsigned long second = 0;
+  int storageId = 0;         ///< file that holds the chunk
+  unsigned long first = 0;   ///< first row of the chunk, as the signal that stored it counts rows
+  unsigned long second = 0;  ///< row behind the last one
   std::unique_ptr<FileNode> next;
   unsigned long chainKey = 0;  ///< content number of the chain's first node
 };
@@ -35,9 +35,9 @@ struct KYR_PARQUET_EXPORT FileNode {
 /// \brief First nodes of all chains, by the content number of each.
 using Registry = std::unordered_map<unsigned long, std::vector<std::unique_ptr<FileNode>>>;
 
-/// \brief A list of nodes that is computed as far as it is looked at.
+/// \brief A list of nodes whose entries are found when they are asked for.
 ///
-/// Valid during the callback that it is handed to. Convert it to a vector to keep or walk it.
+/// Valid during the callback that gets it. Convert it to a vector to keep it or to walk through it.
 class KYR_PARQUET_EXPORT NodeList {
  public:
   enum class Kind {
@@ -82,13 +82,14 @@ KYR_PARQUET_EXPORT std::unique_ptr<FileNode> CreateNewFileNode(
     const unsigned long& contentNumber, int storageId, unsigned long first, unsigned long second,
     std::unique_ptr<FileNode> next = nullptr);
 
-/// \brief Link \p node after the end of the chain of \p last, and set \p last to it.
+/// \brief Link \p node behind the last node of the chain, give it the chain key of \p last, and set
+/// \p last to it.
 ///
-/// Costs a step per node from \p last to the end: one when \p last is the end.
+/// Costs a step for each node from \p last to the end.
 /// \throws std::invalid_argument if either is null
 KYR_PARQUET_EXPORT void AppendToFile(FileNode*& last, std::unique_ptr<FileNode> node);
 
-/// \brief Add the chain that begins with \p node to the registry, which takes it.
+/// \brief Add the chain that begins with \p node to the registry, which owns it from then on.
 /// \throws std::invalid_argument if the node is null
 KYR_PARQUET_EXPORT void RegisterNewFiles(Registry& registry, std::unique_ptr<FileNode>& node);
 
@@ -96,7 +97,7 @@ KYR_PARQUET_EXPORT void RegisterNewFiles(Registry& registry, std::unique_ptr<Fil
 KYR_PARQUET_EXPORT std::vector<FileNode*> UpdateAllDuplicationCandidatesWithFirstBatch(
     Registry& registry, const unsigned long& contentNumber);
 
-/// \brief Keep, in order, the candidates of this content; null ones go.
+/// \brief Keep, in order, the candidates of this content, and remove all others and null ones.
 KYR_PARQUET_EXPORT void UpdateAllDuplicationCandidates(std::vector<FileNode*>& candidates,
                                                        const unsigned long& contentNumber);
 
@@ -112,16 +113,16 @@ KYR_PARQUET_EXPORT void progressToNextNodeForAllCandidates(std::vector<FileNode*
 KYR_PARQUET_EXPORT std::unique_ptr<FileNode> CopyWithModification(
     FileNode* begin, FileNode* end, std::function<void(FileNode*)> modify);
 
-/// \brief Take one appended chunk, and call exactly one of the callbacks (or none of the first
-/// two's results is used when they return nothing or null).
+/// \brief Process one appended chunk. Calls exactly one of the callbacks:
 ///
-/// - \p startChain: no chain matches; returns the first node of the signal's own chain. Gets the
-///   heads of the chains that matched up to the previous chunk, and the nodes after those that
-///   matched.
-/// - \p extendChain: the signal owns a chain; returns the node to append to it. \c current is the
-///   last node, or, right after startChain, the node that startChain returned.
-/// - \p reuseChains: the chunk continues the chains whose heads are given.
+/// - \p startChain, if no chain matches. It returns the first node of the signal's own chain. It
+///   gets the heads of the chains that matched up to the previous chunk, and the nodes behind those
+///   that matched.
+/// - \p extendChain, if the signal owns a chain. It returns the node to append to it. \c current is
+///   the last node or, right after startChain, the node that startChain returned.
+/// - \p reuseChains, if the chunk continues the chains whose heads are given.
 ///
+/// The chains stay as they are if startChain or extendChain returns nothing or a null node.
 /// \throws std::invalid_argument "Context is empty or invalid!" for a null context or registry
 /// \throws std::bad_function_call if the callback that is due is empty
 KYR_PARQUET_EXPORT void EliminateRedundancy(Context* context, const unsigned long& contentNumber,
