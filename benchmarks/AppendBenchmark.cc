@@ -26,7 +26,7 @@ struct Stream {
   std::vector<double> data;
 };
 
-// The content numbers of all chunks, in the order in which they are appended.
+// Numbers all chunks in the order in which they are appended.
 double timeChecker(const Stream& stream, std::vector<unsigned long>& numbers) {
   CheckerContext context;
   const std::size_t rows = stream.time.size();
@@ -39,7 +39,7 @@ double timeChecker(const Stream& stream, std::vector<unsigned long>& numbers) {
   });
 }
 
-// The eliminator with callbacks that make the nodes of one-row chunks, and nothing else.
+// Runs the eliminator with callbacks that only make the nodes of one-row chunks.
 double timeEliminator(const std::vector<unsigned long>& numbers) {
   using Node = std::optional<std::unique_ptr<eliminator::FileNode>>;
   const auto registry = std::make_shared<eliminator::Registry>();
@@ -84,10 +84,10 @@ double timePushBack(const Stream& stream) {
 struct Streamed {
   double append = 0;
   double finish = 0;
-  double bytesPerRow = 0;  // kept in memory before finish()
+  double bytesPerRow = 0;  // in memory before finish()
 };
 
-// The signal itself; \p batchRows 0 leaves the batch at its default, which these rows never fill.
+// Runs the signal itself. With 0 for \p batchRows the default stays, which these rows never fill.
 Streamed timeSignal(const Stream& stream, unsigned long batchRows) {
   const Folder folder;
   const RowGroupMode mode;
@@ -112,13 +112,14 @@ Streamed timeSignal(const Stream& stream, unsigned long batchRows) {
   return result;
 }
 
-// One-row appends of time and data beside their unavoidable parts, each measured alone.
+// One-row appends of time and data, compared with the steps that no append can do without, each
+// measured alone.
 void appendOneRow(benchmark::State& state) {
   const std::size_t rows = sizes().appendRows;
   const auto batchRows = static_cast<unsigned long>(state.range(0));
   const Stream stream{clockTimes(rows), state.range(1) != 0 ? quantised(rows) : noise(rows)};
   std::vector<unsigned long> numbers(2 * rows);
-  timeChecker(stream, numbers);  // the eliminator of the first round needs them, too
+  timeChecker(stream, numbers);  // the first round may begin with the eliminator, which needs them
   Rounds rounds;
   for (auto _ : state) {
     rounds.takeTurns({{"checker", [&] { return timeChecker(stream, numbers); }},

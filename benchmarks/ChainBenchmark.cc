@@ -8,8 +8,7 @@
 #include "support/Bench.h"
 #include "support/Workloads.h"
 
-/// The chains of stored chunks: what they cost per chunk, in time and memory, however long they
-/// are.
+/// Time and memory per chunk that the chains of stored chunks take, at all lengths.
 namespace kyr::bench {
 
 namespace {
@@ -37,8 +36,8 @@ std::size_t lengthOf(const FileNode* head) {
   return length;
 }
 
-// Every step over whole chains, per node, and registering one. A chain of any length must cost the
-// same per node.
+// Every operation on whole chains, per node, and the registration of one. The cost per node must not
+// depend on the length of the chain.
 void chain(benchmark::State& state) {
   const auto nodes = static_cast<std::size_t>(state.range(0));
   Rounds rounds;
@@ -77,7 +76,7 @@ BENCHMARK(chain)
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
 
-// One more chunk after the last of a chain, beside the same on a chain of ten.
+// Appends chunks to a long chain, compared with a chain of ten.
 void appendToFile(benchmark::State& state) {
   constexpr std::size_t kAppends = 100'000;
   const auto timeAppends = [](Chain& to) {
@@ -109,8 +108,8 @@ BENCHMARK(appendToFile)
     ->Iterations(21)
     ->Unit(benchmark::kMicrosecond);
 
-// What malloc hands out for each distinct chunk: the checker's entry, with its share of the table
-// of buckets, and the node.
+// The memory of each distinct chunk: the checker's entry, with its share of the hash table, and the
+// node.
 void chunkMemory(benchmark::State& state) {
   const auto chunks = static_cast<std::size_t>(state.range(0));
   const auto values = noise(chunks);
@@ -126,7 +125,7 @@ void chunkMemory(benchmark::State& state) {
     const Chain nodes(chunks);
     entryBytes = static_cast<double>(between - before) / static_cast<double>(chunks);
     nodeBytes = static_cast<double>(allocatedBytes() - between) / static_cast<double>(chunks);
-    state.SetIterationTime(1e-9);  // not the point
+    state.SetIterationTime(1e-9);  // only memory is measured
   }
   state.counters["bytes_checker_entry"] = entryBytes;
   state.counters["bytes_node"] = nodeBytes;

@@ -17,7 +17,7 @@
 #include "support/Bench.h"
 #include "support/Workloads.h"
 
-/// Whole pools beside a bare program that hashes and writes the same files, and beside read(2).
+/// Whole pools, compared with a bare program that hashes and writes the same files, and with read(2).
 namespace kyr::bench {
 
 namespace {
@@ -28,7 +28,8 @@ constexpr std::size_t kBatchRows = 65'536;
 const std::vector<std::vector<unsigned long>> kNoDimensions;
 const std::vector<int> kNoSizes;
 
-// Signals of one length over one time vector, of which the first few are all the content there is.
+// Signals of one length over one time vector. Only the first \p distinctCount of them differ; the
+// others repeat them.
 struct Signals {
   Signals(std::size_t signalCount, std::size_t rows, std::size_t distinctCount)
       : count(signalCount), distinct(distinctCount), time(clockTimes(rows)) {
@@ -63,7 +64,7 @@ double timeSetData(parquet::SignalPool& pool, const Signals& signals, WholePool&
   return time;
 }
 
-// Hashes every vector that is handed in, and writes what is new with \p write.
+// Hashes every vector of the signals, and writes the new ones with \p write.
 template <typename Write>
 double timeBareWrites(const Folder& folder, const Signals& signals, Write&& write) {
   fs::create_directory(folder.file("bare"));
@@ -106,7 +107,7 @@ fs::path fileOf(const Folder& folder, const parquet::ParquetSignal& signal, char
   return folder.file("pool") / std::to_string(signal.getStorageId(part));
 }
 
-// Files of the values alone, to be read with read(2).
+// Reads the bytes of the pool's files with read(2).
 double timeReads(const Folder& folder, const Signals& signals) {
   const std::size_t bytes = signals.rows() * sizeof(double);
   std::vector<char> time(bytes);
@@ -131,7 +132,7 @@ double timeLowLevelReads(const Folder& folder, const WholePool& whole) {
   });
 }
 
-// setData() and getData() of all signals of a pool.
+// Times setData() and getData() of all signals of a pool.
 void wholePool(benchmark::State& state) {
   const Signals signals(static_cast<std::size_t>(state.range(0)),
                         static_cast<std::size_t>(state.range(1)),
@@ -168,7 +169,7 @@ BENCHMARK(wholePool)
     ->Iterations(7)
     ->Unit(benchmark::kMillisecond);
 
-// A pool whose signals were appended one after the other, in chunks.
+// A pool whose signals are appended in chunks, one signal after the other.
 class StreamedPool {
  public:
   StreamedPool(const Signals& signals, std::size_t batchRows, bool isSafe)
@@ -211,7 +212,7 @@ class StreamedPool {
     return time;
   }
 
-  // One window of each signal.
+  // Reads one window of each signal.
   double timeWindows(std::size_t from, std::size_t count, std::vector<char>& bytes) {
     std::vector<std::vector<unsigned long>> dimensions;
     const double time = seconds([&] {
@@ -247,7 +248,7 @@ class StreamedPool {
   std::vector<std::shared_ptr<parquet::StreamableSignal>> streamed_;
 };
 
-// A column that is gathered and written by Arrow, a batch at a time.
+// Gathers the rows of a column and lets Arrow write them batch by batch.
 class BareColumn {
  public:
   explicit BareColumn(const fs::path& file) {
@@ -284,7 +285,7 @@ class BareColumn {
   std::vector<double> rows_;
 };
 
-// Hashes and numbers each chunk; writes the first signal's time and all data.
+// Hashes and numbers each chunk. Writes the times of the first signal and all data.
 double timeBareAppends(const Signals& signals, std::size_t chunkRows) {
   const Folder folder;
   return seconds([&] {
@@ -306,7 +307,7 @@ double timeBareAppends(const Signals& signals, std::size_t chunkRows) {
   });
 }
 
-// Chunks of rows appended to a pool, and all of them read back.
+// Appends chunks of rows to a pool and reads all rows back.
 void streamedPool(benchmark::State& state) {
   const Signals signals(static_cast<std::size_t>(state.range(0)), 1'000'000,
                         static_cast<std::size_t>(state.range(0)));
@@ -345,7 +346,8 @@ BENCHMARK(streamedPool)
     ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
 
-// 10,000 rows from the middle of files of a million: of files not opened yet, and of known ones.
+// Reads 10,000 rows from the middle of files of a million rows: the first window of each file, which
+// opens it, and later ones.
 void poolWindows(benchmark::State& state) {
   constexpr std::size_t kWindowRows = 10'000;
   const Signals signals(20, 1'000'000, 20);

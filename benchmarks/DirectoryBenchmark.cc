@@ -27,7 +27,8 @@ constexpr std::size_t kFiles = 10'000;
 constexpr int kSignals = 1'000;
 constexpr std::size_t kSamples = 10'000;
 
-// What any program must do: list the directory and, to tell a Parquet file, read four bytes.
+// Does what every program must do: lists the directory and, to recognise Parquet files, reads four
+// bytes of each.
 double timeListing(const fs::path& directory, bool readMagic) {
   std::size_t found = 0;
   const double time = seconds([&] {
@@ -46,7 +47,7 @@ double timeListing(const fs::path& directory, bool readMagic) {
   return time;
 }
 
-// A directory of small Parquet files, all the same one.
+// Makes a directory of small Parquet files, which are hard links to one file.
 void fillWithLinks(const Folder& folder, const std::string& name) {
   const std::vector<double> values = noise(200);
   writeFile(*tableOver(values.data(), values.size()), folder.file("original"));
@@ -89,7 +90,7 @@ BENCHMARK(openDirectory<parquet::ParquetSerializerWorker>)
     ->Iterations(7)
     ->Unit(benchmark::kMillisecond);
 
-// Signals over one time vector, as a pool's host has them.
+// A pool of signals over one time vector.
 class ManySignals {
  public:
   explicit ManySignals(const Path& directory) : pool_(directory) {
@@ -114,7 +115,7 @@ class ManySignals {
   double time_ = 0;
 };
 
-// The files alone: copied and, where \p flush says so, put on disk like those of a recording.
+// Copies the files and, if \p flush says so, syncs them as a recording does.
 void copyFiles(const fs::path& from, const fs::path& to, bool flush) {
   fs::create_directory(to);
   for (const auto& entry : fs::directory_iterator(from)) {
@@ -128,7 +129,7 @@ void copyFiles(const fs::path& from, const fs::path& to, bool flush) {
   }
 }
 
-// 1,000 signals of 10,000 samples: saved, described and opened again.
+// Saves, describes and opens 1,000 signals of 10,000 samples.
 void recording(benchmark::State& state) {
   const DictionaryOption dictionary(false);
   const Folder folder;

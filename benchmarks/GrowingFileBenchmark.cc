@@ -10,14 +10,14 @@
 #include "support/Bench.h"
 #include "support/Workloads.h"
 
-/// What it costs that a file can be recovered at any moment.
+/// The cost of files that can be recovered at any moment.
 namespace kyr::bench {
 
 namespace {
 
 using Tables = std::vector<std::shared_ptr<::arrow::Table>>;
 
-// Batches over \p values, which they share.
+// Batches that are slices of \p values and share its memory.
 Tables cut(const std::vector<double>& values, std::size_t batchRows) {
   Tables tables;
   for (std::size_t at = 0; at + batchRows <= values.size(); at += batchRows) {
@@ -64,7 +64,7 @@ double timeReadingBytes(const fs::path& path) {
   });
 }
 
-// As after a crash that left half a batch behind.
+// Damages a file as a crash in the middle of a batch does.
 double timeRecovery(const fs::path& path, std::size_t batches) {
   fs::resize_file(path, fs::file_size(path) - 1);
   parquet::RecoveryReport report;
@@ -73,7 +73,7 @@ double timeRecovery(const fs::path& path, std::size_t batches) {
   return time;
 }
 
-// A growing file beside Arrow's writer with the same row groups.
+// A growing file, compared with Arrow's writer and the same row groups.
 void grow(benchmark::State& state) {
   const auto batches = static_cast<std::size_t>(state.range(0));
   const auto batchRows = static_cast<std::size_t>(state.range(1));
@@ -129,7 +129,8 @@ BENCHMARK(grow)
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
 
-// Small batches: the last thousand beside the first thousand, and how often the file is complete.
+// Small batches: compares the last thousand with the first thousand, and counts how often the file
+// is published.
 void growLong(benchmark::State& state) {
   constexpr std::size_t kPart = 1'000;
   const auto batches = static_cast<std::size_t>(state.range(0));

@@ -10,7 +10,8 @@
 #include "kyr/parquet/StreamableSignal.h"
 #include "support/Bench.h"
 
-/// Appending in a pool where many signals begin with the same chunk, beside a pool where one does.
+/// Appends in a pool where many signals begin with the same chunk, compared with a pool where one
+/// signal does.
 namespace kyr::bench {
 
 namespace {
@@ -33,7 +34,8 @@ class CrowdedPool {
     }
   }
 
-  // The appends of one more signal, which begins as all others do and then goes its own way.
+  // The appends of one more signal, whose first chunk is that of all others and whose second one is
+  // new.
   double probe(Rounds& rounds, const std::string& name) {
     const auto signal = add();
     double total = rounds.add(name + "_first", seconds([&] { append(*signal, 0); }));
@@ -88,7 +90,7 @@ BENCHMARK(appendAmongHeads)
     ->Iterations(51)
     ->Unit(benchmark::kMicrosecond);
 
-// Chains that are equal for a while, each followed by a chunk of its own.
+// Chains that begin with equal chunks, each followed by a chunk of its own.
 class Chains {
  public:
   Chains(std::size_t chains, std::size_t equalChunks) : registry_(std::make_shared<Registry>()) {
@@ -104,7 +106,7 @@ class Chains {
     }
   }
 
-  // A signal part that repeats the equal chunks, using of the lists what a signal does.
+  // Matches a part that repeats the equal chunks, and uses the lists as a signal does.
   double timeRepeating(std::size_t equalChunks) const {
     const auto context = CreateContext(registry_);
     int adopted = 0;
@@ -124,7 +126,7 @@ class Chains {
   std::shared_ptr<Registry> registry_;
 };
 
-// The eliminator alone while all chains still match.
+// Times the eliminator alone while all chains still match.
 void matchAmongHeads(benchmark::State& state) {
   const auto equalChunks = static_cast<std::size_t>(state.range(1));
   const Chains many(static_cast<std::size_t>(state.range(0)), equalChunks);

@@ -10,7 +10,7 @@
 
 namespace {
 
-// Takes "--NAME=COUNT" off the arguments.
+// Removes "--NAME=COUNT" from the arguments and returns the count.
 bool takeCount(std::string_view argument, std::string_view name, std::size_t& count) {
   if (argument.substr(0, name.size()) != name) return false;
   argument.remove_prefix(name.size());
@@ -21,7 +21,7 @@ bool takeCount(std::string_view argument, std::string_view name, std::size_t& co
 
 }  // namespace
 
-/// Google Benchmark's options, and --append_rows=COUNT and --window_rows=COUNT for the two
+/// Takes Google Benchmark's options, and --append_rows=COUNT and --window_rows=COUNT for the two
 /// workloads that are too long for a quick run.
 int main(int argc, char** argv) {
   int kept = 1;
@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
   argc = kept;
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  // Caught, so that what a failing workload has on disk is removed.
+  // Exceptions are caught, so that the files of a failing workload are removed.
   try {
     benchmark::RunSpecifiedBenchmarks();
   } catch (const std::exception& error) {

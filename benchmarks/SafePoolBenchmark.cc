@@ -14,7 +14,7 @@
 #include "support/Bench.h"
 #include "support/Workloads.h"
 
-/// Pools with SafeStorage, beside default pools and at scale.
+/// Pools with SafeStorage, compared with default pools, and with many signals.
 namespace kyr::bench {
 
 namespace {
@@ -48,7 +48,7 @@ double timeSequential(parquet::SignalPool& pool, const std::vector<double>& time
   return time;
 }
 
-// Time and data of one signal in chunks of so many rows.
+// Appends time and data of one signal in chunks of \p chunk rows.
 void appendToPools(benchmark::State& state) {
   const auto chunkRows = static_cast<std::size_t>(state.range(0));
   const std::size_t rows = chunkRows == 1 ? sizes().appendRows / 5 : sizes().appendRows;
@@ -91,7 +91,7 @@ struct Cost {
   double residentBytes = 0;
 };
 
-// Signals that append in turn, each step a chunk of every one.
+// Signals that append in turns: each step is one chunk of every signal.
 Cost appendInTurn(std::size_t signals, std::size_t rows, std::size_t chunkRows, bool sharesTime) {
   const Folder folder;
   parquet::SignalPool pool(folder.path("pool"), parquet::SafeStorage());
@@ -115,7 +115,7 @@ Cost appendInTurn(std::size_t signals, std::size_t rows, std::size_t chunkRows, 
           }
           all[i]->appendTime(ownTimes.data(), count);
         }
-        // Each signal's values are the others' from another place on.
+        // All signals read the same noise, each from a place of its own.
         all[i]->appendData(&values[at + i], count * sizeof(double), kNoDimensions, kNoSizes);
       }
     }
@@ -131,7 +131,7 @@ Cost appendInTurn(std::size_t signals, std::size_t rows, std::size_t chunkRows, 
   return cost;
 }
 
-// In a process of its own, so that its peak memory is its own.
+// Runs in a process of its own, so that the peak memory is that of this workload.
 template <typename Work>
 Cost inChild(Work&& work) {
   int ends[2];

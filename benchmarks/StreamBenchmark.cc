@@ -13,7 +13,7 @@
 #include "support/Bench.h"
 #include "support/Workloads.h"
 
-/// Samples that arrive in chunks, and windows of what they became.
+/// Samples that arrive in chunks, and windows of the rows that were stored.
 namespace kyr::bench {
 
 namespace {
@@ -44,7 +44,7 @@ double timeChunks(const std::vector<double>& values, std::size_t batchRows) {
   return time;
 }
 
-// The same batches, each written by Arrow from memory that holds them already.
+// Lets Arrow write the same batches from memory.
 double timeArrowBatches(const std::vector<double>& values, std::size_t batchRows) {
   const Folder folder;
   return secondsFromTrimmedHeap([&] {
@@ -73,7 +73,8 @@ double timeHash(const std::vector<double>& values) {
   });
 }
 
-// The data part of one signal in chunks of 1,000 rows, beside Arrow writing the same batches.
+// Appends the data part of one signal in chunks of 1,000 rows, compared with Arrow writing the same
+// batches.
 void appendChunks(benchmark::State& state) {
   const auto values = noise(4'000'000);
   const auto batchRows = static_cast<std::size_t>(state.range(0));
@@ -99,7 +100,7 @@ BENCHMARK(appendChunks)
     ->Iterations(7)
     ->Unit(benchmark::kMillisecond);
 
-// A finished signal of about that many rows, in row groups of one length.
+// A finished signal of about \p rows rows, in row groups of one length.
 class LongSignal {
  public:
   LongSignal(std::size_t rows, std::size_t groupRows)
@@ -145,7 +146,7 @@ class LongSignal {
   std::vector<double> expected_;
 };
 
-// A window of 10,000 rows in the middle of a long file. The first one opens the file.
+// Reads windows of 10,000 rows in the middle of a long file. The first one opens the file.
 void readWindow(benchmark::State& state) {
   constexpr std::size_t kWindowRows = 10'000;
   const auto groupRows = static_cast<std::size_t>(state.range(0));
@@ -183,8 +184,8 @@ BENCHMARK(readWindow)
     ->Iterations(51)
     ->Unit(benchmark::kMicrosecond);
 
-// The append with which a signal leaves one that it has repeated for a number of one-row chunks:
-// the rows they share are copied.
+// The append with which a signal differs from one that it has repeated for a number of one-row
+// chunks: the rows that they share are copied.
 void divergeAfter(benchmark::State& state) {
   const auto shared = static_cast<std::size_t>(state.range(0));
   const auto values = noise(shared);

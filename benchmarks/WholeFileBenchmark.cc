@@ -54,7 +54,7 @@ double timeArrowWrites(const Folder& folder, const Samples& samples) {
   return result;
 }
 
-// The hash of content that the worker knows already: nothing is written.
+// Hashes content that the worker knows already, so that nothing is written.
 double timeHashes(parquet::ParquetSerializerWorker& worker, const Samples& samples) {
   bool known = false;
   return seconds([&] {
@@ -63,7 +63,7 @@ double timeHashes(parquet::ParquetSerializerWorker& worker, const Samples& sampl
   });
 }
 
-// setData() beside Arrow's own writes of the same two tables with the same properties.
+// setData(), compared with Arrow writing the same two tables with the same properties.
 void writeSignal(benchmark::State& state) {
   const Samples samples(static_cast<std::size_t>(state.range(0)));
   const DictionaryOption dictionary(state.range(1) != 0);
@@ -100,7 +100,7 @@ double timeArrowReads(const Folder& folder) {
   });
 }
 
-// getData() beside Arrow reading the same two files into vectors.
+// getData(), compared with Arrow reading the same two files into vectors.
 void readSignal(benchmark::State& state) {
   const Samples samples(static_cast<std::size_t>(state.range(0)));
   const DictionaryOption dictionary(state.range(1) != 0);

@@ -15,7 +15,7 @@
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/parquet/SchemaBuilder.h"
 
-/// The same files made and read with Arrow alone, as the measure of our own share.
+/// Makes and reads the same files with Arrow alone, to tell which part of the time is ours.
 namespace kyr::bench {
 
 inline std::shared_ptr<::arrow::Schema> scalarSchema() {
@@ -23,7 +23,7 @@ inline std::shared_ptr<::arrow::Schema> scalarSchema() {
                                            parquet::columnNames::data);
 }
 
-/// A table over the first \p count values, which it does not copy.
+/// A table over the first \p count values. It does not copy them.
 inline std::shared_ptr<::arrow::Table> tableOver(const double* values, std::size_t count) {
   auto buffer =
       std::make_shared<::arrow::Buffer>(reinterpret_cast<const std::uint8_t*>(values),
@@ -33,7 +33,7 @@ inline std::shared_ptr<::arrow::Table> tableOver(const double* values, std::size
   return ::arrow::Table::Make(scalarSchema(), {std::move(array)});
 }
 
-/// The properties that our files are written with, codec apart.
+/// The properties that our files are written with, except for the codec.
 inline std::shared_ptr<::parquet::WriterProperties> writerProperties() {
   return parquet::ParquetWriterOptions().buildWriterProperties(::arrow::Compression::UNCOMPRESSED);
 }
@@ -45,7 +45,7 @@ inline void writeFile(const ::arrow::Table& table, const std::filesystem::path& 
   PARQUET_THROW_NOT_OK(stream->Close());
 }
 
-/// A reader that does not read ahead, which only costs for local files.
+/// A reader that does not read ahead, because that only costs time with local files.
 inline std::unique_ptr<::parquet::arrow::FileReader> openFile(const std::filesystem::path& file) {
   PARQUET_ASSIGN_OR_THROW(const auto stream, ::arrow::io::ReadableFile::Open(file.string()));
   ::parquet::arrow::FileReaderBuilder builder;
@@ -57,7 +57,7 @@ inline std::unique_ptr<::parquet::arrow::FileReader> openFile(const std::filesys
   return reader;
 }
 
-/// The values of a flat column, copied out.
+/// A copy of the values of a flat column.
 inline void copyValues(const ::arrow::Table& table, std::vector<double>& values) {
   values.clear();
   values.reserve(static_cast<std::size_t>(table.num_rows()));

@@ -22,10 +22,10 @@
 #include "support/ArrowFiles.h"
 #include "support/Bench.h"
 
-/// What a program of a few lines does for the same files: hash, write, read. No library of ours.
+/// The same files hashed, written and read in a few lines, without our library.
 namespace kyr::bench {
 
-/// A serial 64-bit hash, a word a step, as both of our content hashes take them.
+/// A serial 64-bit hash that takes one word in each step, like both of our content hashes.
 inline std::uint64_t bareHash(const void* data, std::size_t bytes) {
   std::uint64_t hash = 1;
   for (std::size_t at = 0; at + 8 <= bytes; at += 8) {
@@ -36,7 +36,7 @@ inline std::uint64_t bareHash(const void* data, std::size_t bytes) {
   return hash;
 }
 
-/// The file that writeFile() makes of a scalar signal, by Parquet's own column writer.
+/// Writes the file that writeFile() makes of a scalar signal, with Parquet's own column writer.
 inline void writeLowLevel(const double* values, std::size_t count, const fs::path& file) {
   static const auto properties = writerProperties();
   static const auto schema = [] {
@@ -57,7 +57,7 @@ inline void writeLowLevel(const double* values, std::size_t count, const fs::pat
   PARQUET_THROW_NOT_OK(stream->Close());
 }
 
-/// The values of such a file, by Parquet's own column reader.
+/// Reads the values of such a file with Parquet's own column reader.
 inline void readLowLevel(const fs::path& file, std::vector<double>& values) {
   const auto reader = ::parquet::ParquetFileReader::OpenFile(file.string());
   values.resize(static_cast<std::size_t>(reader->metadata()->num_rows()));
@@ -73,7 +73,7 @@ inline void readLowLevel(const fs::path& file, std::vector<double>& values) {
   }
 }
 
-/// Bytes [from, from + bytes.size()) of a file by the system's own call.
+/// Reads bytes [from, from + bytes.size()) of a file with the system's own call.
 inline void readBytes(const fs::path& file, std::size_t from, std::vector<char>& bytes) {
   const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC);
   const auto got = pread(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(from));

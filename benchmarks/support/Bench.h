@@ -24,7 +24,7 @@ namespace kyr::bench {
 
 namespace fs = std::filesystem;
 
-/// Sizes that a command line may lower for a quick run; see Main.cc.
+/// Sizes that the command line can lower for a quick run; see Main.cc.
 struct Sizes {
   std::size_t appendRows = 5'000'000;
   std::size_t windowRows = 100'000'000;
@@ -35,7 +35,7 @@ inline Sizes& sizes() {
   return values;
 }
 
-/// A directory for a benchmark's files, removed with everything in it.
+/// A directory for a benchmark's files. The destructor removes it with everything in it.
 class Folder {
  public:
   Folder() : root_(make()) {}
@@ -59,7 +59,7 @@ class Folder {
   fs::path root_;
 };
 
-/// Row-group mode of pools made while it lives.
+/// Switches row-group mode on for pools that are made while the object lives.
 class RowGroupMode {
  public:
   RowGroupMode() { FeatureFlag::set(kFlag, true); }
@@ -71,7 +71,7 @@ class RowGroupMode {
   static constexpr const char* kFlag = "fKYRUseParquetRowGroup";
 };
 
-/// The process-wide dictionary option while it lives.
+/// Sets the process-wide dictionary option while the object lives.
 class DictionaryOption {
  public:
   explicit DictionaryOption(bool on)
@@ -84,7 +84,7 @@ class DictionaryOption {
   bool before_;
 };
 
-/// Seconds on the clock that \p work takes: for what waits for the disk.
+/// Elapsed seconds of \p work, for workloads that wait for the disk.
 template <typename Work>
 double wallSeconds(Work&& work) {
   const auto start = std::chrono::steady_clock::now();
@@ -92,8 +92,8 @@ double wallSeconds(Work&& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/// Seconds of processor time, the kernel's included, that \p work takes: what other programs do
-/// meanwhile counts little.
+/// Seconds of processor time of \p work, the kernel's included. Other programs on the machine change it
+/// little.
 template <typename Work>
 double seconds(Work&& work) {
   const auto now = [] {
@@ -106,8 +106,8 @@ double seconds(Work&& work) {
   return now() - start;
 }
 
-/// As seconds(), from a heap that has given its free memory back, so that every contender pays for
-/// its own page faults.
+/// Does what seconds() does after the heap has given its free memory back, so that every contender
+/// pays for its own page faults.
 template <typename Work>
 double secondsFromTrimmedHeap(Work&& work) {
   malloc_trim(0);
@@ -121,14 +121,14 @@ inline double median(std::vector<double> values) {
   return *middle;
 }
 
-/// Times of contenders that take turns, one of each per round, so that what else the machine does
-/// meets all of them.
+/// Times of contenders that take turns, each once per round, so that other programs on the machine
+/// slow all of them down alike.
 class Rounds {
  public:
   using Contender = std::pair<std::string, std::function<double()>>;
 
   /// Runs each contender once and notes the time that it returns. Each round begins with another
-  /// one: no order favours anyone.
+  /// contender, so that the order favours none.
   void takeTurns(std::vector<Contender> contenders) {
     const auto first = static_cast<std::ptrdiff_t>(round_++ % contenders.size());
     std::rotate(contenders.begin(), contenders.begin() + first, contenders.end());
@@ -144,7 +144,7 @@ class Rounds {
 
   double median(const std::string& contender) const { return bench::median(times_.at(contender)); }
 
-  /// Median over the rounds of the time of \p contender in units of \p base.
+  /// The median over the rounds of the time of \p contender divided by that of \p base.
   double ratio(const std::string& contender, const std::string& base) const {
     const auto& above = times_.at(contender);
     const auto& below = times_.at(base);
@@ -158,14 +158,14 @@ class Rounds {
   std::size_t round_ = 0;
 };
 
-/// Throughput of \p items per iteration and, where it means something, of \p bytes.
+/// Reports the throughput in items and, if \p bytes is not 0, in bytes.
 inline void reportThroughput(benchmark::State& state, std::size_t items, std::size_t bytes = 0) {
   const auto rounds = static_cast<std::int64_t>(state.iterations());
   state.SetItemsProcessed(rounds * static_cast<std::int64_t>(items));
   if (bytes > 0) state.SetBytesProcessed(rounds * static_cast<std::int64_t>(bytes));
 }
 
-/// Bytes that malloc has handed out and not taken back.
+/// Bytes that are allocated with malloc.
 inline std::size_t allocatedBytes() {
   const struct mallinfo2 info = mallinfo2();
   return info.uordblks + info.hblkhd;

@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-/// The values that the workloads store; the same in every run.
+/// The values that the workloads store. They are the same in every run.
 namespace kyr::bench {
 
 /// A clock of 1 kHz [s].
@@ -16,7 +16,7 @@ inline std::vector<double> clockTimes(std::size_t count) {
   return times;
 }
 
-/// Noise in which hardly a value repeats: the worst case for dictionaries and for the checker.
+/// Noise whose values hardly ever repeat: the worst case for dictionaries and for the checker.
 inline std::vector<double> noise(std::size_t count, std::uint64_t seed = 1) {
   std::mt19937_64 random(seed);
   std::uniform_real_distribution<double> values(-1, 1);
@@ -25,7 +25,7 @@ inline std::vector<double> noise(std::size_t count, std::uint64_t seed = 1) {
   return result;
 }
 
-/// What a 12-bit converter gives: 4096 values that repeat.
+/// The output of a 12-bit converter: 4096 values that repeat.
 inline std::vector<double> quantised(std::size_t count, std::uint64_t seed = 1) {
   std::mt19937_64 random(seed);
   std::vector<double> result(count);

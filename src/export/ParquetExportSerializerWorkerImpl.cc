@@ -21,7 +21,7 @@ namespace kyr::parquet {
 
 namespace {
 
-// A copy of the whole values among \p bytes.
+// A copy of the \p bytes bytes at \p values. A trailing partial value does not count.
 std::shared_ptr<::arrow::Array> copiedArray(const std::shared_ptr<::arrow::DataType>& type,
                                             const void* values, std::size_t bytes) {
   PARQUET_ASSIGN_OR_THROW(std::shared_ptr<::arrow::Buffer> buffer,
@@ -69,8 +69,8 @@ std::shared_ptr<::arrow::Table> ParquetExportSerializerWorkerImpl::buildTable(
 
 void ParquetExportSerializerWorkerImpl::write(const ::arrow::Table& table, std::u16string path) {
   const std::string file = Path(std::move(path)).native().toNarrow();
-  // Appending is on so that no existing file is ever truncated. Parquet cannot append: over a file
-  // that holds bytes the write fails, in silence, and the bytes stay.
+  // Appending is on, so that no existing file is ever truncated. Parquet cannot append: if the file
+  // holds bytes, the write fails in silence and the bytes stay.
   PARQUET_ASSIGN_OR_THROW(const auto stream,
                           ::arrow::io::FileOutputStream::Open(file, /*append=*/true));
   const auto properties = options_.buildWriterProperties();

@@ -22,12 +22,13 @@ namespace {
 using ::arrow::Compression;
 using ::parquet::Encoding;
 
-// Too few values to tell, and nothing to win: the metadata take as much.
+// Fewer values are too few to judge by, and their metadata take as much as they do.
 constexpr std::size_t kFewestValues = 256;
 constexpr std::size_t kSampled = 1024;
 // An encoding must save a quarter of the plain bytes to be worth its time.
 constexpr double kWorthwhile = 0.75;
-// What byte-stream split with a codec leaves of steady steps; measured, 0.01 to 0.05.
+// The share of the bytes that byte-stream split with a codec leaves of steady steps. Measured: 0.01 to
+// 0.05.
 constexpr double kSteadyShare = 0.03;
 constexpr double kNever = std::numeric_limits<double>::infinity();
 
@@ -80,7 +81,7 @@ Numbers numbersOf(const ::arrow::Array& array) {
 
 double bitsFor(double distinct) { return distinct <= 1 ? 0 : std::ceil(std::log2(distinct)); }
 
-// Calls \p visit with where each of a few runs of neighbours begins, and their length.
+// Calls \p visit with the beginning and the length of a few runs of neighbours.
 template <typename Visit>
 void forEachRun(const Numbers& numbers, Visit&& visit) {
   constexpr std::size_t kRuns = 4;
@@ -90,7 +91,7 @@ void forEachRun(const Numbers& numbers, Visit&& visit) {
   }
 }
 
-// The part of the values that differ from the one before.
+// The share of the values that differ from the value before.
 double changes(const Numbers& numbers) {
   double changed = 0;
   double all = 0;
@@ -103,11 +104,11 @@ double changes(const Numbers& numbers) {
   return changed / all;
 }
 
-// Bytes per value with a dictionary. How many distinct values there are is estimated from how many
-// are once and twice in the sample (Chao, "Nonparametric estimation of the number of classes in a
-// population", Scandinavian Journal of Statistics 11, 1984).
+// Bytes per value with a dictionary. The number of distinct values is estimated from the numbers of
+// values that occur once and twice in the sample (Chao, "Nonparametric estimation of the number of
+// classes in a population", Scandinavian Journal of Statistics 11, 1984).
 double dictionaryBytes(const Numbers& numbers) {
-  constexpr std::size_t kMost = kSampled / 4;  // from far apart, so each is slow to fetch
+  constexpr std::size_t kMost = kSampled / 4;  // fewer, because values that lie far apart are slow
   const std::size_t count = std::min(kMost, numbers.count);
   std::array<std::uint64_t, kMost> sample{};
   std::array<std::uint32_t, kMost> places{};
@@ -128,7 +129,8 @@ double dictionaryBytes(const Numbers& numbers) {
   return numbers.plainBytes() * distinct / all + number;
 }
 
-// Bytes per value as differences of neighbours, in blocks of 128 with a width for each 32.
+// Bytes per value as differences of neighbours. Parquet stores them in blocks of 128, with a width of
+// its own for every 32 (DELTA_BINARY_PACKED in its description of encodings).
 double deltaBytes(const Numbers& numbers) {
   constexpr std::size_t kMiniBlock = 32;
   constexpr double kBlockOverhead = 8.0 / 128;
@@ -154,8 +156,8 @@ double deltaBytes(const Numbers& numbers) {
   return bits / miniBlocks / 8 + kBlockOverhead;
 }
 
-// Whether nearly all neighbours differ by the same number of units in the last place, or by one
-// that rounding explains.
+// Whether nearly all neighbours differ by the same number of units in the last place, apart from
+// rounding.
 bool takesSteadySteps(const Numbers& numbers) {
   constexpr std::int64_t kRounding = 4;
   std::size_t steady = 0;
@@ -183,12 +185,13 @@ double timesLog(std::uint32_t n) {
   return table[n];
 }
 
-// Bytes per value with the bytes of the same place side by side, each place coded by itself.
+// Bytes per value if the bytes of each place within the values are stored side by side and compressed
+// by themselves.
 double splitBytes(const Numbers& numbers, Compression::type codec) {
   if (takesSteadySteps(numbers)) return kSteadyShare * numbers.plainBytes();
   const bool codesBytes =
       codec == Compression::ZSTD || codec == Compression::GZIP || codec == Compression::BROTLI;
-  if (!codesBytes) return kNever;  // only finds repetitions
+  if (!codesBytes) return kNever;  // other codecs only find repetitions
   double bits = 0;
   for (std::size_t place = 0; place < numbers.width; ++place) {
     std::array<std::uint32_t, 256> counts{};
@@ -199,7 +202,7 @@ double splitBytes(const Numbers& numbers, Compression::type codec) {
       }
       all += static_cast<double>(length);
     });
-    // Entropy, -sum(p log p), with the logarithms of the counts only.
+    // The entropy -sum(p log p), rearranged so that only logarithms of counts are needed.
     double sum = 0;
     for (const std::uint32_t count : counts) sum += timesLog(count);
     bits += std::log2(all) - sum / all;

@@ -6,7 +6,7 @@
 
 namespace kyr::parquet {
 
-/// What is chosen from the data; the rest is as the writer properties say.
+/// What is chosen for each batch from its data. The writer properties decide the rest.
 struct EncodingChoice {
   bool encoding = false;
   bool codec = false;            ///< Zstandard or none
@@ -19,18 +19,18 @@ struct ColumnEncoding {
   ::arrow::Compression::type codec = ::arrow::Compression::UNCOMPRESSED;
 };
 
-/// The encoding that a sample of the values asks for. Those are looked for that save a good part of
-/// the plain bytes, because plain ones are by far the fastest to write and to read:
+/// Chooses an encoding by a sample of the values. Plain values are by far the fastest to write and to
+/// read, so another encoding has to save a quarter of their bytes:
 ///
-/// - a dictionary where values repeat,
-/// - delta-coded integers where neighbours are close,
-/// - for floating-point numbers that take steps of one size, as clocks do, or whose bytes are far
-///   from evenly spread, byte-stream split with a codec.
+/// - a dictionary if values repeat,
+/// - differences of integers if neighbours are close,
+/// - byte-stream split with a codec for floating-point numbers that take steps of one size, as clocks
+///   do, or whose bytes are far from evenly distributed.
 ///
-/// Costs about as much as copying a few ten thousand values, whatever their number.
-/// \param values  numbers, or lists of them, however deep; all else is stored plain
-/// \param codec  what to use where choice.codec is off
-/// \param mayUseDictionary  as the user says
+/// The cost does not depend on the number of values. It is that of copying a few ten thousand values.
+/// \param values  numbers, or lists of them to any depth; all others are stored plain
+/// \param codec  the codec if choice.codec is off
+/// \param mayUseDictionary  whether the user's options allow dictionaries
 ColumnEncoding chooseEncoding(const ::arrow::Array& values, const EncodingChoice& choice,
                               ::arrow::Compression::type codec, bool mayUseDictionary);
 

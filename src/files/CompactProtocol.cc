@@ -11,7 +11,7 @@ constexpr unsigned kTypeBits = 4;
 constexpr unsigned kTypeMask = 0xf;
 constexpr unsigned kVarintBits = 7;
 constexpr unsigned kVarintMask = 0x7f;
-constexpr std::size_t kShortList = 15;  // longer ones have their size behind the header
+constexpr std::size_t kShortList = 15;  // lists from this size on have it behind the header
 constexpr int kMaxDepth = 64;
 constexpr std::uint64_t kRealBytes = 8;
 
@@ -60,7 +60,7 @@ CompactReader::List CompactReader::listHeader() {
   const unsigned header = octet();
   std::uint64_t size = header >> kTypeBits;
   if (size == kShortList) size = varint();
-  // No element takes less than a byte.
+  // Every element takes a byte or more.
   if (size > bytes_.size() - position_) refuse("a list beyond the end", position_);
   return {static_cast<int>(header & kTypeMask), static_cast<std::size_t>(size)};
 }
@@ -100,7 +100,7 @@ void CompactReader::skip(int type, int depth) {
 }
 
 void CompactReader::skipElements(int type, std::size_t count, int depth) {
-  // In a list, unlike in a field, a truth value takes a byte.
+  // A truth value takes a byte in a list, but none in a field.
   if (type == yes || type == no) return take(count);
   for (std::size_t i = 0; i < count; ++i) skip(type, depth + 1);
 }

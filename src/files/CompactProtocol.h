@@ -7,8 +7,8 @@
 
 namespace kyr::parquet {
 
-/// Steps through a struct of Thrift's compact protocol, in which Parquet metadata are serialized.
-/// Bytes that are none are a ::parquet::ParquetException, never a read beyond them.
+/// Reads a struct of Thrift's compact protocol, in which Parquet metadata are serialized. Bytes that
+/// are no such struct are a ::parquet::ParquetException; nothing is read beyond them.
 class CompactReader {
  public:
   enum Type : int {
@@ -32,7 +32,7 @@ class CompactReader {
     int type = stop;
   };
   struct List {
-    int type = stop;  // of the elements
+    int type = stop;  ///< of the elements
     std::size_t size = 0;
   };
 
@@ -41,8 +41,8 @@ class CompactReader {
   std::size_t position() const { return position_; }
   bool atEnd() const { return position_ == bytes_.size(); }
 
-  /// The next field of a struct; of type stop behind the last one.
-  /// \param lastId  of the field before, 0 for none
+  /// The next field of a struct. Behind the last one comes a field of type stop.
+  /// \param lastId  id of the field before; 0 for the first field
   Field field(int lastId);
   List listHeader();
   std::int64_t integer();
@@ -60,7 +60,7 @@ class CompactReader {
   std::size_t position_ = 0;
 };
 
-/// What follows in the same protocol, appended to \p out.
+/// Append a number, or the header of a list, in the same protocol.
 void putVarint(std::string& out, std::uint64_t value);
 void putInteger(std::string& out, std::int64_t value);
 void putListHeader(std::string& out, int type, std::size_t size);

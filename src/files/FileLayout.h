@@ -16,15 +16,15 @@ class OutputStream;
 
 namespace kyr::parquet {
 
-/// Row groups that an encoding is used for before it is chosen anew: signals change, but not with
-/// every batch.
+/// The number of row groups that use an encoding before it is chosen again. Signals change, but not
+/// with every batch.
 constexpr std::size_t kEncodingUses = 4;
 
 /// How files of one schema are written.
 ///
-/// No sample is missing, ever. Where encodings are chosen, a single column of numbers is therefore
-/// written as a required one, which all readers read several times as fast as one that may have
-/// nulls.
+/// Samples are never null. So where encodings are chosen, a single column of numbers is written as a
+/// required column, which all readers read several times as fast as one that may have nulls. Of such
+/// a column of float64, row groups whose values ascend are marked: see NumberFile::Options.
 class FileLayout {
  public:
   /// \throws ::parquet::ParquetException if Parquet has no such schema
@@ -34,13 +34,14 @@ class FileLayout {
   const std::shared_ptr<::arrow::Schema>& schema() const { return schema_; }
   const ::parquet::WriterProperties& properties() const { return *properties_; }
 
-  /// What the samples in \p rows ask for, as far as it is to be chosen.
+  /// The encoding for the samples in \p rows: chosen from them, or as the properties say.
   ColumnEncoding encodingFor(const ::arrow::Table& rows) const;
 
   /// Writes a whole Parquet file to \p sink, which stands at its beginning.
-  /// \param rowGroups  each a row group
-  /// \param encoding  of the samples; chosen for every few row groups if none is given
-  /// \throws ::parquet::ParquetException if they cannot be encoded, or the sink says so
+  /// \param rowGroups  a table for each row group
+  /// \param encoding  for the samples of all row groups; if none is given, it is chosen for every few
+  ///         row groups
+  /// \throws ::parquet::ParquetException if the rows cannot be encoded, or if the sink says so
   void write(const std::shared_ptr<::arrow::io::OutputStream>& sink,
              const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
              const std::vector<const ::arrow::Table*>& rowGroups,
@@ -58,7 +59,7 @@ class FileLayout {
   std::shared_ptr<::parquet::WriterProperties> propertiesFor(const ColumnEncoding& encoding) const;
 
   std::shared_ptr<::arrow::Schema> schema_;
-  bool isFlat_;  // one column of numbers, whose chunks are written without Arrow's table writer
+  bool isFlat_;  // whether the file is one column of numbers, which NumberFile writes
   std::shared_ptr<::parquet::WriterProperties> properties_;
   std::shared_ptr<::parquet::SchemaDescriptor> columns_;
   EncodingChoice choice_;

@@ -10,10 +10,10 @@
 
 namespace kyr::parquet {
 
-/// Writes a new Parquet file in one go, for rows that are all there: smaller than a growing one.
-/// \param rowGroups  each a row group
-/// \param sync  whether to wait until it is on the disk
-/// \throws std::exception naming the file; none is left behind then
+/// Writes a new Parquet file of rows that are all known. It is smaller than a growing file.
+/// \param rowGroups  a table for each row group
+/// \param sync  whether to wait until the content is on the disk
+/// \throws std::exception naming the file, which is removed then
 void writePlainFile(const std::filesystem::path& path, const FileLayout& layout,
                     const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
                     const std::vector<std::shared_ptr<::arrow::Table>>& rowGroups, bool sync);

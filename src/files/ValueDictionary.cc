@@ -10,7 +10,7 @@ namespace kyr::parquet {
 namespace {
 
 constexpr std::size_t kGroup = 8;
-// Shorter repetitions are packed like others: each run has a header.
+// Shorter repetitions are bit-packed with their neighbours, because each run has a header.
 constexpr std::size_t kFewestRepeated = 4 * kGroup;
 
 std::size_t repetitions(const std::uint32_t* numbers, std::size_t count) {
@@ -24,7 +24,7 @@ void putRepeated(std::string& out, std::uint32_t number, std::size_t count, unsi
   for (unsigned bit = 0; bit < width; bit += 8) out += static_cast<char>(number >> bit);
 }
 
-// The last group is filled up with zeros.
+// Appends a bit-packed run, whose last group is filled up with zeros.
 void putPacked(std::string& out, const std::uint32_t* numbers, std::size_t count, unsigned width) {
   const std::size_t groups = (count + kGroup - 1) / kGroup;
   putVarint(out, (std::uint64_t{groups} << 1U) | 1U);
@@ -55,7 +55,7 @@ std::string packHybrid(const std::uint32_t* numbers, std::size_t count, unsigned
   out.reserve(count * width / 8 + 64);
   std::size_t packedFrom = 0;
   for (std::size_t at = 0; at < count;) {
-    // A packed run is made of whole groups, unless it is the last one.
+    // Only the last packed run may end within a group.
     const std::size_t length = repetitions(numbers + at, count - at);
     const std::size_t toGroup = (kGroup - (at - packedFrom) % kGroup) % kGroup;
     if (length >= toGroup + kFewestRepeated) {

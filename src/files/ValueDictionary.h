@@ -7,12 +7,13 @@
 
 namespace kyr::parquet {
 
-/// Numbers the distinct values of a column chunk in the order in which they come, by their bits: a
-/// hash table with open addressing, several times as fast as a general one.
+/// Numbers the distinct values of a column chunk in the order in which they come. Values are compared
+/// by their bits. A hash table with open addressing, which is several times as fast as
+/// std::unordered_map.
 template <typename Bits>
 class ValueDictionary {
  public:
-  /// \param limit  of distinct values
+  /// \param limit  the largest number of distinct values
   explicit ValueDictionary(std::size_t limit)
       : limit_(limit), slots_(std::size_t{1} << kFirstBits) {}
 
@@ -43,11 +44,11 @@ class ValueDictionary {
 
   struct Slot {
     Bits value = 0;
-    std::uint32_t number = 0;  // from 1; 0 for none
+    std::uint32_t number = 0;  // counts from 1; 0 if the slot is free
   };
 
-  // Of the value, or a free one. Multiplication by the golden ratio spreads values whose lowest
-  // bits are all zero (Knuth, "The Art of Computer Programming" 3, 6.4).
+  // The slot of the value, or the free one for it. Multiplication by the golden ratio spreads values
+  // whose lowest bits are all zero (Knuth, "The Art of Computer Programming" 3, 6.4).
   Slot& slotOf(Bits value) {
     std::size_t at = (std::uint64_t{value} * 0x9E3779B97F4A7C15U) >> shift_;
     while (slots_[at].number != 0 && slots_[at].value != value) at = (at + 1) & (slots_.size() - 1);
@@ -68,7 +69,7 @@ class ValueDictionary {
   std::vector<Bits> values_;
 };
 
-/// Numbers below 2^width, as Parquet's hybrid of repeated and bit-packed runs stores them
+/// Encodes numbers below 2^width as Parquet's hybrid of repeated and bit-packed runs
 /// (apache/parquet-format, Encodings.md, RLE).
 /// \param width  1 to 32
 std::string packHybrid(const std::uint32_t* numbers, std::size_t count, unsigned width);

@@ -6,7 +6,7 @@ namespace kyr::host {
 
 namespace {
 
-// Lies before each object.
+// Lies in memory before each object.
 struct alignas(std::max_align_t) Origin {
   HostAllocator* allocator;
 };

@@ -8,7 +8,7 @@
 
 namespace kyr::host {
 
-/// Base of the library's methods: no published signature, hidden from listings.
+/// Base of the library's methods. They publish no signature and listings hide them.
 class KYRParquetMethodInfo : public HostMethodInfo, public HostAllocated {
  public:
   /// \param name  null for a method without a name
@@ -18,7 +18,7 @@ class KYRParquetMethodInfo : public HostMethodInfo, public HostAllocated {
   const char* getMethodSignature() const override { return signature_; }
   bool isVisible() const override { return false; }
 
-  /// Appends to the descriptor, inputs first.
+  /// Appends the type names to the descriptor, inputs first.
   void setInputOutput(const std::string* inputTypes, int inputCount, const std::string* outputTypes,
                       int outputCount);
   void setNumberOfOptionalInputs(int count);

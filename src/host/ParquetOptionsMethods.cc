@@ -42,14 +42,14 @@ Codec::type codecCalled(const std::string& name) {
   };
   const auto found = codecs.find(name);
   if (found != codecs.end()) return found->second;
-  // Two more are known, but not to Parquet.
+  // The message leaves out the two that Parquet cannot write.
   throw std::invalid_argument(
       fmt::format("Compression \"{}\" is not known: use uncompressed, snappy, gzip, brotli, "
                   "lz4_hadoop or zstd",
                   name));
 }
 
-// Empty for the codecs that have no name here.
+// Empty for a codec that no name stands for.
 std::string nameOf(Codec::type codec) {
   static constexpr std::array<const char*, 10> kNames{
       "uncompressed", "snappy", "gzip", "brotli", "zstd", "", "lz4_frame", "lzo", "", "lz4_hadoop"};
@@ -67,7 +67,8 @@ std::optional<std::int32_t> numberField(const HostArray& values, const std::stri
   const HostArray* field = values.field(0, name);
   if (field == nullptr || !field->isScalar()) return std::nullopt;
   const double value = field->scalar();
-  // What is cut off may lie beyond the limits, and NaN lies nowhere.
+  // The fraction is cut off, so a value may lie beyond the limits by less than one. Comparisons with
+  // NaN are false.
   using Limits = std::numeric_limits<std::int32_t>;
   if (value > Limits::min() - 1.0 && value < Limits::max() + 1.0) {
     return static_cast<std::int32_t>(value);
@@ -75,7 +76,7 @@ std::optional<std::int32_t> numberField(const HostArray& values, const std::stri
   throw std::invalid_argument(fmt::format("{} {}: no 32-bit integer can hold it", name, value));
 }
 
-// Read as a whole before any of it takes effect, so that a refused value changes nothing.
+// All fields are read before any option is set, so that a refused value changes nothing.
 struct Changes {
   explicit Changes(const HostArray& values) {
     const HostArray* codec = values.field(0, kCompression);

@@ -4,8 +4,8 @@
 
 namespace kyr::host {
 
-/// "setParquetOptions": takes a struct, sets the options it has fields for, returns whether there
-/// was an input. Registration.h has the rules.
+/// "setParquetOptions" takes a struct, sets the options that it has fields for, and returns whether
+/// there was an input. Registration.h has the rules.
 class ParquetOptionsSetter final : public KYRParquetMethodInfo {
  public:
   ParquetOptionsSetter();
@@ -13,7 +13,7 @@ class ParquetOptionsSetter final : public KYRParquetMethodInfo {
               const HostValue* inputs) const override;
 };
 
-/// "getParquetOptions": returns a struct of all options.
+/// "getParquetOptions" returns a struct of all options.
 class ParquetOptionsGetter final : public KYRParquetMethodInfo {
  public:
   ParquetOptionsGetter();

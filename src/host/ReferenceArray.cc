@@ -19,7 +19,7 @@ double elementAs(const std::byte* bytes) {
   return static_cast<double>(value);
 }
 
-// In the order of NumericClass.
+// What belongs to a NumericClass.
 struct ClassTraits {
   const char* name;
   std::size_t width;

@@ -30,7 +30,7 @@ struct StructElements {
   std::vector<std::unordered_map<std::string, HostValue>> elements;
 };
 
-/// The arrays of the reference host. They live in its allocator's memory.
+/// The arrays of the reference host, in memory of its allocator.
 class ReferenceArray final : public HostArray {
  public:
   using Elements = std::variant<CharElements, LogicalElements, NumericElements, StructElements>;

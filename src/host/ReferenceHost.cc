@@ -26,7 +26,7 @@ void ReferenceAllocator::release(void* memory) noexcept {
 
 void ReferenceAllocator::throwOutOfMemory(std::size_t /*size*/) { throw std::bad_alloc(); }
 
-// What a library adds is kept as it came until somebody looks inside.
+// Keeps the description that a library added until the namespace is first opened.
 class ReferenceHost::Namespace final : public HostNamespace {
  public:
   Namespace() = default;
@@ -37,14 +37,14 @@ class ReferenceHost::Namespace final : public HostNamespace {
     children_.insert_or_assign(name, std::make_unique<Namespace>(std::move(info)));
   }
 
-  // Reference hosts have no use for the two numbers.
+  // The two numbers mean nothing to this host.
   void addMethod(std::unique_ptr<HostMethodInfo> method, int /*first*/, int /*second*/) override {
     const char* name = method->getName();
     if (name == nullptr) throw std::invalid_argument("a method without a name cannot be added");
     methods_.insert_or_assign(name, std::move(method));
   }
 
-  // A description that fails leaves nothing behind, and is asked again at the next opening.
+  // A description that throws leaves nothing behind. The next open() calls it again.
   void open() {
     if (!info_) return;
     Namespace populated;
@@ -99,7 +99,7 @@ class ReferenceHost::Impl {
   Namespace root;
 
  private:
-  // From the top down, until \p step finds nothing.
+  // Goes down from the root, one part of the name at a time, until \p step finds nothing.
   template <typename Step>
   Namespace* walk(const std::string& dottedName, Step&& step) {
     Namespace* at = &root;

@@ -6,10 +6,10 @@
 
 namespace kyr {
 
-/// XXH3 with 128 bits, seed 0, with the widest instructions that the processor has.
+/// XXH3 with 128 bits and seed 0, computed with AVX2 if the processor has it.
 XXH128_hash_t digestOfBytes(const void* bytes, std::size_t size);
 
-/// The same for processors with AVX2; others do not know the instructions.
+/// Does the same, but only on processors with AVX2.
 XXH128_hash_t digestWithAvx2(const void* bytes, std::size_t size);
 
 }  // namespace kyr

@@ -1,7 +1,7 @@
 #include "platform/Digest.h"
 
-// Compiled with AVX2 where the compiler knows it; the inlined functions choose their instructions by
-// that.
+// This file is compiled for AVX2. The inlined functions of the library choose their instructions at
+// compile time.
 namespace kyr {
 
 XXH128_hash_t digestWithAvx2(const void* bytes, std::size_t size) {

@@ -19,8 +19,8 @@ constexpr bool isSeparator(char16_t c) {
   return c == u'/' || c == static_cast<char16_t>(std::filesystem::path::preferred_separator);
 }
 
-// The text in ASCII with everything else as \xNN or \uNNNN: an error about bad text must not
-// itself be bad text.
+// The text in ASCII, with everything else as \xNN or \uNNNN. An error about ill-formed text must not
+// contain it.
 template <typename Text>
 std::string printable(const Text& text) {
   std::string out;
@@ -36,7 +36,7 @@ std::string printable(const Text& text) {
   return out;
 }
 
-// std::make_unsigned has no char16_t; it is unsigned already.
+// std::make_unsigned does not take char16_t, which is unsigned already.
 std::string printable(std::u16string_view text) {
   return printable(std::vector<std::uint16_t>(text.begin(), text.end()));
 }

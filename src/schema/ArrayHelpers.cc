@@ -28,7 +28,7 @@ std::shared_ptr<::arrow::Array> copiedArray(const std::vector<char>& values) {
   return array;
 }
 
-// The bytes of booleans, as the boolean builder takes them.
+// Gives the boolean builder the value type that it takes: bytes.
 struct BooleanBytesBuilder : ::arrow::BooleanBuilder {
   using value_type = std::uint8_t;
 };
@@ -64,7 +64,7 @@ char getScalarValue<char>(std::shared_ptr<::arrow::Scalar> scalar) {
 template <>
 char getScalarValueAtIndex<char>(std::shared_ptr<::arrow::Array> array, unsigned long index) {
   if (!array) throw std::invalid_argument("no array to take a value from");
-  // Arrow refuses an index beyond the end, but not a negative one.
+  // Arrow refuses an index beyond the end, but accepts a negative one.
   constexpr auto kMax = static_cast<unsigned long>(std::numeric_limits<std::int64_t>::max());
   PARQUET_ASSIGN_OR_THROW(auto scalar,
                           array->GetScalar(static_cast<std::int64_t>(std::min(index, kMax))));

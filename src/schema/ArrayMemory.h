@@ -13,8 +13,9 @@
 /// The memory behind Arrow arrays: wrapped without copying, and taken out again.
 namespace kyr {
 
+/// A buffer over \p bytes bytes at \p data, which must outlive it.
 inline std::shared_ptr<::arrow::Buffer> borrowBuffer(const void* data, std::size_t bytes) {
-  // Arrow wants an address of no bytes, too; an empty vector has none.
+  // Arrow wants an address for no bytes, too, and an empty vector has none.
   static constexpr std::uint8_t kNothing = 0;
   if (data == nullptr) data = &kNothing;
   return std::make_shared<::arrow::Buffer>(static_cast<const std::uint8_t*>(data),
@@ -24,7 +25,7 @@ inline std::shared_ptr<::arrow::Buffer> borrowBuffer(const void* data, std::size
 /// Bytes of one value of a fixed-width type.
 std::size_t valueWidth(const ::arrow::DataType& type);
 
-/// The first value of an array of a fixed-width type, with its offset.
+/// The first value of an array of a fixed-width type. The array's offset is counted in.
 const std::uint8_t* firstValue(const ::arrow::Array& array);
 
 /// Append \p size bytes, as elements of T.
@@ -41,22 +42,21 @@ void appendBytes(std::vector<T>& out, const void* bytes, std::size_t size) {
   }
 }
 
-/// Values that the rows of a list or binary array span. An array without rows may have no offsets
-/// at all, not even the first.
+/// The number of values that the rows of a list or binary array span. An array without rows may have
+/// no offsets at all.
 template <typename ListLike>
 std::size_t spannedLength(const ListLike& array) {
   if (array.length() == 0) return 0;
   return static_cast<std::size_t>(array.value_offset(array.length()) - array.value_offset(0));
 }
 
-/// The values that the rows of a list array span, without those before and after them.
+/// The values that the rows of a list array span. Its values before and behind them are left out.
 std::shared_ptr<::arrow::Array> spannedValues(const ::arrow::ListArray& list);
 
 namespace arrow {
 
 /// A numeric array over the whole buffer, which it shares; a trailing partial value is ignored.
-/// Types other than 8- to 64-bit integers, float and double give an empty pointer: callers test for
-/// it.
+/// \return empty for other types than the number types; callers test for that
 std::shared_ptr<::arrow::Array> makeArrayZeroCopy(const std::shared_ptr<::arrow::Buffer>& buffer,
                                                   const std::shared_ptr<::arrow::DataType>& type);
 

@@ -11,8 +11,9 @@
 
 namespace kyr::parquet {
 
-/// Bytes that grow at the end. Appending a single number costs a copy of it, where a vector fills
-/// with zeros or calls for each one; growing moves no memory that the system can map elsewhere.
+/// Bytes that grow at the end. It appends a single number at the cost of copying it, where a vector
+/// fills new bytes with zeros first, and it grows with realloc(), which can move large memory without
+/// copying it.
 class ByteBuffer {
  public:
   ByteBuffer() = default;
@@ -38,14 +39,15 @@ class ByteBuffer {
     size_ += count;
   }
 
-  /// Adds bytes that the caller fills in.
+  /// Adds \p count bytes of undefined content. The caller fills them in.
   void extend(std::size_t count) {
     if (count > capacity_ - size_) grow(count);
     size_ += count;
   }
   void truncate(std::size_t size) { size_ = std::min(size_, size); }
 
-  /// \param keep  bytes that memory is kept for, if there is less than twice as much
+  /// Removes the first \p count bytes. Memory of up to twice \p keep bytes is kept, more than that is
+  /// given back.
   void dropFront(std::size_t count, std::size_t keep) {
     const std::size_t rest = size_ - count;
     if (capacity_ / 2 > keep) {

@@ -15,7 +15,7 @@ namespace kyr::parquet {
 /// The schema of a part of times.
 const SampleSchema& timeSchema();
 
-/// The rows of several tables of a signal part, one after the other, as a host takes them.
+/// The rows of several tables of a signal part, one after the other, in the form that hosts take.
 struct PartRows {
   PartRows() = default;
   explicit PartRows(const std::vector<std::shared_ptr<::arrow::Table>>& tables) { append(tables); }
@@ -25,7 +25,7 @@ struct PartRows {
 
   std::vector<char> bytes;
   std::optional<std::vector<std::vector<std::uint64_t>>> dimensions;  ///< if they are stored
-  std::vector<int> sizes;  ///< of each row, but for flat columns
+  std::vector<int> sizes;  ///< of each row; empty for flat columns
 };
 
 }  // namespace kyr::parquet

@@ -18,7 +18,7 @@ namespace kyr::parquet {
 
 namespace {
 
-// Rows and the elements in them, of samples that all have one shape or each their own.
+// Counts rows and elements of samples that have one shape in common or one each.
 void measureShapes(const std::vector<std::vector<std::uint64_t>>& dimensions, SampleChunk& chunk) {
   if (dimensions.size() == 1) {
     const std::size_t perRow = shapeElements(dimensions.front());
@@ -44,7 +44,7 @@ void measureSizes(const std::vector<int>& sizes, SampleChunk& chunk) {
   }
 }
 
-// The ends of a run of rows as Arrow's 32-bit offsets, starting at 0.
+// The ends of a run of rows as Arrow's 32-bit offsets, which start at 0.
 std::shared_ptr<::arrow::Buffer> offsetsOf(const std::uint64_t* ends, std::uint64_t begin,
                                            std::size_t count) {
   if (count > 0 && ends[count - 1] - begin > std::numeric_limits<std::int32_t>::max()) {
@@ -61,8 +61,9 @@ std::shared_ptr<::arrow::Buffer> offsetsOf(const std::uint64_t* ends, std::uint6
   return ::arrow::Buffer::FromVector(std::move(offsets));
 }
 
-// Drops the first values, which were \p batches batches. Memory for one more batch is kept, so that
-// it need not grow anew; what is more than twice that is given back, and without batches all is.
+// Removes the first values, which were \p batches batches. Memory for one more batch is kept, so that
+// it need not grow again; memory of more than twice that is given back. Without batches, all memory
+// that is not needed is given back.
 template <typename T>
 void dropValues(std::vector<T>& values, std::size_t count, std::size_t batches) {
   const auto rest = values.begin() + static_cast<std::ptrdiff_t>(count);
@@ -77,7 +78,8 @@ void dropValues(std::vector<T>& values, std::size_t count, std::size_t batches) 
   values = std::move(fresh);
 }
 
-// Drops the ends of the first rows and counts the others from there; returns where they ended.
+// Removes the ends of the first rows and counts the other ends from there. Returns the last end that
+// was removed.
 std::uint64_t dropEnds(std::vector<std::uint64_t>& ends, std::size_t rows, std::size_t batches) {
   const std::uint64_t base = ends[rows - 1];
   dropValues(ends, rows, batches);
@@ -359,7 +361,7 @@ RowSlice subSlice(const RowSlice& rows, std::size_t from, std::size_t count) {
 
 std::size_t commonRows(const RowSlice& a, const RowSlice& b) {
   if (areEqual(a, b)) return a.rows;
-  // The first difference lies in [equal, equal + span).
+  // The first row that differs is one of [equal, equal + span).
   std::size_t equal = 0;
   for (std::size_t span = a.rows; span > 1;) {
     const std::size_t half = span / 2;
@@ -374,7 +376,7 @@ std::size_t commonRows(const RowSlice& a, const RowSlice& b) {
 }
 
 XXH128_hash_t digestOf(const RowSlice& rows) {
-  // Flat rows are their bytes. Others are told apart by where they end as well.
+  // The ends of the rows count as well, except for flat rows.
   XXH128_hash_t digest = digestOfBytes(rows.elements, rows.bytes);
   const auto mix = [&](const std::uint64_t* values, std::size_t count, std::uint64_t base) {
     std::vector<std::uint64_t> text{digest.low64, digest.high64, count};

@@ -12,17 +12,16 @@
 
 namespace kyr::parquet {
 
-/// One appended chunk as it came, checked against a schema.
+/// One appended chunk of samples that was checked against a schema. Borrows the caller's memory.
 struct SampleChunk {
   const char* data = nullptr;
-  std::size_t elements = 0;  ///< whole elements of the data type
-  std::size_t bytes = 0;     ///< bytes of the rows, without what follows them
+  std::size_t elements = 0;  ///< whole elements of the data type that make rows
   std::size_t rows = 0;
   const std::vector<std::vector<std::uint64_t>>* dimensions = nullptr;
   const std::vector<int>* sizes = nullptr;
 };
 
-/// Check raw samples against \p schema, without keeping them.
+/// Checks raw samples against \p schema and counts their rows.
 /// \param width  bytes of an element
 /// \throws std::invalid_argument if they do not make rows of the schema
 SampleChunk measureChunk(const SampleSchema& schema, const void* data, std::size_t size,
@@ -30,29 +29,31 @@ SampleChunk measureChunk(const SampleSchema& schema, const void* data, std::size
                          const std::vector<std::vector<std::uint64_t>>& dimensions,
                          const std::vector<int>& sizes);
 
-/// As measureChunk(), but samples without elements are rows also where there are no others, and
-/// bytes beyond the last sample are refused.
+/// Does what measureChunk() does, but counts samples without elements as rows even if there are no
+/// others, and refuses bytes behind the last sample.
 SampleChunk measureExactly(const SampleSchema& schema, const void* data, std::size_t size,
                            std::size_t width,
                            const std::vector<std::vector<std::uint64_t>>& dimensions,
                            const std::vector<int>& sizes);
 
-/// A run of rows in somebody's memory.
+/// A run of rows in memory that others own.
 struct RowSlice {
   std::size_t rows = 0;
   const char* elements = nullptr;
-  std::size_t bytes = 0;
-  // Where rows end, as counted by their owner, and where the first one begins; null for flat
-  // columns and for schemas without dimensions.
+  std::size_t bytes = 0;  ///< of the elements
+  /// The end of the elements of each row, counted as the owner of the memory counts elements; null
+  /// for flat columns. The first row begins at `begin`.
   const std::uint64_t* ends = nullptr;
   std::uint64_t begin = 0;
-  const std::uint64_t* extents = nullptr;  ///< of the first row on
+  /// The extents of all rows, beginning with the first one, and their ends; null for schemas without
+  /// dimensions.
+  const std::uint64_t* extents = nullptr;
   const std::uint64_t* extentEnds = nullptr;
   std::uint64_t extentBegin = 0;
 };
 
-/// Where rows end, counted from the first one: their elements (list and blob columns) and their
-/// extents (dimension column).
+/// The ends of rows, counted from the first one: of their elements (list and blob columns) and of
+/// their extents (dimension column).
 struct RowShapes {
   std::vector<std::uint64_t> rowEnds;
   std::vector<std::uint64_t> extents;
@@ -61,13 +62,13 @@ struct RowShapes {
   void append(const SampleSchema& schema, const SampleChunk& chunk);
 };
 
-/// The rows of a chunk, where they lie.
+/// The rows of a chunk in the caller's memory.
 /// \param width  bytes of an element
-/// \param shapes  keeps where they end
+/// \param shapes  receives the ends of the rows; must outlive the slice
 RowSlice sliceOf(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width,
                  RowShapes& shapes);
 
-/// A table over the rows' memory, which must stay as it is while the table is in use.
+/// A table over the memory of the rows, which must stay unchanged while the table is in use.
 std::shared_ptr<::arrow::Table> tableOf(const SampleSchema& schema, const RowSlice& rows);
 
 /// Bytes that a RowStore of the rows takes.
@@ -76,16 +77,17 @@ std::size_t bytesIn(const RowSlice& rows);
 /// Rows [from, from + count) of a run.
 RowSlice subSlice(const RowSlice& rows, std::size_t from, std::size_t count);
 
-/// How many rows at the beginning of two runs of the same length are equal.
+/// The number of equal rows at the beginning of two runs of the same length.
 std::size_t commonRows(const RowSlice& a, const RowSlice& b);
 
-/// Whether two runs of rows of one schema are equal, bit for bit and with all shapes.
+/// Whether two runs of rows of one schema are equal bit for bit, shapes included.
 bool areEqual(const RowSlice& a, const RowSlice& b);
 
-/// Of the rows, 128 bits; the same however they were divided into chunks.
+/// A 128-bit digest of the rows and their shapes. It does not depend on how the rows were divided
+/// into chunks.
 XXH128_hash_t digestOf(const RowSlice& rows);
 
-/// Rows in the plain memory of their columns, so that a row costs an append to a few vectors.
+/// Rows in memory, column by column: appending a row costs an append to a few vectors.
 class RowStore {
  public:
   /// \param width  bytes of an element of the data type
@@ -99,24 +101,24 @@ class RowStore {
   /// \param table  of the same schema
   void append(const ::arrow::Table& table);
 
-  /// Bytes of the elements alone.
+  /// Bytes of the elements, without the shapes.
   std::size_t elementBytes() const { return elements_.size(); }
-  /// Adds rows of a flat column, whose values the caller fills in.
+  /// Adds rows of a flat column with undefined values. The caller fills them in.
   void grow(std::size_t rows);
-  /// Of a flat column.
+  /// The values of a flat column.
   char* values() { return elements_.data(); }
 
   RowSlice slice(std::size_t from, std::size_t count) const;
   RowSlice slice(std::size_t from = 0) const { return slice(from, rows_ - from); }
 
-  /// As tableOf().
+  /// A table over some rows; see tableOf().
   std::shared_ptr<::arrow::Table> table(std::size_t from, std::size_t count) const {
     return tableOf(schema_, slice(from, count));
   }
 
-  /// Drops the first rows and keeps memory for one more of the \p batches batches that they were.
+  /// Removes the first \p rows rows, which were \p batches batches, and keeps memory for one more batch.
   void dropFront(std::size_t rows, std::size_t batches);
-  /// Drops what is behind the first rows.
+  /// Removes all but the first \p rows rows.
   void truncate(std::size_t rows);
 
  private:
@@ -127,8 +129,8 @@ class RowStore {
   RowShapes shapes_;
 };
 
-/// Rows in memory that somebody keeps there: whoever it is that owns the object that they are of, or
-/// \p keeper.
+/// Rows in memory. Valid while `keeper` lives; without one, until the object that returned them
+/// changes.
 struct HeldRows {
   RowSlice rows;
   std::shared_ptr<const RowStore> keeper;

@@ -21,7 +21,7 @@ bool isBlob(const ::arrow::DataType& type) {
 ColumnKind kindOf(const ::arrow::DataType& type) {
   if (isBlob(type)) return ColumnKind::blob;
   if (type.id() != ::arrow::Type::LIST) return ColumnKind::flat;
-  // Lists of blobs or of lists would need offsets of their own, which no raw buffer brings.
+  // Lists of blobs or of lists would need more offsets, which no raw buffer has.
   const auto& items = *static_cast<const ::arrow::ListType&>(type).value_type();
   return isBlob(items) || items.id() == ::arrow::Type::LIST ? ColumnKind::unsupported
                                                             : ColumnKind::list;
@@ -34,7 +34,7 @@ std::shared_ptr<::arrow::DataType> leafType(std::shared_ptr<::arrow::DataType> t
   return type;
 }
 
-// 32-bit offsets, as Arrow's lists and binary columns have them.
+// Appends the end of a row of \p length elements to 32-bit offsets, as Arrow's lists have them.
 void push(std::vector<std::int32_t>& offsets, std::size_t length) {
   constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
   if (length > static_cast<std::size_t>(kMax - offsets.back())) {

@@ -7,14 +7,14 @@
 #include <memory>
 #include <vector>
 
-/// How a run of raw samples divides into rows, and the columns that come of it. One code for chunks
-/// that are formatted one by one and for rows that are gathered first.
+/// How raw samples divide into rows, and how rows become columns. Chunks that are formatted one by one
+/// and rows that are gathered first share this code.
 namespace kyr::parquet {
 
-/// What the data column of a schema is made of.
+/// The form of a data column: numbers, lists of numbers, or bytes.
 enum class ColumnKind { flat, list, blob, unsupported };
 
-/// What a schema of schemaBuilder, without a time column, asks for.
+/// A schema of schemaBuilder without a time column, taken apart.
 struct SampleSchema {
   std::shared_ptr<::arrow::Schema> schema;
   int dataIndex = -1;       ///< column "data"; -1 if there is none
@@ -30,16 +30,18 @@ struct SampleSchema {
 /// Bytes of an element; 1 for blobs, whose elements are their bytes.
 std::size_t elementBytes(const SampleSchema& schema);
 
-/// Product of the extents; 1 for none, the largest number if it is larger still.
+/// The product of the extents: 1 without extents, and the largest number if the product is larger.
 std::size_t shapeElements(const std::vector<std::uint64_t>& extents);
 
-/// Row boundaries of \p count elements with the given dimensions: empty for no dimensions (flat).
-/// \throws std::invalid_argument for more elements than 32-bit offsets can tell, or a negative size
+/// The offsets of the rows of \p count elements with the given dimensions; empty without dimensions.
+/// \throws std::invalid_argument for more elements than 32-bit offsets can count
 std::vector<std::int32_t> rowOffsets(std::size_t count,
                                      const std::vector<std::vector<std::uint64_t>>& dimensions);
+/// The offsets of rows of the given sizes.
+/// \throws std::invalid_argument also for a negative size
 std::vector<std::int32_t> rowOffsets(const std::vector<int>& sizes);
 
-/// \throws std::invalid_argument if the offsets do not ascend from 0 or more to \p limit at most
+/// \throws std::invalid_argument if the offsets descend, or lie outside of 0 to \p limit
 void checkRowOffsets(const std::vector<std::int32_t>& offsets, std::size_t limit);
 
 /// The memory of the columns of a run of rows.
@@ -52,7 +54,7 @@ struct SampleBuffers {
   std::shared_ptr<::arrow::Buffer> dimensionValues;   ///< uint64
 };
 
-/// A table over the buffers, which it shares; empty when the schema's data column cannot be made of
+/// A table over the buffers, which it shares. Empty if the schema's data column cannot be made of
 /// them.
 /// \throws std::invalid_argument if the columns differ in length or from the schema
 std::shared_ptr<::arrow::Table> assembleTable(const SampleSchema& schema,

@@ -26,7 +26,7 @@ namespace {
 using FieldPtr = std::shared_ptr<::arrow::Field>;
 using SchemaPtr = std::shared_ptr<::arrow::Schema>;
 
-// Defined here, after the names they use, so that they are initialised after them.
+// Defined behind the names that they use, so that they are initialised after them.
 const FieldPtr timeField = ::arrow::field(columnNames::time, ::arrow::float64());
 const FieldPtr dimensionField =
     ::arrow::field(columnNames::dimension, createNestedListType(1, ::arrow::uint64()));
@@ -36,14 +36,14 @@ FieldPtr typedField(const std::string& name, KYRSignalDataType type) {
   return arrowType ? ::arrow::field(name, std::move(arrowType)) : nullptr;
 }
 
-// A list of T, or one blob per row for Binary.
+// A list of T or, for Binary, one blob per row.
 FieldPtr dimensionedField(const std::string& name, KYRSignalDataType type) {
   const auto item = typedField(innerItemName, type);
   if (type == Binary || !item) return typedField(name, type);
   return ::arrow::field(name, ::arrow::list(item));
 }
 
-// Arrow dereferences every field of a schema, so a schema with an empty one cannot be made.
+// Empty without a data field, because Arrow dereferences every field of a schema.
 SchemaPtr makeSchema(bool omitTime, FieldPtr dataField, bool withDimension) {
   if (!dataField) return nullptr;
   std::vector<FieldPtr> fields;

@@ -23,8 +23,8 @@ std::vector<int> ChunkIndex::ids() const {
 void ChunkIndex::addFound(const std::vector<int>& ids) {
   for (const int id : ids) counts_.emplace(id, 0);
   // The counter goes to the largest id itself, not past it: the next allocation returns that id
-  // again and its write meets the existing file. Hosts reopen directories counting on these ids;
-  // pinned by SerializerWorker.ReopenedDirectoryContinuesAtItsLargestId.
+  // again, and its write goes to the existing file. Hosts that reopen directories rely on these ids.
+  // Pinned by SerializerWorker.ReopenedDirectoryContinuesAtItsLargestId.
   if (!counts_.empty()) nextId_ = std::max(nextId_, largestId());
 }
 
@@ -48,7 +48,7 @@ bool ChunkIndex::release(int id) { return counts_.at(id)-- <= 1; }
 void ChunkIndex::erase(int id) {
   counts_.erase(id);
   if (nextId_ == id) nextId_ = largestId();
-  // An id without content of its own counts as one with hash 0.
+  // An id without registered content counts as one with hash 0.
   idOfHash_.erase(hashOfId_[id]);
   hashOfId_.erase(id);
 }

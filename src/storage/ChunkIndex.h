@@ -8,11 +8,11 @@
 
 namespace kyr::parquet {
 
-/// What the id queries answer when no id is known.
+/// The answer of the id queries if no id is known.
 constexpr int kNoKnownId = std::numeric_limits<int>::min();
 
 /// The storage ids of one directory: their reference counts and the content that each holds.
-/// Pure bookkeeping; touches no file.
+/// It keeps books only and touches no file.
 class ChunkIndex {
  public:
   bool empty() const noexcept { return counts_.empty(); }
@@ -20,22 +20,23 @@ class ChunkIndex {
   int largestId() const;
   std::vector<int> ids() const;
 
-  /// Add ids found on disk, without a reference; then let the counter rise to the largest id.
+  /// Adds ids that were found on disk, without a reference, and raises the counter to the largest id.
   void addFound(const std::vector<int>& ids);
 
-  /// The counter's id, with one reference; an id already known keeps its count.
+  /// Allocates the counter's id with one reference. An id that is known already keeps its count.
   int allocate();
 
+  /// Adds a reference.
   /// \throws std::out_of_range naming an unknown id
   void checkout(int id);
 
-  /// Subtract a reference of a known id. Returns whether it was the last one (or there was none).
+  /// Subtracts a reference of a known id. Returns whether none is left.
   bool release(int id);
 
-  /// Forget the id and its content. A counter that stands on it falls to the largest id left.
+  /// Forgets the id and its content. If the counter has that id, it falls to the largest id left.
   void erase(int id);
 
-  /// The id that holds content of this hash, with one reference more; empty when none does.
+  /// Adds a reference to the id with content of this hash and returns it; empty if there is none.
   std::optional<int> checkoutContent(std::uint64_t hash);
   void registerContent(std::uint64_t hash, int id);
 

@@ -11,13 +11,13 @@ namespace kyr::parquet {
 
 constexpr std::uint64_t kHashIncrement = 0x9e3779b9;
 
-/// One mixing step of the content hash; all arithmetic modulo 2^64.
+/// One step of the content hash, modulo 2^64: that of boost::hash_combine with 64 bits.
 constexpr std::uint64_t mixHash(std::uint64_t hash, std::uint64_t element) {
   return hash ^ ((hash >> 2) + (hash << 6) + kHashIncrement + element);
 }
 
-/// An element as the hash sees it: the bit pattern of a floating-point number with both zeros as 0,
-/// an integer extended to 64 bits by its own signedness (char as a signed type).
+/// What an element contributes to the hash. A floating-point number contributes its bit pattern, and
+/// both zeros contribute 0. An integer is extended to 64 bits by its own signedness; char is signed.
 template <typename T>
 std::uint64_t hashElement(T value) {
   if constexpr (std::is_floating_point_v<T>) {
@@ -34,9 +34,9 @@ std::uint64_t hashElement(T value) {
   }
 }
 
-/// Hash of \p count elements of type T at \p values (any alignment), then of the values of the
-/// dimension vectors in order, as 32-bit numbers. Stable within one process only: it starts from
-/// std::type_info::hash_code.
+/// Hash of \p count elements of type T at \p values, which need not be aligned, and after them of the
+/// values of the dimension vectors in order, as 32-bit numbers. It starts from
+/// std::type_info::hash_code, so it is stable within one process only.
 template <typename T>
 std::uint64_t contentHash(const void* values, std::size_t count,
                           const std::vector<std::vector<std::size_t>>& dimensions) {

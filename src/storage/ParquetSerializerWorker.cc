@@ -51,8 +51,8 @@ class ParquetSerializerWorker::Impl {
   void writeFile(const ::arrow::Table& table, int id, const Compression& compression) {
     const auto span = getScopedPerfTracer("ParquetSerializerWorker_writeHelper");
     const std::string path = filePath(id).toNarrow();
-    // Appending is on so that no existing file is ever truncated. Parquet cannot append: over a
-    // file that holds bytes the write fails, in silence, and the bytes stay. Pinned by
+    // Appending is on, so that no existing file is ever truncated. Parquet cannot append: if the file
+    // holds bytes, the write fails in silence and the bytes stay. Pinned by
     // SerializerWorker.WriteUnderAnIdWhoseFileExistsIsLostInSilence.
     const auto stream = ::arrow::io::FileOutputStream::Open(path, /*append=*/true).ValueOrDie();
     const auto format = formats.of(table.schema(), compression);
@@ -60,7 +60,7 @@ class ParquetSerializerWorker::Impl {
     startPerfTracer("WriteTableToFile");
     if (status.ok()) status = writeTable(table, format, stream);
     stopPerfTracer("WriteTableToFile");
-    // A failure is only noted, for whoever asks; the write itself never reports one.
+    // A failure is only noted, for writeStatus(): the write itself never reports one.
     status &= stream->Close();
     if (status.ok()) {
       failedWrites.erase(id);
@@ -89,8 +89,8 @@ class ParquetSerializerWorker::Impl {
     return reader->ReadTable(&table);
   }
 
-  // Replaces \p values by those of a file with nothing but a flat column of \p type. Returns whether
-  // it is such a file; all others, and all errors, are for readStored().
+  // Replaces \p values by those of a file whose only column is a flat one of \p type. Returns false
+  // for all other files and after an error; readStored() then reads the file or tells the error.
   template <typename T>
   bool readFlat(int id, const ::arrow::DataType& type, std::vector<T>& values) const {
     const std::filesystem::path path = filePath(id).toFilesystem();
@@ -122,6 +122,36 @@ class ParquetSerializerWorker::Impl {
     return StoredTable(path, std::move(table), withTime);
   }
 
+  int writeBlobs(const std::shared_ptr<::arrow::Schema>& schema, const std::vector<double>* time,
+                 const std::vector<char>& data, const std::vector<int>& offsets,
+                 const Dimensions& dimensions, const Compression& compression) {
+    typedColumns::checkSchema(schema);
+    typedColumns::checkBlobOffsets(offsets, data.size());
+    const int id = index.allocate();
+    writeColumns(id, schema, time, typedColumns::wrapBinary(data, offsets), dimensions,
+                 compression);
+    return id;
+  }
+
+  // V is the element type of the column, or char for the bytes of the elements.
+  template <typename V>
+  void readTyped(int id, const std::shared_ptr<::arrow::DataType>& type, std::vector<double>* time,
+                 std::vector<V>& values, std::vector<int>& offsets, Dimensions& dimensions) const {
+    if (!time && readFlat(id, *type, values)) return offsets.clear();
+    const StoredTable stored = readStored(id, /*withTime=*/time != nullptr);
+    if (time) stored.readTime(*time);
+    stored.readValues(type, values, offsets);
+    stored.readDimensions(dimensions);
+  }
+
+  void readBlobs(int id, std::vector<double>* time, std::vector<char>& data,
+                 std::vector<int>& offsets, Dimensions& dimensions) const {
+    const StoredTable stored = readStored(id, /*withTime=*/time != nullptr);
+    if (time) stored.readTime(*time);
+    if (stored.hasData()) stored.readBlobs(data, offsets);
+    stored.readDimensions(dimensions);
+  }
+
   template <typename T>
   int storageIdForContent(const T* values, std::size_t count, const Dimensions& dimensions,
                           bool& isDuplicate) {
@@ -137,7 +167,7 @@ class ParquetSerializerWorker::Impl {
     return id;
   }
 
-  // Assembles the columns of a signal part and writes them to the file of \p id.
+  // Makes a table of the columns of a signal part and writes it to the file of \p id.
   void writeColumns(int id, const std::shared_ptr<::arrow::Schema>& schema,
                     const std::vector<double>* time, typedColumns::ArrayPtr data,
                     const Dimensions& dimensions, const Compression& compression) {
@@ -161,22 +191,7 @@ class ParquetSerializerWorker::Impl {
 
 namespace {
 
-void checkSchema(const std::shared_ptr<::arrow::Schema>& schema) {
-  if (!schema) {
-    throw std::invalid_argument(
-        "no schema for the samples: the signal's category or data type is unknown");
-  }
-}
-
-void checkBlobOffsets(const std::vector<int>& offsets, std::size_t size) {
-  if (offsets.empty()) {
-    throw std::invalid_argument(
-        "no offsets for binary samples: give their lengths or their dimensions");
-  }
-  checkRowOffsets(offsets, size);
-}
-
-// The "data" column of typed samples: flat without offsets, else one list per row.
+// The "data" column of typed samples: flat without offsets, otherwise one list per row.
 template <typename T>
 typedColumns::ArrayPtr typedDataColumn(const T* values, std::size_t count,
                                        const std::vector<int>& offsets) {
@@ -222,7 +237,7 @@ void ParquetSerializerWorker::updateChunkIndex() {
     try {
       found.push_back(std::stoi(it.entry().fileName().toNarrow(), nullptr, 10));
     } catch (const std::bad_cast&) {
-      continue;  // a name that cannot be narrowed; one that is no number is the caller's to know
+      continue;  // the name cannot be narrowed; a name that is no number throws
     }
   }
   impl_->index.addFound(found);
@@ -256,7 +271,7 @@ void ParquetSerializerWorker::writeHelper(const ::arrow::Table& table, int id,
 }
 
 void ParquetSerializerWorker::read(const int& id, std::shared_ptr<::arrow::Table>& table) const {
-  // The status is not looked at here: the caller gets whatever the reader left.
+  // The status is ignored here: the caller gets whatever the reader left.
   static_cast<void>(impl_->readFile(impl_->existingFile(id), table));
 }
 
@@ -296,7 +311,7 @@ int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Sch
                                               const std::vector<int>& offsets,
                                               const Dimensions& dimensions,
                                               const Compression& compression) {
-  checkSchema(schema);
+  typedColumns::checkSchema(schema);
   checkRowOffsets(offsets, count);
   bool isDuplicate = false;
   const int id = impl_->storageIdForContent(values, count, dimensions, isDuplicate);
@@ -324,7 +339,7 @@ int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Sch
                                               std::size_t count, const std::vector<int>& offsets,
                                               const Dimensions& dimensions,
                                               const Compression& compression) {
-  checkSchema(schema);
+  typedColumns::checkSchema(schema);
   checkRowOffsets(offsets, count);
   const int id = getNextParquetStorageId();
   assertHasParquetDirectory();
@@ -338,12 +353,7 @@ int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Sch
                                               const std::vector<int>& offsets,
                                               const Dimensions& dimensions,
                                               const Compression& compression) {
-  checkSchema(schema);
-  checkBlobOffsets(offsets, data.size());
-  const int id = getNextParquetStorageId();
-  impl_->writeColumns(id, schema, nullptr, typedColumns::wrapBinary(data, offsets), dimensions,
-                      compression);
-  return id;
+  return impl_->writeBlobs(schema, nullptr, data, offsets, dimensions, compression);
 }
 
 int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Schema>& schema,
@@ -352,130 +362,46 @@ int ParquetSerializerWorker::writeBinaryArray(const std::shared_ptr<::arrow::Sch
                                               const std::vector<int>& offsets,
                                               const Dimensions& dimensions,
                                               const Compression& compression) {
-  checkSchema(schema);
-  checkBlobOffsets(offsets, data.size());
-  const int id = getNextParquetStorageId();
-  impl_->writeColumns(id, schema, &time, typedColumns::wrapBinary(data, offsets), dimensions,
-                      compression);
-  return id;
+  return impl_->writeBlobs(schema, &time, data, offsets, dimensions, compression);
 }
 
 template <typename T>
 void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<T>& values,
                                               std::vector<int>& offsets,
                                               Dimensions& dimensions) const {
-  const auto type = arrowTypeOf<T>();
-  if (impl_->readFlat(id, *type, values)) return offsets.clear();
-  const StoredTable stored = impl_->readStored(id, /*withTime=*/false);
-  stored.readValues(type, values, offsets);
-  stored.readDimensions(dimensions);
+  impl_->readTyped(id, arrowTypeOf<T>(), nullptr, values, offsets, dimensions);
 }
 
 template <typename T>
 void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<double>& time,
                                               std::vector<T>& values, std::vector<int>& offsets,
                                               Dimensions& dimensions) const {
-  const StoredTable stored = impl_->readStored(id, /*withTime=*/true);
-  stored.readTime(time);
-  stored.readValues(arrowTypeOf<T>(), values, offsets);
-  stored.readDimensions(dimensions);
+  impl_->readTyped(id, arrowTypeOf<T>(), &time, values, offsets, dimensions);
 }
 
 template <typename T>
 void ParquetSerializerWorker::readBytes(const int& id, std::vector<char>& bytes,
                                         std::vector<int>& offsets, Dimensions& dimensions) const {
-  const auto type = arrowTypeOf<T>();
-  if (impl_->readFlat(id, *type, bytes)) return offsets.clear();
-  const StoredTable stored = impl_->readStored(id, /*withTime=*/false);
-  stored.readValues(type, bytes, offsets);
-  stored.readDimensions(dimensions);
+  impl_->readTyped(id, arrowTypeOf<T>(), nullptr, bytes, offsets, dimensions);
 }
 
 template <typename T>
 void ParquetSerializerWorker::readBytes(const int& id, std::vector<double>& time,
                                         std::vector<char>& bytes, std::vector<int>& offsets,
                                         Dimensions& dimensions) const {
-  const StoredTable stored = impl_->readStored(id, /*withTime=*/true);
-  stored.readTime(time);
-  stored.readValues(arrowTypeOf<T>(), bytes, offsets);
-  stored.readDimensions(dimensions);
+  impl_->readTyped(id, arrowTypeOf<T>(), &time, bytes, offsets, dimensions);
 }
 
 void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<char>& data,
                                               std::vector<int>& offsets,
                                               Dimensions& dimensions) const {
-  const StoredTable stored = impl_->readStored(id, /*withTime=*/false);
-  if (stored.hasData()) stored.readBlobs(data, offsets);
-  stored.readDimensions(dimensions);
+  impl_->readBlobs(id, nullptr, data, offsets, dimensions);
 }
 
 void ParquetSerializerWorker::readBinaryArray(const int& id, std::vector<double>& time,
                                               std::vector<char>& data, std::vector<int>& offsets,
                                               Dimensions& dimensions) const {
-  const StoredTable stored = impl_->readStored(id, /*withTime=*/true);
-  stored.readTime(time);
-  if (stored.hasData()) stored.readBlobs(data, offsets);
-  stored.readDimensions(dimensions);
-}
-
-ParquetSerializerWorker::FieldAndArray ParquetSerializerWorker::binaryArrayBuildHelper(
-    const std::string& name, const std::vector<char>& data, const std::vector<int>& offsets) {
-  checkBlobOffsets(offsets, data.size());
-  auto array =
-      std::make_shared<::arrow::BinaryArray>(static_cast<std::int64_t>(offsets.size()) - 1,
-                                             ::arrow::Buffer::FromVector(std::vector<int>(offsets)),
-                                             ::arrow::Buffer::FromVector(std::vector<char>(data)));
-  return {::arrow::field(name, ::arrow::binary()), std::move(array)};
-}
-
-std::pair<std::vector<std::size_t>, std::vector<int>>
-ParquetSerializerWorker::buildDimensionArrayDataAndOffset(const Dimensions& dimensions) {
-  std::vector<std::size_t> values;
-  std::vector<int> offsets{0};
-  offsets.reserve(dimensions.size() + 1);
-  for (const auto& dimension : dimensions) {
-    values.insert(values.end(), dimension.begin(), dimension.end());
-    offsets.push_back(static_cast<int>(values.size()));
-  }
-  return {std::move(values), std::move(offsets)};
-}
-
-ParquetSerializerWorker::Dimensions ParquetSerializerWorker::reconstructDimensionArray(
-    const std::vector<std::size_t>& values, const std::vector<int>& offsets) {
-  Dimensions dimensions;
-  if (offsets.size() <= 1) return dimensions;
-  dimensions.reserve(offsets.size() - 1);
-  for (std::size_t i = 0; i + 1 < offsets.size(); ++i) {
-    dimensions.emplace_back(values.begin() + offsets[i], values.begin() + offsets[i + 1]);
-  }
-  return dimensions;
-}
-
-ParquetSerializerWorker::FieldAndArray ParquetSerializerWorker::listArrayBuildHelper(
-    const std::string& name, std::shared_ptr<::arrow::Array>& offsets,
-    std::shared_ptr<::arrow::Array>& values) {
-  auto list = ::arrow::ListArray::FromArrays(*offsets, *values, ::arrow::default_memory_pool())
-                  .ValueOrDie();
-  return {::arrow::field(name, list->type()), std::move(list)};
-}
-
-std::shared_ptr<::arrow::Table> ParquetSerializerWorker::tableBuildHelper(
-    const std::shared_ptr<::arrow::Schema>& schema,
-    const std::vector<std::shared_ptr<::arrow::Array>>& arrays) {
-  checkSchema(schema);
-  return ::arrow::Table::Make(schema, arrays);
-}
-
-void ParquetSerializerWorker::extractDataFromBinaryArray(
-    const std::shared_ptr<::arrow::ChunkedArray>& column,
-    const std::shared_ptr<::arrow::Field>& field, std::vector<char>& data,
-    std::vector<int>& offsets) {
-  if (!column || column->type()->id() != ::arrow::Type::BINARY) {
-    throw std::invalid_argument(fmt::format("column \"{}\" is {}, expected binary",
-                                            field ? field->name() : "",
-                                            column ? column->type()->ToString() : "missing"));
-  }
-  typedColumns::appendBlobs(*column, data, offsets);
+  impl_->readBlobs(id, &time, data, offsets, dimensions);
 }
 
 #define KYR_INSTANTIATE(T, A, S)                                                                  \

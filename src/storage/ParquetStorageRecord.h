@@ -5,14 +5,14 @@
 namespace kyr::parquet {
 
 /// The storage id that stands for "no storage" in a signal's record; 0 is a valid id. Stored in
-/// recordings: never change.
+/// recordings: never change it.
 constexpr int kNoStorage = -554114;
 
 /// Which file of a signal is meant.
 enum class SignalPart : char { time = 0, data = 1 };
 
-/// The storage ids of one signal and the object that owns their files (a worker or a writer), which
-/// stays alive as long as any record refers to it.
+/// The storage ids of one signal, and the object that owns their files: a worker or a writer. It lives
+/// as long as any record refers to it.
 template <typename Owner>
 struct ParquetStorageRecord {
   bool hasStorage = false;
@@ -20,7 +20,7 @@ struct ParquetStorageRecord {
   int dataStorageId = kNoStorage;
   std::shared_ptr<Owner> worker;
 
-  /// The id of \p part, or null for a value that names no part.
+  /// The id of \p part; null for a value that names no part.
   const int* idOf(SignalPart part) const noexcept {
     switch (part) {
       case SignalPart::time:

@@ -55,7 +55,7 @@ void ParquetUtils::writeTableToParquet(std::shared_ptr<::arrow::Table> table,
 
 std::shared_ptr<::arrow::Table> ParquetUtils::readTableFromParquet(const std::string& name) {
   const ParquetSerializerWorker& worker = impl_->storage();
-  // A name that is not there is entered, with id 0.
+  // An unknown name is entered with id 0.
   return worker.read(impl_->nameToStorageId[name]);
 }
 

@@ -10,13 +10,13 @@
 
 namespace kyr::parquet {
 
-/// Spares content hashes of a vector that is handed in again and again, as the time vector of many
-/// signals is. A vector is taken to be such a one by its address; that it holds what it held is told
-/// by 128 bits of XXH3, which are several times faster than the content hash.
+/// Remembers the content hash of a vector that comes again and again, like the time vector of many
+/// signals. A vector is recognised by its address. A digest of 128 bits (XXH3), which is several times
+/// as fast as the content hash, tells whether it still holds the same bytes.
 class RepeatedHash {
  public:
-  /// \param compute  the content hash of the \p bytes bytes at \p data, which is always the same
-  ///                 function of them for one \p kind
+  /// The content hash of the \p bytes bytes at \p data.
+  /// \param compute  computes it; must be the same function of the bytes for equal \p kind
   template <typename Compute>
   std::uint64_t of(const void* data, std::size_t bytes, std::size_t kind, Compute&& compute) {
     const Vector vector{data, bytes, kind};
@@ -44,7 +44,7 @@ class RepeatedHash {
     bool operator!=(const Vector& other) const { return !(*this == other); }
   };
 
-  std::array<Vector, 2> recent_;  // a time vector and the data of one signal
+  std::array<Vector, 2> recent_;  // two, because signals bring a time vector and data in turns
   Vector repeated_;
   XXH128_hash_t digest_{};
   std::uint64_t hash_ = 0;

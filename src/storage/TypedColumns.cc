@@ -19,8 +19,8 @@ namespace kyr::parquet::typedColumns {
 
 namespace {
 
-// The offsets of a list or binary array, moved to continue at \p base; a first chunk starts the
-// list with \p base itself.
+// Appends the offsets of a list or binary array, counted from \p base. The first chunk also appends
+// \p base itself.
 template <typename ListLike>
 void appendOffsets(const ListLike& array, std::size_t base, std::vector<int>& offsets) {
   if (offsets.empty()) offsets.push_back(static_cast<int>(base));
@@ -30,7 +30,7 @@ void appendOffsets(const ListLike& array, std::size_t base, std::vector<int>& of
   }
 }
 
-// Offsets are 32-bit: a column whose rows hold more than that altogether cannot be told apart.
+// Whether 32-bit offsets can count the values of all rows, whose number is \p total.
 bool fitsOffsets(const ::arrow::ChunkedArray& column, std::size_t& total) {
   total = 0;
   for (const auto& chunk : column.chunks()) {
@@ -42,6 +42,21 @@ bool fitsOffsets(const ::arrow::ChunkedArray& column, std::size_t& total) {
 }
 
 }  // namespace
+
+void checkSchema(const std::shared_ptr<::arrow::Schema>& schema) {
+  if (!schema) {
+    throw std::invalid_argument(
+        "no schema for the samples: the signal's category or data type is unknown");
+  }
+}
+
+void checkBlobOffsets(const std::vector<int>& offsets, std::size_t size) {
+  if (offsets.empty()) {
+    throw std::invalid_argument(
+        "no offsets for binary samples: give their lengths or their dimensions");
+  }
+  checkRowOffsets(offsets, size);
+}
 
 ArrayPtr wrapNumeric(const std::shared_ptr<::arrow::DataType>& type, const void* values,
                      std::size_t count) {
@@ -201,3 +216,67 @@ KYR_FOR_EACH_NUMBER_TYPE(KYR_INSTANTIATE)
 #undef KYR_INSTANTIATE
 
 }  // namespace kyr::parquet::typedColumns
+
+namespace kyr::parquet {
+
+ParquetSerializerWorker::FieldAndArray ParquetSerializerWorker::binaryArrayBuildHelper(
+    const std::string& name, const std::vector<char>& data, const std::vector<int>& offsets) {
+  typedColumns::checkBlobOffsets(offsets, data.size());
+  auto array =
+      std::make_shared<::arrow::BinaryArray>(static_cast<std::int64_t>(offsets.size()) - 1,
+                                             ::arrow::Buffer::FromVector(std::vector<int>(offsets)),
+                                             ::arrow::Buffer::FromVector(std::vector<char>(data)));
+  return {::arrow::field(name, ::arrow::binary()), std::move(array)};
+}
+
+std::pair<std::vector<std::size_t>, std::vector<int>>
+ParquetSerializerWorker::buildDimensionArrayDataAndOffset(const Dimensions& dimensions) {
+  std::vector<std::size_t> values;
+  std::vector<int> offsets{0};
+  offsets.reserve(dimensions.size() + 1);
+  for (const auto& dimension : dimensions) {
+    values.insert(values.end(), dimension.begin(), dimension.end());
+    offsets.push_back(static_cast<int>(values.size()));
+  }
+  return {std::move(values), std::move(offsets)};
+}
+
+ParquetSerializerWorker::Dimensions ParquetSerializerWorker::reconstructDimensionArray(
+    const std::vector<std::size_t>& values, const std::vector<int>& offsets) {
+  Dimensions dimensions;
+  if (offsets.size() <= 1) return dimensions;
+  dimensions.reserve(offsets.size() - 1);
+  for (std::size_t i = 0; i + 1 < offsets.size(); ++i) {
+    dimensions.emplace_back(values.begin() + offsets[i], values.begin() + offsets[i + 1]);
+  }
+  return dimensions;
+}
+
+ParquetSerializerWorker::FieldAndArray ParquetSerializerWorker::listArrayBuildHelper(
+    const std::string& name, std::shared_ptr<::arrow::Array>& offsets,
+    std::shared_ptr<::arrow::Array>& values) {
+  auto list = ::arrow::ListArray::FromArrays(*offsets, *values, ::arrow::default_memory_pool())
+                  .ValueOrDie();
+  return {::arrow::field(name, list->type()), std::move(list)};
+}
+
+std::shared_ptr<::arrow::Table> ParquetSerializerWorker::tableBuildHelper(
+    const std::shared_ptr<::arrow::Schema>& schema,
+    const std::vector<std::shared_ptr<::arrow::Array>>& arrays) {
+  typedColumns::checkSchema(schema);
+  return ::arrow::Table::Make(schema, arrays);
+}
+
+void ParquetSerializerWorker::extractDataFromBinaryArray(
+    const std::shared_ptr<::arrow::ChunkedArray>& column,
+    const std::shared_ptr<::arrow::Field>& field, std::vector<char>& data,
+    std::vector<int>& offsets) {
+  if (!column || column->type()->id() != ::arrow::Type::BINARY) {
+    throw std::invalid_argument(fmt::format("column \"{}\" is {}, expected binary",
+                                            field ? field->name() : "",
+                                            column ? column->type()->ToString() : "missing"));
+  }
+  typedColumns::appendBlobs(*column, data, offsets);
+}
+
+}  // namespace kyr::parquet

@@ -7,12 +7,17 @@
 #include <string>
 #include <vector>
 
-/// Samples as Arrow columns and back. The builders wrap the caller's memory: what they return must
-/// not outlive it.
+/// Samples as Arrow columns, and back. The builders wrap the caller's memory, which must outlive what
+/// they return.
 namespace kyr::parquet::typedColumns {
 
 using Dimensions = std::vector<std::vector<std::size_t>>;
 using ArrayPtr = std::shared_ptr<::arrow::Array>;
+
+/// \throws std::invalid_argument if the schema is empty
+void checkSchema(const std::shared_ptr<::arrow::Schema>& schema);
+/// \throws std::invalid_argument if the offsets are empty or do not ascend within \p size bytes
+void checkBlobOffsets(const std::vector<int>& offsets, std::size_t size);
 
 /// A flat column of \p count elements of \p type.
 ArrayPtr wrapNumeric(const std::shared_ptr<::arrow::DataType>& type, const void* values,
@@ -21,36 +26,36 @@ ArrayPtr wrapNumeric(const std::shared_ptr<::arrow::DataType>& type, const void*
 /// A binary column of `offsets.size() - 1` rows.
 ArrayPtr wrapBinary(const std::vector<char>& data, const std::vector<int>& offsets);
 
-/// The list column of dimension vectors; owns its memory.
+/// The list column of dimension vectors. It owns its memory.
 ArrayPtr dimensionColumn(const Dimensions& dimensions);
 
-/// Append the bytes of a binary column to \p data and replace \p offsets, which continue over all
-/// chunks from the size that \p data had.
+/// Appends the bytes of a binary column to \p data and replaces \p offsets. The offsets start at the
+/// size that \p data had and continue over all chunks.
 void appendBlobs(const ::arrow::ChunkedArray& column, std::vector<char>& data,
                  std::vector<int>& offsets);
 
-/// A stored table with the file it came from, to take its columns apart. Presence of a column is
-/// told by its name, the column itself is taken by position: time (if there is one), data,
-/// dimension. Every error is a std::runtime_error naming the file.
+/// A table that was read from a file, to take its columns apart. A column's name tells whether it is
+/// there; the column itself is taken by position: time (if there is one), data, dimension. Every
+/// error is a std::runtime_error naming the file.
 class StoredTable {
  public:
   StoredTable(std::string file, std::shared_ptr<::arrow::Table> table, bool withTime);
 
   bool hasData() const;
 
-  /// Replace \p time; it comes back empty when there is no time column.
+  /// Replaces \p time, by nothing if there is no time column.
   void readTime(std::vector<double>& time) const;
 
-  /// Replace \p values by the elements of the flat or list column "data" of \p type, and
-  /// \p offsets by the rows' element offsets (empty for a flat column). T is the element type, or
-  /// char for the elements' bytes.
+  /// Replaces \p values by the elements of the flat or list column "data" of \p type, and \p offsets
+  /// by the offsets of the rows in elements (empty for a flat column). T is the element type, or char
+  /// for the bytes of the elements.
   template <typename T>
   void readValues(const std::shared_ptr<::arrow::DataType>& type, std::vector<T>& values,
                   std::vector<int>& offsets) const;
 
   void readBlobs(std::vector<char>& data, std::vector<int>& offsets) const;
 
-  /// Replace \p dimensions if there is a dimension column.
+  /// Replaces \p dimensions if there is a dimension column.
   void readDimensions(Dimensions& dimensions) const;
 
  private:

@@ -6,7 +6,7 @@
 
 namespace kyr::parquet {
 
-/// A span of the trace as long as rows of a safe pool are written.
+/// A span of the trace that lasts while rows of a safe pool are written.
 inline std::unique_ptr<PerfTracer> traceBatch() {
   return getScopedPerfTracer("SharedStream_write");
 }

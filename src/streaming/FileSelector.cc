@@ -37,7 +37,7 @@ bool parquetFileFilter(const directory_iterator& it) {
   if (entry.type() == DirectoryEntry::Type::directory) return false;
   std::ifstream file(entry.filesystemPath(), std::ios::binary);
   if (!file) return false;
-  // Zeroed, so that a file of fewer bytes is compared with what it holds and nothing else.
+  // Filled with zeros, so that a file of fewer than four bytes never matches.
   std::array<char, 4> magic{};
   file.read(magic.data(), magic.size());
   return !file.bad() && std::memcmp(magic.data(), "PAR1", magic.size()) == 0;

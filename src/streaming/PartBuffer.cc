@@ -13,7 +13,7 @@ void PartBuffer::takeBatches(std::size_t batchRows,
 
 void PartBuffer::takeAll(const std::function<void(const ::arrow::Table&)>& write) {
   if (rows() > 0) write(*rows_.table(0, rows()));
-  rows_ = RowStore(SampleSchema(rows_.schema()), width_);  // the memory goes, too
+  rows_ = RowStore(SampleSchema(rows_.schema()), width_);  // gives the memory back
 }
 
 }  // namespace kyr::parquet

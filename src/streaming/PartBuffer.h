@@ -8,8 +8,8 @@
 
 namespace kyr::parquet {
 
-/// The rows of a signal part that are not on disk yet; they become a table, as
-/// SignalFormatter::format makes it, when a batch is due.
+/// The rows of a signal part that are not on disk yet. When a batch is due, they become a table as
+/// SignalFormatter::format makes it.
 class PartBuffer {
  public:
   /// \param width  bytes of an element of the data type
@@ -19,14 +19,14 @@ class PartBuffer {
   const SampleSchema& schema() const { return rows_.schema(); }
   std::size_t rows() const { return rows_.rows(); }
 
-  /// Append the rows of a measured chunk.
+  /// Appends the rows of a measured chunk.
   void append(const SampleChunk& chunk) { rows_.append(chunk); }
 
-  /// Hands the rows in tables of \p batchRows rows to \p write, in order, as long as there are that
-  /// many; the rest stays. When \p write throws, all rows stay.
+  /// Hands all whole batches of \p batchRows rows to \p write, in order, each as a table, and removes
+  /// them. If \p write throws, no rows are removed.
   void takeBatches(std::size_t batchRows, const std::function<void(const ::arrow::Table&)>& write);
 
-  /// Hands the rows that are left, if any, to \p write in one table; none stay, and no memory.
+  /// Hands the remaining rows, if there are any, to \p write as one table, and gives all memory back.
   void takeAll(const std::function<void(const ::arrow::Table&)>& write);
 
  private:

@@ -26,7 +26,8 @@ std::shared_ptr<::arrow::Table> emptyTable(::parquet::arrow::FileReader& reader)
   return table;
 }
 
-// Row groups \p first to \p last, from \p kept if it holds them.
+// Row groups \p first to \p last. They are taken from \p kept if it holds them, else they are kept
+// there.
 std::shared_ptr<::arrow::Table> readOrKeep(::parquet::arrow::FileReader& reader, int first,
                                            int last, KeptRowGroups* kept) {
   if (kept && kept->rows && kept->first == first && kept->last == last) return kept->rows;
@@ -37,9 +38,9 @@ std::shared_ptr<::arrow::Table> readOrKeep(::parquet::arrow::FileReader& reader,
 
 }  // namespace
 
-// The walk counts row group 0 twice and takes every later size one step late. Viewers address rows
-// of streamed files, whose groups all have the batch's length, and there it is exact; windows that
-// viewers stored for other files depend on what it gives there. Pinned by
+// The walk counts row group 0 twice and takes every later size one step late. It is exact for
+// streamed files, whose row groups all have the length of a batch. Viewers have stored windows of
+// other files by the rows that the walk finds in them. Pinned by
 // RowGroups.WalkTakesEverySizeOneStepLate.
 RowIndex::RowIndex(const ::parquet::FileMetaData& metadata)
     : rows_(static_cast<std::uint64_t>(metadata.num_rows())) {

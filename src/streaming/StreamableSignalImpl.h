@@ -16,18 +16,17 @@
 
 namespace kyr::parquet {
 
-/// See StreamableSignal.
+/// The StreamableSignal of pools without SafeStorage.
 class StreamableSignalImpl final : public StreamableSignal {
  public:
   using Checker = RedundancyChecker::Context<unsigned long>;
   using Chains = RedundancyEliminator::Registry;
 
-  /// A signal without files. The writer, the checker and the chains are those of all signals of the
-  /// pool.
+  /// A signal without files. All signals of a pool share the writer, the checker and the chains.
   /// \throws std::invalid_argument if \p writer is empty or \p batchRows is 0
   StreamableSignalImpl(std::shared_ptr<StreamableWriter> writer, std::shared_ptr<Checker> checker,
                        std::shared_ptr<Chains> chains, unsigned long batchRows);
-  /// A signal over files that exist, by their ids.
+  /// A signal over existing files, by their ids.
   StreamableSignalImpl(std::shared_ptr<StreamableWriter> writer, int timeId, int dataId,
                        std::shared_ptr<Checker> checker, std::shared_ptr<Chains> chains,
                        unsigned long batchRows);
@@ -66,7 +65,7 @@ class StreamableSignalImpl final : public StreamableSignal {
   Path getParquetDirectory() const override { return record->worker->parquetDirectory(); }
   ::arrow::Status writeStatus() const override;
 
-  /// Rows that count as written to the part's file, copied ones included.
+  /// Rows that count as written to the part's file, including copied ones.
   unsigned long rowsWritten(SignalPart part) const;
   /// Rows of the part that wait in memory.
   std::size_t rowsBuffered(SignalPart part) const;
@@ -77,7 +76,7 @@ class StreamableSignalImpl final : public StreamableSignal {
   using NodePtr = std::unique_ptr<FileNode>;
   using RowRange = StreamableWriter::RowRange;
 
-  // What the two parts of a signal have each.
+  // What each part of a signal has.
   struct Part {
     SignalPart name;
     std::unique_ptr<RedundancyEliminator::Context> chains;
@@ -90,7 +89,7 @@ class StreamableSignalImpl final : public StreamableSignal {
   const Part& part(SignalPart name) const { return parts[static_cast<std::size_t>(name)]; }
   int& storageId(const Part& part);
   int storageId(const Part& part) const;
-  // The schema of the part's files, for the type and category as they are now.
+  // The schema of the part's files for the present type and category.
   const SampleSchema& schemaOf(const Part& part);
 
   void appendChunk(Part& part, unsigned long contentNumber, const SampleChunk& chunk,
@@ -98,8 +97,8 @@ class StreamableSignalImpl final : public StreamableSignal {
   void bufferChunk(Part& part, const SampleChunk& chunk, std::size_t width);
   void writeBatch(Part& part, const ::arrow::Table& rows);
   void adoptFile(Part& part, const NodeList& heads);
-  // Copies the chain from \p head to \p stop and its rows, as far as they are on disk, into the
-  // file \p newId, and adds a node of \p rows rows for the chunk that comes next.
+  // Copies the chain from \p head to \p stop, and those of its rows that are on disk, into the file
+  // \p newId. Adds a node of \p rows rows for the next chunk.
   NodePtr copyChain(FileNode* head, FileNode* stop, int newId, Part& counter,
                     unsigned long contentNumber, unsigned long rows);
   void finishPart(Part& part);
@@ -107,7 +106,7 @@ class StreamableSignalImpl final : public StreamableSignal {
   bool hasFile(const Part& part) const;
   void removeFile(Part& part) noexcept;
   std::shared_ptr<::arrow::Table> readRows(Part& part, unsigned long from, unsigned long to);
-  // Rows of a flat column, where they can be read without a table; see StreamableWriter.
+  // Reads rows of a flat column without making a table; see StreamableWriter::readElements().
   bool readElements(Part& part, unsigned long from, unsigned long to, std::vector<char>& out);
 
   std::shared_ptr<ParquetStorageRecord<StreamableWriter>> record;
@@ -119,7 +118,7 @@ class StreamableSignalImpl final : public StreamableSignal {
   KYRSignalCategory category = Scalar;
   std::optional<::arrow::Compression::type> compression;
 
-  // The data schema made last, and for what.
+  // The data schema that was made last, and the type and category it was made for.
   SampleSchema dataSchema;
   KYRSignalDataType dataSchemaType = Double;
   KYRSignalCategory dataSchemaCategory = Scalar;

@@ -35,9 +35,9 @@ struct FileEntry {
 
   std::optional<std::variant<WriterHandle, ReaderHandle>> handle;
   std::shared_ptr<::parquet::FileMetaData> metadata;
-  std::optional<RowIndex> rowIndex;  // of the metadata, from the first read of a range on
+  std::optional<RowIndex> rowIndex;  // of the metadata; made by the first read of a range
   Path path;
-  std::shared_mutex lock;  // for hosts that will share files between threads; taken by nobody yet
+  std::shared_mutex lock;  // for hosts that share files between threads; not taken by anyone yet
 };
 
 std::optional<int> leadingNumber(const std::string& name) {
@@ -50,7 +50,7 @@ std::optional<int> leadingNumber(const std::string& name) {
   }
 }
 
-// A file that cannot be closed or deleted stays; the others go.
+// Ignores a failure, so that one file that cannot be closed or deleted does not save the others.
 template <typename Operation>
 void quietly(Operation&& operation) noexcept {
   try {
@@ -96,8 +96,8 @@ class StreamableWriter::Impl {
     return found != files.end() && !found->second;
   }
 
-  // Runs \p operation on the entry, which is out of the table meanwhile: when it throws, the entry
-  // goes with it and the id is lost.
+  // Runs \p operation on the entry, which is out of the table meanwhile. If the operation throws, the
+  // entry is destroyed and the id is lost.
   template <typename Operation>
   auto withEntry(int id, Operation&& operation) {
     EntryPtr& place = slot(id);
@@ -121,7 +121,7 @@ class StreamableWriter::Impl {
     auto writer =
         TableWriter::open(formats.of(schema.WithMetadata(schema.metadata()), compression), *stream);
     throwIfFailed(writer.status(), entry->path);
-    // So that other programs see the file's magic.
+    // From here on, a scan of the directory recognises the file by its magic.
     throwIfFailed((*writer)->flush(), entry->path);
     entry->handle = *std::move(writer);
     files.emplace(id, std::move(entry));
@@ -146,7 +146,7 @@ class StreamableWriter::Impl {
     return entry;
   }
 
-  // Of the files that are read only some stay open: those that were opened last.
+  // Keeps only the files open that were opened last to be read.
   void spareDescriptors(int id) {
     constexpr std::size_t kOpen = 256;
     opened.push_back(id);
@@ -198,7 +198,7 @@ class StreamableWriter::Impl {
   }
 
   Path directory;
-  std::deque<int> opened;  // ids, in the order in which their files were opened to read
+  std::deque<int> opened;  // ids in the order in which their files were opened to be read
   std::atomic<int> lastId{-1};
   std::unordered_map<int, EntryPtr> files;
   FileFormats formats;
@@ -310,8 +310,8 @@ void StreamableWriter::remove(const int& id) {
     return;
   }
   const auto entry = std::move(impl_->slot(id));
-  // The id itself still counts, so the counter moves only if there is a larger one: ids are not
-  // handed out twice while the writer lives.
+  // The removed id still counts as the largest one unless there is a larger one, so ids are not given
+  // twice while the writer lives.
   if (impl_->lastId.load() == id) impl_->lastId.store(impl_->largestId());
   fileSystem::removeFile(entry->path);
   impl_->files.erase(id);

@@ -17,7 +17,7 @@ namespace kyr::parquet {
 
 namespace {
 
-// The first of the rows that readRows() gives, and their number; none where it has to tell an error.
+// The first of the rows that readRows() returns, and their number. None where readRows() throws.
 std::optional<std::pair<std::uint64_t, std::uint64_t>> locateRows(const RowIndex& index,
                                                                   const FlatColumn& column,
                                                                   std::uint64_t from,
@@ -30,7 +30,7 @@ std::optional<std::pair<std::uint64_t, std::uint64_t>> locateRows(const RowIndex
   if (last.rowGroup < first.rowGroup) return std::nullopt;
   const std::uint64_t start = column.rowStart(static_cast<std::size_t>(first.rowGroup));
   const std::uint64_t rows = column.rowStart(static_cast<std::size_t>(last.rowGroup) + 1) - start;
-  if (first.offset > rows) return std::nullopt;  // by far, behind an empty row group
+  if (first.offset > rows) return std::nullopt;  // can be huge behind an empty row group
   return std::pair(start + first.offset, std::min(end - from, rows - first.offset));
 }
 
@@ -44,7 +44,7 @@ void throwIfFailed(const ::arrow::Status& status, const Path& path) {
 }
 
 TableReader::TableReader(Path path) : path_(std::move(path)) {
-  // It is Arrow that tells what is wrong with other files.
+  // Arrow opens all other files, or tells what is wrong with them.
   if (!openColumn()) metadata_ = tables().parquet_reader()->metadata();
 }
 

@@ -13,10 +13,10 @@
 #include "platform/DiskFile.h"
 #include "streaming/RowGroups.h"
 
-/// The files of a StreamableWriter: by Arrow, or without it where that is possible.
+/// Reads the files of a StreamableWriter, without Arrow where that is possible.
 namespace kyr::parquet {
 
-/// An Arrow failure on \p path as the exception that carries it.
+/// Throws an Arrow failure on \p path as ::parquet::ParquetStatusException.
 void throwIfFailed(const ::arrow::Status& status, const Path& path);
 
 class TableReader {
@@ -26,19 +26,19 @@ class TableReader {
 
   const std::shared_ptr<::parquet::FileMetaData>& metadata() const { return metadata_; }
 
-  /// Arrow's reader, opened if it is not.
-  /// \throws ::parquet::ParquetStatusException as the constructor
+  /// Arrow's reader. The first call, and the first one after suspend(), opens it.
+  /// \throws ::parquet::ParquetStatusException naming the file
   ::parquet::arrow::FileReader& tables();
 
-  /// Replaces \p out by the elements of the rows that readRows() gives, without a table, where the
-  /// file allows that. Returns whether it does; otherwise \p out is as it may be.
-  /// \param index  of the metadata
+  /// Replaces \p out by the elements of the rows that readRows() returns, without making a table.
+  /// \param index  made of metadata()
+  /// \return whether the file allows that; if not, the content of \p out is undefined
   bool readElements(const RowIndex& index, std::uint64_t from, std::uint64_t to,
                     std::vector<char>& out);
 
-  /// Returns whether the file is used for the first time, or since suspend().
+  /// Returns whether this is the first use of the file, or the first one after suspend().
   bool noteUse() { return !std::exchange(isUsed_, true); }
-  /// Gives the descriptors back until the file is used next.
+  /// Gives the file's descriptors back until it is used next.
   void suspend();
 
  private:
@@ -46,8 +46,8 @@ class TableReader {
 
   Path path_;
   std::shared_ptr<::parquet::FileMetaData> metadata_;
-  std::unique_ptr<DiskFile> file_;      // with the column
-  std::unique_ptr<FlatColumn> column_;  // if the file has but one that can be read without Arrow
+  std::unique_ptr<DiskFile> file_;      // of column_
+  std::unique_ptr<FlatColumn> column_;  // if the only column can be read without Arrow
   std::unique_ptr<::parquet::arrow::FileReader> tables_;
   bool isUsed_ = false;
 };

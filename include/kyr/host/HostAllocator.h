@@ -4,10 +4,10 @@
 
 namespace kyr::host {
 
-/// \brief The host's memory, from which everything comes that the host will own.
+/// \brief The host's memory. Everything that the host will own comes from it.
 ///
 /// A host implements it. The library allocates its method and namespace objects here and releases
-/// them here, so that the host may delete them at any time, with its own means.
+/// them here, so that the host may delete them at any time by its own means.
 class HostAllocator {
  public:
   virtual ~HostAllocator() = default;
@@ -19,7 +19,7 @@ class HostAllocator {
   /// \brief Take back what allocateZeroed() gave. Null is allowed and does nothing.
   virtual void release(void* memory) noexcept = 0;
 
-  /// \brief Throw the host's own exception for memory that is not there.
+  /// \brief Throw the host's own exception for an allocation that failed.
   [[noreturn]] virtual void throwOutOfMemory(std::size_t size) = 0;
 };
 

@@ -22,9 +22,9 @@ enum class NumericClass {
 
 class HostArray;
 
-/// \brief Owner of an array, or of none: what a method takes and gives.
+/// \brief Owner of an array, or of none. Methods take and return these.
 ///
-/// Movable, not copyable. The array goes back to the host that made it when its owner goes.
+/// Movable, not copyable. Destroying the owner gives the array back to the host that made it.
 class HostValue {
  public:
   HostValue() = default;
@@ -38,7 +38,7 @@ class HostValue {
   HostValue(const HostValue&) = delete;
   HostValue& operator=(const HostValue&) = delete;
 
-  /// \brief The array, which stays owned here; null if there is none.
+  /// \brief The array, or null if there is none. This object still owns it.
   HostArray* get() const noexcept { return array_; }
   HostArray* operator->() const noexcept { return array_; }
   HostArray& operator*() const noexcept { return *array_; }
@@ -84,7 +84,8 @@ class HostArray {
   ///         not changed
   virtual const HostArray* field(std::size_t element, const std::string& name) const = 0;
 
-  /// \brief Give field \p name of struct element \p element a value, which is taken over.
+  /// \brief Set field \p name of struct element \p element (from 0), which owns \p value from then
+  /// on.
   /// \throws std::exception  the host's, if there is no such element or field
   virtual void setField(std::size_t element, const std::string& name, HostValue value) = 0;
 
@@ -97,7 +98,7 @@ class HostArray {
 
  private:
   friend class HostValue;
-  // Gives the array back to the memory that it came from.
+  // Deletes the array and gives its memory back.
   virtual void destroy() noexcept = 0;
 };
 

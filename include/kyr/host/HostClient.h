@@ -8,7 +8,7 @@
 
 namespace kyr::host {
 
-/// \brief Whoever calls a method, as the method sees it: the maker of its results.
+/// \brief The caller of a method. The method makes its results with it.
 ///
 /// A host implements it. Every member throws the host's own exception when there is no memory.
 class HostClient {

@@ -8,7 +8,7 @@
 
 namespace kyr::host {
 
-/// \brief What a method takes and gives, as the host shows it to its users.
+/// \brief The inputs and outputs of a method, as the host shows them to its users.
 struct HostMethodDescriptor {
   std::vector<std::string> inputTypes;
   std::vector<std::string> outputTypes;
@@ -17,8 +17,8 @@ struct HostMethodDescriptor {
 
 /// \brief A method that a library adds to a namespace of the host.
 ///
-/// Derived by libraries. The host owns the object from the moment it is added and deletes it through
-/// this class.
+/// Libraries derive from it. The host owns the object from the moment it is added and deletes it
+/// through this class.
 class HostMethodInfo {
  public:
   HostMethodInfo() = default;
@@ -26,10 +26,10 @@ class HostMethodInfo {
   HostMethodInfo(const HostMethodInfo&) = delete;
   HostMethodInfo& operator=(const HostMethodInfo&) = delete;
 
-  /// \brief The method's name; null if it has none. Valid as long as the object.
+  /// \brief The method's name; null if it has none. Valid as long as the object lives.
   virtual const char* getName() const = 0;
 
-  /// \brief A text that describes the call; null if there is none. Valid as long as the object.
+  /// \brief A text that describes the call; null if there is none. Valid as long as the object lives.
   virtual const char* getMethodSignature() const = 0;
 
   /// \brief Whether listings show the method. It can be called by name either way.
@@ -37,12 +37,12 @@ class HostMethodInfo {
 
   /// \brief Run the method.
   ///
-  /// \param client       the caller, for the length of the call
+  /// \param client       the caller; valid during the call
   /// \param outputCount  receives the number of outputs that were set
-  /// \param outputs      room for at least max(1, outputCount) values; they become the caller's
-  /// \param inputs       \p inputCount values, some of which may hold no array; they stay the
-  ///                     caller's
-  /// \throws std::exception  on a failure, which the host shows to its user; then no output counts
+  /// \param outputs      room for at least max(1, outputCount) values, which the caller owns
+  /// \param inputs       \p inputCount values, which the caller owns; some may hold no array
+  /// \throws std::exception  on a failure, which the host shows to its user; the outputs are not
+  ///                     used then
   virtual void invoke(const HostClient* client, int& outputCount, HostValue* outputs,
                       int inputCount, const HostValue* inputs) const = 0;
 

@@ -8,10 +8,10 @@ namespace kyr::host {
 
 class HostNamespace;
 
-/// \brief Describes a namespace whose content is made when somebody first opens it.
+/// \brief Describes a namespace whose content is made when the namespace is first opened.
 ///
-/// Derived by libraries. The host owns the object from the moment it is added and deletes it through
-/// this class.
+/// Libraries derive from it. The host owns the object from the moment it is added and deletes it
+/// through this class.
 class HostNamespaceInfo {
  public:
   HostNamespaceInfo() = default;
@@ -19,21 +19,21 @@ class HostNamespaceInfo {
   HostNamespaceInfo(const HostNamespaceInfo&) = delete;
   HostNamespaceInfo& operator=(const HostNamespaceInfo&) = delete;
 
-  /// \brief The last part of the dotted name. Valid as long as the object.
+  /// \brief The last part of the dotted name. Valid as long as the object lives.
   virtual const char* getName() const = 0;
 
   /// \brief Fill \p self, the namespace that this object describes. Called once, by the host.
   virtual void populate(HostNamespace& self) = 0;
 };
 
-/// \brief A namespace of the host, to be added to. A host implements it.
+/// \brief A namespace of the host that takes sub-namespaces and methods. A host implements it.
 class HostNamespace {
  public:
   /// \brief Add a sub-namespace that will be populated when it is first opened.
   virtual void addNamespace(std::unique_ptr<HostNamespaceInfo> info) = 0;
 
   /// \brief Add a method.
-  /// \param first, second  have a meaning to the host only
+  /// \param first, second  numbers that mean something to the host only
   virtual void addMethod(std::unique_ptr<HostMethodInfo> method, int first, int second) = 0;
 
  protected:

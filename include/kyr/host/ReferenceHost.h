@@ -11,7 +11,7 @@
 
 namespace kyr::host {
 
-/// \brief Memory of the process's heap that counts what is out.
+/// \brief Memory from the process's heap, with a count of the allocations.
 class KYR_PARQUET_EXPORT ReferenceAllocator final : public HostAllocator {
  public:
   void* allocateZeroed(std::size_t size) override;
@@ -19,7 +19,7 @@ class KYR_PARQUET_EXPORT ReferenceAllocator final : public HostAllocator {
   /// \throws std::bad_alloc
   [[noreturn]] void throwOutOfMemory(std::size_t size) override;
 
-  /// \brief Allocations that were not released yet.
+  /// \brief The number of allocations that were not released yet.
   std::size_t live() const noexcept { return live_; }
 
  private:
@@ -28,7 +28,7 @@ class KYR_PARQUET_EXPORT ReferenceAllocator final : public HostAllocator {
 
 /// \brief A complete host in the process: namespaces, methods called by name, and arrays.
 ///
-/// For programs without a scripting language of their own, for tests, and as an example of how the
+/// It serves programs without a scripting language of their own and tests, and shows how the
 /// interfaces are meant. Typical use:
 ///
 ///     ReferenceHost host;
@@ -38,15 +38,15 @@ class KYR_PARQUET_EXPORT ReferenceAllocator final : public HostAllocator {
 ///     options->setField(0, "Compression", host.createString(u"zstd"));
 ///     host.invoke("Tarnwick.kyr.setParquetOptions", std::move(options));
 ///
-/// Everything that was added is deleted with the host. Arrays must be gone by then. Failures are
-/// std::invalid_argument (an unknown name, an element, field or class that an array does not have)
-/// or the allocator's exception. One thread at a time; neither movable nor copyable.
+/// Everything that was added is deleted with the host. Destroy all arrays before the host. Failures
+/// are std::invalid_argument (an unknown name; an element, field or class that an array does not
+/// have) or the allocator's exception. One thread at a time. Neither movable nor copyable.
 class KYR_PARQUET_EXPORT ReferenceHost final : public HostObjectSystem, public HostClient {
  public:
   /// \brief A host with a ReferenceAllocator of its own.
   ReferenceHost();
 
-  /// \param allocator  for arrays, and for what libraries add; outlives the host
+  /// \param allocator  memory for arrays and for what libraries add; must outlive the host
   explicit ReferenceHost(HostAllocator& allocator);
   ~ReferenceHost() override;
   ReferenceHost(const ReferenceHost&) = delete;
@@ -55,24 +55,25 @@ class KYR_PARQUET_EXPORT ReferenceHost final : public HostObjectSystem, public H
   /// \name Namespaces and methods
   /// @{
 
-  /// \brief Make an empty namespace, and those that it lies in, unless they exist.
+  /// \brief Make an empty namespace and the namespaces that it lies in, unless they exist.
   HostNamespace& defineNamespace(const std::string& dottedName);
 
   HostNamespace* findNamespace(const std::string& dottedName) override;
   void addNamespace(std::unique_ptr<HostNamespaceInfo> info) override;
   HostAllocator& allocator() override;
 
-  /// \brief Names of the methods in a namespace that show themselves, sorted. Opens the namespace.
+  /// \brief Sorted names of the visible methods in a namespace. Opens the namespace.
   std::vector<std::string> listMethods(const std::string& namespaceName);
 
   /// \brief The method of a full name such as "A.B.method", or null. Opens its namespace.
   const HostMethodInfo* findMethod(const std::string& fullName);
 
-  /// \brief Call a method; its outputs.
+  /// \brief Call a method and return its outputs.
   /// \throws std::invalid_argument if there is no such method, and what the method throws
   std::vector<HostValue> invoke(const std::string& fullName, const std::vector<HostValue>& inputs);
 
-  /// \brief Call a method with one input, or with none if \p input holds no array; its first output.
+  /// \brief Call a method with one input, or with none if \p input holds no array, and return its
+  /// first output.
   HostValue invoke(const std::string& fullName, HostValue input = {});
 
   /// @}
@@ -90,7 +91,7 @@ class KYR_PARQUET_EXPORT ReferenceHost final : public HostObjectSystem, public H
   HostValue createNumber(double value) const;
   HostValue createLogical(std::size_t rows, std::size_t columns) const;  ///< all false
 
-  /// \brief Names of a struct's fields in order; none for another array.
+  /// \brief Names of a struct's fields in order; empty for other arrays.
   static std::vector<std::string> fieldNames(const HostArray& array);
 
   /// \brief "char", "logical", "struct" or a numeric class such as "int32".

@@ -18,32 +18,32 @@
 ///
 /// They may throw C++ exceptions, so call them from C++. One thread at a time.
 ///
-/// Two methods are there afterwards. Listings hide both.
+/// The namespace has two methods afterwards. Listings hide both.
 ///
 /// - "setParquetOptions" takes a struct and sets the options that it has fields for:
 ///   "Compression" (text: "uncompressed", "snappy", "gzip", "lzo", "brotli", "lz4_frame",
 ///   "lz4_hadoop" or "zstd"), "Dictionary" and "SharedTimeColumn" (logical scalars),
-///   "DictionaryLimit" and "BatchSize" (scalars, cut off to whole numbers). Other fields, and fields
-///   of other kinds, are ignored. Returns true, or false when it is called without arguments. A
-///   compression of another name, or a number that a 32-bit integer cannot hold, is
-///   std::invalid_argument, and nothing is changed then. What the numbers mean is not checked:
-///   files are not written with a BatchSize below 1 (the write status says so), and Parquet has no
-///   "lzo" and no "lz4_frame" (it says so as well).
+///   "DictionaryLimit" [bytes] and "BatchSize" [rows] (scalars, cut off to whole numbers). Other
+///   fields, and fields of other kinds, are ignored. It returns true, or false when it is called
+///   without arguments. It throws std::invalid_argument for a compression of another name and for a
+///   number that a 32-bit integer cannot hold; nothing is changed then. What the values mean is not
+///   checked here: with a BatchSize below 1, with "lzo" and with "lz4_frame" files cannot be
+///   written, and the write status says so.
 /// - "getParquetOptions" returns a struct of all five.
 ///
-/// The options are those of kyr/parquet/SerializationOptions.h: they are the process's, and reach
-/// signals and files that are made afterwards.
+/// The options are those of kyr/parquet/SerializationOptions.h. They hold for the whole process and
+/// reach signals and files that are made afterwards.
 extern "C" {
 
-/// \brief Set the process's host; null to forget it. Returns the one before.
+/// \brief Set the process's host, or none with a null pointer. Returns the host before.
 ///
-/// It is used by the first VXInitialize_kyr_parquet_serialization() only; its allocator must outlive
-/// what was registered.
+/// Only the first VXInitialize_kyr_parquet_serialization() uses it. Its allocator must outlive what
+/// was registered.
 KYR_PARQUET_EXPORT kyr::host::HostObjectSystem* kyr_install_host(kyr::host::HostObjectSystem* host);
 
-/// \brief Register the methods with the installed host, or leave word there of how to make them when
-/// the namespace is first opened. The first call does it; later ones do nothing, even if the first
-/// one threw.
+/// \brief Register the methods with the installed host. If the namespace does not exist, the host
+/// gets a description of it and makes the methods when it first opens it. Only the first call does
+/// this; later ones do nothing, even if the first one threw.
 /// \throws std::logic_error if no host is installed; that call does not count as the first
 KYR_PARQUET_EXPORT void VXInitialize_kyr_parquet_serialization();
 

@@ -20,8 +20,8 @@ class ParquetExportSerializerWorkerImpl;
 /// buildTable() joins the two, write() puts the table into a file. Numeric scalar signals only;
 /// columns of other kinds are the caller's to build.
 ///
-/// The process-wide serialization options are taken when the worker is made: later changes of
-/// codec, dictionary and batch size do not reach it. One thread at a time. Not copyable.
+/// The worker copies the process-wide serialization options when it is made: later changes of codec,
+/// dictionary and batch size do not reach it. One thread at a time. Not copyable.
 class KYR_PARQUET_EXPORT ParquetExportSerializerWorker {
  public:
   /// Category, data type, whether a time column comes first, and name.
@@ -45,8 +45,8 @@ class KYR_PARQUET_EXPORT ParquetExportSerializerWorker {
 
   /// \brief Two arrays per signal, copies: its times (float64), then its samples.
   ///
-  /// They fit a schema whose columns all have a time column. A trailing partial element is dropped;
-  /// times and samples are not compared.
+  /// They fit a schema whose columns all have a time column. A trailing partial element is dropped.
+  /// The numbers of times and samples are not compared.
   /// \throws std::runtime_error "Unknown data type encountered." for a type other than `Double`,
   ///         `Single` and the integers from `Int8` to `UInt64`: `Boolean`, `UInt32Alt`, `UInt64Alt`
   ///         and blobs are refused, too
@@ -58,13 +58,12 @@ class KYR_PARQUET_EXPORT ParquetExportSerializerWorker {
       const std::shared_ptr<::arrow::Schema>& schema,
       const std::vector<std::shared_ptr<::arrow::Array>>& arrays);
 
-  /// \brief Write \p table to the file \p path as one row group (Parquet's own limit of 1,048,576
-  /// rows a group holds: longer tables get several).
+  /// \brief Write \p table to the file \p path as one row group. Tables of more than 1,048,576 rows,
+  /// Parquet's own limit, get several.
   ///
   /// The metadata of the schema and its fields is not written. The file is opened for appending,
-  /// and Parquet cannot append: a file that holds bytes keeps them, and the table is lost. That,
-  /// like every failed write, reports nothing by itself: ask writeStatus(), and remove an older
-  /// file first.
+  /// and Parquet cannot append: a file that holds bytes keeps them, and the table is lost. So remove
+  /// an older file first. A failed write reports nothing by itself: ask writeStatus().
   /// \throws ::parquet::ParquetStatusException if the file cannot be opened
   /// \throws std::invalid_argument if \p path is not well-formed UTF-16
   void write(const ::arrow::Table& table, std::u16string path);

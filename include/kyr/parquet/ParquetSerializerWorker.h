@@ -20,10 +20,10 @@ namespace kyr::parquet {
 /// Each stored table is one file, named by its storage id in decimal, without extension. The worker
 /// hands out the ids, counts the references of each, writes, reads and deletes the files, and keeps
 /// an index of content hashes so that equal content shares one file. Its lifetime is that of the
-/// files: the destructor deletes every file the worker knows, those found in the directory when it
-/// was opened included. The directory itself stays.
+/// files: the destructor deletes every file the worker knows, including those that were in the
+/// directory when it was opened. The directory itself stays.
 ///
-/// What a caller must know, because recordings and hosts rely on it:
+/// Hosts and recordings rely on these rules:
 ///
 /// - A file found on disk counts no reference until it is checked out; the first remove() deletes
 ///   it. An allocated id counts one.
@@ -54,7 +54,8 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
   ParquetSerializerWorker(const ParquetSerializerWorker&) = delete;
   ParquetSerializerWorker& operator=(const ParquetSerializerWorker&) = delete;
 
-  /// \brief Set the directory, once, and take its files into the index; set again, it rescans.
+  /// \brief Set the directory and take its files into the index. It can be set once; setting the
+  /// same one again rescans it.
   /// \throws std::runtime_error "Parquet directory cannot be changed!" for a different directory
   /// \throws std::invalid_argument, std::out_of_range  see updateChunkIndex()
   void setParquetDirectory(const Path& directory);
@@ -92,8 +93,8 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
 
   /// \brief Delete the file and forget the id and its content; nothing if there is no file.
   ///
-  /// When the next id to be allocated is \p id itself, it becomes the largest id left, or
-  /// -2147483648.
+  /// If \p id is the next id to be allocated, the largest id left becomes the next one, or
+  /// -2147483648 if none is left.
   void removeHelper(const int& id);
 
   /// \brief Write \p table to the file of a new id.
@@ -102,14 +103,14 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
   /// \return the new id, also when the write failed: see lastWriteStatus()
   int write(const ::arrow::Table& table, const Compression& compression);
 
-  /// \brief Write \p table to the file of \p id as one row group (Parquet's own limit of 1,048,576
-  /// rows a group holds: longer tables get several).
+  /// \brief Write \p table to the file of \p id as one row group. Tables of more than 1,048,576 rows,
+  /// Parquet's own limit, get several.
   void writeHelper(const ::arrow::Table& table, int id, const Compression& compression);
 
   /// \brief Read the whole file of \p id into \p table.
   ///
-  /// A file that is no valid Parquet file leaves \p table as the reader left it, without an error;
-  /// the typed readers below report it.
+  /// A file that is no valid Parquet file is no error here: \p table is what the reader left. The
+  /// typed readers below report it.
   /// \throws std::runtime_error "<path> does not exists." if there is no file
   void read(const int& id, std::shared_ptr<::arrow::Table>& table) const;
   std::shared_ptr<::arrow::Table> read(const int& id) const;
@@ -122,11 +123,11 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
 
   /// \brief The id of the file that holds this content, or a new one.
   ///
-  /// Content is the element type, the values and the values of the dimension vectors in order (not
-  /// how they are grouped into vectors). It is told apart by a 64-bit hash alone, and a weak one
-  /// for short columns of small integers: the two samples (1, 0) and (0, 67) count as equal, as do
-  /// -0 and 0. Compare what you read back where that matters. On a duplicate the id's count goes up
-  /// by one.
+  /// Content is the element type, the values, and the values of the dimension vectors in order (how
+  /// they are grouped into vectors does not count). It is told apart by a 64-bit hash alone, which
+  /// is weak for short columns of small integers: the two samples (1, 0) and (0, 67) count as equal,
+  /// and so do -0 and 0. Compare what you read back where that matters. A duplicate adds one to the
+  /// id's count.
   ///
   /// \param isDuplicate  set to whether the content was known
   template <typename T>
@@ -136,13 +137,13 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
   /// \name Typed columns
   ///
   /// Instances exist for double, float, char (an int8 column), unsigned char, short, unsigned
-  /// short, int, unsigned int, long long and unsigned long long. Call them with the type spelled
-  /// out: `writeBinaryArray<char>(...)` is the typed form, `writeBinaryArray(...)` over a
+  /// short, int, unsigned int, long long and unsigned long long. Spell the type out:
+  /// `writeBinaryArray<char>(...)` is the typed form, `writeBinaryArray(...)` with a
   /// `std::vector<char>` the byte form below.
   ///
-  /// `offsets` are element offsets, one more than rows, and make "data" a list column; empty
-  /// offsets make it a flat one. A "dimension" column is written for two dimension vectors or more.
-  /// Values are read during the call and not kept.
+  /// `offsets` count elements. There is one more of them than rows, and they make "data" a list
+  /// column; empty offsets make it a flat one. A "dimension" column is written for two dimension
+  /// vectors or more. Times are in seconds. Values are read during the call and not kept.
   ///
   /// Writers throw std::invalid_argument, before anything is allocated or written, if the schema is
   /// empty or the offsets do not ascend within the values. Readers throw std::runtime_error naming
@@ -155,7 +156,7 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
                        const std::vector<int>& offsets, const Dimensions& dimensions,
                        const Compression& compression);
 
-  /// \brief As above over \p count values at \p values, which need not be aligned.
+  /// \brief Store \p count values at \p values, which need not be aligned.
   template <typename T>
   int writeBinaryArray(const std::shared_ptr<::arrow::Schema>& schema, const T* values,
                        std::size_t count, const std::vector<int>& offsets,
@@ -182,7 +183,7 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
   void readBinaryArray(const int& id, std::vector<double>& time, std::vector<T>& values,
                        std::vector<int>& offsets, Dimensions& dimensions) const;
 
-  /// \brief As readBinaryArray, with the values as bytes in memory order.
+  /// \brief Read values as readBinaryArray() does, as their bytes in memory order.
   template <typename T>
   void readBytes(const int& id, std::vector<char>& bytes, std::vector<int>& offsets,
                  Dimensions& dimensions) const;
@@ -194,7 +195,8 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
   /// \name Byte columns
   ///
   /// One blob per row in a binary "data" column: row i is bytes `offsets[i]` up to, not including,
-  /// `offsets[i + 1]`. Always a new file. Errors as for typed columns; empty offsets are invalid.
+  /// `offsets[i + 1]`. Every write makes a new file. Errors are those of typed columns; empty
+  /// offsets are invalid.
   /// @{
   int writeBinaryArray(const std::shared_ptr<::arrow::Schema>& schema,
                        const std::vector<char>& data, const std::vector<int>& offsets,
@@ -241,7 +243,7 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
 
   /// \brief Append the bytes of a binary column to \p data and replace \p offsets.
   ///
-  /// Offsets run on over all chunks and start at the size that \p data had.
+  /// The offsets start at the size that \p data had and continue over all chunks.
   static void extractDataFromBinaryArray(const std::shared_ptr<::arrow::ChunkedArray>& column,
                                          const std::shared_ptr<::arrow::Field>& field,
                                          std::vector<char>& data, std::vector<int>& offsets);

@@ -19,38 +19,40 @@ class WholeSignal;
 
 /// \brief One recorded signal that is written to and read from storage as a whole.
 ///
-/// Holds no samples: only the storage ids of its files, its type and its shape. Set the data type
-/// and the category before the first write or read; until then the category is none, and writing
-/// samples fails. Destroying a stored signal releases its files, and deletes those that no other
-/// signal shares; an exception while doing so ends the process.
+/// The object holds no samples: only the storage ids of its files, its type and its category. Set
+/// both before the first write or read; until then there is no category, and writing samples fails.
+/// Destroying a stored signal releases its files, and deletes those that no other signal shares; an
+/// exception while doing so ends the process.
 ///
-/// Whether time goes into a file of its own (shared by signals with equal time vectors) or into a
-/// column of the data file is taken from `serialization_options::bSharedTimeColumn` when the signal
-/// is made.
+/// There are no windows of rows here: getData() reads everything. A `StreamableSignal` reads
+/// windows. Pools hand it out in row-group mode (feature flag "fKYRUseParquetRowGroup") and, in
+/// every mode, with SafeStorage.
 ///
-/// What a caller must know:
+/// Times go into a file of their own, which signals with equal times share, or into a column of the
+/// data file. `serialization_options::bSharedTimeColumn` decides it when the signal is made.
 ///
+/// \par What only pools without SafeStorage do
 /// - The signal's own codec always decides, and it is "uncompressed" unless set: the process-wide
 ///   compression option does not reach these files.
 /// - Content is told apart by a hash that is often equal for short columns of small integers: such
 ///   a signal may read back as another. It takes -0 for 0.
 /// - Samples are shared by content: type, values and the values of the dimension vectors. A fixed
 ///   2x2 matrix and two vectors of 2 with the same values count as equal.
-/// - Writes fail silently; ask writeStatus(). Parquet refuses the codecs LZ4_FRAME and LZO, and a
+/// - Writes fail silently: ask writeStatus(). Parquet refuses the codecs LZ4_FRAME and LZO, and a
 ///   variable-dimension signal of a single sample (its "dimension" column is missing).
-/// - setData() on a signal that has storage writes the new files first and then refuses them:
+/// - setData() on a signal that has storage writes the new files first and then refuses them: call
 ///   resetData() first.
 ///
-/// In a pool with SafeStorage, none of these holds: content is told apart by 128 bits with its
-/// shapes, failed writes are thrown and leave nothing behind, and setData() on a signal that has
-/// storage is refused before anything is written. Times always have a file of their own there.
+/// With SafeStorage, content is told apart by 128 bits, shapes included; failed writes are thrown
+/// and leave nothing behind; setData() on a signal that has storage is refused before anything is
+/// written; times always have a file of their own.
 ///
 /// One thread at a time. Not copyable.
 class KYR_PARQUET_EXPORT ParquetSignal {
  public:
-  /// \param worker  owner of the files
-  /// \param timeStorageId, dataStorageId  files to take over, or -554114 for none; if one of them
-  ///         is unknown to \p worker the signal keeps both ids but has no data
+  /// \param worker  owner of the files; shared, so it lives at least as long as the signal
+  /// \param timeStorageId, dataStorageId  files to take over, or -554114 for none. If \p worker does
+  ///         not know one of them, the signal keeps both ids but has no data
   /// \throws std::invalid_argument if \p worker is empty
   ParquetSignal(std::shared_ptr<ParquetSerializerWorker> worker, int timeStorageId,
                 int dataStorageId);
@@ -61,8 +63,8 @@ class KYR_PARQUET_EXPORT ParquetSignal {
   /// \brief Store the signal. Empty \p data stores nothing.
   ///
   /// \param time  sample times [s]; empty for a signal without time
-  /// \param data  the samples' elements in memory order, back to back; a trailing partial element
-  ///         is ignored. Read during the call, not kept
+  /// \param data  the samples' elements back to back, in the host's order (column-major for
+  ///         matrices); a trailing partial element is ignored. Read during the call, not kept
   /// \param dims  empty for scalars; one entry for samples that all have this shape; else one entry
   ///         per sample
   /// \param lengths  for `Binary` only: bytes of each sample; else ignored
@@ -75,17 +77,19 @@ class KYR_PARQUET_EXPORT ParquetSignal {
   void setData(const std::vector<double>& time, const std::vector<char>& data,
                const std::vector<std::vector<std::size_t>>& dims, const std::vector<int>& lengths);
 
-  /// \brief Read the signal back. Outputs of a part without storage are left as they are.
+  /// \brief Read the whole signal. Outputs of a part without storage are left as they are.
   ///
+  /// \param time  replaced by the sample times [s]
+  /// \param data  replaced by the samples' elements, as setData() took them
   /// \param dims  replaced by the samples' shapes if they are stored (variable dimensions, two
   ///         samples or more); a fixed shape is not stored
   /// \throws std::runtime_error naming the file if it is missing, damaged or of another type
   void getData(std::vector<double>& time, std::vector<char>& data,
                std::vector<std::vector<std::size_t>>& dims);
 
-  /// \brief As above, with the size of each sample.
-  /// \param lengths  per sample, its bytes (`Binary`, `ByteString`) or its elements (dimensioned
-  ///         signals); empty for a scalar signal
+  /// \brief Do what the other getData() does, and tell the size of each sample.
+  /// \param lengths  replaced: per sample its bytes (`Binary`, `ByteString`) or its elements
+  ///         (matrices); empty for a scalar signal
   void getData(std::vector<double>& time, std::vector<char>& data,
                std::vector<std::vector<std::size_t>>& dims, std::vector<int>& lengths);
 

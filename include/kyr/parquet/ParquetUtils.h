@@ -11,14 +11,14 @@ namespace kyr::parquet {
 
 /// \brief Whole tables by name, in Parquet files of a new directory for temporary files.
 ///
-/// The files go with the object; the directory stays. Not copyable. One thread at a time.
+/// The files are deleted with the object; the directory stays. Not copyable. One thread at a time.
 class KYR_PARQUET_EXPORT ParquetUtils {
  public:
   /// \brief An object without storage: every other member throws std::logic_error.
   ParquetUtils();
 
-  /// \brief Storage in a new directory that is called \p name and random digits, under the system's
-  /// directory for temporary files.
+  /// \brief An object with a new directory under the system's directory for temporary files, whose
+  /// name is \p name and random digits.
   /// \throws std::invalid_argument if \p name is not well-formed UTF-8
   /// \throws std::filesystem::filesystem_error if the directory cannot be made
   explicit ParquetUtils(const std::string& name);
@@ -32,7 +32,7 @@ class KYR_PARQUET_EXPORT ParquetUtils {
   void setDirectoryName(const std::string& name);
 
   /// \brief Store \p table as \p name. A name that is written again stands for the newer table; the
-  /// older one's file stays until the object goes.
+  /// older table's file stays until the object is destroyed.
   ///
   /// A failed write reports nothing by itself: ask lastWriteStatus().
   /// \throws std::invalid_argument if \p table is empty

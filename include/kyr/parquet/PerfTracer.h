@@ -15,7 +15,7 @@ class KYR_PARQUET_EXPORT PerfTracer {
   /// \brief Log the beginning of the span \p name in \p group.
   PerfTracer(const char* name, int group);
 
-  /// \brief Log the span's end, also when tracing was switched off meanwhile; an empty name logs
+  /// \brief Log the span's end, also if tracing was switched off meanwhile. An empty name logs
   /// nothing. An exception of the trace service ends the process.
   ~PerfTracer();
 

@@ -17,8 +17,9 @@
 /// carries no metadata; the child field of every list is called "item". A time column comes first
 /// ("time": float64), a dimension column last ("dimension": list of uint64).
 ///
-/// A type outside of `KYRSignalDataType`, or a category outside of `KYRSignalCategory`, gives an
-/// empty pointer, not an error: test the result before handing it to Arrow, which dereferences it.
+/// The functions return an empty pointer for a type outside of `KYRSignalDataType` or a category
+/// outside of `KYRSignalCategory`. Test the result before you hand it to Arrow, which dereferences
+/// it.
 namespace kyr::parquet::schemaBuilder {
 
 /// \brief Schema of a signal of \p category whose data column is called \p name.

@@ -45,15 +45,17 @@ class KYR_PARQUET_EXPORT SignalFormatter {
                                          const Dimensions& dimensions,
                                          const std::vector<int>& sizes);
 
-  /// \brief A table whose rows are nested lists, one level per dimension of the first entry of \p
-  /// dimensions (the shape of every sample); the innermost lists run along the first dimension.
+  /// \brief A table whose rows are nested lists, one level per dimension. The innermost lists run
+  /// along the first dimension.
+  /// \param dimensions  the first entry is the shape of every sample; the others are ignored
   /// \param schema  of schemaBuilder::getSchemaWithDimensionsPreserved
   /// \throws as format(), and std::invalid_argument if the nesting is not the schema's
   std::shared_ptr<::arrow::Table> formatMatrixPreserveDimension(
       const std::shared_ptr<::arrow::Buffer>& data, KYRSignalDataType type,
       const std::shared_ptr<::arrow::Schema>& schema, const Dimensions& dimensions);
 
-  /// \brief The inverse of format(). A table without a "data" column leaves \p bytes as it is.
+  /// \brief Take the samples out of a table as format() makes it. A table without a "data" column
+  /// leaves \p bytes as it is.
   ///
   /// \param bytes  the samples' bytes are appended; clear it first where that is not wanted
   /// \param dimensions  one entry per row if the table has a "dimension" column, else no value

@@ -22,6 +22,9 @@ class StreamableSignal;
 /// - on, row-group mode: signals are `StreamableSignal`, appended piece by piece; ask
 ///   getStreamableSignal().
 ///
+/// Only a `StreamableSignal` reads windows of rows. So a host that wants windows needs row-group
+/// mode, or SafeStorage (below).
+///
 /// A signal removed from the pool stays usable for whoever still holds it; its files are deleted
 /// when the last holder lets go. The directory is working storage: destroying the pool deletes the
 /// files in it (not the directory). To keep them, save a recording first.

@@ -17,13 +17,13 @@ namespace kyr::parquet {
 
 /// \brief Parquet files of one storage directory that grow row group by row group.
 ///
-/// Each file has a storage id. It is created with a schema, written any number of times (each write
-/// adds one row group, or several where the table is longer than Parquet's limit of 1,048,576 rows
-/// a group), closed, and then read by row range any number of times. The destructor deletes every
-/// file that the writer knows, those found in the directory included, unless preserveDirectory()
-/// says otherwise; the directory itself stays.
+/// Each file has a storage id. It is created with a schema, written any number of times, closed, and
+/// then read by row range any number of times. Each write adds one row group, or several if the
+/// table has more than 1,048,576 rows, Parquet's limit. The destructor deletes every file that the
+/// writer knows, including those that it found in the directory, unless preserveDirectory() says
+/// otherwise; the directory itself stays.
 ///
-/// What a caller must know, because recordings and hosts rely on it:
+/// Hosts and recordings rely on these rules:
 ///
 /// - A failed table write or close reports nothing by itself; ask lastWriteStatus() or
 ///   writeStatus().
@@ -34,9 +34,9 @@ namespace kyr::parquet {
 ///   streamed batches have; rows of a file with other groups come back shifted.
 /// - Ids grow and are not reused.
 ///
-/// An id that the writer does not know is std::out_of_range naming it, in every member that takes
-/// one; so is a lost one, except to remove(). Failures to open a file are
-/// parquet::ParquetStatusException.
+/// Every member that takes an id throws std::out_of_range for one that the writer does not know, and
+/// for a lost one; only remove() accepts a lost id. A file that cannot be opened is a
+/// ::parquet::ParquetStatusException.
 ///
 /// One thread at a time. Not copyable.
 class KYR_PARQUET_EXPORT StreamableWriter {
@@ -49,13 +49,14 @@ class KYR_PARQUET_EXPORT StreamableWriter {
   /// \brief A writer over \p directory; see setParquetDirectory().
   explicit StreamableWriter(const Path& directory);
 
-  /// \brief Close and delete every file, quietly.
+  /// \brief Close and delete every file; failures are ignored.
   ~StreamableWriter();
 
   StreamableWriter(const StreamableWriter&) = delete;
   StreamableWriter& operator=(const StreamableWriter&) = delete;
 
-  /// \brief Set the directory, once, and adopt its Parquet files; set again, it looks for new ones.
+  /// \brief Set the directory and adopt its Parquet files. It can be set once; setting the same one
+  /// again adopts new files.
   ///
   /// Files are recognised by their first bytes. One whose name begins with a number gets that id,
   /// the others the ids after the largest. Adopted files can be read, not written. A missing
@@ -72,7 +73,7 @@ class KYR_PARQUET_EXPORT StreamableWriter {
   ///         were when the writer was made
   int create(const ::arrow::Schema& schema, const Compression& compression);
 
-  /// \brief As above with a file name of its own; the id is unrelated to it.
+  /// \brief Create a file that is called \p name; the id has nothing to do with the name.
   int create(const std::string& name, const ::arrow::Schema& schema,
              const Compression& compression);
 
@@ -82,7 +83,7 @@ class KYR_PARQUET_EXPORT StreamableWriter {
   ///         then
   void write(int id, const ::arrow::Table& table);
 
-  /// \brief Finish the file: write its footer, or let go of its reader. Closing again is no error.
+  /// \brief Close the file: write its footer, or close its reader. Closing again is no error.
   void close(const int& id);
 
   /// \brief Rows [\p from, \p to) of a closed file, reading only the row groups around them.
@@ -123,12 +124,12 @@ class KYR_PARQUET_EXPORT StreamableWriter {
   friend class StreamableSignalImpl;
   using RowRange = std::pair<unsigned long, unsigned long>;
 
-  // clone() of one range after the other, until \p next gives none. Row groups that neighbouring
-  // ranges share are read once.
+  // Clones one range after the other until \p next returns none. Row groups that neighbouring ranges
+  // share are read once.
   void cloneEach(int src, int dst, const std::function<std::optional<RowRange>()>& next);
 
-  // Replaces \p out by the elements of the rows that read() gives, without a table, where the file
-  // allows that. Returns whether it does; otherwise \p out is as it may be.
+  // Replaces \p out by the elements of the rows that read() returns, without making a table. Returns
+  // whether the file allows that; if not, the content of \p out is undefined.
   bool readElements(int id, unsigned long from, unsigned long to, std::vector<char>& out);
 
   class Impl;

@@ -42,7 +42,8 @@ class KYR_PARQUET_EXPORT DirectoryEntry {
 
   explicit DirectoryEntry(std::filesystem::directory_entry entry);
 
-  /// \brief Type of what the entry names, links followed; `other` when it has vanished meanwhile.
+  /// \brief The type of what the entry names. Links are followed. An entry that has vanished
+  /// meanwhile is `other`.
   Type type() const noexcept;
 
   /// \throws std::invalid_argument if the name is not well-formed UTF-8
@@ -57,7 +58,7 @@ class KYR_PARQUET_EXPORT DirectoryEntry {
   std::filesystem::directory_entry entry_;
 };
 
-/// \brief Walk over the entries of one directory, in the platform's order.
+/// \brief A walk over the entries of one directory, in the platform's order.
 ///
 /// A default-constructed iterator is the end. Copies share their position: advancing one advances
 /// all, as with std::filesystem::directory_iterator.

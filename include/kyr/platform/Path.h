@@ -16,7 +16,7 @@ class KYR_PARQUET_EXPORT Path {
  public:
   Path() = default;
 
-  /// \brief Take \p text as it is; ill-formed UTF-16 is reported by the first narrow conversion.
+  /// \brief A path of any text. Ill-formed UTF-16 is reported by the first narrow conversion.
   /// \param isNative  whether \p text already uses the platform's own separators
   explicit Path(std::u16string text, bool isNative = false);
 
@@ -42,11 +42,11 @@ class KYR_PARQUET_EXPORT Path {
   /// \brief The same path with the platform's separators.
   Path native() const;
 
-  /// \brief This path with one more element; a separator is put between where there is none.
+  /// \brief This path with one more element behind it, and with a separator between them.
   Path join(const Path& element) const;
   Path join(std::string_view utf8Element) const;
 
-  /// \brief What follows the last separator; empty when the path ends in one.
+  /// \brief The text behind the last separator; empty if the path ends in one.
   Path fileName() const;
 
   friend bool operator==(const Path& a, const Path& b) noexcept { return a.text_ == b.text_; }

@@ -12,7 +12,7 @@ namespace kyr {
 ///
 /// One "B" and one "E" event per span, with the group as the category and times in microseconds
 /// since the service was made. Every group is enabled. The file is complete when the service is
-/// destroyed; cut off before that, viewers still read what is there.
+/// destroyed; viewers also read a file that was cut off before.
 class KYR_PARQUET_EXPORT TraceEventFile final : public TraceService {
  public:
   /// \brief Create or replace the file \p path.

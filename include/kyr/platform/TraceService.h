@@ -14,7 +14,8 @@ class KYR_PARQUET_EXPORT TraceService {
  public:
   virtual ~TraceService();
 
-  /// \brief Introduce the trace group \p name; the handle returned names it in the other calls.
+  /// \brief Add the trace group \p name.
+  /// \return the handle that stands for the group in the other calls
   virtual int addGroup(const std::string& name) = 0;
   virtual bool isEnabled(int group) const = 0;
   /// \param phase  1 at the beginning of the span called \p label, 0 at its end
@@ -23,13 +24,13 @@ class KYR_PARQUET_EXPORT TraceService {
 
 /// \brief Install \p service for the process; an empty pointer switches tracing off.
 ///
-/// It is told of every group known so far, in the order in which they were added. Without a
-/// service, a trace point costs one test.
+/// The service is told of every group known so far, in the order in which they were added. Without
+/// a service, a trace point costs one test.
 /// \return the service that was installed before, or an empty pointer
 KYR_PARQUET_EXPORT std::shared_ptr<TraceService> installTraceService(
     std::shared_ptr<TraceService> service);
 
-/// \brief The process's trace service: forwards to the installed one, off when there is none.
+/// \brief The process's trace service. It forwards to the installed one and is off without one.
 ///
 /// Group handles obtained here stay valid whatever service is installed later.
 KYR_PARQUET_EXPORT TraceService& processTraceService();

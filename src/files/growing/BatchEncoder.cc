@@ -13,7 +13,7 @@ namespace kyr::parquet {
 namespace {
 
 constexpr std::size_t kMargin = 4096;
-// Copied and hashed at once: small enough for the nearest cache.
+// Bytes that are copied and then hashed. They stay in the nearest cache.
 constexpr std::size_t kPieceBytes = 4096;
 
 // The bytes of a batch, and the hash of those that a record holds.

@@ -14,15 +14,15 @@
 
 namespace kyr::parquet {
 
-/// The bytes of a Parquet file with at most one row group, whose metadata give the place that the
-/// row group is meant for in another file.
+/// The bytes of a Parquet file with at most one row group. The offsets in its metadata are those that
+/// the row group will have in another file.
 class EncodedBatch {
  public:
-  /// \param file  of "PAR1", row group, metadata, their length, "PAR1"
-  /// \param hash  of row group and metadata
+  /// \param file  "PAR1", the row group, the metadata, their length, "PAR1"
+  /// \param hash  of the row group and the metadata
   EncodedBatch(std::string file, const RecordHash& hash);
 
-  /// Row group and metadata.
+  /// The row group and the metadata.
   std::string_view payload() const;
   const RecordHash& hash() const { return hash_; }
   std::string_view metadata() const { return payload().substr(rowGroupBytes()); }
@@ -34,7 +34,7 @@ class EncodedBatch {
   RecordHash hash_;
 };
 
-/// Makes batches of one schema in memory.
+/// Encodes batches of one schema in memory.
 class BatchEncoder {
  public:
   explicit BatchEncoder(FileLayout layout) : layout_(std::move(layout)) {}
@@ -42,10 +42,10 @@ class BatchEncoder {
   const ::arrow::Schema& schema() const { return *layout_.schema(); }
   std::int64_t maxRows() const { return layout_.properties().max_row_group_length(); }
 
-  /// Metadata without a row group.
+  /// A batch without a row group.
   EncodedBatch encodeEmpty(const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) const;
 
-  /// One row group, without key-value metadata.
+  /// A batch of one row group, without key-value metadata.
   /// \param offset  of the row group's first byte in the file that it is made for
   /// \throws ::parquet::ParquetException if \p table cannot be encoded
   EncodedBatch encode(const ::arrow::Table& table, std::uint64_t offset);
@@ -53,8 +53,8 @@ class BatchEncoder {
  private:
   FileLayout layout_;
   ColumnEncoding encoding_;
-  std::size_t encodingUses_ = 0;  // before it is chosen anew
-  std::size_t lastBytes_ = 0;     // of the batch before, as the next one's first guess
+  std::size_t encodingUses_ = 0;  // how often it is used before another one is chosen
+  std::size_t lastBytes_ = 0;     // of the batch before; the next one is expected to be as large
 };
 
 }  // namespace kyr::parquet

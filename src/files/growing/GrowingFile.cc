@@ -18,9 +18,9 @@ namespace kyr::parquet {
 
 namespace {
 
-// A footer is due when it is this part of the bytes of the batches since the last one, or when there
-// are this part more batches. More of them cost writing time, fewer leave the file unpublished for
-// longer.
+// A footer is due if it takes at most this part of the bytes that were appended since the last footer,
+// or if this part of the batches came since then. More footers cost time, fewer leave the file
+// unpublished for longer.
 constexpr std::uint64_t kFooterShare = 16;
 constexpr std::uint64_t kBatchShare = 4;
 constexpr std::size_t kPieceBytes = std::size_t{1} << 20U;
@@ -32,7 +32,7 @@ std::uint64_t randomNumber() {
   return number;
 }
 
-// What Parquet says about a file, with its name.
+// Puts the name of the file before what Parquet says about it.
 template <typename Operation>
 auto naming(const std::filesystem::path& path, Operation&& operation) {
   try {
@@ -162,8 +162,8 @@ void GrowingFile::replaceTail(const std::vector<std::string_view>& pieces) {
     if (fileEnd_ > end) file_->truncate(end);
     fileEnd_ = end;
   } catch (...) {
-    // If this fails as well, what is behind the records is overwritten or cut by the next call, or
-    // cut by a recovery.
+    // If this fails as well, the next call or a recovery overwrites or cuts what lies behind the
+    // records.
     if (file_->tryTruncate(recordsEnd_)) fileEnd_ = recordsEnd_;
     throw;
   }
@@ -195,8 +195,8 @@ void GrowingFile::sync() {
 }
 
 void GrowingFile::rewriteUnsynced() {
-  // What could not be written may have been dropped from memory, too; then it must not be taken for
-  // the batches.
+  // The system may have dropped what it could not write. What it reads then must not pass for the
+  // batches.
   std::uint64_t at = std::max<std::uint64_t>(syncedEnd_, kParquetMagic.size());
   while (at < recordsEnd_) {
     const auto record = readRecord(*file_, RecordKind::batch, at, recordsEnd_);

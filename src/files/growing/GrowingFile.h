@@ -19,9 +19,9 @@
 
 namespace kyr::parquet {
 
-/// A Parquet file that grows batch by batch and that recoverFile() (FileRecovery.h) can make
-/// complete whenever the writing stopped. A batch that was appended outlives the program; one that
-/// was appended before a sync() outlives the machine as well.
+/// A Parquet file that grows batch by batch. Wherever the writing stops, recoverFile()
+/// (FileRecovery.h) can complete the file. A batch that was appended survives a crash of the program;
+/// one that was appended before a sync() also survives a crash of the machine.
 ///
 /// Layout. Numbers are unsigned and little-endian.
 ///
@@ -53,79 +53,79 @@ namespace kyr::parquet {
 ///
 /// Batch records follow each other without a gap, are never changed, and suffice to make the
 /// footer. The next record is written over a footer; its bytes from 80 on then stand where the
-/// footer's metadata began. 8F begins no Thrift struct, so that a file in between is refused by
-/// every reader of Parquet instead of being read in part.
+/// footer's metadata began. No Thrift struct begins with 8F, so every reader of Parquet refuses a
+/// file in this state instead of reading a part of it.
 ///
-/// A file is published, and any program can read it, after each batch whose footer is at most a
-/// sixteenth of what was appended since the last footer, or when there are a third more batches
-/// than then, and when that is asked for. Otherwise it ends in a batch record, and other programs
-/// report an error. Footers that nobody asked for are together at most a sixteenth of the batches
-/// and five times the last one.
+/// A published file ends in a footer, and any program can read it. A batch publishes the file if the
+/// caller asks for it, if the footer is at most a sixteenth of what was appended since the last
+/// footer, or if there are a third more batches than at the last footer. Otherwise the file ends in a
+/// batch record, and other programs report an error. Footers that no caller asked for are together at
+/// most a sixteenth of the batches and five times the last footer.
 ///
-/// Failures of the file are a std::system_error, or a std::runtime_error for what Parquet says,
-/// and name the file. The object is then as it was before the call, which may be repeated; a file
-/// that was published may be so no more.
+/// Failures of the file are a std::system_error, failures that Parquet reports a std::runtime_error;
+/// both name the file. The object is then as it was before the call, which may be repeated, except
+/// that a published file may no longer be published.
 ///
-/// Memory: the encoded batch during a call, and between calls about a hundred bytes per column and
-/// batch. One file descriptor.
+/// The object needs the memory of the encoded batch during a call, about a hundred bytes per column
+/// and batch between calls, and one file descriptor.
 class GrowingFile {
  public:
-  /// A new file, published without rows. Its name is only safe from a power cut after sync() and
+  /// Creates a file and publishes it without rows. The name survives a power cut only after sync() and
   /// syncDirectoryOf().
   /// \param keyValues  of the Parquet file; may be empty
-  /// \throws std::system_error if there is anything of that name, which stays as it is; nothing
-  ///         is left behind by other failures
+  /// \throws std::system_error if the name is taken; what has the name stays as it is. After other
+  ///         failures the new file is removed
   /// \throws std::invalid_argument for properties with encryption
   static std::unique_ptr<GrowingFile> create(
       const std::filesystem::path& path, const FileLayout& layout,
       const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues = nullptr);
-  /// Encoded as the properties say.
+  /// Creates a file whose batches are encoded as the properties say.
   static std::unique_ptr<GrowingFile> create(
       const std::filesystem::path& path, const std::shared_ptr<::arrow::Schema>& schema,
       const std::shared_ptr<::parquet::WriterProperties>& properties,
       const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues = nullptr);
 
-  /// Leaves the file as it is; it need not be published.
+  /// Leaves the file as it is, also if it is not published.
   ~GrowingFile() = default;
   GrowingFile(const GrowingFile&) = delete;
   GrowingFile& operator=(const GrowingFile&) = delete;
 
-  /// Adds a batch, one row group. A table without rows adds none.
-  /// \param publish  whether to publish in any case
-  /// \throws std::invalid_argument if the table is of another schema or has more than maxRows()
+  /// Appends a batch as one row group. A table without rows appends nothing.
+  /// \param publish  whether to publish the file in any case
+  /// \throws std::invalid_argument if the table has another schema or more than maxRows() rows
   void appendBatch(const ::arrow::Table& table, bool publish = false);
 
-  /// Makes the file complete up to the last batch.
+  /// Writes a footer behind the last batch, which completes the file.
   void publish();
   bool isPublished() const { return published_; }
   bool isFinished() const { return finished_; }
 
-  /// Waits until all batches are on the disk. If that failed before, writes them anew first: the
-  /// system does not try again by itself.
+  /// Waits until all batches are on the disk. If the last sync failed, it first writes again what was
+  /// not synced, because the system does not try again by itself.
   void sync();
 
-  /// Publishes and closes; from then on the file can only be read, if it keeps its name. Does not
-  /// sync. A failure to close is told once; the file is finished all the same.
+  /// Publishes and closes the file without a sync. From then on it can only be read, as long as it
+  /// keeps its name. If closing fails, the call throws, but the file is finished all the same.
   void finish();
 
-  /// Gives its descriptor back until it is used next; the file must keep its name.
+  /// Gives the descriptor back until the file is used next. The file must keep its name.
   void suspend();
 
   std::uint64_t rowCount() const { return index_.rows(); }
   std::size_t batchCount() const { return index_.batches(); }
   /// \throws std::out_of_range
   std::uint64_t batchRows(std::size_t batch) const;
-  /// What a batch may have at most.
+  /// The largest number of rows of a batch.
   std::int64_t maxRows() const { return encoder_.maxRows(); }
-  /// All that was ever written of footers.
+  /// The bytes of all footers that were written.
   std::uint64_t footerBytes() const { return footerBytes_; }
 
-  /// As RowReader::read(), of all batches.
+  /// Reads rows of all batches; see RowReader::read().
   std::shared_ptr<::arrow::Table> read(
       std::uint64_t first, std::uint64_t count,
       const std::optional<std::vector<int>>& columns = std::nullopt);
 
-  /// Null if there are none.
+  /// The key-value metadata of the file; null if there are none.
   std::shared_ptr<const ::arrow::KeyValueMetadata> keyValueMetadata() const;
 
  private:
@@ -135,19 +135,20 @@ class GrowingFile {
   void requireGrowing() const;
   void writeRecord(const EncodedBatch& batch, std::uint64_t rows, bool publish);
   std::string footer(std::uint64_t offset, std::uint64_t records) const;
-  // Puts \p pieces behind the batch records and ends the file there; cuts it back if that fails.
+  // Writes \p pieces behind the batch records, where the file ends then. Cuts the file back to the batch
+  // records if that fails.
   void replaceTail(const std::vector<std::string_view>& pieces);
   void noteFooter(std::size_t bytes);
   void rewriteUnsynced();
 
-  std::shared_ptr<DiskFile> file_;  // null once finished, until something is read
+  std::shared_ptr<DiskFile> file_;  // null from finish() until something is read
   BatchEncoder encoder_;
   BatchIndex index_;
   std::optional<RowReader> reader_;
   std::uint64_t fileId_;
   std::uint64_t records_ = 0;
   std::uint64_t recordsEnd_;
-  std::uint64_t fileEnd_;               // the file has at most so many bytes
+  std::uint64_t fileEnd_;               // an upper bound of the size of the file
   std::uint64_t bytesSinceFooter_ = 0;  // of batch records
   std::uint64_t recordsAtFooter_ = 0;
   std::uint64_t footerBytes_ = 0;
