@@ -36,8 +36,8 @@ std::size_t lengthOf(const FileNode* head) {
   return length;
 }
 
-// Every operation on whole chains, per node, and the registration of one. The cost per node must not
-// depend on the length of the chain.
+// Every operation on whole chains, per node, and the registration of one. The cost per node must
+// not depend on the length of the chain.
 void chain(benchmark::State& state) {
   const auto nodes = static_cast<std::size_t>(state.range(0));
   Rounds rounds;

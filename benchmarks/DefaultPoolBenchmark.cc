@@ -17,7 +17,8 @@
 #include "support/Bench.h"
 #include "support/Workloads.h"
 
-/// Whole pools, compared with a bare program that hashes and writes the same files, and with read(2).
+/// Whole pools, compared with a bare program that hashes and writes the same files, and with
+/// read(2).
 namespace kyr::bench {
 
 namespace {
@@ -346,8 +347,8 @@ BENCHMARK(streamedPool)
     ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
 
-// Reads 10,000 rows from the middle of files of a million rows: the first window of each file, which
-// opens it, and later ones.
+// Reads 10,000 rows from the middle of files of a million rows: the first window of each file,
+// which opens it, and later ones.
 void poolWindows(benchmark::State& state) {
   constexpr std::size_t kWindowRows = 10'000;
   const Signals signals(20, 1'000'000, 20);

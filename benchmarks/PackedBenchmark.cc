@@ -26,8 +26,8 @@ using Signals = std::vector<std::vector<char>>;
 constexpr std::size_t kRows = 200;
 constexpr std::size_t kPackBelow = std::size_t{1} << 20U;
 
-// Many small signals over one time vector, from the values to a saved recording and back. Destroying
-// the pool is not measured.
+// Many small signals over one time vector, from the values to a saved recording and back.
+// Destroying the pool is not measured.
 struct Workload {
   explicit Workload(std::size_t count) : time(clockTimes(kRows)), signals(count) {
     for (std::size_t i = 0; i < count; ++i) {
@@ -127,8 +127,8 @@ double timeOpen(const Folder& folder, const std::string& name, const Workload& l
   return result;
 }
 
-// Recordings with packs or with a file per signal, each in units of one file of the same bytes. They
-// run apart, because file systems make files slowly where thousands were just deleted.
+// Recordings with packs or with a file per signal, each in units of one file of the same bytes.
+// They run apart, because file systems make files slowly where thousands were just deleted.
 void packedRecording(benchmark::State& state) {
   const Workload load(static_cast<std::size_t>(state.range(0)));
   const Folder folder;

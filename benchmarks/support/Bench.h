@@ -92,8 +92,8 @@ double wallSeconds(Work&& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/// Seconds of processor time of \p work, the kernel's included. Other programs on the machine change it
-/// little.
+/// Seconds of processor time of \p work, the kernel's included. Other programs on the machine
+/// change it little.
 template <typename Work>
 double seconds(Work&& work) {
   const auto now = [] {

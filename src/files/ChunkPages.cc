@@ -21,7 +21,10 @@ constexpr std::int64_t kLeastSaving = 20;
 // Serializes the fields of a page header in the order of their ids.
 class Header {
  public:
-  explicit Header(std::initializer_list<std::int64_t> numbers) { add(numbers); }
+  explicit Header(std::initializer_list<std::int64_t> numbers) {
+    bytes_.reserve(64);  // more than any header takes
+    add(numbers);
+  }
 
   void add(std::initializer_list<std::int64_t> numbers) {
     for (const std::int64_t number : numbers) {

@@ -148,12 +148,14 @@ class ChunkWriter {
   }
 
   void writePage(const PageRows& page, Encoding::type encoding) {
-    ChunkPages::Pieces pieces;
-    for (const auto& [values, count] : storedValues(page)) pieces.push_back(bytesOf(values, count));
+    pieces_.clear();
+    for (const auto& [values, count] : storedValues(page)) {
+      pieces_.push_back(bytesOf(values, count));
+    }
     if (const auto shorter = encoded(encoding, page.values() * std::int64_t{sizeof(Stored)})) {
       return addData(page, encoding, {std::string_view(*shorter)});
     }
-    addData(page, Encoding::PLAIN, pieces);
+    addData(page, Encoding::PLAIN, pieces_);
   }
 
   // The values of runs_. Empty if the encoding is not for them, or takes more bytes than \p most.
@@ -212,6 +214,7 @@ class ChunkWriter {
   PageSize size_;
   std::vector<Run> runs_;
   std::vector<Stored> converted_;
+  ChunkPages::Pieces pieces_;
 };
 
 }  // namespace

@@ -27,8 +27,8 @@ constexpr std::size_t kFewestValues = 256;
 constexpr std::size_t kSampled = 1024;
 // An encoding must save a quarter of the plain bytes to be worth its time.
 constexpr double kWorthwhile = 0.75;
-// The share of the bytes that byte-stream split with a codec leaves of steady steps. Measured: 0.01 to
-// 0.05.
+// The share of the bytes that byte-stream split with a codec leaves of steady steps. Measured: 0.01
+// to 0.05.
 constexpr double kSteadyShare = 0.03;
 constexpr double kNever = std::numeric_limits<double>::infinity();
 
@@ -129,8 +129,8 @@ double dictionaryBytes(const Numbers& numbers) {
   return numbers.plainBytes() * distinct / all + number;
 }
 
-// Bytes per value as differences of neighbours. Parquet stores them in blocks of 128, with a width of
-// its own for every 32 (DELTA_BINARY_PACKED in its description of encodings).
+// Bytes per value as differences of neighbours. Parquet stores them in blocks of 128, with a width
+// of its own for every 32 (DELTA_BINARY_PACKED in its description of encodings).
 double deltaBytes(const Numbers& numbers) {
   constexpr std::size_t kMiniBlock = 32;
   constexpr double kBlockOverhead = 8.0 / 128;
@@ -185,8 +185,8 @@ double timesLog(std::uint32_t n) {
   return table[n];
 }
 
-// Bytes per value if the bytes of each place within the values are stored side by side and compressed
-// by themselves.
+// Bytes per value if the bytes of each place within the values are stored side by side and
+// compressed by themselves.
 double splitBytes(const Numbers& numbers, Compression::type codec) {
   if (takesSteadySteps(numbers)) return kSteadyShare * numbers.plainBytes();
   const bool codesBytes =

@@ -19,15 +19,16 @@ struct ColumnEncoding {
   ::arrow::Compression::type codec = ::arrow::Compression::UNCOMPRESSED;
 };
 
-/// Chooses an encoding by a sample of the values. Plain values are by far the fastest to write and to
-/// read, so another encoding has to save a quarter of their bytes:
+/// Chooses an encoding by a sample of the values. Plain values are by far the fastest to write and
+/// to read, so another encoding has to save a quarter of their bytes:
 ///
 /// - a dictionary if values repeat,
 /// - differences of integers if neighbours are close,
-/// - byte-stream split with a codec for floating-point numbers that take steps of one size, as clocks
-///   do, or whose bytes are far from evenly distributed.
+/// - byte-stream split with a codec for floating-point numbers that take steps of one size, as
+///   clocks do, or whose bytes are far from evenly distributed.
 ///
-/// The cost does not depend on the number of values. It is that of copying a few ten thousand values.
+/// The cost does not depend on the number of values. It is that of copying a few ten thousand
+/// values.
 /// \param values  numbers, or lists of them to any depth; all others are stored plain
 /// \param codec  the codec if choice.codec is off
 /// \param mayUseDictionary  whether the user's options allow dictionaries

@@ -7,8 +7,8 @@
 
 namespace kyr::parquet {
 
-/// Reads a struct of Thrift's compact protocol, in which Parquet metadata are serialized. Bytes that
-/// are no such struct are a ::parquet::ParquetException; nothing is read beyond them.
+/// Reads a struct of Thrift's compact protocol, in which Parquet metadata are serialized. Bytes
+/// that are no such struct are a ::parquet::ParquetException; nothing is read beyond them.
 class CompactReader {
  public:
   enum Type : int {

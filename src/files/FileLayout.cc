@@ -62,8 +62,8 @@ void FileLayout::write(const std::shared_ptr<::arrow::io::OutputStream>& sink,
   }
 }
 
-// The metadata have one codec for all chunks of a column. Row groups that do not want it store pages
-// that are not compressed.
+// The metadata have one codec for all chunks of a column. Row groups that do not want it store
+// pages that are not compressed.
 void FileLayout::writeNumbers(const std::shared_ptr<::arrow::io::OutputStream>& sink,
                               const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,
                               const RowGroups& rowGroups,

@@ -22,9 +22,9 @@ constexpr std::size_t kEncodingUses = 4;
 
 /// How files of one schema are written.
 ///
-/// Samples are never null. So where encodings are chosen, a single column of numbers is written as a
-/// required column, which all readers read several times as fast as one that may have nulls. Of such
-/// a column of float64, row groups whose values ascend are marked: see NumberFile::Options.
+/// Samples are never null. So where encodings are chosen, a single column of numbers is written as
+/// a required column, which all readers read several times as fast as one that may have nulls. Row
+/// groups of a float64 column whose values ascend are marked then; see NumberFile::Options.
 class FileLayout {
  public:
   /// \throws ::parquet::ParquetException if Parquet has no such schema
@@ -39,8 +39,8 @@ class FileLayout {
 
   /// Writes a whole Parquet file to \p sink, which stands at its beginning.
   /// \param rowGroups  a table for each row group
-  /// \param encoding  for the samples of all row groups; if none is given, it is chosen for every few
-  ///         row groups
+  /// \param encoding  for the samples of all row groups; if none is given, it is chosen for every
+  ///         few row groups
   /// \throws ::parquet::ParquetException if the rows cannot be encoded, or if the sink says so
   void write(const std::shared_ptr<::arrow::io::OutputStream>& sink,
              const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues,

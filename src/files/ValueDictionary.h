@@ -7,8 +7,8 @@
 
 namespace kyr::parquet {
 
-/// Numbers the distinct values of a column chunk in the order in which they come. Values are compared
-/// by their bits. A hash table with open addressing, which is several times as fast as
+/// Numbers the distinct values of a column chunk in the order in which they come. Values are
+/// compared by their bits. A hash table with open addressing, which is several times as fast as
 /// std::unordered_map.
 template <typename Bits>
 class ValueDictionary {
@@ -47,8 +47,8 @@ class ValueDictionary {
     std::uint32_t number = 0;  // counts from 1; 0 if the slot is free
   };
 
-  // The slot of the value, or the free one for it. Multiplication by the golden ratio spreads values
-  // whose lowest bits are all zero (Knuth, "The Art of Computer Programming" 3, 6.4).
+  // The slot of the value, or the free one for it. Multiplication by the golden ratio spreads
+  // values whose lowest bits are all zero (Knuth, "The Art of Computer Programming" 3, 6.4).
   Slot& slotOf(Bits value) {
     std::size_t at = (std::uint64_t{value} * 0x9E3779B97F4A7C15U) >> shift_;
     while (slots_[at].number != 0 && slots_[at].value != value) at = (at + 1) & (slots_.size() - 1);

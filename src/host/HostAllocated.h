@@ -6,8 +6,8 @@
 
 namespace kyr::host {
 
-/// Base of objects that the host will own. `new (allocator) T(...)` allocates from the host's memory
-/// and fills it with zeros before the constructor runs. `delete` gives it back to the same
+/// Base of objects that the host will own. `new (allocator) T(...)` allocates from the host's
+/// memory and fills it with zeros before the constructor runs. `delete` gives it back to the same
 /// allocator, whoever calls it.
 class HostAllocated {
  public:

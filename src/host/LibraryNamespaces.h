@@ -4,8 +4,8 @@
 
 namespace kyr::host {
 
-/// Adds the library's methods to the host's namespace "Tarnwick.kyr": at once if it exists, otherwise
-/// when it is first opened.
+/// Adds the library's methods to the host's namespace "Tarnwick.kyr": at once if it exists,
+/// otherwise when it is first opened.
 void registerLibrary(HostObjectSystem& host);
 
 }  // namespace kyr::host

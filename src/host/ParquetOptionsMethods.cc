@@ -67,8 +67,8 @@ std::optional<std::int32_t> numberField(const HostArray& values, const std::stri
   const HostArray* field = values.field(0, name);
   if (field == nullptr || !field->isScalar()) return std::nullopt;
   const double value = field->scalar();
-  // The fraction is cut off, so a value may lie beyond the limits by less than one. Comparisons with
-  // NaN are false.
+  // The fraction is cut off, so a value may lie beyond the limits by less than one. Comparisons
+  // with NaN are false.
   using Limits = std::numeric_limits<std::int32_t>;
   if (value > Limits::min() - 1.0 && value < Limits::max() + 1.0) {
     return static_cast<std::int32_t>(value);

@@ -19,8 +19,8 @@ constexpr bool isSeparator(char16_t c) {
   return c == u'/' || c == static_cast<char16_t>(std::filesystem::path::preferred_separator);
 }
 
-// The text in ASCII, with everything else as \xNN or \uNNNN. An error about ill-formed text must not
-// contain it.
+// The text in ASCII, with everything else as \xNN or \uNNNN. An error about ill-formed text must
+// not contain it.
 template <typename Text>
 std::string printable(const Text& text) {
   std::string out;

@@ -42,8 +42,8 @@ void appendBytes(std::vector<T>& out, const void* bytes, std::size_t size) {
   }
 }
 
-/// The number of values that the rows of a list or binary array span. An array without rows may have
-/// no offsets at all.
+/// The number of values that the rows of a list or binary array span. An array without rows may
+/// have no offsets at all.
 template <typename ListLike>
 std::size_t spannedLength(const ListLike& array) {
   if (array.length() == 0) return 0;

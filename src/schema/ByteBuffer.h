@@ -12,8 +12,8 @@
 namespace kyr::parquet {
 
 /// Bytes that grow at the end. It appends a single number at the cost of copying it, where a vector
-/// fills new bytes with zeros first, and it grows with realloc(), which can move large memory without
-/// copying it.
+/// fills new bytes with zeros first, and it grows with realloc(), which can move large memory
+/// without copying it.
 class ByteBuffer {
  public:
   ByteBuffer() = default;
@@ -46,8 +46,8 @@ class ByteBuffer {
   }
   void truncate(std::size_t size) { size_ = std::min(size_, size); }
 
-  /// Removes the first \p count bytes. Memory of up to twice \p keep bytes is kept, more than that is
-  /// given back.
+  /// Removes the first \p count bytes. Memory of up to twice \p keep bytes is kept, more than that
+  /// is given back.
   void dropFront(std::size_t count, std::size_t keep) {
     const std::size_t rest = size_ - count;
     if (capacity_ / 2 > keep) {

@@ -61,9 +61,9 @@ std::shared_ptr<::arrow::Buffer> offsetsOf(const std::uint64_t* ends, std::uint6
   return ::arrow::Buffer::FromVector(std::move(offsets));
 }
 
-// Removes the first values, which were \p batches batches. Memory for one more batch is kept, so that
-// it need not grow again; memory of more than twice that is given back. Without batches, all memory
-// that is not needed is given back.
+// Removes the first values, which were \p batches batches. Memory for one more batch is kept, so
+// that it need not grow again; memory of more than twice that is given back. Without batches, all
+// memory that is not needed is given back.
 template <typename T>
 void dropValues(std::vector<T>& values, std::size_t count, std::size_t batches) {
   const auto rest = values.begin() + static_cast<std::ptrdiff_t>(count);
@@ -78,8 +78,8 @@ void dropValues(std::vector<T>& values, std::size_t count, std::size_t batches) 
   values = std::move(fresh);
 }
 
-// Removes the ends of the first rows and counts the other ends from there. Returns the last end that
-// was removed.
+// Removes the ends of the first rows and counts the other ends from there. Returns the last end
+// that was removed.
 std::uint64_t dropEnds(std::vector<std::uint64_t>& ends, std::size_t rows, std::size_t batches) {
   const std::uint64_t base = ends[rows - 1];
   dropValues(ends, rows, batches);

@@ -45,8 +45,8 @@ struct RowSlice {
   /// for flat columns. The first row begins at `begin`.
   const std::uint64_t* ends = nullptr;
   std::uint64_t begin = 0;
-  /// The extents of all rows, beginning with the first one, and their ends; null for schemas without
-  /// dimensions.
+  /// The extents of all rows, beginning with the first one, and their ends; null for schemas
+  /// without dimensions.
   const std::uint64_t* extents = nullptr;
   const std::uint64_t* extentEnds = nullptr;
   std::uint64_t extentBegin = 0;
@@ -94,6 +94,7 @@ class RowStore {
   RowStore(SampleSchema schema, std::size_t width);
 
   const SampleSchema& schema() const { return schema_; }
+  std::size_t width() const { return width_; }
   std::size_t rows() const { return rows_; }
   void append(const SampleChunk& chunk);
   /// \param rows  of the same schema; not of this store
@@ -116,7 +117,8 @@ class RowStore {
     return tableOf(schema_, slice(from, count));
   }
 
-  /// Removes the first \p rows rows, which were \p batches batches, and keeps memory for one more batch.
+  /// Removes the first \p rows rows, which were \p batches batches, and keeps memory for one more
+  /// batch.
   void dropFront(std::size_t rows, std::size_t batches);
   /// Removes all but the first \p rows rows.
   void truncate(std::size_t rows);

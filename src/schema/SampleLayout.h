@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
-/// How raw samples divide into rows, and how rows become columns. Chunks that are formatted one by one
-/// and rows that are gathered first share this code.
+/// How raw samples divide into rows, and how rows become columns. Chunks that are formatted one by
+/// one and rows that are gathered first share this code.
 namespace kyr::parquet {
 
 /// The form of a data column: numbers, lists of numbers, or bytes.
@@ -33,7 +33,8 @@ std::size_t elementBytes(const SampleSchema& schema);
 /// The product of the extents: 1 without extents, and the largest number if the product is larger.
 std::size_t shapeElements(const std::vector<std::uint64_t>& extents);
 
-/// The offsets of the rows of \p count elements with the given dimensions; empty without dimensions.
+/// The offsets of the rows of \p count elements with the given dimensions; empty without
+/// dimensions.
 /// \throws std::invalid_argument for more elements than 32-bit offsets can count
 std::vector<std::int32_t> rowOffsets(std::size_t count,
                                      const std::vector<std::vector<std::uint64_t>>& dimensions);

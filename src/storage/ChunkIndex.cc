@@ -23,8 +23,8 @@ std::vector<int> ChunkIndex::ids() const {
 void ChunkIndex::addFound(const std::vector<int>& ids) {
   for (const int id : ids) counts_.emplace(id, 0);
   // The counter goes to the largest id itself, not past it: the next allocation returns that id
-  // again, and its write goes to the existing file. Hosts that reopen directories rely on these ids.
-  // Pinned by SerializerWorker.ReopenedDirectoryContinuesAtItsLargestId.
+  // again, and its write goes to the existing file. Hosts that reopen directories rely on these
+  // ids. Pinned by SerializerWorker.ReopenedDirectoryContinuesAtItsLargestId.
   if (!counts_.empty()) nextId_ = std::max(nextId_, largestId());
 }
 

@@ -20,7 +20,8 @@ class ChunkIndex {
   int largestId() const;
   std::vector<int> ids() const;
 
-  /// Adds ids that were found on disk, without a reference, and raises the counter to the largest id.
+  /// Adds ids that were found on disk, without a reference, and raises the counter to the largest
+  /// id.
   void addFound(const std::vector<int>& ids);
 
   /// Allocates the counter's id with one reference. An id that is known already keeps its count.

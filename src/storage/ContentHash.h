@@ -16,8 +16,9 @@ constexpr std::uint64_t mixHash(std::uint64_t hash, std::uint64_t element) {
   return hash ^ ((hash >> 2) + (hash << 6) + kHashIncrement + element);
 }
 
-/// What an element contributes to the hash. A floating-point number contributes its bit pattern, and
-/// both zeros contribute 0. An integer is extended to 64 bits by its own signedness; char is signed.
+/// What an element contributes to the hash. A floating-point number contributes its bit pattern,
+/// and both zeros contribute 0. An integer is extended to 64 bits by its own signedness; char is
+/// signed.
 template <typename T>
 std::uint64_t hashElement(T value) {
   if constexpr (std::is_floating_point_v<T>) {
@@ -34,8 +35,8 @@ std::uint64_t hashElement(T value) {
   }
 }
 
-/// Hash of \p count elements of type T at \p values, which need not be aligned, and after them of the
-/// values of the dimension vectors in order, as 32-bit numbers. It starts from
+/// Hash of \p count elements of type T at \p values, which need not be aligned, and after them of
+/// the values of the dimension vectors in order, as 32-bit numbers. It starts from
 /// std::type_info::hash_code, so it is stable within one process only.
 template <typename T>
 std::uint64_t contentHash(const void* values, std::size_t count,

@@ -51,8 +51,8 @@ class ParquetSerializerWorker::Impl {
   void writeFile(const ::arrow::Table& table, int id, const Compression& compression) {
     const auto span = getScopedPerfTracer("ParquetSerializerWorker_writeHelper");
     const std::string path = filePath(id).toNarrow();
-    // Appending is on, so that no existing file is ever truncated. Parquet cannot append: if the file
-    // holds bytes, the write fails in silence and the bytes stay. Pinned by
+    // Appending is on, so that no existing file is ever truncated. Parquet cannot append: if the
+    // file holds bytes, the write fails in silence and the bytes stay. Pinned by
     // SerializerWorker.WriteUnderAnIdWhoseFileExistsIsLostInSilence.
     const auto stream = ::arrow::io::FileOutputStream::Open(path, /*append=*/true).ValueOrDie();
     const auto format = formats.of(table.schema(), compression);

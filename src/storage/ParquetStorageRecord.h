@@ -11,8 +11,8 @@ constexpr int kNoStorage = -554114;
 /// Which file of a signal is meant.
 enum class SignalPart : char { time = 0, data = 1 };
 
-/// The storage ids of one signal, and the object that owns their files: a worker or a writer. It lives
-/// as long as any record refers to it.
+/// The storage ids of one signal, and the object that owns their files: a worker or a writer. It
+/// lives as long as any record refers to it.
 template <typename Owner>
 struct ParquetStorageRecord {
   bool hasStorage = false;

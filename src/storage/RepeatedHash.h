@@ -11,8 +11,8 @@
 namespace kyr::parquet {
 
 /// Remembers the content hash of a vector that comes again and again, like the time vector of many
-/// signals. A vector is recognised by its address. A digest of 128 bits (XXH3), which is several times
-/// as fast as the content hash, tells whether it still holds the same bytes.
+/// signals. A vector is recognised by its address. A digest of 128 bits (XXH3), which is several
+/// times as fast as the content hash, tells whether it still holds the same bytes.
 class RepeatedHash {
  public:
   /// The content hash of the \p bytes bytes at \p data.

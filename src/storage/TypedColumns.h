@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-/// Samples as Arrow columns, and back. The builders wrap the caller's memory, which must outlive what
-/// they return.
+/// Samples as Arrow columns, and back. The builders wrap the caller's memory, which must outlive
+/// what they return.
 namespace kyr::parquet::typedColumns {
 
 using Dimensions = std::vector<std::vector<std::size_t>>;
@@ -29,13 +29,13 @@ ArrayPtr wrapBinary(const std::vector<char>& data, const std::vector<int>& offse
 /// The list column of dimension vectors. It owns its memory.
 ArrayPtr dimensionColumn(const Dimensions& dimensions);
 
-/// Appends the bytes of a binary column to \p data and replaces \p offsets. The offsets start at the
-/// size that \p data had and continue over all chunks.
+/// Appends the bytes of a binary column to \p data and replaces \p offsets. The offsets start at
+/// the size that \p data had and continue over all chunks.
 void appendBlobs(const ::arrow::ChunkedArray& column, std::vector<char>& data,
                  std::vector<int>& offsets);
 
-/// A table that was read from a file, to take its columns apart. A column's name tells whether it is
-/// there; the column itself is taken by position: time (if there is one), data, dimension. Every
+/// A table that was read from a file, to take its columns apart. A column's name tells whether it
+/// is there; the column itself is taken by position: time (if there is one), data, dimension. Every
 /// error is a std::runtime_error naming the file.
 class StoredTable {
  public:
@@ -46,9 +46,9 @@ class StoredTable {
   /// Replaces \p time, by nothing if there is no time column.
   void readTime(std::vector<double>& time) const;
 
-  /// Replaces \p values by the elements of the flat or list column "data" of \p type, and \p offsets
-  /// by the offsets of the rows in elements (empty for a flat column). T is the element type, or char
-  /// for the bytes of the elements.
+  /// Replaces \p values by the elements of the flat or list column "data" of \p type, and \p
+  /// offsets by the offsets of the rows in elements (empty for a flat column). T is the element
+  /// type, or char for the bytes of the elements.
   template <typename T>
   void readValues(const std::shared_ptr<::arrow::DataType>& type, std::vector<T>& values,
                   std::vector<int>& offsets) const;

@@ -31,8 +31,8 @@ class RowIndex {
   std::vector<std::uint64_t> sums_;
 };
 
-/// The position of row \p row by the walk that StreamableWriter describes: the sizes of the row groups
-/// are summed one step late. Takes O(log n) steps for n row groups.
+/// The position of row \p row by the walk that StreamableWriter describes: the sizes of the row
+/// groups are summed one step late. Takes O(log n) steps for n row groups.
 RowPosition locateRow(const RowIndex& index, std::uint64_t row);
 
 /// The row groups that were read last. The next range of rows may need the same ones.

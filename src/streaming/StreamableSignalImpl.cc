@@ -169,15 +169,20 @@ void StreamableSignalImpl::appendChunk(Part& part, unsigned long contentNumber,
 void StreamableSignalImpl::bufferChunk(Part& part, const SampleChunk& chunk, std::size_t width) {
   if (!part.buffer) part.buffer.emplace(schemaOf(part), width);
   part.buffer->append(chunk);
-  if (part.buffer->rows() >= batchRows) {
-    part.buffer->takeBatches(batchRows,
-                             [&](const ::arrow::Table& rows) { writeBatch(part, rows); });
-  }
+  if (part.buffer->rows() >= batchRows) writeBatches(part);
 }
 
-void StreamableSignalImpl::writeBatch(Part& part, const ::arrow::Table& rows) {
-  record->worker->write(storageId(part), rows);
-  part.rowsWritten += static_cast<unsigned long>(rows.num_rows());
+void StreamableSignalImpl::writeBatches(Part& part) {
+  std::size_t written = 0;
+  for (; part.buffer->rows() - written >= batchRows; written += batchRows) {
+    write(part, written, batchRows);
+  }
+  if (written > 0) part.buffer->dropFront(written, written / batchRows);
+}
+
+void StreamableSignalImpl::write(Part& part, std::size_t from, std::size_t rows) {
+  record->worker->write(storageId(part), *part.buffer->table(from, rows));
+  part.rowsWritten += rows;
 }
 
 // Takes the file of the first chain that begins like the matching ones, even if it does not match.
@@ -222,9 +227,10 @@ void StreamableSignalImpl::finishPart(Part& part) {
   if (!part.buffer && storageId(part) == kNoStorage) return;
   markEnd(part);
   if (part.buffer) {
-    const auto write = [&](const ::arrow::Table& rows) { writeBatch(part, rows); };
-    part.buffer->takeBatches(batchRows, write);
-    part.buffer->takeAll(write);
+    writeBatches(part);
+    if (part.buffer->rows() > 0) write(part, 0, part.buffer->rows());
+    // An empty buffer of the same type; the memory is given back.
+    *part.buffer = RowStore(SampleSchema(part.buffer->schema()), part.buffer->width());
   }
   if (hasFile(part)) record->worker->close(storageId(part));
   part.finished = true;
@@ -322,13 +328,20 @@ bool StreamableSignalImpl::readElements(Part& part, unsigned long from, unsigned
   return true;
 }
 
-void StreamableSignalImpl::getTime(unsigned long from, unsigned long to, std::vector<char>& out) {
-  if (readElements(part(SignalPart::time), from, to, out)) return;
-  std::optional<std::vector<std::vector<std::uint64_t>>> dimensions;
-  std::optional<std::vector<int>> sizes;
-  const auto rows = readRows(part(SignalPart::time), from, to);
+void StreamableSignalImpl::read(Part& part, unsigned long from, unsigned long to,
+                                std::vector<char>& out,
+                                std::optional<std::vector<std::vector<std::uint64_t>>>& dimensions,
+                                std::optional<std::vector<int>>& sizes) {
+  if (readElements(part, from, to, out)) return;
+  const auto rows = readRows(part, from, to);
   out.clear();
   if (rows) SignalFormatter().reconstruct(rows, out, dimensions, sizes);
+}
+
+void StreamableSignalImpl::getTime(unsigned long from, unsigned long to, std::vector<char>& out) {
+  std::optional<std::vector<std::vector<std::uint64_t>>> dimensions;
+  std::optional<std::vector<int>> sizes;
+  read(part(SignalPart::time), from, to, out, dimensions, sizes);
 }
 
 void StreamableSignalImpl::getData(unsigned long from, unsigned long to, std::vector<char>& out,
@@ -340,12 +353,9 @@ void StreamableSignalImpl::getData(unsigned long from, unsigned long to, std::ve
 void StreamableSignalImpl::getData(unsigned long from, unsigned long to, std::vector<char>& out,
                                    std::vector<std::vector<unsigned long>>& dimensions,
                                    std::vector<int>& sizes) {
-  if (readElements(part(SignalPart::data), from, to, out)) return sizes.clear();
   std::optional<std::vector<std::vector<std::uint64_t>>> readDimensions;
   std::optional<std::vector<int>> readSizes;
-  const auto rows = readRows(part(SignalPart::data), from, to);
-  out.clear();
-  if (rows) SignalFormatter().reconstruct(rows, out, readDimensions, readSizes);
+  read(part(SignalPart::data), from, to, out, readDimensions, readSizes);
   if (readDimensions) dimensions = *std::move(readDimensions);
   sizes = readSizes ? *std::move(readSizes) : std::vector<int>();
 }

@@ -10,9 +10,8 @@
 #include "kyr/parquet/RedundancyEliminator.h"
 #include "kyr/parquet/StreamableSignal.h"
 #include "kyr/parquet/StreamableWriter.h"
-#include "schema/SampleLayout.h"
+#include "schema/RowStore.h"
 #include "storage/ParquetStorageRecord.h"
-#include "streaming/PartBuffer.h"
 
 namespace kyr::parquet {
 
@@ -80,7 +79,7 @@ class StreamableSignalImpl final : public StreamableSignal {
   struct Part {
     SignalPart name;
     std::unique_ptr<RedundancyEliminator::Context> chains;
-    std::optional<PartBuffer> buffer;
+    std::optional<RowStore> buffer;  // rows that are not on disk yet
     unsigned long rowsWritten = 0;
     bool finished = false;
   };
@@ -95,7 +94,9 @@ class StreamableSignalImpl final : public StreamableSignal {
   void appendChunk(Part& part, unsigned long contentNumber, const SampleChunk& chunk,
                    std::size_t width);
   void bufferChunk(Part& part, const SampleChunk& chunk, std::size_t width);
-  void writeBatch(Part& part, const ::arrow::Table& rows);
+  void write(Part& part, std::size_t from, std::size_t rows);
+  // Writes all whole batches of the buffer and removes them. If a write throws, none are removed.
+  void writeBatches(Part& part);
   void adoptFile(Part& part, const NodeList& heads);
   // Copies the chain from \p head to \p stop, and those of its rows that are on disk, into the file
   // \p newId. Adds a node of \p rows rows for the next chunk.
@@ -108,6 +109,10 @@ class StreamableSignalImpl final : public StreamableSignal {
   std::shared_ptr<::arrow::Table> readRows(Part& part, unsigned long from, unsigned long to);
   // Reads rows of a flat column without making a table; see StreamableWriter::readElements().
   bool readElements(Part& part, unsigned long from, unsigned long to, std::vector<char>& out);
+  // Replaces \p out; the others are empty if the file does not have them.
+  void read(Part& part, unsigned long from, unsigned long to, std::vector<char>& out,
+            std::optional<std::vector<std::vector<std::uint64_t>>>& dimensions,
+            std::optional<std::vector<int>>& sizes);
 
   std::shared_ptr<ParquetStorageRecord<StreamableWriter>> record;
   std::array<Part, 2> parts;

@@ -96,8 +96,8 @@ class StreamableWriter::Impl {
     return found != files.end() && !found->second;
   }
 
-  // Runs \p operation on the entry, which is out of the table meanwhile. If the operation throws, the
-  // entry is destroyed and the id is lost.
+  // Runs \p operation on the entry, which is out of the table meanwhile. If the operation throws,
+  // the entry is destroyed and the id is lost.
   template <typename Operation>
   auto withEntry(int id, Operation&& operation) {
     EntryPtr& place = slot(id);
@@ -310,8 +310,8 @@ void StreamableWriter::remove(const int& id) {
     return;
   }
   const auto entry = std::move(impl_->slot(id));
-  // The removed id still counts as the largest one unless there is a larger one, so ids are not given
-  // twice while the writer lives.
+  // The removed id still counts as the largest one unless there is a larger one, so ids are not
+  // given twice while the writer lives.
   if (impl_->lastId.load() == id) impl_->lastId.store(impl_->largestId());
   fileSystem::removeFile(entry->path);
   impl_->files.erase(id);

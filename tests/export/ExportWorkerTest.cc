@@ -83,7 +83,7 @@ TEST_F(ExportWorker, FileHoldsTheColumnsInOneRowGroup) {
   exporter.write(*table, pathOf("täble"));
   ASSERT_TRUE(exporter.writeStatus().ok()) << exporter.writeStatus().ToString();
   EXPECT_EQ(test::rowGroupsOf(store.file("täble")), std::vector<std::int64_t>{kRows});
-  // A column chunk's codec is that of the options when the worker was made.
+  // The codec is that of the options as they were when the worker was made.
   serialization_options::compressionMethod = ::arrow::Compression::ZSTD;
   exporter.write(*table, pathOf("plain"));
   ParquetExportSerializerWorker().write(*table, pathOf("zstd"));
@@ -94,7 +94,7 @@ TEST_F(ExportWorker, FileHoldsTheColumnsInOneRowGroup) {
   }
 }
 
-// Parquet would divide by it.
+// Parquet divides by the batch size.
 TEST_F(ExportWorker, BatchSizeBelowOneFailsTheWrite) {
   serialization_options::batchSize = 0;
   ParquetExportSerializerWorker other;

@@ -93,7 +93,7 @@ TEST(FileLayout, ChoosesAnEncodingThatSuitsTheSamples) {
     std::shared_ptr<::arrow::Table> table;
     EncodingChoice choice;
     Encoding::type encoding;
-    double share;  // of the plain file, at the most
+    double share;  // the file is at most this part of a plain one
   };
   using Double = ::arrow::DoubleType;
   const Samples clock = [](std::size_t i) { return static_cast<double>(i) * 0.001; };
@@ -144,7 +144,7 @@ TEST(FileLayout, ChoosesAnEncodingThatSuitsTheSamples) {
 }
 
 TEST(FileLayout, NoRowGroupIsLargerThanPlain) {
-  // What the sample promises does not hold for the rest, and row groups differ.
+  // The sampled values repeat but the others do not, and row groups differ.
   constexpr std::size_t kRows = 30000;
   const Samples mostlyNoise = [](std::size_t i) { return i % 29 == 0 ? 1.0 : noise(i); };
   const auto a = tableOf<::arrow::DoubleType>(kRows, repeating);
@@ -192,7 +192,7 @@ TEST(FileLayout, KeepsToWhatTheUserAskedFor) {
   }
 }
 
-// What a row group says of the order of its only column.
+// What a row group says about the order of its only column.
 struct Order {
   bool isSorted = false;
   std::vector<double> range;  // least and greatest value, if they are there
@@ -225,7 +225,7 @@ TEST(FileLayout, OnlyRowGroupsOfAscendingTimesSayThatTheyAreSorted) {
   struct Case {
     const char* name;
     std::shared_ptr<::arrow::Table> table;
-    std::vector<double> range;  // none if it is not to be marked
+    std::vector<double> range;  // empty if the row group must not be marked
   };
   const std::vector<Case> cases = {
       {"clock", samples({0.5, 1, 1, 1, 7}), {0.5, 7}},

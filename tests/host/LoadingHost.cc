@@ -1,5 +1,6 @@
-// A host that does not link the library: LIBRARY WAY loads it at run time and registers it, WAY
-// being what the host has beforehand: "nothing", "outer" or "both" namespaces. Exits with 0 if all went as it should.
+// A host that does not link the library: kyr_loading_host LIBRARY WAY loads it at run time and
+// registers its methods. WAY says which namespaces the host has before: "nothing", "outer" or
+// "both". The exit status is 0 if everything worked.
 
 #include <dlfcn.h>
 

@@ -39,7 +39,7 @@ class OptionsMethods : public testing::Test {
   void SetUp() override { registerLibrary(host); }
   void TearDown() override { restore(kInitial); }
 
-  // The methods' result for a struct of one field.
+  // Calls the setter with a struct of one field and returns the result.
   bool set(const std::string& name, HostValue value) {
     HostValue input = host.createStruct(1, 1, {name});
     input->setField(0, name, std::move(value));
@@ -98,7 +98,7 @@ TEST_F(OptionsMethods, EachCodecIsSetAndToldByItsName) {
     EXPECT_EQ(options::compressionMethod, codec);
     EXPECT_EQ(get()->field(0, "Compression")->text(), name);
   }
-  // Codecs that only code can choose have no name.
+  // Codecs that the methods cannot set have no name.
   for (const Codec::type codec : {Codec::LZ4, Codec::BZ2, static_cast<Codec::type>(10)}) {
     options::compressionMethod = codec;
     EXPECT_EQ(get()->field(0, "Compression")->text(), u"");
@@ -118,7 +118,7 @@ TEST_F(OptionsMethods, NumbersAreCutOffTowardsZero) {
     EXPECT_TRUE(set("BatchSize", given));
     EXPECT_EQ(options::batchSize, stored);
   }
-  // Any class counts, as long as there is one element.
+  // A scalar of any class will do.
   HostValue small = host.createNumeric(1, 1, NumericClass::Int8);
   *static_cast<std::int8_t*>(small->numbers()) = -7;
   set("BatchSize", std::move(small));

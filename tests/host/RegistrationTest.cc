@@ -60,8 +60,8 @@ TEST(Registration, AnExistingNamespaceGetsTheMethodsAtOnce) {
   EXPECT_EQ(memory.live, 0);
 }
 
-// Whatever allocation fails: the host's exception, nothing leaked, and once there is memory again
-// the methods are there.
+// Lets each allocation fail. The host's exception is thrown, nothing leaks, and the methods exist
+// once there is memory again.
 TEST(Registration, MemoryThatRunsOutIsTheHostsExceptionAndLeaksNothing) {
   for (std::size_t allocations = 0; allocations < 4; ++allocations) {
     SCOPED_TRACE(allocations);

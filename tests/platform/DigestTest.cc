@@ -8,7 +8,7 @@
 namespace kyr {
 namespace {
 
-// Digests are stored in files: those of wide instructions are those of others.
+// Digests are stored in files, so they must not depend on the processor's instructions.
 TEST(Digest, IsXxh3WhateverTheProcessor) {
   std::vector<std::uint8_t> bytes;
   for (std::size_t i = 0; i < 100'000; ++i) bytes.push_back(static_cast<std::uint8_t>(i * i >> 3U));

@@ -15,7 +15,7 @@ using ::testing::ThrowsMessage;
 TEST(Path, TextConvertsBothWays) {
   const std::pair<std::string, std::u16string> cases[] = {
       {"", u""},
-      {"\x7f\xc2\x80\xdf\xbf", u"\x7f\x80\u07ff"},    // ends of one and two bytes
+      {"\x7f\xc2\x80\xdf\xbf", u"\x7f\x80\u07ff"},    // limits of one and two bytes
       {"\xe0\xa0\x80\xef\xbf\xbf", u"\u0800\uffff"},  // of three bytes
       {"\xed\x9f\xbf\xee\x80\x80", u"\ud7ff\ue000"},  // around the surrogates
       {"\xf0\x90\x80\x80\xf4\x8f\xbf\xbf", u"\xd800\xdc00\xdbff\xdfff"},
@@ -27,7 +27,7 @@ TEST(Path, TextConvertsBothWays) {
   }
 }
 
-// Errors go to consoles and logs, which ill-formed text would upset.
+// Errors go to consoles and logs, so they must not contain ill-formed text.
 MATCHER(IsPrintable, "") {
   return std::all_of(arg.begin(), arg.end(), [](unsigned char c) { return std::isprint(c) != 0; });
 }

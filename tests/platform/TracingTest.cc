@@ -19,7 +19,7 @@ const std::string kOurGroup = "ParquetSerializationPerfTracer";
 struct Recorder : TraceService {
   int addGroup(const std::string& name) override {
     groups.push_back(name);
-    return 100 - static_cast<int>(groups.size());  // no numbers that anyone could guess
+    return 100 - static_cast<int>(groups.size());  // not the numbers that the library uses
   }
   bool isEnabled(int) const override { return enabled; }
   void log(int group, const std::string& label, int phase) override {

@@ -12,7 +12,7 @@ using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
 using Columns = std::vector<std::string>;
 
-// "name: type" of each column; Arrow adds a remark to what is not nullable or carries metadata.
+// "name: type" of each column. Arrow adds a remark if a field is not nullable or has metadata.
 Columns columns(const std::shared_ptr<::arrow::Schema>& schema) {
   Columns result;
   for (const auto& field : schema->fields()) {

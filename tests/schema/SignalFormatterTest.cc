@@ -37,7 +37,7 @@ std::vector<char> shorts(std::int16_t count, std::size_t partialBytes = 0) {
 
 const std::vector<char> kLetters{'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
 
-// The samples' own memory, below all lists.
+// The memory of the values below all lists.
 const std::uint8_t* samplesOf(const ::arrow::ArrayData& array) {
   if (!array.child_data.empty()) return samplesOf(*array.child_data[0]);
   return array.buffers.back()->data();
@@ -111,7 +111,7 @@ TEST(SignalFormatter, WrapsTheSamplesInTheRowsThatShapesAndSizesSay) {
       {"blobs by size", Binary, bus, kLetters, {{9}}, {3, 0, 5}, R"(["abc", "", "defgh"])", ""},
       {"blobs by shape", Binary, bus, kLetters, {{2, 2}}, {}, R"(["abcd", "efgh"])", ""},
       {"blobs by shapes", Binary, bus, kLetters, {{1}, {5}}, {}, R"(["a", "bcdef"])", ""},
-      // The shape's samples are counted in elements of the type, and cut in bytes.
+      // Samples are counted in elements of the type, but their offsets count bytes.
       {"blobs of a type", Int16, bus, kLetters, {{2}}, {}, R"(["ab", "cd"])", ""},
       {"blobs of any shape",
        Binary,
@@ -208,7 +208,7 @@ TEST(SignalFormatter, GivesNoTableWhereTheColumnCannotBeMade) {
   EXPECT_EQ(formatter.format(buffer, Binary, data(Bus, Binary), {}, {}), nullptr);
   EXPECT_EQ(formatter.format(buffer, ByteString, data(FixedDim, ByteString), {{2}}, {}), nullptr);
   EXPECT_EQ(formatter.format(buffer, Int16, getSchema(Scalar, Int16, false, "x"), {}, {}), nullptr);
-  // The type is not looked at where the column is text.
+  // The type does not matter for a column of text.
   const auto text = schemaBuilder::getStringSchema("data");
   EXPECT_EQ(formatter.formatMatrixPreserveDimension(buffer, Null, text, {{2}}), nullptr);
 }

@@ -16,7 +16,7 @@ std::uint64_t hashOf(const std::vector<T>& values, const test::Dims& dims = {}) 
 TEST(ContentHash, ElementsCountByTheirBitsOrTheirSignedness) {
   constexpr std::uint64_t kMinusOne = std::numeric_limits<std::uint64_t>::max();
   EXPECT_EQ(hashElement(1.0), 0x3ff0000000000000U);
-  EXPECT_EQ(hashElement(-1.0F), 0xbf800000U);  // not extended by its sign
+  EXPECT_EQ(hashElement(-1.0F), 0xbf800000U);  // extended with zeros
   EXPECT_EQ(hashElement(-0.0), 0U);
   EXPECT_EQ(hashElement(-0.0F), 0U);
   EXPECT_EQ(hashElement('\xff'), kMinusOne);

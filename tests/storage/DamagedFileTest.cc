@@ -15,7 +15,7 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using ::testing::ThrowsMessage;
 
-// Reads file 0 after something happened to it.
+// Reads file 0 after it was damaged.
 class DamagedFile : public test::StorageTest {
  protected:
   // The bytes of a healthy file with all three columns.
@@ -125,7 +125,7 @@ TEST_F(DamagedFile, ForeignColumnsAreNamedWithWhatWasExpected) {
   }
 }
 
-// They take what is there and leave their other outputs alone.
+// The byte readers read the columns that exist and leave their other outputs unchanged.
 TEST_F(DamagedFile, ByteReadersNeedNoDataColumn) {
   bytes = {'x'};
   const auto reals = column(::arrow::float64(), {"[1]"});

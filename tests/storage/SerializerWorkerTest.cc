@@ -26,7 +26,7 @@ class SerializerWorker : public test::StorageTest {
  protected:
   SerializerWorker() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-  // Opens the storage directory with these files in it.
+  // Makes files of these names in the storage directory and opens a worker over it.
   void reopen(const Names& files) {
     for (const auto& name : files) store.touch(name);
     worker = openWorker();
@@ -72,7 +72,7 @@ TEST_F(SerializerWorker, WriteUnderAnIdWhoseFileExistsIsLostInSilence) {
   EXPECT_TRUE(worker->lastWriteStatus().ok());
   EXPECT_FALSE(worker->writeStatus(7).ok());
 
-  // The id is like new once its file is gone, or holds nothing.
+  // An id can be written again once its file is deleted or empty.
   worker->remove(7);
   EXPECT_TRUE(worker->writeStatus(7).ok());
   store.touch("7");
@@ -84,7 +84,7 @@ TEST_F(SerializerWorker, WriteUnderAnIdWhoseFileExistsIsLostInSilence) {
 TEST_F(SerializerWorker, RemovingTheIdThatIsNextLowersTheCounter) {
   reopen({"3", "7"});
   worker->remove(7);
-  worker->remove(7);  // unknown by now
+  worker->remove(7);  // not known any more
   EXPECT_EQ(worker->getLastAllocatedParquetStorageID(), 3);
   worker->remove(3);
   EXPECT_TRUE(worker->isParquetDirectoryEmpty());
@@ -92,13 +92,14 @@ TEST_F(SerializerWorker, RemovingTheIdThatIsNextLowersTheCounter) {
   EXPECT_EQ(writeTable(), kNoId);
   EXPECT_EQ(store.names(), Names{"-2147483648"});
   EXPECT_EQ(readInts(kNoId), (Ints{1, 2}));
-  worker->remove(kNoId);  // not the next one: leaves the counter alone
+  worker->remove(kNoId);  // is not the next id, so the counter stays
   EXPECT_EQ(worker->getNextParquetStorageId(), kNoId + 1);
 }
 
 TEST_F(SerializerWorker, FileGoesWithItsLastReference) {
   reopen({"0", "1"});
-  ASSERT_EQ(worker->getNextParquetStorageId(), 1);  // known already: still without a reference
+  // was known before, so it still has no reference
+  ASSERT_EQ(worker->getNextParquetStorageId(), 1);
   struct {
     const char* name;
     std::function<int()> make;
@@ -174,7 +175,6 @@ TEST_F(SerializerWorker, DestroyedItDeletesEveryFileItKnowsAndOnlyThose) {
   EXPECT_EQ(store.names(), (Names{"99", "note"}));
 }
 
-// Whoever writes the content of a failed write again shares the failure.
 TEST_F(SerializerWorker, VectorThatIsHandedInAgainIsKnownByWhatItHolds) {
   std::vector<double> time{1, 2, 3};
   const auto idOf = [&](const std::vector<double>& values) {
@@ -195,6 +195,7 @@ TEST_F(SerializerWorker, VectorThatIsHandedInAgainIsKnownByWhatItHolds) {
   EXPECT_EQ(idOf(std::vector<double>(time)), first);
 }
 
+// A second write of the same content shares the file that could not be written.
 TEST_F(SerializerWorker, ContentOfAFailedWriteIsSharedToo) {
   const int id = worker->writeBinaryArray<int>(schema, Ints{1}, {}, {}, Compression::LZO);
   EXPECT_EQ(writeContent({1}), id);
@@ -211,14 +212,15 @@ TEST_F(SerializerWorker, WriteThatFailsAfterOpeningIsSilent) {
   for (const auto codec : {Compression::LZ4_FRAME, Compression::LZO, Compression::BZ2}) {
     const int id = writeTable(codec);
     EXPECT_FALSE(worker->writeStatus(id).ok());
-    EXPECT_EQ(readInts(id), Ints{});  // Parquet completes the file, without rows
+    EXPECT_EQ(readInts(id), Ints{});  // Parquet writes a footer without rows
   }
   test::fs::create_symlink("/dev/full", store.file("50"));
   worker->writeHelper(*table, 50, {});
   EXPECT_THAT(worker->writeStatus(50).ToString(), HasSubstr("No space left"));
 }
 
-// Parquet would divide by it, or take a negative one for nothing to write.
+// Parquet divides by a batch size of 0, and with a negative one it writes no rows and reports no
+// error.
 TEST_F(SerializerWorker, BatchSizeBelowOneFailsTheWrite) {
   for (const int batchSize : {0, -1, -3}) {
     serialization_options::batchSize = batchSize;

@@ -38,7 +38,8 @@ TEST(Dimensions, FlattenAndComeBack) {
   EXPECT_EQ(Worker::reconstructDimensionArray({}, {0}), Dims{});
 }
 
-// The two families over std::vector<char> differ in what lies on disk and in whether it is shared.
+// The two families over std::vector<char> store different columns, and only one of them shares
+// files.
 TEST_F(TypedColumns, CharIsAnInt8ColumnSharedAndBytesAreABinaryColumnNeverShared) {
   const auto lists = schemaBuilder::getSchema(FixedDim, Int8, false, "data");
   const auto blobs = schemaBuilder::getSchema(Bus, Binary, false, "data");
@@ -61,7 +62,7 @@ TEST_F(TypedColumns, CharIsAnInt8ColumnSharedAndBytesAreABinaryColumnNeverShared
   EXPECT_EQ(offsets, rows);
   EXPECT_EQ(asTyped, data);
   EXPECT_EQ(asBytes, data);
-  EXPECT_EQ(dims, Dims{{99}});  // not in the files: left alone
+  EXPECT_EQ(dims, Dims{{99}});  // not stored, so left unchanged
 }
 
 TEST_F(TypedColumns, RefusedInputAllocatesNothing) {
@@ -79,7 +80,7 @@ TEST_F(TypedColumns, RefusedInputAllocatesNothing) {
   EXPECT_TRUE(worker->isParquetDirectoryEmpty());
 }
 
-// Chunks, also empty ones and ones that begin within their arrays, make one run of values.
+// The values of all chunks follow each other. Chunks may be empty or begin within their arrays.
 TEST_F(TypedColumns, ChunksAreJoinedAndTheirOffsetsContinue) {
   const auto table = test::tableOf(
       {{"time", column(::arrow::float64(), {"[99, 1]", "[]", "[2, 3, 99]"})},

@@ -30,7 +30,7 @@ TEST_F(WriterOptions, AreThoseOfTheProcessWhenTheyWereMade) {
     Compression::type codec;
   } const cases[] = {
       {initial, true, 1048576, 4096, Compression::UNCOMPRESSED},
-      {withoutDictionary, false, 1048576, 7, Compression::ZSTD},  // not the limit asked for
+      {withoutDictionary, false, 1048576, 7, Compression::ZSTD},  // the limit is ignored
       {changed, true, -1, 7, Compression::ZSTD},
   };
   const auto path = ::parquet::schema::ColumnPath::FromDotString("data");
@@ -74,7 +74,7 @@ TEST_F(WriterOptions, WorkerKeepsThoseItWasMadeWithAndASignalItsOwnCodec) {
       {zipped->getStorageId(1), Compression::GZIP, false},
   };
   for (const auto& [id, codec, dictionary] : cases) {
-    const auto metadata = test::metadataOf(store.file(id));  // owns what the next line points to
+    const auto metadata = test::metadataOf(store.file(id));  // owns the chunk of the next line
     const auto column = metadata->RowGroup(0)->ColumnChunk(0);
     EXPECT_EQ(column->compression(), codec);
     EXPECT_EQ(column->has_dictionary_page(), dictionary);

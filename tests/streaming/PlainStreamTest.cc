@@ -10,7 +10,7 @@
 namespace kyr::test {
 namespace {
 
-// Files whose pages are read without Arrow.
+// Reads files whose pages can be read without Arrow.
 class PlainStream : public StreamTest {
  protected:
   PlainStream() {
@@ -36,7 +36,7 @@ class PlainStream : public StreamTest {
   }
 };
 
-// What the rules for unequal row groups make of a range is the same, read with Arrow or without.
+// The rules for unequal row groups give the same rows with and without Arrow.
 TEST_F(PlainStream, RangesHoldTheRowsOfTheTablesThatTheWriterReads) {
   for (const auto& groups : std::vector<std::vector<int>>{
            {}, {4}, {3, 3, 3, 1}, {1, 5, 2}, {5, 1, 1, 4}, {2, 0, 3}, {0, 2}}) {

@@ -13,7 +13,7 @@ namespace {
 
 using ::testing::ThrowsMessage;
 
-// The hasher is process-wide; it is as before after the test.
+// Restores the process-wide hasher after each test.
 class RedundancyCheckerTest : public ::testing::Test {
  protected:
   ~RedundancyCheckerTest() override { defaultHasher = &_defaultHasher; }
@@ -86,7 +86,8 @@ TEST(HashNumbersTest, NumbersHashesOfAllKindsAsAMapDoes) {
   std::unordered_map<unsigned long, unsigned long> model;
   std::mt19937_64 random(1);
   for (unsigned long i = 0; i < 200'000; ++i) {
-    // Low bits that differ, high bits, all, and such as came before; 0 is a hash as any other.
+    // Hashes that differ in low bits, in high bits and in all bits, and hashes that came before. 0
+    // is a hash like all others.
     for (const unsigned long hash :
          {i, i << 40U, random(), random() % (i + 1), ~i, (i << 57U) ^ (i % 8 << 20U)}) {
       const unsigned long expected = model.try_emplace(hash, model.size()).first->second;

@@ -15,7 +15,7 @@ using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
 using Nodes = std::vector<FileNode*>;
 
-// A node as its file and content, "-" for none.
+// The file and the content of a node as text, or "-" for none.
 std::string name(const FileNode* node) {
   return node ? std::to_string(node->storageId) + ":" + std::to_string(node->contentNumber) : "-";
 }
@@ -32,12 +32,12 @@ std::string chain(const FileNode* node) {
   return result;
 }
 
-// Signals that append chunks by their content numbers; each chain gets the next file.
+// Signals that append chunks, given by their content numbers. Each chain gets a new file.
 class Redundancy : public ::testing::Test {
  protected:
   std::unique_ptr<Context> signal() const { return CreateContext(registry); }
 
-  // What the engine asked for, as the callbacks saw it.
+  // The callbacks that were called, with their arguments.
   std::string append(Context& context, unsigned long content) {
     const Nodes matched = context.previous ? *context.previous : Nodes();
     std::string seen;
@@ -91,7 +91,7 @@ class Redundancy : public ::testing::Test {
     return heads;
   }
 
-  // The list computes what a vector would hold.
+  // The entries of the list are those of its vector.
   static void expectList(const NodeList& list, const Nodes& expected) {
     EXPECT_EQ(static_cast<Nodes>(list), expected);
     EXPECT_EQ(list.size(), expected.size());
@@ -122,8 +122,8 @@ TEST_F(Redundancy, RepetitionFromTheStartIsReusedAsLongAsItLasts) {
   EXPECT_EQ(registry->size(), 2);
 }
 
-// The chain copy takes the node that did not match along, and the first extension is told of the
-// chain's head, as it is the node that startChain returned.
+// The copy of a chain includes the node that did not match. The first extendChain gets the head of
+// the chain, because startChain returned it.
 TEST_F(Redundancy, DifferenceStartsAChainWithTheCommonPrefix) {
   append(*signal(), {1, 2, 3});
   EXPECT_THAT(
@@ -155,7 +155,7 @@ TEST_F(Redundancy, CandidatesOnlyNarrow) {
   const auto late = signal();
   append(*late, {1, 3});
   append(*late, 4);
-  EXPECT_EQ(append(*early, 3), "start {0:1 1:1} {0:2}");  // though 1:3 is there now
+  EXPECT_EQ(append(*early, 3), "start {0:1 1:1} {0:2}");  // although 1:3 exists now
 }
 
 TEST_F(Redundancy, CallbackThatReturnsNothingLeavesTheChainsAlone) {

@@ -16,7 +16,7 @@ using ::testing::ThrowsMessage;
 
 constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
 
-// A file that counts the bytes taken out of it.
+// A file that counts the bytes that are read.
 class MeteredFile : public ::arrow::io::RandomAccessFile {
  public:
   explicit MeteredFile(std::shared_ptr<::arrow::Buffer> contents) : file_(std::move(contents)) {}
@@ -41,7 +41,7 @@ class MeteredFile : public ::arrow::io::RandomAccessFile {
   ::arrow::io::BufferReader file_;
 };
 
-// Rows that count up, in row groups of the given sizes.
+// A file of rows that count up, in row groups of the given sizes.
 struct CountedFile {
   explicit CountedFile(const std::vector<int>& sizes) {
     const auto out = ::arrow::io::BufferOutputStream::Create().ValueOrDie();
@@ -77,7 +77,7 @@ TEST(RowGroups, WalkTakesEverySizeOneStepLate) {
   } const cases[] = {
       {{10, 10, 3},
        {{0, 0, 0}, {9, 0, 9}, {10, 1, 0}, {22, 2, 2}, {23, 2, 3}, {24, 2, 23}, {99, 2, 23}}},
-      // As if the groups were of 10, 10 and 20 rows, and ended there.
+      // The walk takes the row groups for ones of 10, 10 and 20 rows.
       {{10, 20, 30},
        {{10, 1, 0}, {19, 1, 9}, {20, 2, 0}, {39, 2, 19}, {40, 2, 19}, {60, 2, 19}, {61, 2, 60}}},
       {{5, 1, 1, 9},
@@ -92,7 +92,7 @@ TEST(RowGroups, WalkTakesEverySizeOneStepLate) {
       {{4}, {{4, 0, 3}, {5, 0, 4}}},
       {{0, 4}, {{0, 1, kMax}, {4, 1, kMax}, {5, 1, 4}}},
       {{}, {{0, 0, 0}, {1, -1, 0}}},
-      // Rows beyond the end are told by their lower 32 bits, signed.
+      // The lower 32 bits, signed, decide whether a row lies beyond the end.
       {{4},
        {{0x7fffffff, 0, 4},
         {0x80000000, 0, 3},

@@ -11,12 +11,12 @@ namespace {
 
 using Kind = std::tuple<KYRSignalCategory, KYRSignalDataType>;
 
-// Whether the samples have as many bytes as the lengths say, whatever their shapes.
+// Whether the lengths decide how many bytes a sample has, not the shapes.
 bool isSized(KYRSignalCategory category, KYRSignalDataType type) {
   return type == Binary || ((category == Bus || category == VarDimBus) && type != ByteString);
 }
 
-// \p rows samples of random bytes and varied shapes, as both modes take them.
+// \p rows samples of random bytes and varied shapes, in the form that both modes take.
 // \param empties  whether some of varied length are empty
 Samples samplesOf(KYRSignalCategory category, KYRSignalDataType type, std::size_t rows,
                   bool empties) {
@@ -42,7 +42,7 @@ Samples samplesOf(KYRSignalCategory category, KYRSignalDataType type, std::size_
   return samples;
 }
 
-// Rows of samples cut by their bounds.
+// Some rows of the samples.
 class Cutter {
  public:
   Cutter(const Samples& samples, std::size_t elementWidth) : samples_(samples), ends_{0} {
@@ -60,7 +60,7 @@ class Cutter {
     }
   }
 
-  // What is appended to store rows [from, to).
+  // The arguments that append rows [from, to).
   Samples cut(std::size_t from, std::size_t to) const {
     const auto part = [from, to](const auto& rows) {
       using Rows = std::decay_t<decltype(rows)>;
@@ -77,7 +77,7 @@ class Cutter {
             part(samples_.lengths)};
   }
 
-  // What a read of rows [from, to) gives.
+  // The result of reading rows [from, to).
   Samples expected(std::size_t from, std::size_t to) const {
     from = std::min(from, samples_.time.size());
     to = std::min(std::max(from, to), samples_.time.size());
@@ -97,12 +97,12 @@ class Cutter {
 
 class StreamRoundTrip : public StreamTest {
  protected:
-  // Streams the samples and reads ranges around each boundary of batches and of the whole.
+  // Appends the samples, and reads ranges around each boundary of batches and around the end.
   void roundTrip(const Kind& kind, std::size_t rows, std::size_t chunkRows, std::size_t batchRows) {
     const auto [category, type] = kind;
     const Samples samples = samplesOf(category, type, rows, /*empties=*/chunkRows > 1);
     const Cutter cutter(samples, parquet::elementWidth(type));
-    // Others of the same content are not to be recognised.
+    // A new registry, so that no earlier signal is recognised.
     Signal signal(writer, std::make_shared<Signal::Checker>(), std::make_shared<Signal::Chains>(),
                   batchRows);
     signal.setCategory(category);
@@ -173,7 +173,7 @@ TEST_P(StreamRoundTripOfKind, StoresTheColumnsOfAWholeFileSignal) {
   }
 }
 
-// All but lists of blobs, which neither mode can store.
+// All combinations except lists of blobs, which neither mode can store.
 std::vector<Kind> kinds() {
   std::vector<Kind> result;
   for (const auto category : {Scalar, FixedDim, VarDim, Bus, VarDimBus}) {

@@ -22,7 +22,7 @@ TEST_F(StreamableSignal, IsEmptyAtFirst) {
   EXPECT_EQ(signal->getCategory(), Scalar);
   EXPECT_EQ(signal->getParquetCompressionType(), std::nullopt);
   EXPECT_EQ(signal->getStorageId(static_cast<Part>(2)), -1);
-  signal->finish();  // sets no flag: the signal can still be written
+  signal->finish();  // does nothing: the signal can still be written
   signal->finish(static_cast<Part>(2));
   EXPECT_FALSE(signal->hasData());
   for (const Part part : kParts) {
@@ -101,8 +101,8 @@ TEST_F(StreamableSignal, EqualChunksShareOneFile) {
   }
 }
 
-// Copied rows are those between the chunks' bounds: from the second chunk on they are later rows
-// than the chunk's. The chunk that differed is copied as a node, not as rows.
+// The rows between the bounds of the chunks are copied. From the second chunk on these are later
+// rows than those of the chunk. The node of the chunk that differed is copied, but not its rows.
 TEST_F(StreamableSignal, DivergingSignalCopiesThePrefixByItsBounds) {
   for (const Part part : kParts) {
     const double base = 100 * static_cast<double>(part);
@@ -121,7 +121,7 @@ TEST_F(StreamableSignal, DivergingSignalCopiesThePrefixByItsBounds) {
                                                    base + 6, 50, 51, 52, 53, 54, 55));
     EXPECT_THAT(groupsOf(id), ElementsAre(3, 3, 4, 2));
     EXPECT_EQ(signal->rowsWritten(part), 12);
-    // The first chunk after the copy goes on from the copy's first node.
+    // The first chunk behind the copy continues the copy's first node.
     const auto file = std::to_string(id) + ":";
     EXPECT_EQ(chains().back(), file + "0-3 " + file + "4-7 " + file + "8-11 " + file + "12-15 " +
                                    file + "4-6 " + file + "7-8 " + file + "9-10");
@@ -196,7 +196,8 @@ TEST_F(StreamableSignal, ChunkOfNoRowsMakesAFileOfNoRowGroups) {
     EXPECT_THAT(rowsOf(*signal, part), IsEmpty());
     EXPECT_THAT(rowsOf(*signal, part, 1, 5), IsEmpty());
   }
-  EXPECT_EQ(signal->getStorageId(Part::data), 0);  // no doubles are no times
+  // an empty chunk of doubles equals an empty chunk of times
+  EXPECT_EQ(signal->getStorageId(Part::data), 0);
 }
 
 TEST_F(StreamableSignal, RowsAfterFinishWaitUntilABatchIsDueAndThenFail) {
@@ -280,7 +281,7 @@ TEST_F(StreamableSignal, FilesGoWithTheFirstHolderAndTheOthersBearIt) {
               ThrowsMessage<std::out_of_range>("storage id 0 is not known"));
   equal.reset();
   reset->resetData();
-  // Its end is not the model's: it would need the rows for a file of its own.
+  // It ends before the other one, so it needs the rows for a file of its own.
   EXPECT_THROW(shorter->resetData(), std::out_of_range);
   EXPECT_FALSE(shorter->hasData());
   shorter.reset();

@@ -127,7 +127,7 @@ TEST_F(StreamableWriterTest, AdoptsFilesByTheirLeadingNumberAndNumbersTheOthersA
       }
       EXPECT_EQ(adopting.create(*schema, std::nullopt), next);
     }
-    // Of two files with one number it knows the first that it met.
+    // If two files have the same number, the writer knows the first one that it found.
     EXPECT_EQ(folder.names().size(), files.count("12") > 0 ? 2U : 1U);
     test::fs::remove_all(folder.file(""));
   }
@@ -143,7 +143,7 @@ TEST_F(StreamableWriterTest, AdoptedFilesOfUnequalGroupsAreReadByTheLaggingWalk)
   writer->setParquetDirectory(store.path());
   EXPECT_THAT(read(5, 20, 23), ElementsAre(30, 31, 32));
   EXPECT_THROW(read(6, 106, 110), std::range_error);
-  EXPECT_THAT(read(6, 104, 110), ElementsAre(104));  // not lost by that
+  EXPECT_THAT(read(6, 104, 110), ElementsAre(104));  // the id is not lost
 }
 
 TEST_F(StreamableWriterTest, DirectoryIsSetOnceAndLookedThroughEachTime) {
@@ -155,7 +155,7 @@ TEST_F(StreamableWriterTest, DirectoryIsSetOnceAndLookedThroughEachTime) {
   putFile("0.late");
   writer->setParquetDirectory(store.path());
   EXPECT_THAT(writer->getAllParquetStorageIDs(), UnorderedElementsAre(0, 4));
-  writer->write(open, *countingTable(1, 2));  // still the file that it was
+  writer->write(open, *countingTable(1, 2));  // the file is still open
   writer->close(open);
   EXPECT_THAT(read(open), ElementsAre(0, 1, 2));
   EXPECT_EQ(writer->create(*schema, std::nullopt), 5);

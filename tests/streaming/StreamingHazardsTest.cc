@@ -13,8 +13,8 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::ThrowsMessage;
 
-// What follows from the rules of sharing, against all expectation, and is kept: hosts of this mode
-// are told of it in StreamableSignal.
+// Surprising consequences of the rules of sharing. Hosts of this mode rely on them;
+// StreamableSignal lists them.
 class StreamingHazards : public StreamTest {
  protected:
   std::unique_ptr<Signal> stored(const Chunks& times) const {
@@ -34,7 +34,7 @@ TEST_F(StreamingHazards, DoublesEqualToATimeChunkShareTheTimesFile) {
   EXPECT_EQ(store.names(), Names{"0"});
   EXPECT_EQ(rowsOf(*signal, Part::data), upFrom(0, 3));
 
-  // Neither category nor shape belongs to the content.
+  // Category and shape are not compared.
   const auto matrix = makeStream(FixedDim, Double);
   matrix->appendData(upFrom(0, 3).data(), 24, {{3}}, {});
   EXPECT_EQ(matrix->getStorageId(Part::data), times->getStorageId(Part::time));
@@ -70,7 +70,7 @@ TEST_F(StreamingHazards, FirstHeadIsTakenEvenWhereAnotherChainMatched) {
   EXPECT_EQ(third->getStorageId(Part::time), first->getStorageId(Part::time));
   EXPECT_THAT(rowsOf(*third, Part::time), ElementsAre(1, 2));
   EXPECT_THAT(rowsOf(*second, Part::time), ElementsAre(1, 3));
-  // The chain that is copied need not be the one in which the differing chunk was sought.
+  // The chain that is copied may be another one than the one that matched so far.
   const auto fourth = stored({{1}, {2}, {3}, {4}});
   EXPECT_THAT(rowsOf(*fourth, Part::time), ElementsAre(1, 4));
   EXPECT_THAT(chains().back(), HasSubstr("2:0-1 2:2-3 2:4-5 2:6-7"));
@@ -112,7 +112,7 @@ TEST_F(StreamingHazards, DeletedChunksAreStillMatched) {
   EXPECT_THAT([&] { rowsOf(*signal, Part::time); },
               ThrowsMessage<std::out_of_range>("storage id 0 is not known"));
 
-  // After the reset of a pool the id may be another signal's file.
+  // After the reset of a pool, the id may name the file of another signal.
   FeatureFlag::set("fKYRUseParquetRowGroup", true);
   parquet::SignalPool pool(temp.path().join("pool"));
   const auto put = [&pool](int id, double time) {

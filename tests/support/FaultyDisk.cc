@@ -83,7 +83,7 @@ int open(const char* path, int flags, ...) {
   return opensFail() ? -1 : next<int(const char*, int, mode_t)>("open")(path, flags, mode);
 }
 
-// As on a disk that finds out late that it is full: the descriptor is gone all the same.
+// A disk may find out late that it is full. The descriptor is closed all the same.
 int close(int file) {
   const int result = next<decltype(close)>("close")(file);
   return opensFail() ? -1 : result;

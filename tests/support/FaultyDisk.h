@@ -2,21 +2,22 @@
 
 #include <cerrno>
 
-/// The calls by which files are written, read and synced, as the system's own until a fault is
-/// planned. Linking FaultyDisk.cc puts them in front of the system's.
+/// Lets the system calls that write, read and sync files fail as planned. Linking FaultyDisk.cc
+/// puts its functions before those of the system, which they call.
 namespace kyr::test::faultyDisk {
 
 struct Plan {
-  int failAt = 0;    ///< the call that fails, from 1 on; 0 for none
-  int failures = 1;  ///< how many calls fail from there on
+  int failAt = 0;    ///< number of the first call that fails, from 1 on; 0 for none
+  int failures = 1;  ///< how many calls fail
   int error = ENOSPC;
-  bool shortWrites = false;  ///< writes transfer a part, the failing one as well
+  bool shortWrites = false;  ///< writes transfer only a part, also the failing one
   bool alsoOpening = false;  ///< whether opening and closing files count, too
 };
 
 /// Counts calls from 0 and lets them fail as planned.
 void start(const Plan& plan);
-/// Ends the plan. \return calls counted
+/// Ends the plan.
+/// \return the number of calls
 int stop();
 
 }  // namespace kyr::test::faultyDisk

@@ -9,13 +9,13 @@
 
 namespace kyr::test {
 
-/// What a host throws when its memory is used up.
+/// The exception of a host without memory.
 class HostOutOfMemory : public std::runtime_error {
  public:
   HostOutOfMemory() : std::runtime_error("host: out of memory") {}
 };
 
-/// Counts what is out, and gives nothing once `left` is used up.
+/// Counts the allocations, and fails after `left` of them.
 class FlakyAllocator final : public host::HostAllocator {
  public:
   void* allocateZeroed(std::size_t size) override {

@@ -21,7 +21,8 @@ inline void must(const ::arrow::Status& status) {
 
 using Columns = std::vector<std::pair<std::string, std::shared_ptr<::arrow::ChunkedArray>>>;
 
-/// A column of one chunk for each text: column(arrow::list(arrow::int8()), {"[[1, 2], null]"}).
+/// A column with a chunk for each text, for example
+/// column(arrow::list(arrow::int8()), {"[[1, 2], null]"}).
 inline std::shared_ptr<::arrow::ChunkedArray> column(const std::shared_ptr<::arrow::DataType>& type,
                                                      const std::vector<std::string>& chunks) {
   std::shared_ptr<::arrow::ChunkedArray> result;
@@ -41,7 +42,7 @@ inline std::shared_ptr<::arrow::Table> tableOf(const Columns& columns) {
   return ::arrow::Table::Make(::arrow::schema(fields), arrays);
 }
 
-/// Writes a file as any other program might: Arrow's own type information included.
+/// Writes a file as other programs do, with Arrow's own type information.
 inline void writeForeignFile(const std::filesystem::path& path, const ::arrow::Table& table,
                              std::int64_t rowsPerGroup = 1024) {
   const auto stream = ::arrow::io::FileOutputStream::Open(path).ValueOrDie();
@@ -55,7 +56,7 @@ inline std::shared_ptr<::parquet::FileMetaData> metadataOf(const std::filesystem
   return ::parquet::ReadMetaData(::arrow::io::ReadableFile::Open(path).ValueOrDie());
 }
 
-/// Rows of each row group.
+/// The number of rows of each row group.
 inline std::vector<std::int64_t> rowGroupsOf(const std::filesystem::path& path) {
   const auto metadata = metadataOf(path);
   std::vector<std::int64_t> sizes(static_cast<std::size_t>(metadata->num_row_groups()));
@@ -72,7 +73,7 @@ inline std::shared_ptr<::arrow::Table> countingTable(std::int64_t rows, double f
                               {builder.Finish().ValueOrDie()});
 }
 
-/// Rows that count up from 0, in row groups of the given sizes.
+/// Writes rows that count up from 0, in row groups of the given sizes.
 inline void writeRowGroups(const std::shared_ptr<::arrow::io::OutputStream>& out,
                            const std::vector<int>& sizes) {
   const auto schema = countingTable(0)->schema();

@@ -21,7 +21,7 @@ std::vector<char> bytesOf(const std::vector<T>& values) {
   return bytes;
 }
 
-/// What goes into a signal and comes out of it. Equal when every bit is.
+/// The samples that a signal takes and returns. Two are equal if all their bits are.
 struct Samples {
   std::vector<double> time;
   std::vector<char> data;

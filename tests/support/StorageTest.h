@@ -14,7 +14,7 @@ namespace kyr::test {
 
 constexpr int kNone = -554114;  // no storage
 
-/// A storage directory, and process-wide switches that are as before after the test.
+/// A storage directory. Process-wide switches are restored after each test.
 class StorageTest : public ::testing::Test {
  protected:
   ~StorageTest() override {

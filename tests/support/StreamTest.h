@@ -22,7 +22,7 @@ inline std::vector<double> upFrom(double first, std::size_t count) {
   return result;
 }
 
-/// Streamable signals over one directory, with what the signals of a pool share.
+/// Streamable signals over one directory, with the objects that the signals of a pool share.
 class StreamTest : public StorageTest {
  protected:
   using Signal = parquet::StreamableSignalImpl;
@@ -41,7 +41,7 @@ class StreamTest : public StorageTest {
     return signal;
   }
 
-  /// Append doubles to a part, in one chunk.
+  /// Appends doubles to a part, in one chunk.
   static void append(Signal& signal, Part part, const std::vector<double>& values) {
     const double nothing = 0;
     const double* const first = values.empty() ? &nothing : values.data();
@@ -69,7 +69,7 @@ class StreamTest : public StorageTest {
     return values;
   }
 
-  /// Each chain as its files and the row bounds of its chunks, sorted: "0:0-3 0:4-7".
+  /// The files and the row bounds of the chunks of each chain, sorted: "0:0-3 0:4-7".
   std::vector<std::string> chains() const {
     std::vector<std::string> result;
     for (const auto& [key, heads] : *registry) {

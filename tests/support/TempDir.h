@@ -15,7 +15,7 @@ namespace kyr::test {
 namespace fs = std::filesystem;
 using Names = std::set<std::string>;
 
-/// A directory as the tests talk about it, created if it does not exist.
+/// A directory, which is created if it does not exist.
 class Folder {
  public:
   explicit Folder(fs::path root) : root_(std::move(root)) { fs::create_directories(root_); }
@@ -41,8 +41,9 @@ class Folder {
   fs::path root_;
 };
 
-/// A directory that is removed with everything in it. While it lives it is the system's directory
-/// for temporary files, so that what tests and their death-test children leave behind goes with it.
+/// A directory that the destructor removes with everything in it. While the object lives, it is the
+/// system's directory for temporary files, so that files that tests and their children leave behind
+/// are removed as well.
 class TempDir : public Folder {
  public:
   TempDir() : Folder(make()), before_(fs::temp_directory_path()) {

@@ -29,7 +29,8 @@ class HostMethodInfo {
   /// \brief The method's name; null if it has none. Valid as long as the object lives.
   virtual const char* getName() const = 0;
 
-  /// \brief A text that describes the call; null if there is none. Valid as long as the object lives.
+  /// \brief A text that describes the call; null if there is none. Valid as long as the object
+  /// lives.
   virtual const char* getMethodSignature() const = 0;
 
   /// \brief Whether listings show the method. It can be called by name either way.

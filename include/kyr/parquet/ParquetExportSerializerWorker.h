@@ -20,8 +20,8 @@ class ParquetExportSerializerWorkerImpl;
 /// buildTable() joins the two, write() puts the table into a file. Numeric scalar signals only;
 /// columns of other kinds are the caller's to build.
 ///
-/// The worker copies the process-wide serialization options when it is made: later changes of codec,
-/// dictionary and batch size do not reach it. One thread at a time. Not copyable.
+/// The worker copies the process-wide serialization options when it is made: later changes of
+/// codec, dictionary and batch size do not reach it. One thread at a time. Not copyable.
 class KYR_PARQUET_EXPORT ParquetExportSerializerWorker {
  public:
   /// Category, data type, whether a time column comes first, and name.
@@ -58,12 +58,12 @@ class KYR_PARQUET_EXPORT ParquetExportSerializerWorker {
       const std::shared_ptr<::arrow::Schema>& schema,
       const std::vector<std::shared_ptr<::arrow::Array>>& arrays);
 
-  /// \brief Write \p table to the file \p path as one row group. Tables of more than 1,048,576 rows,
-  /// Parquet's own limit, get several.
+  /// \brief Write \p table to the file \p path as one row group. Tables of more than 1,048,576
+  /// rows, Parquet's own limit, get several.
   ///
   /// The metadata of the schema and its fields is not written. The file is opened for appending,
-  /// and Parquet cannot append: a file that holds bytes keeps them, and the table is lost. So remove
-  /// an older file first. A failed write reports nothing by itself: ask writeStatus().
+  /// and Parquet cannot append: a file that holds bytes keeps them, and the table is lost. So
+  /// remove an older file first. A failed write reports nothing by itself: ask writeStatus().
   /// \throws ::parquet::ParquetStatusException if the file cannot be opened
   /// \throws std::invalid_argument if \p path is not well-formed UTF-16
   void write(const ::arrow::Table& table, std::u16string path);

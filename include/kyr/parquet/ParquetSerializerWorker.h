@@ -103,8 +103,8 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
   /// \return the new id, also when the write failed: see lastWriteStatus()
   int write(const ::arrow::Table& table, const Compression& compression);
 
-  /// \brief Write \p table to the file of \p id as one row group. Tables of more than 1,048,576 rows,
-  /// Parquet's own limit, get several.
+  /// \brief Write \p table to the file of \p id as one row group. Tables of more than 1,048,576
+  /// rows, Parquet's own limit, get several.
   void writeHelper(const ::arrow::Table& table, int id, const Compression& compression);
 
   /// \brief Read the whole file of \p id into \p table.
@@ -125,9 +125,9 @@ class KYR_PARQUET_EXPORT ParquetSerializerWorker {
   ///
   /// Content is the element type, the values, and the values of the dimension vectors in order (how
   /// they are grouped into vectors does not count). It is told apart by a 64-bit hash alone, which
-  /// is weak for short columns of small integers: the two samples (1, 0) and (0, 67) count as equal,
-  /// and so do -0 and 0. Compare what you read back where that matters. A duplicate adds one to the
-  /// id's count.
+  /// is weak for short columns of small integers: the two samples (1, 0) and (0, 67) count as
+  /// equal, and so do -0 and 0. Compare what you read back where that matters. A duplicate adds one
+  /// to the id's count.
   ///
   /// \param isDuplicate  set to whether the content was known
   template <typename T>

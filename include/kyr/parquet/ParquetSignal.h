@@ -51,8 +51,8 @@ class WholeSignal;
 class KYR_PARQUET_EXPORT ParquetSignal {
  public:
   /// \param worker  owner of the files; shared, so it lives at least as long as the signal
-  /// \param timeStorageId, dataStorageId  files to take over, or -554114 for none. If \p worker does
-  ///         not know one of them, the signal keeps both ids but has no data
+  /// \param timeStorageId, dataStorageId  files to take over, or -554114 for none. If \p worker
+  ///         does not know one of them, the signal keeps both ids but has no data
   /// \throws std::invalid_argument if \p worker is empty
   ParquetSignal(std::shared_ptr<ParquetSerializerWorker> worker, int timeStorageId,
                 int dataStorageId);

@@ -15,8 +15,8 @@ class Status;
 
 namespace kyr::parquet {
 
-/// \brief A recorded signal whose samples arrive in pieces while a simulation runs, and of which any
-/// window of rows can be read.
+/// \brief A recorded signal whose samples arrive in pieces while a simulation runs, and of which
+/// any window of rows can be read.
 ///
 /// A signal has two parts, its times and its data, which are appended, finished and read one
 /// independently of the other. Row i of the time part is the time of row i of the data part; that

@@ -17,8 +17,8 @@ namespace kyr::parquet {
 
 /// \brief Parquet files of one storage directory that grow row group by row group.
 ///
-/// Each file has a storage id. It is created with a schema, written any number of times, closed, and
-/// then read by row range any number of times. Each write adds one row group, or several if the
+/// Each file has a storage id. It is created with a schema, written any number of times, closed,
+/// and then read by row range any number of times. Each write adds one row group, or several if the
 /// table has more than 1,048,576 rows, Parquet's limit. The destructor deletes every file that the
 /// writer knows, including those that it found in the directory, unless preserveDirectory() says
 /// otherwise; the directory itself stays.
@@ -34,8 +34,8 @@ namespace kyr::parquet {
 ///   streamed batches have; rows of a file with other groups come back shifted.
 /// - Ids grow and are not reused.
 ///
-/// Every member that takes an id throws std::out_of_range for one that the writer does not know, and
-/// for a lost one; only remove() accepts a lost id. A file that cannot be opened is a
+/// Every member that takes an id throws std::out_of_range for one that the writer does not know,
+/// and for a lost one; only remove() accepts a lost id. A file that cannot be opened is a
 /// ::parquet::ParquetStatusException.
 ///
 /// One thread at a time. Not copyable.
@@ -124,12 +124,12 @@ class KYR_PARQUET_EXPORT StreamableWriter {
   friend class StreamableSignalImpl;
   using RowRange = std::pair<unsigned long, unsigned long>;
 
-  // Clones one range after the other until \p next returns none. Row groups that neighbouring ranges
-  // share are read once.
+  // Clones one range after the other until \p next returns none. Row groups that neighbouring
+  // ranges share are read once.
   void cloneEach(int src, int dst, const std::function<std::optional<RowRange>()>& next);
 
-  // Replaces \p out by the elements of the rows that read() returns, without making a table. Returns
-  // whether the file allows that; if not, the content of \p out is undefined.
+  // Replaces \p out by the elements of the rows that read() returns, without making a table.
+  // Returns whether the file allows that; if not, the content of \p out is undefined.
   bool readElements(int id, unsigned long from, unsigned long to, std::vector<char>& out);
 
   class Impl;

@@ -1,7 +1,7 @@
 #pragma once
 
-// KYR_PARQUET_EXPORT marks what the shared library shows; everything else is hidden. It lives in the
-// lowest layer because every layer above uses it.
+// KYR_PARQUET_EXPORT marks what the shared library shows; everything else is hidden. It lives in
+// the lowest layer because every layer above uses it.
 
 #if defined(_WIN32)
 #if defined(KYR_BUILDING_LIBRARY)

@@ -14,8 +14,8 @@
 
 namespace kyr::parquet {
 
-/// The bytes of a Parquet file with at most one row group. The offsets in its metadata are those that
-/// the row group will have in another file.
+/// The bytes of a Parquet file with at most one row group. The offsets in its metadata are those
+/// that the row group will have in another file.
 class EncodedBatch {
  public:
   /// \param file  "PAR1", the row group, the metadata, their length, "PAR1"

@@ -18,9 +18,9 @@ namespace kyr::parquet {
 
 namespace {
 
-// A footer is due if it takes at most this part of the bytes that were appended since the last footer,
-// or if this part of the batches came since then. More footers cost time, fewer leave the file
-// unpublished for longer.
+// A footer is due if it takes at most this part of the bytes that were appended since the last
+// footer, or if this part of the batches came since then. More footers cost time, fewer leave the
+// file unpublished for longer.
 constexpr std::uint64_t kFooterShare = 16;
 constexpr std::uint64_t kBatchShare = 4;
 constexpr std::size_t kPieceBytes = std::size_t{1} << 20U;

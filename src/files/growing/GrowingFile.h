@@ -20,8 +20,8 @@
 namespace kyr::parquet {
 
 /// A Parquet file that grows batch by batch. Wherever the writing stops, recoverFile()
-/// (FileRecovery.h) can complete the file. A batch that was appended survives a crash of the program;
-/// one that was appended before a sync() also survives a crash of the machine.
+/// (FileRecovery.h) can complete the file. A batch that was appended survives a crash of the
+/// program; one that was appended before a sync() also survives a crash of the machine.
 ///
 /// Layout. Numbers are unsigned and little-endian.
 ///
@@ -56,22 +56,22 @@ namespace kyr::parquet {
 /// footer's metadata began. No Thrift struct begins with 8F, so every reader of Parquet refuses a
 /// file in this state instead of reading a part of it.
 ///
-/// A published file ends in a footer, and any program can read it. A batch publishes the file if the
-/// caller asks for it, if the footer is at most a sixteenth of what was appended since the last
-/// footer, or if there are a third more batches than at the last footer. Otherwise the file ends in a
-/// batch record, and other programs report an error. Footers that no caller asked for are together at
-/// most a sixteenth of the batches and five times the last footer.
+/// A published file ends in a footer, and any program can read it. A batch publishes the file if
+/// the caller asks for it, if the footer is at most a sixteenth of what was appended since the last
+/// footer, or if there are a third more batches than at the last footer. Otherwise the file ends in
+/// a batch record, and other programs report an error. Footers that no caller asked for are
+/// together at most a sixteenth of the batches and five times the last footer.
 ///
-/// Failures of the file are a std::system_error, failures that Parquet reports a std::runtime_error;
-/// both name the file. The object is then as it was before the call, which may be repeated, except
-/// that a published file may no longer be published.
+/// Failures of the file are a std::system_error, failures that Parquet reports a
+/// std::runtime_error; both name the file. The object is then as it was before the call, which may
+/// be repeated, except that a published file may no longer be published.
 ///
 /// The object needs the memory of the encoded batch during a call, about a hundred bytes per column
 /// and batch between calls, and one file descriptor.
 class GrowingFile {
  public:
-  /// Creates a file and publishes it without rows. The name survives a power cut only after sync() and
-  /// syncDirectoryOf().
+  /// Creates a file and publishes it without rows. The name survives a power cut only after sync()
+  /// and syncDirectoryOf().
   /// \param keyValues  of the Parquet file; may be empty
   /// \throws std::system_error if the name is taken; what has the name stays as it is. After other
   ///         failures the new file is removed
@@ -100,8 +100,8 @@ class GrowingFile {
   bool isPublished() const { return published_; }
   bool isFinished() const { return finished_; }
 
-  /// Waits until all batches are on the disk. If the last sync failed, it first writes again what was
-  /// not synced, because the system does not try again by itself.
+  /// Waits until all batches are on the disk. If the last sync failed, it first writes again what
+  /// was not synced, because the system does not try again by itself.
   void sync();
 
   /// Publishes and closes the file without a sync. From then on it can only be read, as long as it
@@ -135,8 +135,8 @@ class GrowingFile {
   void requireGrowing() const;
   void writeRecord(const EncodedBatch& batch, std::uint64_t rows, bool publish);
   std::string footer(std::uint64_t offset, std::uint64_t records) const;
-  // Writes \p pieces behind the batch records, where the file ends then. Cuts the file back to the batch
-  // records if that fails.
+  // Writes \p pieces behind the batch records, where the file ends then. Cuts the file back to the
+  // batch records if that fails.
   void replaceTail(const std::vector<std::string_view>& pieces);
   void noteFooter(std::size_t bytes);
   void rewriteUnsynced();

@@ -49,7 +49,7 @@ class GrowingFileTest : public ::testing::Test {
     return GrowingFile::create(path, countingTable(0)->schema(),
                                Properties::Builder().disable_dictionary()->build(), kKeyValues);
   }
-  // Appends the numbers that follow those in the file.
+  // Appends rows that go on counting where the file ends.
   static void append(GrowingFile& file, std::int64_t rows, bool publish = false) {
     file.appendBatch(*countingTable(rows, static_cast<double>(file.rowCount())), publish);
   }
@@ -112,7 +112,7 @@ TEST_F(GrowingFileTest, IsPublishedAsLongAsFootersAreSmall) {
     EXPECT_TRUE(file->isPublished());
     expectCountsTo(file->rowCount());
   }
-  // A short record over a long footer: nothing of that may be left behind it.
+  // A short record is written over a long footer, of which nothing may be left.
   append(*file, 1);
   EXPECT_FALSE(file->isPublished());
   EXPECT_ANY_THROW(test::metadataOf(path));
@@ -187,8 +187,8 @@ TEST_F(GrowingFileTest, CanBeReadByOthersWhileItGrows) {
   EXPECT_TRUE(early.keyValueMetadata()->Equals(*kKeyValues));
 }
 
-// Every call that touches the disk fails in turn, alone or with those that clean up after it. What
-// was asked for is asked for again, once.
+// Lets every call that touches the disk fail, one after the other, alone or together with the calls
+// that clean up after it. Each operation that failed is called once more.
 TEST_F(GrowingFileTest, FailedCallsChangeNothingAndMayBeRepeated) {
   namespace disk = test::faultyDisk;
   const disk::Plan plans[] = {{1, 1, ENOSPC, false},
