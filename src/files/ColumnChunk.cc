@@ -63,7 +63,7 @@ void forEachPage(const ::arrow::ChunkedArray& column, const PageSize& size, std:
   if (page.rows > 0) visit(page);
 }
 
-// Which values are there, as runs of equal levels of one bit.
+// The definition levels of a page as runs of equal bits: 1 for a value, 0 for a null.
 std::string levelsOf(const PageRows& page) {
   std::string levels;
   const auto put = [&levels](std::int64_t count, bool isThere) {
@@ -121,8 +121,8 @@ class ChunkWriter {
     parquet::forEachPage(column_, size_, sizeof(Stored), visit);
   }
 
-  // The values of a page that are there, as Parquet stores them: in memory of the column if they
-  // are so there, and otherwise in memory that is valid until the next call.
+  // The values of a page without its nulls, as Parquet stores them. They lie in the column's memory if
+  // that has the same form, and otherwise in memory that is valid until the next call.
   const std::vector<Run>& storedValues(const PageRows& page) {
     runs_.clear();
     if (sizeof(Value) == sizeof(Stored) && page.nulls == 0) {
@@ -158,7 +158,8 @@ class ChunkWriter {
     addData(page, Encoding::PLAIN, pieces_);
   }
 
-  // The values of runs_. Empty if the encoding is not for them, or takes more bytes than \p most.
+  // Encodes the values of runs_. Null if the encoding is not one for this type, or if it takes more
+  // than \p most bytes.
   std::shared_ptr<::arrow::Buffer> encoded(Encoding::type encoding, std::int64_t most) const {
     constexpr auto kEncoding = std::is_floating_point_v<Stored> ? Encoding::BYTE_STREAM_SPLIT
                                                                 : Encoding::DELTA_BINARY_PACKED;
@@ -169,7 +170,8 @@ class ChunkWriter {
     return buffer->size() > most ? nullptr : buffer;
   }
 
-  // All numbers are found before anything is written, so that nothing is if they are too many.
+  // Finds all numbers before it writes anything. Returns false, and has written nothing, if there are
+  // too many distinct values.
   bool writeWithDictionary() {
     const auto all = static_cast<std::size_t>(column_.length() - column_.null_count());
     ValueDictionary<Bits> dictionary(std::max<std::size_t>(1, all / 2));

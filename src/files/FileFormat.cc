@@ -3,7 +3,7 @@
 #include <arrow/type.h>
 #include <parquet/arrow/schema.h>
 
-#include <algorithm>
+#include <utility>
 
 #include "files/BatchSize.h"
 #include "files/PhysicalTypes.h"
@@ -48,21 +48,5 @@ FileFormat::FileFormat(std::shared_ptr<const ::arrow::Schema> schema,
       properties_(std::move(properties)),
       check_(checkBatchSize(*properties_)),
       numberColumns_(parquet::numberColumns(*schema_, *properties_)) {}
-
-std::shared_ptr<const FileFormat> FileFormats::of(
-    const std::shared_ptr<const ::arrow::Schema>& schema, const Codec& codec) {
-  constexpr std::size_t kKept = 8;
-  const auto found = std::find_if(known_.begin(), known_.end(), [&](const auto& each) {
-    const auto& known = each.second->schema();
-    return each.first == codec &&
-           (known == schema || known->Equals(*schema, /*check_metadata=*/true));
-  });
-  if (found != known_.end()) return found->second;
-  auto properties =
-      codec ? options_.buildWriterProperties(*codec) : options_.buildWriterProperties();
-  if (known_.size() == kKept) known_.erase(known_.begin());
-  known_.emplace_back(codec, std::make_shared<FileFormat>(schema, std::move(properties)));
-  return known_.back().second;
-}
 
 }  // namespace kyr::parquet

@@ -6,11 +6,6 @@
 #include <parquet/schema.h>
 
 #include <memory>
-#include <optional>
-#include <utility>
-#include <vector>
-
-#include "kyr/parquet/ParquetWriterOptions.h"
 
 namespace kyr::parquet {
 
@@ -36,21 +31,6 @@ class FileFormat {
   std::shared_ptr<::parquet::WriterProperties> properties_;
   ::arrow::Status check_;
   std::shared_ptr<::parquet::SchemaDescriptor> numberColumns_;
-};
-
-/// The last few formats that the files of a directory were given, under the process-wide options as
-/// they were when the object was made.
-class FileFormats {
- public:
-  using Codec = std::optional<::arrow::Compression::type>;
-
-  /// \param codec  empty for that of the options
-  std::shared_ptr<const FileFormat> of(const std::shared_ptr<const ::arrow::Schema>& schema,
-                                       const Codec& codec);
-
- private:
-  ParquetWriterOptions options_;
-  std::vector<std::pair<Codec, std::shared_ptr<const FileFormat>>> known_;
 };
 
 }  // namespace kyr::parquet

@@ -27,6 +27,7 @@
 #include "schema/SampleLayout.h"
 #include "storage/ChunkIndex.h"
 #include "storage/ContentHash.h"
+#include "storage/FileFormats.h"
 #include "storage/KnownTimes.h"
 #include "storage/RepeatedHash.h"
 #include "storage/TypedColumns.h"

@@ -34,9 +34,9 @@ ArrayPtr dimensionColumn(const Dimensions& dimensions);
 void appendBlobs(const ::arrow::ChunkedArray& column, std::vector<char>& data,
                  std::vector<int>& offsets);
 
-/// A table that was read from a file, to take its columns apart. A column's name tells whether it
-/// is there; the column itself is taken by position: time (if there is one), data, dimension. Every
-/// error is a std::runtime_error naming the file.
+/// A table that was read from a file, to take its columns apart. A column exists if the table has
+/// its name, but it is taken by position: time (if it exists), data, dimension. Every error is a
+/// std::runtime_error naming the file.
 class StoredTable {
  public:
   StoredTable(std::string file, std::shared_ptr<::arrow::Table> table, bool withTime);

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
-#include <utility>
 #include <vector>
 
 namespace kyr::parquet::RedundancyChecker {
@@ -17,24 +16,30 @@ class HashNumbers {
  public:
   std::size_t size() const noexcept { return hashes_.size(); }
 
-  /// The number of \p hash, which is \p next if it has none yet.
+  /// The number of \p hash. If it has none yet, it gets \p next, which goes up by one.
   /// \param expected  a number that the hash probably has, which saves a search then
-  std::uint64_t of(std::uint64_t hash, std::uint64_t next, std::uint64_t expected = 0) {
+  unsigned long of(std::uint64_t hash, unsigned long& next, unsigned long expected = 0) {
     if (expected < hashes_.size() && hashes_[expected] == hash) return numberAt(expected);
     if (hashes_.size() >= tags_.size() / 4 * 3) grow();
-    const auto [slot, index] = find(hash);
-    if (index != kNone) return numberAt(index);
-    // Usually the numbers are the indices.
-    if (next != numberAt(hashes_.size())) jumps_.push_back({hashes_.size(), next});
-    put(slot, hash, hashes_.size());
-    hashes_.push_back(hash);
-    return next;
+    return probe(
+        hash, [this](std::size_t index) { return numberAt(index); },
+        [&](std::size_t slot) {
+          const std::size_t index = hashes_.size();
+          if (next != numberAt(index)) jumps_.push_back({index, next});
+          put(slot, hash, index);
+          hashes_.push_back(hash);
+          return next++;
+        });
   }
 
-  bool contains(std::uint64_t hash) const { return !tags_.empty() && find(hash).second != kNone; }
+  bool contains(std::uint64_t hash) const {
+    const auto yes = [](std::size_t) { return true; };
+    return !tags_.empty() && probe(hash, yes, [](std::size_t) { return false; });
+  }
   std::uint64_t at(std::uint64_t hash) const {
     if (!contains(hash)) throw std::out_of_range("the hash has no number");
-    return numberAt(find(hash).second);
+    const auto number = [this](std::size_t index) { return numberAt(index); };
+    return probe(hash, number, [](std::size_t) { return std::uint64_t{0}; });
   }
 
  private:
@@ -42,7 +47,6 @@ class HashNumbers {
   static constexpr std::size_t kGroup = 8;
   static constexpr std::uint64_t kOnes = 0x0101010101010101;
   static constexpr std::uint64_t kHighs = 0x8080808080808080;
-  static constexpr std::size_t kNone = SIZE_MAX;
 
   // The numbers of the hashes from \p index on are \p number and those that follow it.
   struct Jump {
@@ -50,6 +54,7 @@ class HashNumbers {
     std::uint64_t number;
   };
 
+  // Usually the numbers are the indices.
   std::uint64_t numberAt(std::size_t index) const {
     for (auto jump = jumps_.rbegin(); jump != jumps_.rend(); ++jump) {
       if (index >= jump->index) return jump->number + (index - jump->index);
@@ -79,17 +84,18 @@ class HashNumbers {
     return static_cast<std::size_t>(__builtin_ctzll(highs)) / 8;
   }
 
-  // The slot of a hash and its index, or a free slot and kNone.
-  std::pair<std::size_t, std::size_t> find(std::uint64_t hash) const {
+  // Calls \p found with the index of a hash, or \p isNew with the free slot for it.
+  template <typename Found, typename New>
+  std::uint64_t probe(std::uint64_t hash, Found&& found, New&& isNew) const {
     const std::uint64_t tag = tagOf(hash);
     for (std::size_t group = groupOf(hash);; group = (group + 1) & (groups() - 1)) {
       const std::uint64_t tags = load(group);
       for (std::uint64_t same = zeroBytes(tags ^ (tag * kOnes)); same != 0; same &= same - 1) {
-        const std::size_t slot = group * kGroup + firstByte(same);
-        if (hashes_[indices_[slot]] == hash) return {slot, indices_[slot]};
+        const std::uint32_t index = indices_[group * kGroup + firstByte(same)];
+        if (hashes_[index] == hash) return found(index);
       }
       if (const std::uint64_t empty = ~tags & kHighs) {
-        return {group * kGroup + firstByte(empty), kNone};
+        return isNew(group * kGroup + firstByte(empty));
       }
     }
   }

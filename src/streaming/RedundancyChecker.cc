@@ -64,11 +64,7 @@ unsigned long numberData(Context<unsigned long>* context, const void* data, unsi
                          KYRSignalDataType type, unsigned long expected) {
   if (!context) throw std::invalid_argument("Context is empty");
   const unsigned long hash = defaultHasher(data, size, type);
-  HashNumbers& numbers = context->seen.numbers();
-  const std::size_t before = numbers.size();
-  const unsigned long number = numbers.of(hash, context->nextNumber, expected);
-  if (numbers.size() > before) ++context->nextNumber;
-  return number;
+  return context->seen.numbers().of(hash, context->nextNumber, expected);
 }
 
 unsigned long numberTime(Context<unsigned long>* context, const double* time, unsigned long count,

@@ -17,6 +17,7 @@
 #include "files/TableWriter.h"
 #include "kyr/parquet/FileSelector.h"
 #include "kyr/platform/FileSystem.h"
+#include "storage/FileFormats.h"
 #include "streaming/RowGroups.h"
 #include "streaming/TableFiles.h"
 

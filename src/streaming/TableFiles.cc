@@ -44,7 +44,7 @@ void throwIfFailed(const ::arrow::Status& status, const Path& path) {
 }
 
 TableReader::TableReader(Path path) : path_(std::move(path)) {
-  // Arrow opens all other files, or tells what is wrong with them.
+  // Arrow opens all other files, or throws an error that says what is wrong with them.
   if (!openColumn()) metadata_ = tables().parquet_reader()->metadata();
 }
 

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "files/TableWriter.h"
+#include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/parquet/SerializationOptions.h"
 #include "support/ParquetFiles.h"
 #include "support/StorageTest.h"

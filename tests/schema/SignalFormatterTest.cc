@@ -60,21 +60,23 @@ void expectColumns(const TablePtr& table, const SchemaPtr& schema, const std::st
   }
 }
 
-TEST(SignalFormatter, WrapsTheSamplesInTheRowsThatShapesAndSizesSay) {
+struct FormatCase {
+  const char* name;
+  KYRSignalDataType type;
+  SchemaPtr schema;
+  std::vector<char> bytes;
+  Dimensions dimensions;
+  std::vector<int> sizes;
+  std::string data, dimension;
+};
+
+std::vector<FormatCase> formatCases() {
   const SchemaPtr scalar = data(Scalar, Int16);
   const SchemaPtr fixed = data(FixedDim, Int16);
   const SchemaPtr variable = data(VarDim, Int16);
   const SchemaPtr bus = data(Bus, Binary);
   const SchemaPtr text = schemaBuilder::getStringSchema("data");
-  struct {
-    const char* name;
-    KYRSignalDataType type;
-    SchemaPtr schema;
-    std::vector<char> bytes;
-    Dimensions dimensions;
-    std::vector<int> sizes;
-    std::string data, dimension;
-  } const cases[] = {
+  return {
       {"a row each", Int16, scalar, shorts(3, 1), {}, {}, "[1, 2, 3]", ""},
       {"one matrix", Int16, fixed, shorts(6), {{2, 3}}, {}, "[[1, 2, 3, 4, 5, 6]]", ""},
       {"two vectors", Int16, fixed, shorts(6), {{3}}, {}, "[[1, 2, 3], [4, 5, 6]]", ""},
@@ -128,7 +130,10 @@ TEST(SignalFormatter, WrapsTheSamplesInTheRowsThatShapesAndSizesSay) {
       {"no blobs", Binary, bus, {}, {}, {0, 0}, "[]", ""},
       {"no texts", Binary, text, {}, {}, {}, "[]", ""},
   };
-  for (const auto& c : cases) {
+}
+
+TEST(SignalFormatter, WrapsTheSamplesInTheRowsThatShapesAndSizesSay) {
+  for (const FormatCase& c : formatCases()) {
     SCOPED_TRACE(c.name);
     const auto buffer = borrowBuffer(c.bytes.data(), c.bytes.size());
     expectColumns(SignalFormatter().format(buffer, c.type, c.schema, c.dimensions, c.sizes),

@@ -24,8 +24,8 @@ class KYR_PARQUET_EXPORT TraceService {
 
 /// \brief Install \p service for the process; an empty pointer switches tracing off.
 ///
-/// The service is told of every group known so far, in the order in which they were added. Without
-/// a service, a trace point costs one test.
+/// Every group known so far is added to the service, in the order in which the groups were added
+/// here. Without a service, a trace point costs one test.
 /// \return the service that was installed before, or an empty pointer
 KYR_PARQUET_EXPORT std::shared_ptr<TraceService> installTraceService(
     std::shared_ptr<TraceService> service);
