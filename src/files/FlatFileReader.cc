@@ -23,7 +23,7 @@ namespace {
 // Read at once where a page begins: its header, its levels and more.
 constexpr std::size_t kHeaderBytes = 256;
 
-// What is of interest in a PageHeader with a DataPageHeaderV2.
+// The fields of a PageHeader with a DataPageHeaderV2 that are looked at.
 struct PageHeader {
   std::int64_t type = -1;
   std::int64_t uncompressed = -1;
@@ -63,8 +63,8 @@ PageHeader readHeader(CompactReader& reader) {
   return header;
 }
 
-// Whether levels of one bit tell that all of so many values are there, in the one run that
-// writers make of that.
+// Whether levels of one bit say that none of so many values is null, in the one run that writers
+// encode that as.
 bool areAllThere(std::string_view levels, std::int64_t rows) {
   std::string expected;
   putVarint(expected, static_cast<std::uint64_t>(rows) << 1U);
@@ -88,7 +88,7 @@ std::shared_ptr<::arrow::Schema> schemaOf(const ::parquet::FileMetaData& metadat
   return status.ok() ? schema : nullptr;
 }
 
-// What Parquet says of numbers beside their physical type.
+// What Parquet says about numbers beside their physical type.
 std::shared_ptr<const ::parquet::LogicalType> logicalTypeOf(const ::arrow::DataType& type) {
   switch (type.id()) {
     case ::arrow::Type::INT8:
@@ -108,8 +108,8 @@ std::shared_ptr<const ::parquet::LogicalType> logicalTypeOf(const ::arrow::DataT
   }
 }
 
-// The schema of a file with one column, if it plainly is of the type: making it from the metadata
-// takes as long as opening a small file. Empty where that must be done.
+// The schema of a file with one column, if it clearly is of the type; empty if not. Making the schema
+// from the metadata would take as long as opening a small file.
 std::shared_ptr<::arrow::Schema> expectedSchema(const ::parquet::FileMetaData& metadata,
                                                 const std::string& name,
                                                 const ::arrow::DataType& type) {
@@ -132,6 +132,18 @@ std::shared_ptr<::arrow::Schema> expectedSchema(const ::parquet::FileMetaData& m
 std::unique_ptr<FlatColumn> FlatColumn::make(const ::parquet::FileMetaData& metadata,
                                              std::uint64_t fileSize, const std::string& name,
                                              const ::arrow::DataType* type) {
+  return make(metadata, fileSize, name, type, /*needsAllPlain=*/true);
+}
+
+std::unique_ptr<FlatColumn> FlatColumn::makeWherePlain(const ::parquet::FileMetaData& metadata,
+                                                       std::uint64_t fileSize,
+                                                       const std::string& name) {
+  return make(metadata, fileSize, name, nullptr, /*needsAllPlain=*/false);
+}
+
+std::unique_ptr<FlatColumn> FlatColumn::make(const ::parquet::FileMetaData& metadata,
+                                             std::uint64_t fileSize, const std::string& name,
+                                             const ::arrow::DataType* type, bool needsAllPlain) {
   if (metadata.num_columns() != 1) return nullptr;
   auto schema = type ? expectedSchema(metadata, name, *type) : nullptr;
   if (!schema) schema = schemaOf(metadata);
@@ -147,7 +159,7 @@ std::unique_ptr<FlatColumn> FlatColumn::make(const ::parquet::FileMetaData& meta
                                                     descriptor.max_definition_level() > 0));
   for (int i = 0; i < metadata.num_row_groups(); ++i) {
     const auto group = metadata.RowGroup(i);
-    if (!result->add(*group, *group->ColumnChunk(0), fileSize)) return nullptr;
+    if (!result->add(*group, *group->ColumnChunk(0), fileSize) && needsAllPlain) return nullptr;
   }
   return result;
 }
@@ -161,20 +173,21 @@ bool FlatColumn::add(const ::parquet::RowGroupMetaData& group,
       !chunk.file_path().empty() || physicalWidth(chunk.type()) != stored_ ||
       chunk.num_values() != group.num_rows() || offset > fileSize || bytes > fileSize - offset ||
       rows > bytes / stored_) {
+    groups_.push_back({this->rows() + rows, 0, 0, {}});
     return false;
   }
   groups_.push_back({this->rows() + rows, offset, offset + bytes, {}});
   return true;
 }
 
-bool FlatColumn::read(const DiskFile& file, std::uint64_t first, std::uint64_t count, char* out) {
+bool FlatColumn::read(const ByteSource& file, std::uint64_t first, std::uint64_t count, char* out) {
   auto group = static_cast<std::size_t>(
       std::upper_bound(groups_.begin(), groups_.end(), first,
                        [](std::uint64_t row, const Group& each) { return row < each.end; }) -
       groups_.begin());
   for (; count > 0; ++group) {
     const std::uint64_t here = std::min(count, groups_[group].end - first);
-    if (!readGroup(file, group, first, here, out)) return false;
+    if (!readGroup(file, group, first - rowStart(group), here, out)) return false;
     first += here;
     count -= here;
     out += here * width_;
@@ -182,9 +195,10 @@ bool FlatColumn::read(const DiskFile& file, std::uint64_t first, std::uint64_t c
   return true;
 }
 
-bool FlatColumn::readGroup(const DiskFile& file, std::size_t group, std::uint64_t first,
+bool FlatColumn::readGroup(const ByteSource& file, std::size_t group, std::uint64_t first,
                            std::uint64_t count, char* out) {
   std::vector<Page>& pages = groups_[group].pages;
+  first += rowStart(group);
   while (pages.empty() || pages.back().end < first + count) {
     if (!findNextPage(file, group)) return false;
   }
@@ -201,7 +215,7 @@ bool FlatColumn::readGroup(const DiskFile& file, std::size_t group, std::uint64_
   return true;
 }
 
-bool FlatColumn::findNextPage(const DiskFile& file, std::size_t group) {
+bool FlatColumn::findNextPage(const ByteSource& file, std::size_t group) {
   constexpr int kDataPageV2 = 3;
   Group& in = groups_[group];
   if (in.offset >= in.limit) return false;
@@ -236,7 +250,7 @@ bool FlatColumn::findNextPage(const DiskFile& file, std::size_t group) {
   return true;
 }
 
-bool FlatColumn::readValues(const DiskFile& file, std::uint64_t offset, std::uint64_t count,
+bool FlatColumn::readValues(const ByteSource& file, std::uint64_t offset, std::uint64_t count,
                             char* out) const {
   if (width_ == stored_) {
     const auto bytes = static_cast<std::size_t>(count) * width_;
@@ -258,7 +272,7 @@ bool FlatColumn::readValues(const DiskFile& file, std::uint64_t offset, std::uin
   return true;
 }
 
-std::shared_ptr<::parquet::FileMetaData> readMetadata(const DiskFile& file) {
+std::shared_ptr<::parquet::FileMetaData> readMetadata(const ByteSource& file) {
   const auto serialized = readSerializedMetadata(file);
   if (!serialized) return nullptr;
   auto bytes = static_cast<std::uint32_t>(serialized->size());

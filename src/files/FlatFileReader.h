@@ -13,15 +13,16 @@
 
 #include "files/PhysicalTypes.h"
 #include "kyr/parquet/ColumnNames.h"
+#include "platform/ByteSource.h"
 #include "platform/DiskFile.h"
 
 namespace kyr::parquet {
 
-/// Where the values of one numeric column lie in a file, whose pages are plain and hold no nulls:
-/// they are read from there straight into the caller's memory.
+/// Where the values of one numeric column lie in a file whose pages are plain and hold no nulls. They
+/// are read from there straight into the caller's memory.
 ///
-/// Whatever is not so, damaged files included, is not read here; whoever asks then reads the file
-/// with Arrow, which tells what is wrong with it.
+/// Other files, damaged ones included, are not read here. The caller then reads the file with Arrow,
+/// which says what is wrong with it.
 class FlatColumn {
  public:
   /// \param name  of the column, which is the only one of the file
@@ -31,9 +32,14 @@ class FlatColumn {
                                           std::uint64_t fileSize, const std::string& name,
                                           const ::arrow::DataType* type);
 
+  /// Like make() for columns of any type, but only some of the row groups need to be plain.
+  static std::unique_ptr<FlatColumn> makeWherePlain(const ::parquet::FileMetaData& metadata,
+                                                    std::uint64_t fileSize,
+                                                    const std::string& name);
+
   std::uint64_t rows() const { return groups_.empty() ? 0 : groups_.back().end; }
   std::size_t width() const { return width_; }
-  /// Of the file, as Arrow has it.
+  /// The schema of the file, as Arrow has it.
   const std::shared_ptr<::arrow::Schema>& schema() const { return schema_; }
   /// First row of a row group, which may be the one behind the last.
   std::uint64_t rowStart(std::size_t group) const {
@@ -43,17 +49,22 @@ class FlatColumn {
   /// Reads rows [first, first + count), which there must be, to \p out.
   /// \return whether the pages were as they should be; \p out is overwritten in any case
   /// \throws std::system_error naming the file if it cannot be read
-  bool read(const DiskFile& file, std::uint64_t first, std::uint64_t count, char* out);
+  bool read(const ByteSource& file, std::uint64_t first, std::uint64_t count, char* out);
+
+  /// The same for rows of one row group, counted from its first one.
+  bool readGroup(const ByteSource& file, std::size_t group, std::uint64_t first,
+                 std::uint64_t count, char* out);
 
  private:
   struct Page {
     std::uint64_t end = 0;  // row behind its last one
     std::uint64_t values = 0;
   };
+  // A row group that is not plain has no bytes here.
   struct Group {
     std::uint64_t end = 0;     // row behind its last one
-    std::uint64_t offset = 0;  // of the page that was not looked at yet
-    std::uint64_t limit = 0;   // behind its last byte
+    std::uint64_t offset = 0;  // of the first page that was not looked at yet
+    std::uint64_t limit = 0;   // behind the last byte of its pages
     std::vector<Page> pages;   // looked at so far
   };
 
@@ -61,12 +72,15 @@ class FlatColumn {
              bool isOptional)
       : schema_(std::move(schema)), width_(width), stored_(stored), isOptional_(isOptional) {}
 
+  static std::unique_ptr<FlatColumn> make(const ::parquet::FileMetaData& metadata,
+                                          std::uint64_t fileSize, const std::string& name,
+                                          const ::arrow::DataType* type, bool needsAllPlain);
+  // Returns whether the row group is plain.
   bool add(const ::parquet::RowGroupMetaData& group, const ::parquet::ColumnChunkMetaData& chunk,
            std::uint64_t fileSize);
-  bool readGroup(const DiskFile& file, std::size_t group, std::uint64_t first, std::uint64_t count,
-                 char* out);
-  bool findNextPage(const DiskFile& file, std::size_t group);
-  bool readValues(const DiskFile& file, std::uint64_t offset, std::uint64_t count, char* out) const;
+  bool findNextPage(const ByteSource& file, std::size_t group);
+  bool readValues(const ByteSource& file, std::uint64_t offset, std::uint64_t count,
+                  char* out) const;
 
   std::shared_ptr<::arrow::Schema> schema_;
   std::size_t width_;   // of a value in memory
@@ -77,15 +91,15 @@ class FlatColumn {
 
 /// The metadata of a Parquet file; empty if it is none.
 /// \throws std::system_error naming the file if it cannot be read
-std::shared_ptr<::parquet::FileMetaData> readMetadata(const DiskFile& file);
+std::shared_ptr<::parquet::FileMetaData> readMetadata(const ByteSource& file);
 
 /// Replaces \p out by rows [first, first + count), which there must be. Memory that \p out has is
-/// used; memory that it has not is taken, cleared and filled piece by piece, while the piece is in
-/// the processor's cache.
+/// used. Memory that it does not have is allocated, cleared and filled piece by piece, while the
+/// piece is in the processor's cache.
 /// \param out  elements of a column's width, or bytes
 /// \return as FlatColumn::read()
 template <typename T>
-bool readRows(FlatColumn& column, const DiskFile& file, std::uint64_t first, std::uint64_t count,
+bool readRows(FlatColumn& column, const ByteSource& file, std::uint64_t first, std::uint64_t count,
               std::vector<T>& out) {
   constexpr std::uint64_t kPiece = 32'768;
   const std::size_t perRow = column.width() / sizeof(T);

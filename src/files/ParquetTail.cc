@@ -6,7 +6,7 @@ namespace kyr::parquet {
 
 namespace {
 
-// Read at once: the metadata of small files, and more.
+// Read in one call. Holds the metadata of small files.
 constexpr std::size_t kTailGuess = std::size_t{8} << 10U;
 
 }  // namespace
@@ -18,7 +18,7 @@ std::uint32_t metadataLength(std::string_view tail) {
   return bytes;
 }
 
-std::optional<std::string> readSerializedMetadata(const DiskFile& file) {
+std::optional<std::string> readSerializedMetadata(const ByteSource& file) {
   const std::uint64_t size = file.size();
   std::string tail(std::min<std::uint64_t>(size, kTailGuess), '\0');
   if (tail.size() < kParquetMagic.size() + kParquetTailBytes ||

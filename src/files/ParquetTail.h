@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/DiskFile.h"
+#include "platform/ByteSource.h"
 
 /// How a Parquet file begins and ends: "PAR1", ..., metadata, their length in 4 bytes, "PAR1".
 namespace kyr::parquet {
@@ -15,11 +15,11 @@ constexpr std::string_view kParquetMagic = "PAR1";
 /// The length of the metadata and "PAR1".
 constexpr std::size_t kParquetTailBytes = 8;
 
-/// The length of the metadata that \p tail, the last kParquetTailBytes of a file, tells.
+/// The length of the metadata, from the last kParquetTailBytes of a file.
 std::uint32_t metadataLength(std::string_view tail);
 
 /// The serialized metadata at the end of a file; none if it is no complete Parquet file.
 /// \throws std::system_error naming the file if it cannot be read
-std::optional<std::string> readSerializedMetadata(const DiskFile& file);
+std::optional<std::string> readSerializedMetadata(const ByteSource& file);
 
 }  // namespace kyr::parquet

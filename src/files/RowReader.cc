@@ -1,7 +1,6 @@
 #include "files/RowReader.h"
 
 #include <arrow/api.h>
-#include <arrow/io/interfaces.h>
 #include <fmt/format.h>
 #include <parquet/exception.h>
 
@@ -11,74 +10,13 @@
 #include <stdexcept>
 #include <utility>
 
+#include "files/ArrowSource.h"
 #include "files/LocalReading.h"
 #include "kyr/parquet/ColumnNames.h"
 
 namespace kyr::parquet {
 
 namespace {
-
-// A file as Arrow reads it.
-class DiskSource final : public ::arrow::io::RandomAccessFile {
- public:
-  explicit DiskSource(std::shared_ptr<const DiskFile> file) : file_(std::move(file)) {}
-
-  ::arrow::Result<std::int64_t> ReadAt(std::int64_t position, std::int64_t size,
-                                       void* out) override {
-    if (position < 0 || size < 0) return ::arrow::Status::Invalid("a negative place in a file");
-    try {
-      return static_cast<std::int64_t>(
-          file_->readAt(static_cast<std::uint64_t>(position), out, static_cast<std::size_t>(size)));
-    } catch (const std::runtime_error& error) {
-      return ::arrow::Status::IOError(error.what());
-    }
-  }
-  ::arrow::Result<std::shared_ptr<::arrow::Buffer>> ReadAt(std::int64_t position,
-                                                           std::int64_t size) override {
-    // A length from damaged metadata must not reserve memory that no file could fill.
-    ARROW_ASSIGN_OR_RAISE(const std::int64_t fileSize, GetSize());
-    if (position < 0 || size < 0 || position > fileSize) {
-      return ::arrow::Status::Invalid("a place outside of the file");
-    }
-    size = std::min(size, fileSize - position);
-    ARROW_ASSIGN_OR_RAISE(auto buffer, ::arrow::AllocateResizableBuffer(size));
-    ARROW_ASSIGN_OR_RAISE(const std::int64_t got, ReadAt(position, size, buffer->mutable_data()));
-    ARROW_RETURN_NOT_OK(buffer->Resize(got));
-    return std::shared_ptr<::arrow::Buffer>(std::move(buffer));
-  }
-  ::arrow::Result<std::int64_t> Read(std::int64_t size, void* out) override {
-    ARROW_ASSIGN_OR_RAISE(const std::int64_t got, ReadAt(position_, size, out));
-    position_ += got;
-    return got;
-  }
-  ::arrow::Result<std::shared_ptr<::arrow::Buffer>> Read(std::int64_t size) override {
-    ARROW_ASSIGN_OR_RAISE(auto buffer, ReadAt(position_, size));
-    position_ += buffer->size();
-    return buffer;
-  }
-  ::arrow::Result<std::int64_t> GetSize() override {
-    try {
-      return static_cast<std::int64_t>(file_->size());
-    } catch (const std::runtime_error& error) {
-      return ::arrow::Status::IOError(error.what());
-    }
-  }
-  ::arrow::Status Seek(std::int64_t position) override {
-    position_ = position;
-    return ::arrow::Status::OK();
-  }
-  ::arrow::Result<std::int64_t> Tell() const override { return position_; }
-  ::arrow::Status Close() override {
-    closed_ = true;
-    return ::arrow::Status::OK();
-  }
-  bool closed() const override { return closed_; }
-
- private:
-  std::shared_ptr<const DiskFile> file_;
-  std::int64_t position_ = 0;
-  bool closed_ = false;
-};
 
 // Long files have more row groups than Parquet's readers accept by default.
 ::parquet::ReaderProperties unlimited() {
@@ -88,6 +26,18 @@ class DiskSource final : public ::arrow::io::RandomAccessFile {
   return properties;
 }
 
+// Whether a column chunk is too long to be read at once: one page after the other is, then.
+bool hasLongChunks(const ::parquet::FileMetaData& metadata) {
+  constexpr std::int64_t kLong = std::int64_t{1} << 20;
+  for (int i = 0; i < metadata.num_row_groups(); ++i) {
+    const auto group = metadata.RowGroup(i);
+    for (int column = 0; column < group->num_columns(); ++column) {
+      if (group->ColumnChunk(column)->total_compressed_size() > kLong) return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata) {
@@ -95,39 +45,101 @@ std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata
   return ::parquet::FileMetaData::Make(metadata.data(), &size, unlimited());
 }
 
-std::shared_ptr<::arrow::io::RandomAccessFile> arrowFile(std::shared_ptr<const DiskFile> file) {
-  return std::make_shared<DiskSource>(std::move(file));
+RowReader::RowReader(std::shared_ptr<const ByteSource> file)
+    : file_(std::make_shared<ArrowSource>(std::move(file))) {}
+
+RowReader::~RowReader() = default;
+RowReader::RowReader(RowReader&&) noexcept = default;
+RowReader& RowReader::operator=(RowReader&&) noexcept = default;
+
+template <typename Work>
+auto RowReader::naming(Work&& work) {
+  try {
+    return work();
+  } catch (const ::parquet::ParquetException& error) {
+    file_->rethrow();
+    throw std::runtime_error(fmt::format("{}: {}", file_->file().path().string(), error.what()));
+  }
 }
 
-RowReader::RowReader(std::shared_ptr<const DiskFile> file) : file_(std::move(file)) {}
+void RowReader::requireRows(const BatchIndex& index, std::uint64_t first,
+                            std::uint64_t count) const {
+  if (first <= index.rows() && count <= index.rows() - first) return;
+  throw std::out_of_range(fmt::format("{}: rows {} and the {} behind are asked for, there are {}",
+                                      file_->file().path().string(), first, count, index.rows()));
+}
 
-void RowReader::open(const BatchIndex& index, std::size_t first, std::size_t count) {
-  if (metadata_ && first == firstBatch_ && count == batches_) return;
-  metadata_ = parseMetadata(index.metadata(first, count));
+RowReader::Batches RowReader::open(const BatchIndex& index, std::uint64_t first,
+                                   std::uint64_t count) {
+  constexpr std::size_t kAhead = 16;
+  Batches needed;
+  needed.first = count == 0 ? opened_.first : index.batchOfRow(first);
+  if (count > 0) needed.count = index.batchOfRow(first + count - 1) + 1 - needed.first;
+  const std::size_t openedEnd = opened_.first + opened_.count;
+  if (metadata_ && needed.first >= opened_.first && needed.first + needed.count <= openedEnd) {
+    return needed;
+  }
+  // Whoever reads batch after batch needs the next ones soon.
+  const bool goesOn = metadata_ && needed.first >= opened_.first && needed.first <= openedEnd;
+  Batches wanted = needed;
+  if (goesOn) wanted.count = std::max(wanted.count, kAhead);
+  wanted.count = std::min(wanted.count, index.batches() - wanted.first);
+  auto metadata = parseMetadata(index.metadata(wanted.first, wanted.count));
   reader_.reset();
-  column_ = FlatColumn::make(*metadata_, file_->size(), columnNames::data, nullptr);
-  firstBatch_ = first;
-  batches_ = count;
+  decoder_.reset();
+  column_ = FlatColumn::makeWherePlain(*metadata, file_->file().size(), columnNames::data);
+  metadata_ = std::move(metadata);
+  opened_ = wanted;
+  return needed;
+}
+
+std::unique_ptr<::parquet::ParquetFileReader> RowReader::parquetReader() const {
+  ::parquet::ReaderProperties properties = unlimited();
+  if (hasLongChunks(*metadata_)) {
+    constexpr std::int64_t kBufferBytes = std::int64_t{1} << 18;
+    properties.enable_buffered_stream();
+    properties.set_buffer_size(kBufferBytes);
+  }
+  return ::parquet::ParquetFileReader::Open(file_, properties, metadata_);
 }
 
 ::parquet::arrow::FileReader& RowReader::arrowReader() {
-  if (reader_) return *reader_;
-  auto file = ::parquet::ParquetFileReader::Open(std::make_shared<DiskSource>(file_), unlimited(),
-                                                 metadata_);
-  PARQUET_THROW_NOT_OK(::parquet::arrow::FileReader::Make(
-      ::arrow::default_memory_pool(), std::move(file), localReading(), &reader_));
+  if (!reader_) {
+    PARQUET_THROW_NOT_OK(::parquet::arrow::FileReader::Make(
+        ::arrow::default_memory_pool(), parquetReader(), localReading(), &reader_));
+  }
   return *reader_;
 }
 
-std::shared_ptr<::arrow::Table> RowReader::readColumn(std::uint64_t first, std::uint64_t count) {
-  if (!column_ || count == 0) return nullptr;
-  PARQUET_ASSIGN_OR_THROW(
-      std::shared_ptr<::arrow::Buffer> values,
-      ::arrow::AllocateBuffer(static_cast<std::int64_t>(count * column_->width())));
-  if (!column_->read(*file_, first, count, reinterpret_cast<char*>(values->mutable_data()))) {
-    return nullptr;
-  }
-  const auto& schema = column_->schema();
+void RowReader::readNumbers(const BatchIndex& index, int leaf, std::size_t width,
+                            std::uint64_t first, std::uint64_t count, char* out) {
+  requireRows(index, first, count);
+  naming([&] {
+    const Batches batches = open(index, first, count);
+    for (std::size_t batch = batches.first; count > 0; ++batch) {
+      const std::uint64_t from = first - index.rowStart(batch);
+      const std::uint64_t rows = std::min(count, index.rowStart(batch + 1) - first);
+      const std::size_t group = batch - opened_.first;
+      const bool isPlain = column_ && leaf == 0 && column_->width() == width &&
+                           column_->readGroup(file_->file(), group, from, rows, out);
+      if (!isPlain) {
+        if (!decoder_) decoder_ = std::make_unique<ColumnDecoder>(parquetReader());
+        decoder_->read(static_cast<int>(group), leaf, width, from, rows, out);
+      }
+      first += rows;
+      count -= rows;
+      out += rows * width;
+    }
+  });
+}
+
+std::shared_ptr<::arrow::Table> RowReader::readColumn(const BatchIndex& index, std::uint64_t first,
+                                                      std::uint64_t count) {
+  const std::size_t width = column_->width();
+  PARQUET_ASSIGN_OR_THROW(std::shared_ptr<::arrow::Buffer> values,
+                          ::arrow::AllocateBuffer(static_cast<std::int64_t>(count * width)));
+  const auto schema = column_->schema();
+  readNumbers(index, 0, width, first, count, reinterpret_cast<char*>(values->mutable_data()));
   return ::arrow::Table::Make(schema,
                               {::arrow::MakeArray(::arrow::ArrayData::Make(
                                   schema->field(0)->type(), static_cast<std::int64_t>(count),
@@ -137,28 +149,20 @@ std::shared_ptr<::arrow::Table> RowReader::readColumn(std::uint64_t first, std::
 std::shared_ptr<::arrow::Table> RowReader::read(const BatchIndex& index, std::uint64_t first,
                                                 std::uint64_t count,
                                                 const std::optional<std::vector<int>>& columns) {
-  if (first > index.rows() || count > index.rows() - first) {
-    throw std::out_of_range(fmt::format("{}: rows {} and the {} behind are asked for, there are {}",
-                                        file_->path().string(), first, count, index.rows()));
-  }
-  const std::size_t firstBatch = count == 0 ? 0 : index.batchOfRow(first);
-  const std::size_t batches = count == 0 ? 0 : index.batchOfRow(first + count - 1) + 1 - firstBatch;
-  std::shared_ptr<::arrow::Table> table;
-  try {
-    open(index, firstBatch, batches);
-    if (!columns) table = readColumn(first - index.rowStart(firstBatch), count);
-    if (table) return table;
+  requireRows(index, first, count);
+  return naming([&] {
+    const Batches batches = open(index, first, count);
+    if (column_ && !columns && count > 0) return readColumn(index, first, count);
     auto& reader = arrowReader();
-    std::vector<int> groups(batches);
-    std::iota(groups.begin(), groups.end(), 0);
+    std::vector<int> groups(batches.count);
+    std::iota(groups.begin(), groups.end(), static_cast<int>(batches.first - opened_.first));
+    std::shared_ptr<::arrow::Table> table;
     PARQUET_THROW_NOT_OK(columns ? reader.ReadRowGroups(groups, *columns, &table)
                                  : reader.ReadRowGroups(groups, &table));
-  } catch (const ::parquet::ParquetException& error) {
-    throw std::runtime_error(fmt::format("{}: {}", file_->path().string(), error.what()));
-  }
-  if (count == 0) return table;
-  return table->Slice(static_cast<std::int64_t>(first - index.rowStart(firstBatch)),
-                      static_cast<std::int64_t>(count));
+    if (count == 0) return table;
+    return table->Slice(static_cast<std::int64_t>(first - index.rowStart(batches.first)),
+                        static_cast<std::int64_t>(count));
+  });
 }
 
 }  // namespace kyr::parquet

@@ -78,6 +78,13 @@ DiskFile::DiskFile(std::filesystem::path path, Mode mode) : path_(std::move(path
   open(flagsOf(mode) | (mode == Mode::createNew ? O_CREAT | O_EXCL : 0));
 }
 
+DiskFile::DiskFile(const DiskFile& directory, const std::string& name, Entry entry)
+    : path_(directory.path() / name), mode_(Mode::readOnly) {
+  const bool isDirectory = entry == Entry::directory;
+  const int flags = flagsOf(mode_) | (isDirectory ? O_DIRECTORY : 0);
+  take(retried([&] { return ::openat(directory.descriptor(), name.c_str(), flags); }), isDirectory);
+}
+
 DiskFile::~DiskFile() {
   if (descriptor_ >= 0) ::close(descriptor_);
 }
@@ -89,15 +96,23 @@ void DiskFile::fail(const char* what, int error) const {
 
 void DiskFile::open(int flags) const {
   const bool isNew = (flags & O_CREAT) != 0;
-  descriptor_ = retried([&] { return ::open(path_.c_str(), flags, kPermissions); });
-  if (descriptor_ < 0) fail(isNew ? "create" : "open", errno);
-  if (isNew) return;
+  const int descriptor = retried([&] { return ::open(path_.c_str(), flags, kPermissions); });
+  if (descriptor < 0) fail(isNew ? "create" : "open", errno);
+  take(descriptor, /*mayBeDirectory=*/true);
+}
+
+void DiskFile::take(int descriptor, bool mayBeDirectory) const {
+  if (descriptor < 0) fail("open", errno);
   struct stat status {};
-  const bool isKnown = ::fstat(descriptor_, &status) == 0;
-  if (isKnown && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) return;
-  const int error = isKnown ? ENOTSUP : errno;
-  ::close(std::exchange(descriptor_, -1));
-  fail(isKnown ? "open a pipe or device" : "open", error);
+  int error = ::fstat(descriptor, &status) == 0 ? 0 : errno;
+  const bool isDirectory = S_ISDIR(status.st_mode);
+  if (error == 0 && isDirectory && !mayBeDirectory) error = EISDIR;
+  if (error == 0 && !isDirectory && !S_ISREG(status.st_mode)) error = ENOTSUP;
+  if (error != 0) {
+    ::close(descriptor);
+    fail(error == ENOTSUP ? "open a pipe or device" : "open", error);
+  }
+  descriptor_ = descriptor;
 }
 
 int DiskFile::descriptor() const {

@@ -7,11 +7,13 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/ByteSource.h"
+
 namespace kyr {
 
 /// An open file that is read and written at given offsets. Short transfers and interrupted calls
 /// are continued; every other failure is a std::system_error whose text names the file.
-class DiskFile {
+class DiskFile final : public ByteSource {
  public:
   enum class Mode {
     createNew,  ///< for reading and writing; fails if the name is taken
@@ -22,13 +24,17 @@ class DiskFile {
   /// Opens regular files and directories only. A pipe or a device is refused at once, also where an
   /// ordinary open would wait for its other end.
   DiskFile(std::filesystem::path path, Mode mode);
+  enum class Entry { file, directory };
+  /// Opens the entry \p name of an open directory for reading, also if the directory was renamed. The
+  /// object cannot be suspended.
+  DiskFile(const DiskFile& directory, const std::string& name, Entry entry);
   /// Closes the file and ignores a failure to do so.
-  ~DiskFile();
+  ~DiskFile() override;
   DiskFile(const DiskFile&) = delete;
   DiskFile& operator=(const DiskFile&) = delete;
 
-  const std::filesystem::path& path() const { return path_; }
-  std::uint64_t size() const;
+  const std::filesystem::path& path() const override { return path_; }
+  std::uint64_t size() const override;
   /// \throws std::runtime_error naming the file if it was deleted while it was open
   void requireName() const;
 
@@ -36,8 +42,7 @@ class DiskFile {
   /// bytes may have been written.
   void writeAt(std::uint64_t offset, const std::vector<std::string_view>& pieces);
 
-  /// \return bytes read; fewer than \p size only where the file ends
-  std::size_t readAt(std::uint64_t offset, void* out, std::size_t size) const;
+  std::size_t readAt(std::uint64_t offset, void* out, std::size_t size) const override;
 
   void truncate(std::uint64_t size);
   /// \return whether it succeeded
@@ -67,6 +72,8 @@ class DiskFile {
  private:
   [[noreturn]] void fail(const char* what, int error) const;
   void open(int flags) const;
+  // Takes the descriptor that a call gave, if it is that of a regular file or a directory.
+  void take(int descriptor, bool mayBeDirectory) const;
   // Opens the file again if it is suspended.
   int descriptor() const;
   void closeDescriptor();

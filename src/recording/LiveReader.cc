@@ -10,11 +10,10 @@
 #include <system_error>
 #include <utility>
 
-#include "files/growing/FileRecovery.h"
+#include "files/InputFile.h"
 #include "recording/FolderFiles.h"
 #include "recording/LiveJournal.h"
 #include "recording/RecordingFolder.h"
-#include "safe/SharedStream.h"
 #include "schema/PartTables.h"
 
 namespace kyr::recording {
@@ -72,27 +71,6 @@ LiveRecordingInfo infoOf(const fs::path& folder, LiveState state) {
   return info;
 }
 
-// Rows of a file that grows, or of one that was written in one go.
-class LiveView {
- public:
-  explicit LiveView(const fs::path& path) {
-    try {
-      growing_.emplace(parquet::openGrowingFile(path));
-    } catch (const std::runtime_error&) {
-      whole_.emplace(path);
-    }
-  }
-
-  std::uint64_t rows() const { return growing_ ? growing_->rowCount() : whole_->rows(); }
-  std::shared_ptr<::arrow::Table> read(std::uint64_t first, std::uint64_t count) {
-    return growing_ ? growing_->read(first, count) : whole_->read(first, count);
-  }
-
- private:
-  std::optional<parquet::GrowingFileView> growing_;
-  std::optional<parquet::StoredRows> whole_;
-};
-
 }  // namespace
 
 bool isLiveRecording(const Path& folder) {
@@ -128,7 +106,7 @@ class LiveReader::Impl {
     to = std::min(to, isTime ? signal.timeRows : signal.dataRows);
     LiveRows rows;
     if (!id || from >= to) return rows;
-    parquet::PartRows read({viewOf(*id, to).read(from, to - from)});
+    parquet::PartRows read({fileOf(*id, to).read(from, to - from)});
     rows.bytes = std::move(read.bytes);
     if (read.dimensions) rows.dimensions = *std::move(read.dimensions);
     rows.sizes = std::move(read.sizes);
@@ -138,24 +116,24 @@ class LiveReader::Impl {
   const LiveRecordingInfo& info() const { return info_; }
 
  private:
-  // Of at least so many rows.
-  LiveView& viewOf(int id, std::uint64_t rows) {
-    const auto known = views_.find(id);
-    if (known != views_.end() && known->second.rows() >= rows) return known->second;
+  parquet::InputFile& fileOf(int id, std::uint64_t rows) {
     const fs::path path = storagePath(folder_, id);
-    if (known != views_.end()) views_.erase(known);
-    if (views_.size() >= kMaxOpenFiles) views_.clear();
-    auto& view = views_.emplace(id, path).first->second;
-    if (view.rows() >= rows) return view;
+    if (files_.size() >= kMaxOpenFiles && files_.count(id) == 0) files_.clear();
+    auto& file = files_[id];
+    if (!file || file->rows() < rows) {
+      file = parquet::openAnyFile(std::make_shared<DiskFile>(path, DiskFile::Mode::readOnly), rows,
+                                  parquet::BatchChecks::no);
+    }
+    if (file->rows() >= rows) return *file;
     throw std::runtime_error(
-        fmt::format("{}: holds {} rows, but {} were flushed", path.string(), view.rows(), rows));
+        fmt::format("{}: holds {} rows, but {} were flushed", path.string(), file->rows(), rows));
   }
 
   static constexpr std::size_t kMaxOpenFiles = 128;
 
   fs::path folder_;
   LiveRecordingInfo info_;
-  std::map<int, LiveView> views_;
+  std::map<int, std::shared_ptr<parquet::InputFile>> files_;
 };
 
 LiveReader::LiveReader(const Path& folder) : impl_(std::make_unique<Impl>(folder)) {}

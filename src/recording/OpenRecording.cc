@@ -177,7 +177,7 @@ class Recording::Impl {
   // folder, their bytes stay. Those that are too many for that are copied.
   void openPacks(const fs::path& folder, const std::vector<const FileInfo*>& packed) {
     constexpr std::size_t kMaxDescriptors = 32;
-    const auto cache = std::make_shared<parquet::PackCache>();
+    const auto cache = std::make_shared<parquet::RowGroupCache>();
     std::map<int, std::shared_ptr<parquet::PackFile>> opened;
     const auto& store = parquet::PoolAccess::of(*pool).sharedStore();
     for (const FileInfo* file : packed) {

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "files/InputFile.h"
 #include "files/growing/FileRecovery.h"
 #include "files/growing/GrowingFile.h"
 #include "kyr/parquet/ColumnNames.h"
@@ -109,10 +110,10 @@ int StorageFiles::withRows(int id, std::uint64_t rows, bool mayCut) {
 bool StorageFiles::cutBehind(int id, std::uint64_t rows) {
   if (!file(id).isGrowing) return false;
   {
-    const parquet::GrowingFileView view = parquet::openGrowingFile(pathOf(id));
+    const auto view = parquet::openGrowingFile(pathOf(id));
     bool isBoundary = false;
-    for (std::size_t batch = 0; batch <= view.batchCount() && !isBoundary; ++batch) {
-      isBoundary = view.rowStart(batch) == rows;
+    for (std::size_t batch = 0; batch <= view->rowGroups() && !isBoundary; ++batch) {
+      isBoundary = view->rowStart(batch) == rows;
     }
     if (!isBoundary) return false;
   }
@@ -165,7 +166,7 @@ std::optional<SignalInfo> StorageFiles::guess(int id) {
 
 std::optional<double> StorageFiles::time(int id, std::uint64_t row) {
   if (!file(id).isGrowing || row >= file(id).rows) return std::nullopt;
-  const auto table = parquet::openGrowingFile(pathOf(id)).read(row, 1);
+  const auto table = parquet::openGrowingFile(pathOf(id))->read(row, 1);
   const auto column = table->column(0);
   if (column->type()->id() != ::arrow::Type::DOUBLE || column->length() != 1) return std::nullopt;
   const auto value = column->GetScalar(0);

@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <optional>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
-#include "kyr/parquet/SignalFormatter.h"
+#include "kyr/parquet/ColumnNames.h"
 #include "platform/Digest.h"
 #include "schema/ArrayMemory.h"
 
@@ -89,6 +89,41 @@ std::uint64_t dropEnds(std::vector<std::uint64_t>& ends, std::size_t rows, std::
 
 std::size_t extentsIn(const RowSlice& rows) {
   return rows.rows == 0 ? 0 : rows.extentEnds[rows.rows - 1] - rows.extentBegin;
+}
+
+void requireNoNulls(const ::arrow::Array& values) {
+  if (values.null_count() > 0) throw std::invalid_argument("a column holds nulls");
+}
+
+// The chunks of a column that have rows.
+::arrow::ArrayVector chunksOf(const ::arrow::Table& table, const std::string& column) {
+  const auto chunks = table.GetColumnByName(column);
+  if (!chunks) throw std::invalid_argument(fmt::format("there is no column \"{}\"", column));
+  ::arrow::ArrayVector result;
+  for (const auto& chunk : chunks->chunks()) {
+    if (chunk->length() == 0) continue;
+    requireNoNulls(*chunk);
+    result.push_back(chunk);
+  }
+  return result;
+}
+
+// Lists of one type differ in the names of their items.
+void requireType(const ::arrow::Array& array, const ::arrow::DataType& type) {
+  const ::arrow::DataType& found = *array.type();
+  const bool areLists = found.id() == ::arrow::Type::LIST && type.id() == ::arrow::Type::LIST;
+  if (areLists ? found.field(0)->type()->Equals(type.field(0)->type()) : found.Equals(type)) return;
+  throw std::invalid_argument(
+      fmt::format("a column is {}, expected {}", found.ToString(), type.ToString()));
+}
+
+// Adds where the lists or blobs end, counted on from the last end.
+template <typename ListLike>
+void appendEnds(const ListLike& array, std::vector<std::uint64_t>& ends) {
+  std::uint64_t end = ends.empty() ? 0 : ends.back();
+  for (std::int64_t i = 0; i < array.length(); ++i) {
+    ends.push_back(end += static_cast<std::uint64_t>(array.value_length(i)));
+  }
 }
 
 }  // namespace
@@ -282,24 +317,39 @@ void RowStore::append(const RowSlice& rows) {
 }
 
 void RowStore::append(const ::arrow::Table& table) {
-  std::vector<char> bytes;
-  std::optional<std::vector<std::vector<std::uint64_t>>> dimensions;
-  std::optional<std::vector<int>> sizes;
-  SignalFormatter().reconstruct(table.Slice(0), bytes, dimensions, sizes);
-  const auto rows = static_cast<std::size_t>(table.num_rows());
-  elements_.append(bytes.data(), bytes.size());
-  if (sizes) {
-    std::uint64_t end = shapes_.rowEnds.empty() ? 0 : shapes_.rowEnds.back();
-    for (const int size : *sizes)
-      shapes_.rowEnds.push_back(end += static_cast<std::uint64_t>(size));
+  if (schema_.kind == ColumnKind::unsupported) {
+    throw std::invalid_argument("the samples are of a type that has no rows in memory");
   }
-  if (dimensions) {
-    for (const auto& extents : *dimensions) {
-      shapes_.extents.insert(shapes_.extents.end(), extents.begin(), extents.end());
-      shapes_.extentEnds.push_back(shapes_.extents.size());
+  for (const auto& chunk : chunksOf(table, columnNames::data)) {
+    requireType(*chunk, *schema_.schema->field(schema_.dataIndex)->type());
+    if (schema_.kind == ColumnKind::list) {
+      const auto& lists = static_cast<const ::arrow::ListArray&>(*chunk);
+      const auto values = spannedValues(lists);
+      requireNoNulls(*values);
+      elements_.append(firstValue(*values), static_cast<std::size_t>(values->length()) * width_);
+      appendEnds(lists, shapes_.rowEnds);
+    } else if (schema_.kind == ColumnKind::blob) {
+      const auto& blobs = static_cast<const ::arrow::BinaryArray&>(*chunk);
+      if (blobs.length() > 0) {
+        elements_.append(blobs.raw_data() + blobs.value_offset(0), spannedLength(blobs));
+      }
+      appendEnds(blobs, shapes_.rowEnds);
+    } else {
+      elements_.append(firstValue(*chunk), static_cast<std::size_t>(chunk->length()) * width_);
     }
   }
-  rows_ += rows;
+  if (schema_.dimensionIndex >= 0) {
+    for (const auto& chunk : chunksOf(table, columnNames::dimension)) {
+      requireType(*chunk, *::arrow::list(::arrow::uint64()));
+      const auto& lists = static_cast<const ::arrow::ListArray&>(*chunk);
+      const auto values = spannedValues(lists);
+      requireNoNulls(*values);
+      const auto* const first = reinterpret_cast<const std::uint64_t*>(firstValue(*values));
+      shapes_.extents.insert(shapes_.extents.end(), first, first + values->length());
+      appendEnds(lists, shapes_.extentEnds);
+    }
+  }
+  rows_ += static_cast<std::size_t>(table.num_rows());
 }
 
 void RowStore::grow(std::size_t rows) {

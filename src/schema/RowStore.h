@@ -100,6 +100,7 @@ class RowStore {
   /// \param rows  of the same schema; not of this store
   void append(const RowSlice& rows);
   /// \param table  of the same schema
+  /// \throws std::invalid_argument if it is of another one or holds nulls
   void append(const ::arrow::Table& table);
 
   /// Bytes of the elements, without the shapes.

@@ -138,6 +138,11 @@ std::string BatchIndex::metadata(std::size_t first, std::size_t count) const {
   return result;
 }
 
+std::string_view BatchIndex::groupBytes(std::size_t batch) const {
+  const std::size_t from = batch == 0 ? 0 : ends_[batch - 1].bytes;
+  return std::string_view(bytes_).substr(from, ends_[batch].bytes - from);
+}
+
 std::size_t BatchIndex::metadataBound() const {
   return before_.size() + behind_.size() + bytes_.size() + 2 * (1 + kMaxVarint) + 1;
 }

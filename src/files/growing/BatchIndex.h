@@ -11,11 +11,11 @@ namespace kyr::parquet {
 /// The row groups of a file whose Parquet metadata come batch by batch, and footers for any run of
 /// them.
 ///
-/// The row groups are kept as the bytes that stand for them in serialized metadata, about a sixth
-/// of what they take when parsed, and a footer is made by copying: its cost is that of its bytes.
-/// The schema, the key-value metadata and all else come from the metadata it is made from.
+/// A row group is kept as its bytes in the serialized metadata, about a sixth of the memory that it
+/// takes when parsed. A footer is made by copying these bytes. The schema, the key-value metadata and
+/// everything else come from the metadata that the index was made from.
 ///
-/// Whatever is no serialized Parquet metadata is a ::parquet::ParquetException; nothing has
+/// Bytes that are no serialized Parquet metadata are a ::parquet::ParquetException; nothing has
 /// changed then.
 class BatchIndex {
  public:
@@ -36,13 +36,16 @@ class BatchIndex {
   /// Serialized FileMetaData of \p count batches from \p first on, which there must be.
   std::string metadata(std::size_t first, std::size_t count) const;
   std::string metadata() const { return metadata(0, batches()); }
-  /// At most so many bytes has metadata().
+  /// The serialized metadata of one batch's row group.
+  std::string_view groupBytes(std::size_t batch) const;
+  /// No less than the size of metadata().
   std::size_t metadataBound() const;
 
  private:
+  // Where a batch ends.
   struct End {
-    std::uint64_t rows = 0;  // up to and including the batch
-    std::size_t bytes = 0;   // likewise, of bytes_
+    std::uint64_t rows = 0;
+    std::size_t bytes = 0;  // in bytes_
   };
 
   std::uint64_t rowEnd(std::size_t batches) const {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <limits>
-#include <vector>
+#include <utility>
 
 namespace kyr::parquet {
 
@@ -33,14 +33,13 @@ std::uint64_t number(std::string_view bytes) {
   return value;
 }
 
-std::string readBytes(const DiskFile& file, std::uint64_t offset, std::size_t size) {
+std::string readBytes(const ByteSource& file, std::uint64_t offset, std::size_t size) {
   std::string bytes(size, '\0');
   bytes.resize(file.readAt(offset, bytes.data(), size));
   return bytes;
 }
 
-// The header in \p bytes if it may be that of a record of that kind at \p offset, all of which
-// lies before \p end.
+// The header in \p bytes, if a record of that kind can have it at \p offset and ends before \p end.
 std::optional<RecordHeader> decodeHeader(std::string_view bytes, RecordKind kind,
                                          std::uint64_t offset, std::uint64_t end) {
   std::size_t at = kMagic.size();
@@ -109,16 +108,34 @@ std::string encodeFooter(RecordHeader header, std::string_view metadata) {
   return bytes;
 }
 
-std::optional<WholeRecord> readRecord(const DiskFile& file, RecordKind kind, std::uint64_t offset,
-                                      std::uint64_t end) {
+namespace {
+
+// \param bytes  receives the header as it is in the file
+std::optional<RecordHeader> readHeader(const ByteSource& file, RecordKind kind,
+                                       std::uint64_t offset, std::uint64_t end,
+                                       std::string& bytes) {
   const std::size_t headerBytes =
       kind == RecordKind::batch ? kBatchHeaderBytes : kFooterHeaderBytes;
   if (offset > end || end - offset < headerBytes) return std::nullopt;
-  const std::string bytes = readBytes(file, offset, headerBytes);
+  bytes = readBytes(file, offset, headerBytes);
   if (bytes.size() < headerBytes) return std::nullopt;
-  const auto header = decodeHeader(bytes, kind, offset, end);
-  if (!header) return std::nullopt;
+  return decodeHeader(bytes, kind, offset, end);
+}
 
+std::optional<std::string> readRecordMetadata(const ByteSource& file, const RecordHeader& header) {
+  const auto size = static_cast<std::size_t>(header.metadataBytes);
+  std::string metadata = readBytes(file, header.dataOffset() + header.rowGroupBytes, size);
+  if (metadata.size() < size) return std::nullopt;
+  return metadata;
+}
+
+}  // namespace
+
+std::optional<WholeRecord> readRecord(const ByteSource& file, RecordKind kind, std::uint64_t offset,
+                                      std::uint64_t end) {
+  std::string bytes;
+  const auto header = readHeader(file, kind, offset, end, bytes);
+  if (!header) return std::nullopt;
   RecordHash hash;
   std::uint64_t at = header->dataOffset();
   const std::uint64_t metadataAt = at + header->rowGroupBytes;
@@ -131,17 +148,27 @@ std::optional<WholeRecord> readRecord(const DiskFile& file, RecordKind kind, std
     hash.add(std::string_view(piece).substr(0, size));
     at += size;
   }
-  std::string metadata =
-      readBytes(file, metadataAt, static_cast<std::size_t>(header->metadataBytes));
-  hash.add(metadata);
-  hash.add(std::string_view(bytes).substr(0, kHashedHeaderBytes));
-  const std::string_view digest =
-      std::string_view(bytes).substr(kHashedHeaderBytes, kFooterHeaderBytes - kHashedHeaderBytes);
-  if (metadata.size() < header->metadataBytes || hash.digest() != digest) return std::nullopt;
-  return WholeRecord{*header, std::move(metadata)};
+  auto metadata = readRecordMetadata(file, *header);
+  if (!metadata) return std::nullopt;
+  hash.add(*metadata);
+  const std::string_view head = bytes;
+  hash.add(head.substr(0, kHashedHeaderBytes));
+  const auto digest = head.substr(kHashedHeaderBytes, kFooterHeaderBytes - kHashedHeaderBytes);
+  if (hash.digest() != digest) return std::nullopt;
+  return WholeRecord{*header, *std::move(metadata)};
 }
 
-std::optional<WholeRecord> readFooter(const DiskFile& file, std::uint64_t end) {
+std::optional<WholeRecord> readRecordUnchecked(const ByteSource& file, RecordKind kind,
+                                               std::uint64_t offset, std::uint64_t end) {
+  std::string bytes;
+  const auto header = readHeader(file, kind, offset, end, bytes);
+  if (!header) return std::nullopt;
+  auto metadata = readRecordMetadata(file, *header);
+  if (!metadata) return std::nullopt;
+  return WholeRecord{*header, *std::move(metadata)};
+}
+
+std::optional<WholeRecord> readFooter(const ByteSource& file, std::uint64_t end) {
   if (end < kFooterHeaderBytes + kParquetTailBytes) return std::nullopt;
   const std::string tail = readBytes(file, end - kParquetTailBytes, kParquetTailBytes);
   if (tail.size() < kParquetTailBytes || tail.substr(4) != kParquetMagic) return std::nullopt;

@@ -9,9 +9,9 @@
 #include <string_view>
 
 #include "files/ParquetTail.h"
-#include "platform/DiskFile.h"
+#include "platform/ByteSource.h"
 
-/// The records that a growing file is made of; GrowingFile.h describes the layout.
+/// The records of a growing file; GrowingFile.h describes the layout.
 namespace kyr::parquet {
 
 enum class RecordKind : std::uint32_t { batch = 0, footer = 1 };
@@ -20,8 +20,8 @@ struct RecordHeader {
   RecordKind kind = RecordKind::batch;
   std::uint64_t fileId = 0;  ///< the same random number in all records of a file
   std::uint64_t offset = 0;  ///< of the record in the file
-  std::uint64_t index = 0;   ///< of a batch record; of a footer the number of batch records
-  std::uint64_t rows = 0;    ///< of the batch; of a footer those of all batches
+  std::uint64_t index = 0;   ///< number of the batch record; in a footer how many there are
+  std::uint64_t rows = 0;    ///< of the batch; in a footer of all batches
   std::uint64_t rowGroupBytes = 0;
   std::uint64_t metadataBytes = 0;
 
@@ -54,19 +54,23 @@ std::string encodeHeader(const RecordHeader& header, const RecordHash& payload);
 /// A footer record of the given metadata and what makes the file a Parquet file.
 std::string encodeFooter(RecordHeader header, std::string_view metadata);
 
-/// A record whose checksum fits.
+/// The header and the metadata of a record.
 struct WholeRecord {
   RecordHeader header;
   std::string metadata;
 };
 
-/// The record at \p offset of a file that ends at \p end; none if there is no whole one of that
-/// kind. Reads the row group piece by piece.
+/// The record at \p offset of a file that ends at \p end; none if there is no record of that kind
+/// whose checksum fits. Reads the row group piece by piece.
 /// \throws std::system_error if the file cannot be read
-std::optional<WholeRecord> readRecord(const DiskFile& file, RecordKind kind, std::uint64_t offset,
+std::optional<WholeRecord> readRecord(const ByteSource& file, RecordKind kind, std::uint64_t offset,
                                       std::uint64_t end);
 
-/// The footer at the end of the file, if it is one of ours and whole.
-std::optional<WholeRecord> readFooter(const DiskFile& file, std::uint64_t end);
+/// The same without a look at the row group and the checksum.
+std::optional<WholeRecord> readRecordUnchecked(const ByteSource& file, RecordKind kind,
+                                               std::uint64_t offset, std::uint64_t end);
+
+/// The footer at the end of the file, if it is one of a growing file and its checksum fits.
+std::optional<WholeRecord> readFooter(const ByteSource& file, std::uint64_t end);
 
 }  // namespace kyr::parquet

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <system_error>
 
+#include "files/InputFile.h"
 #include "files/growing/BatchRecord.h"
 #include "files/growing/FileRecovery.h"
 #include "files/growing/GrowingFile.h"
@@ -60,7 +61,7 @@ class GrowingFileRecovery : public ::testing::Test {
       ends.push_back(readFooter(there, there.size())->header.offset);
       const auto plain = ::parquet::ParquetFileReader::OpenFile(path);
       ASSERT_EQ(plain->metadata()->num_rows(), i * rows);
-      ASSERT_EQ(numbersOf(*openGrowingFile(path).read(0, file->rowCount())).size(), i * rows);
+      ASSERT_EQ(numbersOf(*openGrowingFile(path)->read(0, file->rowCount())).size(), i * rows);
       if (i == batches) break;
       file->appendBatch(*countingTable(rows, static_cast<double>(file->rowCount())), true);
     }
@@ -155,7 +156,7 @@ TEST_F(GrowingFileRecovery, HalfOverwrittenFooterIsNoFooter) {
     bytes[ends[29] + i] = next[i];
     ASSERT_NO_FATAL_FAILURE(expectAllBefore(ends[29] + i + 1, bytes));
     folder->touch(kName, bytes);
-    EXPECT_EQ(openGrowingFile(path).batchCount(), i + 1 < next.size() ? 29 : 30);
+    EXPECT_EQ(openGrowingFile(path)->rowGroups(), i + 1 < next.size() ? 29 : 30);
     if (i < kFooterHeaderBytes) {
       EXPECT_EQ(test::metadataOf(path)->num_row_groups(), 29);
     } else {
@@ -202,7 +203,7 @@ TEST_F(GrowingFileRecovery, ForgedMetadataDoNoHarm) {
         ++kept;
         auto view = openGrowingFile(folder->file("forged"));
         try {
-          view.read(0, view.rowCount());
+          view->read(0, view->rows());
         } catch (const std::runtime_error&) {
           continue;
         }

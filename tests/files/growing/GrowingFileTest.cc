@@ -6,6 +6,7 @@
 #include <system_error>
 #include <thread>
 
+#include "files/InputFile.h"
 #include "files/growing/FileRecovery.h"
 #include "files/growing/GrowingFile.h"
 #include "support/FaultyDisk.h"
@@ -176,15 +177,15 @@ TEST_F(GrowingFileTest, CanBeReadByOthersWhileItGrows) {
   for (std::uint64_t last = 0; last < 3000; ++opened) {
     const std::uint64_t before = stored;
     auto view = openGrowingFile(path);
-    last = view.rowCount();
+    last = view->rows();
     EXPECT_GE(last, before);
-    const auto rows = numbersOf(*view.read(0, last));
+    const auto rows = numbersOf(*view->read(0, last));
     ASSERT_EQ(rows, countTo(last));
   }
   opened = 50;
   writer.join();
-  EXPECT_EQ(numbersOf(*early.read(0, early.rowCount())), countTo(5));
-  EXPECT_TRUE(early.keyValueMetadata()->Equals(*kKeyValues));
+  EXPECT_EQ(numbersOf(*early->read(0, early->rows())), countTo(5));
+  EXPECT_TRUE(early->keyValueMetadata()->Equals(*kKeyValues));
 }
 
 // Lets every call that touches the disk fail, one after the other, alone or together with the calls
