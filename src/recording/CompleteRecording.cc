@@ -19,9 +19,9 @@ void completeRecording(const fs::path& folder, RecordingInfo info) {
     const FileDigest digest = digestFile(path);
     file.size = digest.size;
     file.checksum = digest.checksum;
-    syncToDisk(path);
+    syncPath(path);
   }
-  syncToDisk(folder / kStorageFolder);
+  syncPath(folder / kStorageFolder);
   replaceTextFile(descriptionPath(folder), writeRecordingJson(info), /*syncs=*/true);
 }
 
@@ -43,7 +43,7 @@ void removeLiveFiles(const fs::path& folder) {
     fs::remove(folder / (std::string(name) + ".new"));
     fs::remove(folder / name);
   }
-  syncToDisk(folder);
+  syncPath(folder);
 }
 
 }  // namespace kyr::recording

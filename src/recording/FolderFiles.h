@@ -8,8 +8,8 @@
 
 #include "platform/DiskFile.h"
 
-/// File operations of recordings, down to the disk. Every failure is a std::runtime_error that
-/// names the file and the reason.
+/// File operations of recordings. Every failure is a std::exception that names the file and the
+/// reason.
 namespace kyr::recording {
 
 struct FileDigest {
@@ -19,28 +19,20 @@ struct FileDigest {
 
 /// Size and checksum of a file.
 FileDigest digestFile(const std::filesystem::path& file);
+FileDigest digestOf(const ByteSource& file);
 
-/// Of a file that is open.
-FileDigest digestOf(const DiskFile& file);
-
-/// Calls \p visit with each piece of an open file, and where it lies.
-void forEachPieceOf(const DiskFile& file,
+/// Calls \p visit with each piece of a file, and where it begins.
+void forEachPieceOf(const ByteSource& file,
                     const std::function<void(std::string_view, std::uint64_t)>& visit);
 
-/// Copy \p from to the new file \p to; size and checksum are of the bytes that were copied.
+/// Copies \p from to the new file \p to. Size and checksum are those of the bytes that were copied.
 FileDigest copyFile(const std::filesystem::path& from, const std::filesystem::path& to);
 
-std::string readTextFile(const std::filesystem::path& file);
-void writeTextFile(const std::filesystem::path& file, const std::string& text);
-
-/// Put \p text in the place of \p file in one step; on disk when the call returns if \p syncs.
+/// Puts \p text in the place of \p file in one step. It is on disk when the call returns if \p syncs.
 void replaceTextFile(const std::filesystem::path& file, const std::string& text, bool syncs);
 
-/// Wait until the content of \p path, a file or a directory, is on disk.
-void syncToDisk(const std::filesystem::path& path);
-
-/// A folder that is removed, with all that is in it, when the object goes; a failure to remove it
-/// is ignored.
+/// A folder that is removed with all that is in it when the object is destroyed. A failure to remove
+/// it is ignored.
 class TemporaryFolder {
  public:
   explicit TemporaryFolder(std::filesystem::path path);
@@ -50,16 +42,16 @@ class TemporaryFolder {
 
   const std::filesystem::path& path() const { return path_; }
 
-  /// Leave the folder, or what took its name, alone from now on.
+  /// From now on the folder, or what has its name then, is left alone.
   void release() { path_.clear(); }
 
  private:
   std::filesystem::path path_;
 };
 
-/// Put \p fresh in the place of \p target (absent, empty or an older folder) in one step, and on
-/// disk if it \p syncs; \p fresh is released. Returns where the older folder went; empty when there
-/// was none.
+/// Puts \p fresh in the place of \p target (absent, empty or an older folder) in one step, and on
+/// disk if it \p syncs; \p fresh is released.
+/// \return where the older folder is now; empty if there was none
 std::filesystem::path replaceFolder(TemporaryFolder& fresh, const std::filesystem::path& target,
                                     bool syncs);
 

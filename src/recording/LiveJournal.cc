@@ -49,14 +49,10 @@ void LiveJournal::append(const JournalLine& line, bool syncs) {
   if (syncs) file_.syncData();
 }
 
-bool isBeingWritten(const fs::path& folder) {
-  std::error_code missing;
-  if (!fs::exists(folder / kJournalFile, missing)) return false;
+bool isBeingWritten(const OpenFolder& folder) {
   try {
-    DiskFile journal(folder / kJournalFile, DiskFile::Mode::readOnly);
-    return !journal.tryLock(DiskFile::Lock::shared);
+    return !folder.open(kJournalFile)->tryLock(DiskFile::Lock::shared);
   } catch (const std::system_error& error) {
-    // The recording was finished between the two looks.
     if (error.code() == std::errc::no_such_file_or_directory) return false;
     throw;
   }

@@ -5,6 +5,7 @@
 
 #include "platform/DiskFile.h"
 #include "recording/LiveFormat.h"
+#include "recording/OpenFolder.h"
 
 namespace kyr::recording {
 
@@ -24,7 +25,7 @@ class LiveJournal {
 };
 
 /// Whether a process writes the recording in \p folder.
-bool isBeingWritten(const std::filesystem::path& folder);
+bool isBeingWritten(const OpenFolder& folder);
 
 /// Keeps writers and other recoveries off a folder for as long as it lives.
 class RecoveryLock {

@@ -67,7 +67,7 @@ class LiveRecording::Impl {
       pool_ = std::make_unique<parquet::SignalPool>(Path::fromFilesystem(folder_ / kStorageFolder),
                                                     storage);
       writeDescription();
-      if (syncs_) syncToDisk(folder_.parent_path());
+      if (syncs_) syncPath(folder_.parent_path());
     } catch (...) {
       std::error_code ignored;
       fs::remove_all(folder_, ignored);

@@ -216,7 +216,7 @@ class Recording::Impl {
   void openPool() {
     const fs::path last = working.path().toFilesystem() / std::to_string(largestId() + 1);
     const bool isNew = !fs::exists(last);
-    if (isNew) writeTextFile(last, "");
+    if (isNew) writeNewFile(last, "");
     pool = std::make_unique<parquet::SignalPool>(working.path(), parquet::SafeStorage());
     if (isNew) fs::remove(last);
   }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <limits>
 #include <map>
@@ -61,11 +62,38 @@ SignalInfo storedFromJson(const json& object) {
   return signal;
 }
 
+constexpr const char* kBlocks = "blocks_xxh3_64";
+constexpr std::size_t kBlockDigits = 16;
+
+std::string blocksText(const std::vector<std::uint64_t>& blocks) {
+  std::string text;
+  for (const std::uint64_t block : blocks) text += fmt::format("{:016x}", block);
+  return text;
+}
+
+std::vector<std::uint64_t> blocksOf(const json& object) {
+  std::vector<std::uint64_t> blocks;
+  if (!object.contains(kBlocks)) return blocks;
+  const auto text = object.at(kBlocks).get<std::string>();
+  for (std::size_t at = 0; at < text.size(); at += kBlockDigits) {
+    const char* const end = text.data() + std::min(at + kBlockDigits, text.size());
+    std::uint64_t block = 0;
+    const auto [stop, error] = std::from_chars(text.data() + at, end, block, 16);
+    if (error != std::errc() || stop != text.data() + at + kBlockDigits) {
+      throw std::runtime_error(fmt::format("\"{}\" holds no checksum at digit {}", kBlocks, at));
+    }
+    blocks.push_back(block);
+  }
+  return blocks;
+}
+
 json toJson(const FileInfo& file) {
-  return {{"storageId", file.storageId},
-          {"size", file.size},
-          {"rowCount", file.rowCount},
-          {"xxh3_128", file.checksum}};
+  json object{{"storageId", file.storageId},
+              {"size", file.size},
+              {"rowCount", file.rowCount},
+              {"xxh3_128", file.checksum}};
+  if (!file.blocks.empty()) object[kBlocks] = blocksText(file.blocks);
+  return object;
 }
 
 FileInfo fileFromJson(const json& object) {
@@ -79,6 +107,7 @@ FileInfo fileFromJson(const json& object) {
   }
   object.at("size").get_to(file.size);
   object.at("xxh3_128").get_to(file.checksum);
+  file.blocks = blocksOf(object);
   return file;
 }
 
@@ -88,6 +117,7 @@ PackInfo packFromJson(const json& object) {
   object.at("size").get_to(pack.size);
   object.at("rowCount").get_to(pack.rowCount);
   object.at("xxh3_128").get_to(pack.checksum);
+  pack.blocks = blocksOf(object);
   return pack;
 }
 

@@ -12,7 +12,7 @@
 #include "kyr/parquet/ParquetSignal.h"
 #include "kyr/parquet/StreamableSignal.h"
 #include "recording/RecordingFormat.h"
-#include "recording/StoredFile.h"
+#include "recording/TimeSpans.h"
 #include "safe/SharedStream.h"
 #include "signals/SignalPoolImpl.h"
 #include "storage/ParquetStorageRecord.h"
@@ -114,12 +114,13 @@ InfoBuilder::FileFacts InfoBuilder::factsOfFile(int signalId, int storageId, boo
     throw std::runtime_error(
         fmt::format("signal {}: its file {} is missing", signalId, path.string()));
   }
-  const StoredFile file(path);
+  const auto file = openFile(path);
   const std::string& timeColumn = isTime ? parquet::columnNames::data : parquet::columnNames::time;
   FileFacts facts;
-  facts.rowCount = file.rowCount();
-  facts.compression = file.compression(parquet::columnNames::data);
-  if (file.hasColumn(timeColumn)) facts.timeSpan = file.span(timeColumn);
+  facts.rowCount = file->rows();
+  facts.compression =
+      ::arrow::util::Codec::GetCodecAsString(file->codec(parquet::columnNames::data));
+  if (file->hasColumn(timeColumn)) facts.timeSpan = spanOf(*file, timeColumn);
   return facts;
 }
 

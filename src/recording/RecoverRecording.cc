@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "files/pack/PackFile.h"
-#include "kyr/recording/LiveReader.h"
+#include "kyr/recording/RecordingInfo.h"
 #include "kyr/recording/Recovery.h"
 #include "recording/CompleteRecording.h"
 #include "recording/FolderFiles.h"
@@ -110,7 +110,7 @@ class Recovery {
   void readDescription() {
     const fs::path live = folder_ / kLiveFile;
     if (fs::exists(live)) {
-      const std::string text = readTextFile(live);
+      const std::string text = readWholeFile(live);
       try {
         takeLive(readLiveJson(text, live.string()));
       } catch (const std::runtime_error& error) {
@@ -121,7 +121,7 @@ class Recovery {
     }
     const fs::path description = descriptionPath(folder_);
     if (fs::exists(description)) {
-      const std::string text = readTextFile(description);
+      const std::string text = readWholeFile(description);
       take(salvageSignals(text));
       result_.notes.push_back(
           fmt::format("{} is damaged: {} could be made out of it, which may be wrong in places",

@@ -79,11 +79,11 @@ void disposeOf(const fs::path& old, const fs::path& folder) {
 // Called when all is written: the disk can then put the files out together.
 void syncAll(const fs::path& folder, const RecordingInfo& info) {
   for (const FileInfo& file : info.files) {
-    if (!file.pack) syncToDisk(storagePath(folder, file.storageId));
+    if (!file.pack) syncPath(storagePath(folder, file.storageId));
   }
-  for (const PackInfo& pack : info.packs) syncToDisk(packPath(folder, pack.number));
+  for (const PackInfo& pack : info.packs) syncPath(packPath(folder, pack.number));
   for (const fs::path& path : {descriptionPath(folder), folder / kStorageFolder, folder}) {
-    syncToDisk(path);
+    syncPath(path);
   }
 }
 
@@ -111,7 +111,7 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
   for (FileInfo& file : info.files) saver.save(file);
   info.packs = saver.finish();
   info.formatVersion = info.packs.empty() ? 1 : kFormatVersion;
-  writeTextFile(descriptionPath(fresh.path()), writeRecordingJson(info));
+  writeNewFile(descriptionPath(fresh.path()), writeRecordingJson(info));
 
   if (fs::exists(target)) {
     linkForeign(target, fresh.path());

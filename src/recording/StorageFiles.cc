@@ -1,7 +1,7 @@
 #include "recording/StorageFiles.h"
 
 #include <arrow/api.h>
-#include <arrow/util/compression.h>
+#include <arrow/util/key_value_metadata.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -19,7 +19,7 @@
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "recording/RecordingFormat.h"
 #include "recording/SignalJson.h"
-#include "recording/StoredFile.h"
+#include "recording/TimeSpans.h"
 #include "schema/ElementTypes.h"
 
 namespace kyr::recording {
@@ -31,7 +31,7 @@ namespace {
 
 constexpr const char* kSignalsKey = "kyr.signals";
 
-// A member that the description of a signal has and a claim has not.
+// A claim with the members that only the description of a signal has.
 nlohmann::json asDescription(const nlohmann::json& claim) {
   nlohmann::json object = claim;
   object["id"] = claim.at("signalId");
@@ -52,7 +52,7 @@ std::vector<PartClaim> readClaims(const std::string& text) {
       requireText(claim.signal);
       claims.push_back(std::move(claim));
     } catch (const std::exception&) {
-      continue;  // of another version, or damaged
+      continue;  // damaged, or written by another version
     }
   }
   return claims;
@@ -88,9 +88,8 @@ const RecoveredStorage& StorageFiles::file(int id) {
                              directory_.parent_path() / "lost" / (std::to_string(id) + ".damaged"));
     found = {report.isComplete, report.isComplete, report.rowsKept, report.bytesCut};
     try {
-      const StoredFile stored(pathOf(id));
+      found.rows = openFile(pathOf(id))->rows();
       found.isReadable = true;
-      found.rows = stored.rowCount();
     } catch (const std::runtime_error&) {
       found = {};
     }
@@ -109,14 +108,12 @@ int StorageFiles::withRows(int id, std::uint64_t rows, bool mayCut) {
 
 bool StorageFiles::cutBehind(int id, std::uint64_t rows) {
   if (!file(id).isGrowing) return false;
-  {
-    const auto view = parquet::openGrowingFile(pathOf(id));
-    bool isBoundary = false;
-    for (std::size_t batch = 0; batch <= view->rowGroups() && !isBoundary; ++batch) {
-      isBoundary = view->rowStart(batch) == rows;
-    }
-    if (!isBoundary) return false;
+  const auto batches = parquet::openGrowingFile(pathOf(id));
+  bool isBoundary = false;
+  for (std::size_t batch = 0; batch <= batches->rowGroups() && !isBoundary; ++batch) {
+    isBoundary = batches->rowStart(batch) == rows;
   }
+  if (!isBoundary) return false;
   const parquet::RecoveryReport report = parquet::recoverFile(pathOf(id), rows);
   files_[id].rows = report.rowsKept;
   files_[id].bytesCut += report.bytesCut;
@@ -124,17 +121,16 @@ bool StorageFiles::cutBehind(int id, std::uint64_t rows) {
 }
 
 int StorageFiles::copyRows(int id, std::uint64_t rows) {
-  const StoredFile from(pathOf(id));
+  const auto from = openFile(pathOf(id));
   const int copy = nextId_++;
-  const auto codec = ::arrow::util::Codec::GetCompressionType(from.compression(columnNames::data))
-                         .ValueOr(::arrow::Compression::UNCOMPRESSED);
   const auto to = parquet::GrowingFile::create(
-      pathOf(copy), from.schema(), parquet::ParquetWriterOptions().buildWriterProperties(codec));
-  from.forEachRowGroup(from.schema()->field_names(), [&](const auto& columns) {
-    const auto table = ::arrow::Table::Make(from.schema(), columns);
-    const std::uint64_t missing = rows - to->rowCount();
-    to->appendBatch(*table->Slice(0, static_cast<std::int64_t>(missing)));
-  });
+      pathOf(copy), from->schema(),
+      parquet::ParquetWriterOptions().buildWriterProperties(from->codec(columnNames::data)));
+  for (std::size_t group = 0; group < from->rowGroups() && to->rowCount() < rows; ++group) {
+    const std::uint64_t first = from->rowStart(group);
+    const auto table = from->read(first, std::min(rows, from->rowStart(group + 1)) - first);
+    to->appendBatch(*::arrow::Table::Make(from->schema(), table->columns()));
+  }
   to->finish();
   if (to->rowCount() != rows) {
     throw std::runtime_error(fmt::format("{}: holds {} rows where {} were expected",
@@ -144,13 +140,14 @@ int StorageFiles::copyRows(int id, std::uint64_t rows) {
 }
 
 std::vector<PartClaim> StorageFiles::claims(int id) {
-  const auto text = StoredFile(pathOf(id)).metadata(kSignalsKey);
-  return text ? readClaims(*text) : std::vector<PartClaim>();
+  const auto pairs = openFile(pathOf(id))->keyValueMetadata();
+  if (!pairs || !pairs->Contains(kSignalsKey)) return {};
+  return readClaims(pairs->Get(kSignalsKey).ValueOr(""));
 }
 
 std::optional<SignalInfo> StorageFiles::guess(int id) {
-  const StoredFile stored(pathOf(id));
-  const auto field = stored.schema()->GetFieldByName(columnNames::data);
+  const auto stored = openFile(pathOf(id));
+  const auto field = stored->schema()->GetFieldByName(columnNames::data);
   if (!field) return std::nullopt;
   const bool isList = field->type()->id() == ::arrow::Type::LIST;
   const auto& element = isList ? field->type()->field(0)->type() : field->type();
@@ -159,19 +156,18 @@ std::optional<SignalInfo> StorageFiles::guess(int id) {
   if (!type) return std::nullopt;
   signal.dataType = *type;
   signal.category = isList ? FixedDim : Scalar;
-  if (stored.hasColumn(columnNames::dimension)) signal.category = VarDim;
+  if (stored->hasColumn(columnNames::dimension)) signal.category = VarDim;
   signal.dataStorageId = id;
   return signal;
 }
 
 std::optional<double> StorageFiles::time(int id, std::uint64_t row) {
   if (!file(id).isGrowing || row >= file(id).rows) return std::nullopt;
-  const auto table = parquet::openGrowingFile(pathOf(id))->read(row, 1);
-  const auto column = table->column(0);
-  if (column->type()->id() != ::arrow::Type::DOUBLE || column->length() != 1) return std::nullopt;
-  const auto value = column->GetScalar(0);
-  if (!value.ok()) return std::nullopt;
-  return static_cast<const ::arrow::DoubleScalar&>(**value).value;
+  const auto file = parquet::openGrowingFile(pathOf(id));
+  if (file->schema()->field(0)->type()->id() != ::arrow::Type::DOUBLE) return std::nullopt;
+  double time = 0;
+  file->readNumbers(columnNames::data, row, 1, reinterpret_cast<char*>(&time));
+  return time;
 }
 
 }  // namespace kyr::recording

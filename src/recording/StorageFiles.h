@@ -12,7 +12,7 @@
 
 namespace kyr::recording {
 
-/// A Parquet file of a storage directory that nobody writes any more.
+/// What became of a Parquet file of a storage folder that nobody writes any more.
 struct RecoveredStorage {
   bool isReadable = false;
   bool isGrowing = false;  ///< whether it can be cut behind a batch
@@ -20,35 +20,35 @@ struct RecoveredStorage {
   std::uint64_t bytesCut = 0;
 };
 
-/// That a file, when it was made, was a part of a signal.
+/// A signal that a file belonged to when it was made.
 struct PartClaim {
   SignalInfo signal;
   bool isTime = false;
 };
 
-/// The files of a folder's storage, made complete where they can be. A file is looked at when it is
-/// asked for. Failures of the disk are exceptions that name the file.
+/// The files of a storage folder, made complete where that is possible. A file is read when it is asked
+/// for. Failures of the disk are exceptions that name the file.
 class StorageFiles {
  public:
   explicit StorageFiles(std::filesystem::path directory);
 
-  /// Of files that are there, ascending.
+  /// The ids of the files, ascending.
   const std::vector<int>& ids() const { return ids_; }
 
   const RecoveredStorage& file(int id);
 
-  /// A file of exactly the first \p rows rows of the file \p id, which has that many: the file
-  /// itself, cut if need be, or a new one.
-  /// \param mayCut  whether nobody needs the rows behind them
+  /// A file with the first \p rows rows of the file \p id and no more: the file itself, perhaps cut, or
+  /// a new one. The file has that many rows.
+  /// \param mayCut  whether nobody needs the other rows
   int withRows(int id, std::uint64_t rows, bool mayCut);
 
-  /// The signals that the file says it is of.
+  /// The signals that the file says it belonged to.
   std::vector<PartClaim> claims(int id);
 
-  /// A signal over a file that tells of none, as far as its columns do.
+  /// A signal for a file that names none, as far as its columns tell.
   std::optional<SignalInfo> guess(int id);
 
-  /// A time of a time file.
+  /// One time from a time file that grew; empty if it cannot be read.
   std::optional<double> time(int id, std::uint64_t row);
 
  private:

@@ -2,7 +2,6 @@
 
 #include <arrow/api.h>
 #include <arrow/io/file.h>
-#include <arrow/util/compression.h>
 #include <fmt/format.h>
 #include <parquet/arrow/writer.h>
 
@@ -12,7 +11,7 @@
 #include "files/BatchSize.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
-#include "recording/StoredFile.h"
+#include "recording/TimeSpans.h"
 
 namespace kyr::recording {
 
@@ -20,7 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A new Parquet file that takes one table per row group.
+// A new Parquet file. Each table becomes a row group.
 class RowGroupFile {
  public:
   RowGroupFile(fs::path path, std::shared_ptr<::arrow::Schema> schema,
@@ -65,23 +64,26 @@ class RowGroupFile {
 
 bool splitTimeColumn(const fs::path& dataFile, const fs::path& timeFile) {
   namespace columnNames = parquet::columnNames;
-  const StoredFile stored(dataFile);
-  const int timeIndex = stored.schema()->GetFieldIndex(columnNames::time);
+  const auto stored = openFile(dataFile);
+  const ::arrow::Schema& schema = *stored->schema();
+  const int timeIndex = schema.GetFieldIndex(columnNames::time);
   if (timeIndex < 0) return false;
 
-  auto rest = stored.schema()->RemoveField(timeIndex);
+  auto rest = schema.RemoveField(timeIndex);
   if (!rest.ok()) throw std::runtime_error(dataFile.string() + ": " + rest.status().message());
-  const auto codec = ::arrow::util::Codec::GetCompressionType(stored.compression(columnNames::data))
-                         .ValueOr(::arrow::Compression::UNCOMPRESSED);
+  const auto codec = stored->codec(columnNames::data);
   const fs::path withoutTime = dataFile.string() + ".split";
   RowGroupFile time(
       timeFile, ::arrow::schema({::arrow::field(columnNames::data, ::arrow::float64())}), codec);
   RowGroupFile data(withoutTime, *rest, codec);
-  stored.forEachRowGroup(stored.schema()->field_names(), [&](auto columns) {
+  for (std::size_t group = 0; group < stored->rowGroups(); ++group) {
+    const std::uint64_t first = stored->rowStart(group);
+    const auto rows = stored->read(first, stored->rowStart(group + 1) - first);
+    auto columns = rows->columns();
     time.write({columns[static_cast<std::size_t>(timeIndex)]});
     columns.erase(columns.begin() + timeIndex);
     data.write(columns);
-  });
+  }
   time.close();
   data.close();
   fs::rename(withoutTime, dataFile);

@@ -1,70 +1,54 @@
-#include <arrow/api.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
+#include <optional>
 #include <set>
 #include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
 #include <utility>
+#include <vector>
 
 #include "files/pack/PackFile.h"
 #include "kyr/parquet/ColumnNames.h"
-#include "kyr/parquet/SchemaBuilder.h"
 #include "kyr/recording/RecordingInfo.h"
+#include "recording/ContentChecks.h"
+#include "recording/ContentFiles.h"
 #include "recording/FolderFiles.h"
+#include "recording/OpenFolder.h"
 #include "recording/RecordingFolder.h"
-#include "recording/StoredFile.h"
 #include "signals/SignalRecords.h"
 #include "storage/ParquetStorageRecord.h"
 
 namespace kyr::recording {
 
 namespace fs = std::filesystem;
-namespace columnNames = parquet::columnNames;
 
 namespace {
 
-// The same types, whatever the child fields are called (Parquet calls a list's child "element").
-bool sameShape(const ::arrow::DataType& a, const ::arrow::DataType& b) {
-  if (a.id() != b.id() || a.num_fields() != b.num_fields()) return false;
-  for (int i = 0; i < a.num_fields(); ++i) {
-    if (!sameShape(*a.field(i)->type(), *b.field(i)->type())) return false;
-  }
-  return true;
-}
-
-bool sameColumns(const ::arrow::Schema& a, const ::arrow::Schema& b) {
-  if (a.num_fields() != b.num_fields()) return false;
-  for (int i = 0; i < a.num_fields(); ++i) {
-    if (a.field(i)->name() != b.field(i)->name() ||
-        !sameShape(*a.field(i)->type(), *b.field(i)->type())) {
-      return false;
-    }
-  }
-  return true;
-}
-
-std::uint64_t product(const std::uint64_t* extents, std::int64_t count) {
-  std::uint64_t result = 1;
-  for (std::int64_t i = 0; i < count; ++i) result *= extents[i];
-  return result;
-}
-
 class Verifier {
  public:
-  explicit Verifier(const Path& folder)
-      : folder_(folder.toFilesystem()), info_(describeRecording(folder)) {}
+  explicit Verifier(const Path& path)
+      : folder_(std::make_shared<const OpenFolder>(path.toFilesystem())),
+        info_(std::make_shared<const RecordingInfo>(describeRecording(*folder_))),
+        contents_(folder_, /*checks=*/false, /*maxOpenFiles=*/0) {
+    contents_.describe(info_, /*isLive=*/false);
+  }
 
   std::vector<std::string> run() {
-    for (const PackInfo& pack : info_.packs) {
+    for (const PackInfo& pack : info_->packs) {
       try {
         checkPack(pack);
       } catch (const std::exception& error) {
         fault("{}/{}: {}", kStorageFolder, packName(pack.number), error.what());
       }
     }
-    for (const FileInfo& file : info_.files) {
-      files_[file.storageId] = &file;
+    for (const FileInfo& file : info_->files) {
       try {
         if (file.pack) {
           checkPacked(file);
@@ -76,7 +60,7 @@ class Verifier {
       }
     }
     checkRecords();
-    for (const SignalInfo& signal : info_.signals) {
+    for (const SignalInfo& signal : info_->signals) {
       try {
         checkSignal(signal);
       } catch (const std::exception& error) {
@@ -93,34 +77,50 @@ class Verifier {
     faults_.push_back(fmt::format(format, std::forward<Args>(args)...));
   }
 
-  std::string label(int storageId) const { return storagePath("", storageId).string(); }
+  static std::string label(int storageId) { return storagePath("", storageId).string(); }
 
   void checkFile(const FileInfo& file) {
-    const fs::path path = storagePath(folder_, file.storageId);
-    if (isSound(path, label(file.storageId), file)) sound_.insert(file.storageId);
+    if (isSound(std::to_string(file.storageId), file)) sound_.insert(file.storageId);
   }
 
-  // The file can be read; a wrong number of rows is told, and no obstacle to look further.
+  // Whether the file is what recording.json says of it. If not, that is told.
   template <typename Expected>
-  bool isSound(const fs::path& path, const std::string& name, const Expected& file) {
-    if (!fs::exists(path)) {
-      fault("{}: missing", name);
+  bool isSound(const std::string& name, const Expected& file) {
+    const std::string label = (fs::path(kStorageFolder) / name).string();
+    std::shared_ptr<const DiskFile> disk;
+    try {
+      disk = folder_->openStored(name);
+    } catch (const std::system_error& error) {
+      const bool isMissing = error.code() == std::errc::no_such_file_or_directory;
+      fault("{}: {}", label, isMissing ? "missing" : error.what());
       return false;
     }
-    const FileDigest digest = digestFile(path);
+    const FileDigest digest = digestOf(*disk);
     if (digest.size != file.size) {
-      fault("{}: {} bytes long, expected {}", name, digest.size, file.size);
+      fault("{}: {} bytes long, expected {}", label, digest.size, file.size);
       return false;
     }
     if (digest.checksum != file.checksum) {
-      fault("{}: damaged: its checksum is {}, expected {}", name, digest.checksum, file.checksum);
+      fault("{}: damaged: its checksum is {}, expected {}", label, digest.checksum, file.checksum);
       return false;
     }
-    const StoredFile stored(path);
-    if (stored.rowCount() != file.rowCount) {
-      fault("{}: holds {} rows, expected {}", name, stored.rowCount(), file.rowCount);
+    checkBlocks(disk, label, file);
+    const std::uint64_t rows = parquet::InputFile(disk).rows();
+    if (rows != file.rowCount) fault("{}: holds {} rows, expected {}", label, rows, file.rowCount);
+    return rows == file.rowCount;
+  }
+
+  // The file is sound; the checksums of its blocks may be wrong all the same.
+  template <typename Expected>
+  void checkBlocks(const std::shared_ptr<const DiskFile>& disk, const std::string& label,
+                   const Expected& file) {
+    if (file.blocks.empty()) return;
+    try {
+      const parquet::CheckedFile checked(disk, {file.checksum, file.blocks});
+      forEachPieceOf(checked, [](std::string_view, std::uint64_t) {});
+    } catch (const parquet::DamagedBytes& error) {
+      fault("{}: the checksums of its blocks are wrong: {}", label, error.what());
     }
-    return true;
   }
 
   // Runs of rows of the same storage id in a pack.
@@ -130,25 +130,25 @@ class Verifier {
   };
 
   void checkPack(const PackInfo& pack) {
-    const fs::path path = packPath(folder_, pack.number);
-    if (!isSound(path, fs::path(kStorageFolder) / packName(pack.number), pack)) return;
+    if (!isSound(packName(pack.number), pack)) return;
     std::map<int, Run>& runs = runs_[pack.number];
-    std::uint64_t row = 0;
+    parquet::InputFile file(folder_->openStored(packName(pack.number)));
+    std::vector<std::int32_t> ids;
     int last = 0;
-    StoredFile(path).forEachRowGroup({parquet::kPackColumn}, [&](const auto& columns) {
-      for (const auto& chunk : columns[0]->chunks()) {
-        const auto& ids = dynamic_cast<const ::arrow::Int32Array&>(*chunk);
-        for (std::int64_t i = 0; i < ids.length(); ++i, ++row) {
-          const auto [run, isNew] = runs.try_emplace(ids.Value(i), Run{row, 0});
-          if (!isNew && last != ids.Value(i)) {
-            throw std::runtime_error(
-                fmt::format("the rows of storage id {} do not follow each other", ids.Value(i)));
-          }
-          last = ids.Value(i);
-          ++run->second.count;
+    for (std::size_t group = 0; group < file.rowGroups(); ++group) {
+      std::uint64_t row = file.rowStart(group);
+      ids.resize(static_cast<std::size_t>(file.rowStart(group + 1) - row));
+      file.readNumbers(parquet::kPackColumn, row, ids.size(), reinterpret_cast<char*>(ids.data()));
+      for (const std::int32_t id : ids) {
+        const auto [run, isNew] = runs.try_emplace(id, Run{row++, 0});
+        if (!isNew && last != id) {
+          throw std::runtime_error(
+              fmt::format("the rows of storage id {} do not follow each other", id));
         }
+        last = id;
+        ++run->second.count;
       }
-    });
+    }
   }
 
   void checkPacked(const FileInfo& file) {
@@ -166,16 +166,16 @@ class Verifier {
 
   // The records' text, which hosts restore a pool from, says the same as the signals.
   void checkRecords() {
-    if (info_.formatVersion > 1) return;  // there are none
+    if (info_->formatVersion > 1) return;  // there are none
     std::map<int, std::pair<int, int>> recorded;
     try {
-      parquet::readSignalRecords(info_.records, [&](const parquet::SignalRecord& record) {
+      parquet::readSignalRecords(info_->records, [&](const parquet::SignalRecord& record) {
         recorded[record.signalId] = {record.timeStorageId, record.dataStorageId};
       });
     } catch (const std::exception& error) {
       return fault("{}: records cannot be read: {}", kDescriptionFile, error.what());
     }
-    for (const SignalInfo& signal : info_.signals) {
+    for (const SignalInfo& signal : info_->signals) {
       const std::pair<int, int> ids{signal.timeStorageId.value_or(parquet::kNoStorage),
                                     signal.dataStorageId.value_or(parquet::kNoStorage)};
       const bool stored = signal.timeStorageId || signal.dataStorageId;
@@ -191,116 +191,99 @@ class Verifier {
     }
   }
 
-  // The signal's file, if it was found sound; its own faults are told already. Opened anew for each
-  // signal: a recording may have more files than a process may hold open.
-  std::optional<StoredFile> soundFile(const std::optional<int>& storageId) const {
-    if (!storageId || sound_.count(*storageId) == 0) return std::nullopt;
-    const FileInfo& file = *files_.at(*storageId);
-    if (!file.pack) return StoredFile(storagePath(folder_, *storageId));
-    return StoredFile(packPath(folder_, *file.pack), file.firstRow, file.rowCount);
+  // The signal's content, if its file was found sound. Other files are told of already.
+  std::shared_ptr<parquet::ContentReader> soundContent(const std::optional<int>& storageId) {
+    if (!storageId || sound_.count(*storageId) == 0) return nullptr;
+    return contents_.open(*storageId);
   }
 
   void checkSignal(const SignalInfo& signal) {
-    const auto time = soundFile(signal.timeStorageId);
-    const auto data = soundFile(signal.dataStorageId);
+    const auto time = soundContent(signal.timeStorageId);
+    const auto data = soundContent(signal.dataStorageId);
     if (time) checkColumns(signal, *time, *signal.timeStorageId, Scalar, Double);
     if (!data) return;
     checkColumns(signal, *data, *signal.dataStorageId, signal.category, signal.dataType);
-    if (data->rowCount() != signal.rowCount) {
-      fault("signal {} \"{}\": {} samples in {}, expected {}", signal.signalId, signal.name,
-            data->rowCount(), label(*signal.dataStorageId), signal.rowCount);
-    }
-    if (time && time->rowCount() != data->rowCount()) {
+    const std::string miscounted = countFault(signal, data->rows());
+    if (!miscounted.empty())
+      fault("signal {} \"{}\": {}", signal.signalId, signal.name, miscounted);
+    if (time && time->rows() != data->rows()) {
       fault("signal {} \"{}\": {} times in {}, but {} samples in {}", signal.signalId, signal.name,
-            time->rowCount(), label(*signal.timeStorageId), data->rowCount(),
-            label(*signal.dataStorageId));
+            time->rows(), label(*signal.timeStorageId), data->rows(), label(*signal.dataStorageId));
     }
-    checkShapes(signal, *data);
+    if (time) readThrough(signal, *time, *signal.timeStorageId);
+    readThrough(signal, *data, *signal.dataStorageId);
   }
 
-  void checkColumns(const SignalInfo& signal, const StoredFile& file, int storageId,
+  void checkColumns(const SignalInfo& signal, const parquet::ContentReader& content, int storageId,
                     KYRSignalCategory category, KYRSignalDataType type) {
-    const auto expected = parquet::schemaBuilder::getSchema(
-        category, type, file.hasColumn(columnNames::time), columnNames::data);
-    if (!expected || !sameColumns(*file.schema(), *expected)) {
-      fault("signal {} \"{}\": {} has the columns [{}], expected [{}]", signal.signalId,
-            signal.name, label(storageId), columnsOf(*file.schema()),
-            expected ? columnsOf(*expected) : "none");
-    }
+    const std::string wrong = columnFault(*content.columns(), category, type);
+    if (wrong.empty()) return;
+    fault("signal {} \"{}\": {} {}", signal.signalId, signal.name, label(storageId), wrong);
+    sound_.erase(storageId);
   }
 
-  static std::string columnsOf(const ::arrow::Schema& schema) {
-    std::string text;
-    for (const auto& field : schema.fields()) {
-      text += fmt::format("{}{}: {}", text.empty() ? "" : ", ", field->name(),
-                          field->type()->ToString());
-    }
-    return text;
-  }
-
-  // Every sample has as many elements as its shape says.
-  void checkShapes(const SignalInfo& signal, const StoredFile& data) {
-    const bool variable = data.hasColumn(columnNames::dimension);
-    const bool lists =
-        data.hasColumn(columnNames::data) &&
-        data.schema()->GetFieldByName(columnNames::data)->type()->id() == ::arrow::Type::LIST;
-    if (!lists || (!variable && signal.dimensions.empty())) return;
-    const std::vector<std::uint64_t> fixed(signal.dimensions.begin(), signal.dimensions.end());
-    const std::uint64_t fixedLength =
-        product(fixed.data(), static_cast<std::int64_t>(fixed.size()));
-    std::vector<std::string> columns{columnNames::data};
-    if (variable) columns.push_back(columnNames::dimension);
-    std::uint64_t row = 0;
-    data.forEachRowGroup(columns, [&](const auto& group) {
-      const auto samples = combined(*group[0]);
-      const auto shapes = variable ? combined(*group[1]) : nullptr;
-      for (std::int64_t i = 0; i < samples->length(); ++i, ++row) {
-        const std::uint64_t expected = shapes ? shapeProduct(*shapes, i) : fixedLength;
-        const auto found = static_cast<std::uint64_t>(samples->value_length(i));
-        if (found == expected) continue;
-        throw std::runtime_error(
-            fmt::format("sample {} has {} elements, its shape {}", row, found, expected));
+  // Reads all rows: they can be decoded, none is missing, and every sample has as many elements as its
+  // shape says. Contents without shapes are read once for all signals that share them.
+  void readThrough(const SignalInfo& signal, parquet::ContentReader& content, int storageId) {
+    const bool isShaped = content.schema().kind == parquet::ColumnKind::list;
+    if (sound_.count(storageId) == 0) return;
+    if (!isShaped && !read_.insert(storageId).second) return;
+    for (std::size_t part = 0; part < content.parts(); ++part) {
+      const std::uint64_t end = content.partStart(part + 1);
+      for (std::uint64_t first = content.partStart(part); first < end;) {
+        const std::uint64_t count =
+            content.isFlat() ? std::min(end - first, kPieceRows) : end - first;
+        if (content.isFlat()) readNumbers(content, parquet::columnNames::data, first, count);
+        if (content.hasTimes()) readNumbers(content, parquet::columnNames::time, first, count);
+        if (!content.isFlat()) checkSamples(signal, content, first, count);
+        first += count;
       }
-    });
+    }
   }
 
-  static std::shared_ptr<::arrow::ListArray> combined(const ::arrow::ChunkedArray& column) {
-    auto array = ::arrow::Concatenate(column.chunks());
-    if (!array.ok()) throw std::runtime_error(array.status().message());
-    return std::static_pointer_cast<::arrow::ListArray>(*array);
+  void readNumbers(parquet::ContentReader& content, const std::string& column, std::uint64_t first,
+                   std::uint64_t count) {
+    numbers_.resize(static_cast<std::size_t>(count * sizeof(double)));
+    content.readNumbers(column, first, count, numbers_.data());
   }
 
-  static std::uint64_t shapeProduct(const ::arrow::ListArray& shapes, std::int64_t row) {
-    const auto& extents = static_cast<const ::arrow::UInt64Array&>(*shapes.values());
-    return product(extents.raw_values() + shapes.value_offset(row), shapes.value_length(row));
+  static void checkSamples(const SignalInfo& signal, parquet::ContentReader& content,
+                           std::uint64_t first, std::uint64_t count) {
+    const parquet::HeldRows rows = content.read(first, count);
+    const std::string wrong = sampleFault(signal, content.schema(), rows.rows, first);
+    if (!wrong.empty()) throw std::runtime_error(wrong);
   }
 
   void checkNamed() {
     std::set<std::string> named;
-    for (const SignalInfo& signal : info_.signals) {
+    for (const SignalInfo& signal : info_->signals) {
       for (const auto& id : {signal.timeStorageId, signal.dataStorageId}) {
         if (id) named.insert(std::to_string(*id));
       }
     }
-    for (const FileInfo& file : info_.files) {
+    for (const FileInfo& file : info_->files) {
       if (named.count(std::to_string(file.storageId)) == 0) {
         fault("{}: no record names it", label(file.storageId));
         named.insert(std::to_string(file.storageId));
       }
     }
-    for (const PackInfo& pack : info_.packs) named.insert(packName(pack.number));
+    for (const PackInfo& pack : info_->packs) named.insert(packName(pack.number));
     std::error_code missing;
-    for (const auto& entry : fs::directory_iterator(folder_ / kStorageFolder, missing)) {
+    for (const auto& entry : fs::directory_iterator(folder_->path() / kStorageFolder, missing)) {
       const std::string name = entry.path().filename().string();
       if (named.count(name) == 0) fault("{}/{}: no record names it", kStorageFolder, name);
     }
   }
 
-  fs::path folder_;
-  RecordingInfo info_;
-  std::map<int, const FileInfo*> files_;
+  static constexpr std::uint64_t kPieceRows = 65'536;
+
+  std::shared_ptr<const OpenFolder> folder_;
+  std::shared_ptr<const RecordingInfo> info_;
+  ContentFiles contents_;                   // each file is compared with its checksum first
   std::map<int, std::map<int, Run>> runs_;  // by pack and storage id
   std::set<int> sound_;
+  std::set<int> read_;         // contents that were read through
+  std::vector<char> numbers_;  // memory for them
   std::vector<std::string> faults_;
 };
 

@@ -36,7 +36,7 @@ Damage cut(const char* name, std::size_t size) {
 // Another content of recording.json, its checksum included.
 Damage says(void (*edit)(RecordingInfo& info)) {
   return [edit](const fs::path& rec) {
-    RecordingInfo info = readRecordingJson(readTextFile(rec / "recording.json"), "");
+    RecordingInfo info = readRecordingJson(readWholeFile(rec / "recording.json"), "");
     edit(info);
     test::Folder(rec).touch("recording.json", writeRecordingJson(info));
   };
@@ -56,7 +56,7 @@ const Fault kFaults[]{
     {"file in place of the folder",
      [](const fs::path& rec) {
        fs::remove_all(rec);
-       writeTextFile(rec, "text");
+       writeNewFile(rec, "text");
      },
      "rec: not a recording"},
     {"no recording.json", removed("recording.json"), "it has no recording.json"},
@@ -133,7 +133,7 @@ TEST_F(DamagedRecording, EveryFlippedBitIsFound) {
   put(pool, 1, ramp({1, 2, 3}));
   save(rec);
   for (const char* name : {"recording.json", "storage/0", "storage/1"}) {
-    const std::string sound = readTextFile(rec / name);
+    const std::string sound = readWholeFile(rec / name);
     for (std::size_t i = 0; i < sound.size(); ++i) {
       std::string flipped = sound;
       flipped[i] = static_cast<char>(flipped[i] ^ (1 << i % 8));

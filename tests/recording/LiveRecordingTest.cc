@@ -3,8 +3,8 @@
 #include <random>
 #include <stdexcept>
 
-#include "kyr/recording/LiveReader.h"
 #include "kyr/recording/LiveRecording.h"
+#include "kyr/recording/RecordingReader.h"
 #include "kyr/recording/Recovery.h"
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFormat.h"
@@ -121,9 +121,9 @@ TEST_F(LiveRecordings, OthersReadAlong) {
   begin();
   EXPECT_TRUE(isLiveRecording(path()));
   live->flush();
-  LiveReader reader(path());
-  const auto rowsOf = [&](std::size_t signal, Part part, std::uint64_t from) {
-    return numbersIn(reader.read(reader.info().signals.at(signal), part, from, 1000).bytes);
+  RecordingReader reader(path());
+  const auto samplesOf = [&](int id, std::uint64_t from) {
+    return numbersIn(reader.read(id, {from, 1000}).bytes);
   };
   append(*a, 0, 40, 1);
   append(*b, 0, 40, 1);
@@ -132,22 +132,26 @@ TEST_F(LiveRecordings, OthersReadAlong) {
   const auto early = live->addSignal({3, "early", "", "", {}}, Double, Scalar);
   append(*early, 0, 5, 7);
   early->finish();
-  EXPECT_EQ(rowsOf(0, Part::data, 0), Values());
+  EXPECT_EQ(samplesOf(1, 0), Values());
   ASSERT_TRUE(reader.refresh());
-  EXPECT_TRUE(reader.info().isBeingWritten);
-  EXPECT_EQ(reader.info().signals[0].dataRows, 40U);
-  EXPECT_EQ(rowsOf(0, Part::data, 38), Values({38, 39}));
+  EXPECT_FALSE(reader.refresh());
+  EXPECT_EQ(reader.state(), RecordingState::beingRecorded);
+  EXPECT_EQ(reader.sampleCount(1), 40U);
+  EXPECT_EQ(samplesOf(1, 38), Values({38, 39}));
+  SampleBlocks blocks = reader.blocks(1, {10, 50}, 7);
   // The second signal parts from the first, into files of its own.
   append(*b, 40, 60, 3);
   live->flush();
   ASSERT_TRUE(reader.refresh());
-  EXPECT_EQ(rowsOf(1, Part::data, 39), [] {
+  EXPECT_EQ(samplesOf(2, 39), [] {
     Values values{39};
     for (int i = 40; i < 60; ++i) values.push_back(i * 3);
     return values;
   }());
-  EXPECT_EQ(rowsOf(1, Part::time, 59), Values{5.9});
-  EXPECT_EQ(rowsOf(2, Part::data, 3), Values({21, 28}));
+  EXPECT_EQ(reader.times(2, {59, 99}), Values{5.9});
+  EXPECT_EQ(samplesOf(3, 3), Values({21, 28}));
+  EXPECT_EQ(reader.rowsBetween(1, 3.9, 4.05), std::vector<RowRange>({{39, 41}}));
+  EXPECT_EQ(reader.timeSpan(1)->to, 5.9);
   for (const std::string& error :
        {errorOf([&] { describeRecording(path()); }), errorOf([&] { openRecording(path()); }),
         errorOf([&] { verifyRecording(path()); }), errorOf([&] { recover(); })}) {
@@ -155,9 +159,22 @@ TEST_F(LiveRecordings, OthersReadAlong) {
   }
   live.reset();
   EXPECT_FALSE(describeLiveRecording(path()).isBeingWritten);
+  ASSERT_TRUE(reader.refresh());
+  EXPECT_EQ(reader.state(), RecordingState::notFinished);
+  EXPECT_EQ(samplesOf(1, 59), Values{59});
   EXPECT_THAT(errorOf([&] { describeRecording(path()); }), HasSubstr("kyr recover"));
   recover();
-  EXPECT_FALSE(reader.refresh());
+  ASSERT_TRUE(reader.refresh());
+  EXPECT_EQ(reader.state(), RecordingState::finished);
+  EXPECT_EQ(samplesOf(2, 59), Values{177});
+  // What was asked for before is as it was then.
+  Values walked;
+  while (const SampleBlock* block = blocks.next()) {
+    const auto* const values = static_cast<const double*>(block->elements);
+    walked.insert(walked.end(), values, values + block->rows);
+  }
+  ASSERT_EQ(walked.size(), 30U);
+  EXPECT_EQ(walked.back(), 39);
 }
 
 // What was not flushed is not there, also where it is in a file that others share.

@@ -243,7 +243,7 @@ TEST_F(PackedRecording, DescriptionIsReadHoweverItIsWritten) {
   const std::string odd = "a \"b\"\\ \n\x01 \xC3\xA9 \xF0\x9F\x9A\x97";
   saveRecording(stored, {{3, odd, "°C", odd, {2, 3}}, {9, "never written", "", "", {}}},
                 Path::fromFilesystem(rec), packing(1000));
-  const std::string text = readTextFile(rec / "recording.json");
+  const std::string text = readWholeFile(rec / "recording.json");
   const RecordingInfo info = describeRecording(Path::fromFilesystem(rec));
   EXPECT_EQ(info.signals[2].name, odd);
   EXPECT_EQ(info.signals[2].description, odd);

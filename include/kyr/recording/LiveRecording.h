@@ -20,8 +20,8 @@ struct LiveOptions {
 ///
 /// What flush() acknowledged survives a crash of the process, and one of the machine if
 /// `LiveOptions::storage.sync` asks for it: recoverRecording() (Recovery.h) makes a recording of it.
-/// finish() makes the folder an ordinary recording; no file is copied. Another process may read
-/// along with LiveReader.
+/// finish() makes the folder an ordinary recording; no file is copied. Others may read along with
+/// RecordingReader.
 ///
 /// Time and data of a signal should have as many rows at each flush(): a recovery cuts them to the
 /// shorter of the two.

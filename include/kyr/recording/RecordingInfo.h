@@ -41,12 +41,14 @@ struct SignalInfo : SignalDescription {
 /// \brief One content of a saved recording: a Parquet file `storage/<storageId>`, or rows of a pack.
 struct FileInfo {
   int storageId = 0;
-  std::uint64_t size = 0;  ///< bytes; of a packed content, its share of the pack by rows
+  std::uint64_t size = 0;  ///< bytes; for a packed content its share of the pack, by rows
   std::uint64_t rowCount = 0;
   std::string checksum;  ///< XXH3, 128 bits, in 32 lower-case hex digits; none if packed
 
   std::optional<int> pack = std::nullopt;  ///< number of the pack that the content lies in, if any
-  std::uint64_t firstRow = 0;              ///< of the content in its pack
+  std::uint64_t firstRow = 0;              ///< row of the pack with which the content begins
+  /// XXH3, 64 bits, of each block of 262,144 bytes of the file; empty if the recording has none.
+  std::vector<std::uint64_t> blocks = {};
 };
 
 /// \brief A Parquet file with many small contents: `storage/pack-<number>.parquet`.
@@ -54,7 +56,8 @@ struct PackInfo {
   int number = 0;
   std::uint64_t size = 0;  ///< bytes
   std::uint64_t rowCount = 0;
-  std::string checksum;  ///< as of a file
+  std::string checksum;                    ///< as of a file
+  std::vector<std::uint64_t> blocks = {};  ///< as of a file
 };
 
 /// \brief What recording.json says.
@@ -70,6 +73,28 @@ struct RecordingInfo {
 /// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording,
 ///         damaged, of a newer format version
 KYR_PARQUET_EXPORT RecordingInfo describeRecording(const Path& folder);
+
+/// \brief A signal of a recording that is being written. Its `rowCount` is that of its samples, or
+/// that of its times if it has only times. Codec and time span are left out.
+struct LiveSignalInfo : SignalInfo {
+  std::uint64_t timeRows = 0;
+  std::uint64_t dataRows = 0;
+};
+
+/// \brief A recording that is being written or was not finished, as of its last flush.
+struct LiveRecordingInfo {
+  int formatVersion = 0;
+  bool isBeingWritten = false;          ///< whether its writer is alive
+  std::vector<LiveSignalInfo> signals;  ///< in the order in which they were added
+  std::vector<FileInfo> files;          ///< by ascending storage id; without checksums
+};
+
+/// \brief Whether \p folder holds a recording that is being written or was not finished.
+KYR_PARQUET_EXPORT bool isLiveRecording(const Path& folder);
+
+/// \brief Read what the last flush of such a recording acknowledged.
+/// \throws std::runtime_error naming the file or folder and what is wrong with it
+KYR_PARQUET_EXPORT LiveRecordingInfo describeLiveRecording(const Path& folder);
 
 /// \brief Check a recording against itself, down to every bit of every file.
 ///

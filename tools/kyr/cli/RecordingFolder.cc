@@ -9,7 +9,7 @@
 #include "cli/Errors.h"
 #include "cli/Files.h"
 #include "kyr/platform/FileSystem.h"
-#include "kyr/recording/LiveReader.h"
+#include "kyr/recording/RecordingInfo.h"
 
 namespace kyr::tool {
 

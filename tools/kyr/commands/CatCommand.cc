@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "cli/CommandLine.h"
@@ -18,8 +19,8 @@
 #include "cli/SignalSelection.h"
 #include "commands/Commands.h"
 #include "kyr/parquet/SignalPool.h"
-#include "kyr/recording/LiveReader.h"
 #include "kyr/recording/Recording.h"
+#include "kyr/recording/RecordingReader.h"
 #include "print/LiveSource.h"
 #include "print/SampleTable.h"
 
@@ -70,16 +71,17 @@ Window windowOf(const CatOptions& options) {
 }
 
 int catLive(const CatOptions& options, const Window& window) {
-  recording::LiveReader reader(Path::fromNarrow(options.folder));
+  recording::RecordingReader reader(Path::fromNarrow(options.folder));
+  RecordingInfo info;
+  info.signals = reader.signals();
   Output out;
-  const RecordingInfo info = recordingInfoOf(reader);
   LiveCat cat(options.folder, chosenSignals(info, options.signals, options.folder), window);
   if (options.follows) {
     cat.follow(out, reader);
   } else {
     cat.print(out, reader);
-    if (!reader.info().isBeingWritten) {
-      tell("warning: " + options.folder + " is " + stateOf(reader.info(), options.folder));
+    if (reader.state() == recording::RecordingState::notFinished) {
+      tell("warning: " + options.folder + " is " + stateOf(reader.state(), options.folder));
     }
   }
   return 0;

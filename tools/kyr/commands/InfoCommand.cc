@@ -14,7 +14,7 @@
 #include "cli/CommandLine.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
-#include "kyr/recording/LiveReader.h"
+#include "kyr/recording/RecordingReader.h"
 #include "print/LiveSource.h"
 #include "print/RecordingSummary.h"
 #include "print/TypeNames.h"
@@ -111,9 +111,10 @@ int runInfo(const InfoOptions& options) {
   RecordingInfo info;
   std::optional<std::string> state;
   if (recording::isLiveRecording(path)) {
-    recording::LiveReader reader(path);
-    info = recordingInfoOf(reader);
-    state = stateOf(reader.info(), options.folder);
+    const auto live = recording::describeLiveRecording(path);
+    const recording::RecordingReader reader(path);
+    info = recordingInfoOf(reader, live);
+    state = stateOf(reader.state(), options.folder);
   } else {
     info = recording::describeRecording(path);
   }

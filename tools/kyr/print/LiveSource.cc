@@ -2,60 +2,45 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 
 #include "cli/Interrupt.h"
-#include "kyr/parquet/SignalPool.h"
-#include "kyr/recording/Recording.h"
 
 namespace kyr::tool {
 
-using recording::LiveReader;
-using recording::LiveSignalInfo;
 using recording::RecordingInfo;
+using recording::RecordingReader;
+using recording::RecordingState;
 using recording::SignalInfo;
-using Part = parquet::StreamableSignal::SignalPart;
 
 namespace {
 
-std::vector<double> readTimes(LiveReader& reader, const LiveSignalInfo& signal, std::uint64_t from,
-                              std::uint64_t to) {
-  const std::vector<char> bytes = reader.read(signal, Part::time, from, to).bytes;
-  std::vector<double> times(bytes.size() / sizeof(double));
-  if (!times.empty()) std::memcpy(times.data(), bytes.data(), times.size() * sizeof(double));
-  return times;
-}
-
-// The number of samples that have a time, if the signal has times.
-std::uint64_t completeRows(const LiveSignalInfo& signal) {
-  return signal.timeRows > 0 ? std::min(signal.timeRows, signal.dataRows) : signal.dataRows;
-}
-
-const LiveSignalInfo* liveSignal(const LiveReader& reader, int id) {
-  for (const LiveSignalInfo& signal : reader.info().signals) {
-    if (signal.signalId == id) return &signal;
-  }
-  return nullptr;
+bool hasSignal(const RecordingReader& reader, int id) {
+  const auto& signals = reader.signals();
+  return std::any_of(signals.begin(), signals.end(),
+                     [id](const SignalInfo& signal) { return signal.signalId == id; });
 }
 
 }  // namespace
 
-std::string stateOf(const recording::LiveRecordingInfo& live, const std::string& folder) {
-  return live.isBeingWritten ? "recording..." : "not finished: kyr recover " + folder;
+std::string stateOf(RecordingState state, const std::string& folder) {
+  return state == RecordingState::beingRecorded ? "recording..."
+                                                : "not finished: kyr recover " + folder;
 }
 
-RecordingInfo recordingInfoOf(LiveReader& reader) {
+RecordingInfo recordingInfoOf(const RecordingReader& reader,
+                              const recording::LiveRecordingInfo& live) {
   RecordingInfo info;
-  info.formatVersion = reader.info().formatVersion;
-  info.files = reader.info().files;
-  for (const LiveSignalInfo& live : reader.info().signals) {
-    SignalInfo signal = live;
-    if (live.timeRows > 0) {
-      const std::vector<double> first = readTimes(reader, live, 0, 1);
-      const std::vector<double> last = readTimes(reader, live, live.timeRows - 1, live.timeRows);
+  info.formatVersion = live.formatVersion;
+  info.files = live.files;
+  for (const recording::LiveSignalInfo& each : live.signals) {
+    SignalInfo signal = each;
+    if (each.timeRows > 0) {
+      const std::vector<double> first = reader.times(each.signalId, {0, 1});
+      const std::vector<double> last =
+          reader.times(each.signalId, {each.timeRows - 1, each.timeRows});
       if (!first.empty() && !last.empty()) {
         signal.timeSpan = recording::TimeSpan{first.front(), last.front()};
       }
@@ -67,60 +52,40 @@ RecordingInfo recordingInfoOf(LiveReader& reader) {
   return info;
 }
 
-void LiveCat::print(Output& out, const SampleTable::Load& load) {
-  const SampleTable table(signals_, load);
+void LiveCat::print(Output& out, const RecordingReader& reader) {
+  for (SignalInfo& signal : signals_) {
+    if (hasSignal(reader, signal.signalId)) {
+      signal = reader.signal(signal.signalId);
+    } else {
+      signal.dataStorageId.reset();  // removed before the recording was finished
+    }
+  }
+  const SampleTable table(signals_, [&](const SignalInfo& signal, std::vector<double>& time) {
+    std::uint64_t& printed = printed_[signal.signalId];
+    const std::uint64_t to = std::max(printed, reader.pairCount(signal.signalId));
+    recording::SampleRows rows = reader.read(signal.signalId, {printed, to});
+    printed = to;
+    time = std::move(rows.times);
+    return SampleColumn(signal, std::move(rows.bytes), std::move(rows.dimensions), rows.sizes);
+  });
   if (!hasHeader_) table.printHeader(out);
   hasHeader_ = true;
   table.printRows(out, window_);
   out.flush();
 }
 
-void LiveCat::print(Output& out, LiveReader& reader) {
-  for (SignalInfo& signal : signals_) {
-    const LiveSignalInfo* live = liveSignal(reader, signal.signalId);
-    if (live != nullptr) static_cast<SignalInfo&>(signal) = *live;
-  }
-  print(out, [&](const SignalInfo& signal, std::vector<double>& time) {
-    const LiveSignalInfo& live = *liveSignal(reader, signal.signalId);
-    const std::uint64_t from = printed_[signal.signalId];
-    const std::uint64_t to = std::max(from, completeRows(live));
-    time = readTimes(reader, live, from, to);
-    recording::LiveRows rows = reader.read(live, Part::data, from, to);
-    printed_[signal.signalId] = to;
-    return SampleColumn(signal, std::move(rows.bytes), std::move(rows.dimensions), rows.sizes);
-  });
-}
-
-void LiveCat::printFinished(Output& out) {
-  const Path folder = Path::fromNarrow(folder_);
-  recording::Recording opened = recording::openRecording(folder);
-  for (SignalInfo& signal : signals_) {
-    for (const SignalInfo& finished : opened.info().signals) {
-      if (finished.signalId == signal.signalId) signal = finished;
-    }
-  }
-  print(out, [&](const SignalInfo& signal, std::vector<double>& time) {
-    SampleColumn column(*opened.pool().getSignal(signal.signalId), signal, time);
-    const std::size_t printed = printed_[signal.signalId];
-    column.dropFirst(printed);
-    time.erase(time.begin(),
-               time.begin() + static_cast<std::ptrdiff_t>(std::min(printed, time.size())));
-    return column;
-  });
-}
-
-void LiveCat::follow(Output& out, LiveReader& reader) {
+void LiveCat::follow(Output& out, RecordingReader& reader) {
   constexpr std::chrono::milliseconds kInterval(100);
   print(out, reader);
-  while (reader.refresh()) {
-    print(out, reader);
-    if (!reader.info().isBeingWritten && reader.refresh()) {
-      throw std::runtime_error(folder_ + ": " + stateOf(reader.info(), folder_));
+  while (reader.state() != RecordingState::finished) {
+    if (reader.state() == RecordingState::notFinished && !reader.refresh()) {
+      throw std::runtime_error(folder_ + ": " + stateOf(reader.state(), folder_));
     }
     std::this_thread::sleep_for(kInterval);
     stopIfInterrupted();
+    reader.refresh();
+    print(out, reader);
   }
-  printFinished(out);
 }
 
 }  // namespace kyr::tool

@@ -3,7 +3,6 @@
 #include <arrow/util/base64.h>
 #include <fmt/compile.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -80,14 +79,7 @@ void SampleColumn::takeLengths(const std::vector<int>& lengths) {
   }
 }
 
-void SampleColumn::dropFirst(std::size_t count) {
-  count = std::min(count, size_);
-  first_ += count;
-  size_ -= count;
-}
-
 void SampleColumn::append(fmt::memory_buffer& out, std::size_t sample) const {
-  sample += first_;
   if (begins_.empty() && elementText_) return elementText_(out, bytes_.data() + sample * width_);
   if (elementText_) return appendMatrix(out, sample);
   const std::size_t begin = begins_[sample];

@@ -28,9 +28,6 @@ class SampleColumn {
   SampleColumn(const recording::SignalInfo& info, std::vector<char> bytes,
                std::vector<std::vector<std::size_t>> shapes, const std::vector<int>& lengths);
 
-  /// Drops the first \p count samples.
-  void dropFirst(std::size_t count);
-
   std::size_t size() const { return size_; }
 
   void append(fmt::memory_buffer& out, std::size_t sample) const;
@@ -43,7 +40,6 @@ class SampleColumn {
 
   void takeLengths(const std::vector<int>& lengths);
 
-  std::size_t first_ = 0;  ///< first sample that was not dropped
   std::size_t size_ = 0;
   std::vector<char> bytes_;
   std::size_t width_ = 1;              ///< bytes of an element

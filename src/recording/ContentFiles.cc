@@ -1,0 +1,175 @@
+#include "recording/ContentFiles.h"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "recording/RecordingFolder.h"
+
+namespace kyr::recording {
+
+namespace {
+
+std::int64_t keyOfPack(int number) { return -1 - std::int64_t{number}; }
+
+[[noreturn]] void refuse(const std::filesystem::path& file, const std::string& what) {
+  throw std::runtime_error(fmt::format("{}: {}", file.string(), what));
+}
+
+}  // namespace
+
+std::size_t defaultOpenFiles() {
+  constexpr rlim_t kShare = 8;
+  constexpr rlim_t kLeast = 8;
+  constexpr rlim_t kMost = 256;
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return kLeast;
+  return static_cast<std::size_t>(std::clamp(limit.rlim_cur / kShare, kLeast, kMost));
+}
+
+ContentFiles::ContentFiles(std::shared_ptr<const OpenFolder> folder, bool checks,
+                           std::size_t maxOpenFiles)
+    : folder_(std::move(folder)),
+      checks_(checks),
+      maxOpenFiles_(maxOpenFiles > 0 ? maxOpenFiles : defaultOpenFiles()),
+      cache_(std::make_shared<parquet::RowGroupCache>()) {}
+
+void ContentFiles::describe(std::shared_ptr<const RecordingInfo> info, bool isLive) {
+  if (!isLive || !isLive_) {
+    open_.clear();
+    byKey_.clear();
+  }
+  info_ = std::move(info);
+  isLive_ = isLive;
+}
+
+const FileInfo& ContentFiles::fileInfo(int storageId) const {
+  const auto found =
+      std::lower_bound(info_->files.begin(), info_->files.end(), storageId,
+                       [](const FileInfo& file, int id) { return file.storageId < id; });
+  if (found == info_->files.end() || found->storageId != storageId) {
+    refuse(storagePath(folder_->path(), storageId), "is not listed");
+  }
+  return *found;
+}
+
+ContentFiles::OpenFile* ContentFiles::find(std::int64_t key) {
+  const auto known = byKey_.find(key);
+  if (known == byKey_.end()) return nullptr;
+  open_.splice(open_.begin(), open_, known->second);
+  return &open_.front();
+}
+
+void ContentFiles::keep(OpenFile file) {
+  if (open_.size() >= maxOpenFiles_) {
+    byKey_.erase(open_.back().key);
+    open_.pop_back();
+  }
+  open_.push_front(std::move(file));
+  byKey_[open_.front().key] = open_.begin();
+}
+
+std::shared_ptr<parquet::ContentReader> ContentFiles::open(int storageId) {
+  const FileInfo& info = fileInfo(storageId);
+  return readingContent(info.rowCount, nullptr, [&] {
+    if (info.pack) {
+      return std::make_shared<parquet::ContentReader>(openPack(*info.pack), storageId,
+                                                      info.firstRow, info.rowCount);
+    }
+    if (const OpenFile* known = find(storageId)) {
+      if (isLive_ && known->content->rows() < info.rowCount) known->content->grow(info.rowCount);
+      return known->content;
+    }
+    OpenFile file;
+    file.key = storageId;
+    file.content = openFile(info);
+    keep(file);
+    return file.content;
+  });
+}
+
+std::shared_ptr<const DiskFile> ContentFiles::openDisk(const std::string& name) const {
+  const std::filesystem::path path = folder_->path() / kStorageFolder / name;
+  try {
+    return folder_->openStored(name);
+  } catch (const std::system_error& error) {
+    const auto& code = error.code();
+    if (code == std::errc::no_such_file_or_directory || code == std::errc::not_a_directory) {
+      refuse(path,
+             isLive_ ? "missing: refresh() tells whether a later flush replaced it" : "missing");
+    }
+    if (code == std::errc::is_a_directory || code == std::errc::not_supported) {
+      refuse(path, "is no regular file");
+    }
+    throw;
+  }
+}
+
+template <typename Info>
+std::shared_ptr<const DiskFile> ContentFiles::openSized(const std::string& name,
+                                                        const Info& info) const {
+  auto disk = openDisk(name);
+  const std::uint64_t size = disk->size();
+  if (size != info.size) {
+    refuse(disk->path(), fmt::format("damaged: {} bytes long, expected {}", size, info.size));
+  }
+  return disk;
+}
+
+template <typename Info>
+std::shared_ptr<const ByteSource> ContentFiles::checked(std::shared_ptr<const DiskFile> disk,
+                                                        const Info& info) const {
+  if (!checks_) return disk;
+  return std::make_shared<parquet::CheckedFile>(std::move(disk),
+                                                parquet::FileChecksums{info.checksum, info.blocks});
+}
+
+// The batches of a growing file have checksums of their own: damage in one place leaves the others
+// readable.
+std::shared_ptr<parquet::InputFile> ContentFiles::openInput(const FileInfo& info) const {
+  const std::string name = std::to_string(info.storageId);
+  const auto checks = checks_ ? parquet::BatchChecks::yes : parquet::BatchChecks::no;
+  if (isLive_) return parquet::openAnyFile(openDisk(name), info.rowCount, checks);
+  const auto disk = openSized(name, info);
+  const bool mayHaveBatches = checks_ && info.size > parquet::CheckedFile::kBlockBytes;
+  if (mayHaveBatches && info.blocks.empty() && parquet::isGrowingFile(*disk)) {
+    return parquet::openGrowingFile(disk, info.rowCount, checks);
+  }
+  try {
+    return std::make_shared<parquet::InputFile>(checked(disk, info));
+  } catch (const parquet::DamagedBytes&) {
+    if (!mayHaveBatches || !parquet::isGrowingFile(*disk)) throw;
+    return parquet::openGrowingFile(disk, info.rowCount, checks);
+  }
+}
+
+std::shared_ptr<parquet::ContentReader> ContentFiles::openFile(const FileInfo& info) {
+  auto file = openInput(info);
+  if (!isLive_ && file->rows() != info.rowCount) {
+    refuse(file->path(), fmt::format("holds {} rows, expected {}", file->rows(), info.rowCount));
+  }
+  return std::make_shared<parquet::ContentReader>(std::move(file), cache_);
+}
+
+std::shared_ptr<parquet::PackFile> ContentFiles::openPack(int number) {
+  if (const OpenFile* known = find(keyOfPack(number))) return known->pack;
+  const auto listed =
+      std::find_if(info_->packs.begin(), info_->packs.end(),
+                   [number](const PackInfo& pack) { return pack.number == number; });
+  if (listed == info_->packs.end()) {
+    refuse(packPath(folder_->path(), number), "is not listed");
+  }
+  OpenFile file;
+  file.key = keyOfPack(number);
+  file.pack = std::make_shared<parquet::PackFile>(
+      checked(openSized(packName(number), *listed), *listed), cache_);
+  if (file.pack->rows() != listed->rowCount) {
+    refuse(packPath(folder_->path(), number),
+           fmt::format("holds {} rows, expected {}", file.pack->rows(), listed->rowCount));
+  }
+  keep(file);
+  return file.pack;
+}
+
+}  // namespace kyr::recording

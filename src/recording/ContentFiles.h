@@ -1,0 +1,107 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "files/CheckedFile.h"
+#include "files/ContentReader.h"
+#include "kyr/recording/DamagedError.h"
+#include "kyr/recording/RecordingInfo.h"
+#include "recording/OpenFolder.h"
+
+namespace kyr::recording {
+
+/// The contents of a recording, opened when they are asked for. The files that were used last stay
+/// open, up to a number.
+///
+/// A file that is not what recording.json says of it is a DamagedError: missing, of another size, with
+/// another number of rows, with other bytes where checksums are compared. One thread at a time.
+class ContentFiles {
+ public:
+  /// \param checks  whether checksums are compared
+  ContentFiles(std::shared_ptr<const OpenFolder> folder, bool checks, std::size_t maxOpenFiles);
+
+  /// From now on the contents are those of \p info, in which files of a live recording have no
+  /// checksum. If both are live, files that are open stay so.
+  void describe(std::shared_ptr<const RecordingInfo> info, bool isLive);
+
+  const OpenFolder& folder() const { return *folder_; }
+  /// What recording.json says of a file.
+  /// \throws std::runtime_error if it does not list the file
+  const FileInfo& fileInfo(int storageId) const;
+
+  /// A content, with its columns unchecked. A live content may have fewer rows than were flushed if
+  /// its file is damaged.
+  std::shared_ptr<parquet::ContentReader> open(int storageId);
+
+ private:
+  struct OpenFile {
+    std::int64_t key = 0;
+    std::shared_ptr<parquet::ContentReader> content;  // null for a pack
+    std::shared_ptr<parquet::PackFile> pack;
+  };
+
+  // Finds a file that is open and notes that it was used.
+  OpenFile* find(std::int64_t key);
+  void keep(OpenFile file);
+  std::shared_ptr<const DiskFile> openDisk(const std::string& name) const;
+  // Opens a file of the size that recording.json says.
+  template <typename Info>
+  std::shared_ptr<const DiskFile> openSized(const std::string& name, const Info& info) const;
+  template <typename Info>
+  std::shared_ptr<const ByteSource> checked(std::shared_ptr<const DiskFile> disk,
+                                            const Info& info) const;
+  std::shared_ptr<parquet::InputFile> openInput(const FileInfo& info) const;
+  std::shared_ptr<parquet::PackFile> openPack(int number);
+  std::shared_ptr<parquet::ContentReader> openFile(const FileInfo& info);
+
+  std::shared_ptr<const OpenFolder> folder_;
+  bool checks_;
+  std::size_t maxOpenFiles_;
+  bool isLive_ = false;
+  std::shared_ptr<const RecordingInfo> info_;
+  std::shared_ptr<parquet::RowGroupCache> cache_;
+  std::list<OpenFile> open_;  // the last used first
+  std::map<std::int64_t, std::list<OpenFile>::iterator> byKey_;
+};
+
+/// Calls \p work, which reads a content. What is wrong with its file becomes a DamagedError that says
+/// which rows cannot be had.
+/// \param rows  rows of the content
+/// \param content  null while it is being opened
+template <typename Work>
+auto readingContent(std::uint64_t rows, const parquet::ContentReader* content, Work&& work) {
+  const auto refuse = [](const std::string& what, const parquet::RowSpan& lost) {
+    throw DamagedError(fmt::format("{}: rows {} to {} cannot be read", what, lost.from, lost.to));
+  };
+  try {
+    return work();
+  } catch (const parquet::DamagedBytes& error) {
+    refuse(error.what(),
+           content ? content->rowsIn(error.from(), error.to()) : parquet::RowSpan{0, rows});
+  } catch (const DamagedError&) {
+    throw;
+  } catch (const std::system_error&) {
+    throw;
+  } catch (const std::runtime_error& error) {
+    refuse(error.what(), {0, rows});
+  } catch (const std::invalid_argument& error) {  // columns that make no rows
+    const std::string file = content ? content->file().path().string() + ": " : "";
+    refuse(file + error.what(), {0, rows});
+  }
+  throw std::logic_error("unreachable");
+}
+
+/// How many files a reader may have open unless it is told: an eighth of what the process may, at
+/// least 8 and at most 256.
+std::size_t defaultOpenFiles();
+
+}  // namespace kyr::recording

@@ -1,0 +1,90 @@
+#include "recording/LiveState.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <limits>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "recording/LiveFormat.h"
+#include "recording/LiveJournal.h"
+#include "recording/RecordingFolder.h"
+
+namespace kyr::recording {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Flush {
+  LiveDescription live;
+  JournalLine line;
+};
+
+// The description may be rewritten, and a line for the new one follow, between two looks.
+Flush readFlush(const OpenFolder& folder) {
+  constexpr int kAttempts = 10;
+  const std::string source = (folder.path() / kLiveFile).string();
+  Flush flush;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    flush.live = readLiveJson(folder.readText(kLiveFile), source);
+    const auto newest =
+        lastJournalLine(*folder.open(kJournalFile), std::numeric_limits<std::uint64_t>::max());
+    if (!newest) return flush;
+    flush.line = *newest;
+    if (newest->sequence <= flush.live.sequence) return flush;
+  }
+  throw std::runtime_error(source + ": is older than the journal beside it");
+}
+
+std::uint64_t sizeOf(const OpenFolder& folder, int storageId) {
+  try {
+    return folder.openStored(std::to_string(storageId))->size();
+  } catch (const std::system_error&) {
+    return 0;
+  }
+}
+
+}  // namespace
+
+LiveRecordingInfo readLiveState(const OpenFolder& folder) {
+  Flush flush = readFlush(folder);
+  LiveRecordingInfo info;
+  info.formatVersion = kLiveFormatVersion;
+  info.isBeingWritten = isBeingWritten(folder);
+  std::map<int, std::uint64_t> rows;
+  flush.line.rows.resize(2 * flush.live.signals.size(), 0);
+  for (std::size_t i = 0; i < flush.live.signals.size(); ++i) {
+    LiveSignalInfo signal;
+    static_cast<SignalInfo&>(signal) = std::move(flush.live.signals[i]);
+    signal.timeRows = flush.line.rows[2 * i];
+    signal.dataRows = flush.line.rows[2 * i + 1];
+    signal.rowCount = signal.dataRows > 0 ? signal.dataRows : signal.timeRows;
+    const auto note = [&rows](std::optional<int> id, std::uint64_t count) {
+      if (id) rows[*id] = std::max(rows[*id], count);
+    };
+    note(signal.timeStorageId, signal.timeRows);
+    note(signal.dataStorageId, signal.dataRows);
+    info.signals.push_back(std::move(signal));
+  }
+  for (const auto& [id, count] : rows) info.files.push_back({id, 0, count, ""});
+  return info;
+}
+
+bool isLiveRecording(const Path& folder) {
+  const fs::path path = folder.toFilesystem();
+  return !fs::exists(descriptionPath(path)) &&
+         (fs::exists(path / kLiveFile) || fs::exists(path / kJournalFile));
+}
+
+LiveRecordingInfo describeLiveRecording(const Path& folder) {
+  const OpenFolder opened(folder.toFilesystem());
+  LiveRecordingInfo info = readLiveState(opened);
+  for (FileInfo& file : info.files) file.size = sizeOf(opened, file.storageId);
+  return info;
+}
+
+}  // namespace kyr::recording

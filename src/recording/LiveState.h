@@ -1,0 +1,12 @@
+#pragma once
+
+#include "kyr/recording/RecordingInfo.h"
+#include "recording/OpenFolder.h"
+
+namespace kyr::recording {
+
+/// A live recording as of its last flush: its signals, and the rows that each of them has.
+/// \throws std::runtime_error naming the file or folder and what is wrong with it
+LiveRecordingInfo readLiveState(const OpenFolder& folder);
+
+}  // namespace kyr::recording
