@@ -32,6 +32,7 @@
 #include "kyr/parquet/ParquetExportSerializerWorker.h"
 #include "kyr/parquet/SerializationOptions.h"
 #include "kyr/recording/RecordingInfo.h"
+#include "kyr/recording/RecordingReader.h"
 
 namespace kyr::tool {
 
@@ -131,11 +132,11 @@ void checkApart(const ExportOptions& options) {
   }
 }
 
-void writeWide(RecordingFiles& files, const std::vector<ExportSignal>& signals,
-               const ExportOptions& options, Losses& losses, const TableWriter::Target& target,
-               ProgressBar& bar) {
+void writeWide(RecordingFiles& files, const recording::RecordingReader& reader,
+               const std::vector<ExportSignal>& signals, const ExportOptions& options,
+               Losses& losses, const TableWriter::Target& target, ProgressBar& bar) {
   parquet::ParquetExportSerializerWorker worker;
-  const WideTable wide(worker, files, signals, options, losses,
+  const WideTable wide(worker, files, reader, signals, options, losses,
                        [&bar](double part) { bar.show("reading", part); });
   bar.hide();
   losses.settle();
@@ -178,7 +179,8 @@ void exportRecording(const ExportOptions& options) {
     losses.settle();
     options.isPartitioned ? table.writePartitions(target.file, target) : table.writeTable(target);
   } else {
-    writeWide(files, signals, options, losses, target, bar);
+    const recording::RecordingReader reader(Path::fromNarrow(options.folder));
+    writeWide(files, reader, signals, options, losses, target, bar);
   }
   bar.hide();
   if (!output) return;

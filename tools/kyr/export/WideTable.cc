@@ -72,6 +72,7 @@ std::vector<double> sharedTimes(RecordingFiles& files, const std::vector<ExportS
 }  // namespace
 
 WideTable::WideTable(parquet::ParquetExportSerializerWorker& worker, RecordingFiles& files,
+                     const recording::RecordingReader& reader,
                      const std::vector<ExportSignal>& signals, const ExportOptions& options,
                      Losses& losses, const Progress& progress)
     : worker_(worker),
@@ -79,8 +80,8 @@ WideTable::WideTable(parquet::ParquetExportSerializerWorker& worker, RecordingFi
       losses_(losses),
       isLinear_(options.resample && options.resample->isLinear) {
   if (options.resample) {
-    resampling_.emplace(files, signals, *options.resample);
-    addTimes(resampling_->grid());
+    resampling_.emplace(reader, signals, *options.resample);
+    addTimes(resampling_->times());
   } else {
     addTimes(sharedTimes(files, signals));
   }

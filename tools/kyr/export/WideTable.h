@@ -13,7 +13,7 @@
 #include "export/ExportOptions.h"
 #include "export/ExportSignals.h"
 #include "export/RecordingFiles.h"
-#include "export/Resampling.h"
+#include "export/ResampledColumns.h"
 #include "kyr/parquet/ParquetExportSerializerWorker.h"
 
 namespace kyr::tool {
@@ -29,8 +29,8 @@ class WideTable {
   /// \param losses  gets the values that the table cannot hold exactly
   /// \throws std::runtime_error if the signals have different times
   WideTable(parquet::ParquetExportSerializerWorker& worker, RecordingFiles& files,
-            const std::vector<ExportSignal>& signals, const ExportOptions& options, Losses& losses,
-            const Progress& progress);
+            const recording::RecordingReader& reader, const std::vector<ExportSignal>& signals,
+            const ExportOptions& options, Losses& losses, const Progress& progress);
 
   const std::shared_ptr<::arrow::Table>& table() const { return table_; }
 
@@ -51,7 +51,7 @@ class WideTable {
   RecordingFiles& files_;
   Losses& losses_;
   bool isLinear_;
-  std::optional<Resampling> resampling_;
+  std::optional<ResampledColumns> resampling_;
   std::set<std::string> names_;
   std::vector<parquet::ParquetExportSerializerWorker::Column> columns_;
   std::vector<std::shared_ptr<::arrow::Field>> fields_;
