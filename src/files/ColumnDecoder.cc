@@ -7,6 +7,8 @@
 #include <cstring>
 #include <utility>
 
+#include "files/PhysicalTypes.h"
+
 namespace kyr::parquet {
 
 namespace {
@@ -62,42 +64,34 @@ void readNarrow(::parquet::ColumnReader& column, char* out, std::uint64_t count)
   }
 }
 
-void readNumbers(::parquet::ColumnReader& column, std::size_t width, char* out,
-                 std::uint64_t count) {
-  switch (column.type()) {
+// Calls \p visit with the Parquet type of a column of numbers.
+template <typename Visit>
+auto visitNumbers(const ::parquet::ColumnReader& column, Visit&& visit) {
+  switch (column.descr()->physical_type()) {
     case ::parquet::Type::DOUBLE:
-      return readValues<::parquet::DoubleType>(column, out, count);
+      return visit(::parquet::DoubleType());
     case ::parquet::Type::FLOAT:
-      return readValues<::parquet::FloatType>(column, out, count);
+      return visit(::parquet::FloatType());
     case ::parquet::Type::INT64:
-      return readValues<::parquet::Int64Type>(column, out, count);
+      return visit(::parquet::Int64Type());
     case ::parquet::Type::INT32:
-      if (width == 1) return readNarrow<std::uint8_t>(column, out, count);
-      if (width == 2) return readNarrow<std::uint16_t>(column, out, count);
-      return readValues<::parquet::Int32Type>(column, out, count);
+      return visit(::parquet::Int32Type());
     default:
       refuse("holds no numbers");
   }
 }
 
-template <typename ParquetType>
-std::int64_t skipValues(::parquet::ColumnReader& column, std::int64_t count) {
-  return static_cast<::parquet::TypedColumnReader<ParquetType>&>(column).Skip(count);
+void readNumbers(::parquet::ColumnReader& column, std::size_t width, char* out,
+                 std::uint64_t count) {
+  if (width == 1) return readNarrow<std::uint8_t>(column, out, count);
+  if (width == 2) return readNarrow<std::uint16_t>(column, out, count);
+  visitNumbers(column, [&](auto type) { readValues<decltype(type)>(column, out, count); });
 }
 
 std::int64_t skipNumbers(::parquet::ColumnReader& column, std::int64_t count) {
-  switch (column.type()) {
-    case ::parquet::Type::DOUBLE:
-      return skipValues<::parquet::DoubleType>(column, count);
-    case ::parquet::Type::FLOAT:
-      return skipValues<::parquet::FloatType>(column, count);
-    case ::parquet::Type::INT64:
-      return skipValues<::parquet::Int64Type>(column, count);
-    case ::parquet::Type::INT32:
-      return skipValues<::parquet::Int32Type>(column, count);
-    default:
-      refuse("holds no numbers");
-  }
+  return visitNumbers(column, [&](auto type) {
+    return static_cast<::parquet::TypedColumnReader<decltype(type)>&>(column).Skip(count);
+  });
 }
 
 }  // namespace
@@ -109,13 +103,14 @@ void ColumnDecoder::read(int group, int leaf, std::size_t width, std::uint64_t f
                          std::uint64_t count, char* out) {
   // Behind a failure nothing tells where the column reader is.
   Position position = std::exchange(positions_[leaf], Position());
-  seek(position, group, leaf, first);
+  seek(position, group, leaf, width, first);
   readNumbers(*position.column, width, out, count);
   position.row += count;
   positions_[leaf] = std::move(position);
 }
 
-void ColumnDecoder::seek(Position& position, int group, int leaf, std::uint64_t row) {
+void ColumnDecoder::seek(Position& position, int group, int leaf, std::size_t width,
+                         std::uint64_t row) {
   if (position.group != group || position.row > row) {
     position = Position();
     position.group = group;
@@ -124,6 +119,10 @@ void ColumnDecoder::seek(Position& position, int group, int leaf, std::uint64_t 
     const auto* column = position.column->descr();
     if (column->max_repetition_level() > 0 || column->max_definition_level() > 1) {
       refuse("holds lists, not numbers");
+    }
+    if (width < physicalWidth(column->physical_type()) &&
+        column->physical_type() != ::parquet::Type::INT32) {
+      refuse("holds numbers of another width");
     }
   }
   while (position.row < row) {

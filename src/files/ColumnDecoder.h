@@ -36,7 +36,7 @@ class ColumnDecoder {
     std::uint64_t row = 0;
   };
 
-  void seek(Position& position, int group, int leaf, std::uint64_t row);
+  void seek(Position& position, int group, int leaf, std::size_t width, std::uint64_t row);
 
   std::unique_ptr<::parquet::ParquetFileReader> file_;
   std::map<int, Position> positions_;  // by leaf

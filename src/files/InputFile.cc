@@ -13,6 +13,8 @@
 #include "files/CheckedFile.h"
 #include "files/ParquetTail.h"
 #include "platform/DiskFile.h"
+#include "schema/ArrayMemory.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::parquet {
 
@@ -45,12 +47,6 @@ std::optional<NumberRange> ascendingRange(const ::parquet::RowGroupMetaData& gro
   const NumberRange range{statistics->min(), statistics->max()};
   if (!(range.min <= range.max)) return std::nullopt;
   return range;
-}
-
-std::size_t numberWidth(const ::arrow::DataType& type) {
-  if (!::arrow::is_integer(type.id()) && !::arrow::is_floating(type.id())) return 0;
-  return static_cast<std::size_t>(static_cast<const ::arrow::FixedWidthType&>(type).bit_width()) /
-         8;
 }
 
 }  // namespace
@@ -94,7 +90,7 @@ void InputFile::readSchema() const {
   }
   ::arrow::FieldVector fields;
   for (const auto& field : found->fields()) {
-    leaves_[fields.size()].width = numberWidth(*field->type());
+    if (isNumber(*field->type())) leaves_[fields.size()].width = valueWidth(*field->type());
     fields.push_back(::arrow::field(field->name(), field->type()));
   }
   schema_ = ::arrow::schema(std::move(fields));

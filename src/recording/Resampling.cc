@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "recording/OrderedTimes.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::recording {
 
@@ -53,6 +54,8 @@ double stepsIn(double from, double to, double step) {
   return steps;
 }
 
+using ToNumber = double (*)(const char*);
+
 template <typename T>
 double numberAt(const char* element) {
   T value;
@@ -60,37 +63,15 @@ double numberAt(const char* element) {
   return static_cast<double>(value);
 }
 
-using ToNumber = double (*)(const char*);
+double truthAt(const char* element) { return *element == 0 ? 0 : 1; }
 
+// How samples of a scalar signal become numbers; null for other signals.
 ToNumber conversionOf(const SignalInfo& signal) {
-  switch (signal.dataType) {
-    case Double:
-      return numberAt<double>;
-    case Single:
-      return numberAt<float>;
-    case Int8:
-      return numberAt<std::int8_t>;
-    case UInt8:
-      return numberAt<std::uint8_t>;
-    case Int16:
-      return numberAt<std::int16_t>;
-    case UInt16:
-      return numberAt<std::uint16_t>;
-    case Int32:
-      return numberAt<std::int32_t>;
-    case UInt32:
-    case UInt32Alt:
-      return numberAt<std::uint32_t>;
-    case Int64:
-      return numberAt<std::int64_t>;
-    case UInt64:
-    case UInt64Alt:
-      return numberAt<std::uint64_t>;
-    case Boolean:
-      return [](const char* element) { return *element == 0 ? 0.0 : 1.0; };
-    default:
-      return nullptr;
-  }
+  const auto type = parquet::elementTypeId(signal.dataType);
+  if (signal.category != Scalar || !parquet::isNumber(type)) return nullptr;
+  if (signal.dataType == Boolean) return truthAt;
+  return parquet::visitNumber(
+      type, [](auto number) -> ToNumber { return numberAt<typename decltype(number)::Value>; });
 }
 
 }  // namespace
@@ -142,7 +123,7 @@ class Resampling::Impl {
 
   std::vector<std::optional<double>> numbers(int id, const RowRange& range) const {
     const SignalInfo& signal = reader_.signal(id);
-    const ToNumber toNumber = signal.category == Scalar ? conversionOf(signal) : nullptr;
+    const ToNumber toNumber = conversionOf(signal);
     if (toNumber == nullptr) {
       throw std::invalid_argument(
           fmt::format("signal {} \"{}\": its samples are no single numbers", id, signal.name));
