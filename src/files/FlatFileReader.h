@@ -125,13 +125,16 @@ bool readRows(FlatColumn& column, const ByteSource& file, std::uint64_t first, s
 /// \return whether it is such a file; \p out is overwritten in any case
 /// \throws std::system_error naming the file if it cannot be read
 template <typename T>
-bool readFlatFile(const std::filesystem::path& path, const ::arrow::DataType* type,
-                  std::vector<T>& out) {
-  const DiskFile file(path, DiskFile::Mode::readOnly);
+bool readFlatFile(const DiskFile& file, const ::arrow::DataType* type, std::vector<T>& out) {
   const auto metadata = readMetadata(file);
   const auto column =
       metadata ? FlatColumn::make(*metadata, file.size(), columnNames::data, type) : nullptr;
   return column && readRows(*column, file, 0, column->rows(), out);
+}
+template <typename T>
+bool readFlatFile(const std::filesystem::path& path, const ::arrow::DataType* type,
+                  std::vector<T>& out) {
+  return readFlatFile(DiskFile(path, DiskFile::Mode::readOnly), type, out);
 }
 
 }  // namespace kyr::parquet

@@ -120,10 +120,12 @@ int DiskFile::descriptor() const {
   return descriptor_;
 }
 
-std::uint64_t DiskFile::size() const {
+std::uint64_t DiskFile::size() const { return state().size; }
+
+FileState DiskFile::state() const {
   struct stat status {};
   if (::fstat(descriptor(), &status) != 0) fail("tell the size", errno);
-  return static_cast<std::uint64_t>(status.st_size);
+  return FileState(status);
 }
 
 void DiskFile::requireName() const {

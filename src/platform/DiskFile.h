@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/ByteSource.h"
+#include "platform/FileState.h"
 
 namespace kyr {
 
@@ -35,6 +36,7 @@ class DiskFile final : public ByteSource {
 
   const std::filesystem::path& path() const override { return path_; }
   std::uint64_t size() const override;
+  FileState state() const;
   /// \throws std::runtime_error naming the file if it was deleted while it was open
   void requireName() const;
 

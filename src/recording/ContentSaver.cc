@@ -6,12 +6,13 @@
 #include <utility>
 
 #include "recording/FolderFiles.h"
-#include "safe/SharedStream.h"
+#include "safe/Content.h"
+#include "safe/FinishedFile.h"
 
 namespace kyr::recording {
 
 namespace fs = std::filesystem;
-using parquet::SharedStream;
+using parquet::Content;
 
 ContentSaver::ContentSaver(fs::path directory, std::shared_ptr<parquet::SharedStore> store,
                            fs::path storage, const SaveOptions& options)
@@ -22,13 +23,13 @@ ContentSaver::ContentSaver(fs::path directory, std::shared_ptr<parquet::SharedSt
       packs_(storage_, options.encodings) {}
 
 void ContentSaver::save(FileInfo& file) {
-  const auto stream = store_ ? store_->streamOf(file.storageId) : nullptr;
-  const bool isMissing = stream && !stream->hasFile();
-  if (isMissing ? pack(file, *stream) : packFile(file)) return;
+  const auto content = store_ ? store_->find(file.storageId) : nullptr;
+  const bool isMissing = content && !content->hasOwnFile();
+  if (isMissing ? pack(file, *content) : packFile(file)) return;
   const std::string name = std::to_string(file.storageId);
   FileDigest digest;
   if (isMissing) {
-    stream->writeCopy(storage_ / name, /*sync=*/false);
+    content->writeCopy(storage_ / name, /*sync=*/false);
     digest = digestFile(storage_ / name);
   } else {
     digest = copyFile(directory_ / name, storage_ / name);
@@ -38,17 +39,17 @@ void ContentSaver::save(FileInfo& file) {
 }
 
 // A row has a byte or more, but for empty ones.
-bool ContentSaver::pack(FileInfo& file, SharedStream& stream) {
-  if (file.rowCount >= packBelow_) return false;
-  stream.open();
-  const auto held = stream.held(0, stream.rows());
-  return held && packRows(file, stream.schema(), stream.codec(), held->rows);
+bool ContentSaver::pack(FileInfo& file, Content& content) {
+  if (file.rowCount >= packBelow_ || file.rowCount == 0) return false;
+  const parquet::SampleSchema& schema = content.schema();
+  if (schema.dataIndex != 0 || schema.kind == parquet::ColumnKind::unsupported) return false;
+  return packRows(file, schema, content.codec(), content.allRows().rows);
 }
 
 bool ContentSaver::packFile(FileInfo& file) {
   const fs::path path = directory_ / std::to_string(file.storageId);
   if (file.rowCount >= packBelow_ || file.rowCount == 0) return false;
-  parquet::StoredRows stored(path);
+  parquet::FinishedFile stored(path);
   const auto table = stored.read(0, stored.rows());
   const parquet::SampleSchema schema(table->schema());
   if (schema.dataIndex != 0 || schema.kind == parquet::ColumnKind::unsupported) return false;

@@ -10,7 +10,7 @@
 #include "kyr/recording/Recording.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "recording/PackWriter.h"
-#include "safe/SharedStore.h"
+#include "safe/Content.h"
 
 namespace kyr::recording {
 
@@ -32,7 +32,7 @@ class ContentSaver {
   std::vector<PackInfo> finish();
 
  private:
-  bool pack(FileInfo& file, parquet::SharedStream& stream);
+  bool pack(FileInfo& file, parquet::Content& content);
   bool packFile(FileInfo& file);
   bool packRows(FileInfo& file, const parquet::SampleSchema& schema,
                 ::arrow::Compression::type codec, const parquet::RowSlice& rows);

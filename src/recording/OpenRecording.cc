@@ -235,7 +235,7 @@ class Recording::Impl {
         describe(*pool->getSignal(signal.signalId), signal);
       }
     }
-    impl.sharedStore()->dropPacked();
+    impl.sharedStore()->dropOffers();
   }
 };
 

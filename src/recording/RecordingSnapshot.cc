@@ -5,6 +5,8 @@
 #include <arrow/util/compression.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <stdexcept>
 
@@ -13,8 +15,9 @@
 #include "kyr/parquet/StreamableSignal.h"
 #include "recording/RecordingFormat.h"
 #include "recording/TimeSpans.h"
-#include "safe/SharedStream.h"
+#include "safe/Content.h"
 #include "signals/SignalPoolImpl.h"
+#include "schema/PartTables.h"
 #include "storage/ParquetStorageRecord.h"
 
 namespace kyr::recording {
@@ -63,15 +66,19 @@ void takeTypes(parquet::SignalPoolImpl& pool, SignalInfo& signal) {
   }
 }
 
-// Smallest and largest of times that have no file.
-std::optional<TimeSpan> spanOf(parquet::SharedStream& stream) {
-  const auto held = stream.held(0, stream.rows());
-  if (!held || stream.schema().schema->field(0)->type()->id() != ::arrow::Type::DOUBLE) return {};
+// Smallest and largest of times that have no file in the pool's directory.
+std::optional<TimeSpan> spanOf(parquet::Content& content) {
+  if (content.schema().schema->field(0)->type()->id() != ::arrow::Type::DOUBLE) return {};
+  constexpr std::uint64_t kPieceRows = 65536;
   std::optional<TimeSpan> span;
-  for (std::size_t row = 0; row < held->rows.rows; ++row) {
-    double time = 0;
-    std::memcpy(&time, held->rows.elements + row * sizeof(time), sizeof(time));
-    noteTime(span, time);
+  for (std::uint64_t from = 0; from < content.rows(); from += kPieceRows) {
+    const auto to = std::min(content.rows(), from + kPieceRows);
+    const parquet::PartRows rows(content.read(from, to));
+    for (std::size_t at = 0; at < rows.bytes.size(); at += sizeof(double)) {
+      double time = 0;
+      std::memcpy(&time, &rows.bytes[at], sizeof(time));
+      noteTime(span, time);
+    }
   }
   return span;
 }
@@ -94,13 +101,12 @@ const InfoBuilder::FileFacts& InfoBuilder::factsOf(int signalId, int storageId, 
   const std::int64_t key = std::int64_t{storageId} * 2 + (isTime ? 1 : 0);
   const auto known = facts_.find(key);
   if (known != facts_.end()) return known->second;
-  const auto stream = store_ ? store_->streamOf(storageId) : nullptr;
+  const auto content = store_ ? store_->find(storageId) : nullptr;
   FileFacts facts;
-  if (stream && !stream->hasFile()) {
-    stream->open();
-    facts.rowCount = stream->rows();
-    facts.compression = ::arrow::util::Codec::GetCodecAsString(stream->codec());
-    if (isTime) facts.timeSpan = spanOf(*stream);
+  if (content && !content->hasOwnFile()) {
+    facts.rowCount = content->rows();
+    facts.compression = ::arrow::util::Codec::GetCodecAsString(content->codec());
+    if (isTime) facts.timeSpan = spanOf(*content);
   } else {
     facts = factsOfFile(signalId, storageId, isTime);
   }

@@ -13,15 +13,15 @@ namespace kyr::parquet {
 
 namespace {
 
-// Rows are read in slices that are in the processor's cache until they are copied, to the memory
-// that \p reused has.
-PartRows readRows(SharedPart& part, const SampleSchema& schema, std::uint64_t from,
-                  std::uint64_t to, std::vector<char>& reused) {
+// Reads rows in slices that stay in the processor's cache until they are copied.
+// \param reused  its memory is taken for the rows
+PartRows readRows(Part& part, const SampleSchema& schema, std::uint64_t from, std::uint64_t to,
+                  std::vector<char>& reused) {
   constexpr std::uint64_t kSlice = 131'072;
-  if (const auto held = part.held(from, to)) return PartRows(held->rows);
+  if (const auto there = part.inMemory(from, to)) return PartRows(there->rows);
   PartRows rows;
   if (from == 0 && schema.kind == ColumnKind::flat && to >= part.rows()) {
-    if (part.readNumbers(*schema.elementType, reused)) {
+    if (part.readElements(*schema.elementType, reused)) {
       rows.bytes.swap(reused);
       return rows;
     }
@@ -52,8 +52,8 @@ SafeStreamableSignal::SafeStreamableSignal(std::shared_ptr<SharedStore> store,
       label_(std::move(label)),
       time_(store_, {label_, parquet::SignalPart::time}),
       data_(store_, {label_, parquet::SignalPart::data}) {
-  if (timeId != kNoStorage) time_.adopt(timeId);
-  if (dataId != kNoStorage) data_.adopt(dataId);
+  if (timeId != kNoStorage) time_.takeOver(timeId);
+  if (dataId != kNoStorage) data_.takeOver(dataId);
 }
 
 void SafeStreamableSignal::setBufferSize(unsigned long rows) {
@@ -64,13 +64,13 @@ void SafeStreamableSignal::setBufferSize(unsigned long rows) {
 
 void SafeStreamableSignal::setParquetCompressionType(const ::arrow::Compression::type& type) {
   requireWritable(type);
-  time_.setCompression(type);
-  data_.setCompression(type);
+  time_.setCodec(type);
+  data_.setCodec(type);
 }
 
 const SampleSchema& SafeStreamableSignal::dataSchema() {
   if (!schema_.schema || schemaType_ != label_->dataType || schemaCategory_ != label_->category) {
-    schema_ = store_->sampleSchema(label_->category, label_->dataType);
+    schema_ = store_->layouts().sampleSchema(label_->category, label_->dataType);
     schemaType_ = label_->dataType;
     schemaCategory_ = label_->category;
     width_ = elementWidth(schemaType_);
@@ -93,7 +93,7 @@ void SafeStreamableSignal::appendData(const void* data, unsigned long size,
   if (data == nullptr) throw std::invalid_argument("Data is empty");
   const SampleSchema& schema = dataSchema();
   if (schema.kind == ColumnKind::flat && dimensions.empty()) {
-    // Runs once per sample where samples come one by one. A width is a power of two.
+    // This runs once per sample where samples come one by one. Every width is a power of two.
     RowSlice rows;
     rows.rows = size >> static_cast<unsigned>(__builtin_ctzll(width_));
     rows.elements = static_cast<const char*>(data);
@@ -162,7 +162,7 @@ void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::ve
   sizes = std::move(rows.sizes);
 }
 
-// Failures were thrown.
+// Every failure was thrown.
 ::arrow::Status SafeStreamableSignal::writeStatus() const { return ::arrow::Status::OK(); }
 
 }  // namespace kyr::parquet

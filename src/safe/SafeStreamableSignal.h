@@ -6,15 +6,17 @@
 #include <vector>
 
 #include "kyr/parquet/StreamableSignal.h"
-#include "safe/SharedPart.h"
+#include "safe/Part.h"
+#include "safe/SharedStore.h"
 
 namespace kyr::parquet {
 
-/// A streamable signal of a safe pool. See StreamableSignal, and SharedPart for how it stores.
+/// A streamable signal of a safe pool. StreamableSignal says what the members promise, and Part how
+/// rows are stored.
 class SafeStreamableSignal final : public StreamableSignal {
  public:
-  /// \param label  what the files shall say of the signal; kept up to date here
-  /// \param timeId, dataId  files that are there, or kNoStorage
+  /// \param label  what the files say about the signal; type and category are kept up to date here
+  /// \param timeId, dataId  contents to take over, or kNoStorage
   SafeStreamableSignal(std::shared_ptr<SharedStore> store, std::shared_ptr<SignalLabel> label,
                        int timeId, int dataId);
 
@@ -27,7 +29,7 @@ class SafeStreamableSignal final : public StreamableSignal {
   void finish() override;
   unsigned long rowCount(SignalPart part) override;
   void flush() override;
-  /// As flush(), without a sync.
+  /// Does what flush() does, but does not sync.
   void write();
   void resetData() override;
   bool hasData() const override;
@@ -44,7 +46,7 @@ class SafeStreamableSignal final : public StreamableSignal {
                std::vector<int>& sizes) override;
   void setParquetCompressionType(const ::arrow::Compression::type& type) override;
   std::optional<::arrow::Compression::type> getParquetCompressionType() const override {
-    return time_.compression();
+    return time_.codec();
   }
   Path getParquetDirectory() const override { return store_->directory(); }
   ::arrow::Status writeStatus() const override;
@@ -54,10 +56,10 @@ class SafeStreamableSignal final : public StreamableSignal {
 
   std::shared_ptr<SharedStore> store_;
   std::shared_ptr<SignalLabel> label_;
-  SharedPart time_;
-  SharedPart data_;
+  Part time_;
+  Part data_;
 
-  // The data schema made last, and for what.
+  // The data schema that was used last, and the type and category that it belongs to.
   SampleSchema schema_;
   std::size_t width_ = sizeof(double);
   KYRSignalDataType schemaType_ = Double;

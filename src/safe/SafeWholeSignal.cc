@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::uint64_t kAll = std::numeric_limits<std::uint64_t>::max();
 
-// One shape for each of the samples where one stands for all.
+// One shape for each sample, also where a single one is given for all.
 std::vector<std::vector<std::uint64_t>> shapesOf(const WholeSignal::Dims& dims,
                                                  const SampleSchema& schema, std::size_t size,
                                                  std::size_t width, const std::vector<int>& sizes) {
@@ -53,21 +53,21 @@ SafeWholeSignal::SafeWholeSignal(std::shared_ptr<SharedStore> store,
       label_(std::move(label)),
       time_(store_, {label_, parquet::SignalPart::time}),
       data_(store_, {label_, parquet::SignalPart::data}) {
-  if (timeId != kNoStorage) time_.adopt(timeId);
-  if (dataId != kNoStorage) data_.adopt(dataId);
+  if (timeId != kNoStorage) time_.takeOver(timeId);
+  if (dataId != kNoStorage) data_.takeOver(dataId);
 }
 
-SharedPart SafeWholeSignal::partOf(SignalPart name, const SampleSchema& schema,
-                                   const SampleChunk& chunk, std::size_t width) const {
-  SharedPart part(store_, {label_, name});
-  part.setCompression(compression_);
+Part SafeWholeSignal::storedPart(SignalPart name, const SampleSchema& schema,
+                                 const SampleChunk& chunk, std::size_t width) const {
+  Part part(store_, {label_, name});
+  part.setCodec(compression_);
   part.store(schema, chunk, width);
   return part;
 }
 
 void SafeWholeSignal::setData(const std::vector<double>& time, const std::vector<char>& data,
                               const Dims& dims, const std::vector<int>& lengths) {
-  const SampleSchema& schema = store_->sampleSchema(label_->category, label_->dataType);
+  const SampleSchema& schema = store_->layouts().sampleSchema(label_->category, label_->dataType);
   const std::size_t width = elementWidth(label_->dataType);
   if (data.empty()) return;
   if (time_.id() && !time.empty()) {
@@ -81,8 +81,8 @@ void SafeWholeSignal::setData(const std::vector<double>& time, const std::vector
   times.data = reinterpret_cast<const char*>(time.data());
   times.elements = times.rows = time.size();
 
-  SharedPart timePart = partOf(SignalPart::time, timeSchema(), times, sizeof(double));
-  SharedPart dataPart = partOf(SignalPart::data, schema, samples, width);
+  Part timePart = storedPart(SignalPart::time, timeSchema(), times, sizeof(double));
+  Part dataPart = storedPart(SignalPart::data, schema, samples, width);
   if (timePart.id()) time_ = std::move(timePart);
   data_ = std::move(dataPart);
 }
@@ -91,15 +91,15 @@ void SafeWholeSignal::getData(std::vector<double>& time, std::vector<char>& data
                               std::vector<int>& lengths) {
   if (time_.id()) readTimes(time);
   if (!data_.id()) return;
-  const auto held = data_.held(0, kAll);
-  const SampleSchema& schema = store_->sampleSchema(label_->category, label_->dataType);
-  if (!held && schema.kind == ColumnKind::flat && data_.readNumbers(*schema.elementType, data)) {
+  const auto there = data_.inMemory(0, kAll);
+  const SampleSchema& schema = store_->layouts().sampleSchema(label_->category, label_->dataType);
+  if (!there && schema.kind == ColumnKind::flat && data_.readElements(*schema.elementType, data)) {
     lengths.clear();
     return;
   }
   PartRows rows;
-  if (held) {
-    rows = PartRows(held->rows);
+  if (there) {
+    rows = PartRows(there->rows);
   } else {
     const auto tables = data_.read(0, kAll);
     if (!time_.id()) takeTimeColumn(tables, time);
@@ -111,18 +111,15 @@ void SafeWholeSignal::getData(std::vector<double>& time, std::vector<char>& data
 }
 
 void SafeWholeSignal::readTimes(std::vector<double>& time) {
-  if (const auto held = time_.held(0, kAll)) {
-    const auto* first = reinterpret_cast<const double*>(held->rows.elements);
-    time.assign(first, first + held->rows.rows);
+  if (const auto there = time_.inMemory(0, kAll)) {
+    const auto* first = reinterpret_cast<const double*>(there->rows.elements);
+    time.assign(first, first + there->rows.rows);
     return;
   }
-  store_->recentTimes().read(store_->fileOf(*time_.id()), time, [&](std::vector<double>& read) {
-    if (time_.readNumbers(*timeSchema().elementType, read)) return true;
-    const PartRows rows(time_.read(0, kAll));
-    read.resize(rows.bytes.size() / sizeof(double));
-    if (!read.empty()) std::memcpy(read.data(), rows.bytes.data(), rows.bytes.size());
-    return true;
-  });
+  if (time_.readTimes(time)) return;
+  const PartRows rows(time_.read(0, kAll));
+  time.resize(rows.bytes.size() / sizeof(double));
+  if (!time.empty()) std::memcpy(time.data(), rows.bytes.data(), rows.bytes.size());
 }
 
 void SafeWholeSignal::resetData() {
@@ -135,7 +132,7 @@ int SafeWholeSignal::getStorageId(SignalPart part) const {
   return (part == SignalPart::time ? time_ : data_).id().value_or(kNoStorage);
 }
 
-// Failures were thrown.
+// Every failure was thrown.
 ::arrow::Status SafeWholeSignal::writeStatus() const { return ::arrow::Status::OK(); }
 
 }  // namespace kyr::parquet

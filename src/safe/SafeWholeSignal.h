@@ -4,16 +4,17 @@
 
 #include <memory>
 
-#include "safe/SharedPart.h"
+#include "safe/Part.h"
+#include "safe/SharedStore.h"
 #include "safe/WholeSignal.h"
 
 namespace kyr::parquet {
 
-/// A whole signal of a safe pool. Times are always in a file of their own, so that they are shared.
+/// A whole signal of a safe pool. Its times are a content of their own, so that signals share them.
 class SafeWholeSignal final : public WholeSignal {
  public:
-  /// \param label  what the files shall say of the signal; kept up to date here
-  /// \param timeId, dataId  files that are there, or kNoStorage
+  /// \param label  what the files say about the signal; type and category are kept up to date here
+  /// \param timeId, dataId  contents to take over, or kNoStorage
   SafeWholeSignal(std::shared_ptr<SharedStore> store, std::shared_ptr<SignalLabel> label,
                   int timeId, int dataId);
 
@@ -41,13 +42,14 @@ class SafeWholeSignal final : public WholeSignal {
 
  private:
   void readTimes(std::vector<double>& time);
-  SharedPart partOf(SignalPart part, const SampleSchema& schema, const SampleChunk& chunk,
-                    std::size_t width) const;
+  // A finished part of the rows.
+  Part storedPart(SignalPart part, const SampleSchema& schema, const SampleChunk& chunk,
+                  std::size_t width) const;
 
   std::shared_ptr<SharedStore> store_;
   std::shared_ptr<SignalLabel> label_;
-  SharedPart time_;
-  SharedPart data_;
+  Part time_;
+  Part data_;
   std::optional<::arrow::Compression::type> compression_;
 };
 

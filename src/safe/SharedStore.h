@@ -1,74 +1,53 @@
 #pragma once
 
-#include <arrow/type_fwd.h>
-#include <arrow/util/type_fwd.h>
-#include <parquet/properties.h>
-
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <list>
-#include <map>
 #include <memory>
-#include <optional>
-#include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
+#include <variant>
 #include <vector>
 
-#include "files/ColumnEncoding.h"
-#include "files/FileLayout.h"
-#include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/parquet/SafeStorage.h"
-#include "kyr/parquet/SignalTypes.h"
 #include "kyr/platform/Path.h"
-#include "schema/RowStore.h"
-#include "storage/KnownTimes.h"
+#include "safe/ContentTree.h"
+#include "safe/FileLayouts.h"
+#include "safe/OpenFiles.h"
+#include "safe/RecentTimes.h"
 
 namespace kyr::parquet {
 
+class Content;
+class GrowingRows;
 class PackFile;
-class SharedStream;
-class StoredRows;
 
-/// Where a content lies in a pack file: its rows follow each other.
-struct PackedRows {
+/// The rows of a content in a pack file, where they follow each other.
+struct PackRange {
   std::shared_ptr<PackFile> pack;
   std::uint64_t first = 0;
   std::uint64_t count = 0;
 };
 
-/// A place where contents part: the row's number, and what comes there.
-struct ForkKey {
-  std::uint64_t row = 0;
-  std::uint64_t low = 0;
-  std::uint64_t high = 0;
-
-  friend bool operator==(const ForkKey& a, const ForkKey& b) {
-    return a.row == b.row && a.low == b.low && a.high == b.high;
-  }
+/// A complete Parquet file that a pool reads where it lies, and never changes or deletes.
+struct BorrowedFile {
+  std::filesystem::path path;
+  std::shared_ptr<const DiskFile> file;  ///< null for a file that is opened when it is needed
 };
 
-struct ForkKeyHash {
-  std::size_t operator()(const ForkKey& key) const {
-    return static_cast<std::size_t>(key.low ^ (key.row * 0x9E3779B97F4A7C15U));
-  }
-};
-
-/// The streams that part from another one, or from nothing. Borrowed: a stream takes itself out.
-using Forks = std::unordered_map<ForkKey, SharedStream*, ForkKeyHash>;
-
-/// \throws std::invalid_argument naming a codec that Parquet files cannot be written with
-void requireWritable(::arrow::Compression::type codec);
-
-/// What the signals of a safe pool share: the directory with its ids, and all contents, each once.
+/// What the contents of a safe pool share: the directory with its ids, the layouts of files, the
+/// descriptors, and when files are synced and deleted. It also finds the contents themselves.
 class SharedStore {
  public:
-  using Compression = std::optional<::arrow::Compression::type>;
+  /// What a content is over that is taken over by its id: nothing stands for the file of that id.
+  using Offer = std::variant<std::monostate, PackRange, BorrowedFile>;
 
-  /// \param nextId  counts the ids of all stores of a pool; what is there already lies below it
+  /// \param nextId  counts the ids of all stores of a pool; no file of the directory has this id or
+  ///        a larger one
+  /// \throws std::invalid_argument for batches without rows or bytes
   SharedStore(Path directory, const SafeStorage& options, std::shared_ptr<int> nextId);
   SharedStore(const SharedStore&) = delete;
   SharedStore& operator=(const SharedStore&) = delete;
@@ -77,101 +56,86 @@ class SharedStore {
   const SafeStorage& options() const { return options_; }
   std::filesystem::path fileOf(int id) const;
 
-  /// Never the same twice.
+  /// An id that was never given before.
+  /// \throws std::runtime_error if there are none left
   int newId();
-  /// From now on \p id is not given.
+  /// From now on newId() does not give this id.
   void reserve(int id);
 
-  /// The contents of a schema, by their first row.
-  Forks& roots(const std::shared_ptr<::arrow::Schema>& schema);
+  FileLayouts& layouts() { return layouts_; }
+  ContentTree& tree() { return tree_; }
+  OpenFiles& openFiles() { return openFiles_; }
+  RecentTimes& recentTimes() { return recentTimes_; }
 
-  /// The schema of samples. The same object for the same arguments.
-  /// \throws std::invalid_argument if there is none
-  const SampleSchema& sampleSchema(KYRSignalCategory category, KYRSignalDataType type);
+  /// The content of that id that a part has; null if there is none.
+  std::shared_ptr<Content> find(int id) const;
+  void add(int id, const std::weak_ptr<Content>& content) { contents_[id] = content; }
+  void rename(int id, int newId);
+  void remove(int id) { contents_.erase(id); }
+  /// Calls \p visit with each content, which may change it and its id.
+  void forEachContent(const std::function<void(Content&)>& visit) const;
 
-  /// How files of the schema are written.
-  /// \param compression  what the signal asks for, if it does
-  /// \throws std::invalid_argument if no file can be written with that
-  const FileLayout& layout(const std::shared_ptr<::arrow::Schema>& schema,
-                           const Compression& compression);
-
-  /// The times that were read last of a file of one of the pool's signals.
-  KnownTimes& recentTimes() { return times_; }
-
-  /// The stream over the file \p id, if a signal has it already.
-  std::shared_ptr<SharedStream> streamOf(int id) const;
-  void note(int id, const std::shared_ptr<SharedStream>& stream);
-  void forget(int id);
-
-  /// A finished file, opened. The last few stay open.
-  std::shared_ptr<StoredRows> stored(int id);
-
-  /// Rows of a pack that the stream over \p id, when it is adopted, is over instead of a file.
-  void offerPacked(int id, PackedRows rows) { packed_[id] = std::move(rows); }
-  /// Empty if there are none.
-  PackedRows takePacked(int id);
-  void dropPacked() { packed_.clear(); }
+  /// Offers rows of a pack, or a file that need not lie in the directory, as the content of an id.
+  /// The first part that takes over the id takes the offer; without one, the content is over the
+  /// file of that id in the directory, which is then deleted with it.
+  ///
+  /// A file that is offered by its path is opened when it is first needed, and may be closed and
+  /// opened again: it must keep its name and must not change. One that is offered open stays open
+  /// as long as the content is over it, whatever becomes of its name.
+  void offerPacked(int id, PackRange rows) { offers_[id] = std::move(rows); }
+  void offerStored(int id, std::filesystem::path path) {
+    offers_[id] = BorrowedFile{std::move(path), nullptr};
+  }
+  void offerStored(int id, std::shared_ptr<const DiskFile> file) {
+    offers_[id] = BorrowedFile{file->path(), file};
+  }
+  Offer takeOffer(int id);
+  /// Forgets the offers that nobody took.
+  void dropOffers() { offers_.clear(); }
 
   /// Whether a finished content of so many bytes may stay in memory.
-  bool mayHold(std::size_t bytes) const {
-    return bytes < options_.holdBelow && heldBytes_ + bytes <= options_.holdTotal;
+  bool mayStayInMemory(std::size_t bytes) const {
+    return bytes < options_.holdBelow && bytesInMemory_ + bytes <= options_.holdTotal;
   }
-  void countHeld(std::size_t bytes) { heldBytes_ += bytes; }
-  void countWritten(std::size_t bytes) { heldBytes_ -= bytes; }
-  bool holdsAny() const { return heldBytes_ > 0; }
+  /// Counts bytes of finished contents that are in memory only.
+  void addToMemory(std::size_t bytes) { bytesInMemory_ += bytes; }
+  void takeFromMemory(std::size_t bytes) { bytesInMemory_ -= bytes; }
+  bool hasContentsInMemory() const { return bytesInMemory_ > 0; }
 
-  /// A stream wrote something: sync all that did if that is due.
-  void noteWrite(bool isNewFile);
-  /// Sync what was written since the last time, the names of new files included.
+  /// Notes a new name in the directory.
+  void noteNewFile() { hasNewFiles_ = true; }
+  /// Notes a batch that was written.
+  void noteBatch(GrowingRows& rows);
+  void forgetBatches(GrowingRows& rows) { unsynced_.erase(&rows); }
+  /// Waits until all that was noted is on the disk.
   void sync();
+  /// Does so if the options say that it is time to.
+  void syncIfDue();
 
-  /// From now on no file is deleted.
-  void keepFiles() { keepsFiles_ = true; }
-
-  /// Deletes a file that no part has any more. Where files are kept, whoever keeps a list of them
-  /// may have named it after the last flush, so it stays until there were two more.
+  /// Deletes a file that no content has any more. With SafeStorage::keepsFiles it waits for the
+  /// second flush from now on: a list of the files that was made after the last flush may name it.
   void removeFile(int id) noexcept;
   void noteFlush() noexcept;
-
-  /// Calls \p visit with each stream that a signal has.
-  void forEachStream(const std::function<void(SharedStream&)>& visit) const;
-
-  /// Descriptors are few: whether one more file may stay open.
-  bool mayStayOpen() const { return openFiles_ < maxOpenFiles_; }
-  void countOpen(int change) { openFiles_ += change; }
+  /// From now on no file is deleted.
+  void keepAllFiles() { keepsAllFiles_ = true; }
 
  private:
-  static constexpr std::size_t kMaxStored = 32;
-
-  struct KnownLayout {
-    std::shared_ptr<::arrow::Schema> schema;
-    Compression compression;
-    FileLayout layout;
-  };
-
-  std::shared_ptr<::parquet::WriterProperties> properties(const Compression& compression) const;
-  // What files are free to choose beside them.
-  EncodingChoice choice(const Compression& compression) const;
-
   Path directory_;
   SafeStorage options_;
-  ParquetWriterOptions writerOptions_;
   std::shared_ptr<int> nextId_;
-  std::unordered_map<std::string, Forks> roots_;
-  // The roots of schemas that were asked for, which live as long as they are known here.
-  std::unordered_map<std::shared_ptr<::arrow::Schema>, Forks*> rootsOf_;
-  std::map<std::pair<KYRSignalCategory, KYRSignalDataType>, SampleSchema> sampleSchemas_;
-  std::unordered_map<int, PackedRows> packed_;
-  std::size_t heldBytes_ = 0;
-  std::unordered_map<int, std::weak_ptr<SharedStream>> streams_;
-  std::list<std::pair<int, std::shared_ptr<StoredRows>>> stored_;  // the last used first
-  std::list<KnownLayout> layouts_;
-  KnownTimes times_;
-  bool keepsFiles_ = false;
-  std::vector<int> condemned_;        // since the last flush
-  std::vector<int> condemnedBefore_;  // between the two last ones
-  int maxOpenFiles_;
-  int openFiles_ = 0;
+  FileLayouts layouts_;
+  OpenFiles openFiles_;
+  RecentTimes recentTimes_;
+  ContentTree tree_;
+  std::unordered_map<int, std::weak_ptr<Content>> contents_;
+  std::unordered_map<int, Offer> offers_;
+  std::size_t bytesInMemory_ = 0;
+
+  bool keepsAllFiles_ = false;
+  std::vector<int> unused_;        // files without a content since the last flush
+  std::vector<int> unusedBefore_;  // those between the last two flushes
+
+  std::unordered_set<GrowingRows*> unsynced_;  // unless files are never synced
   bool hasNewFiles_ = false;
   std::chrono::steady_clock::time_point lastSync_ = std::chrono::steady_clock::now();
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <arrow/type_fwd.h>
+
 #include <memory>
 #include <string>
 
@@ -8,7 +10,7 @@
 
 namespace kyr::parquet {
 
-/// What a signal's files say of it.
+/// What files say about a signal.
 struct SignalLabel {
   int signalId = 0;
   std::string name;
@@ -17,15 +19,35 @@ struct SignalLabel {
   KYRSignalCategory category = Scalar;
 };
 
-/// Whose part a SharedPart is. Part of what a file carries, so that a folder can be understood
-/// without anything else.
+/// What files say about one part of a signal.
 struct PartLabel {
   std::shared_ptr<const SignalLabel> signal;
   SignalPart part = SignalPart::data;
 
-  // Of the labels of a stream, which thousands of parts may share.
-  PartLabel* before = nullptr;
-  PartLabel* after = nullptr;
+  // Neighbours in the list that the label is in.
+  PartLabel* previous = nullptr;
+  PartLabel* next = nullptr;
+};
+
+/// The labels of the parts that share a content. Thousands of parts may share one, so that adding
+/// and removing a label takes the same time for any number.
+class PartLabels {
+ public:
+  PartLabels() = default;
+  PartLabels(const PartLabels&) = delete;
+  PartLabels& operator=(const PartLabels&) = delete;
+
+  /// \param label  in no list; must stay where it is until it is removed
+  void add(PartLabel& label) noexcept;
+  /// \param label  in this list
+  void remove(PartLabel& label) noexcept;
+
+  /// The labels as the key-value metadata "kyr.signals", so that a folder of files can be
+  /// understood without anything else.
+  std::shared_ptr<const ::arrow::KeyValueMetadata> metadata() const;
+
+ private:
+  PartLabel* first_ = nullptr;
 };
 
 }  // namespace kyr::parquet

@@ -13,7 +13,7 @@
 
 namespace kyr::parquet {
 
-/// What is behind a ParquetSignal, which says what the members promise.
+/// The implementation behind a ParquetSignal, which says what the members promise.
 class WholeSignal {
  public:
   using Dims = std::vector<std::vector<std::size_t>>;

@@ -11,9 +11,9 @@
 #include "kyr/parquet/DirectoryUtilities.h"
 #include "kyr/platform/FeatureFlag.h"
 #include "kyr/platform/FileSystem.h"
+#include "safe/Content.h"
 #include "safe/SafeStreamableSignal.h"
 #include "safe/SafeWholeSignal.h"
-#include "safe/SharedStream.h"
 #include "signals/SignalRecords.h"
 #include "storage/ParquetStorageRecord.h"
 #include "streaming/StreamableSignalImpl.h"
@@ -68,7 +68,7 @@ SignalPoolImpl::~SignalPoolImpl() { leaveStore(); }
 // The files that are to be kept are brought up to date, if that is possible.
 void SignalPoolImpl::leaveStore() noexcept {
   if (!store || !store->options().keepsFiles) return;
-  store->keepFiles();
+  store->keepAllFiles();
   try {
     flush();
   } catch (const std::exception&) {
@@ -195,14 +195,18 @@ void SignalPoolImpl::flush() {
       static_cast<SafeStreamableSignal&>(**streamed).write();
     }
   }
-  if (store->holdsAny()) store->forEachStream([](SharedStream& stream) { stream.flushHeld(); });
+  if (store->hasContentsInMemory()) {
+    store->forEachContent([](Content& content) {
+      if (content.growing() == nullptr) content.flush();
+    });
+  }
   if (store->options().sync != SafeStorage::Sync::never) store->sync();
   store->noteFlush();
 }
 
 std::string SignalPoolImpl::serializeSignalRecords() const {
   const auto records = finishedRecords();
-  if (store) store->forEachStream([](SharedStream& stream) { stream.writeOut(); });
+  if (store) store->forEachContent([](Content& content) { content.moveToOwnFile(); });
   return writeSignalRecords(records);
 }
 

@@ -6,7 +6,7 @@
 
 namespace kyr::parquet {
 
-/// Which files belong to a signal, as the records' JSON says it.
+/// The files of a signal, as the JSON text of the records names them.
 struct SignalRecord {
   int signalId;
   int timeStorageId;

@@ -15,7 +15,7 @@ class StreamableSignal;
 
 /// \brief The signals of one storage directory, by an id that the host assigns.
 ///
-/// The library's entry object. Each time a directory is set the feature flag
+/// This is the library's entry object. Each time a directory is set the feature flag
 /// "fKYRUseParquetRowGroup" decides the pool's storage mode:
 ///
 /// - off, whole-file mode: signals are `ParquetSignal`, written in one go; ask getSignal();
@@ -29,9 +29,10 @@ class StreamableSignal;
 /// when the last holder lets go. The directory is working storage: destroying the pool deletes the
 /// files in it (not the directory). To keep them, save a recording first.
 ///
-/// With SafeStorage, or the feature flag "fKYRUseSafeStorage" (asked each time a directory is set),
-/// the pool gives other guarantees, which docs/guarantees.md lists, and hands out both kinds of
-/// signals, whatever the storage mode; the mode decides only what deserializeSignalRecords() makes.
+/// With SafeStorage, or with the feature flag "fKYRUseSafeStorage" on when a directory is set, the
+/// pool gives other guarantees, which docs/guarantees.md lists. It then hands out both kinds of
+/// signals in either storage mode; the mode decides only which kind deserializeSignalRecords()
+/// makes.
 ///
 /// One thread at a time, the signals included. Not copyable.
 class KYR_PARQUET_EXPORT SignalPool {
@@ -74,7 +75,8 @@ class KYR_PARQUET_EXPORT SignalPool {
   bool checkSignalExists(const int& id);
 
   /// \brief Whether signal \p id holds stored data.
-  /// \throws std::bad_variant_access if the signal is of the other mode than the flag says now
+  /// \throws std::bad_variant_access if the signal is of the other mode than the flag says now; not
+  ///         in a pool with SafeStorage
   bool isDataOwner(const int& id) const;
 
   /// \brief Drop signal \p id; nothing if there is none.
@@ -86,24 +88,25 @@ class KYR_PARQUET_EXPORT SignalPool {
   /// \brief Which files belong to which signal, as JSON: an array of
   /// `{"dataStorageId":[1],"signalId":3,"timeStorageId":[0]}`, -554114 for a part without storage.
   ///
-  /// Signals without data are left out; the order means nothing. In row-group mode every signal is
-  /// finished first. All files are there then: contents that had none get theirs.
-  /// \throws std::bad_variant_access if a signal is of the other mode than the flag says now
+  /// Signals without data are left out, and the order means nothing. Streamable signals are
+  /// finished first. All the files are in the pool's directory afterwards: with SafeStorage,
+  /// contents that were in memory only, or in files that lie elsewhere, get files there.
+  /// \throws std::bad_variant_access if a signal is of the other mode than the flag says now; not
+  ///         in a pool with SafeStorage
   std::string serializeSignalRecords() const;
 
   /// \brief Make the signals of such a text over this pool's directory.
   ///
-  /// Ids that the pool has already are replaced, others stay. Data type and category are not part
-  /// of the text: set them before reading.
+  /// Signals of the same ids are replaced, and others stay. Data type and category are not part of
+  /// the text: set them before reading.
   /// \throws nlohmann::json::exception (a std::exception) for malformed text or members
   /// \throws std::invalid_argument for an empty id array; signals made before it stay
   void deserializeSignalRecords(const std::string& text);
 
   /// \brief Name and unit of signal \p id, which need not exist yet: UTF-8, for the files to carry.
   ///
-  /// A file of a pool with SafeStorage says in its key-value metadata, under "kyr.signals", to
-  /// which parts of which signals it belonged when it was made. Without SafeStorage nothing says
-  /// it.
+  /// With SafeStorage, each file says in its key-value metadata, under "kyr.signals", to which
+  /// parts of which signals it belonged when it was made. Without, no file says it.
   /// \throws std::invalid_argument if a text is no valid UTF-8
   void describeSignal(const int& id, const std::string& name, const std::string& unit);
 

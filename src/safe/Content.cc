@@ -1,0 +1,98 @@
+#include "safe/Content.h"
+
+#include <arrow/api.h>
+
+#include <algorithm>
+#include <utility>
+#include <variant>
+
+#include "safe/GrowingRows.h"
+#include "safe/PackedRows.h"
+#include "safe/StoredRows.h"
+
+namespace kyr::parquet {
+
+namespace {
+
+// Turns what was offered into rows.
+struct RowsOf {
+  ContentName& name;
+
+  std::unique_ptr<ContentRows> operator()(std::monostate /*nothing*/) const {
+    return std::make_unique<StoredRows>(name);
+  }
+  std::unique_ptr<ContentRows> operator()(PackRange rows) const {
+    return std::make_unique<PackedRows>(name, std::move(rows));
+  }
+  std::unique_ptr<ContentRows> operator()(BorrowedFile file) const {
+    return std::make_unique<StoredRows>(name, std::move(file));
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<Content> Content::create(std::shared_ptr<SharedStore> store,
+                                         const SampleSchema& schema, std::size_t width,
+                                         const AskedCodec& codec) {
+  const int id = store->newId();
+  std::shared_ptr<Content> content(new Content(std::move(store), id));
+  content->setRows(std::make_unique<GrowingRows>(content->name_, schema, width, codec));
+  content->name_.store().add(id, content);
+  return content;
+}
+
+std::shared_ptr<Content> Content::takeOver(std::shared_ptr<SharedStore> store, int id) {
+  if (auto known = store->find(id)) return known;
+  store->reserve(id);
+  std::shared_ptr<Content> content(new Content(std::move(store), id));
+  SharedStore& shared = content->name_.store();
+  content->setRows(std::visit(RowsOf{content->name_}, shared.takeOffer(id)));
+  shared.add(id, content);
+  return content;
+}
+
+void Content::setRows(std::unique_ptr<ContentRows> rows) {
+  rows_ = std::move(rows);
+  growing_ = rows_->growing();
+}
+
+void Content::replaceRows(std::unique_ptr<ContentRows> next) {
+  if (!next) return;
+  setRows(std::move(next));
+  name_.store().syncIfDue();
+}
+
+HeldRows Content::allRows() {
+  if (auto there = inMemory(0, rows())) return *std::move(there);
+  const auto keeper = std::make_shared<RowStore>(schema(), width());
+  for (const auto& table : read(0, rows())) keeper->append(*table);
+  return {keeper->slice(), keeper};
+}
+
+void Content::finishWith(const RowSlice& rows) { replaceRows(growing()->finishWith(rows)); }
+
+void Content::writeCopy(const std::filesystem::path& path, bool sync) {
+  if (rows_->copyFile(path, sync)) return;
+  const HeldRows all = allRows();
+  writeRows(name_, path, all.rows, schema(), rows_->askedCodec(), sync);
+}
+
+std::shared_ptr<Content> Content::makeChild(const ContentKey& key, const AskedCodec& codec,
+                                            std::size_t batchRows) {
+  auto child = create(name_.sharedStore(), schema(), width(), codec);
+  // Piece by piece, so that no more than a batch is in memory.
+  constexpr std::uint64_t kPieceRows = 65536;
+  for (std::uint64_t row = 0; row < key.row;) {
+    const std::uint64_t count = std::min(kPieceRows, key.row - row);
+    for (const auto& table : read(row, row + count)) {
+      RowStore rows(schema(), width());
+      rows.append(*table);
+      child->growing()->append(rows.slice(), batchRows);
+    }
+    row += count;
+  }
+  child->node_.attachTo(node_, key);
+  return child;
+}
+
+}  // namespace kyr::parquet

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "files/growing/GrowingFile.h"
+#include "safe/BatchDigests.h"
+#include "safe/ContentName.h"
+#include "safe/ContentRows.h"
+
+namespace kyr::parquet {
+
+/// Rows that more rows follow. They gather in memory and go to disk batch by batch.
+///
+/// The batch that was written last stays in memory until the next rows come: parts that follow one
+/// chunk behind are compared with memory then.
+class GrowingRows final : public ContentRows {
+ public:
+  /// \param name  outlives the object
+  GrowingRows(ContentName& name, const SampleSchema& schema, std::size_t width,
+              const AskedCodec& codec);
+  ~GrowingRows() override { name_.store().forgetBatches(*this); }
+
+  std::uint64_t count() override { return memoryStart_ + memory_.rows(); }
+  const SampleSchema& schema() override { return memory_.schema(); }
+  std::size_t width() override { return width_; }
+  AskedCodec askedCodec() override { return codec_; }
+  ::arrow::Compression::type codec() override;
+  std::optional<HeldRows> inMemory(std::uint64_t from, std::uint64_t to) override;
+  Tables read(std::uint64_t from, std::uint64_t to) override;
+  const BatchDigests* digests() const override { return &digests_; }
+  GrowingRows* growing() override { return this; }
+  std::unique_ptr<ContentRows> flush() override;
+  std::unique_ptr<ContentRows> finish() override;
+  bool hasOwnFile() const override { return disk_.has_value(); }
+
+  /// First row that is in memory; all that follow are, too.
+  std::uint64_t memoryStart() const { return memoryStart_; }
+  /// Rows that are in memory. Valid until the rows change.
+  RowSlice slice(std::uint64_t from, std::size_t count) const {
+    return memory_.slice(static_cast<std::size_t>(from - memoryStart_), count);
+  }
+
+  /// Adds rows at the end. Writes the batches that are due before.
+  /// \param batchRows  rows of a batch; 0 for as many as the store's options say
+  /// \throws std::exception  if that fails; nothing is added then, and the call may be repeated
+  void append(const RowSlice& rows, std::size_t batchRows);
+  /// As append() to rows of which there are none yet, and finish(). What goes to disk is written
+  /// from where it lies.
+  std::unique_ptr<ContentRows> finishWith(const RowSlice& rows);
+
+  /// Waits until all batches are on the disk.
+  void sync();
+
+ private:
+  struct OnDisk {
+    OnDisk(OwnedFile owned, std::unique_ptr<GrowingFile> grown)
+        : name(std::move(owned)), file(std::move(grown)) {}
+
+    OwnedFile name;
+    std::unique_ptr<GrowingFile> file;
+    DescriptorCount descriptor = OpenFiles::countGrowing();
+  };
+
+  std::size_t unwritten() const {
+    return static_cast<std::size_t>(memoryStart_ + memory_.rows() - diskRows_);
+  }
+  bool mayHaveBatch(std::size_t batchRows) const;
+  void writeFullBatches(std::size_t batchRows);
+  void writeAll();
+  // Writes the first rows that are not on disk.
+  void writeRows(std::size_t count);
+  void createFile();
+  // Closes the descriptor until the next batch if there are too many.
+  void spareDescriptor();
+  // Removes the first rows from memory.
+  void dropFront(std::size_t rows, std::size_t batches);
+
+  ContentName& name_;
+  const SafeStorage& options_;  // the store's
+  std::size_t width_;
+  AskedCodec codec_;
+  BatchDigests digests_;        // of the rows on disk
+  std::optional<OnDisk> disk_;  // from the first batch on
+  std::uint64_t diskRows_ = 0;
+  std::uint64_t memoryStart_ = 0;
+  RowStore memory_;
+};
+
+}  // namespace kyr::parquet

@@ -1,0 +1,163 @@
+#include "safe/StoredRows.h"
+
+#include <arrow/api.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "files/PlainFile.h"
+#include "safe/BatchLength.h"
+#include "schema/PartTables.h"
+#include "storage/WriteTrace.h"
+
+namespace kyr::parquet {
+
+namespace {
+
+// The schema that signals have. A file's columns may be required ones.
+std::shared_ptr<::arrow::Schema> withNulls(const ::arrow::Schema& schema) {
+  ::arrow::FieldVector fields;
+  for (const auto& field : schema.fields()) fields.push_back(field->WithNullable(true));
+  return ::arrow::schema(std::move(fields));
+}
+
+template <typename Visit>
+void forEachBatch(const SafeStorage& options, const RowSlice& rows, Visit&& visit) {
+  for (std::size_t from = 0; from < rows.rows;) {
+    const std::size_t count = std::min(rows.rows - from, batchLength(options, rows));
+    visit(subSlice(rows, from, count));
+    from += count;
+  }
+}
+
+}  // namespace
+
+void writeRows(ContentName& name, const std::filesystem::path& path, const RowSlice& rows,
+               const SampleSchema& schema, const AskedCodec& codec, bool sync) {
+  SharedStore& store = name.store();
+  Tables batches;
+  forEachBatch(store.options(), rows,
+               [&](const RowSlice& batch) { batches.push_back(tableOf(schema, batch)); });
+  writePlainFile(path, store.layouts().layout(schema.schema, codec), name.labels().metadata(),
+                 batches, sync);
+}
+
+StoredRows::StoredRows(ContentName& name, OwnedFile file, Shape shape, BatchDigests digests)
+    : name_(name),
+      origin_(Origin::written),
+      owned_(std::move(file)),
+      shape_(std::move(shape)),
+      digests_(std::move(digests)) {}
+
+StoredRows::StoredRows(ContentName& name)
+    : name_(name), origin_(Origin::found), owned_(std::in_place, name.store(), name.id()) {}
+
+StoredRows::StoredRows(ContentName& name, BorrowedFile file)
+    : name_(name), origin_(Origin::borrowed), borrowed_(std::move(file.path)) {
+  if (file.file) OpenFiles::keepOpen(handle_, std::move(file.file));
+}
+
+std::unique_ptr<StoredRows> StoredRows::write(ContentName& name, const RowSlice& rows, Shape shape,
+                                              const AskedCodec& codec) {
+  const auto span = traceBatch();
+  SharedStore& store = name.store();
+  OwnedFile file = name.createFile([&](const std::filesystem::path& path) {
+    writeRows(name, path, rows, shape.schema, codec,
+              store.options().sync != SafeStorage::Sync::never);
+  });
+  BatchDigests digests;
+  forEachBatch(store.options(), rows, [&](const RowSlice& batch) { digests.add(batch); });
+  digests.keepHead(shape.schema, shape.width, rows);
+  store.noteNewFile();
+  return std::make_unique<StoredRows>(name, std::move(file), std::move(shape), std::move(digests));
+}
+
+std::filesystem::path StoredRows::path() const { return owned_ ? owned_->path() : borrowed_; }
+
+std::shared_ptr<FinishedFile> StoredRows::file() {
+  OpenFiles& files = name_.store().openFiles();
+  if (handle_.file()) {
+    files.use(handle_);
+    return handle_.file();
+  }
+  files.open(handle_, path());
+  try {
+    checkReopened(*handle_.file());
+  } catch (...) {
+    handle_.close();
+    throw;
+  }
+  state_ = handle_.file()->state();
+  if (origin_ == Origin::found) shape_.reset();
+  return handle_.file();
+}
+
+void StoredRows::checkReopened(const FinishedFile& file) const {
+  if (origin_ == Origin::found || !state_) return;
+  const FileState& now = file.state();
+  if (now.isSameFile(*state_) && now.size == state_->size && now.modified == state_->modified) {
+    return;
+  }
+  throw std::runtime_error(path().string() + ": was changed or replaced while it was in use");
+}
+
+std::shared_ptr<FinishedFile> StoredRows::currentFile() {
+  if (origin_ == Origin::found && handle_.file()) {
+    const auto now = FileState::ofName(path());
+    if (now && !handle_.file()->isUnchanged(*now)) handle_.close();
+  }
+  return file();
+}
+
+const StoredRows::Shape& StoredRows::shape() {
+  if (shape_) return *shape_;
+  const auto open = file();
+  SampleSchema schema(withNulls(*open->read(0, 0)->schema()));
+  const std::size_t width = elementBytes(schema);
+  return shape_.emplace(Shape{std::move(schema), width, open->rows()});
+}
+
+Tables StoredRows::read(std::uint64_t from, std::uint64_t to) {
+  const auto open = file();
+  if (shape_ && open->rows() != shape_->count) {
+    throw std::runtime_error(fmt::format("{}: holds {} rows, expected {}", path().string(),
+                                         open->rows(), shape_->count));
+  }
+  return {open->read(from, to - from)};
+}
+
+bool StoredRows::readTimes(std::vector<double>& times) {
+  const auto open = currentFile();
+  return name_.store().recentTimes().read(open, times, [&] {
+    return open->readNumbers(*timeSchema().elementType, times) &&
+           (!shape_ || times.size() == shape_->count);
+  });
+}
+
+bool StoredRows::readElements(const ::arrow::DataType& type, std::vector<char>& elements) {
+  const auto open = currentFile();
+  return open->readNumbers(type, elements) &&
+         (!shape_ || elements.size() == shape_->count * shape_->width);
+}
+
+std::unique_ptr<ContentRows> StoredRows::moveToOwnFile() {
+  if (owned_) return nullptr;
+  Shape known = shape();
+  const auto open = file();
+  SharedStore& store = name_.store();
+  OwnedFile copy = name_.createFile([&](const std::filesystem::path& path) {
+    open->copyTo(path, store.options().sync != SafeStorage::Sync::never);
+  });
+  store.noteNewFile();
+  return std::make_unique<StoredRows>(name_, std::move(copy), std::move(known), BatchDigests());
+}
+
+bool StoredRows::copyFile(const std::filesystem::path& path, bool sync) {
+  file()->copyTo(path, sync);
+  return true;
+}
+
+}  // namespace kyr::parquet
