@@ -59,7 +59,7 @@ TEST_F(SignalPoolTest, SignalExistsWhenAskedForAndOwnsDataWhenWritten) {
   pool.deleteSignal(8);
   pool.deleteSignal(7);
   EXPECT_TRUE(pool.isEmpty());
-  EXPECT_EQ(read(*asked), one);  // still held
+  EXPECT_EQ(read(*asked), one);  // the caller still has it
 }
 
 TEST_F(SignalPoolTest, DirectoryIsCreatedAndStaysWithoutItsFiles) {
@@ -76,19 +76,19 @@ TEST_F(SignalPoolTest, DirectoryIsCreatedAndStaysWithoutItsFiles) {
   EXPECT_TRUE(fileSystem::isDirectory(fresh));
 }
 
-TEST_F(SignalPoolTest, SignalsHeldOverAResetKeepTheirData) {
-  auto held = record(pool, 1, one);
+TEST_F(SignalPoolTest, SignalsKeptOverAResetKeepTheirData) {
+  auto kept = record(pool, 1, one);
   pool.reset();
   const Path fresh = pool.getParquetDirectory();
   EXPECT_NE(fresh, store.path());
   EXPECT_TRUE(pool.isEmpty());
-  EXPECT_EQ(read(*held), one);
+  EXPECT_EQ(read(*kept), one);
   record(pool, 1, two);
   EXPECT_EQ(Folder(fresh.toFilesystem()).names().size(), 2U);
   pool.reset(store.path());
   EXPECT_TRUE(pool.isEmpty());
   EXPECT_EQ(Folder(fresh.toFilesystem()).names(), Names{});
-  held.reset();
+  kept.reset();
   EXPECT_EQ(store.names(), Names{});
 }
 

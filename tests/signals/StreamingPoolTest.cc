@@ -66,20 +66,20 @@ TEST_F(StreamingPool, SignalExistsWhenAskedForAndOwnsDataWhenAppended) {
   signal->finish();
   pool.deleteSignal(7);
   EXPECT_TRUE(pool.isEmpty());
-  EXPECT_EQ(timesOf(*signal), bytesOf<double>({1}));  // still held
+  EXPECT_EQ(timesOf(*signal), bytesOf<double>({1}));  // the caller still has it
 }
 
 TEST_F(StreamingPool, FilesGoWhenTheLastHolderLetsGo) {
   {
     SignalPool pool(store.path());
     append(*pool.getStreamableSignal(1), 1);
-    auto held = pool.getStreamableSignal(2);
-    append(*held, 2);
+    auto kept = pool.getStreamableSignal(2);
+    append(*kept, 2);
     EXPECT_EQ(store.names(), (Names{"0", "1", "2", "3"}));
     pool.deleteSignal(1);
     pool.deleteSignal(2);
     EXPECT_EQ(store.names(), (Names{"2", "3"}));
-    held.reset();
+    kept.reset();
     EXPECT_EQ(store.names(), Names{});
     append(*pool.getStreamableSignal(3), 3);  // open when the pool goes
   }

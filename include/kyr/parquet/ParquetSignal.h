@@ -115,7 +115,7 @@ class KYR_PARQUET_EXPORT ParquetSignal {
   ::arrow::Status writeStatus() const;
 
  private:
-  friend class SignalPoolImpl;
+  friend class SafeBackend;
   explicit ParquetSignal(std::unique_ptr<WholeSignal> impl);
   std::unique_ptr<WholeSignal> impl_;
 };
