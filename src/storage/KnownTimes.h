@@ -1,55 +1,59 @@
 #pragma once
 
-#include <sys/stat.h>
-
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
+#include <string>
+#include <utility>
 #include <vector>
+
+#include "platform/DiskFile.h"
 
 namespace kyr::parquet {
 
-/// The times that were read last of a file, for as long as its name stands for the same unchanged
-/// file: those of one file are mostly read once for each signal that shares them.
+/// The times that were read last of a file, for the other signals that share it.
+///
+/// The file stays open, so that the system gives its number to no other file: whether its name
+/// still stands for it is certain, also where others delete, replace or make files of that name. A
+/// file that was changed so shortly before it was read that another change might leave it with the
+/// same size and time is read each time.
 class KnownTimes {
  public:
   /// Replaces \p values by the times in the file.
-  /// \param readFile  does so where they are not known, and returns whether it did
+  /// \param readFile  does so, given the open file, and returns whether it did
+  /// \throws std::system_error naming the file if it cannot be opened or read
   template <typename ReadFile>
   bool read(const std::filesystem::path& path, std::vector<double>& values, ReadFile&& readFile) {
-    // Taken before reading: what changes meanwhile is read again.
-    const auto version = versionOf(path);
-    if (version && version == version_) {
+    if (file_ && FileState::ofName(path) == state_) {
       values = values_;
       return true;
     }
-    if (!readFile(values)) return false;
-    if (version && values.size() <= kMost) {
-      version_ = version;
+    file_.reset();
+    const std::int64_t now = nowByTheClock();
+    auto file = std::make_unique<DiskFile>(path, DiskFile::Mode::readOnly);
+    const FileState state = file->state();
+    if (!readFile(*file, values)) return false;
+    if (values.size() <= kMost && state.showsEveryChangeSince(now)) {
       values_ = values;
+      state_ = state;
+      file_ = std::move(file);
     }
     return true;
+  }
+
+  /// Closes the file of that name, which is about to be written or deleted.
+  void forget(const std::string& path) {
+    if (file_ && file_->path().native() == path) file_.reset();
   }
 
  private:
   // More of them are not worth the memory.
   static constexpr std::size_t kMost = std::size_t{1} << 20U;
 
-  // Which file a name stands for, and when that was changed last.
-  using Version = std::array<std::int64_t, 5>;
-
-  static std::optional<Version> versionOf(const std::filesystem::path& path) {
-    struct stat there {};
-    if (::stat(path.c_str(), &there) != 0) return std::nullopt;
-    constexpr std::int64_t kPerSecond = 1'000'000'000;
-    return Version{static_cast<std::int64_t>(there.st_dev), static_cast<std::int64_t>(there.st_ino),
-                   there.st_size, there.st_mtim.tv_sec * kPerSecond + there.st_mtim.tv_nsec,
-                   there.st_ctim.tv_sec * kPerSecond + there.st_ctim.tv_nsec};
-  }
-
-  std::optional<Version> version_;
+  std::unique_ptr<DiskFile> file_;
+  std::optional<FileState> state_;  // of the file
   std::vector<double> values_;
 };
 

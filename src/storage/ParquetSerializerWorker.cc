@@ -46,12 +46,14 @@ class ParquetSerializerWorker::Impl {
     if (!fileSystem::exists(path)) return;
     index.erase(id);
     failedWrites.erase(id);
+    times.forget(path.toNarrow());
     fileSystem::removeFile(path);
   }
 
   void writeFile(const ::arrow::Table& table, int id, const Compression& compression) {
     const auto span = getScopedPerfTracer("ParquetSerializerWorker_writeHelper");
     const std::string path = filePath(id).toNarrow();
+    times.forget(path);
     // Appending is on, so that no existing file is ever truncated. Parquet cannot append: if the
     // file holds bytes, the write fails in silence and the bytes stay. Pinned by
     // SerializerWorker.WriteUnderAnIdWhoseFileExistsIsLostInSilence.
@@ -97,8 +99,9 @@ class ParquetSerializerWorker::Impl {
     const std::filesystem::path path = filePath(id).toFilesystem();
     try {
       if constexpr (std::is_same_v<T, double>) {
-        return times.read(path, values,
-                          [&](auto& read) { return readFlatFile(path, &type, read); });
+        return times.read(path, values, [&](const DiskFile& file, std::vector<double>& read) {
+          return readFlatFile(file, &type, read);
+        });
       }
       return readFlatFile(path, &type, values);
     } catch (const std::system_error&) {

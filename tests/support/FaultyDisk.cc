@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -29,6 +30,15 @@ bool fails() {
 
 bool opensFail() { return state.plan.alsoOpening && fails(); }
 
+long fileTick = 1;  // [ns]
+
+int withCoarseTimes(int result, struct stat* status) {
+  if (result != 0) return result;
+  status->st_mtim.tv_nsec -= status->st_mtim.tv_nsec % fileTick;
+  status->st_ctim.tv_nsec -= status->st_ctim.tv_nsec % fileTick;
+  return result;
+}
+
 template <typename Function>
 Function* next(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -43,12 +53,17 @@ int stop() {
   return state.calls;
 }
 
+CoarseFileTimes::CoarseFileTimes(long tickNanoseconds) { fileTick = tickNanoseconds; }
+
+CoarseFileTimes::~CoarseFileTimes() { fileTick = 1; }
+
 }  // namespace kyr::test::faultyDisk
 
 using kyr::test::faultyDisk::fails;
 using kyr::test::faultyDisk::next;
 using kyr::test::faultyDisk::opensFail;
 using kyr::test::faultyDisk::state;
+using kyr::test::faultyDisk::withCoarseTimes;
 
 extern "C" {
 
@@ -90,6 +105,16 @@ int close(int file) {
 }
 
 int fdatasync(int file) { return fails() ? -1 : next<decltype(fdatasync)>("fdatasync")(file); }
+
+int stat(const char* path, struct stat* status) noexcept {
+  using Stat = int(const char*, struct stat*);
+  return withCoarseTimes(next<Stat>("stat")(path, status), status);
+}
+
+int fstat(int file, struct stat* status) noexcept {
+  using Stat = int(int, struct stat*);
+  return withCoarseTimes(next<Stat>("fstat")(file, status), status);
+}
 
 int fsync(int file) { return fails() ? -1 : next<decltype(fsync)>("fsync")(file); }
 

@@ -20,4 +20,13 @@ void start(const Plan& plan);
 /// \return the number of calls
 int stop();
 
+/// While it lives, the times of files tick as on a file system with a coarse clock.
+class CoarseFileTimes {
+ public:
+  explicit CoarseFileTimes(long tickNanoseconds);
+  ~CoarseFileTimes();
+  CoarseFileTimes(const CoarseFileTimes&) = delete;
+  CoarseFileTimes& operator=(const CoarseFileTimes&) = delete;
+};
+
 }  // namespace kyr::test::faultyDisk
