@@ -3,29 +3,63 @@
 #include <fmt/format.h>
 #include <xxhash.h>
 
+#include <algorithm>
+#include <utility>
+
+#include "platform/Digest.h"
+
 namespace kyr::recording {
 
-struct Checksum::State {
-  XXH3_state_t xxh;
-};
+namespace {
 
-Checksum::Checksum() : state_(std::make_unique<State>()) { XXH3_128bits_reset(&state_->xxh); }
-
-Checksum::~Checksum() = default;
-
-void Checksum::add(const void* data, std::size_t size) {
-  XXH3_128bits_update(&state_->xxh, data, size);
-}
-
-std::string Checksum::digits() const {
-  const XXH128_hash_t hash = XXH3_128bits_digest(&state_->xxh);
+std::string digitsOf(const XXH128_hash_t& hash) {
   return fmt::format("{:016x}{:016x}", hash.high64, hash.low64);
 }
 
+}  // namespace
+
+struct FileDigester::State {
+  XXH3_state_t whole;
+  XXH3_state_t block;
+  std::size_t blockBytes = 0;
+};
+
+FileDigester::FileDigester() : state_(std::make_unique<State>()) {
+  XXH3_128bits_reset(&state_->whole);
+  XXH3_64bits_reset(&state_->block);
+}
+
+FileDigester::~FileDigester() = default;
+
+void FileDigester::add(const void* data, std::size_t size) {
+  const auto* bytes = static_cast<const char*>(data);
+  while (size > 0) {
+    const std::size_t count = std::min(size, kBlockBytes - state_->blockBytes);
+    XXH3_128bits_update(&state_->whole, bytes, count);
+    XXH3_64bits_update(&state_->block, bytes, count);
+    state_->blockBytes += count;
+    digest_.size += count;
+    bytes += count;
+    size -= count;
+    if (state_->blockBytes == kBlockBytes) finishBlock();
+  }
+}
+
+void FileDigester::finishBlock() {
+  digest_.blocks.push_back(XXH3_64bits_digest(&state_->block));
+  XXH3_64bits_reset(&state_->block);
+  state_->blockBytes = 0;
+}
+
+FileDigest FileDigester::finish() {
+  if (state_->blockBytes > 0) finishBlock();
+  if (digest_.blocks.size() == 1) digest_.blocks.clear();
+  digest_.checksum = digitsOf(XXH3_128bits_digest(&state_->whole));
+  return std::move(digest_);
+}
+
 std::string checksumOf(std::string_view text) {
-  Checksum checksum;
-  checksum.add(text.data(), text.size());
-  return checksum.digits();
+  return digitsOf(digestOfBytes(text.data(), text.size()));
 }
 
 }  // namespace kyr::recording

@@ -1,30 +1,46 @@
 #pragma once
 
 #include <cstddef>
-#include <filesystem>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kyr::recording {
 
-/// XXH3 of 128 bits, taken in pieces.
-class Checksum {
+/// Bytes of a file that have a digest of their own.
+constexpr std::size_t kBlockBytes = std::size_t{1} << 18U;
+
+struct FileDigest {
+  std::uint64_t size = 0;
+  std::string checksum;  ///< XXH3 with 128 bits: 32 lower-case hexadecimal digits, high half first
+  /// XXH3 with 64 bits of each block of kBlockBytes, of which the last may be shorter. None for a
+  /// file of one block.
+  std::vector<std::uint64_t> blocks;
+};
+
+/// Takes the digests of a file's bytes, which are given in pieces of any size, in order.
+class FileDigester {
  public:
-  Checksum();
-  ~Checksum();
-  Checksum(const Checksum&) = delete;
-  Checksum& operator=(const Checksum&) = delete;
+  FileDigester();
+  ~FileDigester();
+  FileDigester(const FileDigester&) = delete;
+  FileDigester& operator=(const FileDigester&) = delete;
 
   void add(const void* data, std::size_t size);
-  /// 32 lower-case hex digits, the high half first.
-  std::string digits() const;
+  FileDigest finish();
 
  private:
   struct State;
+
+  void finishBlock();
+
   std::unique_ptr<State> state_;
+  FileDigest digest_;
 };
 
+/// The checksum of a text, as that of a file.
 std::string checksumOf(std::string_view text);
 
 }  // namespace kyr::recording

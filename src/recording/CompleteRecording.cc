@@ -16,9 +16,10 @@ namespace fs = std::filesystem;
 void completeRecording(const fs::path& folder, RecordingInfo info) {
   for (FileInfo& file : info.files) {
     const fs::path path = storagePath(folder, file.storageId);
-    const FileDigest digest = digestFile(path);
+    FileDigest digest = digestFile(path);
     file.size = digest.size;
-    file.checksum = digest.checksum;
+    file.checksum = std::move(digest.checksum);
+    file.blocks = std::move(digest.blocks);
     syncPath(path);
   }
   syncPath(folder / kStorageFolder);

@@ -36,6 +36,7 @@ void ContentSaver::save(FileInfo& file) {
   }
   file.size = digest.size;
   file.checksum = std::move(digest.checksum);
+  file.blocks = std::move(digest.blocks);
 }
 
 // A row has a byte or more, but for empty ones.

@@ -4,8 +4,6 @@
 #include <utility>
 #include <vector>
 
-#include "recording/Checksum.h"
-
 namespace kyr::recording {
 
 namespace fs = std::filesystem;
@@ -16,7 +14,7 @@ FileDigest digestFile(const fs::path& file) {
 
 void forEachPieceOf(const ByteSource& file,
                     const std::function<void(std::string_view, std::uint64_t)>& visit) {
-  constexpr std::size_t kPieceBytes = std::size_t{256} << 10U;  // stays in a near cache
+  constexpr std::size_t kPieceBytes = kBlockBytes;  // stays in a near cache
   std::vector<char> piece(kPieceBytes);
   std::uint64_t at = 0;
   while (const std::size_t size = file.readAt(at, piece.data(), piece.size())) {
@@ -26,29 +24,23 @@ void forEachPieceOf(const ByteSource& file,
 }
 
 FileDigest digestOf(const ByteSource& file) {
-  FileDigest digest;
-  Checksum checksum;
+  FileDigester digester;
   forEachPieceOf(file, [&](std::string_view piece, std::uint64_t /*at*/) {
-    checksum.add(piece.data(), piece.size());
-    digest.size += piece.size();
+    digester.add(piece.data(), piece.size());
   });
-  digest.checksum = checksum.digits();
-  return digest;
+  return digester.finish();
 }
 
 FileDigest copyFile(const fs::path& from, const fs::path& to) {
   const DiskFile in(from, DiskFile::Mode::readOnly);
   DiskFile out(to, DiskFile::Mode::createNew);
-  FileDigest digest;
-  Checksum checksum;
+  FileDigester digester;
   forEachPieceOf(in, [&](std::string_view piece, std::uint64_t at) {
-    checksum.add(piece.data(), piece.size());
-    digest.size += piece.size();
+    digester.add(piece.data(), piece.size());
     out.writeAt(at, {piece});
   });
   out.close();
-  digest.checksum = checksum.digits();
-  return digest;
+  return digester.finish();
 }
 
 void replaceTextFile(const fs::path& file, const std::string& text, bool syncs) {

@@ -7,17 +7,13 @@
 #include <string_view>
 
 #include "platform/DiskFile.h"
+#include "recording/Checksum.h"
 
 /// File operations of recordings. Every failure is a std::exception that names the file and the
 /// reason.
 namespace kyr::recording {
 
-struct FileDigest {
-  std::uint64_t size = 0;
-  std::string checksum;
-};
-
-/// Size and checksum of a file.
+/// Size and checksums of a file.
 FileDigest digestFile(const std::filesystem::path& file);
 FileDigest digestOf(const ByteSource& file);
 
@@ -25,7 +21,7 @@ FileDigest digestOf(const ByteSource& file);
 void forEachPieceOf(const ByteSource& file,
                     const std::function<void(std::string_view, std::uint64_t)>& visit);
 
-/// Copies \p from to the new file \p to. Size and checksum are those of the bytes that were copied.
+/// Copies \p from to the new file \p to. Size and checksums are those of the bytes that were copied.
 FileDigest copyFile(const std::filesystem::path& from, const std::filesystem::path& to);
 
 /// Puts \p text in the place of \p file in one step. It is on disk when the call returns if \p syncs.

@@ -5,56 +5,64 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
 #include "recording/Checksum.h"
+#include "recording/JsonDocument.h"
 #include "recording/RecordingFormat.h"
-#include "recording/SignalJson.h"
+#include "recording/RecordingMembers.h"
+
+namespace kyr {
+
+template <>
+struct JsonObject<recording::LiveDescription> {
+  using T = recording::LiveDescription;
+  using Signals = JsonArray<recording::SignalInfo, recording::JsonLiveSignal>;
+  static constexpr auto members = std::make_tuple(
+      constant("format", "kyr live recording"), member<T>("formatVersion", &T::formatVersion),
+      member<T>("sequence", &T::sequence), member<T, Signals>("signals", &T::signals));
+};
+
+}  // namespace kyr
 
 namespace kyr::recording {
 
 namespace {
 
-using nlohmann::json;
-
-constexpr const char* kLiveFormatName = "kyr live recording";
+constexpr DocumentFormat kFormat{"kyr live recording", kLiveFormatVersion, "live recording"};
 constexpr std::size_t kChecksumDigits = 16;
 
-LiveDescription liveFromJson(const json& document) {
-  if (!document.is_object() || document.value("format", "") != kLiveFormatName) {
-    throw std::runtime_error("not the description of a live recording");
+// A sound document of a later version is not a damaged one.
+void requireKnownVersion(std::string_view text) {
+  DocumentHeader header;
+  try {
+    header = readHeader(text);
+  } catch (const JsonSyntaxError&) {
+    return;
   }
-  const int version = document.at("formatVersion").get<int>();
-  if (version > kLiveFormatVersion) {
-    throw std::runtime_error(fmt::format(
-        "format version {} is newer than {}, the newest that is known here: use a newer "
-        "version of kyr",
-        version, kLiveFormatVersion));
-  }
-  if (document.at("xxh3_128").get<std::string>() != documentChecksum(document)) {
-    throw std::runtime_error("damaged: its checksum does not match its content");
-  }
-  LiveDescription live;
-  document.at("sequence").get_to(live.sequence);
-  for (const json& signal : document.at("signals")) {
-    live.signals.push_back(describedFromJson(signal));
-  }
-  return live;
-}
-
-// A sound document of a later version is no damaged one.
-void requireKnownVersion(const json& document) {
-  const json version = document.value("formatVersion", json());
-  const json checksum = document.value("xxh3_128", json());
-  if (version.is_number_integer() && version > std::max(kFormatVersion, kLiveFormatVersion) &&
-      checksum == documentChecksum(document)) {
+  if (header.version && *header.version > std::max(kFormatVersion, kLiveFormatVersion) &&
+      header.hasValidChecksum) {
     throw std::runtime_error(fmt::format(
         "format version {} is newer than what is known here: use a newer version of kyr",
-        version.get<int>()));
+        *header.version));
+  }
+}
+
+// The next value if it is a signal. Another value is skipped: its files are found by themselves.
+std::optional<SignalInfo> salvageSignal(JsonReader& in) {
+  const std::size_t begin = in.position();
+  const int depth = in.depth();
+  try {
+    SignalInfo signal;
+    JsonLiveSignal::read(in, signal);
+    return signal;
+  } catch (const JsonValueError&) {
+    in.rewind(begin, depth);
+    in.skip();
+    return std::nullopt;
   }
 }
 
@@ -81,42 +89,30 @@ std::uint64_t commonest(const std::vector<std::uint64_t>& rows) {
 }  // namespace
 
 std::string writeLiveJson(const LiveDescription& live) {
-  json document = {{"format", kLiveFormatName},
-                   {"formatVersion", kLiveFormatVersion},
-                   {"sequence", live.sequence},
-                   {"signals", json::array()}};
-  for (const SignalInfo& signal : live.signals) {
-    document["signals"].push_back(describedJson(signal));
-  }
-  document["xxh3_128"] = documentChecksum(document);
-  return document.dump(1) + "\n";
+  JsonWriter out(JsonWriter::Layout::indented);
+  JsonValue<LiveDescription>::write(out, live);
+  return withChecksum(out.take(), JsonWriter::Layout::indented);
 }
 
-LiveDescription readLiveJson(const std::string& text, const std::string& source) {
-  try {
-    return liveFromJson(json::parse(text));
-  } catch (const json::parse_error& error) {
-    throw std::runtime_error(
-        fmt::format("{}: damaged: no valid JSON at byte {}", source, error.byte));
-  } catch (const std::exception& error) {
-    throw std::runtime_error(fmt::format("{}: {}", source, error.what()));
-  }
+LiveDescription readLiveJson(std::string_view text, const std::string& source) {
+  return readDocument<LiveDescription>(text, kFormat, source);
 }
 
-std::vector<SignalInfo> salvageSignals(const std::string& text) {
+std::vector<SignalInfo> salvageSignals(std::string_view text) {
+  requireKnownVersion(text);
   std::vector<SignalInfo> signals;
-  const json document = json::parse(text, nullptr, /*allow_exceptions=*/false);
-  if (!document.is_object() || !document.contains("signals")) return signals;
-  requireKnownVersion(document);
   std::set<int> ids;
-  for (const json& object : document["signals"]) {
-    try {
-      SignalInfo signal = describedFromJson(object);
-      requireText(signal);
-      if (ids.insert(signal.signalId).second) signals.push_back(std::move(signal));
-    } catch (const std::exception&) {
-      continue;  // its files are found by themselves
-    }
+  JsonReader in(text);
+  const auto takeSignal = [&] {
+    auto signal = salvageSignal(in);
+    if (signal && ids.insert(signal->signalId).second) signals.push_back(*std::move(signal));
+  };
+  try {
+    in.takeObject([&](std::string_view name) {
+      if (name != "signals" || !in.takeArray(takeSignal)) in.skip();
+    });
+  } catch (const JsonSyntaxError&) {
+    return signals;
   }
   return signals;
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kyr/recording/RecordingInfo.h"
@@ -15,36 +16,38 @@ constexpr int kLiveFormatVersion = 1;
 
 /// What recording.live.json says.
 struct LiveDescription {
-  std::uint64_t sequence = 0;  ///< one more each time the document is rewritten
-  /// In the order in which they were added, which only ever grows at the end.
+  int formatVersion = kLiveFormatVersion;
+  std::uint64_t sequence = 0;  ///< grows by one each time the document is rewritten
+  /// In the order in which they were added. New ones come at the end; none ever leaves.
   std::vector<SignalInfo> signals;
 };
 
 std::string writeLiveJson(const LiveDescription& live);
 
 /// \param source  name of the file for error texts
-/// \throws std::runtime_error naming the source and what is wrong
-LiveDescription readLiveJson(const std::string& text, const std::string& source);
+/// \throws std::runtime_error naming the source, the member that is wrong, and its value
+LiveDescription readLiveJson(std::string_view text, const std::string& source);
 
-/// The signals of a damaged recording.live.json or recording.json, as far as they can be made out;
-/// none if it is no JSON any more.
-/// \throws std::runtime_error if it is not damaged, but of a newer format version
-std::vector<SignalInfo> salvageSignals(const std::string& text);
+/// The signals of a damaged recording.live.json or recording.json: those that can be read, up to
+/// the place where the text is no JSON any more.
+/// \throws std::runtime_error if the document is not damaged, but of a newer format version
+std::vector<SignalInfo> salvageSignals(std::string_view text);
 
-/// One flush: how many rows each part had. Parts are the times and the data of the first signal, of
-/// the second, and so on.
+/// How many rows each part had at a flush. The parts are the times of the first signal, its data,
+/// the times of the second signal, and so on.
 struct JournalLine {
-  std::uint64_t sequence = 0;  ///< of the recording.live.json that the parts are from
+  std::uint64_t sequence = 0;  ///< that of the recording.live.json which lists the signals
   std::vector<std::uint64_t> rows;
 };
 
-/// With its line feed.
+/// The text of a line, with its line feed.
 std::string writeJournalLine(const JournalLine& line);
 
-/// Of a line without its line feed; none if it is not whole.
+/// \param text  a line without its line feed
+/// \return nothing if the line is damaged
 std::optional<JournalLine> readJournalLine(const std::string& text);
 
-/// The last whole line that is of no later recording.live.json than \p sequence.
+/// The last sound line whose sequence is not above \p sequence.
 /// \throws std::system_error if the file cannot be read
 std::optional<JournalLine> lastJournalLine(const DiskFile& journal, std::uint64_t sequence);
 

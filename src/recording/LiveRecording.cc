@@ -13,8 +13,9 @@
 #include "recording/LiveJournal.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
+#include "recording/RecordingMembers.h"
 #include "recording/RecordingSnapshot.h"
-#include "recording/SignalJson.h"
+#include "schema/TypeNames.h"
 #include "storage/ParquetStorageRecord.h"
 
 namespace kyr::recording {

@@ -72,7 +72,7 @@ class PackWriter::Pack {
     naming([&] {
       file_.emplace(path_, DiskFile::Mode::createNew);
       sink_ = std::make_shared<parquet::FileSink>(
-          *file_, [this](std::string_view bytes) { checksum_.add(bytes.data(), bytes.size()); });
+          *file_, [this](std::string_view bytes) { digester_.add(bytes.data(), bytes.size()); });
       const bool isChosen = choice_.encoding && schema_->num_fields() == 2 &&
                             parquet::isNumber(*schema_->field(0)->type());
       const auto properties = packProperties(isChosen && choice_.codec ? kChosenCodec : codec);
@@ -116,7 +116,8 @@ class PackWriter::Pack {
       sink_->finish();
       file_->close();
     });
-    return {number_, sink_->written(), written_, checksum_.digits()};
+    FileDigest digest = digester_.finish();
+    return {number_, digest.size, written_, std::move(digest.checksum), std::move(digest.blocks)};
   }
 
  private:
@@ -183,7 +184,7 @@ class PackWriter::Pack {
   parquet::RowStore rows_;  // of the row group that is due
   std::vector<std::pair<int, std::size_t>> runs_;
   std::optional<DiskFile> file_;
-  Checksum checksum_;  // of the file
+  FileDigester digester_;
   std::shared_ptr<parquet::FileSink> sink_;
   // The one for contents of a single column of numbers, the other for all else.
   std::unique_ptr<parquet::NumberFile> numbers_;

@@ -3,20 +3,15 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
-#include <cmath>
 #include <limits>
-#include <map>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 
+#include "kyr/parquet/SignalTypes.h"
 #include "recording/Checksum.h"
-#include "recording/PackedFormat.h"
+#include "recording/JsonDocument.h"
 #include "recording/RecordingFolder.h"
-#include "recording/SignalJson.h"
-#include "schema/TypeNames.h"
+#include "recording/RecordingMembers.h"
 #include "signals/SignalRecords.h"
 #include "storage/ParquetStorageRecord.h"
 
@@ -24,101 +19,22 @@ namespace kyr::recording {
 
 namespace {
 
-using nlohmann::json;
+constexpr DocumentFormat kFormat{kFormatName, kFormatVersion, "recording"};
 
-constexpr const char* kFormatName = "kyr recording";
-
-template <typename T>
-json orNull(const std::optional<T>& value) {
-  return value ? json(*value) : json(nullptr);
-}
-
-template <typename T>
-std::optional<T> optionalMember(const json& object, const char* name) {
-  const json& member = object.at(name);
-  return member.is_null() ? std::nullopt : std::make_optional(member.get<T>());
-}
-
-json storedJson(const SignalInfo& signal) {
-  json object = describedJson(signal);
-  json span = nullptr;
-  // JSON has no infinities.
-  if (signal.timeSpan && std::isfinite(signal.timeSpan->from) &&
-      std::isfinite(signal.timeSpan->to)) {
-    span = {signal.timeSpan->from, signal.timeSpan->to};
+// Sorts items by their numbers, and refuses two of the same.
+template <typename Item, typename NumberOf>
+void sortUnique(std::vector<Item>& items, const char* list, const char* thing, NumberOf numberOf) {
+  const auto isLess = [&](const Item& a, const Item& b) { return numberOf(a) < numberOf(b); };
+  if (!std::is_sorted(items.begin(), items.end(), isLess)) {
+    std::sort(items.begin(), items.end(), isLess);
   }
-  object["compression"] = signal.compression;
-  object["rowCount"] = signal.rowCount;
-  object["timeSpan"] = std::move(span);
-  return object;
-}
-
-SignalInfo storedFromJson(const json& object) {
-  SignalInfo signal = describedFromJson(object);
-  object.at("compression").get_to(signal.compression);
-  object.at("rowCount").get_to(signal.rowCount);
-  const json& span = object.at("timeSpan");
-  if (!span.is_null()) signal.timeSpan = {span.at(0).get<double>(), span.at(1).get<double>()};
-  return signal;
-}
-
-constexpr const char* kBlocks = "blocks_xxh3_64";
-constexpr std::size_t kBlockDigits = 16;
-
-std::string blocksText(const std::vector<std::uint64_t>& blocks) {
-  std::string text;
-  for (const std::uint64_t block : blocks) text += fmt::format("{:016x}", block);
-  return text;
-}
-
-std::vector<std::uint64_t> blocksOf(const json& object) {
-  std::vector<std::uint64_t> blocks;
-  if (!object.contains(kBlocks)) return blocks;
-  const auto text = object.at(kBlocks).get<std::string>();
-  for (std::size_t at = 0; at < text.size(); at += kBlockDigits) {
-    const char* const end = text.data() + std::min(at + kBlockDigits, text.size());
-    std::uint64_t block = 0;
-    const auto [stop, error] = std::from_chars(text.data() + at, end, block, 16);
-    if (error != std::errc() || stop != text.data() + at + kBlockDigits) {
-      throw std::runtime_error(fmt::format("\"{}\" holds no checksum at digit {}", kBlocks, at));
-    }
-    blocks.push_back(block);
+  const auto twice =
+      std::adjacent_find(items.begin(), items.end(),
+                         [&](const Item& a, const Item& b) { return numberOf(a) == numberOf(b); });
+  if (twice != items.end()) {
+    throw std::runtime_error(
+        fmt::format("\"{}\" lists {} {} twice", list, thing, numberOf(*twice)));
   }
-  return blocks;
-}
-
-json toJson(const FileInfo& file) {
-  json object{{"storageId", file.storageId},
-              {"size", file.size},
-              {"rowCount", file.rowCount},
-              {"xxh3_128", file.checksum}};
-  if (!file.blocks.empty()) object[kBlocks] = blocksText(file.blocks);
-  return object;
-}
-
-FileInfo fileFromJson(const json& object) {
-  FileInfo file;
-  object.at("storageId").get_to(file.storageId);
-  object.at("rowCount").get_to(file.rowCount);
-  if (object.contains("pack")) {
-    object.at("pack").get_to(file.pack.emplace());
-    object.at("firstRow").get_to(file.firstRow);
-    return file;
-  }
-  object.at("size").get_to(file.size);
-  object.at("xxh3_128").get_to(file.checksum);
-  file.blocks = blocksOf(object);
-  return file;
-}
-
-PackInfo packFromJson(const json& object) {
-  PackInfo pack;
-  object.at("pack").get_to(pack.number);
-  object.at("size").get_to(pack.size);
-  object.at("rowCount").get_to(pack.rowCount);
-  object.at("xxh3_128").get_to(pack.checksum);
-  pack.blocks = blocksOf(object);
-  return pack;
 }
 
 bool namesFile(const RecordingInfo& info, int storageId) {
@@ -146,38 +62,80 @@ void checkFileNames(const RecordingInfo& info) {
   }
 }
 
-// Where packed contents lie, and what they take there.
-void placeInPacks(RecordingInfo& info) {
-  std::map<int, const PackInfo*> packs;
-  for (const PackInfo& pack : info.packs) packs[pack.number] = &pack;
-  for (FileInfo& file : info.files) {
-    if (!file.pack) continue;
-    const auto found = packs.find(*file.pack);
-    if (found == packs.end()) {
-      throw std::runtime_error(fmt::format("storage id {} lies in {}/{}, which is not listed",
-                                           file.storageId, kStorageFolder, packName(*file.pack)));
-    }
-    const PackInfo& pack = *found->second;
-    if (file.firstRow > pack.rowCount || file.rowCount > pack.rowCount - file.firstRow) {
-      throw std::runtime_error(fmt::format(
-          "storage id {} is {} rows from {} on of {}/{}, which has {}", file.storageId,
-          file.rowCount, file.firstRow, kStorageFolder, packName(*file.pack), pack.rowCount));
-    }
-    // Such that the shares add up.
-    const auto bytesBefore = [&](std::uint64_t row) {
-      if (pack.rowCount == 0) return pack.size;
-      return static_cast<std::uint64_t>(static_cast<double>(row) /
-                                        static_cast<double>(pack.rowCount) *
-                                        static_cast<double>(pack.size));
+// Readers multiply the extents of a sample, the bytes of an element and the number of samples.
+void checkCounts(const RecordingInfo& info) {
+  constexpr std::uint64_t kMost = std::numeric_limits<std::uint64_t>::max();
+  for (const SignalInfo& signal : info.signals) {
+    if (signal.dimensions.empty()) continue;
+    if (std::count(signal.dimensions.begin(), signal.dimensions.end(), 0U) > 0) continue;
+    std::uint64_t bytes = std::max<std::uint64_t>(1, parquet::elementWidth(signal.dataType));
+    const auto multiply = [&](std::uint64_t factor) {
+      if (factor != 0 && bytes > kMost / factor) {
+        throw std::runtime_error(fmt::format(
+            "signal {}: {} samples of its \"dimensions\" are more bytes than 64 bits can count",
+            signal.signalId, signal.rowCount));
+      }
+      bytes *= std::max<std::uint64_t>(1, factor);
     };
-    file.size = bytesBefore(file.firstRow + file.rowCount) - bytesBefore(file.firstRow);
+    for (const std::size_t extent : signal.dimensions) multiply(extent);
+    multiply(signal.rowCount);
   }
 }
 
-// Checks what one part says of another, and adds what follows from it.
-void complete(RecordingInfo& info) {
+// \param name  of the file or pack, in the storage folder
+void checkBlocks(const std::vector<std::uint64_t>& blocks, std::uint64_t size,
+                 const std::string& name) {
+  const std::uint64_t expected = size / kBlockBytes + (size % kBlockBytes != 0 ? 1 : 0);
+  if (blocks.empty() || blocks.size() == expected) return;
+  throw std::runtime_error(
+      fmt::format("\"blocks_xxh3_64\" of {}/{} has {} digests, expected {} for {} bytes",
+                  kStorageFolder, name, blocks.size(), expected, size));
+}
+
+// Tells of a packed content which share of the pack's bytes it has. The shares add up.
+void placeInPack(FileInfo& file, const PackInfo& pack) {
+  if (file.firstRow > pack.rowCount || file.rowCount > pack.rowCount - file.firstRow) {
+    throw std::runtime_error(fmt::format(
+        "storage id {} is {} rows from {} on of {}/{}, which has {}", file.storageId, file.rowCount,
+        file.firstRow, kStorageFolder, packName(pack.number), pack.rowCount));
+  }
+  const auto bytesBefore = [&](std::uint64_t row) {
+    if (pack.rowCount == 0) return pack.size;
+    return static_cast<std::uint64_t>(static_cast<double>(row) /
+                                      static_cast<double>(pack.rowCount) *
+                                      static_cast<double>(pack.size));
+  };
+  file.size = bytesBefore(file.firstRow + file.rowCount) - bytesBefore(file.firstRow);
+}
+
+void checkFiles(RecordingInfo& info) {
+  for (const PackInfo& pack : info.packs) {
+    checkBlocks(pack.blocks, pack.size, packName(pack.number));
+  }
+  for (FileInfo& file : info.files) {
+    if (!file.pack) {
+      checkBlocks(file.blocks, file.size, std::to_string(file.storageId));
+      continue;
+    }
+    const auto pack =
+        std::lower_bound(info.packs.begin(), info.packs.end(), *file.pack,
+                         [](const PackInfo& listed, int number) { return listed.number < number; });
+    if (pack == info.packs.end() || pack->number != *file.pack) {
+      throw std::runtime_error(fmt::format("storage id {} lies in {}/{}, which is not listed",
+                                           file.storageId, kStorageFolder, packName(*file.pack)));
+    }
+    placeInPack(file, *pack);
+  }
+}
+
+// Checks what one member says of another.
+void checkAsAWhole(RecordingInfo& info) {
+  sortUnique(info.signals, "signals", "signal", [](const auto& signal) { return signal.signalId; });
+  sortUnique(info.files, "files", "storage id", [](const auto& file) { return file.storageId; });
+  sortUnique(info.packs, "packs", "pack", [](const auto& pack) { return pack.number; });
   checkFileNames(info);
-  placeInPacks(info);
+  checkCounts(info);
+  checkFiles(info);
 }
 
 std::string recordsOf(const RecordingInfo& info) {
@@ -190,103 +148,31 @@ std::string recordsOf(const RecordingInfo& info) {
   return parquet::writeSignalRecords(records);
 }
 
-RecordingInfo infoFromJson(const json& document) {
-  if (!document.is_object() || document.value("format", "") != kFormatName) {
-    throw std::runtime_error("not the description of a recording");
-  }
-  RecordingInfo info;
-  document.at("formatVersion").get_to(info.formatVersion);
-  if (info.formatVersion > kFormatVersion) {
-    throw std::runtime_error(fmt::format(
-        "format version {} is newer than {}, the newest that is known here: use a newer "
-        "version of kyr",
-        info.formatVersion, kFormatVersion));
-  }
-  if (document.at("xxh3_128").get<std::string>() != documentChecksum(document)) {
-    throw std::runtime_error("damaged: its checksum does not match its content");
-  }
-  if (info.formatVersion < 2) document.at("records").get_to(info.records);
-  for (const json& signal : document.at("signals")) info.signals.push_back(storedFromJson(signal));
-  for (const json& file : document.at("files")) info.files.push_back(fileFromJson(file));
-  if (info.formatVersion >= 2) {
-    for (const json& pack : document.at("packs")) info.packs.push_back(packFromJson(pack));
-  }
-  complete(info);
-  return info;
-}
-
 }  // namespace
 
-json describedJson(const SignalInfo& signal) {
-  return {{"id", signal.signalId},
-          {"name", signal.name},
-          {"unit", signal.unit},
-          {"description", signal.description},
-          {"dataType", dataTypeName(signal.dataType)},
-          {"category", categoryName(signal.category)},
-          {"dimensions", signal.dimensions},
-          {"timeStorageId", orNull(signal.timeStorageId)},
-          {"dataStorageId", orNull(signal.dataStorageId)}};
-}
-
-SignalInfo describedFromJson(const json& object) {
-  SignalInfo signal;
-  object.at("id").get_to(signal.signalId);
-  object.at("name").get_to(signal.name);
-  object.at("unit").get_to(signal.unit);
-  object.at("description").get_to(signal.description);
-  signal.dataType = dataTypeCalled(object.at("dataType").get<std::string>());
-  signal.category = categoryCalled(object.at("category").get<std::string>());
-  object.at("dimensions").get_to(signal.dimensions);
-  signal.timeStorageId = optionalMember<int>(object, "timeStorageId");
-  signal.dataStorageId = optionalMember<int>(object, "dataStorageId");
-  return signal;
-}
-
-std::string documentChecksum(json document) {
-  document.erase("xxh3_128");
-  return checksumOf(document.dump());
-}
-
-void requireText(const SignalDescription& signal) {
-  for (const std::string& text : {signal.name, signal.unit, signal.description}) {
-    try {
-      static_cast<void>(toUtf16(text));
-    } catch (const std::invalid_argument& error) {
-      throw std::invalid_argument(fmt::format("signal {}: {}", signal.signalId, error.what()));
-    }
-  }
-}
-
 std::string writeRecordingJson(const RecordingInfo& info) {
-  if (info.formatVersion > 1) return writePackedJson(info);
-  json document = {{"format", kFormatName},
-                   {"formatVersion", info.formatVersion},
-                   {"records", info.records.empty() ? recordsOf(info) : info.records},
-                   {"signals", json::array()},
-                   {"files", json::array()}};
-  for (const SignalInfo& signal : info.signals) {
-    requireText(signal);
-    document["signals"].push_back(storedJson(signal));
+  for (const SignalInfo& signal : info.signals) requireText(signal);
+  if (info.formatVersion < 2 && info.records.empty()) {
+    RecordingInfo complete = info;
+    complete.records = recordsOf(info);
+    return writeRecordingJson(complete);
   }
-  for (const FileInfo& file : info.files) document["files"].push_back(toJson(file));
-  document["xxh3_128"] = documentChecksum(document);
-  return document.dump(1) + "\n";
+  // Packed recordings may have very many signals, and white space would be a third of their text.
+  const auto layout =
+      info.formatVersion > 1 ? JsonWriter::Layout::compact : JsonWriter::Layout::indented;
+  JsonWriter out(layout);
+  JsonValue<RecordingInfo>::write(out, info);
+  return withChecksum(out.take(), layout);
 }
 
-RecordingInfo readRecordingJson(const std::string& text, const std::string& source) {
+RecordingInfo readRecordingJson(std::string_view text, const std::string& source) {
+  auto info = readDocument<RecordingInfo>(text, kFormat, source);
   try {
-    if (auto info = readPackedJson(text); info && info->formatVersion == 2) {
-      complete(*info);
-      return *std::move(info);
-    }
-    return infoFromJson(json::parse(text));
-  } catch (const json::parse_error& error) {
-    throw std::runtime_error(
-        fmt::format("{}: damaged: no valid JSON at byte {}", source, error.byte));
-  } catch (const std::exception& error) {
-    throw std::runtime_error(fmt::format("{}: {}", source, error.what()));
+    checkAsAWhole(info);
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(source + ": " + error.what());
   }
+  return info;
 }
 
 }  // namespace kyr::recording

@@ -8,7 +8,6 @@
 #include <array>
 #include <charconv>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <system_error>
 
@@ -17,9 +16,8 @@
 #include "files/growing/GrowingFile.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
-#include "recording/RecordingFormat.h"
-#include "recording/SignalJson.h"
 #include "recording/TimeSpans.h"
+#include "safe/PartNotes.h"
 #include "schema/ElementTypes.h"
 
 namespace kyr::recording {
@@ -29,33 +27,15 @@ namespace columnNames = parquet::columnNames;
 
 namespace {
 
-constexpr const char* kSignalsKey = "kyr.signals";
-
-// A claim with the members that only the description of a signal has.
-nlohmann::json asDescription(const nlohmann::json& claim) {
-  nlohmann::json object = claim;
-  object["id"] = claim.at("signalId");
-  object["description"] = "";
-  object["dimensions"] = nlohmann::json::array();
-  object["timeStorageId"] = nullptr;
-  object["dataStorageId"] = nullptr;
-  return object;
-}
-
-std::vector<PartClaim> readClaims(const std::string& text) {
-  std::vector<PartClaim> claims;
-  const auto array = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
-  if (!array.is_array()) return claims;
-  for (const auto& entry : array) {
-    try {
-      PartClaim claim{describedFromJson(asDescription(entry)), entry.at("part") == "time"};
-      requireText(claim.signal);
-      claims.push_back(std::move(claim));
-    } catch (const std::exception&) {
-      continue;  // damaged, or written by another version
-    }
-  }
-  return claims;
+PartClaim claimOf(const parquet::PartNote& note) {
+  PartClaim claim;
+  claim.signal.signalId = note.signalId;
+  claim.signal.name = note.name;
+  claim.signal.unit = note.unit;
+  claim.signal.dataType = note.dataType;
+  claim.signal.category = note.category;
+  claim.isTime = note.part == parquet::SignalPart::time;
+  return claim;
 }
 
 }  // namespace
@@ -141,8 +121,13 @@ int StorageFiles::copyRows(int id, std::uint64_t rows) {
 
 std::vector<PartClaim> StorageFiles::claims(int id) {
   const auto pairs = openFile(pathOf(id))->keyValueMetadata();
-  if (!pairs || !pairs->Contains(kSignalsKey)) return {};
-  return readClaims(pairs->Get(kSignalsKey).ValueOr(""));
+  if (!pairs || !pairs->Contains(parquet::kPartNotesKey)) return {};
+  std::vector<PartClaim> claims;
+  for (const parquet::PartNote& note :
+       parquet::readPartNotes(pairs->Get(parquet::kPartNotesKey).ValueOr(""))) {
+    claims.push_back(claimOf(note));
+  }
+  return claims;
 }
 
 std::optional<SignalInfo> StorageFiles::guess(int id) {

@@ -2,10 +2,7 @@
 
 #include <arrow/util/key_value_metadata.h>
 
-#include <algorithm>
-#include <nlohmann/json.hpp>
-
-#include "schema/TypeNames.h"
+#include "safe/PartNotes.h"
 
 namespace kyr::parquet {
 
@@ -22,18 +19,7 @@ void PartLabels::remove(PartLabel& label) noexcept {
 }
 
 std::shared_ptr<const ::arrow::KeyValueMetadata> PartLabels::metadata() const {
-  nlohmann::json parts = nlohmann::json::array();
-  for (const PartLabel* label = first_; label != nullptr; label = label->next) {
-    const SignalLabel& signal = *label->signal;
-    parts.push_back({{"signalId", signal.signalId},
-                     {"part", label->part == SignalPart::time ? "time" : "data"},
-                     {"dataType", dataTypeName(signal.dataType)},
-                     {"category", categoryName(signal.category)},
-                     {"name", signal.name},
-                     {"unit", signal.unit}});
-  }
-  std::sort(parts.begin(), parts.end());
-  return ::arrow::key_value_metadata({"kyr.signals"}, {parts.dump()});
+  return ::arrow::key_value_metadata({kPartNotesKey}, {writePartNotes(first_)});
 }
 
 }  // namespace kyr::parquet

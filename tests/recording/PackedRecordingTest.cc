@@ -236,7 +236,7 @@ TEST_F(PackedRecording, DamageIsNamed) {
   }
 }
 
-// Texts go through two readers: the one for what this library writes, and the one for all JSON.
+// Other programs may lay the text out in other ways.
 TEST_F(PackedRecording, DescriptionIsReadHoweverItIsWritten) {
   parquet::SignalPool stored{holding(1000)};
   storeFour(stored);

@@ -11,6 +11,7 @@
 #include "kyr/parquet/StreamableSignal.h"
 #include "kyr/platform/FeatureFlag.h"
 #include "recording/RecordingFormat.h"
+#include "schema/TypeNames.h"
 
 namespace kyr::test {
 

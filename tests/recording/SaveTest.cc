@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <xxhash.h>
 
 #include <atomic>
 #include <csignal>
@@ -10,6 +11,10 @@
 #include <stdexcept>
 #include <thread>
 
+#include "kyr/recording/LiveRecording.h"
+#include "kyr/recording/Recovery.h"
+#include "recording/FolderFiles.h"
+#include "recording/RecordingFolder.h"
 #include "recording/RecordingTest.h"
 
 namespace kyr::recording {
@@ -76,6 +81,57 @@ TEST_F(SaveRecording, FolderMayBeNamedInManyWays) {
   fs::current_path(before);
   EXPECT_TRUE(fs::is_symlink(temp.file("link")));
   EXPECT_TRUE(fs::exists(temp.file("real/beside/recording.json")));
+}
+
+// What a reader of a part of a file needs to check that part alone.
+std::vector<std::uint64_t> blocksOf(const fs::path& file) {
+  constexpr std::size_t kBlock = 262'144;
+  const std::string bytes = readTextFile(file);
+  std::vector<std::uint64_t> blocks;
+  for (std::size_t at = 0; bytes.size() > kBlock && at < bytes.size(); at += kBlock) {
+    blocks.push_back(XXH3_64bits(&bytes[at], std::min(kBlock, bytes.size() - at)));
+  }
+  return blocks;
+}
+
+TEST_F(SaveRecording, LargeFilesAndPacksHaveDigestsOfTheirBlocks) {
+  std::mt19937_64 random(1);
+  std::vector<std::uint64_t> noise(100'000);
+  for (std::uint64_t& value : noise) value = random();
+  const auto expectBlocks = [&] {
+    EXPECT_EQ(faults(rec), "");
+    const RecordingInfo info = describeRecording(Path::fromFilesystem(rec));
+    std::size_t found = 0;
+    for (const FileInfo& file : info.files) {
+      if (file.pack) continue;
+      EXPECT_EQ(file.blocks, blocksOf(storagePath(rec, file.storageId)));
+      found += file.blocks.size();
+    }
+    for (const PackInfo& pack : info.packs) {
+      EXPECT_EQ(pack.blocks, blocksOf(packPath(rec, pack.number)));
+      found += pack.blocks.size();
+    }
+    EXPECT_EQ(found, 4U);
+  };
+  put(pool, 2, {{}, test::bytesOf(noise), {}, {}}, UInt64);
+  save(rec);
+  expectBlocks();
+  SaveOptions packing;
+  packing.packBelow = std::size_t{1} << 20U;
+  saveRecording(pool, {}, Path::fromFilesystem(rec), packing);
+  expectBlocks();
+  fs::remove_all(rec);
+  for (const bool isFinished : {true, false}) {
+    auto live = std::make_unique<LiveRecording>(Path::fromFilesystem(rec));
+    live->addSignal({1, "a", "", "", {}}, UInt64, Scalar)
+        ->appendData(noise.data(), noise.size() * sizeof(noise[0]), {}, {});
+    live->flush();
+    if (isFinished) live->finish();
+    live.reset();
+    recoverRecording(Path::fromFilesystem(rec));
+    expectBlocks();
+    fs::remove_all(rec);
+  }
 }
 
 struct Refusal {

@@ -47,7 +47,9 @@ struct FileInfo {
 
   std::optional<int> pack = std::nullopt;  ///< number of the pack that the content lies in, if any
   std::uint64_t firstRow = 0;              ///< row of the pack with which the content begins
-  /// XXH3, 64 bits, of each block of 262,144 bytes of the file; empty if the recording has none.
+
+  /// XXH3 with 64 bits of each block of 262,144 bytes of the file, of which the last may be shorter.
+  /// Empty for a file of one block, a packed content, and recordings of older versions.
   std::vector<std::uint64_t> blocks = {};
 };
 

@@ -1,0 +1,94 @@
+#include "platform/JsonWriter.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+namespace kyr {
+
+std::size_t plainLength(std::string_view text) {
+  static constexpr auto kIsPlain = [] {
+    std::array<bool, 256> table{};
+    for (std::size_t i = 0; i < table.size(); ++i) table[i] = isPlainInJson(static_cast<char>(i));
+    return table;
+  }();
+  std::size_t length = 0;
+  while (length < text.size() && kIsPlain[static_cast<unsigned char>(text[length])]) ++length;
+  return length;
+}
+
+void JsonWriter::breakLine() {
+  if (!isIndented_) return;
+  text_ += '\n';
+  text_.append(depth_, ' ');
+}
+
+void JsonWriter::beginValue() {
+  if (isMember_) {
+    isMember_ = false;
+    return;
+  }
+  if (depth_ == 0) return;
+  if (!isFirst_) text_ += ',';
+  breakLine();
+  isFirst_ = false;
+}
+
+void JsonWriter::open(char bracket) {
+  beginValue();
+  text_ += bracket;
+  ++depth_;
+  isFirst_ = true;
+}
+
+void JsonWriter::close(char bracket) {
+  --depth_;
+  if (!isFirst_) breakLine();
+  text_ += bracket;
+  isFirst_ = false;
+}
+
+void JsonWriter::key(std::string_view name) {
+  beginValue();
+  text_ += '"';
+  text_ += name;
+  text_ += isIndented_ ? "\": " : "\":";
+  isMember_ = true;
+}
+
+void JsonWriter::raw(std::string_view value) {
+  beginValue();
+  text_ += value;
+}
+
+void JsonWriter::number(std::int64_t value) {
+  const fmt::format_int digits(value);
+  raw({digits.data(), digits.size()});
+}
+
+void JsonWriter::number(std::uint64_t value) {
+  const fmt::format_int digits(value);
+  raw({digits.data(), digits.size()});
+}
+
+void JsonWriter::number(double value) {
+  for (const KnownNumber& known : known_) {
+    if (std::memcmp(&known.value, &value, sizeof(value)) == 0) return raw(known.text);
+  }
+  KnownNumber& known = known_[oldest_];
+  oldest_ = 1 - oldest_;
+  known = {value, nlohmann::json(value).dump()};
+  raw(known.text);
+}
+
+void JsonWriter::text(std::string_view value) {
+  if (plainLength(value) != value.size()) return raw(nlohmann::json(value).dump());
+  beginValue();
+  text_ += '"';
+  text_ += value;
+  text_ += '"';
+}
+
+}  // namespace kyr

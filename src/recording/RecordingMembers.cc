@@ -1,0 +1,98 @@
+#include "recording/RecordingMembers.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <stdexcept>
+#include <system_error>
+
+namespace kyr::recording {
+
+namespace {
+
+constexpr std::size_t kBlockDigits = 16;
+constexpr std::size_t kChecksumDigits = 32;
+
+bool areDigits(std::string_view text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+double readTime(JsonReader& in) {
+  std::string_view text;
+  if (!in.takeNumber(text)) refuseValue(in, "a time in seconds");
+  double value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error == std::errc() && std::isfinite(value)) return value;
+  throw JsonValueError("", fmt::format("has the time {}, which is out of range", text));
+}
+
+}  // namespace
+
+void JsonTimeSpan::read(JsonReader& in, std::optional<TimeSpan>& span) {
+  span.reset();
+  if (in.takeNull()) return;
+  std::size_t count = 0;
+  double times[2]{};
+  const bool isArray = in.takeArray([&] {
+    const double time = readTime(in);
+    if (count < 2) times[count] = time;
+    ++count;
+  });
+  if (!isArray) refuseValue(in, "null or an array of two times");
+  if (count != 2) throw JsonValueError("", fmt::format("has {} times, expected two", count));
+  span = {times[0], times[1]};
+}
+
+void JsonTimeSpan::write(JsonWriter& out, const std::optional<TimeSpan>& span) {
+  if (!span || !std::isfinite(span->from) || !std::isfinite(span->to)) {
+    out.null();
+    return;
+  }
+  out.beginArray();
+  out.number(span->from);
+  out.number(span->to);
+  out.endArray();
+}
+
+void JsonBlocks::read(JsonReader& in, std::vector<std::uint64_t>& blocks) {
+  const std::string digits = readText(in);
+  if (digits.empty() || digits.size() % kBlockDigits != 0 || !areDigits(digits)) {
+    throw JsonValueError("", "is no sequence of digests of 16 hexadecimal digits each");
+  }
+  blocks.resize(digits.size() / kBlockDigits);
+  for (std::size_t i = 0; i < blocks.size(); ++i) {
+    const char* begin = digits.data() + i * kBlockDigits;
+    std::from_chars(begin, begin + kBlockDigits, blocks[i], 16);
+  }
+}
+
+void JsonBlocks::write(JsonWriter& out, const std::vector<std::uint64_t>& blocks) {
+  std::string digits;
+  digits.reserve(blocks.size() * kBlockDigits);
+  for (const std::uint64_t block : blocks) {
+    fmt::format_to(std::back_inserter(digits), "{:016x}", block);
+  }
+  out.text(digits);
+}
+
+void JsonChecksum::read(JsonReader& in, std::string& checksum) {
+  checksum = readText(in);
+  if (checksum.size() == kChecksumDigits && areDigits(checksum)) return;
+  throw JsonValueError("", "is no checksum of 32 hexadecimal digits");
+}
+
+void requireText(const SignalDescription& signal) {
+  for (const std::string* text : {&signal.name, &signal.unit, &signal.description}) {
+    if (plainLength(*text) == text->size()) continue;
+    try {
+      static_cast<void>(toUtf16(*text));
+    } catch (const std::invalid_argument& error) {
+      throw std::invalid_argument(fmt::format("signal {}: {}", signal.signalId, error.what()));
+    }
+  }
+}
+
+}  // namespace kyr::recording

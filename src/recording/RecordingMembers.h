@@ -1,0 +1,115 @@
+#pragma once
+
+#include <tuple>
+#include <vector>
+
+#include "kyr/recording/RecordingInfo.h"
+#include "schema/JsonMembers.h"
+
+/// The members of the JSON objects that describe recordings: one list for each object, which
+/// finished, packed and live recordings share. docs/format.md describes them.
+namespace kyr::recording {
+
+constexpr std::string_view kFormatName = "kyr recording";
+
+/// null also for an infinite span, for which JSON has no numbers.
+struct JsonTimeSpan {
+  static void read(JsonReader& in, std::optional<TimeSpan>& span);
+  static void write(JsonWriter& out, const std::optional<TimeSpan>& span);
+};
+
+/// Digests as one text of 16 hexadecimal digits each.
+struct JsonBlocks {
+  static void read(JsonReader& in, std::vector<std::uint64_t>& blocks);
+  static void write(JsonWriter& out, const std::vector<std::uint64_t>& blocks);
+};
+
+/// 32 hexadecimal digits.
+struct JsonChecksum {
+  static void read(JsonReader& in, std::string& checksum);
+  static void write(JsonWriter& out, const std::string& checksum) { out.text(checksum); }
+};
+
+/// A member that only the description of a finished recording has: its files tell it.
+template <typename Member>
+struct FinishedOnly : Member {};
+template <typename Member>
+constexpr FinishedOnly<Member> finishedOnly(const Member& member) {
+  return {member};
+}
+
+}  // namespace kyr::recording
+
+namespace kyr {
+
+template <>
+struct JsonObject<recording::SignalInfo> {
+  using T = recording::SignalInfo;
+  static constexpr auto members = std::make_tuple(
+      member<T>("category", &T::category),
+      recording::finishedOnly(member<T>("compression", &T::compression)),
+      member<T>("dataStorageId", &T::dataStorageId), member<T>("dataType", &T::dataType),
+      member<T>("description", &T::description), member<T>("dimensions", &T::dimensions),
+      member<T>("id", &T::signalId), member<T>("name", &T::name),
+      recording::finishedOnly(member<T>("rowCount", &T::rowCount)),
+      recording::finishedOnly(member<T, recording::JsonTimeSpan>("timeSpan", &T::timeSpan)),
+      member<T>("timeStorageId", &T::timeStorageId), member<T>("unit", &T::unit));
+};
+
+template <>
+struct JsonObject<recording::FileInfo> {
+  using T = recording::FileInfo;
+  static constexpr bool isPacked(const T& file) { return file.pack.has_value(); }
+  static constexpr bool isWhole(const T& file) { return !file.pack; }
+  static bool hasBlocks(const T& file) { return !file.blocks.empty(); }
+  static constexpr auto members =
+      std::make_tuple(member<T, recording::JsonBlocks>("blocks_xxh3_64", &T::blocks, hasBlocks),
+                      member<T>("firstRow", &T::firstRow, isPacked),
+                      member<T>("pack", &T::pack, isPacked), member<T>("rowCount", &T::rowCount),
+                      member<T>("size", &T::size, isWhole), member<T>("storageId", &T::storageId),
+                      member<T, recording::JsonChecksum>("xxh3_128", &T::checksum, isWhole));
+};
+
+template <>
+struct JsonObject<recording::PackInfo> {
+  using T = recording::PackInfo;
+  static bool hasBlocks(const T& pack) { return !pack.blocks.empty(); }
+  static constexpr auto members = std::make_tuple(
+      member<T, recording::JsonBlocks>("blocks_xxh3_64", &T::blocks, hasBlocks),
+      member<T>("pack", &T::number), member<T>("rowCount", &T::rowCount),
+      member<T>("size", &T::size), member<T, recording::JsonChecksum>("xxh3_128", &T::checksum));
+};
+
+template <>
+struct JsonObject<recording::RecordingInfo> {
+  using T = recording::RecordingInfo;
+  static bool hasPacks(const T& info) { return info.formatVersion > 1; }
+  static bool hasRecords(const T& info) { return info.formatVersion < 2; }
+  static constexpr auto members = std::make_tuple(
+      member<T>("files", &T::files), constant("format", recording::kFormatName),
+      member<T>("formatVersion", &T::formatVersion), member<T>("packs", &T::packs, hasPacks),
+      member<T>("records", &T::records, hasRecords), member<T>("signals", &T::signals));
+};
+
+}  // namespace kyr
+
+namespace kyr::recording {
+
+/// The members of a signal whose files still grow.
+template <typename Member>
+constexpr auto ifLive(const Member& member) {
+  return std::make_tuple(member);
+}
+template <typename Member>
+constexpr std::tuple<> ifLive(const FinishedOnly<Member>& /*member*/) {
+  return {};
+}
+inline constexpr auto kLiveSignalMembers =
+    std::apply([](const auto&... members) { return std::tuple_cat(ifLive(members)...); },
+               JsonObject<SignalInfo>::members);
+using JsonLiveSignal = JsonFields<SignalInfo, kLiveSignalMembers>;
+
+/// \throws std::invalid_argument if a text of the signal is no valid UTF-8
+void requireText(const SignalDescription& signal);
+
+}  // namespace kyr::recording
