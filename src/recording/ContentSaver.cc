@@ -3,6 +3,7 @@
 #include <arrow/api.h>
 
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "recording/FolderFiles.h"
@@ -13,6 +14,20 @@ namespace kyr::recording {
 
 namespace fs = std::filesystem;
 using parquet::Content;
+
+namespace {
+
+// A finished file of a pool never changes any more: the recording can share it. Whoever writes to a
+// name that other names share the file of gives it a file of its own first (platform/FileLinks.h).
+FileDigest linkOrCopy(const fs::path& from, const fs::path& to) {
+  std::error_code error;
+  if (fs::is_regular_file(fs::symlink_status(from, error))) fs::create_hard_link(from, to, error);
+  // Other file systems, or the limits of this one.
+  if (!fs::exists(to)) return copyFile(from, to);
+  return digestFile(to);
+}
+
+}  // namespace
 
 ContentSaver::ContentSaver(fs::path directory, std::shared_ptr<parquet::SharedStore> store,
                            fs::path storage, const SaveOptions& options)
@@ -32,7 +47,7 @@ void ContentSaver::save(FileInfo& file) {
     content->writeCopy(storage_ / name, /*sync=*/false);
     digest = digestFile(storage_ / name);
   } else {
-    digest = copyFile(directory_ / name, storage_ / name);
+    digest = linkOrCopy(directory_ / name, storage_ / name);
   }
   file.size = digest.size;
   file.checksum = std::move(digest.checksum);

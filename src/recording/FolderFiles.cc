@@ -53,44 +53,4 @@ void replaceTextFile(const fs::path& file, const std::string& text, bool syncs) 
   if (syncs) syncDirectoryOf(file);
 }
 
-TemporaryFolder::TemporaryFolder(fs::path path) : path_(std::move(path)) {}
-
-TemporaryFolder::~TemporaryFolder() {
-  if (path_.empty()) return;
-  std::error_code ignored;
-  fs::remove_all(path_, ignored);
-}
-
-fs::path replaceFolder(TemporaryFolder& fresh, const fs::path& target, bool syncs) {
-  const fs::path from = fresh.path();
-  // Opened first: whatever may be refused is refused before anything has changed.
-  DiskFile parent(target.parent_path(), DiskFile::Mode::readOnly);
-  fs::path old;
-  try {
-    renamePath(from, target);  // takes the place of nothing, or of an empty folder
-  } catch (const std::system_error& error) {
-    if (error.code() != std::errc::directory_not_empty && error.code() != std::errc::file_exists) {
-      throw;
-    }
-    if (exchangePaths(from, target)) {
-      old = from;
-    } else {
-      // A file system that cannot exchange: between these two renames the target is missing. It is
-      // whole under its other name.
-      old = from.string() + ".old";
-      renamePath(target, old);
-      try {
-        renamePath(from, target);
-      } catch (const std::system_error&) {
-        std::error_code ignored;
-        fs::rename(old, target, ignored);
-        throw;
-      }
-    }
-  }
-  fresh.release();
-  if (syncs) parent.syncAll();
-  return old;
-}
-
 }  // namespace kyr::recording

@@ -3,13 +3,14 @@
 #include <stdexcept>
 #include <utility>
 
-#include "kyr/platform/FileSystem.h"
 #include "kyr/recording/Recording.h"
 #include "recording/ContentSaver.h"
 #include "recording/FolderFiles.h"
+#include "recording/LockedFolder.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingSnapshot.h"
+#include "recording/ReplaceFolder.h"
 #include "signals/SignalPoolImpl.h"
 
 namespace kyr::recording {
@@ -17,13 +18,7 @@ namespace kyr::recording {
 namespace fs = std::filesystem;
 namespace {
 
-// Absolute, links resolved, without a trailing separator: the folder's own name can be told.
-fs::path canonicalFolder(const fs::path& folder) {
-  const fs::path path = fs::weakly_canonical(fs::absolute(folder));
-  return path.has_filename() ? path : path.parent_path();
-}
-
-void checkReplaceable(const fs::path& folder) {
+void checkTarget(const fs::path& folder, bool replaces) {
   if (!fs::exists(folder)) {
     if (!fs::is_directory(folder.parent_path())) {
       throw std::runtime_error(
@@ -34,13 +29,18 @@ void checkReplaceable(const fs::path& folder) {
   if (!fs::is_directory(folder)) {
     throw std::runtime_error(fmt::format("{}: is not a folder", folder.string()));
   }
-  if (!fs::is_empty(folder) && !fs::exists(descriptionPath(folder))) {
+  if (fs::is_empty(folder)) return;
+  if (!fs::exists(descriptionPath(folder))) {
     throw std::runtime_error(
         fmt::format("{}: is neither empty nor a recording, and is left as it is", folder.string()));
   }
+  if (!replaces) {
+    throw std::runtime_error(
+        fmt::format("{}: is a recording already, and is left as it is", folder.string()));
+  }
 }
 
-// Calls \p visit with each entry of a recording's folder that others put there.
+// Calls \p visit with the name of each entry of a recording's folder that is not the recording's.
 template <typename Visit>
 void forEachForeign(const fs::path& folder, Visit&& visit) {
   std::error_code ignored;
@@ -50,8 +50,9 @@ void forEachForeign(const fs::path& folder, Visit&& visit) {
   }
 }
 
-// What others put into a recording's folder is in the new one from the start, as links to the same
-// files: a save that is killed loses none of it. What cannot be linked is moved by disposeOf().
+// Other entries of a recording's folder are in the new one from the start, as links to the same
+// files: a save that is killed loses none of them. Those that cannot be linked are moved by
+// disposeOf().
 void linkForeign(const fs::path& folder, const fs::path& fresh) {
   constexpr auto kLinks = fs::copy_options::recursive | fs::copy_options::create_hard_links |
                           fs::copy_options::copy_symlinks;
@@ -76,7 +77,7 @@ void disposeOf(const fs::path& old, const fs::path& folder) {
   fs::remove(old, ignored);
 }
 
-// Called when all is written: the disk can then put the files out together.
+// Called when all is written, so that the disk can write the files together.
 void syncAll(const fs::path& folder, const RecordingInfo& info) {
   for (const FileInfo& file : info.files) {
     if (!file.pack) syncPath(storagePath(folder, file.storageId));
@@ -97,15 +98,12 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
 void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescription>& descriptions,
                    const Path& folder, const SaveOptions& options) {
   const fs::path target = canonicalFolder(folder.toFilesystem());
-  checkReplaceable(target);
+  checkTarget(target, options.replaces);
   RecordingInfo info = snapshotOf(pool, descriptions);
   const fs::path working = pool.getParquetDirectory().toFilesystem();
 
-  const Path beside = Path::fromFilesystem(target.parent_path());
-  TemporaryFolder fresh(
-      fileSystem::uniqueName(beside, toUtf16(target.filename().string() + ".saving-"), u"")
-          .toFilesystem());
-  fs::create_directories(fresh.path() / kStorageFolder);
+  LockedFolder fresh(target.string() + kSavingInfix);
+  fs::create_directory(fresh.path() / kStorageFolder);
   ContentSaver saver(working, parquet::PoolAccess::of(pool).sharedStore(),
                      fresh.path() / kStorageFolder, options);
   for (FileInfo& file : info.files) saver.save(file);
@@ -119,7 +117,7 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
   }
 
   if (options.sync) syncAll(fresh.path(), info);
-  const fs::path old = replaceFolder(fresh, target, options.sync);
+  const fs::path old = replaceFolder(fresh, target, {options.replaces, options.sync});
   if (!old.empty()) disposeOf(old, target);
 }
 

@@ -94,6 +94,7 @@ void GrowingRows::createFile() {
   OwnedFile name = name_.createFile([&](const std::filesystem::path& path) {
     file = GrowingFile::create(path, layout, name_.labels().metadata());
   });
+  if (!options_.publishesBatches) file->publishOnlyWhenAsked();
   disk_.emplace(std::move(name), std::move(file));
   name_.store().noteNewFile();
 }

@@ -22,6 +22,12 @@ SharedStore::SharedStore(Path directory, const SafeStorage& options, std::shared
   }
 }
 
+SharedStore::~SharedStore() {
+  if (!ownsDirectory_) return;
+  std::error_code ignored;
+  std::filesystem::remove(directory_.toFilesystem(), ignored);
+}
+
 std::filesystem::path SharedStore::fileOf(int id) const {
   return directory_.toFilesystem() / std::to_string(id);
 }

@@ -49,6 +49,8 @@ class SharedStore {
   ///        a larger one
   /// \throws std::invalid_argument for batches without rows or bytes
   SharedStore(Path directory, const SafeStorage& options, std::shared_ptr<int> nextId);
+  /// Removes the directory if that was asked for and nothing is in it.
+  ~SharedStore();
   SharedStore(const SharedStore&) = delete;
   SharedStore& operator=(const SharedStore&) = delete;
 
@@ -112,8 +114,9 @@ class SharedStore {
   /// Does so if the options say that it is time to.
   void syncIfDue();
 
-  /// Deletes a file that no content has any more. With SafeStorage::keepsFiles it waits for the
-  /// second flush from now on: a list of the files that was made after the last flush may name it.
+  /// The directory was made for this store alone. It is removed with the store if it is empty then.
+  void ownDirectory() { ownsDirectory_ = true; }
+
   void removeFile(int id) noexcept;
   void noteFlush() noexcept;
   /// From now on no file is deleted.
@@ -131,6 +134,7 @@ class SharedStore {
   std::unordered_map<int, Offer> offers_;
   std::size_t bytesInMemory_ = 0;
 
+  bool ownsDirectory_ = false;
   bool keepsAllFiles_ = false;
   std::vector<int> unused_;        // files without a content since the last flush
   std::vector<int> unusedBefore_;  // those between the last two flushes

@@ -47,6 +47,7 @@ class SafeBackend final : public PoolBackend {
   void flush(const PoolSignals& signals) override;
   bool writeFiles() override;
   void leave(const PoolSignals& signals) noexcept override;
+  void ownDirectory() override { store_->ownDirectory(); }
   std::shared_ptr<SharedStore> sharedStore() const override { return store_; }
 
  private:

@@ -16,13 +16,16 @@ const std::u16string kTempDirectoryPrefix = u"parquetStorage";
 
 }  // namespace
 
-SignalPoolImpl::SignalPoolImpl()
-    : SignalPoolImpl(generateTempDirectoryName(kTempDirectoryPrefix)) {}
+SignalPoolImpl::SignalPoolImpl() : SignalPoolImpl(generateTempDirectoryName(kTempDirectoryPrefix)) {
+  backend->ownDirectory();
+}
 
 SignalPoolImpl::SignalPoolImpl(const Path& dir) : SignalPoolImpl(dir, std::nullopt) {}
 
 SignalPoolImpl::SignalPoolImpl(const SafeStorage& storage)
-    : SignalPoolImpl(generateTempDirectoryName(kTempDirectoryPrefix), storage) {}
+    : SignalPoolImpl(generateTempDirectoryName(kTempDirectoryPrefix), storage) {
+  backend->ownDirectory();
+}
 
 SignalPoolImpl::SignalPoolImpl(const Path& dir, const SafeStorage& storage)
     : SignalPoolImpl(dir, std::optional<SafeStorage>(storage)) {}
@@ -92,7 +95,9 @@ bool SignalPoolImpl::isDataOwner(int id) const {
 void SignalPoolImpl::reset() {
   const Path fresh = generateTempDirectoryName(kTempDirectoryPrefix);
   createDirectory(fresh);
-  reset(fresh);
+  signals.clear();
+  setParquetDirectory(fresh);
+  backend->ownDirectory();
 }
 
 void SignalPoolImpl::reset(const Path& dir) {

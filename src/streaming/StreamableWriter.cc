@@ -17,6 +17,7 @@
 #include "files/TableWriter.h"
 #include "kyr/parquet/FileSelector.h"
 #include "kyr/platform/FileSystem.h"
+#include "platform/FileLinks.h"
 #include "storage/FileFormats.h"
 #include "streaming/RowGroups.h"
 #include "streaming/TableFiles.h"
@@ -116,6 +117,7 @@ class StreamableWriter::Impl {
   int createFile(int id, const std::string& name, const ::arrow::Schema& schema,
                  const Compression& compression) {
     auto entry = std::make_unique<FileEntry>(directory.join(name));
+    removeIfLinked(entry->path.toFilesystem());
     const auto stream =
         ::arrow::io::FileOutputStream::Open(entry->path.toNarrow(), /*append=*/false);
     throwIfFailed(stream.status(), entry->path);

@@ -121,6 +121,7 @@ TEST_F(DamagedRecording, IsNamedByVerifyAndRefusedByOpen) {
     SCOPED_TRACE(fault.name);
     saveRecording(pool, {{2, "", "", "", {2, 2}}}, Path::fromFilesystem(rec));
     ASSERT_EQ(faults(rec), "");
+    unshare(rec);
     fault.damage(rec);
     EXPECT_THAT(faults(rec), HasSubstr(fault.says));
     EXPECT_THAT(openError(rec), HasSubstr(fault.opens ? "opens" : fault.says));

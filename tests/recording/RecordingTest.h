@@ -73,6 +73,14 @@ class RecordingTest : public StorageTest {
     return lines;
   }
 
+  /// Gives a recording files that no pool shares, so that a test may damage them.
+  static void unshare(const fs::path& folder) {
+    const fs::path copy = folder.string() + ".copy";
+    fs::copy(folder, copy, fs::copy_options::recursive);
+    fs::remove_all(folder);
+    fs::rename(copy, folder);
+  }
+
   /// The content of every file below \p folder, and every folder and link.
   static std::map<std::string, std::string> everythingIn(const fs::path& folder) {
     std::map<std::string, std::string> result;

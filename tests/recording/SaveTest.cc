@@ -1,3 +1,4 @@
+#include <arrow/type.h>
 #include <arrow/util/compression.h>
 #include <fmt/format.h>
 #include <sys/wait.h>
@@ -11,11 +12,17 @@
 #include <stdexcept>
 #include <thread>
 
+#include "files/growing/FileRecovery.h"
+#include "kyr/parquet/StreamableSignal.h"
+#include "kyr/parquet/StreamableWriter.h"
 #include "kyr/recording/LiveRecording.h"
 #include "kyr/recording/Recovery.h"
+#include "platform/DiskFile.h"
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingTest.h"
+#include "recording/ReplaceFolder.h"
+#include "support/FaultyDisk.h"
 
 namespace kyr::recording {
 namespace {
@@ -83,10 +90,140 @@ TEST_F(SaveRecording, FolderMayBeNamedInManyWays) {
   EXPECT_TRUE(fs::exists(temp.file("real/beside/recording.json")));
 }
 
+struct PoolKind {
+  const char* name;
+  bool isStreaming;
+  bool isSafe;
+};
+const PoolKind kPoolKinds[]{
+    {"whole files", false, false}, {"streamed", true, false}, {"safe", true, true}};
+
+std::unique_ptr<parquet::SignalPool> makePool(const PoolKind& kind, const Path& directory) {
+  if (!kind.isSafe) return std::make_unique<parquet::SignalPool>(directory);
+  return std::make_unique<parquet::SignalPool>(directory, parquet::SafeStorage());
+}
+
+// Stores samples in the signal of a pool of any kind.
+void storeIn(parquet::SignalPool& pool, const PoolKind& kind, int id,
+             const std::vector<double>& all) {
+  if (!kind.isStreaming) {
+    const auto signal = pool.getSignal(id);
+    signal->setDataType(Double);
+    signal->setCategory(Scalar);
+    signal->setData(all, test::bytesOf(all), {}, {});
+    return;
+  }
+  const auto signal = pool.getStreamableSignal(id);
+  signal->appendTime(all.data(), all.size());
+  signal->appendData(all.data(), all.size() * sizeof(double), {}, {});
+  signal->finish();
+}
+
+// Each byte is written once: the recording has the pool's files, as other names of them.
+TEST_F(SaveRecording, SharesTheFilesOfThePoolAndNobodyWritesIntoThem) {
+  for (const PoolKind& kind : kPoolKinds) {
+    SCOPED_TRACE(kind.name);
+    FeatureFlag::set("fKYRUseParquetRowGroup", kind.isStreaming);
+    const fs::path directory = temp.file("pool");
+    auto shared = makePool(kind, Path::fromFilesystem(directory));
+    storeIn(*shared, kind, 1, {1, 2, 3});
+    save(*shared, {}, rec);
+    const auto saved = everythingIn(rec);
+    for (const auto& file : fs::directory_iterator(rec / "storage")) {
+      EXPECT_TRUE(fs::equivalent(file, directory / file.path().filename()));
+    }
+
+    // The pool goes on, and another one over the same files takes the ids for its own.
+    storeIn(*shared, kind, 2, {4, 5});
+    const auto other = makePool(kind, Path::fromFilesystem(directory));
+    storeIn(*other, kind, 3, {6, 7, 8, 9});
+    storeIn(*other, kind, 4, {10, 11, 12, 13, 14});
+    parquet::StreamableWriter writer(temp.path());
+    const auto schema = ::arrow::schema({::arrow::field("x", ::arrow::int8())});
+    for (const auto& file : fs::directory_iterator(directory)) {
+      writer.close(writer.create("pool/" + file.path().filename().string(), *schema, std::nullopt));
+    }
+    for (const char* name : {"0", "1"}) parquet::recoverFile(directory / name, 1);
+    EXPECT_EQ(everythingIn(rec), saved);
+    shared.reset();
+    EXPECT_EQ(everythingIn(rec), saved);
+    EXPECT_EQ(faults(rec), "");
+    fs::remove_all(rec);
+    fs::remove_all(directory);
+  }
+}
+
+// Files that are recovered may be names of a saved recording's files, too.
+TEST_F(SaveRecording, RecoveryOfTheLiveFolderLeavesASavedRecordingAlone) {
+  const fs::path folder = temp.file("live");
+  parquet::SafeStorage storage;
+  storage.batchRows = 2;
+  auto live = std::make_unique<LiveRecording>(Path::fromFilesystem(folder), LiveOptions{storage});
+  const auto signal = live->addSignal({1, "", "", "", {}}, Double, Scalar);
+  const auto append = [&](double value) { signal->appendData(&value, sizeof(value), {}, {}); };
+  for (const double value : {1, 2}) append(value);
+  live->flush();
+  for (const double value : {3, 4, 5}) append(value);
+  save(live->pool(), {}, rec);
+  const auto saved = everythingIn(rec);
+  const fs::path journal = folder / "recording.journal";
+  const std::string flushed = readWholeFile(journal);
+  live.reset();
+  Folder(folder).touch("recording.journal", flushed);  // as a crash would leave it
+  EXPECT_EQ(recoverRecording(Path::fromFilesystem(folder)).signals.at(0).rowsKept, 2U);
+  EXPECT_EQ(everythingIn(rec), saved);
+}
+
+// The last of the calls syncs the parent folder, when the new recording has its name already.
+TEST_F(SaveRecording, WhateverCallFailsLeavesEverythingAsItWas) {
+  for (const char* was : {"nothing", "an empty folder", "a recording"}) {
+    fs::remove_all(rec);
+    if (*was == 'a') fs::create_directory(rec);
+    if (was == std::string("a recording")) saveWithForeignEntries();
+    const auto before = everythingIn(temp.path().toFilesystem());
+    int failures = 0;
+    for (std::string error = "none yet"; !error.empty(); ++failures) {
+      test::faultyDisk::Plan plan;
+      plan.failAt = failures + 1;
+      plan.error = EIO;
+      test::faultyDisk::start(plan);
+      error = test::errorOf([&] { save(rec); });
+      test::faultyDisk::stop();
+      if (error.empty()) break;
+      ASSERT_EQ(everythingIn(temp.path().toFilesystem()), before) << was << ": " << error;
+    }
+    EXPECT_GT(failures, 6) << was;
+    EXPECT_EQ(faults(rec), "");
+  }
+}
+
+TEST_F(SaveRecording, WithoutLeaveToReplaceARecordingStays) {
+  SaveOptions options;
+  options.replaces = false;
+  const auto saveNew = [&] { saveRecording(pool, {}, Path::fromFilesystem(rec), options); };
+  fs::create_directory(rec);
+  saveNew();
+  const auto saved = everythingIn(rec);
+  put(pool, 2, ramp({4, 5}));
+  EXPECT_THAT(test::errorOf(saveNew), ::testing::HasSubstr("is a recording already"));
+  EXPECT_EQ(everythingIn(rec), saved);
+  EXPECT_EQ(temp.names(), (std::set<std::string>{"rec", "store"}));
+
+  // One that is made between that look and the last step.
+  LockedFolder fresh(temp.file("fresh"));
+  Folder(fresh.path()).touch("new");
+  EXPECT_THAT(test::errorOf([&] {
+                replaceFolder(fresh, rec, {false, true});
+              }),
+              ::testing::HasSubstr("exists, and is left as it is"));
+  EXPECT_EQ(everythingIn(rec), saved);
+  EXPECT_TRUE(fs::exists(fresh.path() / "new"));
+}
+
 // What a reader of a part of a file needs to check that part alone.
 std::vector<std::uint64_t> blocksOf(const fs::path& file) {
   constexpr std::size_t kBlock = 262'144;
-  const std::string bytes = readTextFile(file);
+  const std::string bytes = readWholeFile(file);
   std::vector<std::uint64_t> blocks;
   for (std::size_t at = 0; bytes.size() > kBlock && at < bytes.size(); at += kBlock) {
     blocks.push_back(XXH3_64bits(&bytes[at], std::min(kBlock, bytes.size() - at)));

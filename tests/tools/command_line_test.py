@@ -185,7 +185,7 @@ class Interrupts(ToolTest):
         self.write(f"time,{names}\n{rows}")
         tool = subprocess.Popen([KYR, "import", "in.csv", "rec"], cwd=self.folder,
                                 env=self.environment())
-        while not os.listdir(self.temporary) and tool.poll() is None:
+        while len(os.listdir(self.folder)) == 2 and tool.poll() is None:
             time.sleep(0.001)
         tool.send_signal(signal.SIGINT)
         self.assertEqual(tool.wait(), -signal.SIGINT)

@@ -1,8 +1,11 @@
 """Importing CSV files: every value is stored, or refused with its line and column."""
 
+import math
 import os
+import pathlib
 import struct
 import subprocess
+import time
 import unittest
 
 from tool import EXAMPLES, KYR, ToolTest, rows_of
@@ -296,6 +299,96 @@ class Refusals(ToolTest):
         for text in ("t,a\n0,9007199254740994\n0.0,0.5\n", "t,a\n9007199254740994,1\n",
                      "t,a\n0.50,1\n5e-1,1\n"):
             self.assertEqual(self.store(text, "--strict").stderr, "")
+
+
+class Storing(ToolTest):
+    """Where an import works, what it writes, and what it leaves."""
+
+    ROWS = 200_000
+
+    def start(self, *arguments, **options):
+        return subprocess.Popen([KYR, "import", *map(str, arguments)], cwd=self.folder,
+                                env=self.environment(), **options)
+
+    def bytes_written(self, *arguments):
+        """What a process gave the system to write, but for what it printed."""
+        tool = self.start(*arguments, stdout=subprocess.PIPE)
+        os.waitid(os.P_PID, tool.pid, os.WEXITED | os.WNOWAIT)
+        try:
+            counts = pathlib.Path(f"/proc/{tool.pid}/io").read_text().splitlines()
+        except PermissionError:
+            self.skipTest("the system does not tell what a process wrote")
+        printed = len(tool.communicate()[0])
+        self.assertEqual(tool.returncode, 0)
+        return int(dict(line.split(": ") for line in counts)["wchar"]) - printed
+
+    def test_each_byte_is_written_once(self):
+        noise = "".join(f"{row},{math.sin(row)},{math.cos(row)}\n" for row in range(self.ROWS))
+        steps = "".join(f"{row},{row // 90_000},1\n" for row in range(4 * self.ROWS))
+        for text in (noise, steps):
+            file = self.write("time,a,b\n" + text)
+            for options in ([], ["--stream"], ["--pack=10000000"], ["--no-shared-time"]):
+                with self.subTest(options, rows=text.count("\n")):
+                    written = self.bytes_written(file, "rec", "--force", *options)
+                    stored = sum(entry.stat().st_size for entry in
+                                 (self.folder / "rec").rglob("*") if entry.is_file())
+                    self.assertLess(written, 1.05 * stored)
+                    self.run_tool("verify", "rec")
+
+    def test_needs_no_temporary_files(self):
+        file = self.write("time,a\n0,1\n")
+        subprocess.run([KYR, "import", file, "rec"], check=True, cwd=self.folder,
+                       env={**os.environ, "TMPDIR": "/nonexistent"}, stdout=subprocess.DEVNULL)
+        self.assertEqual(self.cat(), "time,a\n0,1\n")
+
+    def test_a_recording_made_meanwhile_stays(self):
+        pipe = self.folder / "pipe"
+        os.mkfifo(pipe)
+        tool = self.start(pipe, "rec", stderr=subprocess.PIPE, text=True)
+        with open(pipe, "w") as end:
+            end.write("time,a\n0,1\n")
+            self.run_tool_beside("import", self.write("time,b\n0,2\n"), "rec")
+        self.assertIn("is a recording already", tool.communicate()[1])
+        self.assertEqual(tool.returncode, 1)
+        self.assertEqual(self.cat(), "time,b\n0,2\n")
+        self.assertEqual(sorted(os.listdir(self.folder)), ["in.csv", "pipe", "rec", "tmp"])
+
+    def run_tool_beside(self, *arguments):
+        subprocess.run([KYR, *map(str, arguments)], check=True, cwd=self.folder,
+                       stdout=subprocess.DEVNULL)
+
+    def test_what_a_killed_import_leaves_is_collected(self):
+        pipe = self.folder / "pipe"
+        os.mkfifo(pipe)
+        for target in ("rec", "other"):
+            tool = self.start(pipe, target)
+            with open(pipe, "w") as end:
+                end.write("time,a\n")
+                end.flush()
+                while not list(self.temporary.glob("kyr-tmp-*/pipe.csv")):
+                    time.sleep(0.001)
+                if target == "rec":
+                    out = subprocess.run([KYR, "gc", "rec", "--stale"], cwd=self.folder,
+                                         env=self.environment(), check=True, text=True,
+                                         capture_output=True).stdout
+                    self.assertRegex(out, "left alone .*kyr-tmp-.*: a process uses it")
+                tool.kill()
+                tool.wait()
+            self.assertEqual(len(os.listdir(self.temporary)), 1)
+            subprocess.run([KYR, "gc", target, "--stale"], cwd=self.folder, check=True,
+                           env=self.environment(), stdout=subprocess.DEVNULL)
+            self.assertEqual(os.listdir(self.temporary), [])
+
+        rows = "".join(f"{row},{math.sin(row)}\n" for row in range(4 * self.ROWS))
+        tool = self.start(self.write("time,a\n" + rows), "rec")
+        while not list(self.folder.glob("rec.importing-*/shared/*")):
+            time.sleep(0.001)
+        self.assertIn("a process uses it", self.run_tool("gc", "rec", "--stale").stdout)
+        tool.kill()
+        tool.wait()
+        self.assertIn("rec.importing-", self.run_tool("gc", "rec", "--stale", "--dry-run").stdout)
+        self.assertIn("removed", self.run_tool("gc", "rec", "--stale").stdout)
+        self.assertEqual(sorted(os.listdir(self.folder)), ["in.csv", "pipe", "tmp"])
 
 
 if __name__ == "__main__":

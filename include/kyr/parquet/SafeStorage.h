@@ -55,6 +55,10 @@ struct SafeStorage {
   /// SignalPool::flush() from then on, so that a list of files made after a flush stays right until
   /// the next list is made.
   bool keepsFiles = false;
+  /// Whether growing files become complete Parquet files now and then between flushes, for programs
+  /// that read along. If not, they are complete after a flush and once they are finished, and fewer
+  /// bytes are written; a crash costs no more rows.
+  bool publishesBatches = true;
   /// Finished contents of fewer bytes get no file yet. They stay in memory until a flush(), or
   /// until a recording is saved, and are lost if the process ends before. 0 keeps none in memory:
   /// what is finished is in its file. Many small signals are stored several times faster so.

@@ -27,7 +27,8 @@ class StreamableSignal;
 ///
 /// A signal removed from the pool stays usable for whoever still holds it; its files are deleted
 /// when the last holder lets go. The directory is working storage: destroying the pool deletes the
-/// files in it (not the directory). To keep them, save a recording first.
+/// files in it, but not the directory; a pool with SafeStorage also removes a temporary directory
+/// that it made itself. To keep the files, save a recording first.
 ///
 /// With SafeStorage, or with the feature flag "fKYRUseSafeStorage" on when a directory is set, the
 /// pool gives other guarantees, which docs/guarantees.md lists. It then hands out both kinds of

@@ -68,23 +68,32 @@ struct SaveOptions {
   parquet::SafeStorage::Encodings encodings = parquet::SafeStorage::Encodings::smallest;
   /// Whether the recording is on the disk when the call returns, and survives a power cut.
   bool sync = true;
+  /// Whether a recording that is in the folder is replaced, also one that was made there while this
+  /// one was being saved. If not, the call throws and leaves it as it is.
+  bool replaces = true;
 };
 
 /// \brief Save the signals of \p pool as the recording \p folder.
 ///
-/// Replaces a recording that is there; other entries of that folder are kept. The change is atomic
-/// and on disk when the call returns: killed at any moment, the folder holds either the old
-/// recording or the new one, whole. A killed save may leave a folder `<folder>.saving-*` beside it,
-/// which can be deleted. (A few file systems, such as NFS, cannot exchange two folders. There, a
-/// save killed at the very end may leave no folder, with the old one whole in
+/// Replaces a recording that is there; other entries of that folder are kept. The change is atomic:
+/// killed at any moment, the folder holds either the old recording or the new one, whole. A killed
+/// save may leave a folder `<folder>.saving-*` beside it, which findLeftovers() tells
+/// (WorkingFolder.h). (A few file systems, such as NFS, cannot exchange two folders. There, a save
+/// that is killed at the very end may leave no folder, with the old one whole in
 /// `<folder>.saving-*.old`.)
+///
+/// Files of the pool that are complete are not copied: the recording shares them as hard links, if
+/// the file system can do that. They are read once for their checksums. The pool may delete its
+/// names, and nothing of kyr writes into a file that has several.
 ///
 /// \param descriptions  signals of the pool by id. One without a description is called "signal
 ///         <id>". A described signal without data is kept, with no samples
 /// \throws std::invalid_argument if two descriptions have the same id, or a text is no valid UTF-8
 /// \throws std::runtime_error if \p folder exists and is neither empty nor a recording, if a
-///         signal's write failed or its file is missing, or if the recording cannot be written; \p
-///         folder is as it was then
+///         signal's write failed or its file is missing, or if the recording cannot be written or
+///         synced; \p folder is as it was then, and nothing is left beside it. If the very last
+///         step fails, which is to sync the parent folder, the old recording is put back; after a
+///         power cut the folder may hold either
 KYR_PARQUET_EXPORT void saveRecording(parquet::SignalPool& pool,
                                       const std::vector<SignalDescription>& descriptions,
                                       const Path& folder);

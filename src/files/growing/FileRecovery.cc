@@ -7,6 +7,7 @@
 #include "files/ParquetTail.h"
 #include "files/growing/GrowingRecords.h"
 #include "platform/DiskFile.h"
+#include "platform/FileLinks.h"
 
 namespace kyr::parquet {
 
@@ -67,6 +68,7 @@ RecoveryReport recoverFile(const std::filesystem::path& path, std::uint64_t maxR
     std::filesystem::create_directories(aside.parent_path());
     std::filesystem::copy_file(path, aside, std::filesystem::copy_options::overwrite_existing);
   }
+  copyIfLinked(path);
   DiskFile file(path, DiskFile::Mode::readWrite);
   file.truncate(records->end);
   file.writeAt(0, {kParquetMagic});

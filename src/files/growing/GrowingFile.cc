@@ -134,8 +134,9 @@ void GrowingFile::writeRecord(const EncodedBatch& batch, std::uint64_t rows, boo
   const std::string head = encodeHeader(header, batch.hash());
 
   const std::uint64_t pending = bytesSinceFooter_ + header.end() - header.offset;
-  const bool withFooter = publish || pending / kFooterShare >= index_.metadataBound() ||
-                          (records_ - recordsAtFooter_) * kBatchShare > records_;
+  const bool isDue = pending / kFooterShare >= index_.metadataBound() ||
+                     (records_ - recordsAtFooter_) * kBatchShare > records_;
+  const bool withFooter = publish || (publishesBatches_ && isDue);
   const std::string foot = withFooter ? footer(header.end(), records_ + 1) : std::string();
   replaceTail({head, batch.payload(), foot});
   ++records_;

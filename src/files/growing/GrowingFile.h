@@ -98,6 +98,8 @@ class GrowingFile {
   /// Writes a footer behind the last batch, which completes the file.
   void publish();
   bool isPublished() const { return published_; }
+  /// From now on the file is published only where that is asked for.
+  void publishOnlyWhenAsked() { publishesBatches_ = false; }
   bool isFinished() const { return finished_; }
 
   /// Waits until all batches are on the disk. If the last sync failed, it first writes again what
@@ -155,6 +157,7 @@ class GrowingFile {
   std::uint64_t syncedEnd_ = 0;
   bool syncFailed_ = false;
   bool published_ = false;
+  bool publishesBatches_ = true;
   bool finished_ = false;
   std::filesystem::path path_;
 };

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -110,10 +111,11 @@ void printSummary(Output& out, const std::string& file, const recording::Recordi
 
 int runDemo(const DemoOptions& options) {
   constexpr std::size_t kShownSignals = 8;
-  const TemporaryFolder temporary;
+  std::optional<TemporaryFolder> temporary;
   ImportOptions import;
   import.file = options.data.empty() ? bundledData() : options.data;
-  import.folder = options.folder.empty() ? temporary.path().toNarrow() : options.folder;
+  import.folder = options.folder;
+  if (import.folder.empty()) import.folder = temporary.emplace().path().join("demo").toNarrow();
   import.replaces = options.replaces;
   import.settings = options.settings;
   Output out;

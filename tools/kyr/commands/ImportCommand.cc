@@ -17,13 +17,13 @@
 #include "cli/ProgressBar.h"
 #include "cli/RecordingFolder.h"
 #include "cli/Settings.h"
-#include "cli/TemporaryFolder.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
 #include "csv/ColumnStore.h"
 #include "kyr/parquet/SerializationOptions.h"
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/recording/Recording.h"
+#include "kyr/recording/WorkingFolder.h"
 #include "print/RecordingSummary.h"
 
 namespace kyr::tool {
@@ -63,7 +63,8 @@ void importCsv(const ImportOptions& options) {
   const Path folder = Path::fromNarrow(options.folder);
   checkNewRecording(options.folder, options.replaces);
   CsvTable table(options.file, options.csv);
-  const TemporaryFolder storage;
+  // Beside the recording, which can then share the files.
+  const auto storage = recording::WorkingFolder::beside(folder);
   ColumnStore store(storage.path(), table.width(),
                     options.streams ? std::optional(options.stream) : std::nullopt,
                     options.packBelow);
@@ -90,6 +91,7 @@ void importCsv(const ImportOptions& options) {
   bar.show("saving", 1);
   recording::SaveOptions saving;
   saving.packBelow = options.packBelow;
+  saving.replaces = options.replaces;
   recording::saveRecording(store.pool(), descriptions, folder, saving);
 }
 

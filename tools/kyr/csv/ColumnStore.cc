@@ -21,12 +21,20 @@ namespace options = parquet::serialization_options;
 
 namespace {
 
-// The rows of a batch wait in memory, so many columns need smaller batches.
-parquet::SafeStorage storageFor(std::size_t columns, std::size_t holdBelow) {
+// Rows wait in memory until they make up a batch, so the batches of many columns are smaller.
+// Columns that will not stay in this pool, which are small ones for packs and all with times of
+// their own, are written once if they are not written here: their batches are as long as memory
+// allows.
+parquet::SafeStorage storageFor(std::size_t columns, std::size_t packBelow, bool isStaging) {
   constexpr std::size_t kBytesInAll = std::size_t{128} << 20U;
   parquet::SafeStorage storage;
+  storage.publishesBatches = false;
   storage.batchBytes = std::clamp(kBytesInAll / (columns + 1), std::size_t{1}, storage.batchBytes);
-  storage.holdBelow = holdBelow;
+  storage.holdBelow = isStaging ? storage.holdTotal : packBelow;
+  if (storage.holdBelow == 0) return storage;
+  constexpr std::size_t kLeastBatch = std::size_t{1} << 19U;
+  storage.batchBytes = std::min(storage.batchBytes, std::max(storage.holdBelow, kLeastBatch));
+  storage.batchRows = std::max(storage.batchRows, storage.batchBytes);
   return storage;
 }
 
@@ -46,9 +54,9 @@ void naming(const CsvColumn& column, Operation&& operation) {
 // Pools with SafeStorage always store times in files of their own. If the user does not want that,
 // finish() copies each signal to a second pool without SafeStorage, in which signals share nothing.
 ColumnStore::ColumnStore(const Path& directory, std::size_t columns,
-                         std::optional<StreamOptions> stream, std::size_t holdBelow)
-    : pool_(std::make_unique<parquet::SignalPool>(directory.join("shared"),
-                                                  storageFor(columns, holdBelow))),
+                         std::optional<StreamOptions> stream, std::size_t packBelow)
+    : pool_(std::make_unique<parquet::SignalPool>(
+          directory.join("shared"), storageFor(columns, packBelow, !options::bSharedTimeColumn))),
       stream_(stream) {
   if (options::bSharedTimeColumn) return;
   separate_ = std::make_unique<parquet::SignalPool>(directory.join("separate"));

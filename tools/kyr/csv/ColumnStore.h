@@ -24,9 +24,9 @@ class ColumnStore : public SampleSink {
  public:
   /// \param columns  number of columns that will come
   /// \param stream  how to stream signals; empty for whole signals
-  /// \param holdBelow  see SafeStorage
+  /// \param packBelow  contents of fewer bytes will be packed
   ColumnStore(const Path& directory, std::size_t columns, std::optional<StreamOptions> stream,
-              std::size_t holdBelow);
+              std::size_t packBelow);
 
   /// \throws std::runtime_error naming the signal if it cannot be stored
   void append(const CsvColumn& column, const double* times, const char* bytes,
