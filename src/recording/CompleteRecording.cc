@@ -13,14 +13,14 @@ namespace kyr::recording {
 
 namespace fs = std::filesystem;
 
-void completeRecording(const fs::path& folder, RecordingInfo info) {
+void completeRecording(const fs::path& folder, RecordingInfo info, bool syncsFiles) {
   for (FileInfo& file : info.files) {
     const fs::path path = storagePath(folder, file.storageId);
     FileDigest digest = digestFile(path);
     file.size = digest.size;
     file.checksum = std::move(digest.checksum);
     file.blocks = std::move(digest.blocks);
-    syncPath(path);
+    if (syncsFiles) syncPath(path);
   }
   syncPath(folder / kStorageFolder);
   replaceTextFile(descriptionPath(folder), writeRecordingJson(info), /*syncs=*/true);

@@ -6,17 +6,18 @@
 
 namespace kyr::recording {
 
-/// Make the folder, in whose storage the files of \p info lie, a recording: sync the files, take
-/// their sizes and checksums, and put recording.json there in one step. All of it is on disk when
-/// the call returns; no file is copied.
+/// Makes a folder, in whose storage the files of \p info lie, a recording: takes the sizes and
+/// checksums of the files, and puts recording.json there in one step. All of it is on disk when the
+/// call returns; no file is copied.
+/// \param syncsFiles  whether the files need to be synced
 /// \throws std::runtime_error naming the file; recording.json is as it was then
-void completeRecording(const std::filesystem::path& folder, RecordingInfo info);
+void completeRecording(const std::filesystem::path& folder, RecordingInfo info,
+                       bool syncsFiles = true);
 
-/// Remove what lies in the folder's storage and is no file of \p info. What cannot be removed
-/// stays.
+/// Removes what lies in the folder's storage and is no file of \p info, as far as that is possible.
 void removeUnnamed(const std::filesystem::path& folder, const RecordingInfo& info);
 
-/// Remove the files of a live recording, the journal last, and see to it that they stay away.
+/// Removes the files of a live recording, the journal last, and syncs the folder.
 void removeLiveFiles(const std::filesystem::path& folder);
 
 }  // namespace kyr::recording

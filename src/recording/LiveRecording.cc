@@ -2,20 +2,26 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "recording/CompleteRecording.h"
 #include "recording/FolderFiles.h"
 #include "recording/LiveJournal.h"
+#include "recording/LiveSignal.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingMembers.h"
 #include "recording/RecordingSnapshot.h"
+#include "safe/SafeStreamableSignal.h"
 #include "schema/TypeNames.h"
+#include "signals/SignalPoolImpl.h"
 #include "storage/ParquetStorageRecord.h"
 
 namespace kyr::recording {
@@ -36,7 +42,28 @@ std::optional<int> storageIdOf(const parquet::StreamableSignal& signal, Part par
   return id == parquet::kNoStorage ? std::nullopt : std::optional(id);
 }
 
-// The folder, with a journal that makes it this process's. Of two who try, one makes the journal.
+// What recording.json and the list of signals can hold, told before there are samples.
+void requireWritable(const SignalInfo& signal) {
+  constexpr std::size_t kMostTextBytes = 65536;
+  if (dataTypeName(signal.dataType).empty() || categoryName(signal.category).empty()) {
+    throw std::invalid_argument(fmt::format("signal {}: data type {} or category {} is unknown",
+                                            signal.signalId, static_cast<int>(signal.dataType),
+                                            static_cast<int>(signal.category)));
+  }
+  requireText(signal);
+  for (const auto& [what, text] : {std::pair("name", &signal.name),
+                                   {"unit", &signal.unit},
+                                   {"description", &signal.description}}) {
+    if (text->size() > kMostTextBytes) {
+      throw std::invalid_argument(
+          fmt::format("signal {}: its {} has {} bytes, at most {} are possible", signal.signalId,
+                      what, text->size(), kMostTextBytes));
+    }
+  }
+  requireCountable(signal);
+}
+
+// Makes the journal, which takes the folder for this process: of two that try, only one can make it.
 std::unique_ptr<LiveJournal> takeFolder(const fs::path& folder) {
   const bool isNew = fs::create_directory(folder);
   if (!isNew && !fs::is_empty(folder)) {
@@ -63,7 +90,7 @@ class LiveRecording::Impl {
         journal_(takeFolder(folder_)) {
     SafeStorage storage = options.storage;
     storage.keepsFiles = true;
-    storage.holdBelow = 0;  // a part that is finished is in a file
+    storage.holdBelow = 0;  // what is finished is in a file
     try {
       pool_ = std::make_unique<parquet::SignalPool>(Path::fromFilesystem(folder_ / kStorageFolder),
                                                     storage);
@@ -78,6 +105,7 @@ class LiveRecording::Impl {
 
   ~Impl() {
     if (!pool_) return;
+    *isClosed_ = true;
     try {
       flush();
     } catch (const std::exception&) {
@@ -105,28 +133,26 @@ class LiveRecording::Impl {
     if (pool().checkSignalExists(info.signalId)) {
       throw std::invalid_argument(fmt::format("signal {} is there already", info.signalId));
     }
-    if (dataTypeName(type).empty() || categoryName(category).empty()) {
-      throw std::invalid_argument(fmt::format("signal {}: data type {} or category {} is unknown",
-                                              info.signalId, static_cast<int>(type),
-                                              static_cast<int>(category)));
-    }
-    requireText(info);
+    requireWritable(info);
     pool_->describeSignal(info.signalId, info.name, info.unit);
-    auto signal = pool_->getStreamableSignal(info.signalId);
-    signal->setDataType(type);
-    signal->setCategory(category);
-    signals_.push_back(signal);
+    auto inner = pool_->getStreamableSignal(info.signalId);
+    inner->setDataType(type);
+    inner->setCategory(category);
+    signals_.push_back(std::make_shared<LiveSignal>(std::move(inner), info, isClosed_));
     live_.signals.push_back(std::move(info));
     isChanged_ = true;
-    return signal;
+    return signals_.back();
   }
 
-  // The rows first, then what they belong to, then that they are there.
+  // Writes the rows first, then to which signals they belong, then that they are there.
   void flush() {
     pool().flush();
     for (std::size_t i = 0; i < signals_.size(); ++i) {
-      noteFile(live_.signals[i].timeStorageId, storageIdOf(*signals_[i], Part::time));
-      noteFile(live_.signals[i].dataStorageId, storageIdOf(*signals_[i], Part::data));
+      SignalInfo& info = live_.signals[i];
+      note(info.dataType, signals_[i]->getDataType());
+      note(info.category, signals_[i]->getCategory());
+      note(info.timeStorageId, storageIdOf(*signals_[i], Part::time));
+      note(info.dataStorageId, storageIdOf(*signals_[i], Part::data));
     }
     if (isChanged_) writeDescription();
     JournalLine line;
@@ -141,10 +167,14 @@ class LiveRecording::Impl {
   void finish() {
     // Until recording.json is there, a recovery finds all rows acknowledged.
     flush();
+    cutUnpaired();
     const std::vector<SignalDescription> descriptions(live_.signals.begin(), live_.signals.end());
     const RecordingInfo info = snapshotOf(*pool_, descriptions);
-    completeRecording(folder_, info);
+    // With a pool that syncs, each file was synced when it was finished.
+    completeRecording(folder_, info, /*syncsFiles=*/!syncs_);
+    syncPath(folder_.parent_path());
     // From here on the folder is a recording.
+    *isClosed_ = true;
     removeUnnamed(folder_, info);
     pool_.reset();
     signals_.clear();
@@ -152,11 +182,35 @@ class LiveRecording::Impl {
     journal_.reset();
   }
 
+  const FinishReport& report() const { return report_; }
+
  private:
-  void noteFile(std::optional<int>& known, std::optional<int> now) {
+  template <typename Value>
+  void note(Value& known, const Value& now) {
     if (known == now) return;
     known = now;
     isChanged_ = true;
+  }
+
+  // Cuts times and samples of each signal that has both to the shorter of the two.
+  void cutUnpaired() {
+    std::map<int, std::string> names;
+    for (const SignalInfo& signal : live_.signals) names[signal.signalId] = signal.name;
+    for (const auto& [id, signal] : parquet::PoolAccess::of(*pool_).allSignals()) {
+      const auto* streamed = std::get_if<std::shared_ptr<parquet::StreamableSignal>>(&signal);
+      if (streamed == nullptr) continue;
+      const std::uint64_t times = (*streamed)->rowCount(Part::time);
+      const std::uint64_t samples = (*streamed)->rowCount(Part::data);
+      if (times == samples || times == 0 || samples == 0) continue;
+      const std::uint64_t pairs = std::min(times, samples);
+      static_cast<parquet::SafeStreamableSignal&>(**streamed).cut(pairs);
+      const auto name = names.find(id);
+      report_.unpaired.push_back({id,
+                                  name == names.end() ? fmt::format("signal {}", id) : name->second,
+                                  times - pairs, samples - pairs});
+    }
+    std::sort(report_.unpaired.begin(), report_.unpaired.end(),
+              [](const auto& a, const auto& b) { return a.signalId < b.signalId; });
   }
 
   void writeDescription() {
@@ -169,7 +223,9 @@ class LiveRecording::Impl {
   bool syncs_;
   std::unique_ptr<LiveJournal> journal_;
   std::unique_ptr<parquet::SignalPool> pool_;
-  std::vector<std::shared_ptr<parquet::StreamableSignal>> signals_;
+  std::vector<std::shared_ptr<LiveSignal>> signals_;
+  std::shared_ptr<bool> isClosed_ = std::make_shared<bool>(false);
+  FinishReport report_;
   LiveDescription live_;
   bool isChanged_ = false;
 };
@@ -188,8 +244,9 @@ std::shared_ptr<parquet::StreamableSignal> LiveRecording::addSignal(
 
 void LiveRecording::flush() { impl_->flush(); }
 
-void LiveRecording::finish() {
+FinishReport LiveRecording::finish() {
   if (!impl_->isFinished()) impl_->finish();
+  return impl_->report();
 }
 
 }  // namespace kyr::recording

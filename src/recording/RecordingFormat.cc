@@ -3,11 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <limits>
 #include <stdexcept>
 #include <utility>
 
-#include "kyr/parquet/SignalTypes.h"
 #include "recording/Checksum.h"
 #include "recording/JsonDocument.h"
 #include "recording/RecordingFolder.h"
@@ -59,26 +57,6 @@ void checkFileNames(const RecordingInfo& info) {
             "signal {} names the file storage/{}, which is not listed", signal.signalId, *id));
       }
     }
-  }
-}
-
-// Readers multiply the extents of a sample, the bytes of an element and the number of samples.
-void checkCounts(const RecordingInfo& info) {
-  constexpr std::uint64_t kMost = std::numeric_limits<std::uint64_t>::max();
-  for (const SignalInfo& signal : info.signals) {
-    if (signal.dimensions.empty()) continue;
-    if (std::count(signal.dimensions.begin(), signal.dimensions.end(), 0U) > 0) continue;
-    std::uint64_t bytes = std::max<std::uint64_t>(1, parquet::elementWidth(signal.dataType));
-    const auto multiply = [&](std::uint64_t factor) {
-      if (factor != 0 && bytes > kMost / factor) {
-        throw std::runtime_error(fmt::format(
-            "signal {}: {} samples of its \"dimensions\" are more bytes than 64 bits can count",
-            signal.signalId, signal.rowCount));
-      }
-      bytes *= std::max<std::uint64_t>(1, factor);
-    };
-    for (const std::size_t extent : signal.dimensions) multiply(extent);
-    multiply(signal.rowCount);
   }
 }
 
@@ -134,7 +112,7 @@ void checkAsAWhole(RecordingInfo& info) {
   sortUnique(info.files, "files", "storage id", [](const auto& file) { return file.storageId; });
   sortUnique(info.packs, "packs", "pack", [](const auto& pack) { return pack.number; });
   checkFileNames(info);
-  checkCounts(info);
+  for (const SignalInfo& signal : info.signals) requireCountable(signal);
   checkFiles(info);
 }
 
@@ -151,7 +129,10 @@ std::string recordsOf(const RecordingInfo& info) {
 }  // namespace
 
 std::string writeRecordingJson(const RecordingInfo& info) {
-  for (const SignalInfo& signal : info.signals) requireText(signal);
+  for (const SignalInfo& signal : info.signals) {
+    requireText(signal);
+    requireCountable(signal);
+  }
   if (info.formatVersion < 2 && info.records.empty()) {
     RecordingInfo complete = info;
     complete.records = recordsOf(info);
@@ -169,7 +150,7 @@ RecordingInfo readRecordingJson(std::string_view text, const std::string& source
   auto info = readDocument<RecordingInfo>(text, kFormat, source);
   try {
     checkAsAWhole(info);
-  } catch (const std::runtime_error& error) {
+  } catch (const std::exception& error) {
     throw std::runtime_error(source + ": " + error.what());
   }
   return info;

@@ -11,7 +11,8 @@ namespace kyr::recording {
 /// The newest format that this library reads. It writes version 2 if there are packs, else 1.
 constexpr int kFormatVersion = 2;
 
-/// \throws std::invalid_argument if a text of a signal is no valid UTF-8
+/// \throws std::invalid_argument naming a signal of which a text is no valid UTF-8, or the bytes
+///         are more than 64 bits can count
 std::string writeRecordingJson(const RecordingInfo& info);
 
 /// \param source  name of the file for error texts

@@ -1,12 +1,17 @@
 #include "recording/RecordingMembers.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <iterator>
+#include <limits>
 #include <stdexcept>
 #include <system_error>
+
+#include "kyr/parquet/SignalTypes.h"
 
 namespace kyr::recording {
 
@@ -93,6 +98,24 @@ void requireText(const SignalDescription& signal) {
       throw std::invalid_argument(fmt::format("signal {}: {}", signal.signalId, error.what()));
     }
   }
+}
+
+void requireCountable(const SignalInfo& signal) {
+  constexpr std::uint64_t kMost = std::numeric_limits<std::uint64_t>::max();
+  const auto& dimensions = signal.dimensions;
+  if (std::count(dimensions.begin(), dimensions.end(), 0U) > 0) return;
+  std::uint64_t bytes = std::max<std::uint64_t>(1, parquet::elementWidth(signal.dataType));
+  const auto multiply = [&](std::uint64_t factor) {
+    if (factor > 0 && bytes > kMost / factor) {
+      throw std::invalid_argument(fmt::format(
+          "signal {}: {} samples of the dimensions [{}] are more bytes than 64 bits can "
+          "count",
+          signal.signalId, signal.rowCount, fmt::join(dimensions, ", ")));
+    }
+    bytes *= std::max<std::uint64_t>(1, factor);
+  };
+  for (const std::size_t extent : dimensions) multiply(extent);
+  if (!dimensions.empty()) multiply(signal.rowCount);
 }
 
 }  // namespace kyr::recording

@@ -112,4 +112,8 @@ using JsonLiveSignal = JsonFields<SignalInfo, kLiveSignalMembers>;
 /// \throws std::invalid_argument if a text of the signal is no valid UTF-8
 void requireText(const SignalDescription& signal);
 
+/// Readers multiply the dimensions of a sample, the bytes of an element, and the number of samples.
+/// \throws std::invalid_argument naming the signal if that is more than 64 bits can count
+void requireCountable(const SignalInfo& signal);
+
 }  // namespace kyr::recording

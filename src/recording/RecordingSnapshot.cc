@@ -15,9 +15,9 @@
 #include "kyr/parquet/StreamableSignal.h"
 #include "recording/TimeSpans.h"
 #include "safe/Content.h"
+#include "schema/PartTables.h"
 #include "schema/TypeNames.h"
 #include "signals/SignalPoolImpl.h"
-#include "schema/PartTables.h"
 #include "storage/ParquetStorageRecord.h"
 
 namespace kyr::recording {

@@ -256,6 +256,13 @@ void Part::finish() {
   content_->finish();
 }
 
+void Part::cut(std::uint64_t rows) {
+  if (rows >= this->rows()) return;
+  if (rows == 0) return reset();
+  if (pending_) pending_->truncate(rows > shared_ ? static_cast<std::size_t>(rows - shared_) : 0);
+  shared_ = std::min(shared_, rows);
+}
+
 void Part::reset() {
   follow(nullptr);
   pending_.reset();

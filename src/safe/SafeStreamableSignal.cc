@@ -131,6 +131,11 @@ void SafeStreamableSignal::flush() {
   if (store_->options().sync != SafeStorage::Sync::never) store_->sync();
 }
 
+void SafeStreamableSignal::cut(std::uint64_t rows) {
+  time_.cut(rows);
+  data_.cut(rows);
+}
+
 void SafeStreamableSignal::resetData() {
   time_.reset();
   data_.reset();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -31,6 +32,8 @@ class SafeStreamableSignal final : public StreamableSignal {
   void flush() override;
   /// Does what flush() does, but does not sync.
   void write();
+  /// Leaves out the rows of both parts behind the first \p rows.
+  void cut(std::uint64_t rows);
   void resetData() override;
   bool hasData() const override;
   void setDataType(KYRSignalDataType type) override { label_->dataType = type; }

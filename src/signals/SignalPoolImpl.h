@@ -38,6 +38,7 @@ class SignalPoolImpl {
   const Path& getParquetDirectory() const { return directory; }
   std::shared_ptr<ParquetSignal> getSignal(int id);
   std::shared_ptr<StreamableSignal> getStreamableSignal(int id);
+  const PoolSignals& allSignals() const { return signals; }
   bool checkSignalExists(int id) const { return signals.count(id) > 0; }
   bool isDataOwner(int id) const;
   void flush() { backend->flush(signals); }

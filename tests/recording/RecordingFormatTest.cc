@@ -116,7 +116,8 @@ const Fault kFaults[]{
     {R"({"files/0/size": true})", "files[0].size is true"},
     {R"({"signals/0/dimensions": [2, -3]})", "signals[0].dimensions[1] is -3"},
     {R"({"signals/0/dimensions": [4294967296, 4294967296]})",
-     "signal -7: 5 samples of its \"dimensions\" are more bytes than 64 bits can count"},
+     "signal -7: 5 samples of the dimensions [4294967296, 4294967296] are more bytes than 64 bits "
+     "can count"},
     {R"({"signals/0/timeSpan": [1]})", "signals[0].timeSpan has 1 times, expected two"},
     {R"({"signals/0/timeSpan": [1, "2"]})", R"(signals[0].timeSpan is "2")"},
     {R"({"signals/0/dataType": "Real"})",

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/SignalPool.h"
@@ -16,6 +19,20 @@ struct LiveOptions {
   parquet::SafeStorage storage;
 };
 
+/// \brief Rows of a signal at its end that have no partner: times without a sample, or samples
+/// without a time.
+struct UnpairedRows {
+  int signalId = 0;
+  std::string name;
+  std::uint64_t times = 0;
+  std::uint64_t samples = 0;
+};
+
+/// \brief What LiveRecording::finish() left out.
+struct FinishReport {
+  std::vector<UnpairedRows> unpaired;  ///< by ascending signal id
+};
+
 /// \brief A recording that is written where it will lie, while it grows.
 ///
 /// What flush() acknowledged survives a crash of the process, and one of the machine if
@@ -23,8 +40,8 @@ struct LiveOptions {
 /// finish() makes the folder an ordinary recording; no file is copied. Others may read along with
 /// RecordingReader.
 ///
-/// Time and data of a signal should have as many rows at each flush(): a recovery cuts them to the
-/// shorter of the two.
+/// Time and data of a signal should have as many rows at each flush(): a recovery, as finish(), cuts
+/// them to the shorter of the two. A signal may have times alone, or samples alone.
 ///
 /// Not copyable. One thread at a time, the pool and its signals included.
 class KYR_PARQUET_EXPORT LiveRecording {
@@ -34,23 +51,30 @@ class KYR_PARQUET_EXPORT LiveRecording {
   ///         be made
   explicit LiveRecording(const Path& folder, const LiveOptions& options = {});
 
-  /// \brief Without finish(): flushes, quietly, and leaves a recording that can be recovered.
+  /// \brief Without finish(): flushes, ignores failures, and leaves a recording that can be
+  /// recovered.
   ~LiveRecording();
   LiveRecording(const LiveRecording&) = delete;
   LiveRecording& operator=(const LiveRecording&) = delete;
 
   /// \brief The pool over the folder's storage, until finish().
   ///
-  /// Signals that are made there, and not by addSignal(), are part of the finished recording and of
-  /// no recovered one.
+  /// Signals that are made there, and not by addSignal(), are part of the finished recording, but
+  /// not of a recovered one, and their samples are not checked against a description.
   /// \throws std::logic_error after finish()
   parquet::SignalPool& pool();
 
   /// \brief A new signal to append to. Without a name it is called "signal <id>".
   ///
   /// A recovery knows its description, and that it is there, from the next flush() on.
+  ///
+  /// The signal checks what it is given, and changes nothing if it throws:
+  /// - std::invalid_argument for a `FixedDim` sample of other dimensions than the description has
+  /// - std::logic_error if type or category are changed once there are samples
+  /// - std::logic_error for rows after the recording was finished or destroyed
   /// \throws std::invalid_argument if the pool has a signal of that id, for an unknown type or
-  ///         category, and for a text that is no valid UTF-8
+  ///         category, for a text that is no valid UTF-8 or longer than 65,536 bytes, and for
+  ///         dimensions of more bytes than 64 bits can count
   /// \throws std::logic_error after finish()
   std::shared_ptr<parquet::StreamableSignal> addSignal(const SignalDescription& description,
                                                        KYRSignalDataType type,
@@ -63,10 +87,14 @@ class KYR_PARQUET_EXPORT LiveRecording {
   void flush();
 
   /// \brief Finish all signals and make the folder an ordinary recording, which is on disk when the
-  /// call returns. Nothing can be appended any more; a second call does nothing.
+  /// call returns, its own name included. Nothing can be appended any more.
+  ///
+  /// Where a streamed signal has more times than samples, or fewer, the rows behind the shorter of
+  /// the two are left out.
+  /// \return what was left out; from a second call on, which does nothing, the same again
   /// \throws std::exception naming the file; the recording is live still, and the call may be
   ///         repeated
-  void finish();
+  FinishReport finish();
 
  private:
   class Impl;
