@@ -181,7 +181,7 @@ Json runPhase(const Workload& workload, const std::string& phase, const StoreFac
     ReadBack values;
     values.signals.resize(workload.signals);
     warmMemory(3 * workload.signals * workload.rows * workload.sampleSize());
-    const Json result = measured([&] { store.read(workload, values); });
+    Json result = measured([&] { store.read(workload, values); });
     compareAll(workload, values);
     return result;
   }

@@ -55,6 +55,7 @@ Sample step(int number) {
 
 std::vector<double> times() {
   std::vector<double> all;
+  all.reserve(kSteps);
   for (int i = 0; i < kSteps; ++i) all.push_back(step(i).time);
   return all;
 }

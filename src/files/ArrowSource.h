@@ -1,6 +1,7 @@
 #pragma once
 
 #include <arrow/io/interfaces.h>
+#include <arrow/result.h>
 
 #include <cstdint>
 #include <exception>

@@ -15,6 +15,7 @@ namespace {
 
 using Part = parquet::StreamableSignal::SignalPart;
 using test::errorOf;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Values = std::vector<double>;
@@ -103,6 +104,90 @@ TEST_F(LiveRecordings, FinishedIsAnOrdinaryRecording) {
   EXPECT_EQ(info.back().name, "signal 9");
   EXPECT_THROW(live->flush(), std::logic_error);
   EXPECT_TRUE(recover().wasComplete);
+}
+
+// What the calls of a signal refuse would be faults of the finished recording.
+TEST_F(LiveRecordings, SignalsRefuseWhatDoesNotFitTheirDescription) {
+  live = std::make_unique<LiveRecording>(path(), options);
+  const auto matrix = live->addSignal({1, "m", "", "", {2, 2}}, Double, FixedDim);
+  const auto number = live->addSignal({2, "n", "", "", {}}, Int32, Scalar);
+  const Values nine(9, 1.0);
+  const double times[]{0, 1};
+  matrix->appendTime(times, 2);
+  EXPECT_THAT(errorOf([&] {
+                matrix->appendData(nine.data(), 72, {{3, 3}}, {});
+              }),
+              AllOf(HasSubstr("signal 1 \"m\""), HasSubstr("[3, 3]"), HasSubstr("[2, 2]")));
+  EXPECT_THROW(matrix->appendData(nine.data(), 32, {{1, 4}}, {}), std::invalid_argument);
+  EXPECT_THROW(matrix->appendData(nine.data(), 32, {}, {}), std::invalid_argument);
+  matrix->appendData(nine.data(), 64, {{2, 2}, {2, 2}}, {});
+  const int one = 1;
+  number->appendTime(times, 1);
+  number->appendData(&one, sizeof(one), {}, {});
+  EXPECT_THAT(errorOf([&] { number->setCategory(FixedDim); }), HasSubstr("signal 2 \"n\""));
+  EXPECT_THROW(number->setDataType(Double), std::logic_error);
+  number->setCategory(Scalar);
+  EXPECT_TRUE(live->finish().unpaired.empty());
+  EXPECT_EQ(faults(rec), "");
+  EXPECT_THROW(number->appendTime(times, 1), std::logic_error);
+  live.reset();
+  EXPECT_THAT(errorOf([&] { number->appendData(&one, sizeof(one), {}, {}); }),
+              HasSubstr("its recording is closed"));
+}
+
+TEST_F(LiveRecordings, FinishLeavesRowsWithoutPartnerOutAndTellsThem) {
+  for (const bool sharesTimes : {false, true}) {
+    SCOPED_TRACE(sharesTimes);
+    fs::remove_all(rec);
+    begin();
+    append(*a, 0, 40, 1);
+    append(*b, 0, 30, 2);
+    const Values more = sloped(7, 0.5);
+    a->appendTime(more.data(), 7);
+    b->appendData(more.data(), 5 * sizeof(double), {}, {});
+    // A third signal whose times go on where those of the first end, and one without samples.
+    const auto c = live->addSignal({3, "c", "", "", {}}, Double, Scalar);
+    if (sharesTimes) {
+      append(*c, 0, 40, 3);
+      c->appendTime(more.data(), 7);
+      c->appendData(more.data(), 7 * sizeof(double), {}, {});
+    }
+    const auto times = live->addSignal({4, "times", "", "", {}}, Double, Scalar);
+    times->appendTime(more.data(), 7);
+    live->flush();
+    const FinishReport report = live->finish();
+    ASSERT_EQ(report.unpaired.size(), 2U);
+    EXPECT_EQ(report.unpaired[0].signalId, 1);
+    EXPECT_EQ(report.unpaired[0].name, "a");
+    EXPECT_EQ(report.unpaired[0].times, 7U);
+    EXPECT_EQ(report.unpaired[0].samples, 0U);
+    EXPECT_EQ(report.unpaired[1].signalId, 2);
+    EXPECT_EQ(report.unpaired[1].samples, 5U);
+    EXPECT_EQ(faults(rec), "");
+    expectSignal(1, 40, 1);
+    expectSignal(2, 30, 2);
+    EXPECT_EQ(describeRecording(path()).signals[2].rowCount, sharesTimes ? 47U : 0U);
+    live.reset();
+  }
+}
+
+// What a flush acknowledged can be finished and recovered, however long the names are.
+TEST_F(LiveRecordings, LongNamesOfManySignalsCanBeFinished) {
+  live = std::make_unique<LiveRecording>(path(), options);
+  const std::string name(60'000, 'n');
+  EXPECT_THROW(live->addSignal({1, std::string(65'537, 'n'), "", "", {}}, Double, Scalar),
+               std::invalid_argument);
+  std::vector<std::shared_ptr<parquet::StreamableSignal>> signals;
+  for (int i = 1; i <= 300; ++i) {
+    signals.push_back(live->addSignal({i, name + std::to_string(i), "", "", {}}, Double, Scalar));
+  }
+  for (int round = 0; round < 3; ++round) {
+    for (const auto& signal : signals) append(*signal, round * 10, round * 10 + 10, 1);
+    live->flush();
+  }
+  crash();
+  EXPECT_EQ(recover().signals.size(), signals.size());
+  EXPECT_EQ(faults(rec), "");
 }
 
 TEST_F(LiveRecordings, RefusesFoldersThatAreNotEmpty) {
