@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include <array>
-#include <cstring>
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 namespace kyr {
@@ -75,7 +75,10 @@ void JsonWriter::number(std::uint64_t value) {
 
 void JsonWriter::number(double value) {
   for (const KnownNumber& known : known_) {
-    if (std::memcmp(&known.value, &value, sizeof(value)) == 0) return raw(known.text);
+    // -0.0 equals 0.0, but is written in another way.
+    if (known.value == value && std::signbit(known.value) == std::signbit(value)) {
+      return raw(known.text);
+    }
   }
   KnownNumber& known = known_[oldest_];
   oldest_ = 1 - oldest_;

@@ -20,7 +20,7 @@ std::shared_ptr<::arrow::DataType> elementType(const SignalRows& rows) {
 }
 
 std::shared_ptr<::arrow::DataType> valueType(SignalRows& rows) {
-  const auto element = elementType(rows);
+  auto element = elementType(rows);
   switch (rows.kind()) {
     case SampleKind::number:
       return element;

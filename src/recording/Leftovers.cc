@@ -118,7 +118,7 @@ fs::path foreignIn(const fs::path& folder, const fs::path& twin, bool isOwn) {
     if (isFolder(path)) {
       const bool isOwnToo = isOwn && isOwnFolder(path.filename().string());
       if (!isOwnToo && !isFolder(other)) return path;
-      const fs::path foreign = foreignIn(path, isOwnToo ? fs::path() : other, isOwnToo);
+      fs::path foreign = foreignIn(path, isOwnToo ? fs::path() : other, isOwnToo);
       if (!foreign.empty()) return foreign;
       continue;
     }

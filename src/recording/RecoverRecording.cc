@@ -114,7 +114,7 @@ class Recovery {
       try {
         takeLive(readLiveJson(text, live.string()));
       } catch (const std::runtime_error& error) {
-        result_.notes.push_back(error.what());
+        result_.notes.emplace_back(error.what());
         take(salvageSignals(text));
       }
       return;
@@ -123,13 +123,13 @@ class Recovery {
     if (fs::exists(description)) {
       const std::string text = readWholeFile(description);
       take(salvageSignals(text));
-      result_.notes.push_back(
+      result_.notes.emplace_back(
           fmt::format("{} is damaged: {} could be made out of it, which may be wrong in places",
                       kDescriptionFile, signals_.empty() ? "nothing" : "descriptions"));
       const fs::path copy = description.string() + kDamagedSuffix;
       if (!fs::exists(copy)) copyFile(description, copy);
     } else {
-      result_.notes.push_back(
+      result_.notes.emplace_back(
           fmt::format("nothing but the files in {} describes the signals", kStorageFolder));
     }
   }
@@ -170,7 +170,7 @@ class Recovery {
       }
     }
     if (!claimed.empty()) {
-      result_.notes.push_back(
+      result_.notes.emplace_back(
           "which signals shared a file is known from the time when each file was made only");
     }
     for (const int id : storage_->ids()) {

@@ -242,6 +242,7 @@ TEST(FileLayout, OnlyRowGroupsOfAscendingTimesSayThatTheyAreSorted) {
       {"no rows", samples({}), {}},
   };
   std::vector<const ::arrow::Table*> rowGroups;
+  rowGroups.reserve(cases.size());
   for (const Case& each : cases) rowGroups.push_back(each.table.get());
   const FileLayout layout(*cases[0].table->schema(), properties(), kAll);
   const auto file = written(layout, rowGroups);

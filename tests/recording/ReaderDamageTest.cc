@@ -128,7 +128,7 @@ void replace(const fs::path& file, const ::arrow::Table& table) {
 
 // Whatever storage/1 is, the samples of signal 1 are refused and named, and the others stay.
 TEST_F(ReaderTest, FilesThatAreNotAsDescribedAreRefused) {
-  const auto doubles = ::arrow::float64();
+  const auto& doubles = ::arrow::float64();
   const auto lists = ::arrow::list(::arrow::int8());
   const Fault faults[]{
       {"missing", [](const fs::path& file) { fs::remove(file); }, "storage/1: missing"},
@@ -219,7 +219,7 @@ TEST_F(ReaderTest, FilesThatAreNotAsDescribedAreRefused) {
 TEST_F(ReaderTest, NoFlippedBitIsReadUnnoticed) {
   put(pool, 1, ramp({1, 2, 3}));
   put(pool, 2, {{0, 1}, {1, 2, 3}, {{1}, {2, 1}}, {}}, UInt8, VarDim);
-  for (const std::size_t packBelow : {0, 1000}) {
+  for (const std::size_t packBelow : {0U, 1000U}) {
     fs::remove_all(rec);
     SaveOptions options;
     options.packBelow = packBelow;

@@ -101,7 +101,7 @@ class ReaderTest : public RecordingTest {
     ArrowArrayStream stream;
     reader.exportTo(id, &stream, rows, maxRows);
     const auto imported = ::arrow::ImportRecordBatchReader(&stream).ValueOrDie();
-    const auto table = imported->ToTable().ValueOrDie();
+    auto table = imported->ToTable().ValueOrDie();
     must(table->ValidateFull());
     return table;
   }

@@ -32,6 +32,7 @@ void record(const std::filesystem::path& folder, std::atomic<bool>& isThere) {
   options.storage.batchRows = 64;
   LiveRecording live(Path::fromFilesystem(folder), options);
   std::vector<std::shared_ptr<parquet::StreamableSignal>> signals;
+  signals.reserve(kSignals);
   for (int id = 0; id < kSignals; ++id) {
     signals.push_back(live.addSignal({id, "", "", "", {}}, Double, Scalar));
   }

@@ -107,7 +107,7 @@ TEST_F(ReaderWindows, AscendingTimesAreFoundWithTwoRowGroups) {
   record(times, 40'000, /*marks=*/true);
   listFiles(/*withBlocks=*/true);
   DiskFile file(rec / "storage/0", DiskFile::Mode::readWrite);
-  for (const std::uint64_t row : {20'000, 180'000, 220'000, 380'000}) {
+  for (const std::uint64_t row : {20'000U, 180'000U, 220'000U, 380'000U}) {
     file.writeAt(row * sizeof(double), {"damage"});
   }
   const RecordingReader reader = read();

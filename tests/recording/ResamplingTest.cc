@@ -110,7 +110,7 @@ TEST_F(ResamplingTest, LongSignalsAreReadInPieces) {
   EXPECT_EQ(united.times(), all);
   EXPECT_EQ(united.times({131'071, 131'074}), Times(all.begin() + 131'071, all.begin() + 131'074));
   const auto whole = united.numbers(2);
-  for (const std::uint64_t row : {0, 65'535, 65'536, 100'000, 131'071}) {
+  for (const std::uint64_t row : {0U, 65'535U, 65'536U, 100'000U, 131'071U}) {
     EXPECT_EQ(united.numbers(2, {row, row + 1}).front(), whole[row]);
     const auto place = united.places(2, {row, row + 1}).front();
     const std::int64_t last = static_cast<std::int64_t>(all[row] / 3) * 3 + 2;

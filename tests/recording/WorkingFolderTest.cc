@@ -157,7 +157,7 @@ TEST_F(WorkingFolders, TemporaryDirectoriesOfSafePoolsGoWithTheirLastSignal) {
   safe.reset();
   EXPECT_EQ(temp.names(), test::Names{"store"});
 
-  parquet::SignalPool(temp.path().join("named"), parquet::SafeStorage());
+  { const parquet::SignalPool named(temp.path().join("named"), parquet::SafeStorage()); }
   EXPECT_EQ(temp.names(), (test::Names{"named", "store"}));
   const fs::path left = parquet::SignalPool().getParquetDirectory().toFilesystem();
   EXPECT_TRUE(fs::is_empty(left));

@@ -320,7 +320,9 @@ class Replay {
   void checkSharing() {
     std::map<int, const Rows*> files;
     std::vector<std::tuple<std::string, const Rows*, int>> contents;
-    for (const auto& [id, model] : models_) {
+    for (const auto& entry : models_) {
+      const int id = entry.first;
+      const Model& model = entry.second;
       const auto add = [&](const Rows& rows, int file, const std::string& schema) {
         if (rows.empty()) return;
         for (const auto& [otherSchema, other, otherFile] : contents) {

@@ -64,6 +64,7 @@ TEST_F(PlainStream, RangesHoldTheRowsOfTheTablesThatTheWriterReads) {
 TEST_F(PlainStream, ManyFilesThatAreReadTakeFewDescriptors) {
   constexpr int kFiles = 600;
   std::vector<std::unique_ptr<Signal>> signals;
+  signals.reserve(kFiles);
   for (int i = 0; i < kFiles; ++i) signals.push_back(signalOver({2, 2, 1}));
   const std::size_t before = descriptors();
   for (int round = 0; round < 2; ++round) {

@@ -76,7 +76,7 @@ TEST_F(RedundancyCheckerTest, NextNumberIsTheNumberOfTheNextNewContent) {
   EXPECT_EQ(processTimeAndCheck(&context, values, 3), 11);
   copy.nextNumber = 1;
   EXPECT_EQ(processTimeAndCheck(&copy, values, 4), 1);
-  for (const unsigned long count : {1, 2, 3}) {
+  for (const unsigned long count : {1UL, 2UL, 3UL}) {
     EXPECT_EQ(processTimeAndCheck(&context, values, count), count == 1 ? 0 : 8 + count);
   }
 }

@@ -58,6 +58,7 @@ const Option& optionCalled(std::string_view name) {
     if (name == option.name) return option;
   }
   std::vector<std::string> names;
+  names.reserve(kOptions.size());
   for (const Option& option : kOptions) names.emplace_back(option.name);
   throw UsageError(fmt::format("--set {}: there is no such option{} (kyr options lists {})", name,
                                suggestion(std::string(name), names), fmt::join(names, ", ")));

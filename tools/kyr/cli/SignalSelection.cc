@@ -38,6 +38,7 @@ std::vector<SignalInfo> chosenSignals(const RecordingInfo& info,
                                       const std::string& folder) {
   if (names.empty()) return info.signals;
   std::vector<SignalInfo> signals;
+  signals.reserve(names.size());
   for (const std::string& name : names) signals.push_back(signalCalled(info, name, folder));
   return signals;
 }
