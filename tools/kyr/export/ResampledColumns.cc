@@ -28,6 +28,7 @@ recording::Resampling resamplingOf(const recording::RecordingReader& reader,
                                    const ResampleOptions& options) {
   const Span span("resample: grid");
   std::vector<int> ids;
+  ids.reserve(signals.size());
   for (const ExportSignal& signal : signals) ids.push_back(signal.info.signalId);
   recording::ResampleOptions asked;
   asked.step = options.step;
