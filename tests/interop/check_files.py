@@ -3,13 +3,14 @@
 check_files.py SAMPLE_WRITER GOLDEN_RECORDING FORMAT_DOCUMENT
 
 The expected values are computed here, from the rules in recording/SampleSignals.cc and not from
-anything that the library wrote. The document's Python example is run as well.
+anything that the library wrote. The document's Python programs are run as well.
 """
 
 import itertools
 import json
 import pathlib
 import re
+import shutil
 import struct
 import subprocess
 import sys
@@ -192,14 +193,43 @@ def check_packed(folder):
             check(f"{kind} {category} {name} by duckdb", by_duckdb[name], values)
 
 
+def program_of(document, name):
+    """A program that the document has in a block with that name."""
+    text = document.read_text(encoding="utf-8")
+    return re.search(rf"```python {re.escape(name)}\n(.*?)```", text, re.DOTALL)[1]
+
+
 def check_example(document, recording):
-    example = re.search(r"```python\n(.*?)```", document.read_text(encoding="utf-8"), re.DOTALL)[1]
     scope = {}
-    exec(example, scope)
+    exec(program_of(document, "read_signal.py"), scope)
     for kind, category in KINDS:
         time, data = scope["read_signal"](recording, f"{kind} {category}")
         check("example, time", time, TIME)
         check("example, data", data, expected_columns(kind, category, True)["data"][1])
+
+
+def check_checker(document, recording):
+    """The document's program that checks a recording finds a changed bit in any file, and names it."""
+    program = program_of(document, "check_recording.py")
+
+    def faults(folder):
+        found = subprocess.run([sys.executable, "-c", program, folder], capture_output=True, text=True)
+        assert "Traceback" not in found.stderr, found.stderr
+        return found.returncode, found.stderr
+
+    check(f"faults of {recording}", faults(recording), (0, ""))
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name) / "damaged"
+        shutil.copytree(recording, folder)
+        files = sorted((folder / "storage").iterdir())
+        for path in [*files[:: max(1, len(files) // 5)], folder / "recording.json"]:
+            content = path.read_bytes()
+            # A letter of a description, so that the document is JSON still.
+            at = content.index(b"line 1") if path.suffix == ".json" else len(content) // 2
+            path.write_bytes(content[:at] + bytes([content[at] ^ 1]) + content[at + 1 :])
+            code, text = faults(folder)
+            assert code == 1 and path.name in text, f"{path} is damaged: {code} {text}"
+            path.write_bytes(content)
 
 
 def check_adoption(sample_writer, folder):
@@ -221,6 +251,7 @@ def check_adoption(sample_writer, folder):
 def main(sample_writer, golden, document):
     check_recording(golden)
     check_example(document, golden)
+    check_checker(document, golden)
     with tempfile.TemporaryDirectory() as name:
         out = pathlib.Path(name)
         check_adoption(sample_writer, out / "adopted")
@@ -230,6 +261,7 @@ def main(sample_writer, golden, document):
             check_storage(out / "storage" / kind, records, kind == "streamed")
         check_packed(out / "packed")
         check_example(document, out / "packed")
+        check_checker(document, out / "packed")
 
 
 main(*map(pathlib.Path, sys.argv[1:]))
