@@ -29,8 +29,10 @@ def blocks_of(document):
         yield text.count("\n", 0, block.start()) + 1, *block.groups()
 
 
-def commands_of(where, language, name, text):
+def commands_of(where, language, name, text, others):
     if name:
+        if not any(re.search(rf"\b{re.escape(pathlib.Path(name).stem)}\b", other) for other in others):
+            sys.exit(f"{where}: nothing uses {name}")
         return f"cat > '{name}' <<'{END}'\n{text}{END}\n"
     if language == "sh":
         return NOT_RUN_HERE.sub(r"test -x \1", text)
@@ -43,16 +45,18 @@ def commands_of(where, language, name, text):
 
 def main(document, repository, setup=""):
     document = pathlib.Path(document)
+    blocks = list(blocks_of(document))
     script = [f"set -euo pipefail\n{setup}\n"]
     wanted = {}
     before = 0
-    for line, language, name, text in blocks_of(document):
+    for line, language, name, text in blocks:
         if language == "text":
             wanted[before] = text
             continue
         before = line
         script.append(f"printf '\\036%d\\n' {line} | tee /dev/stderr\n")
-        script.append(commands_of(f"{document}:{line}", language, name, text))
+        others = [other[3] for other in blocks if other[0] != line] + ["CMakeLists"]
+        script.append(commands_of(f"{document}:{line}", language, name, text, others))
     with tempfile.TemporaryDirectory(prefix="kyr document ") as folder:
         python = pathlib.Path(sys.executable).parent
         environment = {**os.environ, "TMPDIR": folder, "PATH": f"{python}:{os.environ['PATH']}"}
