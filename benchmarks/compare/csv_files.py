@@ -99,7 +99,7 @@ def measured(command, output, env):
 
 
 def compare_tables(source, target):
-    """Every number of the one against that of the other; names are the programs' own affair."""
+    """Compares every number. Programs may change names, so these are not compared."""
     from pyarrow import csv
     expected, read = csv.read_csv(source), csv.read_csv(target)
     if (read.num_rows, read.num_columns) != (expected.num_rows, expected.num_columns):
@@ -112,7 +112,7 @@ def compare_tables(source, target):
 
 
 def commands(store, source, folder, target, kyr):
-    """Those there and back, each with the file of its standard output."""
+    """The commands that import and export, each with the file of its standard output."""
     stored = folder / "stored" / source.stem
     log = folder / "log"
     if store == "floor":  # cp
@@ -139,7 +139,7 @@ def measure(store, folder, sources, kyr):
             for clock in ("elapsed", "cpu"):
                 result[phase][clock] += times[clock]
             result[phase]["memory"] = max(result[phase]["memory"], times["memory"])
-        # In another process, for the same reason.
+        # Runs in another process: one that has been large passes its peak memory on.
         measured([sys.executable, "-B", __file__, "", "compare", source, target], folder / "log",
                  env)
     result["disk"] = count_files(folder / "stored")

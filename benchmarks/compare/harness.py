@@ -19,7 +19,7 @@ class Failure(Exception):
 
 
 def environment(folder):
-    """Programs put their temporary files beside what they store: on that disk, and emptied with it."""
+    """Programs put temporary files beside what they store, on that disk. They are emptied with it."""
     temporary = folder / "temporary"
     temporary.mkdir(exist_ok=True)
     return {**os.environ, "TMPDIR": str(temporary)}
@@ -105,7 +105,7 @@ def take_turns(workload, stores, root, options, measure):
 
 
 class Summary:
-    """Of the repetitions: medians or, for a machine that others disturb, the shortest times."""
+    """Medians of the repetitions or, for a machine that others disturb, the shortest times."""
 
     def __init__(self, clock, best):
         self.clock = clock
@@ -126,7 +126,7 @@ class Summary:
         return min(times) if self.best else statistics.median(times)
 
     def ratio(self, results, base, phase):
-        """Of the shortest times, or the median of the ratios within each repetition."""
+        """The ratio of the shortest times, or the median of the ratios within each repetition."""
         pairs = [(a[phase][self.clock], b[phase][self.clock]) for a, b in zip(results, base)
                  if phase in a and phase in b]
         if not pairs:

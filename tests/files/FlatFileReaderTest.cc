@@ -110,7 +110,7 @@ TEST_F(FlatFileReaderTest, LeavesOtherFilesToArrow) {
   EXPECT_EQ(read(), std::nullopt);
 }
 
-// What is read of a damaged file is what Arrow reads of it.
+// A damaged file is read as Arrow reads it.
 TEST_F(FlatFileReaderTest, ReadsNoDamagedFileOtherwiseThanArrow) {
   write(*ascending(::arrow::int16(), 20), 13);
   const std::string whole = store.contents("0");

@@ -78,7 +78,7 @@ const Fault kFaults[]{
     {"unlisted file", says([](Info& info) { info.files.erase(info.files.begin()); }),
      "signal 1 names the file storage/0, which is not listed"},
 
-    // Contradictions that no checksum shows: found by verifyRecording() only.
+    // No checksum shows these contradictions. Only verifyRecording() finds them.
     {"file that is no Parquet file",
      [](const fs::path& rec) {
        replaced("storage/1", "text")(rec);

@@ -224,7 +224,7 @@ TEST_F(LiveRecordings, OthersReadAlong) {
   EXPECT_EQ(reader.sampleCount(1), 40U);
   EXPECT_EQ(samplesOf(1, 38), Values({38, 39}));
   SampleBlocks blocks = reader.blocks(1, {10, 50}, 7);
-  // The second signal parts from the first, into files of its own.
+  // The second signal differs from the first from here on, and gets files of its own.
   append(*b, 40, 60, 3);
   live->flush();
   ASSERT_TRUE(reader.refresh());
@@ -252,7 +252,7 @@ TEST_F(LiveRecordings, OthersReadAlong) {
   ASSERT_TRUE(reader.refresh());
   EXPECT_EQ(reader.state(), RecordingState::finished);
   EXPECT_EQ(samplesOf(2, 59), Values{177});
-  // What was asked for before is as it was then.
+  // Blocks that were asked for before the refresh give the rows of that time.
   Values walked;
   while (const SampleBlock* block = blocks.next()) {
     const auto* const values = static_cast<const double*>(block->elements);
@@ -262,7 +262,7 @@ TEST_F(LiveRecordings, OthersReadAlong) {
   EXPECT_EQ(walked.back(), 39);
 }
 
-// What was not flushed is not there, also where it is in a file that others share.
+// Rows that were not flushed are not read, even where they are in a file that others share.
 TEST_F(LiveRecordings, RecoversExactlyWhatWasFlushed) {
   begin();
   append(*a, 0, 50, 1);
@@ -292,7 +292,7 @@ TEST_F(LiveRecordings, ForgottenSignalsCostOthersNothing) {
   expectSignal(2, 50, 1);
 }
 
-// However the journal ends, it is the last whole line that counts.
+// The last whole line of the journal counts, however the journal ends.
 TEST_F(LiveRecordings, TornJournalLinesAreNoticed) {
   begin();
   std::vector<std::uint64_t> ends;
@@ -360,7 +360,7 @@ TEST_F(LiveRecordings, RecoveryThatWasKilledIsRepeated) {
   expectSignal(2, 20, 1);
 }
 
-// Without a description, what the files hold is there, under names of need.
+// Without a description, signals are made of what the files hold, under makeshift names.
 TEST_F(LiveRecordings, RebuildsWhatFilesTell) {
   struct {
     const char* name;
@@ -409,7 +409,8 @@ TEST_F(LiveRecordings, RebuildsWhatFilesTell) {
   EXPECT_EQ(test::Folder(rec).contents("recording.json"), text);
 }
 
-// Signals of all kinds, which share and part at random, against what they were at the last flush.
+// Compares signals of all kinds, which are equal up to random rows, with what they were at the last
+// flush.
 TEST_F(LiveRecordings, CrashAtAnyMomentKeepsEveryAcknowledgedRow) {
   for (unsigned round = 0; round < 40; ++round) {
     SCOPED_TRACE(round);

@@ -53,7 +53,7 @@ class PackedRecording : public test::RecordingTest {
   const Samples four = ramp({1, 2, 3, 4, 5});
 };
 
-// Whether the contents are in files or held in memory when they are packed, and how they are read.
+// Whether the contents are in files or in memory when they are packed, and how they are read.
 class PackedKinds : public PackedRecording,
                     public ::testing::WithParamInterface<std::tuple<bool, bool>> {};
 
@@ -169,12 +169,12 @@ TEST_F(PackedRecording, AppendingToAPackedSignalKeepsWhatOthersHave) {
 }
 
 TEST_F(PackedRecording, HeldContentsGetFilesWhenTheyAreDue) {
-  auto storage = holding(30);  // two are, the one of 5 times is not; 24 + 6 + 10 bytes
+  auto storage = holding(30);  // contents of 24, 6 and 10 bytes stay in memory, one of 40 does not
   storage.holdTotal = 36;
   parquet::SignalPool stored(Path::fromFilesystem(temp.file("held")), storage);
   const test::Folder folder(temp.file("held"));
   storeFour(stored);
-  EXPECT_EQ(folder.names(), (std::set<std::string>{"3", "4"}));  // times of 4; then 40 > 36
+  EXPECT_EQ(folder.names(), (std::set<std::string>{"3", "4"}));  // 40 > 30; 24 + 6 + 10 > 36
   EXPECT_EQ(stored.getSignal(1)->getStorageId(1), stored.getSignal(2)->getStorageId(1));
   EXPECT_EQ(test::read(*stored.getSignal(1)), one);
   stored.flush();

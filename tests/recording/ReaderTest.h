@@ -24,7 +24,7 @@ namespace kyr::test {
 using recording::RecordingReader;
 using recording::RowRange;
 
-/// A recording that is read where it lies.
+/// A recording that is read in place.
 class ReaderTest : public RecordingTest {
  protected:
   static constexpr std::uint64_t kBlock = 262'144;

@@ -14,8 +14,8 @@
 #include "kyr/recording/RecordingReader.h"
 #include "support/TempDir.h"
 
-// Readers in threads of their own beside a recorder. Meant for the thread sanitizer, and small because
-// of it.
+// Readers run in threads of their own beside a recorder. The test is small because it runs under
+// the thread sanitizer.
 namespace kyr::recording {
 namespace {
 

@@ -11,7 +11,8 @@ namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-// Times that ascend or not, over several row groups, against a look at each of them.
+// Compares windows of times, ascending or not, over several row groups, with a search through all
+// times.
 class ReaderWindows : public test::ReaderTest {
  protected:
   // A recording of one time file whose row groups may be marked as ascending.
@@ -100,7 +101,7 @@ TEST_F(ReaderWindows, AreThoseOfALookAtEachTime) {
   }
 }
 
-// What is not needed is not read: damage there goes unnoticed.
+// Damage in rows that are not needed goes unnoticed, because they are not read.
 TEST_F(ReaderWindows, AscendingTimesAreFoundWithTwoRowGroups) {
   std::vector<double> times(400'000);
   for (std::size_t i = 0; i < times.size(); ++i) times[i] = static_cast<double>(i) / 7;

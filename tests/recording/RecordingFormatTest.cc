@@ -186,7 +186,7 @@ TEST(RecordingFormat, CountsUpToTheLargestAreRead) {
   EXPECT_EQ(read.files[1].size, kMost);
 }
 
-// The library's document would be destroyed, copied and printed level by level.
+// A JSON library would recurse into each level when it copies, prints or destroys the document.
 TEST(RecordingFormat, DeepTextsAreRefusedEverywhere) {
   const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
   for (const char* format : {"kyr recording", "kyr live recording"}) {
@@ -218,7 +218,7 @@ TEST(RecordingFormat, SignalsBeforeADamagedPlaceAreSalvaged) {
   EXPECT_EQ(salvageSignals(other)[0].signalId, 2147483647);
 }
 
-// A footer is written again and again, and Parquet's readers bound its texts.
+// Growing files write their footers again and again, and readers of Parquet limit their texts.
 TEST(PartNotes, AreBoundedHoweverManyAndLongTheNamesAre) {
   std::vector<parquet::PartLabel> labels(1000);
   for (std::size_t i = 0; i < labels.size(); ++i) {

@@ -23,7 +23,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-// Rows [from, to) of samples of which each has its length, or all have one.
+// Rows [from, to) of samples that have a length each, or one in common.
 Samples part(const Samples& all, std::size_t from, std::size_t to, std::size_t width) {
   std::vector<std::size_t> ends{0};
   for (std::size_t i = 0; i < all.time.size(); ++i) {
@@ -298,7 +298,7 @@ TEST_F(ReaderTest, FoldersMayBeReplacedReadOnlyOrNoRecordings) {
   EXPECT_THAT(errorOf([&] { read(); }), HasSubstr("rec: no such folder"));
 }
 
-// Far more files than descriptors; streams have theirs.
+// There are far more files than descriptors. Streams have descriptors of their own.
 TEST_F(ReaderTest, DescriptorsAreBounded) {
   constexpr int kSignals = 60;
   for (int id = 0; id < kSignals; ++id) put(pool, id, ramp({1, 2, short(id)}));

@@ -23,9 +23,9 @@ namespace {
 namespace fs = std::filesystem;
 using namespace kyr;
 
-// The signals of sampleSignals() and one that was never written: as the recordings OUT/recording
-// and, streamed, OUT/streamed and OUT/packed, and as the working storage, OUT/storage/recording and
-// so on.
+// Writes the signals of sampleSignals() and one without samples: as the recording OUT/recording, as
+// the streamed recordings OUT/streamed and OUT/packed, and as the working storage of each, such as
+// OUT/storage/recording.
 void writeSamples(const fs::path& out) {
   const auto signals = test::sampleSignals();
   auto descriptions = test::descriptionsOf(signals);
@@ -39,7 +39,7 @@ void writeSamples(const fs::path& out) {
     parquet::SignalPool pool(Path::fromFilesystem(working));
     test::storeSignals(pool, signals);
     recording::saveRecording(pool, descriptions, Path::fromFilesystem(out / name), options);
-    fs::copy(working, out / "storage" / name);  // the pool takes its own files along when it goes
+    fs::copy(working, out / "storage" / name);  // the pool deletes its own files
   }
 }
 

@@ -33,7 +33,7 @@ class SaveRecording : public test::RecordingTest {
  protected:
   SaveRecording() { put(pool, 1, ramp({1, 2, 3})); }
 
-  // A recording with things of others in its folder.
+  // A recording whose folder has files of others.
   void saveWithForeignEntries() {
     save(rec);
     const Folder folder(rec);
@@ -209,7 +209,7 @@ TEST_F(SaveRecording, WithoutLeaveToReplaceARecordingStays) {
   EXPECT_EQ(everythingIn(rec), saved);
   EXPECT_EQ(temp.names(), (std::set<std::string>{"rec", "store"}));
 
-  // One that is made between that look and the last step.
+  // A recording that is made after the first look and before the last step.
   LockedFolder fresh(temp.file("fresh"));
   Folder(fresh.path()).touch("new");
   EXPECT_THAT(test::errorOf([&] {
@@ -220,7 +220,7 @@ TEST_F(SaveRecording, WithoutLeaveToReplaceARecordingStays) {
   EXPECT_TRUE(fs::exists(fresh.path() / "new"));
 }
 
-// What a reader of a part of a file needs to check that part alone.
+// With these digests a reader can check a part of a file alone.
 std::vector<std::uint64_t> blocksOf(const fs::path& file) {
   constexpr std::size_t kBlock = 262'144;
   const std::string bytes = readWholeFile(file);

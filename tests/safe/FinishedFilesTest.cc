@@ -13,7 +13,7 @@
 #include "safe/SharedStore.h"
 #include "signals/SignalPoolImpl.h"
 
-// Finished files under a safe pool: those that it reads where they lie, and how many stay open.
+// Finished files of a safe pool: those of others, which it reads in place, and how many stay open.
 
 namespace kyr::parquet {
 namespace {

@@ -107,7 +107,7 @@ class Replay {
   static SafeStorage storageOf(std::size_t batchRows, int failAt) {
     SafeStorage storage;
     storage.batchRows = batchRows;
-    // Some contents then are in files, others in memory.
+    // Some contents are in files then, and others in memory.
     if (batchRows % 3 == 0) {
       storage.holdBelow = 60;
       storage.holdTotal = 150;
@@ -117,7 +117,7 @@ class Replay {
     return storage;
   }
 
-  // A call that fails because of the disk says so, and does the same when it is repeated.
+  // A call that fails because of the disk says so, and succeeds when it is repeated.
   template <typename Call>
   void attempt(Call&& call) {
     try {
@@ -215,7 +215,7 @@ class Replay {
     FeatureFlag::set("fKYRUseParquetRowGroup", false);
   }
 
-  // Rows that follow, of content op.c, as many as op.a says; sometimes more than a batch.
+  // The next rows of content op.c. op.a says how many; sometimes they are more than a batch.
   static Rows next(const Kind& kind, Rows& model, const Op& op) {
     Rows rows;
     const unsigned count = op.b % 8 == 0 ? op.a % 40 : op.a % 5;

@@ -84,7 +84,7 @@ TEST_F(SerializerWorker, WriteUnderAnIdWhoseFileExistsIsLostInSilence) {
 TEST_F(SerializerWorker, RemovingTheIdThatIsNextLowersTheCounter) {
   reopen({"3", "7"});
   worker->remove(7);
-  worker->remove(7);  // not known any more
+  worker->remove(7);  // does nothing: the id is not known any more
   EXPECT_EQ(worker->getLastAllocatedParquetStorageID(), 3);
   worker->remove(3);
   EXPECT_TRUE(worker->isParquetDirectoryEmpty());
@@ -98,7 +98,7 @@ TEST_F(SerializerWorker, RemovingTheIdThatIsNextLowersTheCounter) {
 
 TEST_F(SerializerWorker, FileGoesWithItsLastReference) {
   reopen({"0", "1"});
-  // was known before, so it still has no reference
+  // The id was known before, so allocating it counts no reference.
   ASSERT_EQ(worker->getNextParquetStorageId(), 1);
   struct {
     const char* name;
@@ -117,7 +117,7 @@ TEST_F(SerializerWorker, FileGoesWithItsLastReference) {
     SCOPED_TRACE(name);
     const int id = make();
     for (int i = 0; i < checkouts; ++i) {
-      worker->updateChunkIndex();  // keeps the counts
+      worker->updateChunkIndex();  // scans the directory, and keeps the references
       worker->checkoutParquetFile(id);
     }
     for (int i = 0; i < removals; ++i) {

@@ -26,7 +26,7 @@ RecordHash hashOf(std::string_view payload) {
   return hash;
 }
 
-// A directory in memory where there is one: recoveries wait for the disk, and there are thousands.
+// Uses a directory in memory if there is one, because thousands of recoveries wait for the disk.
 class MemoryDir {
  public:
   MemoryDir() : before_(fs::temp_directory_path()) {
@@ -146,7 +146,7 @@ TEST_F(GrowingFileRecovery, WhateverFollowsTheRecordsIsCut) {
   }
 }
 
-// Strangers see all batches of the footer or none.
+// Other programs see all batches of the footer, or none.
 TEST_F(GrowingFileRecovery, HalfOverwrittenFooterIsNoFooter) {
   grow(30, 3);
   const std::string next = record(30);
@@ -177,8 +177,8 @@ TEST_F(GrowingFileRecovery, LeavesOtherFilesAlone) {
   EXPECT_THROW(recoverFile(path), std::system_error);
 }
 
-// Metadata that say something else under a checksum that fits: taken or not, nothing is read from
-// outside of the record.
+// The metadata are forged and the checksum fits. Whether recovery accepts them or not, it reads
+// nothing outside of the record.
 TEST_F(GrowingFileRecovery, ForgedMetadataDoNoHarm) {
   grow(2, 3);
   const DiskFile original(path, DiskFile::Mode::readOnly);
