@@ -1,11 +1,10 @@
 """Runs a document: all its commands and programs in their order, as a reader would.
 
-run_document.py DOCUMENT REPOSITORY [SETUP]
+run_document.py DOCUMENT REPOSITORY
 
-The first word behind the fence is the language of a block, the second one names a file. A block with
+The first word behind a fence is the language of the block, the second one names a file. A block with
 a name is written to that file. Others run: `sh` in one shell that begins in the repository, `python`
-in that shell's folder. `text` is what the block before it prints last. SETUP is a command that runs
-first, in the shell.
+in the folder of that shell. `text` is what the block before it prints last.
 """
 
 import os
@@ -31,7 +30,8 @@ def blocks_of(document):
 
 def commands_of(where, language, name, text, others):
     if name:
-        if not any(re.search(rf"\b{re.escape(pathlib.Path(name).stem)}\b", other) for other in others):
+        stem = re.escape(pathlib.Path(name).stem)
+        if not any(re.search(rf"\b{stem}\b", other) for other in others):
             sys.exit(f"{where}: nothing uses {name}")
         return f"cat > '{name}' <<'{END}'\n{text}{END}\n"
     if language == "sh":
@@ -43,10 +43,10 @@ def commands_of(where, language, name, text, others):
     sys.exit(f"{where}: {language} without a file name: no command can use it")
 
 
-def main(document, repository, setup=""):
+def main(document, repository):
     document = pathlib.Path(document)
     blocks = list(blocks_of(document))
-    script = [f"set -euo pipefail\n{setup}\n"]
+    script = ["set -euo pipefail\n"]
     wanted = {}
     before = 0
     for line, language, name, text in blocks:
@@ -66,7 +66,7 @@ def main(document, repository, setup=""):
     if run.returncode != 0:
         line = list(printed)[-1] if printed else 0
         sys.exit(f"{document}:{line}: exit code {run.returncode}\n{run.stderr.split(chr(30))[-1]}")
-    assert wanted or setup, f"{document}: shows nothing that could be compared"
+    assert wanted, f"{document}: shows nothing that could be compared"
     for line, text in wanted.items():
         found = printed[str(line)]
         if not found.endswith(text) or found.count("\n") < text.count("\n"):

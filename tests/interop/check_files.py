@@ -206,14 +206,19 @@ def check_example(document, recording):
         time, data = scope["read_signal"](recording, f"{kind} {category}")
         check("example, time", time, TIME)
         check("example, data", data, expected_columns(kind, category, True)["data"][1])
+    signals = json.loads((recording / "recording.json").read_text(encoding="utf-8"))["signals"]
+    empty = [signal["name"] for signal in signals if signal["dataStorageId"] is None]
+    check("signals without samples", [scope["read_signal"](recording, name) for name in empty],
+          [([], [])])
 
 
 def check_checker(document, recording):
-    """The document's program that checks a recording finds a changed bit in any file, and names it."""
+    """The document's program that checks a recording names each file with a changed bit."""
     program = program_of(document, "check_recording.py")
 
     def faults(folder):
-        found = subprocess.run([sys.executable, "-c", program, folder], capture_output=True, text=True)
+        command = [sys.executable, "-c", program, folder]
+        found = subprocess.run(command, capture_output=True, text=True)
         assert "Traceback" not in found.stderr, found.stderr
         return found.returncode, found.stderr
 
