@@ -2,9 +2,9 @@
 
 run_document.py DOCUMENT REPOSITORY
 
-The first word behind a fence is the language of the block, the second one names a file. A block with
-a name is written to that file. Others run: `sh` in one shell that begins in the repository, `python`
-in the folder of that shell. `text` is what the block before it prints last.
+The first word behind a fence is the language of the block, the second one names a file. A block
+with a name is written to that file. Others run: `sh` in one shell that begins in the repository,
+`python` in the folder of that shell. `text` is what the block before it prints last.
 """
 
 import os
