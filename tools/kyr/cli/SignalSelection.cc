@@ -9,13 +9,12 @@
 
 namespace kyr::tool {
 
-using recording::RecordingInfo;
 using recording::SignalInfo;
 
-const SignalInfo& signalCalled(const RecordingInfo& info, const std::string& name,
+const SignalInfo& signalCalled(const std::vector<SignalInfo>& all, const std::string& name,
                                const std::string& folder) {
   const SignalInfo* found = nullptr;
-  for (const SignalInfo& signal : info.signals) {
+  for (const SignalInfo& signal : all) {
     if (signal.name != name && joinHeader(signal.name, signal.unit) != name) continue;
     if (found) {
       throw std::runtime_error(
@@ -26,20 +25,20 @@ const SignalInfo& signalCalled(const RecordingInfo& info, const std::string& nam
     found = &signal;
   }
   if (found) return *found;
-  for (const SignalInfo& signal : info.signals) {
+  for (const SignalInfo& signal : all) {
     if (std::to_string(signal.signalId) == name) return signal;
   }
   throw std::runtime_error(fmt::format("{}: there is no signal {}: kyr info {} lists them", folder,
                                        inQuotes(name), folder));
 }
 
-std::vector<SignalInfo> chosenSignals(const RecordingInfo& info,
+std::vector<SignalInfo> chosenSignals(const std::vector<SignalInfo>& all,
                                       const std::vector<std::string>& names,
                                       const std::string& folder) {
-  if (names.empty()) return info.signals;
+  if (names.empty()) return all;
   std::vector<SignalInfo> signals;
   signals.reserve(names.size());
-  for (const std::string& name : names) signals.push_back(signalCalled(info, name, folder));
+  for (const std::string& name : names) signals.push_back(signalCalled(all, name, folder));
   return signals;
 }
 

@@ -10,11 +10,11 @@ namespace kyr::tool {
 /// The signal that the user calls \p name: by its name, by the header that `kyr cat` prints, or by
 /// its number.
 /// \throws std::runtime_error naming \p folder if there is none, or more than one
-const recording::SignalInfo& signalCalled(const recording::RecordingInfo& info,
+const recording::SignalInfo& signalCalled(const std::vector<recording::SignalInfo>& signals,
                                           const std::string& name, const std::string& folder);
 
 /// The signals with these names, in this order; all signals if there are no names.
-std::vector<recording::SignalInfo> chosenSignals(const recording::RecordingInfo& info,
+std::vector<recording::SignalInfo> chosenSignals(const std::vector<recording::SignalInfo>& all,
                                                  const std::vector<std::string>& names,
                                                  const std::string& folder);
 

@@ -2,34 +2,32 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
-#include <cmath>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <thread>
 #include <vector>
 
 #include "cli/CommandLine.h"
 #include "cli/Errors.h"
+#include "cli/Interrupt.h"
 #include "cli/Output.h"
 #include "cli/SignalSelection.h"
 #include "commands/Commands.h"
-#include "kyr/parquet/SignalPool.h"
-#include "kyr/recording/Recording.h"
 #include "kyr/recording/RecordingReader.h"
-#include "print/LiveSource.h"
+#include "print/RecordingSummary.h"
 #include "print/SampleTable.h"
 
 namespace kyr::tool {
 
 namespace {
 
-using recording::RecordingInfo;
-using recording::SignalInfo;
+using recording::RecordingReader;
+using recording::RecordingState;
 
 struct CatOptions {
   std::string folder;
@@ -40,9 +38,9 @@ struct CatOptions {
   bool follows = false;
 };
 
-std::size_t parseRow(std::string_view text, std::size_t ifEmpty, const std::string& option) {
+std::uint64_t parseRow(std::string_view text, std::uint64_t ifEmpty, const std::string& option) {
   if (text.empty()) return ifEmpty;
-  std::size_t row = 0;
+  std::uint64_t row = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), row);
   if (error == std::errc() && end == text.data() + text.size()) return row;
   throw UsageError(
@@ -70,43 +68,32 @@ Window windowOf(const CatOptions& options) {
   return window;
 }
 
-int catLive(const CatOptions& options, const Window& window) {
-  recording::RecordingReader reader(Path::fromNarrow(options.folder));
-  RecordingInfo info;
-  info.signals = reader.signals();
-  Output out;
-  LiveCat cat(options.folder, chosenSignals(info, options.signals, options.folder), window);
-  if (options.follows) {
-    cat.follow(out, reader);
-  } else {
-    cat.print(out, reader);
-    if (reader.state() == recording::RecordingState::notFinished) {
-      tell("warning: " + options.folder + " is " + stateOf(reader.state(), options.folder));
+// Prints rows as they are flushed, until the recording is finished.
+void follow(Output& out, RecordingReader& reader, SampleTable& table, const CatOptions& options,
+            const Window& window) {
+  constexpr std::chrono::milliseconds kInterval(100);
+  while (reader.state() != RecordingState::finished) {
+    if (reader.state() == RecordingState::notFinished && !reader.refresh()) {
+      throw std::runtime_error(options.folder + ": " + stateOf(reader.state(), options.folder));
     }
+    std::this_thread::sleep_for(kInterval);
+    stopIfInterrupted();
+    reader.refresh();
+    table.print(out, window);
   }
-  return 0;
 }
 
 int runCat(const CatOptions& options) {
   const Window window = windowOf(options);
-  const Path folder = Path::fromNarrow(options.folder);
-  if (recording::isLiveRecording(folder)) return catLive(options, window);
-  std::vector<SignalInfo> signals =
-      chosenSignals(recording::describeRecording(folder), options.signals, options.folder);
-  std::set<int> ids;
-  for (const SignalInfo& signal : signals) ids.insert(signal.signalId);
-  recording::Recording opened =
-      options.signals.empty()
-          ? recording::openRecording(folder)
-          : recording::openRecording(folder, std::vector<int>(ids.begin(), ids.end()));
-  const SampleTable table(
-      std::move(signals), [&](const SignalInfo& signal, std::vector<double>& time) {
-        return SampleColumn(*opened.pool().getSignal(signal.signalId), signal, time);
-      });
+  RecordingReader reader(Path::fromNarrow(options.folder));
+  SampleTable table(reader, chosenSignals(reader.signals(), options.signals, options.folder));
   Output out;
-  table.printHeader(out);
-  table.printRows(out, window);
-  out.flush();
+  table.print(out, window);
+  if (options.follows) {
+    follow(out, reader, table, options, window);
+  } else if (reader.state() == RecordingState::notFinished) {
+    tell("warning: " + options.folder + " is " + stateOf(reader.state(), options.folder));
+  }
   return 0;
 }
 

@@ -19,9 +19,7 @@
 #include "commands/ImportCommand.h"
 #include "commands/InfoCommand.h"
 #include "csv/CsvTable.h"
-#include "kyr/parquet/ParquetSignal.h"
-#include "kyr/parquet/SignalPool.h"
-#include "kyr/recording/Recording.h"
+#include "kyr/recording/RecordingReader.h"
 #include "print/RecordingSummary.h"
 
 namespace kyr::tool {
@@ -81,15 +79,13 @@ std::uint64_t compareWithCsv(const std::string& file, const std::string& folder)
   CsvTable table(file, {});
   SampleList samples;
   table.read(samples, {});
-  recording::Recording opened = recording::openRecording(Path::fromNarrow(folder));
+  const recording::RecordingReader reader(Path::fromNarrow(folder));
   std::uint64_t compared = 0;
   for (const CsvColumn& column : table.columns()) {
     const Samples& expected = samples.of(column);
-    Samples read;
-    std::vector<std::vector<std::size_t>> shapes;
-    opened.pool().getSignal(column.id)->getData(read.time, read.bytes, shapes);
+    const recording::SampleRows read = reader.read(column.id);
     if (!areSame(read.bytes, expected.bytes) ||
-        (!expected.bytes.empty() && !areSame(read.time, expected.time))) {
+        (!expected.bytes.empty() && !areSame(read.times, expected.time))) {
       throw std::runtime_error(
           fmt::format("signal {} differs from {}", inQuotes(column.name), file));
     }

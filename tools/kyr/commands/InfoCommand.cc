@@ -10,12 +10,12 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "cli/CommandLine.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
 #include "kyr/recording/RecordingReader.h"
-#include "print/LiveSource.h"
 #include "print/RecordingSummary.h"
 #include "print/TypeNames.h"
 
@@ -25,6 +25,7 @@ namespace {
 
 using nlohmann::ordered_json;
 using recording::RecordingInfo;
+using recording::RecordingReader;
 using recording::SignalInfo;
 
 std::string shapeOf(const SignalInfo& signal) {
@@ -106,14 +107,23 @@ struct InfoOptions {
   bool asJson = false;
 };
 
+// Describes a recording that is being written as if it were saved.
+RecordingInfo liveInfo(const RecordingReader& reader, recording::LiveRecordingInfo live) {
+  RecordingInfo info;
+  info.formatVersion = live.formatVersion;
+  info.files = std::move(live.files);
+  info.signals = reader.signals();
+  for (SignalInfo& signal : info.signals) signal.timeSpan = reader.timeSpan(signal.signalId);
+  return info;
+}
+
 int runInfo(const InfoOptions& options) {
   const Path path = Path::fromNarrow(options.folder);
   RecordingInfo info;
   std::optional<std::string> state;
   if (recording::isLiveRecording(path)) {
-    const auto live = recording::describeLiveRecording(path);
-    const recording::RecordingReader reader(path);
-    info = recordingInfoOf(reader, live);
+    const RecordingReader reader(path);
+    info = liveInfo(reader, recording::describeLiveRecording(path));
     state = stateOf(reader.state(), options.folder);
   } else {
     info = recording::describeRecording(path);

@@ -124,7 +124,7 @@ std::vector<ExportSignal> exportedSignals(const recording::RecordingInfo& info,
                            reason));
   };
   for (const SignalInfo& signal :
-       distinctSignals(chosenSignals(info, options.signals, options.folder))) {
+       distinctSignals(chosenSignals(info.signals, options.signals, options.folder))) {
     stopIfInterrupted();
     const std::string reason = obstacle(signal, files, options);
     if (reason.empty()) {

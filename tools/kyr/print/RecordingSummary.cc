@@ -6,6 +6,11 @@
 
 namespace kyr::tool {
 
+std::string stateOf(recording::RecordingState state, const std::string& folder) {
+  return state == recording::RecordingState::beingRecorded ? "recording..."
+                                                           : "not finished: kyr recover " + folder;
+}
+
 RecordingSummary::RecordingSummary(const recording::RecordingInfo& info)
     : signalCount_(info.signals.size()), packCount_(info.packs.size()) {
   for (const recording::FileInfo& file : info.files) {

@@ -7,8 +7,12 @@
 #include <string>
 
 #include "kyr/recording/RecordingInfo.h"
+#include "kyr/recording/RecordingReader.h"
 
 namespace kyr::tool {
+
+/// "recording..." while a recording is being written, else "not finished: kyr recover FOLDER".
+std::string stateOf(recording::RecordingState state, const std::string& folder);
 
 /// Counts and sizes of the files of a recording, and how many bytes sharing them saves.
 class RecordingSummary {

@@ -3,14 +3,16 @@
 #include <arrow/util/base64.h>
 #include <fmt/compile.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <numeric>
+#include <stdexcept>
 #include <string_view>
 #include <type_traits>
-#include <utility>
 
 #include "print/TypeFunctions.h"
 
@@ -46,64 +48,82 @@ struct ElementTexts {
   auto boolean() const { return appendBoolean; }
 };
 
+auto elementTextOf(const recording::SignalInfo& signal) {
+  const bool isBlob = signal.category == Bus || signal.category == VarDimBus;
+  return isBlob ? decltype(ElementTexts().boolean())()
+                : functionFor(signal.dataType, ElementTexts());
+}
+
 }  // namespace
 
-SampleColumn::SampleColumn(parquet::ParquetSignal& signal, const recording::SignalInfo& info,
-                           std::vector<double>& time)
-    : elementText_(functionFor(info.dataType, ElementTexts())), fixedShape_(info.dimensions) {
-  std::vector<int> lengths;
-  time.clear();
-  signal.getData(time, bytes_, shapes_, lengths);
-  if (elementText_) width_ = parquet::elementWidth(info.dataType);
-  takeLengths(lengths);
+SampleColumn::SampleColumn(const recording::RecordingReader& reader,
+                           const recording::SignalInfo& signal, std::uint64_t endRow,
+                           std::size_t blockRows)
+    : reader_(reader),
+      id_(signal.signalId),
+      endRow_(endRow),
+      blockRows_(blockRows),
+      width_(reader.elementBytes(signal.signalId)),
+      elementText_(elementTextOf(signal)),
+      isNumber_(signal.category == Scalar && elementText_ != nullptr),
+      fixedShape_(signal.dimensions.begin(), signal.dimensions.end()) {}
+
+void SampleColumn::readNumbers(std::uint64_t row) {
+  rows_ = static_cast<std::size_t>(std::min<std::uint64_t>(endRow_ - row, blockRows_));
+  firstRow_ = row;
+  bytes_.resize(rows_ * width_);
+  reader_.readElements(id_, {row, row + rows_}, bytes_.data(), bytes_.size());
 }
 
-SampleColumn::SampleColumn(const recording::SignalInfo& info, std::vector<char> bytes,
-                           std::vector<std::vector<std::size_t>> shapes,
-                           const std::vector<int>& lengths)
-    : bytes_(std::move(bytes)),
-      elementText_(functionFor(info.dataType, ElementTexts())),
-      shapes_(std::move(shapes)),
-      fixedShape_(info.dimensions) {
-  if (elementText_) width_ = parquet::elementWidth(info.dataType);
-  takeLengths(lengths);
-}
-
-void SampleColumn::takeLengths(const std::vector<int>& lengths) {
-  size_ = bytes_.size() / width_;
-  if (lengths.empty()) return;
-  size_ = lengths.size();
-  begins_.assign(1, 0);
-  for (const int length : lengths) {
-    begins_.push_back(begins_.back() + static_cast<std::size_t>(length));
+// A block ends with its row group, which is decoded as a whole. Smaller blocks of several signals
+// would have it decoded again and again.
+void SampleColumn::findBlock(std::uint64_t row) {
+  if (!blocks_ || row != firstRow_ + rows_) {
+    blocks_.emplace(reader_.blocks(id_, {row, endRow_}, std::numeric_limits<std::size_t>::max()));
   }
+  block_ = blocks_->next();
+  if (block_ == nullptr) throw std::logic_error("a row behind the last is printed");
+  firstRow_ = block_->firstRow;
+  rows_ = block_->rows;
 }
 
-void SampleColumn::append(fmt::memory_buffer& out, std::size_t sample) const {
-  if (begins_.empty() && elementText_) return elementText_(out, bytes_.data() + sample * width_);
+void SampleColumn::append(fmt::memory_buffer& out, std::uint64_t row) {
+  if (row < firstRow_ || row - firstRow_ >= rows_) isNumber_ ? readNumbers(row) : findBlock(row);
+  const auto sample = static_cast<std::size_t>(row - firstRow_);
+  if (isNumber_) return elementText_(out, bytes_.data() + sample * width_);
   if (elementText_) return appendMatrix(out, sample);
-  const std::size_t begin = begins_[sample];
-  out.append(::arrow::util::base64_encode({bytes_.data() + begin, begins_[sample + 1] - begin}));
+  const auto begin = static_cast<std::size_t>(block_->offsets[sample]);
+  const auto end = static_cast<std::size_t>(block_->offsets[sample + 1]);
+  out.append(::arrow::util::base64_encode(
+      {static_cast<const char*>(block_->elements) + begin, end - begin}));
 }
 
-std::size_t SampleColumn::rowsOf(std::size_t sample) const {
-  const auto& shape = sample < shapes_.size() ? shapes_[sample] : fixedShape_;
-  const std::size_t elements = begins_[sample + 1] - begins_[sample];
-  const std::size_t product =
-      std::accumulate(shape.begin(), shape.end(), std::size_t{1}, std::multiplies<>());
-  return shape.size() < 2 || shape[0] == 0 || product != elements ? 1 : shape[0];
+// Samples without elements may claim any number of rows.
+std::size_t SampleColumn::rowsOf(std::size_t sample, std::size_t elements) const {
+  const std::uint64_t* begin = fixedShape_.data();
+  const std::uint64_t* end = begin + fixedShape_.size();
+  if (block_->extents) {
+    begin = block_->extents + block_->extentOffsets[sample];
+    end = block_->extents + block_->extentOffsets[sample + 1];
+  }
+  const std::uint64_t product = std::accumulate(begin, end, std::uint64_t{1}, std::multiplies<>());
+  if (end - begin < 2 || *begin == 0 || *begin > elements || product != elements) return 1;
+  return static_cast<std::size_t>(*begin);
 }
 
 // Elements are stored column by column and written row by row.
 void SampleColumn::appendMatrix(fmt::memory_buffer& out, std::size_t sample) const {
-  const std::size_t end = begins_[sample + 1];
-  const std::size_t rows = rowsOf(sample);
+  const std::size_t fixed = block_->elementsPerSample;
+  const std::size_t begin = block_->offsets ? block_->offsets[sample] : sample * fixed;
+  const std::size_t end = block_->offsets ? block_->offsets[sample + 1] : begin + fixed;
+  const std::size_t rows = rowsOf(sample, end - begin);
+  const char* const elements = static_cast<const char*>(block_->elements);
   out.push_back('"');
   for (std::size_t row = 0; row < rows; ++row) {
     if (row > 0) out.push_back(';');
-    for (std::size_t i = begins_[sample] + row; i < end; i += rows) {
-      if (i >= begins_[sample] + rows) out.push_back(' ');
-      elementText_(out, bytes_.data() + i * width_);
+    for (std::size_t i = begin + row; i < end; i += rows) {
+      if (i >= begin + rows) out.push_back(' ');
+      elementText_(out, elements + i * width_);
     }
   }
   out.push_back('"');

@@ -3,51 +3,52 @@
 #include <fmt/format.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <vector>
 
-#include "kyr/parquet/ParquetSignal.h"
-#include "kyr/recording/RecordingInfo.h"
+#include "kyr/recording/RecordingReader.h"
 
 namespace kyr::tool {
 
-/// The samples of one signal, as CSV cells.
+/// The samples of one signal, as CSV cells. One block of them is in memory.
 ///
 /// Numbers have the shortest form that reads back exactly. A matrix is a quoted cell with ";"
 /// between rows and blanks between elements. A vector is one such row. Further dimensions continue
-/// the columns. Blobs are base64.
+/// the columns. A sample without elements is an empty quoted cell. Blobs are base64.
 class SampleColumn {
  public:
-  /// A signal without samples.
-  SampleColumn() = default;
+  /// \param reader  must outlive the object, and not be refreshed meanwhile
+  /// \param endRow  row behind the last that will be asked for
+  /// \param blockRows  numbers that are read at once at most
+  SampleColumn(const recording::RecordingReader& reader, const recording::SignalInfo& signal,
+               std::uint64_t endRow, std::size_t blockRows);
 
-  /// Reads the samples of \p signal and replaces \p time by their times, if there are any.
-  SampleColumn(parquet::ParquetSignal& signal, const recording::SignalInfo& info,
-               std::vector<double>& time);
-
-  /// \param bytes, shapes, lengths  as ParquetSignal::getData() gives them
-  SampleColumn(const recording::SignalInfo& info, std::vector<char> bytes,
-               std::vector<std::vector<std::size_t>> shapes, const std::vector<int>& lengths);
-
-  std::size_t size() const { return size_; }
-
-  void append(fmt::memory_buffer& out, std::size_t sample) const;
+  /// Appends the cell of a row. Rows that are asked for in ascending order are read once.
+  void append(fmt::memory_buffer& out, std::uint64_t row);
 
  private:
   using ElementText = void (*)(fmt::memory_buffer& out, const char* element);
 
+  void readNumbers(std::uint64_t row);
+  void findBlock(std::uint64_t row);
   void appendMatrix(fmt::memory_buffer& out, std::size_t sample) const;
-  std::size_t rowsOf(std::size_t sample) const;
+  std::size_t rowsOf(std::size_t sample, std::size_t elements) const;
 
-  void takeLengths(const std::vector<int>& lengths);
-
-  std::size_t size_ = 0;
+  const recording::RecordingReader& reader_;
+  int id_;
+  std::uint64_t endRow_;
+  std::size_t blockRows_;
+  std::size_t width_;        // bytes of an element
+  ElementText elementText_;  // null for blobs
+  bool isNumber_;            // whether each sample is one number
+  std::vector<std::uint64_t> fixedShape_;
+  // Rows [firstRow_, firstRow_ + rows_) are in bytes_ if they are numbers, else in block_.
+  std::uint64_t firstRow_ = 0;
+  std::size_t rows_ = 0;
   std::vector<char> bytes_;
-  std::size_t width_ = 1;              ///< bytes of an element
-  ElementText elementText_ = nullptr;  ///< null for blobs
-  std::vector<std::size_t>
-      begins_;  ///< first element of each sample, and the end; empty for scalars
-  std::vector<std::vector<std::size_t>> shapes_;
-  std::vector<std::size_t> fixedShape_;
+  std::optional<recording::SampleBlocks> blocks_;
+  const recording::SampleBlock* block_ = nullptr;
 };
 
 }  // namespace kyr::tool
