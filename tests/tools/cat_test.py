@@ -1,5 +1,6 @@
 """Printing signals as CSV."""
 
+import os
 import subprocess
 import unittest
 
@@ -47,6 +48,49 @@ class Windows(ToolTest):
                           ("--from", "1", "--rows", "1:2")):
             with self.subTest(arguments):
                 self.fails("cat", "rec", *arguments, says=[arguments[0]], exit_code=2)
+
+
+class LargeRecordings(ToolTest):
+    """Rows are read where they lie: memory does not grow with the recording, no file is written."""
+
+    ROWS = 1_500_000
+    MEGABYTES = 20  # less than one of the columns needs
+
+    def setUp(self):
+        super().setUp()
+        # Signal b has other times than a.
+        self.write("time,a,b\n" + "".join(
+            f"{i},{i * 7919 % 1000003 / 7!r},{i if i % 2 else ''}\n" for i in range(self.ROWS)))
+        self.run_tool("import", "in.csv", "rec")
+
+    def peak(self, *arguments):
+        """The peak of the tool's memory in megabytes, and what it prints."""
+        with open(self.folder / "out", "w+", encoding="utf-8") as out:
+            tool = subprocess.Popen([KYR, *arguments], stdout=out, cwd=self.folder,
+                                    env={**os.environ, "TMPDIR": "/nonexistent"})
+            _, status, usage = os.wait4(tool.pid, 0)
+            tool.returncode = os.waitstatus_to_exitcode(status)
+            self.assertEqual(tool.returncode, 0)
+            out.seek(0)
+            return usage.ru_maxrss / 1024, out.read()
+
+    def test_windows_and_merged_rows(self):
+        files = sorted((self.folder / "rec").rglob("*"))
+        for file in files:
+            file.chmod(0o555 if file.is_dir() else 0o444)
+        (self.folder / "rec").chmod(0o555)
+        least = self.peak("info", "rec")[0]
+        last = self.ROWS - 1
+        for arguments, rows, end in (
+                (("a", "--rows", f"{last}:"), 1, last), (("a", "--from", f"{last}"), 1, last),
+                (("--from", f"{last - 1}", "--to", f"{last}"), 2, last),
+                (("--rows", f"{last - 2}:{last}"), 2, last - 1), ((), self.ROWS, last)):
+            with self.subTest(arguments):
+                megabytes, text = self.peak("cat", "rec", *arguments)
+                self.assertLess(megabytes, least + self.MEGABYTES)
+                self.assertEqual(text.count("\n"), rows + 1)
+                self.assertTrue(text.rsplit("\n", 2)[1].startswith(f"{end},"))
+        self.assertEqual(sorted((self.folder / "rec").rglob("*")), files)
 
 
 class Merging(ToolTest):
