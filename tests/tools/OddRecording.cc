@@ -1,5 +1,7 @@
 // Saves a recording of what `kyr import` cannot make, for the tests of the tool:
 // OddRecording FOLDER
+// Beside it FOLDER.apart, whose signals have their times beside their samples, and FOLDER.hollow, a
+// signal whose samples have no elements.
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -8,7 +10,10 @@
 #include <vector>
 
 #include "kyr/parquet/ParquetSignal.h"
+#include "kyr/parquet/SerializationOptions.h"
 #include "kyr/parquet/SignalPool.h"
+#include "kyr/parquet/StreamableSignal.h"
+#include "kyr/recording/LiveRecording.h"
 #include "kyr/recording/Recording.h"
 
 namespace {
@@ -46,6 +51,17 @@ class Writer {
   std::vector<kyr::recording::SignalDescription> descriptions_;
 };
 
+void recordHollow(const kyr::Path& folder) {
+  kyr::recording::LiveRecording live(folder);
+  kyr::recording::SignalDescription description;
+  description.name = "hollow";
+  const auto signal = live.addSignal(description, kyr::Double, kyr::VarDim);
+  const std::vector<double> times{0, 1};
+  signal->appendTime(times.data(), times.size());
+  signal->appendData("", 0, {{std::size_t{1} << 40U, 0}, {3, 0}}, {0, 0});
+  live.finish();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -72,6 +88,15 @@ int main(int argc, char** argv) {
     writer.add<double>("late", kyr::Double, kyr::Scalar, {5, 6}, {1, 2});
     writer.save(folder);
   }
+  kyr::parquet::serialization_options::bSharedTimeColumn = false;
+  {
+    Writer writer(working);
+    writer.add<double>("a", kyr::Double, kyr::Scalar, {0, 0.5, 2}, {1, 2, 3});
+    writer.add<std::int32_t>("b", kyr::Int32, kyr::Scalar, {0, 0.5, 2}, {4, 5, 6});
+    writer.add<double>("late", kyr::Double, kyr::Scalar, {0.5, 3}, {7, 8});
+    writer.save(kyr::Path::fromNarrow(std::string(argv[1]) + ".apart"));
+  }
   std::filesystem::remove_all(working.toFilesystem());
+  recordHollow(kyr::Path::fromNarrow(std::string(argv[1]) + ".hollow"));
   return 0;
 }

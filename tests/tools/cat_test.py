@@ -1,6 +1,8 @@
 """Printing signals as CSV."""
 
 import os
+import random
+import re
 import subprocess
 import unittest
 
@@ -63,17 +65,6 @@ class LargeRecordings(ToolTest):
             f"{i},{i * 7919 % 1000003 / 7!r},{i if i % 2 else ''}\n" for i in range(self.ROWS)))
         self.run_tool("import", "in.csv", "rec")
 
-    def peak(self, *arguments):
-        """The peak of the tool's memory in megabytes, and what it prints."""
-        with open(self.folder / "out", "w+", encoding="utf-8") as out:
-            tool = subprocess.Popen([KYR, *arguments], stdout=out, cwd=self.folder,
-                                    env={**os.environ, "TMPDIR": "/nonexistent"})
-            _, status, usage = os.wait4(tool.pid, 0)
-            tool.returncode = os.waitstatus_to_exitcode(status)
-            self.assertEqual(tool.returncode, 0)
-            out.seek(0)
-            return usage.ru_maxrss / 1024, out.read()
-
     def test_windows_and_merged_rows(self):
         files = sorted((self.folder / "rec").rglob("*"))
         for file in files:
@@ -93,6 +84,27 @@ class LargeRecordings(ToolTest):
         self.assertEqual(sorted((self.folder / "rec").rglob("*")), files)
 
 
+class Damage(ToolTest):
+    def test_the_rest_stays_readable(self):
+        rows = 400_000
+        noise = random.Random(1)
+        self.store("time,a\n" + "".join(f"{i},{noise.random()!r}\n" for i in range(rows)))
+        expected = self.cat("--rows", f"{rows - 2}:")
+        file = self.folder / "rec" / "storage" / str(self.signals()["a"]["dataFile"])
+        content = bytearray(file.read_bytes())
+        self.assertGreater(len(content), 4 * 262_144)
+        content[len(content) // 2] ^= 1
+        file.write_bytes(content)
+        self.assertEqual(self.cat("--rows", f"{rows - 2}:"), expected)
+        for arguments in (("cat", "rec", "--rows", f"{rows // 2}:{rows // 2 + 1}"), ("cat", "rec"),
+                          ("export", "rec", "out")):
+            error = self.run_tool(*arguments, expect=1).stderr
+            lost = re.fullmatch(r"kyr: .*storage/\d+: .*rows (\d+) to (\d+) cannot be read\n", error)
+            self.assertIsNotNone(lost, error)
+            self.assertLessEqual(int(lost[1]), rows // 2)
+            self.assertLess(rows // 2, int(lost[2]))
+
+
 class Merging(ToolTest):
     def test_repeats_of_a_time_pair_up(self):
         text = "time,a,b,c\n0,1,,\n1,2,5,\n1,3,,8\n1,4,7,\n2,,,9\n"
@@ -103,9 +115,13 @@ class Merging(ToolTest):
         self.assertEqual(self.cat("--rows", "1:3"), "time,a,b,c\n1,2,5,8\n1,3,7,\n")
         self.assertEqual(self.cat("--from", "2"), "time,a,b,c\n2,,,9\n")
 
-    def test_equal_times_in_different_files_give_one_row_each(self):
-        self.store("time,a,b\n0,1,2\n0,3,4\n", "--no-shared-time")
-        self.assertEqual(self.cat(), "time,a,b\n0,1,2\n0,3,4\n")
+    def test_times_beside_the_samples(self):
+        self.odd_recording()
+        self.assertEqual(self.cat("a", "b", recording="odd.apart"),
+                         "time,a,b\n0,1,4\n0.5,2,5\n2,3,6\n")
+        self.assertEqual(self.cat("--from", "0.5", recording="odd.apart"),
+                         "time,a,b,late\n0.5,2,5,7\n2,3,6,\n3,,,8\n")
+        self.assertIsNone(self.signals("odd.apart")["a"]["timeFile"])
 
 
 class OtherSignals(ToolTest):
@@ -123,6 +139,10 @@ class OtherSignals(ToolTest):
                    "time,matrix,growing,flags,blob\n"
                    '0,"1 3 5;2 4 6","1 2","true false",aGk=\n'
                    '1,"0.1 1e+300 inf;-0.0 nan 7","3 5;4 6","false true",AP94\n')
+
+    def test_samples_without_elements(self):
+        # Their shapes claim 2^40 rows and 3 rows.
+        self.assertEqual(self.cat(recording="odd.hollow"), 'time,hollow\n0,""\n1,""\n')
 
     def test_without_time_samples_are_counted(self):
         self.check(["count", "count too"], "row,count,count too\n0,0.1,-1\n1,16777216,2\n2,3,\n")
@@ -150,14 +170,25 @@ class Output(ToolTest):
         super().setUp()
         self.store("time,a\n" + "".join(f"{i},{i}.5\n" for i in range(200_000)))
 
-    def test_a_reader_that_closes_early_is_no_failure(self):
-        tool = subprocess.Popen([KYR, "cat", "rec"], stdout=subprocess.PIPE, cwd=self.folder,
-                                stderr=subprocess.PIPE, env=self.environment())
-        self.assertEqual(tool.stdout.readline(), b"time,a\n")
-        tool.stdout.close()
-        self.assertEqual(tool.stderr.read(), b"")
-        tool.stderr.close()
-        self.assertEqual(tool.wait(), 0)
+    def test_a_reader_that_goes_is_no_failure(self):
+        for read_end, write_end in (os.pipe(), os.openpty()):
+            tool = subprocess.Popen([KYR, "cat", "rec"], stdout=write_end, cwd=self.folder,
+                                    stderr=subprocess.PIPE, env=self.environment())
+            os.close(write_end)
+            self.assertEqual(os.read(read_end, 6), b"time,a")
+            os.close(read_end)
+            self.assertEqual(tool.communicate()[1], b"")
+            self.assertEqual(tool.returncode, 0)
+
+    def test_streams_that_are_closed_get_no_file(self):
+        before = {file: file.read_bytes() for file in (self.folder / "rec").rglob("*")
+                  if file.is_file()}
+        for command in ("cat rec", "cat missing", "import in.csv new", "export rec out.csv"):
+            subprocess.run(f"{KYR} {command} <&- >&- 2>&-", shell=True, cwd=self.folder,
+                           env=self.environment(), check=False)
+        self.assertEqual({file: file.read_bytes() for file in before}, before)
+        self.assertEqual(self.cat(recording="new"), self.cat())
+        self.assertEqual((self.folder / "out.csv").read_text(), self.cat())
 
     def test_a_full_disk_is_a_failure(self):
         with open("/dev/full", "wb") as full:

@@ -71,8 +71,7 @@ class Usage(ToolTest):
         sizes = {}
         for name, settings in {"plain": ("Dictionary=false", "Compression=uncompressed"),
                                "default": (),
-                               "small": ("Compression=zstd", "BatchSize=100"),
-                               "columns": ("SharedTimeColumn=false",)}.items():
+                               "small": ("Compression=zstd", "BatchSize=100")}.items():
             arguments = [part for setting in settings for part in ("--set", setting)]
             self.run_tool("import", "in.csv", name, *arguments)
             self.assertEqual(self.cat(recording=name), (self.folder / "in.csv").read_text())
@@ -80,7 +79,6 @@ class Usage(ToolTest):
             sizes[name] = self.info(name)["totals"]["bytes"]
         self.assertLess(sizes["small"], sizes["plain"])
         self.assertLess(sizes["default"], sizes["plain"])
-        self.assertIsNone(self.signals("columns")["a"]["timeFile"])
         for says, *settings in (
                 ("zip", "Compression=zip"), ("lz4_hadoop", "Compression=lzo"),
                 ("lz4_hadoop", "Compression=lz4_frame"), ("1 to", "BatchSize=0"),
@@ -89,8 +87,9 @@ class Usage(ToolTest):
                 ("twice", "BatchSize=1", "BatchSize=2")):
             arguments = [part for setting in settings for part in ("--set", setting)]
             self.fails("import", "in.csv", "new", *arguments, says=[says], exit_code=2)
-        self.fails("import", "in.csv", "new", "--stream", "--set", "SharedTimeColumn=false",
-                   says=["share times"], exit_code=2)
+        for command in ("import", "record"):
+            self.fails(command, "in.csv", "new", "--set", "SharedTimeColumn=false",
+                       says=["share their times"], exit_code=2)
         self.assertFalse((self.folder / "new").exists())
         table = self.run_tool("options").stdout
         for setting in ("Compression +uncompressed", "Dictionary +true", "DictionaryLimit +1048576",

@@ -2,6 +2,7 @@
 
 import os
 import random
+import shutil
 import signal
 import subprocess
 import time
@@ -268,6 +269,22 @@ class Recover(RecordTest):
         self.run_tool("gc", "rec/", "--stale")
         self.assertFalse(stale.exists())
         self.assertTrue((self.folder / "rec" / "notes.txt").exists())
+        self.run_tool("verify", "rec")
+
+    def test_a_replaced_recording_is_removed_once_there_is_another(self):
+        self.store("time,a\n0,1\n")
+        old = self.folder / "rec.replaced-0123456789abcdef"
+        shutil.copytree(self.folder / "rec", old)
+        (self.folder / "rec").rename(self.folder / "moved")
+        said = self.run_tool("gc", "rec", "--stale").stdout
+        self.assertIn(f"left alone {old}: it is the recording that was in rec", said)
+        (self.folder / "moved").rename(self.folder / "rec")
+        (old / "notes").touch()
+        self.run_tool("gc", "rec", "--stale")
+        self.assertTrue(old.exists())
+        (old / "notes").unlink()
+        self.assertIn("rec: removed 1 item", self.run_tool("gc", "rec", "--stale").stdout)
+        self.assertFalse(old.exists())
         self.run_tool("verify", "rec")
 
 

@@ -54,7 +54,7 @@ class Streamed(ToolTest):
     def test_usage(self):
         file = self.write("time,a\n0,1\n")
         for options in (["--chunk", "5"], ["--stream", "--chunk", "0"],
-                        ["--stream", "--batch", "1048577"], ["--stream", "--no-shared-time"]):
+                        ["--stream", "--batch", "1048577"]):
             with self.subTest(options=options):
                 self.fails("import", file, "rec", *options, says=[], exit_code=2)
 

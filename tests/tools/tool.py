@@ -4,6 +4,7 @@ import csv
 import json
 import os
 import pathlib
+import resource
 import subprocess
 import tempfile
 import unittest
@@ -32,6 +33,24 @@ class ToolTest(unittest.TestCase):
         self.assertEqual(result.returncode, expect, f"{arguments}\n{result.stdout}{result.stderr}")
         self.assertEqual(os.listdir(self.temporary), [], "temporary files are left")
         return result
+
+    def peak(self, *arguments):
+        """Runs the tool without a folder for temporary files, and returns the peak of its memory in
+        megabytes and what it prints."""
+        with open(self.folder / "out", "w+", encoding="utf-8") as out:
+            tool = subprocess.Popen([KYR, *arguments], stdout=out, cwd=self.folder,
+                                    env={**os.environ, "TMPDIR": "/nonexistent"})
+            _, status, usage = os.wait4(tool.pid, 0)
+            tool.returncode = os.waitstatus_to_exitcode(status)
+            self.assertEqual(tool.returncode, 0, arguments)
+            out.seek(0)
+            return usage.ru_maxrss / 1024, out.read()
+
+    def limited(self, limit, size, *arguments):
+        """Runs the tool with a limit of its resources."""
+        return subprocess.run([KYR, *map(str, arguments)], capture_output=True, text=True,
+                              cwd=self.folder, env=self.environment(), check=False,
+                              preexec_fn=lambda: resource.setrlimit(limit, (size, size)))
 
     def fails(self, *arguments, says, exit_code=1):
         """Runs the tool, which must fail. Its last line must hold each text of `says`."""

@@ -1,10 +1,10 @@
 #include <CLI/CLI.hpp>
-#include <csignal>
 #include <memory>
 #include <string>
 
 #include "cli/Errors.h"
 #include "cli/Interrupt.h"
+#include "cli/Process.h"
 #include "cli/Usage.h"
 #include "commands/Commands.h"
 #include "kyr/platform/TraceEventFile.h"
@@ -80,8 +80,7 @@ Each command has a help of its own: kyr help import.)help");
 }  // namespace kyr::tool
 
 int main(int argc, char** argv) {
-  // When the reader of standard output goes away, writing fails; see OutputClosed.
-  std::signal(SIGPIPE, SIG_IGN);
+  kyr::tool::prepareProcess();
   kyr::tool::noteInterrupts();
   try {
     return kyr::tool::run(argc, argv);

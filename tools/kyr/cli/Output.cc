@@ -1,5 +1,8 @@
 #include "cli/Output.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 
@@ -13,6 +16,12 @@ void tell(const std::string& message) {
   std::fputs(("kyr: " + singleLine(message) + "\n").c_str(), stderr);
 }
 
+bool isOutputGone(int error) {
+  if (error != EIO) return error == EPIPE;
+  struct stat status {};
+  return ::fstat(STDOUT_FILENO, &status) == 0 && S_ISCHR(status.st_mode);
+}
+
 void Output::flush() {
   stopIfInterrupted();
   const std::size_t size = buffer_.size();
@@ -21,7 +30,7 @@ void Output::flush() {
   const int error = errno;
   buffer_.clear();
   if (written) return;
-  if (error == EPIPE) throw OutputClosed();
+  if (isOutputGone(error)) throw OutputClosed();
   throw systemError("standard output", "written", error);
 }
 

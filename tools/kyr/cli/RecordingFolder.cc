@@ -19,10 +19,7 @@ namespace {
 
 constexpr const char* kChooseAnother = "choose another name";
 
-bool isRecording(const fs::path& folder) {
-  return fs::exists(folder / "recording.json") ||
-         recording::isLiveRecording(Path::fromFilesystem(folder));
-}
+constexpr const char* kReplacedInfix = ".replaced-";
 
 // Other files in the folder are the user's.
 bool holdsOnlyRecording(const fs::path& folder) {
@@ -34,6 +31,11 @@ bool holdsOnlyRecording(const fs::path& folder) {
 }
 
 }  // namespace
+
+bool isRecording(const fs::path& folder) {
+  return fs::exists(folder / "recording.json") ||
+         recording::isLiveRecording(Path::fromFilesystem(folder));
+}
 
 void checkNewRecording(const std::string& folder, bool replaces) {
   if (folder.empty()) throw UsageError("FOLDER is empty");
@@ -54,6 +56,22 @@ void checkNewRecording(const std::string& folder, bool replaces) {
   }
 }
 
+std::vector<fs::path> replacedRecordings(const std::string& folder) {
+  const fs::path path = wholePath(folder);
+  const std::string start = path.filename().string() + kReplacedInfix;
+  std::vector<fs::path> found;
+  if (!fs::is_directory(path.parent_path())) return found;
+  for (const fs::directory_entry& entry : fs::directory_iterator(path.parent_path())) {
+    const bool isNamedSo = entry.path().filename().string().rfind(start, 0) == 0;
+    if (isNamedSo && fs::is_directory(entry.symlink_status()) && isRecording(entry.path()) &&
+        holdsOnlyRecording(entry.path())) {
+      found.push_back(entry.path());
+    }
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
 ReplacedRecording::ReplacedRecording(const std::string& folder) : folder_(wholePath(folder)) {
   if (!fs::is_directory(folder_) || fs::is_empty(folder_)) return;
   if (!holdsOnlyRecording(folder_)) {
@@ -64,10 +82,10 @@ ReplacedRecording::ReplacedRecording(const std::string& folder) : folder_(wholeP
   if (recording::isLiveRecording(path) && recording::describeLiveRecording(path).isBeingWritten) {
     throw std::runtime_error(fmt::format("{} is still being recorded: {}", folder, kChooseAnother));
   }
-  aside_ =
-      fileSystem::uniqueName(Path::fromFilesystem(folder_.parent_path()),
-                             Path::fromFilesystem(folder_.filename()).text() + u".replaced-", u"")
-          .toFilesystem();
+  aside_ = fileSystem::uniqueName(
+               Path::fromFilesystem(folder_.parent_path()),
+               Path::fromFilesystem(folder_.filename()).text() + toUtf16(kReplacedInfix), u"")
+               .toFilesystem();
   fs::rename(folder_, aside_);
 }
 

@@ -2,14 +2,22 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 /// The folder in which a command makes a new recording.
 namespace kyr::tool {
+
+/// Whether the folder holds a recording, finished or not.
+bool isRecording(const std::filesystem::path& folder);
 
 /// To be called before the work, so that the user need not wait for the refusal.
 /// \param replaces  whether an older recording may be replaced
 /// \throws UsageError, std::runtime_error if no recording can be made there
 void checkNewRecording(const std::string& folder, bool replaces);
+
+/// The older recordings that processes left beside \p folder when they were killed while a
+/// ReplacedRecording lived.
+std::vector<std::filesystem::path> replacedRecordings(const std::string& folder);
 
 /// An older recording that gives way to a new one in the same folder. It keeps another name until
 /// the new one has begun.

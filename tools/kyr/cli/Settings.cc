@@ -176,6 +176,11 @@ std::optional<::arrow::Compression::type> chosenCodec() {
   return parquet::serialization_options::compressionMethod;
 }
 
+void requireSharedTimes() {
+  if (parquet::serialization_options::bSharedTimeColumn) return;
+  throw UsageError("--set SharedTimeColumn=false: the signals of a recording share their times");
+}
+
 void applySettings(const std::vector<std::string>& settings) {
   std::vector<std::string> names;
   std::vector<HostValue> values;

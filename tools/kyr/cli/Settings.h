@@ -36,6 +36,11 @@ void addCompressionOption(CLI::App& command, std::vector<std::string>& settings)
 /// The codec that the user chose. If there is none, the library chooses.
 std::optional<::arrow::Compression::type> chosenCodec();
 
+/// Refuses the setting SharedTimeColumn=false for a command that makes a recording: its pool stores
+/// times in files that signals share.
+/// \throws UsageError
+void requireSharedTimes();
+
 /// Sets options from texts "NAME=VALUE", for the rest of the process.
 /// \throws UsageError  for an unknown name, a name given twice, a value of the wrong kind, and a
 ///         value that Parquet cannot write files with; nothing is changed then

@@ -6,11 +6,12 @@
 #include <cstdio>
 
 #include "cli/Errors.h"
+#include "cli/Output.h"
 
 namespace kyr::tool {
 
 ::arrow::Status StandardOutput::failure(int error) {
-  isAbandoned_ = isAbandoned_ || error == EPIPE;
+  isAbandoned_ = isAbandoned_ || isOutputGone(error);
   return ::arrow::Status::IOError(systemError("standard output", "written", error).what());
 }
 

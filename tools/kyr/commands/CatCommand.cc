@@ -16,6 +16,7 @@
 #include "cli/Errors.h"
 #include "cli/Interrupt.h"
 #include "cli/Output.h"
+#include "cli/Process.h"
 #include "cli/SignalSelection.h"
 #include "commands/Commands.h"
 #include "kyr/recording/RecordingReader.h"
@@ -85,6 +86,7 @@ void follow(Output& out, RecordingReader& reader, SampleTable& table, const CatO
 
 int runCat(const CatOptions& options) {
   const Window window = windowOf(options);
+  allowManyFiles();
   RecordingReader reader(Path::fromNarrow(options.folder));
   SampleTable table(reader, chosenSignals(reader.signals(), options.signals, options.folder));
   Output out;

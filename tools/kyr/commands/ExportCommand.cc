@@ -1,4 +1,3 @@
-#include <arrow/table.h>
 #include <arrow/util/compression.h>
 #include <fmt/format.h>
 
@@ -13,10 +12,10 @@
 #include "cli/CommandLine.h"
 #include "cli/Errors.h"
 #include "cli/Files.h"
-#include "cli/Interrupt.h"
 #include "cli/Losses.h"
 #include "cli/Output.h"
 #include "cli/PendingOutput.h"
+#include "cli/Process.h"
 #include "cli/ProgressBar.h"
 #include "cli/Settings.h"
 #include "cli/Span.h"
@@ -25,14 +24,11 @@
 #include "export/ExportOptions.h"
 #include "export/ExportSignals.h"
 #include "export/LongTable.h"
-#include "export/ParquetFooter.h"
-#include "export/RecordingFiles.h"
 #include "export/TableWriter.h"
 #include "export/WideTable.h"
-#include "kyr/parquet/ParquetExportSerializerWorker.h"
 #include "kyr/parquet/SerializationOptions.h"
-#include "kyr/recording/RecordingInfo.h"
 #include "kyr/recording/RecordingReader.h"
+#include "print/RecordingSummary.h"
 
 namespace kyr::tool {
 
@@ -132,30 +128,13 @@ void checkApart(const ExportOptions& options) {
   }
 }
 
-void writeWide(RecordingFiles& files, const recording::RecordingReader& reader,
-               const std::vector<ExportSignal>& signals, const ExportOptions& options,
-               Losses& losses, const TableWriter::Target& target, ProgressBar& bar) {
-  parquet::ParquetExportSerializerWorker worker;
-  const WideTable wide(worker, files, reader, signals, options, losses,
-                       [&bar](double part) { bar.show("reading", part); });
-  bar.hide();
-  losses.settle();
-  bar.show("writing", 1);
-  if (target.format != ExportFormat::parquet) {
-    TableWriter writer(target, wide.table()->schema(), wide.csvHeader());
-    writer.write(*wide.table());
-    return writer.close();
-  }
-  {
-    const Span span("write");
-    worker.write(*wide.table(), Path::fromFilesystem(target.file).text());
-  }
-  stopIfInterrupted();
-  if (const auto status = worker.writeStatus(); !status.ok()) {
-    throwIfOutOfMemory(status);
-    throw std::runtime_error(options.out + " cannot be written: " + reasonOf(status));
-  }
-  addArrowSchema(target.file, *wide.table()->schema());
+void requireFinished(const recording::RecordingReader& reader, const std::string& folder) {
+  using recording::RecordingState;
+  if (reader.state() == RecordingState::finished) return;
+  throw std::runtime_error(fmt::format("{} is {}", folder,
+                                       reader.state() == RecordingState::beingRecorded
+                                           ? "still being recorded: export it when it is finished"
+                                           : stateOf(reader.state(), folder)));
 }
 
 void exportRecording(const ExportOptions& options) {
@@ -166,21 +145,24 @@ void exportRecording(const ExportOptions& options) {
                    options.isPartitioned ? PendingOutput::Kind::folder : PendingOutput::Kind::file,
                    options.replaces);
   }
-  const auto info = recording::describeRecording(Path::fromNarrow(options.folder));
-  RecordingFiles files(options.folder, info);
+  allowManyFiles();
+  const recording::RecordingReader reader(Path::fromNarrow(options.folder));
+  requireFinished(reader, options.folder);
   Losses losses(options.isStrict, "written");
-  const auto signals = exportedSignals(info, files, options, losses);
+  const auto signals = exportedSignals(reader, options, losses);
   const TableWriter::Target target{options.format, output ? output->path() : fs::path(),
-                                   options.out, options.codec};
+                                   options.out, options.codec, options.isLong};
   ProgressBar bar;
+  const auto progress = [&bar](double part) { bar.show("writing", part); };
   if (options.isLong) {
-    LongTable table(files, signals, [&bar](double part) { bar.show("writing", part); });
+    LongTable table(reader, signals, progress);
     table.checkExact(losses);
     losses.settle();
     options.isPartitioned ? table.writePartitions(target.file, target) : table.writeTable(target);
   } else {
-    const recording::RecordingReader reader(Path::fromNarrow(options.folder));
-    writeWide(files, reader, signals, options, losses, target, bar);
+    WideTable table(reader, signals, options, losses);
+    losses.settle();
+    table.write(target, progress);
   }
   bar.hide();
   if (!output) return;
@@ -196,15 +178,15 @@ void exportRecording(const ExportOptions& options) {
 
 constexpr const char* kFooter = R"help(
 Unless you say otherwise the table is wide: it has the column "time" and a column for each signal.
-All signals then need the same times, and the table is in memory as a whole. --long gives a table of
-the columns time, signal and value instead, sorted by signal in the order of the recording, then by
-time. --partition gives the same as a folder of files OUT/signal=NAME/part-0.parquet. Both go
-through memory in pieces, however large the recording is.
+All signals then need the same times. --long gives a table of the columns time, signal and value
+instead, sorted by signal in the order of the recording, then by time. --partition gives the same as
+a folder of files OUT/signal=NAME/part-0.parquet. Tables go through memory in pieces, however large
+the recording is.
 
 --resample gives all signals the same times. At each of these times a signal has its latest sample,
 or with --method linear a number between two samples. It is null before the first sample, and with
 linear after the last one as well. A sample counts for a time that it misses by at most 1e-9 of STEP
-and two roundings. A table that would take more than half of the free memory is refused.
+and two roundings.
 
 Values in long tables are float64. A warning names what cannot be exported, and with --strict
 nothing is written then. A table appears under its name only when it is whole, and never replaces

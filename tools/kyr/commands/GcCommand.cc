@@ -13,6 +13,7 @@
 #include "cli/CommandLine.h"
 #include "cli/Files.h"
 #include "cli/Output.h"
+#include "cli/RecordingFolder.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
 #include "kyr/recording/RecordingInfo.h"
@@ -31,21 +32,21 @@ struct GcOptions {
 };
 
 // Files in the storage that belong to no signal.
-std::vector<fs::path> strayFiles(const fs::path& folder, const recording::RecordingInfo& info) {
+std::vector<fs::path> unusedFiles(const fs::path& folder, const recording::RecordingInfo& info) {
   std::set<std::string> named;
   for (const recording::FileInfo& file : info.files) named.insert(std::to_string(file.storageId));
   for (const recording::PackInfo& pack : info.packs) {
     named.insert("pack-" + std::to_string(pack.number) + ".parquet");
   }
-  std::vector<fs::path> strays;
+  std::vector<fs::path> unused;
   for (const auto& entry : fs::directory_iterator(folder / "storage")) {
     const bool isFile = fs::is_regular_file(entry.symlink_status());
     if (isFile && named.count(entry.path().filename().string()) == 0) {
-      strays.push_back(entry.path());
+      unused.push_back(entry.path());
     }
   }
-  std::sort(strays.begin(), strays.end());
-  return strays;
+  std::sort(unused.begin(), unused.end());
+  return unused;
 }
 
 // Removes things, and says what it removes.
@@ -53,27 +54,35 @@ class Collector {
  public:
   Collector(Output& out, bool isDry) : out_(out), isDry_(isDry) {}
 
-  void collect(const fs::path& stray) {
-    const std::uint64_t bytes = fs::file_size(stray);
-    if (!isDry_) fs::remove(stray);
-    note(stray.string(), bytes);
+  // A file, or a folder with all that is in it.
+  void collect(const fs::path& unused) {
+    const std::uint64_t bytes = bytesBelow(unused);
+    if (!isDry_) fs::remove_all(unused);
+    note(unused.string(), bytes);
   }
 
   void collect(const recording::Leftover& leftover) {
     const std::string name = leftover.path.toNarrow();
     if (!leftover.inTheWay.empty()) {
-      out_.print("left alone {}: {}\n", name, leftover.inTheWay);
+      leaveAlone(name, leftover.inTheWay);
     } else if (isDry_ || recording::removeLeftover(leftover)) {
       note(name, leftover.bytes);
     }
   }
 
-  std::size_t count() const { return count_; }
-  std::uint64_t bytes() const { return bytes_; }
+  void leaveAlone(const std::string& name, const std::string& reason) {
+    out_.print("left alone {}: {}\n", name, reason);
+  }
+
+  void printSum(const std::string& folder) {
+    out_.print("{}: {} {}, {}\n", folder, verb(), counted(count_, "item"), byteCount(bytes_));
+  }
 
  private:
+  const char* verb() const { return isDry_ ? "would remove" : "removed"; }
+
   void note(const std::string& name, std::uint64_t bytes) {
-    out_.print("{} {}: {}\n", isDry_ ? "would remove" : "removed", name, byteCount(bytes));
+    out_.print("{} {}: {}\n", verb(), name, byteCount(bytes));
     ++count_;
     bytes_ += bytes;
   }
@@ -90,6 +99,19 @@ std::vector<recording::Leftover> leftovers(const Path& folder) {
   return found;
 }
 
+// What `kyr record --force` left when it was killed. Only a recording that has taken the place of the
+// old one makes that useless.
+void collectReplaced(const std::string& folder, Collector& collector) {
+  for (const fs::path& replaced : replacedRecordings(folder)) {
+    if (isRecording(folder)) {
+      collector.collect(replaced);
+    } else {
+      collector.leaveAlone(replaced.string(),
+                           "it is the recording that was in " + folder + ": rename it to keep it");
+    }
+  }
+}
+
 int runGc(const GcOptions& options) {
   const Path path = Path::fromNarrow(options.folder);
   const fs::path folder = path.toFilesystem();
@@ -99,13 +121,13 @@ int runGc(const GcOptions& options) {
   if (!options.isStale || fs::exists(folder)) {
     // Refuses recordings that are being written.
     const recording::RecordingInfo info = recording::describeRecording(path);
-    for (const fs::path& stray : strayFiles(folder, info)) collector.collect(stray);
+    for (const fs::path& file : unusedFiles(folder, info)) collector.collect(file);
   }
   if (options.isStale) {
     for (const recording::Leftover& leftover : leftovers(path)) collector.collect(leftover);
+    collectReplaced(options.folder, collector);
   }
-  out.print("{}: {}, {}\n", options.folder, counted(collector.count(), "stray"),
-            byteCount(collector.bytes()));
+  collector.printSum(options.folder);
   out.flush();
   return 0;
 }
@@ -116,19 +138,21 @@ void addGcCommand(CLI::App& app, Action& action) {
   CLI::App* command = app.add_subcommand("gc", "Remove files that a recording does not need");
   const auto options = std::make_shared<GcOptions>();
   addRecordingArgument(*command, options->folder);
-  command->add_flag("--stale", options->isStale,
-                    "Also remove what imports and saves that were killed left beside the recording "
-                    "and among temporary files");
+  command->add_flag(
+      "--stale", options->isStale,
+      "Also remove what commands that were killed left beside the recording and among "
+      "temporary files");
   command->add_flag("--dry-run", options->isDry, "Say what would be removed, and remove nothing");
   command->footer(R"help(
 Removes files in FOLDER/storage that recording.json does not name, and says which. Nothing else in
 the folder is touched. A recording that is still being written is refused.
 
 With --stale, FOLDER need not exist. These folders are removed as well: FOLDER.saving-* and
-FOLDER.importing-*, and in the folder for temporary files kyr-* and empty parquetStorage_*. Those
-that a process uses are left alone, and those that hold anything that kyr did not make; symbolic
-links are not followed. Older versions of kyr do not lock FOLDER.saving-*: none of them must be
-saving the recording meanwhile.
+FOLDER.importing-*, and in the folder for temporary files kyr-* and empty parquetStorage_*. So is
+the old recording in FOLDER.replaced-* if FOLDER holds a recording. Folders that a process uses are
+left alone, and those that hold anything that kyr did not make; symbolic links are not followed.
+Older versions of kyr do not lock FOLDER.saving-*: none of them must be saving the recording
+meanwhile.
 
 Examples:
   kyr gc run --dry-run

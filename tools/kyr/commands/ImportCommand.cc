@@ -20,7 +20,6 @@
 #include "cli/Text.h"
 #include "commands/Commands.h"
 #include "csv/ColumnStore.h"
-#include "kyr/parquet/SerializationOptions.h"
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/recording/Recording.h"
 #include "kyr/recording/WorkingFolder.h"
@@ -57,9 +56,7 @@ int runImport(const ImportOptions& options) {
 
 void importCsv(const ImportOptions& options) {
   applySettings(options.settings);
-  if (options.streams && !parquet::serialization_options::bSharedTimeColumn) {
-    throw UsageError("--set SharedTimeColumn=false: streamed signals always share times");
-  }
+  requireSharedTimes();
   const Path folder = Path::fromNarrow(options.folder);
   checkNewRecording(options.folder, options.replaces);
   CsvTable table(options.file, options.csv);
@@ -97,11 +94,10 @@ void importCsv(const ImportOptions& options) {
 
 namespace {
 
-void addStreamOptions(CLI::App& command, ImportOptions& options, CLI::Option* separatesTime) {
+void addStreamOptions(CLI::App& command, ImportOptions& options) {
   CLI::Option* stream =
       command.add_flag("--stream", options.streams,
                        "Append the columns chunk by chunk, to files of many row groups");
-  stream->excludes(separatesTime);
   command
       .add_option("--chunk", options.stream.chunkRows,
                   fmt::format("Rows per append at most; {} unless given", options.stream.chunkRows))
@@ -124,16 +120,12 @@ void addImportOptions(CLI::App& command, ImportOptions& options) {
   addArgument(command, "FOLDER", options.folder, "Folder of the new recording");
   addCsvOptions(command, options.csv);
   addCompressionOption(command, options.settings);
-  CLI::Option* separatesTime = command.add_flag_callback(
-      "--no-shared-time", [&options] { options.settings.emplace_back("SharedTimeColumn=false"); },
-      "Store times beside the samples of each signal instead of in files that signals share");
-  addStreamOptions(command, options, separatesTime);
+  addStreamOptions(command, options);
   command
       .add_flag("--pack{1048576}", options.packBelow,
                 "Put signals of fewer bytes, 1048576 unless given, into files that they share: "
                 "quicker and smaller for many small signals")
-      ->type_name("[=BYTES]")
-      ->excludes(separatesTime);
+      ->type_name("[=BYTES]");
   addSetOption(command, options.settings);
   command.add_flag("--strict", options.isStrict,
                    "Store nothing if something in the file cannot be stored as it is");
@@ -155,8 +147,7 @@ them, and the first number of a column that is rounded.
 
 A file may be larger than memory. At most 128 MiB of samples wait to be written, or with --stream a
 row group of every column. In addition a few blocks of 2 MiB of the file are in memory, or its
-longest rows. With --no-shared-time, one whole column at a time is in memory. The content of a pipe
-goes to a temporary file first.
+longest rows. The content of a pipe goes to a temporary file first.
 
 Examples:
   kyr import run.csv run

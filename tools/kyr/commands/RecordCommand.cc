@@ -24,7 +24,6 @@
 #include "csv/CsvMessages.h"
 #include "csv/CsvStream.h"
 #include "csv/RowRecorder.h"
-#include "kyr/parquet/SerializationOptions.h"
 #include "kyr/recording/LiveRecording.h"
 #include "print/RecordingSummary.h"
 
@@ -127,9 +126,7 @@ void checkUsage(const RecordOptions& options) {
   if (options.follows && options.source == "-") {
     throw UsageError("--follow: standard input is read until it ends anyway");
   }
-  if (!parquet::serialization_options::bSharedTimeColumn) {
-    throw UsageError("--set SharedTimeColumn=false: recorded signals always share times");
-  }
+  requireSharedTimes();
 }
 
 recording::LiveOptions liveOptions(const RecordOptions& options) {

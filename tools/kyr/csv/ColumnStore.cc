@@ -1,36 +1,28 @@
 #include "csv/ColumnStore.h"
 
-#include <arrow/status.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstring>
-#include <limits>
 #include <stdexcept>
 
 #include "cli/Interrupt.h"
 #include "cli/Settings.h"
 #include "cli/Text.h"
-#include "kyr/parquet/ParquetSignal.h"
 #include "kyr/parquet/SafeStorage.h"
-#include "kyr/parquet/SerializationOptions.h"
 
 namespace kyr::tool {
-
-namespace options = parquet::serialization_options;
 
 namespace {
 
 // Rows wait in memory until they make up a batch, so the batches of many columns are smaller.
-// Columns that will not stay in this pool, which are small ones for packs and all with times of
-// their own, are written once if they are not written here: their batches are as long as memory
-// allows.
-parquet::SafeStorage storageFor(std::size_t columns, std::size_t packBelow, bool isStaging) {
+// Small columns go to packs and are written once if they are not written here: their batches are as
+// long as memory allows.
+parquet::SafeStorage storageFor(std::size_t columns, std::size_t packBelow) {
   constexpr std::size_t kBytesInAll = std::size_t{128} << 20U;
   parquet::SafeStorage storage;
   storage.publishesBatches = false;
   storage.batchBytes = std::clamp(kBytesInAll / (columns + 1), std::size_t{1}, storage.batchBytes);
-  storage.holdBelow = isStaging ? storage.holdTotal : packBelow;
+  storage.holdBelow = packBelow;
   if (storage.holdBelow == 0) return storage;
   constexpr std::size_t kLeastBatch = std::size_t{1} << 19U;
   storage.batchBytes = std::min(storage.batchBytes, std::max(storage.holdBelow, kLeastBatch));
@@ -51,22 +43,15 @@ void naming(const CsvColumn& column, Operation&& operation) {
 
 }  // namespace
 
-// Pools with SafeStorage always store times in files of their own. If the user does not want that,
-// finish() copies each signal to a second pool without SafeStorage, in which signals share nothing.
 ColumnStore::ColumnStore(const Path& directory, std::size_t columns,
                          std::optional<StreamOptions> stream, std::size_t packBelow)
-    : pool_(std::make_unique<parquet::SignalPool>(
-          directory.join("shared"), storageFor(columns, packBelow, !options::bSharedTimeColumn))),
-      stream_(stream) {
-  if (options::bSharedTimeColumn) return;
-  separate_ = std::make_unique<parquet::SignalPool>(directory.join("separate"));
-}
+    : pool_(directory.join("shared"), storageFor(columns, packBelow)), stream_(stream) {}
 
 const ColumnStore::Signal& ColumnStore::signalOf(const CsvColumn& column) {
   Signal& signal = signals_[column.id];
   if (signal) return signal;
-  pool_->describeSignal(column.id, column.name, column.unit);
-  signal = pool_->getStreamableSignal(column.id);
+  pool_.describeSignal(column.id, column.name, column.unit);
+  signal = pool_.getStreamableSignal(column.id);
   signal->setDataType(column.type);
   signal->setCategory(Scalar);
   if (const auto codec = chosenCodec()) signal->setParquetCompressionType(*codec);
@@ -90,35 +75,11 @@ void ColumnStore::append(const CsvColumn& column, const double* times, const cha
 
 void ColumnStore::drop(const CsvColumn& column) {
   signals_.erase(column.id);
-  pool_->deleteSignal(column.id);
+  pool_.deleteSignal(column.id);
 }
 
 void ColumnStore::finish(const CsvColumn& column) {
-  naming(column, [&] {
-    parquet::StreamableSignal& signal = *signalOf(column);
-    signal.finish();
-    if (separate_) storeSeparately(column, signal);
-  });
-}
-
-void ColumnStore::storeSeparately(const CsvColumn& column, parquet::StreamableSignal& stored) {
-  constexpr auto kAll = std::numeric_limits<unsigned long>::max();
-  std::vector<char> bytes;
-  stored.getTime(0, kAll, bytes);
-  std::vector<double> times(bytes.size() / sizeof(double));
-  if (!times.empty()) std::memcpy(times.data(), bytes.data(), bytes.size());
-  std::vector<std::vector<unsigned long>> shapes;
-  stored.getData(0, kAll, bytes, shapes);
-  drop(column);
-
-  separate_->describeSignal(column.id, column.name, column.unit);
-  const auto signal = separate_->getSignal(column.id);
-  signal->setDataType(column.type);
-  signal->setCategory(Scalar);
-  if (const auto codec = chosenCodec()) signal->setParquetCompressionType(*codec);
-  signal->setData(times, bytes, {}, {});
-  const ::arrow::Status status = signal->writeStatus();
-  if (!status.ok()) throw std::runtime_error(status.message());
+  naming(column, [&] { signalOf(column)->finish(); });
 }
 
 }  // namespace kyr::tool

@@ -18,8 +18,7 @@ struct StreamOptions {
 };
 
 /// Stores columns as signals of its own pool, each with exactly the samples that it is given. Equal
-/// contents are stored once, and signals share the files of their times. If the options of the
-/// library say so, each signal has its times beside its samples instead.
+/// contents are stored once, and signals share the files of their times.
 class ColumnStore : public SampleSink {
  public:
   /// \param columns  number of columns that will come
@@ -38,16 +37,14 @@ class ColumnStore : public SampleSink {
   void finish(const CsvColumn& column);
 
   /// The pool of the columns that were finished.
-  parquet::SignalPool& pool() { return separate_ ? *separate_ : *pool_; }
+  parquet::SignalPool& pool() { return pool_; }
 
  private:
   using Signal = std::shared_ptr<parquet::StreamableSignal>;
 
   const Signal& signalOf(const CsvColumn& column);
-  void storeSeparately(const CsvColumn& column, parquet::StreamableSignal& signal);
 
-  std::unique_ptr<parquet::SignalPool> pool_;
-  std::unique_ptr<parquet::SignalPool> separate_;  ///< pool of signals with their own times
+  parquet::SignalPool pool_;
   std::optional<StreamOptions> stream_;
   std::map<int, Signal> signals_;
 };

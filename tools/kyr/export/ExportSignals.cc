@@ -33,15 +33,14 @@ std::vector<SignalInfo> distinctSignals(std::vector<SignalInfo> signals) {
 }
 
 // Returns why the table cannot hold a signal; empty if it can.
-std::string obstacle(const SignalInfo& signal, const RecordingFiles& files,
+std::string obstacle(const SignalInfo& signal, const recording::RecordingReader& reader,
                      const ExportOptions& options) {
   if (!signal.dataStorageId || signal.rowCount == 0) return "it has no samples";
-  const auto time = files.timeOf(signal);
-  if (!time) return "it has no times";
-  const std::uint64_t samples = files.rowsOf(files.dataOf(signal));
-  if (files.rowsOf(*time) != samples) {
-    return fmt::format("it has {} but {}", counted(files.rowsOf(*time), "time"),
-                       counted(samples, "sample"));
+  if (reader.withSameTimes(signal.signalId).empty()) return "it has no times";
+  const std::uint64_t times = reader.timeCount(signal.signalId);
+  const std::uint64_t samples = reader.sampleCount(signal.signalId);
+  if (times != samples) {
+    return fmt::format("it has {} but {}", counted(times, "time"), counted(samples, "sample"));
   }
   if (isNumber(signal)) return "";
   const bool isMatrix =
@@ -115,20 +114,19 @@ bool isNumber(const SignalInfo& signal) {
          signal.dataType != Null;
 }
 
-std::vector<ExportSignal> exportedSignals(const recording::RecordingInfo& info,
-                                          const RecordingFiles& files, const ExportOptions& options,
-                                          Losses& losses) {
+std::vector<ExportSignal> exportedSignals(const recording::RecordingReader& reader,
+                                          const ExportOptions& options, Losses& losses) {
   std::vector<ExportSignal> signals;
   const auto leaveOut = [&losses](const SignalInfo& signal, const std::string& reason) {
     losses.add(fmt::format("signal {}, {}, is left out: {}", signal.signalId, inQuotes(signal.name),
                            reason));
   };
   for (const SignalInfo& signal :
-       distinctSignals(chosenSignals(info.signals, options.signals, options.folder))) {
+       distinctSignals(chosenSignals(reader.signals(), options.signals, options.folder))) {
     stopIfInterrupted();
-    const std::string reason = obstacle(signal, files, options);
+    const std::string reason = obstacle(signal, reader, options);
     if (reason.empty()) {
-      signals.push_back({signal, files.timeOf(signal).value(), ""});
+      signals.push_back({signal, reader.withSameTimes(signal.signalId).front(), ""});
     } else {
       leaveOut(signal, reason);
     }

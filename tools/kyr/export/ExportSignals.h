@@ -5,15 +5,14 @@
 
 #include "cli/Losses.h"
 #include "export/ExportOptions.h"
-#include "export/RecordingFiles.h"
-#include "kyr/recording/RecordingInfo.h"
+#include "kyr/recording/RecordingReader.h"
 
 namespace kyr::tool {
 
 /// A signal that will be exported.
 struct ExportSignal {
   recording::SignalInfo info;
-  StoredColumn time;
+  int times = 0;       ///< the first signal of the recording with the same times
   std::string column;  ///< its name in the table, which no other signal has
 };
 
@@ -26,8 +25,7 @@ bool isNumber(const recording::SignalInfo& signal);
 /// The chosen signals that the table can hold. The others are added to \p losses. Names that had to
 /// be changed are told on standard error.
 /// \throws std::runtime_error if nothing is left
-std::vector<ExportSignal> exportedSignals(const recording::RecordingInfo& info,
-                                          const RecordingFiles& files, const ExportOptions& options,
-                                          Losses& losses);
+std::vector<ExportSignal> exportedSignals(const recording::RecordingReader& reader,
+                                          const ExportOptions& options, Losses& losses);
 
 }  // namespace kyr::tool

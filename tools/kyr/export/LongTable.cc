@@ -1,7 +1,6 @@
 #include "export/LongTable.h"
 
 #include <arrow/api.h>
-#include <arrow/compute/api_vector.h>
 
 #include <algorithm>
 #include <cmath>
@@ -13,6 +12,8 @@
 #include "cli/Errors.h"
 #include "export/FieldMetadata.h"
 #include "export/HivePath.h"
+#include "print/MergedTimes.h"
+#include "print/SampleCursor.h"
 #include "print/SampleNumbers.h"
 
 namespace kyr::tool {
@@ -24,10 +25,6 @@ constexpr const char* kValue = "value";
 
 // Sorts NaN to the end.
 bool isBefore(double a, double b) { return !std::isnan(a) && (std::isnan(b) || a < b); }
-
-const double* doublesOf(const ::arrow::Array& array) {
-  return static_cast<const ::arrow::DoubleArray&>(array).raw_values();
-}
 
 // The units and descriptions of all signals, for the column that holds their values.
 std::shared_ptr<::arrow::KeyValueMetadata> signalMetadata(
@@ -48,9 +45,23 @@ std::shared_ptr<::arrow::KeyValueMetadata> signalMetadata(
   return metadata;
 }
 
-std::shared_ptr<::arrow::Array> valuesOf(const ExportSignal& signal,
-                                         const std::shared_ptr<::arrow::Array>& samples) {
-  return signal.info.dataType == Boolean ? truthValues(*samples) : asDoubles(samples).array;
+// The samples of a signal from `row` on as doubles. Returns the row behind the last.
+std::uint64_t addDoubles(SampleCursor& cursor, const ExportSignal& signal, std::uint64_t row,
+                         std::vector<double>& doubles) {
+  const recording::SampleBlock& block = cursor.blockOf(row);
+  const std::size_t size = doubles.size();
+  const auto skipped = static_cast<std::size_t>(row - block.firstRow);
+  doubles.resize(size + block.rows - skipped);
+  toDoublesFor(signal.info.dataType)(
+      static_cast<const char*>(block.elements) + skipped * cursor.width(), block.rows - skipped,
+      doubles.data() + size);
+  return block.firstRow + block.rows;
+}
+
+std::shared_ptr<::arrow::Array> arrayOf(std::vector<double> doubles) {
+  const auto size = static_cast<std::int64_t>(doubles.size());
+  return std::make_shared<::arrow::DoubleArray>(size,
+                                                ::arrow::Buffer::FromVector(std::move(doubles)));
 }
 
 // The column "signal", which repeats one name. In CSV the name holds the unit, too.
@@ -85,20 +96,16 @@ class NameColumn {
 
 }  // namespace
 
-LongTable::LongTable(RecordingFiles& files, const std::vector<ExportSignal>& signals,
-                     Progress progress)
-    : files_(files), signals_(signals), progress_(std::move(progress)) {
+LongTable::LongTable(const recording::RecordingReader& reader,
+                     const std::vector<ExportSignal>& signals, Progress progress)
+    : reader_(reader), signals_(signals), progress_(std::move(progress)) {
   for (const ExportSignal& signal : signals) allRows_ += signal.info.rowCount;
 }
 
 void LongTable::checkExact(Losses& losses) {
   for (const ExportSignal& signal : signals_) {
-    const KYRSignalDataType type = signal.info.dataType;
-    if (type != Int64 && type != UInt64 && type != UInt64Alt) continue;
-    ColumnReader reader = files_.openData(signal.info);
-    std::uint64_t inexact = 0;
-    while (const ArrayPtr slice = reader.next()) inexact += asDoubles(slice).inexact;
-    if (inexact > 0) losses.add(inexactText(signal.info, inexact));
+    const std::uint64_t rounded = roundedSamples(reader_, signal.info);
+    if (rounded > 0) losses.add(roundedText(signal.info, rounded));
   }
 }
 
@@ -141,60 +148,55 @@ void LongTable::forEachSlice(const ExportSignal& signal, const Take& take) {
     rows_ += static_cast<std::uint64_t>(times->length());
     progress_(static_cast<double>(rows_) / static_cast<double>(allRows_));
   };
-  if (isAscending(signal.time)) {
+  if (isAscending(signal.times)) {
     stream(signal, counting);
   } else {
     streamSorted(signal, counting);
   }
 }
 
-// Reads times and samples side by side. Their slices may end at different rows.
 void LongTable::stream(const ExportSignal& signal, const Take& take) {
-  ColumnReader timeReader = files_.openTimes(signal.time);
-  ColumnReader dataReader = files_.openData(signal.info);
-  ArrayPtr times;
-  ArrayPtr samples;
-  for (;;) {
-    if (!times || times->length() == 0) times = timeReader.next();
-    if (!samples || samples->length() == 0) samples = dataReader.next();
-    if (!times || !samples) return;
-    const std::int64_t rows = std::min(times->length(), samples->length());
-    take(times->Slice(0, rows), valuesOf(signal, samples->Slice(0, rows)));
-    times = times->Slice(rows);
-    samples = samples->Slice(rows);
+  const std::uint64_t end = signal.info.rowCount;
+  SampleCursor cursor(reader_, signal.info, end, blockRowsFor(2));
+  for (std::uint64_t row = 0; row < end;) {
+    std::vector<double> values;
+    const std::uint64_t next = addDoubles(cursor, signal, row, values);
+    take(arrayOf(reader_.times(signal.times, {row, next})), arrayOf(std::move(values)));
+    row = next;
   }
 }
 
 void LongTable::streamSorted(const ExportSignal& signal, const Take& take) {
-  const std::vector<double> times = files_.readTimes(signal.time);
-  const ArrayPtr samples = files_.readData(signal.info);
-  std::vector<std::int64_t> order(times.size());
+  const std::vector<double> times = reader_.times(signal.times);
+  std::vector<double> values;
+  values.reserve(times.size());
+  SampleCursor cursor(reader_, signal.info, times.size(), blockRowsFor(2));
+  for (std::uint64_t row = 0; row < times.size();) row = addDoubles(cursor, signal, row, values);
+  std::vector<std::size_t> order(times.size());
   std::iota(order.begin(), order.end(), 0);
-  std::stable_sort(order.begin(), order.end(), [&](std::int64_t a, std::int64_t b) {
-    return isBefore(times[static_cast<std::size_t>(a)], times[static_cast<std::size_t>(b)]);
-  });
-  ::arrow::Int64Builder indices;
-  ::arrow::DoubleBuilder sorted;
-  check(indices.AppendValues(order));
-  for (const std::int64_t i : order) check(sorted.Append(times[static_cast<std::size_t>(i)]));
-  take(check(sorted.Finish()),
-       valuesOf(signal, check(::arrow::compute::Take(*samples, *check(indices.Finish())))));
+  std::stable_sort(order.begin(), order.end(),
+                   [&times](std::size_t a, std::size_t b) { return isBefore(times[a], times[b]); });
+  const auto sorted = [&order](const std::vector<double>& numbers) {
+    std::vector<double> result;
+    result.reserve(order.size());
+    for (const std::size_t i : order) result.push_back(numbers[i]);
+    return arrayOf(std::move(result));
+  };
+  take(sorted(times), sorted(values));
 }
 
-bool LongTable::isAscending(const StoredColumn& column) {
-  const auto known = ascending_.find(column);
+bool LongTable::isAscending(int times) {
+  const auto known = ascending_.find(times);
   if (known != ascending_.end()) return known->second;
-  ColumnReader reader = files_.openTimes(column);
   double last = -std::numeric_limits<double>::infinity();
   bool isAscending = true;
-  while (const ArrayPtr slice = reader.next()) {
-    const double* const begin = doublesOf(*slice);
-    const double* const end = begin + slice->length();
-    isAscending = !isBefore(*begin, last) && std::is_sorted(begin, end, isBefore);
-    if (!isAscending) break;
-    last = end[-1];
+  const recording::RowRange rows{0, reader_.timeCount(times)};
+  for (TimeWalk walk(reader_, times, {rows}, blockRowsFor(1)); !walk.isAtEnd() && isAscending;
+       walk.next()) {
+    isAscending = !isBefore(walk.time(), last);
+    last = walk.time();
   }
-  return ascending_[column] = isAscending;
+  return ascending_[times] = isAscending;
 }
 
 }  // namespace kyr::tool

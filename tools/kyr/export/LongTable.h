@@ -13,8 +13,8 @@
 #include "cli/Losses.h"
 #include "export/ExportOptions.h"
 #include "export/ExportSignals.h"
-#include "export/RecordingFiles.h"
 #include "export/TableWriter.h"
+#include "kyr/recording/RecordingReader.h"
 
 namespace kyr::tool {
 
@@ -26,7 +26,8 @@ class LongTable {
  public:
   using Progress = std::function<void(double part)>;
 
-  LongTable(RecordingFiles& files, const std::vector<ExportSignal>& signals, Progress progress);
+  LongTable(const recording::RecordingReader& reader, const std::vector<ExportSignal>& signals,
+            Progress progress);
 
   /// Adds the integers that the table cannot hold exactly to \p losses. To be called before
   /// writing, because standard output cannot be taken back. Reads all 64-bit integers.
@@ -38,8 +39,6 @@ class LongTable {
   /// Writes a file `signal=<name>/part-0.parquet` for each signal, with the columns time and value.
   void writePartitions(const std::filesystem::path& folder, const TableWriter::Target& target);
 
-  std::uint64_t rows() const { return rows_; }
-
  private:
   using ArrayPtr = std::shared_ptr<::arrow::Array>;
   using Take = std::function<void(const ArrayPtr& times, const ArrayPtr& values)>;
@@ -47,12 +46,12 @@ class LongTable {
   void forEachSlice(const ExportSignal& signal, const Take& take);
   void stream(const ExportSignal& signal, const Take& take);
   void streamSorted(const ExportSignal& signal, const Take& take);
-  bool isAscending(const StoredColumn& times);
+  bool isAscending(int times);
 
-  RecordingFiles& files_;
+  const recording::RecordingReader& reader_;
   const std::vector<ExportSignal>& signals_;
   Progress progress_;
-  std::map<StoredColumn, bool> ascending_;
+  std::map<int, bool> ascending_;
   std::uint64_t rows_ = 0;
   std::uint64_t allRows_ = 0;
 };

@@ -4,6 +4,7 @@
 #include <arrow/csv/writer.h>
 #include <arrow/io/file.h>
 #include <arrow/ipc/writer.h>
+#include <arrow/util/byte_size.h>
 #include <arrow/util/compression.h>
 #include <fmt/format.h>
 
@@ -21,14 +22,11 @@ namespace kyr::tool {
 
 namespace {
 
-constexpr std::int64_t kBatchRows = 65536;
-
-// The settings of the library with statistics, which let readers of a sorted table skip row groups.
-std::shared_ptr<::parquet::WriterProperties> writerProperties() {
-  return ::parquet::WriterProperties::Builder(
-             *parquet::ParquetWriterOptions().buildWriterProperties())
-      .enable_statistics()
-      ->build();
+std::shared_ptr<::parquet::WriterProperties> writerProperties(bool hasStatistics) {
+  ::parquet::WriterProperties::Builder builder(
+      *parquet::ParquetWriterOptions().buildWriterProperties());
+  if (hasStatistics) builder.enable_statistics();
+  return builder.build();
 }
 
 ::arrow::ipc::IpcWriteOptions ipcOptions(
@@ -67,7 +65,7 @@ void TableWriter::open(const Target& target, const std::vector<std::string>& csv
   }
   if (target.format == ExportFormat::parquet) {
     parquet_ = check(::parquet::arrow::FileWriter::Open(
-        *schema_, ::arrow::default_memory_pool(), stream_, writerProperties(),
+        *schema_, ::arrow::default_memory_pool(), stream_, writerProperties(target.hasStatistics),
         ::parquet::ArrowWriterProperties::Builder().store_schema()->build()));
   } else if (target.format == ExportFormat::csv) {
     checkWritten(stream_->Write(csvLine(csvHeader)));
@@ -89,20 +87,21 @@ void TableWriter::checkWritten(const ::arrow::Status& status) const {
   throw std::runtime_error(fmt::format("{} cannot be written: {}", name_, reasonOf(status)));
 }
 
+// A row group is in memory until it is complete.
+void TableWriter::startGroupIfFull(const ::arrow::RecordBatch& batch) {
+  constexpr std::int64_t kGroupBytes = std::int64_t{64} << 20;
+  if (groupBytes_ >= kGroupBytes) {
+    checkWritten(parquet_->NewBufferedRowGroup());
+    groupBytes_ = 0;
+  }
+  groupBytes_ += ::arrow::util::TotalBufferSize(batch);
+}
+
 void TableWriter::write(const ::arrow::RecordBatch& batch) {
   stopIfInterrupted();
   const Span span("write");
+  if (parquet_) startGroupIfFull(batch);
   checkWritten(parquet_ ? parquet_->WriteRecordBatch(batch) : other_->WriteRecordBatch(batch));
-}
-
-void TableWriter::write(const ::arrow::Table& table) {
-  ::arrow::TableBatchReader batches(table);
-  batches.set_chunksize(kBatchRows);
-  for (;;) {
-    const auto batch = check(batches.Next());
-    if (!batch) return;
-    write(*batch);
-  }
 }
 
 void TableWriter::close() {

@@ -26,6 +26,9 @@ class TableWriter {
     std::filesystem::path file;  ///< empty for standard output
     std::string name;            ///< what errors call it
     std::optional<::arrow::Compression::type> codec;
+    /// Whether Parquet files tell the smallest and largest values of each row group, with which
+    /// readers of a sorted table skip row groups.
+    bool hasStatistics = false;
   };
 
   /// \param csvHeader  names of the columns in a CSV file
@@ -37,13 +40,13 @@ class TableWriter {
 
   /// \throws std::runtime_error, OutputClosed, Interrupted
   void write(const ::arrow::RecordBatch& batch);
-  void write(const ::arrow::Table& table);
 
   /// To be called at the end.
   void close();
 
  private:
   void open(const Target& target, const std::vector<std::string>& csvHeader);
+  void startGroupIfFull(const ::arrow::RecordBatch& batch);
   void checkWritten(const ::arrow::Status& status) const;
 
   std::string name_;
@@ -51,6 +54,7 @@ class TableWriter {
   std::shared_ptr<StandardOutput> standardOutput_;
   std::shared_ptr<::arrow::io::OutputStream> stream_;
   std::unique_ptr<::parquet::arrow::FileWriter> parquet_;
+  std::int64_t groupBytes_ = 0;  // of the rows of the row group that is being written
   std::shared_ptr<::arrow::ipc::RecordBatchWriter> other_;
 };
 

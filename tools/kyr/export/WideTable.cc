@@ -1,67 +1,71 @@
 #include "export/WideTable.h"
 
 #include <arrow/api.h>
-#include <arrow/compute/cast.h>
 #include <fmt/format.h>
 #include <xxhash.h>
 
+#include <algorithm>
 #include <cstring>
+#include <set>
 #include <stdexcept>
-#include <tuple>
 #include <utility>
 
 #include "cli/Errors.h"
+#include "cli/Interrupt.h"
+#include "cli/Span.h"
 #include "cli/Text.h"
 #include "export/FieldMetadata.h"
-#include "kyr/arrow/ArrayHelpers.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "print/SampleNumbers.h"
 
 namespace kyr::tool {
 
+using recording::RecordingReader;
+using recording::RowRange;
+
 namespace {
 
-// Replaces types that the export worker does not take by the type that is stored in the same way.
-KYRSignalDataType exportType(KYRSignalDataType type) {
-  if (type == UInt32Alt) return UInt32;
-  return type == UInt64Alt ? UInt64 : type;
-}
-
-std::vector<char> bytesOf(const ::arrow::Array& numbers) {
-  const ::arrow::ArrayData& data = *numbers.data();
-  const auto width = static_cast<std::size_t>(
-                         static_cast<const ::arrow::FixedWidthType&>(*data.type).bit_width()) /
-                     8;
-  const char* const first = reinterpret_cast<const char*>(data.buffers[1]->data()) +
-                            static_cast<std::size_t>(data.offset) * width;
-  return {first, first + static_cast<std::size_t>(data.length) * width};
-}
-
-// Converts lists of bytes to lists of bool.
-std::shared_ptr<::arrow::Array> truthLists(const std::shared_ptr<::arrow::Array>& lists) {
-  const auto item = lists->type()->field(0)->WithType(::arrow::boolean());
-  return check(::arrow::compute::Cast(*lists, ::arrow::list(item)));
-}
-
-// Reads the times, which must be equal for all signals, bit for bit.
-std::vector<double> sharedTimes(RecordingFiles& files, const std::vector<ExportSignal>& signals) {
-  using Key = std::tuple<std::size_t, std::uint64_t, std::uint64_t>;
-  std::vector<double> first;
-  std::set<StoredColumn> read;
-  std::set<Key> different;
-  for (const ExportSignal& signal : signals) {
-    if (!read.insert(signal.time).second) continue;
-    std::vector<double> times = files.readTimes(signal.time);
-    const std::size_t bytes = times.size() * sizeof(double);
-    const XXH128_hash_t hash = XXH3_128bits(times.data(), bytes);
-    different.emplace(times.size(), hash.low64, hash.high64);
-    if (read.size() == 1) {
-      first = std::move(times);
-    } else if (different.size() == 1 && std::memcmp(times.data(), first.data(), bytes) != 0) {
-      different.emplace(0, 0, 0);  // same hash as the first one, but different times
-    }
+// Calls take(first row, times) for the times of a signal, block by block, until it returns false.
+template <typename Take>
+void forEachTime(const RecordingReader& reader, int id, const Take& take) {
+  const std::size_t block = blockRowsFor(1);
+  const std::uint64_t end = reader.timeCount(id);
+  for (std::uint64_t row = 0; row < end; row += block) {
+    stopIfInterrupted();
+    if (!take(row, reader.times(id, {row, row + block}))) return;
   }
-  if (different.size() == 1) return first;
+}
+
+bool haveSameTimes(const RecordingReader& reader, int a, int b) {
+  bool areSame = reader.timeCount(a) == reader.timeCount(b);
+  if (!areSame) return false;
+  forEachTime(reader, a, [&](std::uint64_t row, const std::vector<double>& times) {
+    const std::vector<double> others = reader.times(b, {row, row + times.size()});
+    areSame = std::memcmp(times.data(), others.data(), times.size() * sizeof(double)) == 0;
+    return areSame;
+  });
+  return areSame;
+}
+
+std::pair<std::uint64_t, std::uint64_t> hashOfTimes(const RecordingReader& reader, int id) {
+  XXH3_state_t state;
+  XXH3_128bits_reset(&state);
+  forEachTime(reader, id, [&state](std::uint64_t, const std::vector<double>& times) {
+    XXH3_128bits_update(&state, times.data(), times.size() * sizeof(double));
+    return true;
+  });
+  const XXH128_hash_t hash = XXH3_128bits_digest(&state);
+  return {hash.high64, hash.low64};
+}
+
+void requireSameTimes(const RecordingReader& reader, const std::vector<ExportSignal>& signals) {
+  const Span span("compare times");
+  std::set<int> times;
+  for (const ExportSignal& signal : signals) times.insert(signal.times);
+  const auto isLikeFirst = [&](int id) { return haveSameTimes(reader, *times.begin(), id); };
+  if (std::all_of(std::next(times.begin()), times.end(), isLikeFirst)) return;
+  std::set<std::pair<std::uint64_t, std::uint64_t>> different;
+  for (const int id : times) different.insert(hashOfTimes(reader, id));
   throw std::runtime_error(fmt::format(
       "the {} have {} different time vectors, so they cannot stand side by side: export them one "
       "below the other with --long, bring them to the same times with --resample, or name signals "
@@ -69,101 +73,176 @@ std::vector<double> sharedTimes(RecordingFiles& files, const std::vector<ExportS
       counted(signals.size(), "signal"), different.size()));
 }
 
+recording::Resampling resamplingOf(const RecordingReader& reader,
+                                   const std::vector<ExportSignal>& signals,
+                                   const ResampleOptions& options) {
+  using Method = recording::ResampleOptions::Method;
+  const Span span("resample: grid");
+  std::vector<int> ids;
+  ids.reserve(signals.size());
+  for (const ExportSignal& signal : signals) ids.push_back(signal.info.signalId);
+  recording::ResampleOptions asked;
+  asked.step = options.step;
+  asked.method = options.isLinear ? Method::linear : Method::previous;
+  try {
+    return {reader, std::move(ids), asked};
+  } catch (const std::invalid_argument& error) {
+    throw std::runtime_error(
+        fmt::format("--resample: {}: name other signals, or export with --long", error.what()));
+  }
+}
+
 }  // namespace
 
-WideTable::WideTable(parquet::ParquetExportSerializerWorker& worker, RecordingFiles& files,
-                     const recording::RecordingReader& reader,
-                     const std::vector<ExportSignal>& signals, const ExportOptions& options,
-                     Losses& losses, const Progress& progress)
-    : worker_(worker),
-      files_(files),
-      losses_(losses),
-      isLinear_(options.resample && options.resample->isLinear) {
+WideTable::WideTable(const RecordingReader& reader, const std::vector<ExportSignal>& signals,
+                     const ExportOptions& options, Losses& losses)
+    : reader_(reader), signals_(signals) {
   if (options.resample) {
-    resampling_.emplace(reader, signals, *options.resample);
-    addTimes(resampling_->times());
+    resampling_.emplace(resamplingOf(reader, signals, *options.resample));
+    rows_ = resampling_->rows();
   } else {
-    addTimes(sharedTimes(files, signals));
+    requireSameTimes(reader, signals);
+    rows_ = reader.timeCount(signals.front().times);
   }
-  for (const ExportSignal& signal : signals) names_.insert(signal.column);
-  std::size_t done = 0;
-  for (const ExportSignal& signal : signals) {
-    addSignal(signal);
-    progress(static_cast<double>(++done) / static_cast<double>(signals.size()));
-  }
-  table_ = worker_.buildTable(schema(), arrays_);
-}
-
-void WideTable::addTimes(const std::vector<double>& times) {
-  const std::string& name = parquet::columnNames::time;
-  names_.insert(name);
-  columns_.emplace_back(Scalar, Double, false, name);
   fields_.push_back(timeField());
-  csvHeader_.push_back(name);
-  arrays_.push_back(worker_.buildArray({{name, times, {}, {}, Double}}).front());
-}
-
-void WideTable::addSignal(const ExportSignal& signal) {
-  const recording::SignalInfo& info = signal.info;
-  ArrayPtr samples = files_.readData(info);
-  if (info.category == Scalar && info.dataType == Boolean) {
-    samples = kyr::arrow::getArrowArray<bool>(bytesOf(*samples));
-  } else if (isNumber(info)) {
-    samples =
-        worker_.buildArray({{signal.column, {}, bytesOf(*samples), {}, exportType(info.dataType)}})
-            .back();
+  csvHeader_.push_back(parquet::columnNames::time);
+  columns_.reserve(signals.size());
+  for (const ExportSignal& signal : signals) {
+    addColumn(signal, options.resample && options.resample->isLinear, losses);
   }
-  if (info.category != Scalar && info.dataType == Boolean) samples = truthLists(samples);
-  if (resampling_) samples = resampled(signal, samples);
-  columns_.emplace_back(info.category, info.dataType, false, signal.column);
-  fields_.push_back(
-      ::arrow::field(signal.column, samples->type(), fieldMetadata(info, signal.column)));
-  arrays_.push_back(std::move(samples));
-  csvHeader_.push_back(tool::csvHeader(signal));
-  if (info.category == VarDim || info.category == VarDimBus) addDimensions(signal);
+  schema_ = ::arrow::schema(fields_);
 }
 
-// A reader needs the shapes of samples whose shape changes.
-void WideTable::addDimensions(const ExportSignal& signal) {
-  const StoredColumn column{signal.info.dataStorageId.value(), parquet::columnNames::dimension};
-  ArrayPtr shapes = files_.readColumn(column);
-  if (resampling_) shapes = resampling_->hold(signal, *shapes);
-  const std::string name = freeName(signal.column + ".dimension");
-  fields_.push_back(::arrow::field(name, shapes->type()));
-  arrays_.push_back(std::move(shapes));
-  csvHeader_.push_back(name);
+void WideTable::addColumn(const ExportSignal& signal, bool isLinear, Losses& losses) {
+  const recording::SignalInfo& info = signal.info;
+  const bool isInterpolated = isLinear && isNumber(info) && info.dataType != Boolean;
+  columns_.push_back({info.signalId, signal.times, isInterpolated,
+                      SampleCursor(reader_, info, info.rowCount, blockRowsFor(2 * signals_.size())),
+                      SampleArrays(info)});
+  const SampleArrays& arrays = columns_.back().arrays;
+  fields_.push_back(::arrow::field(signal.column,
+                                   isInterpolated ? ::arrow::float64() : arrays.type(),
+                                   fieldMetadata(info, signal.column)));
+  csvHeader_.push_back(tool::csvHeader(signal));
+  if (arrays.hasShapes()) {  // a reader needs the shapes of samples whose shape changes
+    const std::string name = freeName(signal.column + ".dimension");
+    fields_.push_back(::arrow::field(name, SampleArrays::shapeType()));
+    csvHeader_.push_back(name);
+  }
+  if (isInterpolated) {
+    const std::uint64_t rounded = roundedSamples(reader_, info);
+    if (rounded > 0) losses.add(roundedText(info, rounded));
+  } else if (isLinear) {
+    losses.add(fmt::format(
+        "signal {}, {}, is held and not interpolated: its samples are no numbers to interpolate",
+        info.signalId, inQuotes(info.name)));
+  }
 }
 
 std::string WideTable::freeName(std::string name) const {
-  while (names_.count(name) > 0) name += "_";
+  const auto isTaken = [&name, this] {
+    return std::any_of(signals_.begin(), signals_.end(),
+                       [&name](const ExportSignal& signal) { return signal.column == name; }) ||
+           std::any_of(fields_.begin(), fields_.end(),
+                       [&name](const auto& field) { return field->name() == name; });
+  };
+  while (isTaken()) name += "_";
   return name;
 }
 
-WideTable::ArrayPtr WideTable::resampled(const ExportSignal& signal, const ArrayPtr& samples) {
-  if (!isLinear_) return resampling_->hold(signal, *samples);
-  const recording::SignalInfo& info = signal.info;
-  if (!isNumber(info) || info.dataType == Boolean) {
-    losses_.add(
-        fmt::format("signal {}, {}, is held and not interpolated: its samples are no "
-                    "numbers to interpolate",
-                    info.signalId, inQuotes(info.name)));
-    return resampling_->hold(signal, *samples);
+void WideTable::write(const TableWriter::Target& target, const Progress& progress) {
+  TableWriter writer(target, schema_, csvHeader_);
+  while (row_ < rows_) {
+    writer.write(*nextPiece());
+    progress(static_cast<double>(row_) / static_cast<double>(rows_));
   }
-  const Doubles doubles = asDoubles(samples);
-  if (doubles.inexact > 0) losses_.add(inexactText(info, doubles.inexact));
-  return resampling_->interpolate(signal, *doubles.array);
+  writer.close();
 }
 
-// The schema of the worker, with the names, types and metadata of our fields.
-std::shared_ptr<::arrow::Schema> WideTable::schema() const {
-  const auto exported = worker_.getExportSchema(columns_);
-  ::arrow::FieldVector fields;
-  for (const auto& field : fields_) {
-    const auto& base = exported->field(static_cast<int>(fields.size()));
-    fields.push_back(
-        base->WithName(field->name())->WithType(field->type())->WithMetadata(field->metadata()));
+void WideTable::findPlaces(std::size_t count) {
+  places_.clear();
+  if (!resampling_) return;
+  for (const Column& column : columns_) {
+    if (column.isInterpolated || places_.count(column.times) > 0) continue;
+    places_[column.times] = resampling_->places(column.signal, {row_, row_ + count});
   }
-  return ::arrow::schema(std::move(fields));
+}
+
+// The sample that stands in a row of the piece; -1 if there is none.
+std::int64_t WideTable::sampleAt(const Column& column, std::size_t row) const {
+  return resampling_ ? places_.at(column.times)[row].before : static_cast<std::int64_t>(row_ + row);
+}
+
+// Rows of a piece whose samples come from one block and are not too large, of samples that may be
+// large.
+std::size_t WideTable::fittingRows(Column& column, std::size_t count) {
+  constexpr std::size_t kBytes = std::size_t{16} << 20;
+  if (column.arrays.isFlat()) return count;
+  const recording::SampleBlock* block = nullptr;
+  std::size_t bytes = 0;
+  for (std::size_t row = 0; row < count; ++row) {
+    const std::int64_t sample = sampleAt(column, row);
+    if (sample < 0) continue;
+    const auto at = static_cast<std::uint64_t>(sample);
+    if (!block) block = &column.samples.blockOf(at);
+    if (at < block->firstRow || at - block->firstRow >= block->rows) return row;
+    const auto [begin, end] = elementsOf(*block, static_cast<std::size_t>(at - block->firstRow));
+    bytes += (end - begin) * column.samples.width();
+    if (bytes > kBytes && row > 0) return row;
+  }
+  return count;
+}
+
+std::shared_ptr<::arrow::RecordBatch> WideTable::nextPiece() {
+  stopIfInterrupted();
+  auto count = static_cast<std::size_t>(
+      std::min<std::uint64_t>(rows_ - row_, blockRowsFor(2 * columns_.size())));
+  findPlaces(count);
+  for (Column& column : columns_) count = fittingRows(column, count);
+  const RowRange rows{row_, row_ + count};
+  std::vector<double> times =
+      resampling_ ? resampling_->times(rows) : reader_.times(signals_.front().times, rows);
+  const auto length = static_cast<std::int64_t>(count);
+  std::vector<ArrayPtr> arrays{std::make_shared<::arrow::DoubleArray>(
+      length, ::arrow::Buffer::FromVector(std::move(times)))};
+  for (Column& column : columns_) {
+    if (column.isInterpolated) {
+      arrays.push_back(interpolated(column, count));
+      continue;
+    }
+    addSamples(column, count);
+    for (ArrayPtr& array : column.arrays.finish()) arrays.push_back(std::move(array));
+  }
+  row_ += count;
+  return ::arrow::RecordBatch::Make(schema_, length, std::move(arrays));
+}
+
+void WideTable::addSamples(Column& column, std::size_t count) {
+  std::size_t rows = 0;
+  for (std::size_t row = 0; row < count; row += rows) {
+    const std::int64_t sample = sampleAt(column, row);
+    rows = 1;
+    if (sample < 0) {
+      column.arrays.appendNull();
+      continue;
+    }
+    const recording::SampleBlock& block =
+        column.samples.blockOf(static_cast<std::uint64_t>(sample));
+    const auto first =
+        static_cast<std::size_t>(static_cast<std::uint64_t>(sample) - block.firstRow);
+    // Without resampling, the samples that follow stand in the rows that follow.
+    if (!resampling_) rows = std::min(count - row, block.rows - first);
+    column.arrays.append(block, first, rows);
+  }
+}
+
+WideTable::ArrayPtr WideTable::interpolated(const Column& column, std::size_t count) const {
+  ::arrow::DoubleBuilder builder;
+  check(builder.Reserve(static_cast<std::int64_t>(count)));
+  for (const auto& number : resampling_->numbers(column.signal, {row_, row_ + count})) {
+    number ? builder.UnsafeAppend(*number) : builder.UnsafeAppendNull();
+  }
+  return check(builder.Finish());
 }
 
 }  // namespace kyr::tool

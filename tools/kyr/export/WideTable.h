@@ -2,62 +2,71 @@
 
 #include <arrow/type_fwd.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "cli/Losses.h"
 #include "export/ExportOptions.h"
 #include "export/ExportSignals.h"
-#include "export/RecordingFiles.h"
-#include "export/ResampledColumns.h"
-#include "kyr/parquet/ParquetExportSerializerWorker.h"
+#include "export/SampleArrays.h"
+#include "export/TableWriter.h"
+#include "kyr/recording/RecordingReader.h"
+#include "kyr/recording/Resampling.h"
+#include "print/SampleCursor.h"
 
 namespace kyr::tool {
 
-/// A table of the column "time" and a column for each signal. It is in memory as a whole.
+/// A table of the column "time" and a column for each signal. It is read and written in pieces.
 ///
 /// Without resampling, all signals must have the same times, bit for bit.
 class WideTable {
  public:
   using Progress = std::function<void(double part)>;
 
-  /// \param worker  makes the arrays and the table
+  /// \param reader, signals  must outlive the object
   /// \param losses  gets the values that the table cannot hold exactly
-  /// \throws std::runtime_error if the signals have different times
-  WideTable(parquet::ParquetExportSerializerWorker& worker, RecordingFiles& files,
-            const recording::RecordingReader& reader, const std::vector<ExportSignal>& signals,
-            const ExportOptions& options, Losses& losses, const Progress& progress);
+  /// \throws std::runtime_error if the signals have different times, or cannot be resampled
+  WideTable(const recording::RecordingReader& reader, const std::vector<ExportSignal>& signals,
+            const ExportOptions& options, Losses& losses);
 
-  const std::shared_ptr<::arrow::Table>& table() const { return table_; }
-
-  /// Names and units of the columns, as `kyr import` reads them.
-  const std::vector<std::string>& csvHeader() const { return csvHeader_; }
+  void write(const TableWriter::Target& target, const Progress& progress);
 
  private:
   using ArrayPtr = std::shared_ptr<::arrow::Array>;
 
-  void addTimes(const std::vector<double>& times);
-  void addSignal(const ExportSignal& signal);
-  void addDimensions(const ExportSignal& signal);
-  ArrayPtr resampled(const ExportSignal& signal, const ArrayPtr& samples);
-  std::shared_ptr<::arrow::Schema> schema() const;
-  std::string freeName(std::string name) const;
+  struct Column {
+    int signal;
+    int times;  // the first signal with the same times
+    bool isInterpolated;
+    SampleCursor samples;
+    SampleArrays arrays;
+  };
 
-  parquet::ParquetExportSerializerWorker& worker_;
-  RecordingFiles& files_;
-  Losses& losses_;
-  bool isLinear_;
-  std::optional<ResampledColumns> resampling_;
-  std::set<std::string> names_;
-  std::vector<parquet::ParquetExportSerializerWorker::Column> columns_;
+  void addColumn(const ExportSignal& signal, bool isLinear, Losses& losses);
+  std::string freeName(std::string name) const;
+  std::size_t fittingRows(Column& column, std::size_t count);
+  std::int64_t sampleAt(const Column& column, std::size_t row) const;
+  void findPlaces(std::size_t count);
+  std::shared_ptr<::arrow::RecordBatch> nextPiece();
+  void addSamples(Column& column, std::size_t count);
+  ArrayPtr interpolated(const Column& column, std::size_t count) const;
+
+  const recording::RecordingReader& reader_;
+  const std::vector<ExportSignal>& signals_;
+  std::optional<recording::Resampling> resampling_;
+  std::uint64_t rows_;
+  std::vector<Column> columns_;
   std::vector<std::shared_ptr<::arrow::Field>> fields_;
-  std::vector<ArrayPtr> arrays_;
   std::vector<std::string> csvHeader_;
-  std::shared_ptr<::arrow::Table> table_;
+  std::shared_ptr<::arrow::Schema> schema_;
+  std::uint64_t row_ = 0;                                      // first row of the next piece
+  std::map<int, std::vector<recording::SamplePlace>> places_;  // of the piece, by times
 };
 
 }  // namespace kyr::tool

@@ -3,14 +3,11 @@
 #include <arrow/util/base64.h>
 #include <fmt/compile.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <limits>
 #include <numeric>
-#include <stdexcept>
 #include <string_view>
 #include <type_traits>
 
@@ -59,52 +56,30 @@ auto elementTextOf(const recording::SignalInfo& signal) {
 SampleColumn::SampleColumn(const recording::RecordingReader& reader,
                            const recording::SignalInfo& signal, std::uint64_t endRow,
                            std::size_t blockRows)
-    : reader_(reader),
-      id_(signal.signalId),
-      endRow_(endRow),
-      blockRows_(blockRows),
-      width_(reader.elementBytes(signal.signalId)),
+    : samples_(reader, signal, endRow, blockRows),
       elementText_(elementTextOf(signal)),
       isNumber_(signal.category == Scalar && elementText_ != nullptr),
       fixedShape_(signal.dimensions.begin(), signal.dimensions.end()) {}
 
-void SampleColumn::readNumbers(std::uint64_t row) {
-  rows_ = static_cast<std::size_t>(std::min<std::uint64_t>(endRow_ - row, blockRows_));
-  firstRow_ = row;
-  bytes_.resize(rows_ * width_);
-  reader_.readElements(id_, {row, row + rows_}, bytes_.data(), bytes_.size());
-}
-
-// A block ends with its row group, which is decoded as a whole. Smaller blocks of several signals
-// would have it decoded again and again.
-void SampleColumn::findBlock(std::uint64_t row) {
-  if (!blocks_ || row != firstRow_ + rows_) {
-    blocks_.emplace(reader_.blocks(id_, {row, endRow_}, std::numeric_limits<std::size_t>::max()));
-  }
-  block_ = blocks_->next();
-  if (block_ == nullptr) throw std::logic_error("a row behind the last is printed");
-  firstRow_ = block_->firstRow;
-  rows_ = block_->rows;
-}
-
 void SampleColumn::append(fmt::memory_buffer& out, std::uint64_t row) {
-  if (row < firstRow_ || row - firstRow_ >= rows_) isNumber_ ? readNumbers(row) : findBlock(row);
-  const auto sample = static_cast<std::size_t>(row - firstRow_);
-  if (isNumber_) return elementText_(out, bytes_.data() + sample * width_);
-  if (elementText_) return appendMatrix(out, sample);
-  const auto begin = static_cast<std::size_t>(block_->offsets[sample]);
-  const auto end = static_cast<std::size_t>(block_->offsets[sample + 1]);
-  out.append(::arrow::util::base64_encode(
-      {static_cast<const char*>(block_->elements) + begin, end - begin}));
+  const recording::SampleBlock& block = samples_.blockOf(row);
+  const auto sample = static_cast<std::size_t>(row - block.firstRow);
+  const char* const elements = static_cast<const char*>(block.elements);
+  if (isNumber_) return elementText_(out, elements + sample * samples_.width());
+  if (elementText_) return appendMatrix(out, block, sample);
+  const auto [begin, end] = elementsOf(block, sample);
+  const std::size_t width = samples_.width();
+  out.append(::arrow::util::base64_encode({elements + begin * width, (end - begin) * width}));
 }
 
 // Samples without elements may claim any number of rows.
-std::size_t SampleColumn::rowsOf(std::size_t sample, std::size_t elements) const {
+std::size_t SampleColumn::rowsOf(const recording::SampleBlock& block, std::size_t sample,
+                                 std::size_t elements) const {
   const std::uint64_t* begin = fixedShape_.data();
   const std::uint64_t* end = begin + fixedShape_.size();
-  if (block_->extents) {
-    begin = block_->extents + block_->extentOffsets[sample];
-    end = block_->extents + block_->extentOffsets[sample + 1];
+  if (block.extents) {
+    begin = block.extents + block.extentOffsets[sample];
+    end = block.extents + block.extentOffsets[sample + 1];
   }
   const std::uint64_t product = std::accumulate(begin, end, std::uint64_t{1}, std::multiplies<>());
   if (end - begin < 2 || *begin == 0 || *begin > elements || product != elements) return 1;
@@ -112,18 +87,17 @@ std::size_t SampleColumn::rowsOf(std::size_t sample, std::size_t elements) const
 }
 
 // Elements are stored column by column and written row by row.
-void SampleColumn::appendMatrix(fmt::memory_buffer& out, std::size_t sample) const {
-  const std::size_t fixed = block_->elementsPerSample;
-  const std::size_t begin = block_->offsets ? block_->offsets[sample] : sample * fixed;
-  const std::size_t end = block_->offsets ? block_->offsets[sample + 1] : begin + fixed;
-  const std::size_t rows = rowsOf(sample, end - begin);
-  const char* const elements = static_cast<const char*>(block_->elements);
+void SampleColumn::appendMatrix(fmt::memory_buffer& out, const recording::SampleBlock& block,
+                                std::size_t sample) const {
+  const auto [begin, end] = elementsOf(block, sample);
+  const std::size_t rows = rowsOf(block, sample, end - begin);
+  const char* const elements = static_cast<const char*>(block.elements);
   out.push_back('"');
   for (std::size_t row = 0; row < rows; ++row) {
     if (row > 0) out.push_back(';');
     for (std::size_t i = begin + row; i < end; i += rows) {
       if (i >= begin + rows) out.push_back(' ');
-      elementText_(out, elements + i * width_);
+      elementText_(out, elements + i * samples_.width());
     }
   }
   out.push_back('"');

@@ -4,14 +4,14 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "kyr/recording/RecordingReader.h"
+#include "print/SampleCursor.h"
 
 namespace kyr::tool {
 
-/// The samples of one signal, as CSV cells. One block of them is in memory.
+/// The samples of one signal, as CSV cells.
 ///
 /// Numbers have the shortest form that reads back exactly. A matrix is a quoted cell with ";"
 /// between rows and blanks between elements. A vector is one such row. Further dimensions continue
@@ -30,25 +30,15 @@ class SampleColumn {
  private:
   using ElementText = void (*)(fmt::memory_buffer& out, const char* element);
 
-  void readNumbers(std::uint64_t row);
-  void findBlock(std::uint64_t row);
-  void appendMatrix(fmt::memory_buffer& out, std::size_t sample) const;
-  std::size_t rowsOf(std::size_t sample, std::size_t elements) const;
+  void appendMatrix(fmt::memory_buffer& out, const recording::SampleBlock& block,
+                    std::size_t sample) const;
+  std::size_t rowsOf(const recording::SampleBlock& block, std::size_t sample,
+                     std::size_t elements) const;
 
-  const recording::RecordingReader& reader_;
-  int id_;
-  std::uint64_t endRow_;
-  std::size_t blockRows_;
-  std::size_t width_;        // bytes of an element
+  SampleCursor samples_;
   ElementText elementText_;  // null for blobs
   bool isNumber_;            // whether each sample is one number
   std::vector<std::uint64_t> fixedShape_;
-  // Rows [firstRow_, firstRow_ + rows_) are in bytes_ if they are numbers, else in block_.
-  std::uint64_t firstRow_ = 0;
-  std::size_t rows_ = 0;
-  std::vector<char> bytes_;
-  std::optional<recording::SampleBlocks> blocks_;
-  const recording::SampleBlock* block_ = nullptr;
 };
 
 }  // namespace kyr::tool

@@ -1,14 +1,15 @@
 #include "print/SampleNumbers.h"
 
-#include <arrow/api.h>
 #include <fmt/format.h>
 
+#include <cstring>
 #include <limits>
-#include <stdexcept>
 #include <type_traits>
+#include <vector>
 
-#include "cli/Errors.h"
 #include "cli/Text.h"
+#include "print/SampleCursor.h"
+#include "print/TypeFunctions.h"
 
 namespace kyr::tool {
 
@@ -26,64 +27,53 @@ bool isInexact(T value, double nearest) {
   }
 }
 
-template <typename ArrowType>
-Doubles converted(const ::arrow::Array& numbers) {
-  using Value = typename ArrowType::c_type;
-  const auto& values = static_cast<const ::arrow::NumericArray<ArrowType>&>(numbers);
-  ::arrow::DoubleBuilder builder;
-  check(builder.Reserve(values.length()));
-  Doubles result;
-  for (std::int64_t i = 0; i < values.length(); ++i) {
-    const Value value = values.Value(i);
-    const auto nearest = static_cast<double>(value);
-    if (isInexact(value, nearest)) ++result.inexact;
-    builder.UnsafeAppend(nearest);
+template <typename T>
+std::uint64_t convert(const char* numbers, std::size_t count, double* out) {
+  std::uint64_t inexact = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    T value;
+    std::memcpy(&value, numbers + i * sizeof(T), sizeof(T));
+    out[i] = static_cast<double>(value);
+    if (isInexact(value, out[i])) ++inexact;
   }
-  result.array = check(builder.Finish());
-  return result;
+  return inexact;
 }
+
+std::uint64_t convertTruth(const char* numbers, std::size_t count, double* out) {
+  for (std::size_t i = 0; i < count; ++i) out[i] = numbers[i] == 0 ? 0.0 : 1.0;
+  return 0;
+}
+
+struct Conversions {
+  template <typename T>
+  ToDoubles number() const {
+    return convert<T>;
+  }
+  ToDoubles boolean() const { return convertTruth; }
+};
 
 }  // namespace
 
-Doubles asDoubles(const std::shared_ptr<::arrow::Array>& numbers) {
-  switch (numbers->type_id()) {
-    case ::arrow::Type::DOUBLE:
-      return {numbers, 0};
-    case ::arrow::Type::FLOAT:
-      return converted<::arrow::FloatType>(*numbers);
-    case ::arrow::Type::INT8:
-      return converted<::arrow::Int8Type>(*numbers);
-    case ::arrow::Type::UINT8:
-      return converted<::arrow::UInt8Type>(*numbers);
-    case ::arrow::Type::INT16:
-      return converted<::arrow::Int16Type>(*numbers);
-    case ::arrow::Type::UINT16:
-      return converted<::arrow::UInt16Type>(*numbers);
-    case ::arrow::Type::INT32:
-      return converted<::arrow::Int32Type>(*numbers);
-    case ::arrow::Type::UINT32:
-      return converted<::arrow::UInt32Type>(*numbers);
-    case ::arrow::Type::INT64:
-      return converted<::arrow::Int64Type>(*numbers);
-    case ::arrow::Type::UINT64:
-      return converted<::arrow::UInt64Type>(*numbers);
-    default:
-      throw std::invalid_argument("samples of type " + numbers->type()->ToString() +
-                                  " are no numbers");
+ToDoubles toDoublesFor(KYRSignalDataType type) { return functionFor(type, Conversions()); }
+
+std::uint64_t roundedSamples(const recording::RecordingReader& reader,
+                             const recording::SignalInfo& signal) {
+  const KYRSignalDataType type = signal.dataType;
+  if (type != Int64 && type != UInt64 && type != UInt64Alt) return 0;
+  const std::uint64_t end = reader.sampleCount(signal.signalId);
+  SampleCursor cursor(reader, signal, end, blockRowsFor(1));
+  std::vector<double> numbers(blockRowsFor(1));
+  std::uint64_t rounded = 0;
+  for (std::uint64_t row = 0; row < end;) {
+    const recording::SampleBlock& block = cursor.blockOf(row);
+    rounded +=
+        toDoublesFor(type)(static_cast<const char*>(block.elements), block.rows, numbers.data());
+    row += block.rows;
   }
+  return rounded;
 }
 
-std::shared_ptr<::arrow::Array> truthValues(const ::arrow::Array& bytes) {
-  const auto& values = static_cast<const ::arrow::Int8Array&>(bytes);
-  ::arrow::DoubleBuilder builder;
-  check(builder.Reserve(values.length()));
-  for (std::int64_t i = 0; i < values.length(); ++i) {
-    builder.UnsafeAppend(values.Value(i) == 0 ? 0.0 : 1.0);
-  }
-  return check(builder.Finish());
-}
-
-std::string inexactText(const recording::SignalInfo& signal, std::uint64_t values) {
+std::string roundedText(const recording::SignalInfo& signal, std::uint64_t values) {
   return fmt::format("signal {}, {}, has {} beyond 2^53 that float64 cannot hold exactly",
                      signal.signalId, inQuotes(signal.name), counted(values, "value"));
 }

@@ -1,29 +1,25 @@
 #pragma once
 
-#include <arrow/type_fwd.h>
-
+#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 
-#include "kyr/recording/RecordingInfo.h"
+#include "kyr/recording/RecordingReader.h"
 
 namespace kyr::tool {
 
-/// Numbers that were converted to doubles.
-struct Doubles {
-  std::shared_ptr<::arrow::Array> array;
-  std::uint64_t inexact = 0;  ///< number of integers to which no double is equal
-};
+/// Converts numbers as they lie in memory to doubles, and truth values to 0 or 1. Returns how many
+/// integers were rounded, because no double is equal to them.
+using ToDoubles = std::uint64_t (*)(const char* numbers, std::size_t count, double* out);
 
-/// \param numbers  integers, floats or doubles without nulls; doubles are not copied
-/// \throws std::invalid_argument for other types
-Doubles asDoubles(const std::shared_ptr<::arrow::Array>& numbers);
+/// The conversion for a type; null if it is no number.
+ToDoubles toDoublesFor(KYRSignalDataType type);
 
-/// Converts truth values of a byte each to doubles, 0 for 0 and else 1.
-std::shared_ptr<::arrow::Array> truthValues(const ::arrow::Array& bytes);
+/// The number of samples that would be rounded. Reads all samples of a signal of 64-bit integers.
+std::uint64_t roundedSamples(const recording::RecordingReader& reader,
+                             const recording::SignalInfo& signal);
 
 /// One sentence on a signal of which some values were rounded.
-std::string inexactText(const recording::SignalInfo& signal, std::uint64_t values);
+std::string roundedText(const recording::SignalInfo& signal, std::uint64_t values);
 
 }  // namespace kyr::tool

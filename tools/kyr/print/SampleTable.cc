@@ -22,14 +22,6 @@ namespace {
 
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
-// Rows of a block, so that the blocks of all columns fit into memory.
-std::size_t blockRowsFor(std::size_t columns) {
-  constexpr std::size_t kBytes = std::size_t{1} << 25;
-  constexpr std::size_t kLeast = 1024;
-  constexpr std::size_t kMost = 65'536;
-  return std::clamp(kBytes / (sizeof(double) * std::max<std::size_t>(1, columns)), kLeast, kMost);
-}
-
 // The numbers from `from` to `to`, both included, among the rows.
 std::vector<RowRange> numbersBetween(double from, double to, const RowRange& rows) {
   const auto clamped = [&rows](double number) {

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <arrow/buffer_builder.h>
+#include <arrow/type_fwd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "kyr/recording/RecordingReader.h"
+
+namespace kyr::tool {
+
+/// Makes Arrow arrays of the samples of one signal: numbers, bool, binary for blobs, lists of the
+/// elements for other samples.
+class SampleArrays {
+ public:
+  using ArrayPtr = std::shared_ptr<::arrow::Array>;
+
+  explicit SampleArrays(const recording::SignalInfo& signal);
+
+  const std::shared_ptr<::arrow::DataType>& type() const { return type_; }
+  /// Whether each sample is one element.
+  bool isFlat() const;
+  /// Whether the signal has an array of shapes, lists of uint64, beside that of the samples.
+  bool hasShapes() const { return hasShapes_; }
+  static std::shared_ptr<::arrow::DataType> shapeType();
+
+  /// Appends samples [first, first + count) of a block.
+  /// \throws std::runtime_error if the array gets more elements than Arrow can count
+  void append(const recording::SampleBlock& block, std::size_t first, std::size_t count);
+  void appendNull();
+
+  /// The samples since the last call, and their shapes if it hasShapes().
+  std::vector<ArrayPtr> finish();
+
+ private:
+  void start();
+  void appendSample(const recording::SampleBlock& block, std::size_t sample);
+  ArrayPtr finishElements();
+
+  std::shared_ptr<::arrow::DataType> type_;
+  std::shared_ptr<::arrow::DataType> elementType_;
+  std::size_t width_ = 1;  // bytes of an element in a block
+  bool hasShapes_;
+  std::int64_t rows_ = 0;
+  std::int64_t elements_ = 0;
+  std::int64_t extents_ = 0;
+  ::arrow::BufferBuilder bytes_;
+  ::arrow::TypedBufferBuilder<bool> isValid_;
+  ::arrow::TypedBufferBuilder<std::int32_t> ends_;  // of lists and blobs
+  ::arrow::TypedBufferBuilder<std::uint64_t> shapes_;
+  ::arrow::TypedBufferBuilder<std::int32_t> shapeEnds_;
+};
+
+}  // namespace kyr::tool
