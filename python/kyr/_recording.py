@@ -1,0 +1,221 @@
+"""A recording: its signals by name."""
+
+from __future__ import annotations
+
+import collections
+import collections.abc
+import os
+import weakref
+from typing import Any, Iterator
+
+from . import _core
+from ._signal import Signal
+
+
+class NoSuchSignal(KeyError):
+    """A KeyError whose text is a sentence."""
+
+    def __str__(self):
+        return self.args[0]
+
+
+class Recording(collections.abc.Mapping):
+    """The signals of a recording by name, read where its files are. Nothing is loaded until asked for.
+
+    ::
+
+        with kyr.open("run42") as r:
+            list(r); len(r); "speed" in r
+            t, y = r["speed"].read(0, 10)
+
+    Where several signals have the same name, the unit or the id is added to the key. A recording
+    that still grows can be opened, too; `refresh()` takes note of what came.
+
+    Any number of threads may use one recording; they read one after the other. Open it once for
+    each thread to read at the same time. A recording is pickled as its path.
+    """
+
+    def __init__(self, path: str | os.PathLike[str], *, checks: bool = True):
+        """Opens a recording.
+
+        :param path: its folder
+        :param checks: whether everything that is read is compared with its checksum first
+        """
+        name = os.fspath(path)
+        if isinstance(name, bytes):
+            name = os.fsdecode(name)
+        if not isinstance(checks, bool):
+            raise TypeError(f"checks = {checks!r}: True or False is expected")
+        # Absolute, so that it is still right in another process or after os.chdir().
+        self._path = os.path.abspath(name)
+        self._checks = checks
+        self._reader = _core.Reader(os.fsencode(name), checks)
+        self._ids: list[int] | None = None  # those of a selection
+        self._time_cache: Any = weakref.WeakValueDictionary()
+        self._list()
+
+    def _list(self):
+        infos = {info.id: info for info in self._reader.signals()}
+        if self._ids is not None:
+            infos = {i: infos[i] for i in self._ids}
+        self._names = _unique_names(infos.values())
+        self._by_name = {name: i for i, name in self._names.items()}
+        self._signals = {i: Signal(self, info) for i, info in infos.items()}
+
+    # ---- the mapping ---------------------------------------------------------------------------
+
+    def __getitem__(self, name: str) -> Signal:
+        try:
+            return self._signals[self._by_name[name]]
+        except KeyError:
+            raise NoSuchSignal(self._why_missing(name)) from None
+
+    def __iter__(self) -> Iterator[str]:
+        return iter(self._by_name)
+
+    def __len__(self) -> int:
+        return len(self._by_name)
+
+    def __contains__(self, name: object) -> bool:
+        return name in self._by_name
+
+    __hash__ = object.__hash__
+
+    def __eq__(self, other: object) -> bool:
+        return self is other
+
+    def _why_missing(self, name):
+        if not isinstance(name, str):
+            return f"{self._path}: signals are found by name, or with by_id(), not by {name!r}"
+        same = [self._names[i] for i, s in self._signals.items() if s.name == name]
+        if same:
+            return f"{self._path}: several signals are called {name!r}: {', '.join(map(repr, same))}"
+        import difflib
+
+        near = difflib.get_close_matches(name, self._by_name, 3, 0.5) or [
+            known for known in self._by_name if name and name.lower() in known.lower()
+        ][:3]
+        hint = f"; near it are {', '.join(map(repr, near))}" if near else ""
+        return f"{self._path}: no signal is called {name!r}{hint}"
+
+    def by_id(self, id: int) -> Signal:
+        """The signal of that number."""
+        try:
+            return self._signals[id]
+        except KeyError:
+            raise NoSuchSignal(f"{self._path}: no signal has the id {id!r}") from None
+
+    def select(self, *patterns: str, unit: str | None = None) -> Recording:
+        """A recording of fewer signals: those whose names match a pattern, and that have the unit.
+
+        Patterns are as in a shell: `*`, `?`, `[a-z]`, `[!a-z]`, and a backslash before a special
+        character. The files stay open until all that share them are closed or gone.
+        """
+        ids = set(self._signals)
+        if patterns:
+            ids &= {i for pattern in patterns for i in self._reader.matching(pattern)}
+        chosen = self.__class__.__new__(self.__class__)
+        chosen.__dict__.update(self.__dict__)
+        chosen._ids = [i for i in self._signals if i in ids and unit in (None, self.by_id(i).unit)]
+        chosen._list()
+        return chosen
+
+    # ---- the whole recording -------------------------------------------------------------------
+
+    @property
+    def path(self) -> str:
+        """The folder."""
+        return self._path
+
+    @property
+    def span(self) -> tuple[float, float] | None:
+        """Smallest and largest time [s] of all signals; None without times."""
+        spans = [span for span in (signal.span for signal in self._signals.values()) if span]
+        if not spans:
+            return None
+        return min(span[0] for span in spans), max(span[1] for span in spans)
+
+    @property
+    def state(self) -> str:
+        """ "finished", "being recorded", or "not finished" if its writer is gone."""
+        return self._reader.state
+
+    @property
+    def is_live(self) -> bool:
+        """Whether the recording is being written."""
+        return self.state == "being recorded"
+
+    def refresh(self) -> bool:
+        """Takes note of rows and signals that came since. True if there is anything new."""
+        is_new = self._reader.refresh()
+        if is_new:
+            self._list()
+        return is_new
+
+    def verify(self) -> list[str]:
+        """Checks every bit of every file. A line for each fault; none for a sound recording."""
+        return _core.verify(os.fsencode(self._path))
+
+    def close(self) -> None:
+        """Closes the files. Arrays that were read stay. Selections of this recording close, too."""
+        self._reader.close()
+
+    @property
+    def closed(self) -> bool:
+        return self._reader.closed
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exception):
+        self.close()
+
+    def __reduce__(self):
+        return _reopen, (self.__class__, self._path, self._checks, self._ids)
+
+    def _times(self, id, start, stop):
+        if start != 0:
+            return self._reader.read_times(id, start, stop).view("float64")
+        # Signals that share their times share the array.
+        key = (self._reader.with_same_times(id)[:1] or [id])[0], stop
+        times = self._time_cache.get(key)
+        if times is None:
+            times = self._reader.read_times(id, 0, stop).view("float64")
+            self._time_cache[key] = times
+        return times
+
+    def __repr__(self):
+        if self.closed:
+            return f"<kyr.Recording {self._path!r}, closed>"
+        state = "" if self.state == "finished" else f", {self.state}"
+        return f"<kyr.Recording {self._path!r}: {len(self)} signals{state}>"
+
+
+def _reopen(cls, path, checks, ids):
+    recording = cls(path, checks=checks)
+    if ids is not None:
+        recording._ids = [i for i in ids if i in recording._signals]
+        recording._list()
+    return recording
+
+
+def _unique_names(infos):
+    """The names of signals by id, made unique: the unit is added, or else the id."""
+    infos = list(infos)
+    uses = collections.Counter(info.name for info in infos)
+    spellings = collections.Counter(f"{info.name} [{info.unit}]" for info in infos)
+    names = {}
+    taken = {name for name, count in uses.items() if count == 1 and name}
+    for info in infos:
+        name = info.name
+        if uses[name] > 1 or not name:
+            name = f"{info.name} [{info.unit}]"
+            if not info.name or not info.unit or spellings[name] > 1 or name in taken:
+                name = info.name or "signal"
+                while True:
+                    name += f" ({info.id})"
+                    if name not in taken:
+                        break
+            taken.add(name)
+        names[info.id] = name
+    return names

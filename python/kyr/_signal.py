@@ -1,0 +1,276 @@
+"""One signal of a recording."""
+
+from __future__ import annotations
+
+import math
+import operator
+import weakref
+from typing import TYPE_CHECKING, Any, Iterator
+
+from . import _core
+from ._samples import Samples
+from ._types import DTYPES, Kind, as_samples, kind_of
+
+if TYPE_CHECKING:
+    import numpy as np
+
+    from ._recording import Recording
+
+_ALL = 2**64 - 1
+_NO_SHAPE: Any = object()
+
+
+class Signal:
+    """A signal of a recording: a time vector, and a sample for each time. A handle; it loads nothing.
+
+    ::
+
+        t, y = s.read()            # everything, as numpy arrays
+        t, y = s.read(10, 20)      # from 10 s to 20 s, both ends included
+        s[1000:2000]               # samples by row, as with a numpy array
+        s.time, s.values           # the same, whole
+
+    Arrays are read-only. Samples of n rows have the shape (n,) for numbers and (n, rows, columns)
+    for matrices. Samples that differ in size come as a `Samples` sequence, blobs as one of `bytes`.
+    A row counts if it has a time and a sample; a signal with times alone, or samples alone, has
+    `None` in place of what it lacks.
+
+    Anything that takes Arrow takes a signal: `polars.DataFrame(s)`, `pyarrow.table(s)`, or `from s`
+    in DuckDB. The columns are `time` and `value`; matrices are lists there, column by column.
+    """
+
+    __slots__ = ("_recording", "_info", "_kind", "_shape", "_values", "__weakref__")
+
+    def __init__(self, recording: Recording, info: _core.SignalInfo):
+        self._recording = recording
+        self._info = info
+        self._kind = kind_of(info.data_type, info.category)
+        self._shape = _NO_SHAPE
+        self._values: Any = None
+
+    # ---- what it is ----------------------------------------------------------------------------
+
+    @property
+    def recording(self) -> Recording:
+        """The recording that the signal is of."""
+        return self._recording
+
+    @property
+    def id(self) -> int:
+        """The number of the signal, which no other one in the recording has."""
+        return self._info.id
+
+    @property
+    def name(self) -> str:
+        """The name as recorded. Several signals may have the same."""
+        return self._info.name
+
+    @property
+    def unit(self) -> str:
+        """The unit, such as "m/s"; empty if unknown or none."""
+        return self._info.unit
+
+    @property
+    def description(self) -> str:
+        """Free text; may be empty."""
+        return self._info.description
+
+    @property
+    def dtype(self) -> np.dtype:
+        """The type of an element; `object` if each sample is `bytes`."""
+        import numpy
+
+        return numpy.dtype(DTYPES.get(self._info.data_type, object))
+
+    @property
+    def shape(self) -> tuple[int, ...] | None:
+        """The shape of a sample: () for numbers, None if it differs from sample to sample."""
+        if self._shape is _NO_SHAPE:
+            shape = self._find_shape()
+            if shape == (0,) and self._kind is Kind.matrix:
+                return shape  # Nobody told it, and no sample shows it yet.
+            self._shape = shape
+        return self._shape
+
+    def _find_shape(self):
+        if self._kind is Kind.number:
+            return ()
+        if self._kind is not Kind.matrix:
+            return None
+        if self._info.dimensions:
+            return tuple(self._info.dimensions)
+        return (self._reader.elements_per_sample(self.id),)
+
+    def __len__(self) -> int:
+        """The number of rows."""
+        return self._reader.pair_count(self.id)
+
+    @property
+    def span(self) -> tuple[float, float] | None:
+        """Smallest and largest time [s]; None without times."""
+        return self._reader.time_span(self.id)
+
+    @property
+    def same_as(self) -> list[str]:
+        """Names of the other signals that share this one's samples, because they are equal."""
+        names = self._recording._names
+        return [names[i] for i in self._reader.with_same_samples(self.id) if i != self.id]
+
+    # ---- reading -------------------------------------------------------------------------------
+
+    def read(self, start: float | None = None, stop: float | None = None) -> tuple[Any, Any]:
+        """Times [s] and samples between two times [s], both ends included. All rows without them."""
+        if start is None and stop is None:
+            return self._rows(0, len(self))
+        parts = [self._rows(*rows) for rows in self._ranges(start, stop)]
+        if len(parts) == 1:
+            return parts[0]
+        if not parts:
+            return self._rows(0, 0)
+        return _join([t for t, _ in parts]), _join([y for _, y in parts])
+
+    def chunks(
+        self, rows: int = 65536, start: float | None = None, stop: float | None = None
+    ) -> Iterator[tuple[Any, Any]]:
+        """Walks through times and samples, so many rows at a time. Memory: two chunks."""
+        if rows < 1:
+            raise ValueError(f"rows = {rows}: a chunk has at least one row")
+        for first, last in self._ranges(start, stop):
+            for row in range(first, last, rows):
+                yield self._rows(row, min(last, row + rows))
+
+    @property
+    def time(self) -> np.ndarray | None:
+        """All times [s]. Kept as long as you keep the array; signals may share it."""
+        return self._times(0, len(self)) if self._has_times() else None
+
+    @property
+    def values(self) -> Any:
+        """All samples. Kept as long as you keep them."""
+        count = len(self)
+        if self._values is not None and self._values[0] == count:
+            values = self._values[1]()
+            if values is not None:
+                return values
+        values = self._samples(0, count)
+        if values is not None and not isinstance(values, Samples):
+            self._values = (count, weakref.ref(values))
+        return values
+
+    def __getitem__(self, key: Any) -> Any:
+        """Samples by row: `s[5]`, `s[-1]`, `s[10:20]`, `s[::100]`, `s[5, 0, 2]`, `s[mask]`."""
+        first, rest = (key[0], key[1:]) if isinstance(key, tuple) and key else (key, ())
+        if isinstance(first, slice):
+            samples = self._slice(first)
+            return samples[(slice(None), *rest)] if rest else samples
+        try:
+            row = operator.index(first)
+        except TypeError:
+            return self.values[key]  # a mask, an array of rows, or "..."
+        count = len(self)
+        if not -count <= row < count:
+            raise IndexError(f"row {row} of signal {self.name!r}, which has {count}")
+        row %= count
+        samples = self._samples(row, row + 1)
+        if samples is None:
+            raise TypeError(f"signal {self.name!r} has times alone: see .time")
+        return samples[(0, *rest)] if rest else samples[0]
+
+    def __iter__(self) -> Iterator[Any]:
+        for _, samples in self.chunks():
+            yield from samples
+
+    def __array__(self, dtype=None, copy=None):
+        import numpy
+
+        return numpy.array(self.values, dtype=dtype, copy=copy)
+
+    def _slice(self, rows):
+        start, stop, step = rows.indices(len(self))
+        count = len(range(start, stop, step))
+        if count == 0:
+            return self._samples(0, 0)
+        last = start + (count - 1) * step
+        samples = self._samples(min(start, last), max(start, last) + 1)
+        return samples if step == 1 or samples is None else samples[::step]
+
+    def _ranges(self, start, stop):
+        if start is None and stop is None:
+            return [(0, len(self))]
+        if not self._has_times():
+            raise ValueError(f"signal {self.name!r} has no times: select its rows, as s[10:20]")
+        low = -math.inf if start is None else float(start)
+        high = math.inf if stop is None else float(stop)
+        return self._reader.rows_between(self.id, low, high)
+
+    def _rows(self, start, stop):
+        return (self._times(start, stop) if self._has_times() else None), self._samples(start, stop)
+
+    def _has_times(self):
+        reader = self._reader
+        return reader.time_count(self.id) > 0 or reader.sample_count(self.id) == 0
+
+    def _times(self, start, stop):
+        return self._recording._times(self.id, start, stop)
+
+    def _samples(self, start, stop):
+        reader = self._reader
+        if reader.sample_count(self.id) == 0 and reader.time_count(self.id) > 0:
+            return None
+        if self._kind in (Kind.number, Kind.matrix):
+            elements = reader.read_elements(self.id, start, stop).view(DTYPES[self._info.data_type])
+            return elements if self._kind is Kind.number else as_samples(elements, self.shape)
+        elements, offsets, extents, extent_offsets = reader.read_varying(self.id, start, stop)
+        if self._kind is Kind.bytes:
+            return Samples(elements, offsets, are_bytes=True)
+        elements = elements.view(DTYPES[self._info.data_type])
+        return Samples(elements, offsets, extents, extent_offsets)
+
+    # ---- others --------------------------------------------------------------------------------
+
+    def __arrow_c_stream__(self, requested_schema=None):
+        """The rows through Arrow's C stream interface: columns `time` and `value`."""
+        return self._reader.stream(self.id, 0, _ALL, 65536)
+
+    def __arrow_c_schema__(self):
+        """The schema of that stream."""
+        return _core.schema_of(self._reader.stream(self.id, 0, 0, 1))
+
+    @property
+    def _reader(self):
+        return self._recording._reader
+
+    def __reduce__(self):
+        return _signal_of, (self._recording, self.id)
+
+    def __repr__(self):
+        if self._recording.closed:
+            return f"<kyr.Signal {self.name!r} of a closed recording>"
+        unit = f" [{self.unit}]" if self.unit else ""
+        shape = {None: "of varying shape", (): ""}.get(
+            self._shape_shown(), f"of shape {self._shape_shown()}"
+        )
+        kind = "bytes" if self._kind is Kind.bytes else f"{self.dtype} {shape}".strip()
+        return f"<kyr.Signal {self.name!r}{unit}: {len(self)} rows of {kind}>"
+
+    def _shape_shown(self):
+        try:
+            return self.shape
+        except _core.Error:
+            return None
+
+
+def _signal_of(recording, signal_id):
+    return recording.by_id(signal_id)
+
+
+def _join(parts):
+    import numpy
+
+    if parts[0] is None:
+        return None
+    if isinstance(parts[0], Samples):
+        return [sample for part in parts for sample in part]
+    joined = numpy.concatenate(parts)
+    joined.flags.writeable = False
+    return joined

@@ -1,0 +1,37 @@
+#include "Memory.h"
+
+#include <sys/mman.h>
+
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+namespace kyr::python {
+
+namespace {
+
+constexpr std::size_t kAlignment = 64;
+constexpr std::size_t kHugePage = std::size_t{2} << 20;
+
+}  // namespace
+
+void Memory::Free::operator()(char* data) const { std::free(data); }
+
+Memory::Memory(std::size_t size) : size_(size) {
+  const std::size_t alignment = size < 2 * kHugePage ? kAlignment : kHugePage;
+  if (size > SIZE_MAX - alignment) throw std::bad_alloc();
+  const std::size_t rounded = (size / alignment + 1) * alignment;
+  data_.reset(static_cast<char*>(std::aligned_alloc(alignment, rounded)));
+  if (!data_) throw std::bad_alloc();
+  // Otherwise the page faults of a large array take longer than to decode it. Only an advice.
+  if (alignment == kHugePage) ::madvise(data_.get(), rounded, MADV_HUGEPAGE);
+}
+
+Bytes Memory::release(std::size_t size) && {
+  const auto* const bytes = reinterpret_cast<const std::uint8_t*>(data_.get());
+  const nb::capsule owner(data_.get(), [](void* data) noexcept { std::free(data); });
+  data_.release();
+  return {bytes, {size}, owner};
+}
+
+}  // namespace kyr::python

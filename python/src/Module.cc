@@ -1,0 +1,13 @@
+#include "Define.h"
+
+NB_MODULE(_core, module) {
+  module.doc() =
+      "What the package kyr is made of: readers and writers over kyr's library.\n\n"
+      "Private. Programs use the package, whose classes stand on these.";
+  // Objects that are alive when the interpreter ends are no fault of the user's.
+  nanobind::set_leak_warnings(false);
+  kyr::python::defineErrors(module);
+  kyr::python::defineSignalInfo(module);
+  kyr::python::defineReader(module);
+  kyr::python::defineRepair(module);
+}
