@@ -20,6 +20,12 @@ elseif(KYR_SANITIZE STREQUAL "thread")
 elseif(KYR_SANITIZE)
   message(FATAL_ERROR "KYR_SANITIZE is \"${KYR_SANITIZE}\": give address, thread or nothing")
 endif()
+# clang can watch which code an input reaches, which the fuzzers build on.
+set(KYR_CAN_FUZZ OFF)
+if(KYR_SANITIZE STREQUAL "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  set(KYR_CAN_FUZZ ON)
+  list(APPEND KYR_SANITIZER_FLAGS -fsanitize=fuzzer-no-link)
+endif()
 if(KYR_SANITIZER_FLAGS)
   list(APPEND KYR_SANITIZER_FLAGS -fno-sanitize-recover=all -fno-omit-frame-pointer)
 endif()
@@ -30,7 +36,8 @@ target_link_options(kyr_sanitizers INTERFACE ${KYR_SANITIZER_FLAGS})
 if(KYR_SANITIZER_FLAGS)
   target_compile_definitions(kyr_sanitizers INTERFACE _GLIBCXX_ASSERTIONS)
   # The instrumentation hides initialisations from this warning.
-  target_compile_options(kyr_sanitizers INTERFACE -Wno-maybe-uninitialized)
+  target_compile_options(kyr_sanitizers INTERFACE
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
 
 # Arrow's headers dominate the compile time of nearly every file.

@@ -1,0 +1,282 @@
+"""Recordings made to harm: mutations of our own, with checksums that fit, through every door.
+
+hostile_test.py DOORS SECONDS: DOORS is kyr_hostile_doors. A fault is a door that ends by a signal, a
+sanitizer's report or too late, or that changes what lies outside the folder.
+"""
+
+import copy
+import json
+import os
+import pathlib
+import random
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+import pyarrow as pa
+import pyarrow.parquet as pq
+import xxhash
+
+NUMBERS = [None, True, -1, 0, 1, 2**31, 2**32, 2**53 + 1, 2**63 - 1, 2**63, 2**64, 1e300, 0.5]
+TEXTS = ["", "x", "\u0000", "x" * 70_000, "../outside", "/dev/zero"]
+OTHERS = [[], {}, [[]], ["x"], [2**63, 2**63], [0, 2**40]]
+VALUES = NUMBERS + TEXTS + OTHERS
+
+
+def members(value, path=()):
+    """The paths of all members of a document, each list's first two items only."""
+    items = value.items() if isinstance(value, dict) else enumerate(value[:2]) if isinstance(value, list) else ()
+    for key, item in items:
+        yield path + (key,)
+        yield from members(item, path + (key,))
+
+
+def changed(document, path, change):
+    result = copy.deepcopy(document)
+    owner = result
+    for key in path[:-1]:
+        owner = owner[key]
+    change(owner, path[-1])
+    return result
+
+
+def put(value):
+    return lambda owner, key: owner.__setitem__(key, value)
+
+
+def drop(owner, key):
+    del owner[key]
+
+
+def repeat(owner, key):
+    if isinstance(owner, list):
+        owner.append(owner[key])
+
+
+def sealed(document):
+    document.pop("xxh3_128", None)
+    body = json.dumps(document, separators=(",", ":"), sort_keys=True, ensure_ascii=False)
+    document["xxh3_128"] = xxhash.xxh3_128_hexdigest(body.encode("utf-8", "surrogatepass"))
+    return json.dumps(document, separators=(",", ":"), sort_keys=True, ensure_ascii=False)
+
+
+def deep(text, depth=100_000):
+    return text.replace('"signals":', '"other":' + "[" * depth + "]" * depth + ',"signals":', 1)
+
+
+def fitted(folder):
+    """Makes sizes and checksums of recording.json those of the files that are there."""
+    name = folder / "recording.json"
+    document = json.loads(name.read_text())
+    listed = [(str(f["storageId"]), f) for f in document["files"] if "pack" not in f]
+    listed += [(f"pack-{p['pack']}.parquet", p) for p in document.get("packs", [])]
+    for file, member in listed:
+        path = folder / "storage" / file
+        if not path.is_symlink() and path.is_file():
+            content = path.read_bytes()
+            member["size"] = len(content)
+            member["xxh3_128"] = xxhash.xxh3_128_hexdigest(content)
+    name.write_text(sealed(document))
+
+
+def written(name, text):
+    return lambda folder: (folder / name).write_text(text, errors="surrogatepass")
+
+
+class Corpus:
+    """Folders, each a mutation of a recording."""
+
+    def __init__(self, bases, outside):
+        self.bases = bases
+        self.outside = outside
+        self.random = random.Random(1)
+
+    def documents(self):
+        for base, name in (("finished", "recording.json"), ("packed", "recording.json"), ("live", "recording.live.json")):
+            document = json.loads((self.bases / base / name).read_text())
+            document.pop("xxh3_128")
+            for path in members(document):
+                for change in [drop, repeat] + [put(value) for value in VALUES]:
+                    text = sealed(changed(document, path, change))
+                    yield f"{base} {path}", base, written(name, text)
+            text = deep(json.dumps(document))
+            yield f"{base} nested", base, written(name, text)
+
+    def places(self):
+        """Other things than files in their places."""
+
+        def link(target):
+            return lambda path: (path.unlink() if path.is_file() else shutil.rmtree(path), path.symlink_to(target))
+
+        def pipe(path):
+            path.unlink()
+            os.mkfifo(path)
+
+        def folder(path):
+            path.unlink()
+            path.mkdir()
+
+        def cut(size):
+            return lambda path: path.write_bytes(path.read_bytes()[:size])
+
+        changes = {
+            "link out": link(self.outside / "file"), "link to zeros": link("/dev/zero"), "link to itself": link("x"),
+            "pipe": pipe, "folder": folder, "missing": lambda path: path.unlink(), "empty": cut(0),
+            "10 bytes": cut(10), "half": lambda path: cut(path.stat().st_size // 2)(path),
+            "doubled": lambda path: path.write_bytes(path.read_bytes() * 2),
+        }
+        for base in ("finished", "packed", "live"):
+            for file in sorted((self.bases / base).rglob("*")):
+                if file.is_file():
+                    place = file.relative_to(self.bases / base)
+                    for name, change in changes.items():
+                        yield f"{base} {place} {name}", base, lambda folder, c=change, p=place: c(folder / p)
+            for target in (self.outside, self.outside / "file", "/"):
+                for place in ("storage", "lost"):
+                    def replace(folder, place=place, target=target):
+                        if (folder / place).is_dir():
+                            (folder / place).rename(folder / "moved")
+                        (folder / place).symlink_to(target)
+                    yield f"{base} {place} is {target}", base, replace
+
+                    def replace_without_description(folder, replace=replace):
+                        replace(folder)
+                        for name in ("recording.json", "recording.live.json"):
+                            (folder / name).unlink(missing_ok=True)
+                    yield f"{base} {place} is {target}, no description", base, replace_without_description
+
+    def columns(self):
+        """Sound Parquet files that do not fit what is said of them."""
+        numbers = {name: pa.array([1, 2, 3] * 7, type) for name, type in {
+            "int8": pa.int8(), "int64": pa.int64(), "double": pa.float64(), "float": pa.float32(), "bool": pa.bool_(),
+        }.items() if name != "bool"}
+        numbers["bool"] = pa.array([True, False, True] * 7)
+        numbers["nulls"] = pa.array([1.0, None, 2.0] * 7)
+        numbers["no rows"] = pa.array([], pa.float64())
+        numbers["text"] = pa.array(["a", "b", "c"] * 7)
+        numbers["blobs"] = pa.array([b"a", b"", b"ccc"] * 7)
+        numbers["lists"] = pa.array([[1, 2], [], [3]] * 7, pa.list_(pa.int8()))
+        numbers["lists with nulls"] = pa.array([[1, None], None, [3]] * 7, pa.list_(pa.float32()))
+        numbers["lists of lists"] = pa.array([[[1]], [], [[2], []]] * 7)
+        numbers["structs"] = pa.array([{"a": 1}] * 21)
+        shapes = {
+            "shapes": pa.array([[2, 1]] * 21, pa.list_(pa.uint64())),
+            "large shapes": pa.array([[2**40, 0], [2**63, 2**63], [2**64 - 1]] * 7, pa.list_(pa.uint64())),
+            "other shapes": pa.array([["a"]] * 21), "no lists": pa.array([1] * 21), "null shapes": pa.array([None] * 21, pa.list_(pa.uint64())),
+        }
+        tables = {name: pa.table({"data": column}) for name, column in numbers.items()}
+        tables |= {f"lists, {name}": pa.table({"data": numbers["lists"], "dimension": column}) for name, column in shapes.items()}
+        tables |= {f"time {name}": pa.table({"time": column, "data": numbers["double"]}) for name, column in numbers.items() if len(column) == 21}
+        tables |= {"no name": pa.table({"": numbers["double"]}), "twice": pa.Table.from_arrays([numbers["double"]] * 2, ["data", "data"]),
+                   "storage": pa.table({"storage": pa.array([0] * 21, pa.int32()), "data": numbers["double"]}), "nothing": pa.table({})}
+        for base in ("finished", "packed", "live"):
+            for file in sorted((self.bases / base / "storage").iterdir()):
+                for name, table in tables.items():
+                    def write(folder, file=file, table=table):
+                        pq.write_table(table, folder / "storage" / file.name, row_group_size=5)
+                        if (folder / "recording.json").exists():
+                            fitted(folder)
+                    yield f"{base} {file.name} holds {name}", base, write
+
+    def bytes(self):
+        """Bytes of files changed at random, without end."""
+        while True:
+            base = self.random.choice(("finished", "packed", "live"))
+            file = self.random.choice(sorted((self.bases / base / "storage").iterdir()))
+            content = bytearray(file.read_bytes())
+            footer = self.random.random() < 0.7 and len(content) > 300
+            for _ in range(self.random.choice((1, 1, 2, 8))):
+                at = self.random.randrange(max(0, len(content) - 300) if footer else 0, len(content))
+                content[at] = self.random.choice((0, 1, 0x7F, 0x80, 0xFF, content[at] ^ (1 << self.random.randrange(8))))
+            keeps = self.random.random() < 0.8
+
+            def write(folder, file=file, content=bytes(content), keeps=keeps):
+                (folder / "storage" / file.name).write_bytes(content)
+                if not keeps:
+                    (folder / "recording.json").unlink(missing_ok=True)
+                elif (folder / "recording.json").exists():
+                    fitted(folder)
+            yield f"{base} {file.name} changed", base, write
+
+
+class Doors:
+    """The program that enters folders, started again when it ends."""
+
+    def __init__(self, program):
+        self.program = program
+        self.process = None
+        self.log = tempfile.TemporaryFile()
+
+    def enter(self, folder):
+        """What went wrong, if anything did."""
+        if self.process is None:
+            options = "allocator_may_return_null=1:detect_leaks=0:" + os.environ.get("ASAN_OPTIONS", "")
+            self.log.truncate(0)
+            self.process = subprocess.Popen(
+                [self.program], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.log, text=True,
+                env=os.environ | {"ASAN_OPTIONS": options, "UBSAN_OPTIONS": "print_stacktrace=1"})
+        self.process.stdin.write(f"{folder}\n")
+        self.process.stdin.flush()
+        door = ""
+        watch = subprocess.Popen(["sh", "-c", f"sleep 20; kill -ABRT {self.process.pid}"], stderr=subprocess.DEVNULL)
+        try:
+            for line in self.process.stdout:
+                if line.startswith("done "):
+                    return None
+                door = line.strip().rsplit(": ", 1)[-1]
+        finally:
+            watch.kill()
+            watch.wait()
+        status = self.process.wait()
+        self.process = None
+        self.log.seek(0)
+        report = self.log.read().decode(errors="replace")
+        where = re.findall(r"SUMMARY.*|runtime error.*|what\(\).*|#\d+ 0x\S+ in (?:kyr|\(anon).*", report)
+        return f"{door} ended with {status}: " + "; ".join(where[:6])
+
+
+def main():
+    program, seconds = sys.argv[1], float(sys.argv[2])
+    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+    with tempfile.TemporaryDirectory(prefix="kyr-hostile-", dir=memory) as temp:
+        temp = pathlib.Path(temp)
+        bases, outside = temp / "bases", temp / "outside"
+        bases.mkdir()
+        outside.mkdir()
+        (outside / "file").write_bytes(b"not yours")
+        (outside / "1").write_bytes(b"nor this")
+        subprocess.run([program, "--make", bases], check=True)
+        corpus, doors = Corpus(bases, outside), Doors(program)
+        made = list(corpus.documents()) + list(corpus.places()) + list(corpus.columns())
+        corpus.random.shuffle(made)
+        end = time.monotonic() + seconds
+        entered, faults = 0, []
+        for kinds in (made, corpus.bytes()):
+            for name, base, change in kinds:
+                if time.monotonic() > end:
+                    break
+                folder = temp / "run"
+                shutil.rmtree(folder, ignore_errors=True)
+                shutil.copytree(bases / base, folder)
+                change(folder)
+                fault = doors.enter(folder)
+                canary = {path.name: path.read_bytes() for path in outside.iterdir()}
+                if canary != {"file": b"not yours", "1": b"nor this"}:
+                    fault = f"what lies outside is {canary} now"
+                    shutil.rmtree(outside)
+                    outside.mkdir()
+                    (outside / "file").write_bytes(b"not yours")
+                    (outside / "1").write_bytes(b"nor this")
+                entered += 1
+                if fault:
+                    faults.append(f"{name}: {fault}")
+                    print(faults[-1], flush=True)
+        print(f"{entered} folders of {len(made)} made and more at random, {len(faults)} faults")
+        sys.exit(1 if faults else 0)
+
+
+if __name__ == "__main__":
+    main()
