@@ -12,73 +12,136 @@
 
 namespace kyr::parquet {
 
+const std::string kPackColumn = "storage";
+
 namespace {
 
-std::shared_ptr<::arrow::Schema> withoutTimes(const ::arrow::Schema& schema) {
+[[noreturn]] void fail(const InputFile& file, const std::string& what) {
+  throw std::runtime_error(fmt::format("{}: {}", file.path().string(), what));
+}
+
+std::shared_ptr<::arrow::Schema> without(const ::arrow::Schema& schema, const std::string& column) {
   ::arrow::FieldVector fields;
   for (const auto& field : schema.fields()) {
-    if (field->name() != columnNames::time) fields.push_back(field);
+    if (field->name() != column) fields.push_back(field);
   }
   return ::arrow::schema(std::move(fields));
 }
 
 }  // namespace
 
-ContentReader::ContentReader(std::shared_ptr<InputFile> file, std::shared_ptr<RowGroupCache> cache)
+ContentFile::ContentFile(std::shared_ptr<InputFile> file, Kind kind,
+                         std::shared_ptr<RowGroupCache> cache)
     : file_(std::move(file)),
+      kind_(kind),
       cache_(std::move(cache)),
-      schema_(withoutTimes(*file_->schema())),
-      hasTimes_(file_->hasColumn(columnNames::time)) {
+      schema_(without(*file_->schema(), isPack() ? kPackColumn : columnNames::time)),
+      hasTimes_(!isPack() && file_->hasColumn(columnNames::time)) {
+  if (isPack()) {
+    const ::arrow::Schema& all = *file_->schema();
+    const int ids = all.GetFieldIndex(kPackColumn);
+    if (ids < 1 || ids != all.num_fields() - 1 ||
+        all.field(ids)->type()->id() != ::arrow::Type::INT32) {
+      fail(*file_, fmt::format("is no pack: its last column is no int32 \"{}\"", kPackColumn));
+    }
+    if (schema_.dataIndex != 0 || !makesSamples(schema_)) {
+      fail(*file_, fmt::format("is no pack: its columns are {}", all.ToString()));
+    }
+  }
   if (schema_.dataIndex < 0) {
-    throw std::runtime_error(
-        fmt::format("{}: has no column \"{}\"", file_->path().string(), columnNames::data));
+    fail(*file_, fmt::format("has no column \"{}\"", columnNames::data));
   }
   width_ = elementBytes(schema_);
 }
 
-ContentReader::ContentReader(std::shared_ptr<PackFile> pack, int storageId, std::uint64_t first,
-                             std::uint64_t count)
-    : pack_(std::move(pack)),
-      storageId_(storageId),
-      first_(first),
-      count_(count),
-      schema_(pack_->schema()),
-      width_(pack_->width()) {
-  if (first <= pack_->rows() && count <= pack_->rows() - first) return;
-  throw std::runtime_error(
-      fmt::format("{}: holds {} rows, but rows {} to {} belong to storage id {}",
-                  file().path().string(), pack_->rows(), first, first + count, storageId));
+void ContentFile::requireReadable() const {
+  if (makesSamples(schema_)) return;
+  fail(*file_, fmt::format("its columns make no samples: {}", schema_.schema->ToString()));
 }
 
-ContentReader::~ContentReader() {
-  if (cache_) cache_->forget(*file_);
+std::shared_ptr<const DecodedGroup> ContentFile::group(std::size_t index) {
+  if (auto known = cache_->find(*file_, index)) return known;
+  requireReadable();
+  auto group = cache_->takeSpare(*file_);
+  if (!group) group = std::make_shared<DecodedGroup>(DecodedGroup{RowStore(schema_, width_), {}});
+  decode(index, *group);
+  cache_->put(*file_, index, group);
+  return group;
+}
+
+void ContentFile::decode(std::size_t index, DecodedGroup& group) {
+  const std::uint64_t first = file_->rowStart(index);
+  const std::uint64_t count = file_->rowStart(index + 1) - first;
+  // Before there is memory for samples: a damaged file may claim any number of rows.
+  if (isPack()) readColumn(*file_, kPackColumn, sizeof(std::int32_t), first, count, group.ids);
+  if (isFlat()) {
+    const std::size_t kept = std::min<std::uint64_t>(group.rows.rows(), count);
+    group.rows.truncate(kept);
+    group.rows.grow(static_cast<std::size_t>(count) - kept);
+    return file_->readNumbers(columnNames::data, first, count, group.rows.values());
+  }
+  group.rows.truncate(0);
+  const auto table = file_->read(first, count, schema_.schema->field_names());
+  requireRowsOf(*table, first);
+  group.rows.append(*table);
+}
+
+void ContentFile::requireRowsOf(const ::arrow::Table& table, std::uint64_t first) const {
+  try {
+    requireSamples(schema_, table, first);
+  } catch (const std::invalid_argument& error) {
+    fail(*file_, error.what());
+  }
+}
+
+ContentReader::ContentReader(std::shared_ptr<InputFile> file, std::shared_ptr<RowGroupCache> cache)
+    : file_(std::make_shared<ContentFile>(std::move(file), ContentFile::Kind::single,
+                                          std::move(cache))) {}
+
+ContentReader::ContentReader(std::shared_ptr<ContentFile> pack, int storageId, std::uint64_t first,
+                             std::uint64_t count)
+    : file_(std::move(pack)), storageId_(storageId), first_(first), count_(count) {
+  const std::uint64_t there = file().rows();
+  if (first <= there && count <= there - first) return;
+  fail(file(), fmt::format("holds {} rows, but rows {} to {} belong to storage id {}", there, first,
+                           first + count, storageId));
+}
+
+std::shared_ptr<ContentReader> ContentReader::viewOf(const ContentReader& content, View view) {
+  const auto column = content.file().schema()->GetFieldByName(columnNames::time);
+  if (!content.hasTimes() || column->type()->id() != ::arrow::Type::DOUBLE) {
+    fail(content.file(), fmt::format("has no float64 column \"{}\"", columnNames::time));
+  }
+  auto result = std::make_shared<ContentReader>(content);
+  result->view_ = view;
+  return result;
 }
 
 void ContentReader::grow(std::uint64_t rows) {
-  if (file_) file_->grow(rows);
+  if (!isPacked()) file_->input().grow(rows);
 }
 
 ::arrow::Compression::type ContentReader::codec() const { return file().codec(columnNames::data); }
 
 std::size_t ContentReader::parts() const {
-  if (!pack_) return file_->rowGroups();
+  if (!isPacked()) return file().rowGroups();
   return count_ == 0 ? 0 : partOfRow(count_ - 1) + 1;
 }
 
 std::uint64_t ContentReader::partStart(std::size_t part) const {
-  if (!pack_) return file_->rowStart(part);
+  if (!isPacked()) return file().rowStart(part);
   const std::size_t group = count_ == 0 ? 0 : file().groupOfRow(first_);
   return std::clamp(file().rowStart(group + part), first_, first_ + count_) - first_;
 }
 
 std::size_t ContentReader::partOfRow(std::uint64_t row) const {
   const std::size_t group = file().groupOfRow(first_ + row);
-  return pack_ ? group - file().groupOfRow(first_) : group;
+  return isPacked() ? group - file().groupOfRow(first_) : group;
 }
 
 std::vector<std::optional<NumberRange>> ContentReader::ascendingParts(std::size_t first) const {
-  if (pack_) return std::vector<std::optional<NumberRange>>(parts() - first);
-  return file_->ascendingGroups(first);
+  if (isPacked()) return std::vector<std::optional<NumberRange>>(parts() - first);
+  return file().ascendingGroups(first);
 }
 
 void ContentReader::requireRows(std::uint64_t first, std::uint64_t count) const {
@@ -91,10 +154,11 @@ void ContentReader::readNumbers(const std::string& column, std::uint64_t first, 
                                 char* out) {
   requireRows(first, count);
   if (count == 0) return;
-  if (file_) return file_->readNumbers(column, first, count, out);
+  if (!isPacked()) {
+    return file_->input().readNumbers(isTimes() ? columnNames::time : column, first, count, out);
+  }
   if (!isFlat() || column != columnNames::data) {
-    throw std::runtime_error(
-        fmt::format("{}: its column \"{}\" does not hold numbers", file().path().string(), column));
+    fail(file(), fmt::format("its column \"{}\" does not hold numbers", column));
   }
   // One row group after the other: rows of several would be copied together first.
   while (count > 0) {
@@ -110,41 +174,45 @@ void ContentReader::readNumbers(const std::string& column, std::uint64_t first, 
 
 HeldRows ContentReader::read(std::uint64_t first, std::uint64_t count) {
   requireRows(first, count);
-  if (pack_) return pack_->read(storageId_, first_ + first, count);
-  if (isFlat()) {
-    const auto rows = std::make_shared<RowStore>(schema_, width_);
+  if (!isPacked() && isFlat()) {
+    if (!isTimes()) file_->requireReadable();
+    const auto rows = std::make_shared<RowStore>(schema(), width());
     rows->grow(static_cast<std::size_t>(count));
     if (count > 0) readNumbers(columnNames::data, first, count, rows->values());
     return {rows->slice(), rows};
   }
-  return gatherRows(*file_, schema_, width_, first, count,
+  return gatherRows(file(), schema(), width(), first_ + first, count,
                     [this](std::size_t group, std::size_t from, std::size_t rows) {
                       return readGroup(group, from, rows);
                     });
 }
 
+std::shared_ptr<::arrow::Table> ContentReader::readTable(std::uint64_t first, std::uint64_t count) {
+  requireRows(first, count);
+  auto table = file_->input().read(first, count);
+  if (count > 0) file_->requireRowsOf(*table, first);
+  return table;
+}
+
 HeldRows ContentReader::readGroup(std::size_t group, std::size_t from, std::size_t count) {
-  auto decoded = cache_->find(*file_, group);
-  if (!decoded) {
-    auto fresh = cache_->takeSpare(*file_);
-    if (!fresh) fresh = std::make_shared<DecodedGroup>(DecodedGroup{RowStore(schema_, width_), {}});
-    const std::uint64_t first = file_->rowStart(group);
-    fresh->rows.truncate(0);
-    fresh->rows.append(
-        *file_->read(first, file_->rowStart(group + 1) - first, schema_.schema->field_names()));
-    if (fresh->rows.rows() != file_->rowStart(group + 1) - first) {
-      throw std::runtime_error(
-          fmt::format("{}: a column has too few values", file_->path().string()));
-    }
-    cache_->put(*file_, group, fresh);
-    decoded = std::move(fresh);
-  }
+  const auto decoded = file_->group(group);
+  if (isPacked()) requireOwnRows(*decoded, group, from, count);
   return {decoded->rows.slice(from, count), {decoded, &decoded->rows}};
+}
+
+void ContentReader::requireOwnRows(const DecodedGroup& group, std::size_t index, std::size_t from,
+                                   std::size_t count) const {
+  std::int32_t difference = 0;
+  for (std::size_t i = from; i < from + count; ++i) difference |= group.ids[i] ^ storageId_;
+  if (difference == 0) return;
+  const std::uint64_t first = file().rowStart(index) + from;
+  fail(file(),
+       fmt::format("rows {} to {} are not all of storage id {}", first, first + count, storageId_));
 }
 
 RowSpan ContentReader::rowsIn(std::uint64_t from, std::uint64_t to) const {
   const RowSpan span = file().rowsIn(from, to);
-  if (!pack_) return span;
+  if (!isPacked()) return span;
   const std::uint64_t end = first_ + count_;
   return {std::clamp(span.from, first_, end) - first_, std::clamp(span.to, first_, end) - first_};
 }

@@ -2,6 +2,7 @@
 
 #include <arrow/type_fwd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -11,10 +12,56 @@
 
 #include "files/InputFile.h"
 #include "files/RowGroupCache.h"
-#include "files/pack/PackFile.h"
+#include "schema/PartTables.h"
 #include "schema/RowStore.h"
 
 namespace kyr::parquet {
+
+/// The column of a pack that says to which storage id each row belongs.
+extern const std::string kPackColumn;
+
+/// An open file of samples: the file of one content, or a pack, which has many contents of one
+/// schema one after the other. Readers of these contents share the object.
+///
+/// Failures are those of InputFile. One thread at a time.
+class ContentFile {
+ public:
+  enum class Kind { single, pack };
+
+  /// \throws std::runtime_error naming the file if its columns are not those of a content or a pack
+  ContentFile(std::shared_ptr<InputFile> file, Kind kind, std::shared_ptr<RowGroupCache> cache);
+  ~ContentFile() { cache_->forget(*file_); }
+  ContentFile(const ContentFile&) = delete;
+  ContentFile& operator=(const ContentFile&) = delete;
+
+  InputFile& input() { return *file_; }
+  bool isPack() const { return kind_ == Kind::pack; }
+  /// The columns "data" and "dimension".
+  const SampleSchema& schema() const { return schema_; }
+  /// Whether there is a column "time" beside them.
+  bool hasTimes() const { return hasTimes_; }
+  /// Whether each row is one number.
+  bool isFlat() const { return schema_.kind == ColumnKind::flat && schema_.dimensionIndex < 0; }
+  /// Bytes of an element.
+  std::size_t width() const { return width_; }
+
+  /// A row group, which is kept in the cache.
+  std::shared_ptr<const DecodedGroup> group(std::size_t index);
+  /// \throws std::runtime_error naming the file if its columns make no samples
+  void requireReadable() const;
+  /// \throws std::runtime_error naming the file if rows from \p first on make no samples
+  void requireRowsOf(const ::arrow::Table& table, std::uint64_t first) const;
+
+ private:
+  void decode(std::size_t index, DecodedGroup& group);
+
+  std::shared_ptr<InputFile> file_;
+  Kind kind_;
+  std::shared_ptr<RowGroupCache> cache_;
+  SampleSchema schema_;
+  std::size_t width_ = 1;
+  bool hasTimes_ = false;
+};
 
 /// Reads rows of one content, wherever they are: in a file of their own, which may be growing, or in
 /// some rows of a pack. Rows are numbered from the first one of the content.
@@ -26,29 +73,34 @@ class ContentReader {
   ContentReader(std::shared_ptr<InputFile> file, std::shared_ptr<RowGroupCache> cache);
   /// Rows [first, first + count) of a pack, which belong to the content \p storageId.
   /// \throws std::runtime_error if the pack has no such rows
-  ContentReader(std::shared_ptr<PackFile> pack, int storageId, std::uint64_t first,
+  ContentReader(std::shared_ptr<ContentFile> pack, int storageId, std::uint64_t first,
                 std::uint64_t count);
-  ~ContentReader();
-  ContentReader(const ContentReader&) = delete;
-  ContentReader& operator=(const ContentReader&) = delete;
+  /// Some of the columns of a file with times beside the samples, as a content of their own: the
+  /// samples, or the times as a column "data".
+  enum class View { all, samples, times };
+  /// \throws std::runtime_error naming the file if it has no column "time" of float64
+  static std::shared_ptr<ContentReader> viewOf(const ContentReader& content, View view);
 
-  const InputFile& file() const { return pack_ ? pack_->file() : *file_; }
-  std::uint64_t rows() const { return pack_ ? count_ : file_->rows(); }
+  const InputFile& file() const { return file_->input(); }
+  bool isPacked() const { return file_->isPack(); }
+  std::uint64_t rows() const { return isPacked() ? count_ : file().rows(); }
   /// Takes note of rows that a growing file got meanwhile, up to \p rows.
   void grow(std::uint64_t rows);
 
   /// All columns of the content.
   const std::shared_ptr<::arrow::Schema>& columns() const {
-    return pack_ ? schema_.schema : file_->schema();
+    return hasTimes() ? file().schema() : schema().schema;
   }
   /// The columns "data" and "dimension".
-  const SampleSchema& schema() const { return schema_; }
+  const SampleSchema& schema() const { return isTimes() ? timeSchema() : file_->schema(); }
   /// Whether there is a column "time" beside them.
-  bool hasTimes() const { return hasTimes_; }
+  bool hasTimes() const { return view_ == View::all && file_->hasTimes(); }
   /// Whether each row is one number.
-  bool isFlat() const { return schema_.kind == ColumnKind::flat && schema_.dimensionIndex < 0; }
+  bool isFlat() const { return isTimes() || file_->isFlat(); }
   /// Bytes of an element.
-  std::size_t width() const { return width_; }
+  std::size_t width() const { return isTimes() ? sizeof(double) : file_->width(); }
+  /// Whether a file holds these rows and nothing else.
+  bool isWholeFile() const { return !isPacked() && view_ == View::all; }
   ::arrow::Compression::type codec() const;
 
   /// Parts of the content that are decoded together, and the first row of each; part parts() begins
@@ -65,23 +117,47 @@ class ContentReader {
   /// Rows [first, first + count) of "data" and "dimension", which there must be. They stay as they are
   /// as long as their keeper lives.
   HeldRows read(std::uint64_t first, std::uint64_t count);
+  /// The same rows of all columns, in a table, if there is a column "time".
+  std::shared_ptr<::arrow::Table> readTable(std::uint64_t first, std::uint64_t count);
 
   /// The rows that need some of the bytes [from, to) of the file.
   RowSpan rowsIn(std::uint64_t from, std::uint64_t to) const;
 
  private:
+  bool isTimes() const { return view_ == View::times; }
   HeldRows readGroup(std::size_t group, std::size_t from, std::size_t count);
+  void requireOwnRows(const DecodedGroup& group, std::size_t index, std::size_t from,
+                      std::size_t count) const;
   void requireRows(std::uint64_t first, std::uint64_t count) const;
 
-  std::shared_ptr<InputFile> file_;  // null for rows of a pack
-  std::shared_ptr<RowGroupCache> cache_;
-  std::shared_ptr<PackFile> pack_;  // null for a file
-  int storageId_ = 0;
-  std::uint64_t first_ = 0;  // row of the pack
+  std::shared_ptr<ContentFile> file_;
+  View view_ = View::all;
+  int storageId_ = 0;  // this and the next two are of rows of a pack
+  std::uint64_t first_ = 0;
   std::uint64_t count_ = 0;
-  SampleSchema schema_;
-  std::size_t width_ = 1;
-  bool hasTimes_ = false;
 };
+
+/// Replaces \p out by rows [first, first + count) of a column of numbers. Memory that \p out has is
+/// used. Memory that it does not have is allocated, cleared and filled piece by piece, while the
+/// piece is in the processor's cache; so a file that only claims to have many rows takes no memory
+/// for them.
+/// \param source  an InputFile or a ContentReader
+/// \param out  elements of the column's width, or bytes
+/// \param width  of a number
+template <typename Source, typename T>
+void readColumn(Source& source, const std::string& column, std::size_t width, std::uint64_t first,
+                std::uint64_t count, std::vector<T>& out) {
+  constexpr std::uint64_t kPiece = 32'768;
+  const std::size_t perRow = width / sizeof(T);
+  const std::size_t had = std::min<std::uint64_t>(out.size() / perRow, count);
+  out.resize(had * perRow);
+  for (std::uint64_t done = 0; done < count;) {
+    const std::uint64_t end = done < had ? had : std::min(done + kPiece, count);
+    out.resize(static_cast<std::size_t>(end) * perRow);
+    source.readNumbers(column, first + done, end - done,
+                       reinterpret_cast<char*>(out.data() + done * perRow));
+    done = end;
+  }
+}
 
 }  // namespace kyr::parquet

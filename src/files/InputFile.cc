@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "files/CheckedFile.h"
@@ -181,6 +182,20 @@ void InputFile::grow(std::uint64_t rows) {
   limits.checks = false;
   readOn(records_, *file_, limits);
   if (checked_) checked_->resize(rowGroups(), false);
+}
+
+std::uint64_t InputFile::soundRows() {
+  if (!checked_) return rows();
+  for (std::size_t batch = 0; batch < rowGroups(); ++batch) {
+    try {
+      checkBatch(batch);
+    } catch (const std::system_error&) {
+      throw;
+    } catch (const std::runtime_error&) {
+      return rowStart(batch);
+    }
+  }
+  return rows();
 }
 
 void InputFile::checkBatches(std::uint64_t first, std::uint64_t count) {

@@ -46,6 +46,7 @@ class InputFile {
   InputFile(std::shared_ptr<const ByteSource> file, GrowingRecords records, BatchChecks checks);
 
   const std::filesystem::path& path() const { return file_->path(); }
+  const ByteSource& bytes() const { return *file_; }
   std::uint64_t rows() const { return records_.index.rows(); }
   std::size_t rowGroups() const { return records_.index.batches(); }
   /// First row of a row group, which may be the one behind the last.
@@ -78,6 +79,10 @@ class InputFile {
   /// The rows of the row groups that have some of the bytes [from, to); all rows if those bytes
   /// belong to no row group.
   RowSpan rowsIn(std::uint64_t from, std::uint64_t to) const;
+
+  /// Compares all batches with their checksums.
+  /// \return the rows before the first batch whose checksum does not fit; all rows if none are compared
+  std::uint64_t soundRows();
 
   /// Takes note of batches that a growing file got since it was opened, up to \p rows rows.
   void grow(std::uint64_t rows);

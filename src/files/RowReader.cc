@@ -160,6 +160,14 @@ std::shared_ptr<::arrow::Table> RowReader::read(const BatchIndex& index, std::ui
     PARQUET_THROW_NOT_OK(columns ? reader.ReadRowGroups(groups, *columns, &table)
                                  : reader.ReadRowGroups(groups, &table));
     if (count == 0) return table;
+    // A row group may claim more rows than its columns have values.
+    const std::uint64_t rows =
+        index.rowStart(batches.first + batches.count) - index.rowStart(batches.first);
+    for (const auto& column : table->columns()) {
+      if (static_cast<std::uint64_t>(column->length()) == rows) continue;
+      throw ::parquet::ParquetException("a column has ", column->length(), " values, expected ",
+                                        rows);
+    }
     return table->Slice(static_cast<std::int64_t>(first - index.rowStart(batches.first)),
                         static_cast<std::int64_t>(count));
   });

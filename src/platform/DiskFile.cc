@@ -225,6 +225,31 @@ void writeNewFile(const std::filesystem::path& file, std::string_view content) {
   }
 }
 
+void forEachPieceOf(const ByteSource& file,
+                    const std::function<void(std::string_view, std::uint64_t)>& visit) {
+  constexpr std::size_t kPieceBytes = std::size_t{256} << 10U;  // stays in a near cache
+  std::vector<char> piece(kPieceBytes);
+  std::uint64_t at = 0;
+  while (const std::size_t size = file.readAt(at, piece.data(), piece.size())) {
+    visit({piece.data(), size}, at);
+    at += size;
+  }
+}
+
+void copyToNewFile(const ByteSource& from, const std::filesystem::path& to, bool sync) {
+  DiskFile copy(to, DiskFile::Mode::createNew);
+  try {
+    forEachPieceOf(from,
+                   [&](std::string_view piece, std::uint64_t at) { copy.writeAt(at, {piece}); });
+    if (sync) copy.syncData();
+    copy.close();
+  } catch (...) {
+    std::error_code ignored;
+    std::filesystem::remove(to, ignored);
+    throw;
+  }
+}
+
 void syncPath(const std::filesystem::path& path) {
   DiskFile(path, DiskFile::Mode::readOnly).syncAll();
 }

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -94,6 +95,14 @@ std::string readWholeFile(const std::filesystem::path& file);
 /// \throws std::system_error naming the file, also if the name is taken; a file that could not be
 ///         written whole is removed
 void writeNewFile(const std::filesystem::path& file, std::string_view content);
+
+/// Calls \p visit with each piece of a file, and where it begins.
+void forEachPieceOf(const ByteSource& file,
+                    const std::function<void(std::string_view, std::uint64_t)>& visit);
+
+/// Copies the bytes of \p from to a new file.
+/// \throws std::exception naming the file that cannot be read or written; no copy is left behind then
+void copyToNewFile(const ByteSource& from, const std::filesystem::path& to, bool sync);
 
 /// Waits until a file, or the names in a directory, are on the disk.
 /// \throws std::system_error naming the path

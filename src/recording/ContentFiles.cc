@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "recording/ContentChecks.h"
 #include "recording/RecordingFolder.h"
 
 namespace kyr::recording {
@@ -15,6 +16,11 @@ std::int64_t keyOfPack(int number) { return -1 - std::int64_t{number}; }
 
 [[noreturn]] void refuse(const std::filesystem::path& file, const std::string& what) {
   throw std::runtime_error(fmt::format("{}: {}", file.string(), what));
+}
+
+[[noreturn]] void refuseSize(const std::filesystem::path& file, std::uint64_t found,
+                             std::uint64_t expected) {
+  refuse(file, fmt::format("damaged: {} bytes long, expected {}", found, expected));
 }
 
 }  // namespace
@@ -61,13 +67,37 @@ ContentFiles::OpenFile* ContentFiles::find(std::int64_t key) {
   return &open_.front();
 }
 
-void ContentFiles::keep(OpenFile file) {
-  if (open_.size() >= maxOpenFiles_) {
-    byKey_.erase(open_.back().key);
-    open_.pop_back();
+// Closes what was used least recently while there are too many open files, here or in the process.
+ContentFiles::OpenFile& ContentFiles::keep(std::int64_t key) {
+  constexpr std::size_t kLeast = 16;
+  while (open_.size() >= maxOpenFiles_ || (open_.size() >= kLeast && !limits_.mayOpenMore())) {
+    closeLeastRecentlyUsed();
   }
-  open_.push_front(std::move(file));
-  byKey_[open_.front().key] = open_.begin();
+  OpenFile& file = open_.emplace_front();
+  file.key = key;
+  byKey_[key] = open_.begin();
+  return file;
+}
+
+void ContentFiles::closeLeastRecentlyUsed() {
+  byKey_.erase(open_.back().key);
+  open_.pop_back();
+}
+
+std::shared_ptr<parquet::ContentReader> ContentFiles::open(int storageId, const ContentUse& use) {
+  auto content = open(storageId);
+  requireUse(*content, use);
+  return content;
+}
+
+void ContentFiles::requireUse(const parquet::ContentReader& content, const ContentUse& use) {
+  const SignalInfo& signal = use.signal;
+  const std::string fault = columnFault(*content.columns(), use.isTime ? Scalar : signal.category,
+                                        use.isTime ? Double : signal.dataType);
+  if (fault.empty()) return;
+  throw DamagedError(fmt::format("{}: signal {} \"{}\": {}: its rows cannot be read",
+                                 content.file().path().string(), signal.signalId, signal.name,
+                                 fault));
 }
 
 std::shared_ptr<parquet::ContentReader> ContentFiles::open(int storageId) {
@@ -81,39 +111,53 @@ std::shared_ptr<parquet::ContentReader> ContentFiles::open(int storageId) {
       if (isLive_ && known->content->rows() < info.rowCount) known->content->grow(info.rowCount);
       return known->content;
     }
-    OpenFile file;
-    file.key = storageId;
-    file.content = openFile(info);
-    keep(file);
-    return file.content;
+    auto content = openFile(info);
+    keep(storageId).content = content;
+    return content;
   });
 }
 
-std::shared_ptr<const DiskFile> ContentFiles::openDisk(const std::string& name) const {
-  const std::filesystem::path path = folder_->path() / kStorageFolder / name;
+void ContentFiles::requireFile(const FileInfo& info) const {
+  const std::string name = info.pack ? packName(*info.pack) : std::to_string(info.storageId);
+  const std::uint64_t expected = info.pack ? packInfo(*info.pack).size : info.size;
   try {
-    return folder_->openStored(name);
+    const std::uint64_t size = folder_->sizeOfStored(name);
+    if (size != expected) refuseSize(folder_->path() / kStorageFolder / name, size, expected);
   } catch (const std::system_error& error) {
-    const auto& code = error.code();
-    if (code == std::errc::no_such_file_or_directory || code == std::errc::not_a_directory) {
-      refuse(path,
-             isLive_ ? "missing: refresh() tells whether a later flush replaced it" : "missing");
+    failToFind(name, error);
+  }
+}
+
+void ContentFiles::failToFind(const std::string& name, const std::system_error& error) const {
+  const std::filesystem::path path = folder_->path() / kStorageFolder / name;
+  const auto& code = error.code();
+  if (code == std::errc::no_such_file_or_directory || code == std::errc::not_a_directory) {
+    refuse(path,
+           isLive_ ? "missing: refresh() tells whether a later flush replaced it" : "missing");
+  }
+  if (code == std::errc::is_a_directory || code == std::errc::not_supported) {
+    refuse(path, "is no regular file");
+  }
+  throw error;
+}
+
+std::shared_ptr<const DiskFile> ContentFiles::openDisk(const std::string& name) {
+  for (;;) {
+    try {
+      return folder_->openStored(name);
+    } catch (const std::system_error& error) {
+      // The rest of the process may use more descriptors than are left for it here.
+      if (error.code() != std::errc::too_many_files_open || open_.empty()) failToFind(name, error);
     }
-    if (code == std::errc::is_a_directory || code == std::errc::not_supported) {
-      refuse(path, "is no regular file");
-    }
-    throw;
+    closeLeastRecentlyUsed();
   }
 }
 
 template <typename Info>
-std::shared_ptr<const DiskFile> ContentFiles::openSized(const std::string& name,
-                                                        const Info& info) const {
+std::shared_ptr<const DiskFile> ContentFiles::openSized(const std::string& name, const Info& info) {
   auto disk = openDisk(name);
   const std::uint64_t size = disk->size();
-  if (size != info.size) {
-    refuse(disk->path(), fmt::format("damaged: {} bytes long, expected {}", size, info.size));
-  }
+  if (size != info.size) refuseSize(disk->path(), size, info.size);
   return disk;
 }
 
@@ -127,7 +171,7 @@ std::shared_ptr<const ByteSource> ContentFiles::checked(std::shared_ptr<const Di
 
 // The batches of a growing file have checksums of their own: damage in one place leaves the others
 // readable.
-std::shared_ptr<parquet::InputFile> ContentFiles::openInput(const FileInfo& info) const {
+std::shared_ptr<parquet::InputFile> ContentFiles::openInput(const FileInfo& info) {
   const std::string name = std::to_string(info.storageId);
   const auto checks = checks_ ? parquet::BatchChecks::yes : parquet::BatchChecks::no;
   if (isLive_) return parquet::openAnyFile(openDisk(name), info.rowCount, checks);
@@ -152,24 +196,29 @@ std::shared_ptr<parquet::ContentReader> ContentFiles::openFile(const FileInfo& i
   return std::make_shared<parquet::ContentReader>(std::move(file), cache_);
 }
 
-std::shared_ptr<parquet::PackFile> ContentFiles::openPack(int number) {
-  if (const OpenFile* known = find(keyOfPack(number))) return known->pack;
+const PackInfo& ContentFiles::packInfo(int number) const {
   const auto listed =
       std::find_if(info_->packs.begin(), info_->packs.end(),
                    [number](const PackInfo& pack) { return pack.number == number; });
   if (listed == info_->packs.end()) {
     refuse(packPath(folder_->path(), number), "is not listed");
   }
-  OpenFile file;
-  file.key = keyOfPack(number);
-  file.pack = std::make_shared<parquet::PackFile>(
-      checked(openSized(packName(number), *listed), *listed), cache_);
-  if (file.pack->rows() != listed->rowCount) {
+  return *listed;
+}
+
+std::shared_ptr<parquet::ContentFile> ContentFiles::openPack(int number) {
+  if (const OpenFile* known = find(keyOfPack(number))) return known->pack;
+  const PackInfo& listed = packInfo(number);
+  auto file =
+      std::make_shared<parquet::InputFile>(checked(openSized(packName(number), listed), listed));
+  if (file->rows() != listed.rowCount) {
     refuse(packPath(folder_->path(), number),
-           fmt::format("holds {} rows, expected {}", file.pack->rows(), listed->rowCount));
+           fmt::format("holds {} rows, expected {}", file->rows(), listed.rowCount));
   }
-  keep(file);
-  return file.pack;
+  auto pack = std::make_shared<parquet::ContentFile>(std::move(file),
+                                                     parquet::ContentFile::Kind::pack, cache_);
+  keep(keyOfPack(number)).pack = pack;
+  return pack;
 }
 
 }  // namespace kyr::recording

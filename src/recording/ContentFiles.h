@@ -16,14 +16,22 @@
 #include "kyr/recording/DamagedError.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "recording/OpenFolder.h"
+#include "safe/OpenFiles.h"
 
 namespace kyr::recording {
+
+/// What a signal needs a content for.
+struct ContentUse {
+  const SignalInfo& signal;
+  bool isTime = false;
+};
 
 /// The contents of a recording, opened when they are asked for. The files that were used last stay
 /// open, up to a number.
 ///
 /// A file that is not what recording.json says of it is a DamagedError: missing, of another size, with
-/// another number of rows, with other bytes where checksums are compared. One thread at a time.
+/// other columns or another number of rows, with other bytes where checksums are compared. This is the
+/// place where that is checked, for all who read recordings. One thread at a time.
 class ContentFiles {
  public:
   /// \param checks  whether checksums are compared
@@ -38,34 +46,45 @@ class ContentFiles {
   /// \throws std::runtime_error if it does not list the file
   const FileInfo& fileInfo(int storageId) const;
 
-  /// A content, with its columns unchecked. A live content may have fewer rows than were flushed if
+  /// A content, whose columns are those that the signal says. A live content may have fewer rows than were flushed if
   /// its file is damaged.
+  std::shared_ptr<parquet::ContentReader> open(int storageId, const ContentUse& use);
+  /// \throws DamagedError if the columns of a content are not those that the signal says
+  static void requireUse(const parquet::ContentReader& content, const ContentUse& use);
+  /// The same with its columns unchecked.
   std::shared_ptr<parquet::ContentReader> open(int storageId);
+  /// Throws if the file of a content is missing or of another size. It is not opened.
+  void requireFile(const FileInfo& info) const;
 
  private:
   struct OpenFile {
     std::int64_t key = 0;
     std::shared_ptr<parquet::ContentReader> content;  // null for a pack
-    std::shared_ptr<parquet::PackFile> pack;
+    std::shared_ptr<parquet::ContentFile> pack;
+    parquet::DescriptorCount descriptor = parquet::OpenFiles::countFinished();
   };
 
   // Finds a file that is open and notes that it was used.
   OpenFile* find(std::int64_t key);
-  void keep(OpenFile file);
-  std::shared_ptr<const DiskFile> openDisk(const std::string& name) const;
+  OpenFile& keep(std::int64_t key);
+  void closeLeastRecentlyUsed();
+  std::shared_ptr<const DiskFile> openDisk(const std::string& name);
+  [[noreturn]] void failToFind(const std::string& name, const std::system_error& error) const;
   // Opens a file of the size that recording.json says.
   template <typename Info>
-  std::shared_ptr<const DiskFile> openSized(const std::string& name, const Info& info) const;
+  std::shared_ptr<const DiskFile> openSized(const std::string& name, const Info& info);
   template <typename Info>
   std::shared_ptr<const ByteSource> checked(std::shared_ptr<const DiskFile> disk,
                                             const Info& info) const;
-  std::shared_ptr<parquet::InputFile> openInput(const FileInfo& info) const;
-  std::shared_ptr<parquet::PackFile> openPack(int number);
+  std::shared_ptr<parquet::InputFile> openInput(const FileInfo& info);
+  std::shared_ptr<parquet::ContentFile> openPack(int number);
+  const PackInfo& packInfo(int number) const;
   std::shared_ptr<parquet::ContentReader> openFile(const FileInfo& info);
 
   std::shared_ptr<const OpenFolder> folder_;
   bool checks_;
   std::size_t maxOpenFiles_;
+  parquet::OpenFiles limits_;  // of the process
   bool isLive_ = false;
   std::shared_ptr<const RecordingInfo> info_;
   std::shared_ptr<parquet::RowGroupCache> cache_;
@@ -93,9 +112,6 @@ auto readingContent(std::uint64_t rows, const parquet::ContentReader* content, W
     throw;
   } catch (const std::runtime_error& error) {
     refuse(error.what(), {0, rows});
-  } catch (const std::invalid_argument& error) {  // columns that make no rows
-    const std::string file = content ? content->file().path().string() + ": " : "";
-    refuse(file + error.what(), {0, rows});
   }
   throw std::logic_error("unreachable");
 }

@@ -6,9 +6,10 @@
 #include <system_error>
 #include <utility>
 
+#include "kyr/parquet/ColumnNames.h"
 #include "recording/FolderFiles.h"
+#include "recording/TimeSpans.h"
 #include "safe/Content.h"
-#include "safe/FinishedFile.h"
 
 namespace kyr::recording {
 
@@ -65,13 +66,13 @@ bool ContentSaver::pack(FileInfo& file, Content& content) {
 bool ContentSaver::packFile(FileInfo& file) {
   const fs::path path = directory_ / std::to_string(file.storageId);
   if (file.rowCount >= packBelow_ || file.rowCount == 0) return false;
-  parquet::FinishedFile stored(path);
-  const auto table = stored.read(0, stored.rows());
+  const auto stored = openFile(path);
+  const auto table = stored->read(0, stored->rows());
   const parquet::SampleSchema schema(table->schema());
   if (schema.dataIndex != 0 || schema.kind == parquet::ColumnKind::unsupported) return false;
   parquet::RowStore rows(schema, elementBytes(schema));
   rows.append(*table);
-  return packRows(file, schema, stored.codec(), rows.slice());
+  return packRows(file, schema, stored->codec(parquet::columnNames::data), rows.slice());
 }
 
 bool ContentSaver::packRows(FileInfo& file, const parquet::SampleSchema& schema,

@@ -12,17 +12,6 @@ FileDigest digestFile(const fs::path& file) {
   return digestOf(DiskFile(file, DiskFile::Mode::readOnly));
 }
 
-void forEachPieceOf(const ByteSource& file,
-                    const std::function<void(std::string_view, std::uint64_t)>& visit) {
-  constexpr std::size_t kPieceBytes = kBlockBytes;  // stays in a near cache
-  std::vector<char> piece(kPieceBytes);
-  std::uint64_t at = 0;
-  while (const std::size_t size = file.readAt(at, piece.data(), piece.size())) {
-    visit({piece.data(), size}, at);
-    at += size;
-  }
-}
-
 FileDigest digestOf(const ByteSource& file) {
   FileDigester digester;
   forEachPieceOf(file, [&](std::string_view piece, std::uint64_t /*at*/) {
@@ -48,8 +37,13 @@ void replaceTextFile(const fs::path& file, const std::string& text, bool syncs) 
   std::error_code ignored;
   fs::remove(fresh, ignored);
   writeNewFile(fresh, text);
-  if (syncs) syncPath(fresh);
-  renamePath(fresh, file);
+  try {
+    if (syncs) syncPath(fresh);
+    renamePath(fresh, file);
+  } catch (...) {
+    fs::remove(fresh, ignored);
+    throw;
+  }
   if (syncs) syncDirectoryOf(file);
 }
 

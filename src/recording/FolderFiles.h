@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <string_view>
 
@@ -16,10 +15,6 @@ namespace kyr::recording {
 /// Size and checksums of a file.
 FileDigest digestFile(const std::filesystem::path& file);
 FileDigest digestOf(const ByteSource& file);
-
-/// Calls \p visit with each piece of a file, and where it begins.
-void forEachPieceOf(const ByteSource& file,
-                    const std::function<void(std::string_view, std::uint64_t)>& visit);
 
 /// Copies \p from to the new file \p to. Size and checksums are those of the bytes that were copied.
 FileDigest copyFile(const std::filesystem::path& from, const std::filesystem::path& to);

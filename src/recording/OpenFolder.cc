@@ -62,6 +62,10 @@ std::unique_ptr<DiskFile> OpenFolder::open(const std::string& name) const {
   return std::make_unique<DiskFile>(folder_, name, DiskFile::Entry::file);
 }
 
+std::uint64_t OpenFolder::sizeOfStored(const std::string& name) const {
+  return openStored(name)->size();
+}
+
 std::unique_ptr<DiskFile> OpenFolder::openStored(const std::string& name) const {
   if (storage_) return std::make_unique<DiskFile>(*storage_, name, DiskFile::Entry::file);
   return std::make_unique<DiskFile>(folder_, std::string(kStorageFolder) + "/" + name,

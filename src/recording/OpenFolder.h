@@ -24,6 +24,11 @@ class OpenFolder {
   std::string readText(const std::string& name) const;
   /// \throws std::system_error naming the file if it cannot be opened
   std::unique_ptr<DiskFile> open(const std::string& name) const;
+  /// Which folder it is.
+  FileState state() const { return folder_.state(); }
+  /// The size of a file of the storage folder.
+  /// \throws std::system_error naming the file if there is no such regular file
+  std::uint64_t sizeOfStored(const std::string& name) const;
   /// Opens a file of the storage folder.
   /// \throws std::system_error naming the file if it cannot be opened
   std::unique_ptr<DiskFile> openStored(const std::string& name) const;

@@ -11,10 +11,10 @@
 #include <stdexcept>
 #include <utility>
 
+#include "files/ContentReader.h"
 #include "files/FileSink.h"
 #include "files/NumberFile.h"
 #include "files/TableWriter.h"
-#include "files/pack/PackFile.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "platform/DiskFile.h"
 #include "recording/Checksum.h"

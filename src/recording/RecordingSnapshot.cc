@@ -1,13 +1,11 @@
 #include "recording/RecordingSnapshot.h"
 
-#include <arrow/status.h>
-#include <arrow/type.h>
+#include <arrow/api.h>
 #include <arrow/util/compression.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 
 #include "kyr/parquet/ColumnNames.h"
@@ -15,7 +13,6 @@
 #include "kyr/parquet/StreamableSignal.h"
 #include "recording/TimeSpans.h"
 #include "safe/Content.h"
-#include "schema/PartTables.h"
 #include "schema/TypeNames.h"
 #include "signals/SignalPoolImpl.h"
 #include "storage/ParquetStorageRecord.h"
@@ -66,18 +63,19 @@ void takeTypes(parquet::SignalPoolImpl& pool, SignalInfo& signal) {
   }
 }
 
-// Smallest and largest of times that have no file in the pool's directory.
-std::optional<TimeSpan> spanOf(parquet::Content& content) {
-  if (content.schema().schema->field(0)->type()->id() != ::arrow::Type::DOUBLE) return {};
+// Smallest and largest of a column of times that has no file in the pool's directory.
+std::optional<TimeSpan> spanOf(parquet::Content& content, const std::string& column) {
   constexpr std::uint64_t kPieceRows = 65536;
   std::optional<TimeSpan> span;
   for (std::uint64_t from = 0; from < content.rows(); from += kPieceRows) {
     const auto to = std::min(content.rows(), from + kPieceRows);
-    const parquet::PartRows rows(content.read(from, to));
-    for (std::size_t at = 0; at < rows.bytes.size(); at += sizeof(double)) {
-      double time = 0;
-      std::memcpy(&time, &rows.bytes[at], sizeof(time));
-      noteTime(span, time);
+    for (const auto& table : content.read(from, to)) {
+      const auto times = table->GetColumnByName(column);
+      if (!times || times->type()->id() != ::arrow::Type::DOUBLE) return {};
+      for (const auto& chunk : times->chunks()) {
+        const auto& values = static_cast<const ::arrow::DoubleArray&>(*chunk);
+        for (std::int64_t i = 0; i < values.length(); ++i) noteTime(span, values.Value(i));
+      }
     }
   }
   return span;
@@ -106,7 +104,8 @@ const InfoBuilder::FileFacts& InfoBuilder::factsOf(int signalId, int storageId, 
   if (content && !content->hasOwnFile()) {
     facts.rowCount = content->rows();
     facts.compression = ::arrow::util::Codec::GetCodecAsString(content->codec());
-    if (isTime) facts.timeSpan = spanOf(*content);
+    facts.timeSpan =
+        spanOf(*content, isTime ? parquet::columnNames::data : parquet::columnNames::time);
   } else {
     facts = factsOfFile(signalId, storageId, isTime);
   }

@@ -8,7 +8,7 @@
 #include <tuple>
 #include <utility>
 
-#include "files/pack/PackFile.h"
+#include "files/ContentReader.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "kyr/recording/Recovery.h"
 #include "recording/CompleteRecording.h"

@@ -1,11 +1,14 @@
 #include <fmt/format.h>
 
+#include <memory>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
 #include "kyr/recording/Recording.h"
 #include "recording/ContentSaver.h"
 #include "recording/FolderFiles.h"
+#include "recording/LentFolder.h"
 #include "recording/LockedFolder.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
@@ -88,6 +91,22 @@ void syncAll(const fs::path& folder, const RecordingInfo& info) {
   }
 }
 
+// The recording that the pool reads in place, if it is the one that is being replaced; else null.
+std::shared_ptr<LentFolder> lentFrom(const parquet::SignalPool& pool, const fs::path& target) {
+  const auto store = parquet::PoolAccess::of(pool).sharedStore();
+  auto lent = store ? std::dynamic_pointer_cast<LentFolder>(store->lender()) : nullptr;
+  return lent && lent->isAt(target) ? lent : nullptr;
+}
+
+// Contents of signals that left the pool, but are still used, are not in the new recording.
+void keepUnsaved(parquet::SharedStore& store, const RecordingInfo& info) {
+  std::set<int> saved;
+  for (const FileInfo& file : info.files) saved.insert(file.storageId);
+  store.forEachContent([&](parquet::Content& content) {
+    if (saved.count(content.id()) == 0) content.moveToOwnFile();
+  });
+}
+
 }  // namespace
 
 void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescription>& descriptions,
@@ -107,6 +126,8 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
   ContentSaver saver(working, parquet::PoolAccess::of(pool).sharedStore(),
                      fresh.path() / kStorageFolder, options);
   for (FileInfo& file : info.files) saver.save(file);
+  const auto lent = lentFrom(pool, target);
+  if (lent) keepUnsaved(*parquet::PoolAccess::of(pool).sharedStore(), info);
   info.packs = saver.finish();
   info.formatVersion = info.packs.empty() ? 1 : kFormatVersion;
   writeNewFile(descriptionPath(fresh.path()), writeRecordingJson(info));
@@ -118,6 +139,7 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
 
   if (options.sync) syncAll(fresh.path(), info);
   const fs::path old = replaceFolder(fresh, target, {options.replaces, options.sync});
+  if (lent) lent->follow();
   if (!old.empty()) disposeOf(old, target);
 }
 

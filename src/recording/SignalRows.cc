@@ -68,19 +68,6 @@ auto SignalRows::reading(parquet::ContentReader& content, std::uint64_t end, Wor
   return readingContent(content.rows(), &content, std::forward<Work>(work));
 }
 
-std::shared_ptr<parquet::ContentReader> SignalRows::openChecked(int storageId,
-                                                                KYRSignalCategory category,
-                                                                KYRSignalDataType type) {
-  auto content = files_->open(storageId);
-  const std::string fault = columnFault(*content->columns(), category, type);
-  if (!fault.empty()) {
-    throw DamagedError(fmt::format("{}: signal {} \"{}\": {}: its rows cannot be read",
-                                   content->file().path().string(), signal_->signalId,
-                                   signal_->name, fault));
-  }
-  return content;
-}
-
 parquet::ContentReader& SignalRows::samples() {
   if (!samples_) {
     if (kind_ == SampleKind::unsupported) {
@@ -89,14 +76,14 @@ parquet::ContentReader& SignalRows::samples() {
                       "not stored by any recorder",
                       signal_->signalId, signal_->name));
     }
-    samples_ = openChecked(*signal_->dataStorageId, signal_->category, signal_->dataType);
+    samples_ = files_->open(*signal_->dataStorageId, {*signal_, /*isTime=*/false});
   }
   return *samples_;
 }
 
 parquet::ContentReader& SignalRows::times() {
   if (!signal_->timeStorageId) return samples();
-  if (!times_) times_ = openChecked(*signal_->timeStorageId, Scalar, Double);
+  if (!times_) times_ = files_->open(*signal_->timeStorageId, {*signal_, /*isTime=*/true});
   return *times_;
 }
 

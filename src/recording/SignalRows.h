@@ -76,8 +76,6 @@ class SignalRows {
  private:
   parquet::ContentReader& times();
   parquet::ContentReader& samples();
-  std::shared_ptr<parquet::ContentReader> openChecked(int storageId, KYRSignalCategory category,
-                                                      KYRSignalDataType type);
   // Calls work, with failures named as readingContent() does.
   template <typename Work>
   auto reading(parquet::ContentReader& content, std::uint64_t end, Work&& work);

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "files/pack/PackFile.h"
+#include "files/ContentReader.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "recording/ContentChecks.h"

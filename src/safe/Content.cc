@@ -4,32 +4,12 @@
 
 #include <algorithm>
 #include <utility>
-#include <variant>
 
+#include "safe/BorrowedRows.h"
 #include "safe/GrowingRows.h"
-#include "safe/PackedRows.h"
 #include "safe/StoredRows.h"
 
 namespace kyr::parquet {
-
-namespace {
-
-// Turns what was offered into rows.
-struct RowsOf {
-  ContentName& name;
-
-  std::unique_ptr<ContentRows> operator()(std::monostate /*nothing*/) const {
-    return std::make_unique<StoredRows>(name);
-  }
-  std::unique_ptr<ContentRows> operator()(PackRange rows) const {
-    return std::make_unique<PackedRows>(name, std::move(rows));
-  }
-  std::unique_ptr<ContentRows> operator()(BorrowedFile file) const {
-    return std::make_unique<StoredRows>(name, std::move(file));
-  }
-};
-
-}  // namespace
 
 std::shared_ptr<Content> Content::create(std::shared_ptr<SharedStore> store,
                                          const SampleSchema& schema, std::size_t width,
@@ -46,7 +26,11 @@ std::shared_ptr<Content> Content::takeOver(std::shared_ptr<SharedStore> store, i
   store->reserve(id);
   std::shared_ptr<Content> content(new Content(std::move(store), id));
   SharedStore& shared = content->name_.store();
-  content->setRows(std::visit(RowsOf{content->name_}, shared.takeOffer(id)));
+  if (auto offer = shared.takeOffer(id)) {
+    content->setRows(std::make_unique<BorrowedRows>(content->name_, *std::move(offer)));
+  } else {
+    content->setRows(std::make_unique<StoredRows>(content->name_));
+  }
   shared.add(id, content);
   return content;
 }

@@ -51,6 +51,8 @@ class ContentName {
         create(store_->fileOf(id_));
         return OwnedFile(*store_, id_);
       } catch (const std::system_error& error) {
+        const bool isMissing = error.code() == std::errc::no_such_file_or_directory;
+        if (isMissing && store_->makeDirectory()) continue;
         if (error.code() != std::errc::file_exists) throw;
       }
       const int before = std::exchange(id_, store_->newId());

@@ -54,11 +54,6 @@ void OpenFiles::open(Handle& handle, const std::filesystem::path& path) {
   handle.files_ = this;
 }
 
-void OpenFiles::keepOpen(Handle& handle, std::shared_ptr<const DiskFile> file) {
-  handle.file_ = std::make_shared<FinishedFile>(std::move(file));
-  handle.count_.emplace(finished_);
-}
-
 void OpenFiles::use(Handle& handle) {
   if (handle.files_ != nullptr) open_.splice(open_.begin(), open_, handle.place_);
 }

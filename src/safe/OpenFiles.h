@@ -60,12 +60,13 @@ class OpenFiles {
   /// the descriptor.
   /// \throws std::system_error naming the file if it cannot be opened
   void open(Handle& handle, const std::filesystem::path& path);
-  /// Gives a file that is open already to a handle that is closed. It stays open until the handle
-  /// closes it.
-  static void keepOpen(Handle& handle, std::shared_ptr<const DiskFile> file);
   /// Notes that the file of an open handle is being used.
   void use(Handle& handle);
 
+  /// The descriptor of a finished file that somebody else keeps open.
+  static DescriptorCount countFinished() { return DescriptorCount(finished_); }
+  /// Whether one more finished file may stay open.
+  bool mayOpenMore() const { return finished_ < maxFinished_; }
   /// The descriptor of a file that grows.
   static DescriptorCount countGrowing() { return DescriptorCount(growing_); }
   /// Whether the files that grow may all stay open between two batches.

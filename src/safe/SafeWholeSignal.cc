@@ -1,6 +1,7 @@
 #include "safe/SafeWholeSignal.h"
 
 #include <arrow/api.h>
+#include <fmt/format.h>
 
 #include <cstring>
 #include <limits>
@@ -110,14 +111,27 @@ void SafeWholeSignal::getData(std::vector<double>& time, std::vector<char>& data
   lengths = std::move(rows.sizes);
 }
 
+// Files that others made can be of any type.
+void SafeWholeSignal::requireTimes(bool areTimes) const {
+  if (areTimes) return;
+  throw std::runtime_error(fmt::format("{}: its times are not a single column of float64",
+                                       store_->fileOf(time_.id().value_or(kNoStorage)).string()));
+}
+
 void SafeWholeSignal::readTimes(std::vector<double>& time) {
   if (const auto there = time_.inMemory(0, kAll)) {
+    requireTimes(there->rows.bytes == there->rows.rows * sizeof(double));
     const auto* first = reinterpret_cast<const double*>(there->rows.elements);
     time.assign(first, first + there->rows.rows);
     return;
   }
   if (time_.readTimes(time)) return;
-  const PartRows rows(time_.read(0, kAll));
+  const auto tables = time_.read(0, kAll);
+  for (const auto& table : tables) {
+    const auto column = table->GetColumnByName(columnNames::data);
+    requireTimes(column && column->type()->id() == ::arrow::Type::DOUBLE);
+  }
+  const PartRows rows(tables);
   time.resize(rows.bytes.size() / sizeof(double));
   if (!time.empty()) std::memcpy(time.data(), rows.bytes.data(), rows.bytes.size());
 }

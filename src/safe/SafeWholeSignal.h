@@ -42,6 +42,7 @@ class SafeWholeSignal final : public WholeSignal {
 
  private:
   void readTimes(std::vector<double>& time);
+  void requireTimes(bool areTimes) const;
   // A finished part of the rows.
   Part storedPart(SignalPart part, const SampleSchema& schema, const SampleChunk& chunk,
                   std::size_t width) const;

@@ -6,6 +6,7 @@
 #include <string>
 #include <system_error>
 
+#include "files/ContentReader.h"
 #include "platform/DiskFile.h"
 #include "safe/Content.h"
 #include "safe/GrowingRows.h"
@@ -30,6 +31,14 @@ SharedStore::~SharedStore() {
 
 std::filesystem::path SharedStore::fileOf(int id) const {
   return directory_.toFilesystem() / std::to_string(id);
+}
+
+bool SharedStore::makeDirectory() {
+  const std::filesystem::path directory = directory_.toFilesystem();
+  if (!makesDirectory_ || !std::filesystem::create_directory(directory)) return false;
+  std::filesystem::permissions(directory, std::filesystem::perms::owner_all);
+  makesDirectory_ = false;
+  return true;
 }
 
 int SharedStore::newId() {
@@ -64,9 +73,10 @@ void SharedStore::forEachContent(const std::function<void(Content&)>& visit) con
   for (const auto& content : contents) visit(*content);
 }
 
-SharedStore::Offer SharedStore::takeOffer(int id) {
+std::optional<BorrowedContent> SharedStore::takeOffer(int id) {
   auto node = offers_.extract(id);
-  return node.empty() ? Offer() : std::move(node.mapped());
+  if (node.empty()) return std::nullopt;
+  return std::move(node.mapped());
 }
 
 void SharedStore::noteBatch(GrowingRows& rows) {

@@ -6,10 +6,10 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "kyr/parquet/SafeStorage.h"
@@ -23,28 +23,30 @@ namespace kyr::parquet {
 
 class Content;
 class GrowingRows;
-class PackFile;
+class ContentReader;
 
-/// The rows of a content in a pack file, where they follow each other.
-struct PackRange {
-  std::shared_ptr<PackFile> pack;
-  std::uint64_t first = 0;
-  std::uint64_t count = 0;
+/// Rows of a saved recording that a pool reads where they lie, and never changes or deletes.
+struct BorrowedContent {
+  std::uint64_t rows = 0;
+  /// Opens the content, or returns it again if it is still open.
+  std::function<std::shared_ptr<ContentReader>()> open;
 };
 
-/// A complete Parquet file that a pool reads where it lies, and never changes or deletes.
-struct BorrowedFile {
-  std::filesystem::path path;
-  std::shared_ptr<const DiskFile> file;  ///< null for a file that is opened when it is needed
+/// Who lends contents to a pool.
+class Lender {
+ public:
+  virtual ~Lender() = default;
+  Lender(const Lender&) = delete;
+  Lender& operator=(const Lender&) = delete;
+
+ protected:
+  Lender() = default;
 };
 
 /// What the contents of a safe pool share: the directory with its ids, the layouts of files, the
 /// descriptors, and when files are synced and deleted. It also finds the contents themselves.
 class SharedStore {
  public:
-  /// What a content is over that is taken over by its id: nothing stands for the file of that id.
-  using Offer = std::variant<std::monostate, PackRange, BorrowedFile>;
-
   /// \param nextId  counts the ids of all stores of a pool; no file of the directory has this id or
   ///        a larger one
   /// \throws std::invalid_argument for batches without rows or bytes
@@ -77,23 +79,16 @@ class SharedStore {
   /// Calls \p visit with each content, which may change it and its id.
   void forEachContent(const std::function<void(Content&)>& visit) const;
 
-  /// Offers rows of a pack, or a file that need not lie in the directory, as the content of an id.
-  /// The first part that takes over the id takes the offer; without one, the content is over the
-  /// file of that id in the directory, which is then deleted with it.
-  ///
-  /// A file that is offered by its path is opened when it is first needed, and may be closed and
-  /// opened again: it must keep its name and must not change. One that is offered open stays open
-  /// as long as the content is over it, whatever becomes of its name.
-  void offerPacked(int id, PackRange rows) { offers_[id] = std::move(rows); }
-  void offerStored(int id, std::filesystem::path path) {
-    offers_[id] = BorrowedFile{std::move(path), nullptr};
-  }
-  void offerStored(int id, std::shared_ptr<const DiskFile> file) {
-    offers_[id] = BorrowedFile{file->path(), file};
-  }
-  Offer takeOffer(int id);
+  /// Offers rows that lie elsewhere as the content of an id. The first part that takes over the id
+  /// takes the offer; without one, the content is over the file of that id in the directory, which is
+  /// then deleted with it.
+  void offer(int id, BorrowedContent content) { offers_[id] = std::move(content); }
+  std::optional<BorrowedContent> takeOffer(int id);
   /// Forgets the offers that nobody took.
   void dropOffers() { offers_.clear(); }
+  /// Who lent what was offered; null for nobody.
+  const std::shared_ptr<Lender>& lender() const { return lender_; }
+  void setLender(std::shared_ptr<Lender> lender) { lender_ = std::move(lender); }
 
   /// Whether a finished content of so many bytes may stay in memory.
   bool mayStayInMemory(std::size_t bytes) const {
@@ -116,6 +111,11 @@ class SharedStore {
 
   /// The directory was made for this store alone. It is removed with the store if it is empty then.
   void ownDirectory() { ownsDirectory_ = true; }
+  /// The directory is to be made for this store alone when the first file needs it.
+  void ownDirectoryOnceNeeded() { ownsDirectory_ = makesDirectory_ = true; }
+  /// Makes it.
+  /// \return whether it was due
+  bool makeDirectory();
 
   void removeFile(int id) noexcept;
   void noteFlush() noexcept;
@@ -131,10 +131,12 @@ class SharedStore {
   RecentTimes recentTimes_;
   ContentTree tree_;
   std::unordered_map<int, std::weak_ptr<Content>> contents_;
-  std::unordered_map<int, Offer> offers_;
+  std::unordered_map<int, BorrowedContent> offers_;
+  std::shared_ptr<Lender> lender_;
   std::size_t bytesInMemory_ = 0;
 
   bool ownsDirectory_ = false;
+  bool makesDirectory_ = false;
   bool keepsAllFiles_ = false;
   std::vector<int> unused_;        // files without a content since the last flush
   std::vector<int> unusedBefore_;  // those between the last two flushes

@@ -17,13 +17,6 @@ namespace kyr::parquet {
 
 namespace {
 
-// The schema that signals have. A file's columns may be required ones.
-std::shared_ptr<::arrow::Schema> withNulls(const ::arrow::Schema& schema) {
-  ::arrow::FieldVector fields;
-  for (const auto& field : schema.fields()) fields.push_back(field->WithNullable(true));
-  return ::arrow::schema(std::move(fields));
-}
-
 template <typename Visit>
 void forEachBatch(const SafeStorage& options, const RowSlice& rows, Visit&& visit) {
   for (std::size_t from = 0; from < rows.rows;) {
@@ -53,12 +46,7 @@ StoredRows::StoredRows(ContentName& name, OwnedFile file, Shape shape, BatchDige
       digests_(std::move(digests)) {}
 
 StoredRows::StoredRows(ContentName& name)
-    : name_(name), origin_(Origin::found), owned_(std::in_place, name.store(), name.id()) {}
-
-StoredRows::StoredRows(ContentName& name, BorrowedFile file)
-    : name_(name), origin_(Origin::borrowed), borrowed_(std::move(file.path)) {
-  if (file.file) OpenFiles::keepOpen(handle_, std::move(file.file));
-}
+    : name_(name), origin_(Origin::found), owned_(name.store(), name.id()) {}
 
 std::unique_ptr<StoredRows> StoredRows::write(ContentName& name, const RowSlice& rows, Shape shape,
                                               const AskedCodec& codec) {
@@ -74,8 +62,6 @@ std::unique_ptr<StoredRows> StoredRows::write(ContentName& name, const RowSlice&
   store.noteNewFile();
   return std::make_unique<StoredRows>(name, std::move(file), std::move(shape), std::move(digests));
 }
-
-std::filesystem::path StoredRows::path() const { return owned_ ? owned_->path() : borrowed_; }
 
 std::shared_ptr<FinishedFile> StoredRows::file() {
   OpenFiles& files = name_.store().openFiles();
@@ -115,18 +101,25 @@ std::shared_ptr<FinishedFile> StoredRows::currentFile() {
 const StoredRows::Shape& StoredRows::shape() {
   if (shape_) return *shape_;
   const auto open = file();
-  SampleSchema schema(withNulls(*open->read(0, 0)->schema()));
+  SampleSchema schema(open->rows().schema());
   const std::size_t width = elementBytes(schema);
-  return shape_.emplace(Shape{std::move(schema), width, open->rows()});
+  return shape_.emplace(Shape{std::move(schema), width, open->rows().rows()});
 }
 
 Tables StoredRows::read(std::uint64_t from, std::uint64_t to) {
   const auto open = file();
-  if (shape_ && open->rows() != shape_->count) {
-    throw std::runtime_error(fmt::format("{}: holds {} rows, expected {}", path().string(),
-                                         open->rows(), shape_->count));
+  InputFile& rows = open->rows();
+  if (shape_ && rows.rows() != shape_->count) {
+    throw std::runtime_error(
+        fmt::format("{}: holds {} rows, expected {}", path().string(), rows.rows(), shape_->count));
   }
-  return {open->read(from, to - from)};
+  auto table = rows.read(from, to - from);
+  try {
+    if (table->num_rows() > 0) requireSamples(schema(), *table, from);
+  } catch (const std::invalid_argument& error) {
+    throw std::runtime_error(fmt::format("{}: {}", path().string(), error.what()));
+  }
+  return {std::move(table)};
 }
 
 bool StoredRows::readTimes(std::vector<double>& times) {
@@ -143,20 +136,8 @@ bool StoredRows::readElements(const ::arrow::DataType& type, std::vector<char>& 
          (!shape_ || elements.size() == shape_->count * shape_->width);
 }
 
-std::unique_ptr<ContentRows> StoredRows::moveToOwnFile() {
-  if (owned_) return nullptr;
-  Shape known = shape();
-  const auto open = file();
-  SharedStore& store = name_.store();
-  OwnedFile copy = name_.createFile([&](const std::filesystem::path& path) {
-    open->copyTo(path, store.options().sync != SafeStorage::Sync::never);
-  });
-  store.noteNewFile();
-  return std::make_unique<StoredRows>(name_, std::move(copy), std::move(known), BatchDigests());
-}
-
 bool StoredRows::copyFile(const std::filesystem::path& path, bool sync) {
-  file()->copyTo(path, sync);
+  copyToNewFile(file()->rows().bytes(), path, sync);
   return true;
 }
 

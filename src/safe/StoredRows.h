@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "kyr/parquet/ColumnNames.h"
 #include "safe/BatchDigests.h"
 #include "safe/ContentName.h"
 #include "safe/ContentRows.h"
@@ -17,12 +18,11 @@ namespace kyr::parquet {
 /// long as the store has descriptors for it; while it is open, it is read whatever becomes of its
 /// name.
 ///
-/// Three kinds of files are told apart:
+/// Two kinds of files are told apart:
 /// - A file that the pool has written belongs to the content. Nobody changes it.
 /// - A file that was found in the pool's directory belongs to the content, too, but other pools may
 ///   append to it, or replace it. All rows are read from what has the name then; ranges of rows are
 ///   read from the file that is open.
-/// - A borrowed file belongs to others, who leave it as it is.
 ///
 /// A file that nobody should have changed, but somebody did, is a std::runtime_error naming it when
 /// it is opened again.
@@ -39,7 +39,6 @@ class StoredRows final : public ContentRows {
   StoredRows(ContentName& name, OwnedFile file, Shape shape, BatchDigests digests);
   /// Over the file of the content's id, which was found in the pool's directory.
   explicit StoredRows(ContentName& name);
-  StoredRows(ContentName& name, BorrowedFile file);
 
   /// Writes rows to a new file of the content, and returns them.
   /// \param rows  all that \p shape tells of
@@ -50,7 +49,7 @@ class StoredRows final : public ContentRows {
   const SampleSchema& schema() override { return shape().schema; }
   std::size_t width() override { return shape().width; }
   AskedCodec askedCodec() override { return codec(); }
-  ::arrow::Compression::type codec() override { return file()->codec(); }
+  ::arrow::Compression::type codec() override { return file()->rows().codec(columnNames::data); }
   std::optional<HeldRows> inMemory(std::uint64_t /*from*/, std::uint64_t /*to*/) override {
     return std::nullopt;
   }
@@ -58,15 +57,14 @@ class StoredRows final : public ContentRows {
   bool readTimes(std::vector<double>& times) override;
   bool readElements(const ::arrow::DataType& type, std::vector<char>& elements) override;
   const BatchDigests* digests() const override { return &digests_; }
-  std::unique_ptr<ContentRows> moveToOwnFile() override;
-  bool hasOwnFile() const override { return owned_.has_value(); }
+  bool hasOwnFile() const override { return true; }
   bool copyFile(const std::filesystem::path& path, bool sync) override;
 
  private:
-  enum class Origin { written, found, borrowed };
+  enum class Origin { written, found };
 
   const Shape& shape();
-  std::filesystem::path path() const;
+  std::filesystem::path path() const { return owned_.path(); }
   // The file, which is opened if it is not open.
   std::shared_ptr<FinishedFile> file();
   // The file that has the name of a found one now; else as file().
@@ -75,8 +73,7 @@ class StoredRows final : public ContentRows {
 
   ContentName& name_;
   Origin origin_;
-  std::optional<OwnedFile> owned_;  // none for a borrowed file
-  std::filesystem::path borrowed_;  // empty for an owned file
+  OwnedFile owned_;
   std::optional<Shape> shape_;      // none before somebody asks for it
   std::optional<FileState> state_;  // when the file was opened last
   BatchDigests digests_;

@@ -126,7 +126,55 @@ void appendEnds(const ListLike& array, std::vector<std::uint64_t>& ends) {
   }
 }
 
+// Adds the extents that each row of a column "dimension" lists.
+void appendShapes(const ::arrow::ListArray& lists,
+                  std::vector<std::vector<std::uint64_t>>& shapes) {
+  const auto& extents = static_cast<const ::arrow::UInt64Array&>(*lists.values());
+  for (std::int64_t i = 0; i < lists.length(); ++i) {
+    const std::uint64_t* const from = extents.raw_values() + lists.value_offset(i);
+    shapes.emplace_back(from, from + lists.value_length(i));
+  }
+}
+
 }  // namespace
+
+void requireSamples(const SampleSchema& schema, const ::arrow::Table& table, std::uint64_t first) {
+  if (!makesSamples(schema)) {
+    throw std::invalid_argument("its columns make no samples: " + schema.schema->ToString());
+  }
+  std::vector<std::uint64_t> ends;
+  std::vector<std::vector<std::uint64_t>> shapes;
+  for (const int index : {schema.dataIndex, schema.dimensionIndex}) {
+    if (index < 0) continue;
+    const ::arrow::Field& field = *schema.schema->field(index);
+    std::int64_t rows = 0;
+    for (const auto& chunk : chunksOf(table, field.name())) {
+      requireType(*chunk, *field.type());
+      rows += chunk->length();
+      if (chunk->type_id() != ::arrow::Type::LIST) continue;
+      const auto& lists = static_cast<const ::arrow::ListArray&>(*chunk);
+      requireNoNulls(*spannedValues(lists));
+      if (schema.dimensionIndex < 0) continue;
+      if (index == schema.dataIndex) {
+        appendEnds(lists, ends);
+      } else {
+        appendShapes(lists, shapes);
+      }
+    }
+    if (rows != table.num_rows()) {
+      throw std::invalid_argument(
+          fmt::format("a column has {} values for {} rows", rows, table.num_rows()));
+    }
+  }
+  std::uint64_t begin = 0;
+  for (std::size_t row = 0; row < ends.size(); ++row) {
+    const std::uint64_t found = ends[row] - std::exchange(begin, ends[row]);
+    const std::uint64_t expected = shapeElements(shapes[row]);
+    if (found == expected) continue;
+    throw std::invalid_argument(
+        fmt::format("sample {} has {} elements, its shape {}", first + row, found, expected));
+  }
+}
 
 RowStore::RowStore(SampleSchema schema, std::size_t width)
     : schema_(std::move(schema)), width_(schema_.kind == ColumnKind::blob ? 1 : width) {}

@@ -71,6 +71,12 @@ RowSlice sliceOf(const SampleSchema& schema, const SampleChunk& chunk, std::size
 /// A table over the memory of the rows, which must stay unchanged while the table is in use.
 std::shared_ptr<::arrow::Table> tableOf(const SampleSchema& schema, const RowSlice& rows);
 
+/// Checks rows that were read from a file, before anybody relies on their columns.
+/// \param first  number of the first row, for the error
+/// \throws std::invalid_argument if a column is missing or of another type, holds nulls or has not as
+///         many values as there are rows, or if a sample has not as many elements as its shape says
+void requireSamples(const SampleSchema& schema, const ::arrow::Table& table, std::uint64_t first);
+
 /// Bytes that a RowStore of the rows takes.
 std::size_t bytesIn(const RowSlice& rows);
 

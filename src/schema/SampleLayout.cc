@@ -9,6 +9,7 @@
 
 #include "kyr/parquet/ColumnNames.h"
 #include "schema/ArrayMemory.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::parquet {
 
@@ -81,6 +82,17 @@ SampleSchema::SampleSchema(std::shared_ptr<::arrow::Schema> of) : schema(std::mo
   const auto& type = schema->field(dataIndex)->type();
   kind = kindOf(*type);
   elementType = leafType(type);
+}
+
+bool makesSamples(const SampleSchema& schema) {
+  if (schema.kind == ColumnKind::unsupported) return false;
+  if (schema.dimensionIndex >= 0) {
+    const ::arrow::DataType& type = *schema.schema->field(schema.dimensionIndex)->type();
+    if (type.id() != ::arrow::Type::LIST || type.field(0)->type()->id() != ::arrow::Type::UINT64) {
+      return false;
+    }
+  }
+  return schema.kind == ColumnKind::blob || isNumber(*schema.elementType);
 }
 
 std::size_t elementBytes(const SampleSchema& schema) {

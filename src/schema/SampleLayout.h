@@ -27,6 +27,9 @@ struct SampleSchema {
   explicit SampleSchema(std::shared_ptr<::arrow::Schema> schema);
 };
 
+/// Whether such columns make samples: numbers, lists of numbers or blobs, with shapes or without.
+bool makesSamples(const SampleSchema& schema);
+
 /// Bytes of an element; 1 for blobs, whose elements are their bytes.
 std::size_t elementBytes(const SampleSchema& schema);
 

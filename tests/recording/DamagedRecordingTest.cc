@@ -21,6 +21,19 @@ std::string openError(const fs::path& rec) {
   }
 }
 
+// What opening a recording and reading all its signals throws.
+std::string readError(const fs::path& rec) {
+  try {
+    Recording opened = openRecording(Path::fromFilesystem(rec));
+    for (const SignalInfo& signal : opened.info().signals) {
+      test::read(*opened.pool().getSignal(signal.signalId));
+    }
+    return "is read";
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
 Damage removed(const char* name) {
   return [name](const fs::path& rec) { fs::remove_all(rec / name); };
 }
@@ -49,6 +62,7 @@ struct Fault {
   Damage damage;
   const char* says;
   bool opens = false;
+  const char* reading = "is read";  // what is said when the signals of one that opens are read
 };
 
 const Fault kFaults[]{
@@ -87,7 +101,7 @@ const Fault kFaults[]{
          info.files[1].checksum = checksumOf("text");
        })(rec);
      },
-     "storage/1: ", true},
+     "storage/1: ", true, "storage/1: "},
     {"file that no signal names", says([](Info& info) { info.signals.pop_back(); }),
      "storage/3: no record names it", true},
     {"foreign file", replaced("storage/x", ""), "storage/x: no record names it", true},
@@ -97,15 +111,17 @@ const Fault kFaults[]{
      "a record of signal 1, which is not described", true},
     {"unreadable records", says([](Info& info) { info.records = "["; }), "records cannot be", true},
     {"other rows", says([](Info& info) { info.files[1].rowCount = 4; }),
-     "storage/1: holds 3 rows, expected 4", true},
+     "storage/1: holds 3 rows, expected 4", true, "holds 3 rows, expected 4"},
     {"other samples", says([](Info& info) { info.signals[0].rowCount = 4; }),
-     "3 samples in storage/1, expected 4", true},
+     "3 samples in storage/1, expected 4", true, "3 samples in storage/1, expected 4"},
     {"time of another length", says([](Info& info) { info.signals[2].timeStorageId = 0; }),
      "3 times in storage/0, but 2 samples in storage/3", true},
     {"other data type", says([](Info& info) { info.signals[0].dataType = Int8; }),
-     "storage/1 has the columns [data: int16], expected [data: int8]", true},
+     "storage/1 has the columns [data: int16], expected [data: int8]", true,
+     "has the columns [data: int16], expected [data: int8]"},
     {"other category", says([](Info& info) { info.signals[1].category = VarDim; }),
-     "expected [data: list<item: int8>, dimension: list<item: uint64>]", true},
+     "expected [data: list<item: int8>, dimension: list<item: uint64>]", true,
+     "expected [data: list<item: int8>, dimension: list<item: uint64>]"},
     {"other shape", says([](Info& info) { info.signals[1].dimensions = {5}; }),
      "sample 0 has 4 elements, its shape 5", true},
 };
@@ -125,6 +141,9 @@ TEST_F(DamagedRecording, IsNamedByVerifyAndRefusedByOpen) {
     fault.damage(rec);
     EXPECT_THAT(faults(rec), HasSubstr(fault.says));
     EXPECT_THAT(openError(rec), HasSubstr(fault.opens ? "opens" : fault.says));
+    if (fault.opens) {
+      EXPECT_THAT(readError(rec), HasSubstr(fault.reading));
+    }
     fs::remove_all(rec);
     EXPECT_THAT(temp.names(), ::testing::ElementsAre("store")) << "a working directory is left";
   }
@@ -140,7 +159,7 @@ TEST_F(DamagedRecording, EveryFlippedBitIsFound) {
       flipped[i] = static_cast<char>(flipped[i] ^ (1 << i % 8));
       replaced(name, flipped)(rec);
       ASSERT_NE(faults(rec), "") << name << ", byte " << i;
-      ASSERT_NE(openError(rec), "opens") << name << ", byte " << i;
+      ASSERT_NE(readError(rec), "is read") << name << ", byte " << i;
     }
     replaced(name, sound)(rec);
   }

@@ -127,6 +127,8 @@ TEST_F(PackedRecording, OpenedSignalsAreDeletedResetWrittenAndSavedAgain) {
   {
     Recording opened = open(rec);
     EXPECT_EQ(everythingIn(rec), saved);
+    EXPECT_EQ(readSignal(opened, 1), one);
+    EXPECT_EQ(readSignal(opened, 4), four);
     fs::remove_all(rec);  // what is open stays
     auto& opens = opened.pool();
     EXPECT_EQ(opens.getSignal(1)->getStorageId(1), opens.getSignal(2)->getStorageId(1));
@@ -202,7 +204,7 @@ const Fault kFaults[]{
        DiskFile file(pack, DiskFile::Mode::readWrite);
        file.writeAt(40, {"x"});
      },
-     nullptr, "its checksum is"},
+     nullptr, "checksum is"},
     {"rows of another", nullptr, [](RecordingInfo& info) { info.files[0].firstRow = 1; },
      "are not all of storage id 0"},
     {"rows behind the end", nullptr, [](RecordingInfo& info) { info.files[0].firstRow = 6; },

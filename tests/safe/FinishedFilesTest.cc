@@ -6,12 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "files/ContentReader.h"
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/StreamableSignal.h"
 #include "platform/DiskFile.h"
 #include "recording/RecordingTest.h"
 #include "safe/SharedStore.h"
 #include "signals/SignalPoolImpl.h"
+#include "support/ParquetFiles.h"
 
 // Finished files of a safe pool: those of others, which it reads in place, and how many stay open.
 
@@ -24,10 +26,8 @@ using test::Names;
 using test::Samples;
 using ::testing::HasSubstr;
 
-enum class Offered { asPath, open };
-
 // Files "4" (times) and "9" (int16) of somebody else, and a pool in which signal 1 is over them.
-class BorrowedFiles : public test::RecordingTest, public ::testing::WithParamInterface<Offered> {
+class BorrowedFiles : public test::RecordingTest {
  protected:
   BorrowedFiles() {
     SafeStorage kept;
@@ -50,12 +50,11 @@ class BorrowedFiles : public test::RecordingTest, public ::testing::WithParamInt
   void borrow(int signalId) {
     SignalPoolImpl& impl = PoolAccess::of(*borrower);
     for (const int id : {4, 9}) {
-      if (GetParam() == Offered::asPath) {
-        impl.sharedStore()->offerStored(id, others.file(id));
-      } else {
-        impl.sharedStore()->offerStored(
-            id, std::make_shared<DiskFile>(others.file(id), DiskFile::Mode::readOnly));
-      }
+      auto reader =
+          std::make_shared<ContentReader>(std::make_shared<InputFile>(std::make_shared<DiskFile>(
+                                              others.file(id), DiskFile::Mode::readOnly)),
+                                          std::make_shared<RowGroupCache>());
+      impl.sharedStore()->offer(id, {reader->rows(), [reader] { return reader; }});
     }
     impl.adopt({signalId, 4, 9});
     impl.sharedStore()->dropOffers();
@@ -75,12 +74,7 @@ class BorrowedFiles : public test::RecordingTest, public ::testing::WithParamInt
   bool isUntouched = true;
 };
 
-INSTANTIATE_TEST_SUITE_P(Ways, BorrowedFiles, ::testing::Values(Offered::asPath, Offered::open),
-                         [](const auto& each) {
-                           return each.param == Offered::open ? "Open" : "AsPath";
-                         });
-
-TEST_P(BorrowedFiles, AreReadWhereTheyLie) {
+TEST_F(BorrowedFiles, AreReadWhereTheyLie) {
   EXPECT_EQ(test::read(*borrowed()), samples);
   borrower->flush();
   EXPECT_EQ(own.names(), Names{});
@@ -89,7 +83,7 @@ TEST_P(BorrowedFiles, AreReadWhereTheyLie) {
   EXPECT_FALSE(borrowed()->hasData());
 }
 
-TEST_P(BorrowedFiles, AreCopiedWhereThePoolNamesItsFiles) {
+TEST_F(BorrowedFiles, AreCopiedWhereThePoolNamesItsFiles) {
   const std::string records = borrower->serializeSignalRecords();
   EXPECT_EQ(records, R"([{"dataStorageId":[9],"signalId":1,"timeStorageId":[4]}])");
   EXPECT_EQ(everythingIn(own.file("")), before);
@@ -98,7 +92,7 @@ TEST_P(BorrowedFiles, AreCopiedWhereThePoolNamesItsFiles) {
   EXPECT_EQ(own.names(), Names{});
 }
 
-TEST_P(BorrowedFiles, AreSavedAsFilesOrIntoPacks) {
+TEST_F(BorrowedFiles, AreSavedAsFilesOrIntoPacks) {
   EXPECT_EQ(test::read(*borrowed()), samples);
   for (const std::size_t packBelow : {0U, 1000U}) {
     recording::SaveOptions options;
@@ -115,7 +109,7 @@ TEST_P(BorrowedFiles, AreSavedAsFilesOrIntoPacks) {
   EXPECT_EQ(own.names(), Names{});
 }
 
-TEST_P(BorrowedFiles, RowsThatFollowGoToAFileOfThePool) {
+TEST_F(BorrowedFiles, RowsThatFollowGoToAFileOfThePool) {
   borrower->deleteSignal(1);
   FeatureFlag::set("fKYRUseParquetRowGroup", true);
   borrow(2);
@@ -131,7 +125,7 @@ TEST_P(BorrowedFiles, RowsThatFollowGoToAFileOfThePool) {
   EXPECT_EQ(own.names(), Names{"10"});
 }
 
-TEST_P(BorrowedFiles, StayReadableWithoutTheirNames) {
+TEST_F(BorrowedFiles, StayReadableWithoutTheirNames) {
   isUntouched = false;
   EXPECT_EQ(test::read(*borrowed()), samples);
   for (const int id : {4, 9}) fs::rename(others.file(id), others.file(id + 1));
@@ -204,6 +198,47 @@ TEST_F(FinishedFiles, OneThatWasReplacedWhileItWasClosedIsAnError) {
   EXPECT_THAT(errorOf([&] { test::read(*safe.getSignal(0)); }),
               HasSubstr(first.string() + ": was changed or replaced"));
   EXPECT_EQ(test::read(*safe.getSignal(1)), samplesOf(1));
+}
+
+// Files of the directory that others made.
+TEST_F(FinishedFiles, ColumnsThatDoNotMakeTheRowsOfASignalAreRefused) {
+  using test::column;
+  const auto lists = ::arrow::list(::arrow::int8());
+  const auto shapes = ::arrow::list(::arrow::uint64());
+  struct {
+    test::Columns times;
+    test::Columns data;
+    const char* says;
+  } const cases[] = {
+      {{{"data", column(::arrow::int8(), {"[1, 2, 3, 4, 5]"})}},
+       {},
+       "not a single column of float64"},
+      {{{"data", column(::arrow::float64(), {"[1, null]"})}}, {}, "null"},
+      {{}, {{"data", column(::arrow::int16(), {"[1, null]"})}}, "null"},
+      {{}, {{"data", column(lists, {"[[1], [2, null]]"})}}, "null"},
+      {{},
+       {{"data", column(lists, {"[[1], [2, 3]]"})}, {"dimension", column(shapes, {"[[1], [4]]"})}},
+       "sample 1 has 2 elements, its shape 4"},
+      {{},
+       {{"data", column(lists, {"[[1]]"})},
+        {"dimension", column(::arrow::list(::arrow::int8()), {"[[1]]"})}},
+       "make no samples"},
+  };
+  for (const auto& [times, data, says] : cases) {
+    SignalPool safe(store.path(), SafeStorage());
+    const bool hasTimes = !times.empty();
+    test::writeForeignFile(store.file("5"), *test::tableOf(hasTimes ? times : data));
+    safe.deserializeSignalRecords(
+        hasTimes ? R"([{"dataStorageId":[-554114],"signalId":1,"timeStorageId":[5]}])"
+                 : R"([{"dataStorageId":[5],"signalId":1,"timeStorageId":[-554114]}])");
+    const auto signal = safe.getSignal(1);
+    signal->setDataType(hasTimes || data[0].second->type()->id() == ::arrow::Type::LIST ? Int8
+                                                                                        : Int16);
+    signal->setCategory(data.size() == 2 ? VarDim : Scalar);
+    const std::string error = errorOf([&] { test::read(*signal); });
+    EXPECT_THAT(error, HasSubstr(says));
+    EXPECT_THAT(error, HasSubstr(store.file("5").string()));
+  }
 }
 
 TEST_F(FinishedFiles, OthersMayUseAllDescriptors) {

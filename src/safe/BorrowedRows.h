@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "safe/BatchDigests.h"
+#include "safe/ContentName.h"
+#include "safe/ContentRows.h"
+
+namespace kyr::parquet {
+
+/// Rows of a saved recording, which are read where they lie. The recording opens the file whenever
+/// rows are asked for, and may close it afterwards.
+class BorrowedRows final : public ContentRows {
+ public:
+  BorrowedRows(ContentName& name, BorrowedContent content)
+      : name_(name), content_(std::move(content)) {}
+
+  std::uint64_t count() override { return content_.rows; }
+  const SampleSchema& schema() override;
+  std::size_t width() override { return elementBytes(schema()); }
+  /// Packs without a codec leave it open which one a file gets.
+  AskedCodec askedCodec() override;
+  ::arrow::Compression::type codec() override { return content_.open()->codec(); }
+  /// Only rows of packs, which are small, are decoded as a whole.
+  std::optional<HeldRows> inMemory(std::uint64_t from, std::uint64_t to) override;
+  Tables read(std::uint64_t from, std::uint64_t to) override;
+  bool readTimes(std::vector<double>& times) override;
+  bool readElements(const ::arrow::DataType& type, std::vector<char>& elements) override;
+  const BatchDigests* digests() const override { return &digests_; }
+  std::unique_ptr<ContentRows> moveToOwnFile() override;
+  bool copyFile(const std::filesystem::path& path, bool sync) override;
+
+ private:
+  static bool holdsNumbers(const ContentReader& reader, const ::arrow::DataType& type);
+
+  ContentName& name_;
+  BorrowedContent content_;
+  std::optional<SampleSchema> schema_;  // known once somebody asked for it
+  BatchDigests digests_;                // of no rows
+};
+
+}  // namespace kyr::parquet
