@@ -51,19 +51,32 @@ void requireKnownVersion(std::string_view text) {
   }
 }
 
-// The next value if it is a signal. Another value is skipped: its files are found by themselves.
-std::optional<SignalInfo> salvageSignal(JsonReader& in) {
-  const std::size_t begin = in.position();
-  const int depth = in.depth();
+// The values of an array that can be read, up to the place where the text is no JSON any more. Others
+// are skipped.
+template <typename T, typename Format>
+std::vector<T> salvageArray(std::string_view text, std::string_view member) {
+  std::vector<T> found;
+  JsonReader in(text);
+  const auto takeValue = [&] {
+    const std::size_t begin = in.position();
+    const int depth = in.depth();
+    try {
+      T value;
+      Format::read(in, value);
+      found.push_back(std::move(value));
+    } catch (const JsonValueError&) {
+      in.rewind(begin, depth);
+      in.skip();
+    }
+  };
   try {
-    SignalInfo signal;
-    JsonLiveSignal::read(in, signal);
-    return signal;
-  } catch (const JsonValueError&) {
-    in.rewind(begin, depth);
-    in.skip();
-    return std::nullopt;
+    in.takeObject([&](std::string_view name) {
+      if (name != member || !in.takeArray(takeValue)) in.skip();
+    });
+  } catch (const JsonSyntaxError&) {
+    return found;
   }
+  return found;
 }
 
 // Takes a number off the front of a text, and the character that must follow it.
@@ -100,21 +113,17 @@ LiveDescription readLiveJson(std::string_view text, const std::string& source) {
 
 std::vector<SignalInfo> salvageSignals(std::string_view text) {
   requireKnownVersion(text);
-  std::vector<SignalInfo> signals;
+  auto signals = salvageArray<SignalInfo, JsonLiveSignal>(text, "signals");
   std::set<int> ids;
-  JsonReader in(text);
-  const auto takeSignal = [&] {
-    auto signal = salvageSignal(in);
-    if (signal && ids.insert(signal->signalId).second) signals.push_back(*std::move(signal));
-  };
-  try {
-    in.takeObject([&](std::string_view name) {
-      if (name != "signals" || !in.takeArray(takeSignal)) in.skip();
-    });
-  } catch (const JsonSyntaxError&) {
-    return signals;
-  }
+  signals.erase(
+      std::remove_if(signals.begin(), signals.end(),
+                     [&](const SignalInfo& signal) { return !ids.insert(signal.signalId).second; }),
+      signals.end());
   return signals;
+}
+
+std::vector<FileInfo> salvageFiles(std::string_view text) {
+  return salvageArray<FileInfo, JsonValue<FileInfo>>(text, "files");
 }
 
 std::string writeJournalLine(const JournalLine& line) {

@@ -33,6 +33,9 @@ LiveDescription readLiveJson(std::string_view text, const std::string& source);
 /// \throws std::runtime_error if the document is not damaged, but of a newer format version
 std::vector<SignalInfo> salvageSignals(std::string_view text);
 
+/// The files of a damaged recording.json, likewise.
+std::vector<FileInfo> salvageFiles(std::string_view text);
+
 /// How many rows each part had at a flush. The parts are the times of the first signal, its data,
 /// the times of the second signal, and so on.
 struct JournalLine {

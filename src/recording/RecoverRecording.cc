@@ -5,13 +5,15 @@
 #include <set>
 #include <stdexcept>
 #include <system_error>
-#include <tuple>
+#include <unordered_map>
 #include <utility>
 
 #include "files/ContentReader.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "kyr/recording/Recovery.h"
 #include "recording/CompleteRecording.h"
+#include "recording/ContentChecks.h"
+#include "recording/ContentFaults.h"
 #include "recording/FolderFiles.h"
 #include "recording/LiveFormat.h"
 #include "recording/LiveJournal.h"
@@ -38,23 +40,53 @@ struct Salvage {
   RecoveredSignal result;
 };
 
+// What the journal says, and whether that is the last that was written to it.
+struct JournalEnd {
+  std::optional<JournalLine> line;
+  std::string fault;  // empty if the journal is sound
+};
+
+JournalEnd readJournal(const fs::path& path, std::uint64_t sequence) {
+  JournalEnd end;
+  if (!fs::exists(path)) {
+    end.fault = fmt::format("{} is missing", kJournalFile);
+    return end;
+  }
+  const DiskFile journal(path, DiskFile::Mode::readOnly);
+  end.line = lastJournalLine(journal, sequence);
+  if (journal.size() == 0) {
+    end.fault = fmt::format("{} is empty", kJournalFile);
+  } else if (!end.line) {
+    end.fault = fmt::format("{} has no line that is whole", kJournalFile);
+  } else {
+    const std::string text = writeJournalLine(*end.line);
+    std::string last(text.size(), '\0');
+    const std::uint64_t from =
+        journal.size() - std::min<std::uint64_t>(journal.size(), text.size());
+    last.resize(journal.readAt(from, last.data(), last.size()));
+    if (last != text) end.fault = fmt::format("the end of {} is damaged", kJournalFile);
+  }
+  return end;
+}
+
+// Looks at everything before it changes anything. Then it keeps aside what is damaged or doubtful, and
+// makes the recording of the rest.
 class Recovery {
  public:
   explicit Recovery(fs::path folder) : folder_(std::move(folder)), lock_(folder_) {}
 
   RecoveryResult run() {
-    if (isComplete()) {
-      result_.wasComplete = !fs::exists(folder_ / kLiveFile) && !fs::exists(folder_ / kJournalFile);
-      removeLiveFiles(folder_);
-      return std::move(result_);
-    }
+    if (isComplete()) return std::move(result_);
     if (!fs::is_directory(folder_ / kStorageFolder)) nothing();
     refusePacks();
-    storage_.emplace(folder_ / kStorageFolder);
     readDescription();
-    if (!hasJournal_) addUndescribed();
+    storage_.emplace(folder_ / kStorageFolder, stated_);
+    dropMisfits();
+    if (!isDescribed_) addUndescribed();
+    countUsers();
     for (Salvage& signal : signals_) decide(signal);
     checkGains();
+    keepDoubtful();
     assignFiles();
     complete();
     return std::move(result_);
@@ -65,20 +97,26 @@ class Recovery {
     throw std::runtime_error(folder_.string() + ": there is no recording to be had of it");
   }
 
+  template <typename... Args>
+  void note(fmt::format_string<Args...> format, Args&&... args) {
+    result_.notes.push_back(fmt::format(format, std::forward<Args>(args)...));
+  }
+
   // Whether recording.json is in order, and all that it names is there.
   bool isComplete() {
     const bool wasLive = fs::exists(folder_ / kLiveFile) || fs::exists(folder_ / kJournalFile);
-    const Path folder = Path::fromFilesystem(folder_);
     RecordingInfo info;
     try {
       if (!fs::is_regular_file(descriptionPath(folder_))) return false;
-      info = describeRecording(folder);
+      info = describeRecording(Path::fromFilesystem(folder_));
+    } catch (const std::system_error&) {
+      throw;
     } catch (const std::runtime_error&) {
       return false;
     }
-    if (wasLive) removeUnnamed(folder_, info);
-    const auto faults = verifyRecording(folder);
-    if (!faults.empty() && !wasLive) {
+    const auto faults = contentFaults(folder_, /*checksNames=*/!wasLive);
+    if (!faults.empty()) {
+      if (wasLive) return false;
       throw std::runtime_error(
           fmt::format("{}: its {} is in order, so there is nothing to recover it from: {}",
                       folder_.string(), kDescriptionFile, faults.front()));
@@ -87,9 +125,12 @@ class Recovery {
       RecoveredSignal kept;
       static_cast<SignalDescription&>(kept) = signal;
       kept.rowsKept = signal.rowCount;
-      if (faults.empty()) result_.signals.push_back(std::move(kept));
+      result_.signals.push_back(std::move(kept));
     }
-    return faults.empty();
+    result_.wasComplete = !wasLive;
+    if (wasLive) removeUnnamed(folder_, info);
+    removeLiveFiles(folder_);
+    return true;
   }
 
   // Only a saved recording has packs, and only its description says what they hold.
@@ -99,10 +140,8 @@ class Recovery {
       if (name.rfind("pack-", 0) != 0) continue;
       throw std::runtime_error(fmt::format(
           "{}: the recording is packed, and without its {} nothing says to which signal the rows "
-          "of "
-          "{}/{} belong: they cannot be recovered, but any program that reads Parquet can read "
-          "them, "
-          "by the column \"{}\"",
+          "of {}/{} belong: they cannot be recovered, but any program that reads Parquet can read "
+          "them, by the column \"{}\"",
           folder_.string(), kDescriptionFile, kStorageFolder, name, parquet::kPackColumn));
     }
   }
@@ -113,6 +152,8 @@ class Recovery {
       const std::string text = readWholeFile(live);
       try {
         takeLive(readLiveJson(text, live.string()));
+      } catch (const std::system_error&) {
+        throw;
       } catch (const std::runtime_error& error) {
         result_.notes.emplace_back(error.what());
         take(salvageSignals(text));
@@ -120,33 +161,32 @@ class Recovery {
       return;
     }
     const fs::path description = descriptionPath(folder_);
-    if (fs::exists(description)) {
-      const std::string text = readWholeFile(description);
-      take(salvageSignals(text));
-      result_.notes.emplace_back(
-          fmt::format("{} is damaged: {} could be made out of it, which may be wrong in places",
-                      kDescriptionFile, signals_.empty() ? "nothing" : "descriptions"));
-      const fs::path copy = description.string() + kDamagedSuffix;
-      if (!fs::exists(copy)) copyFile(description, copy);
-    } else {
-      result_.notes.emplace_back(
-          fmt::format("nothing but the files in {} describes the signals", kStorageFolder));
+    if (!fs::exists(description)) {
+      return note("nothing but the files in {} describes the signals", kStorageFolder);
     }
+    const std::string text = readWholeFile(description);
+    take(salvageSignals(text));
+    stated_ = salvageFiles(text);
+    keepsDescription_ = true;
+    note("{} is damaged: {} could be made out of it, which may be wrong in places",
+         kDescriptionFile, signals_.empty() ? "nothing" : "descriptions");
   }
 
   void takeLive(LiveDescription live) {
-    std::optional<JournalLine> line;
-    if (fs::exists(folder_ / kJournalFile)) {
-      const DiskFile journal(folder_ / kJournalFile, DiskFile::Mode::readOnly);
-      line = lastJournalLine(journal, live.sequence);
-    }
+    JournalEnd journal = readJournal(folder_ / kJournalFile, live.sequence);
     take(std::move(live.signals));
-    if (!line) return;
+    isDescribed_ = true;
+    if (!journal.fault.empty()) {
+      note("{}: rows that it may have acknowledged are kept as far as they are there",
+           journal.fault);
+    }
+    if (!journal.line) return;
     hasJournal_ = true;
-    line->rows.resize(2 * signals_.size(), 0);
+    isJournalSound_ = journal.fault.empty();
+    journal.line->rows.resize(2 * signals_.size(), 0);
     for (std::size_t i = 0; i < signals_.size(); ++i) {
-      signals_[i].timeRows = line->rows[2 * i];
-      signals_[i].dataRows = line->rows[2 * i + 1];
+      signals_[i].timeRows = journal.line->rows[2 * i];
+      signals_[i].dataRows = journal.line->rows[2 * i + 1];
     }
   }
 
@@ -155,88 +195,113 @@ class Recovery {
       for (const auto& id : {info.timeStorageId, info.dataStorageId}) {
         if (id) named_.insert(*id);
       }
+      places_[info.signalId] = signals_.size();
       signals_.push_back({std::move(info), {}, {}, 0, {}});
     }
   }
 
-  // Files that no description names: those who say what they are of, and others as they are.
+  // Files whose columns are not those of the signals that name them say nothing of these signals.
+  void dropMisfits() {
+    for (Salvage& signal : signals_) {
+      SignalInfo& info = signal.info;
+      dropMisfit(info, info.timeStorageId, Scalar, Double);
+      const bool hadSamples = info.dataStorageId.has_value();
+      dropMisfit(info, info.dataStorageId, info.category, info.dataType);
+      if (hadSamples && !info.dataStorageId) info.timeStorageId.reset();
+    }
+  }
+
+  void dropMisfit(const SignalInfo& info, std::optional<int>& id, KYRSignalCategory category,
+                  KYRSignalDataType type) {
+    if (!id || !storage_->file(*id).isReadable()) return;
+    const std::string fault = columnFault(*storage_->file(*id).schema, category, type);
+    if (fault.empty()) return;
+    note("signal {} \"{}\": {} {}", info.signalId, info.name, storagePath("", *id).string(), fault);
+    doubtful_.insert(*id);
+    id.reset();
+  }
+
+  // Files that no description names, but who say what they are of.
   void addUndescribed() {
-    std::set<int> claimed;
+    std::map<std::pair<int, bool>, int> claimed;  // the last file by signal, and whether of times
+    std::map<int, SignalInfo> signals;
     for (const int id : storage_->ids()) {
-      if (named_.count(id) > 0 || !storage_->file(id).isReadable) continue;
+      if (named_.count(id) > 0 || !storage_->file(id).isReadable()) continue;
       for (const PartClaim& claim : storage_->claims(id)) {
-        take(claim, id);
-        claimed.insert(id);
+        if (places_.count(claim.signal.signalId) > 0) continue;
+        // A part that moved on to another file is claimed by the later one, too.
+        claimed[{claim.signal.signalId, claim.isTime}] = id;
+        signals.emplace(claim.signal.signalId, claim.signal);
       }
     }
-    if (!claimed.empty()) {
-      result_.notes.emplace_back(
-          "which signals shared a file is known from the time when each file was made only");
+    for (const auto& [part, id] : claimed) {
+      SignalInfo& info = signals.at(part.first);
+      (part.second ? info.timeStorageId : info.dataStorageId) = id;
     }
-    for (const int id : storage_->ids()) {
-      if (named_.count(id) > 0 || claimed.count(id) > 0 || !storage_->file(id).isReadable) continue;
-      if (auto info = storage_->guess(id)) addNameless(*std::move(info));
+    std::vector<SignalInfo> found;
+    for (auto& [id, info] : signals) found.push_back(std::move(info));
+    if (found.empty()) return;
+    take(std::move(found));
+    note("which signals shared a file is known from the time when each file was made only");
+  }
+
+  void countUsers() {
+    for (const Salvage& signal : signals_) {
+      for (const auto& id : {signal.info.timeStorageId, signal.info.dataStorageId}) {
+        if (id) ++users_[*id];
+      }
     }
   }
 
-  // A part that moved on to another file is claimed by the later one, too.
-  void take(const PartClaim& claim, int id) {
-    auto signal = std::find_if(signals_.begin(), signals_.end(), [&](const Salvage& known) {
-      return known.info.signalId == claim.signal.signalId;
-    });
-    if (signal == signals_.end()) {
-      signals_.push_back({claim.signal, {}, {}, 0, {}});
-      signal = signals_.end() - 1;
-    }
-    (claim.isTime ? signal->info.timeStorageId : signal->info.dataStorageId) = id;
-  }
-
-  void addNameless(SignalInfo info) {
-    const auto isTaken = [this](int id) {
-      return std::any_of(signals_.begin(), signals_.end(),
-                         [id](const Salvage& signal) { return signal.info.signalId == id; });
-    };
-    info.signalId = *info.dataStorageId;
-    while (isTaken(info.signalId)) ++info.signalId;
-    info.name = fmt::format("signal {}", info.signalId);
-    result_.notes.push_back(fmt::format("{} is called {} for want of a description",
-                                        storagePath("", *info.dataStorageId).string(), info.name));
-    signals_.push_back({std::move(info), {}, {}, 0, {}});
+  // Rows of a part that can be had. Behind the last sound line of a damaged journal there may be rows
+  // that were acknowledged, too: those in files of which nobody else can have some.
+  std::uint64_t available(const std::optional<int>& id,
+                          const std::optional<std::uint64_t>& acknowledged, bool isOwn) {
+    const std::uint64_t rows = id ? storage_->file(*id).rows : 0;
+    if (hasJournal_ && !isJournalSound_ && isOwn) return rows;
+    return std::min(rows, acknowledged.value_or(rows));
   }
 
   // How many rows the signal keeps, and so which parts it has.
   void decide(Salvage& signal) {
     SignalInfo& info = signal.info;
-    const auto available = [this](const std::optional<int>& id,
-                                  const std::optional<std::uint64_t>& acknowledged) {
-      const std::uint64_t rows = id ? storage_->file(*id).rows : 0;
-      return std::min(rows, acknowledged.value_or(rows));
-    };
-    const std::uint64_t times = available(info.timeStorageId, signal.timeRows);
-    const std::uint64_t samples = available(info.dataStorageId, signal.dataRows);
+    const bool isOwn = info.dataStorageId && users_[*info.dataStorageId] == 1;
+    std::uint64_t times = available(info.timeStorageId, signal.timeRows, isOwn);
+    const std::uint64_t samples = available(info.dataStorageId, signal.dataRows, isOwn);
     const std::uint64_t timesBefore = signal.timeRows.value_or(times);
     const std::uint64_t samplesBefore = signal.dataRows.value_or(samples);
-    const bool isPair = signal.timeRows ? timesBefore > 0 && samplesBefore > 0
-                                        : info.timeStorageId && info.dataStorageId;
-    signal.kept = isPair ? std::min(times, samples) : std::max(times, samples);
+    bool isPair = info.timeStorageId && info.dataStorageId &&
+                  (!signal.timeRows || (timesBefore > 0 && samplesBefore > 0));
     const std::uint64_t before =
         isPair ? std::min(timesBefore, samplesBefore) : std::max(timesBefore, samplesBefore);
+    if (isPair && samples > 0 && info.timeStorageId &&
+        !storage_->file(*info.timeStorageId).isReadable()) {
+      note("signal {} \"{}\": its times cannot be read: {}", info.signalId, info.name,
+           storage_->file(*info.timeStorageId).damage);
+      isPair = false;
+      times = 0;
+    }
+    signal.kept = isPair ? std::min(times, samples) : std::max(times, samples);
+    const std::uint64_t unpaired = isPair ? std::max(times, samples) - signal.kept : 0;
 
     RecoveredSignal& result = signal.result;
     static_cast<SignalDescription&>(result) = info;
     result.rowsKept = signal.kept;
-    result.rowsLost = before - signal.kept;
+    result.rowsLost = before - std::min(before, signal.kept);
+    if (hasJournal_ && signal.kept > before) {
+      result.rowsUnacknowledged = signal.kept - before;
+      note("signal {} \"{}\": the rows from {} to {} are behind the last sound line of {}",
+           info.signalId, info.name, before, signal.kept, kJournalFile);
+    }
     if (result.rowsLost > 0 && info.timeStorageId) {
       const auto last = storage_->time(*info.timeStorageId, before - 1);
       const auto lastKept =
           storage_->time(*info.timeStorageId, signal.kept > 0 ? signal.kept - 1 : 0);
       if (last && lastKept) result.secondsLost = *last - *lastKept;
     }
-    const std::uint64_t unpaired = isPair ? std::max(timesBefore, samplesBefore) - before : 0;
-    if (unpaired > 0) {
-      result_.notes.push_back(fmt::format(
-          "signal {} \"{}\": {} more {} are left out", info.signalId, info.name, unpaired,
-          timesBefore > samplesBefore ? "times than samples" : "samples than times"));
+    if (unpaired > 0 && result.rowsLost == 0) {
+      note("signal {} \"{}\": {} more {} are left out", info.signalId, info.name, unpaired,
+           times > samples ? "times than samples" : "samples than times");
     }
     if (signal.kept == 0 || (!isPair && times == 0)) info.timeStorageId.reset();
     if (signal.kept == 0 || (!isPair && samples == 0)) info.dataStorageId.reset();
@@ -248,7 +313,52 @@ class Recovery {
     const bool hasLosses = std::any_of(signals_.begin(), signals_.end(), [](const Salvage& signal) {
       return signal.result.rowsLost > 0;
     });
-    if (!hasRows && (hasLosses || signals_.empty())) nothing();
+    const bool isEmpty = storage_->ids().empty() || (hasJournal_ && isJournalSound_);
+    if (!hasRows && (hasLosses || signals_.empty() || !isEmpty)) nothing();
+  }
+
+  // What is damaged is kept aside before anything is cut or removed, and so is what may hold rows that
+  // somebody misses.
+  void keepDoubtful() {
+    std::map<int, std::uint64_t> most;
+    forEachPart([&](int& id, std::uint64_t rows) { most[id] = std::max(most[id], rows); });
+    const bool isCertain = hasJournal_ && isJournalSound_;
+    for (const int id : storage_->ids()) {
+      const RecoveredStorage& file = storage_->file(id);
+      const std::string name = storagePath("", id).string();
+      const auto used = most.find(id);
+      if (!file.damage.empty()) {
+        if (isCertain && named_.count(id) == 0) continue;  // nobody was promised anything of it
+        keepAside(id);
+        note("{} is damaged, and is kept in {}: {}", name, kLostFolder, file.damage);
+      } else if (doubtful_.count(id) > 0 || (used == most.end() && !isCertain && file.rows > 0)) {
+        keepAside(id);
+        note("{}, of which nothing says for certain what it holds, is kept in {}", name,
+             kLostFolder);
+      } else if (used != most.end() && used->second < file.rows && !isCertain) {
+        keepAside(id);
+        note("{} has {} rows behind those that are kept. It is in {} as it was", name,
+             file.rows - used->second, kLostFolder);
+      }
+    }
+  }
+
+  // Nothing is written in place into a file that has two names.
+  void keepAside(int id) const {
+    const fs::path from = storagePath(folder_, id);
+    fs::create_directory(folder_ / kLostFolder);
+    for (int attempt = 0;; ++attempt) {
+      const std::string suffix = attempt == 0 ? "" : fmt::format("-{}", attempt);
+      const fs::path to = folder_ / kLostFolder / (std::to_string(id) + suffix);
+      if (fs::exists(to)) {
+        if (fs::equivalent(from, to)) return;  // a recovery was killed behind this
+        continue;
+      }
+      std::error_code error;
+      fs::create_hard_link(from, to, error);
+      if (error) copyFile(from, to);
+      return;
+    }
   }
 
   // Gives each part a file of exactly its rows. A file is cut for those who have most of it.
@@ -288,10 +398,13 @@ class Recovery {
     std::sort(result_.signals.begin(), result_.signals.end(),
               [](const auto& a, const auto& b) { return a.signalId < b.signalId; });
     const RecordingInfo info = builder.take();
-    setAside();
+    if (keepsDescription_) {
+      const fs::path copy = descriptionPath(folder_).string() + kDamagedSuffix;
+      if (!fs::exists(copy)) copyFile(descriptionPath(folder_), copy);
+    }
     completeRecording(folder_, info);
     removeUnnamed(folder_, info);
-    const auto faults = verifyRecording(Path::fromFilesystem(folder_));
+    const auto faults = contentFaults(folder_, /*checksNames=*/true);
     if (!faults.empty()) {
       throw std::runtime_error(
           fmt::format("{}: recovered, but with faults: {}", folder_.string(), faults.front()));
@@ -299,23 +412,19 @@ class Recovery {
     removeLiveFiles(folder_);
   }
 
-  // What cannot be read is not thrown away, unless it is known that nothing was acknowledged of it.
-  void setAside() {
-    for (const int id : storage_->ids()) {
-      if (storage_->file(id).isReadable || (hasJournal_ && named_.count(id) == 0)) continue;
-      fs::create_directory(folder_ / kLostFolder);
-      fs::rename(storagePath(folder_, id), folder_ / kLostFolder / std::to_string(id));
-      result_.notes.push_back(fmt::format("{} cannot be read, and is in {} now",
-                                          storagePath("", id).string(), kLostFolder));
-    }
-  }
-
   fs::path folder_;
   RecoveryLock lock_;
   std::optional<StorageFiles> storage_;
   std::vector<Salvage> signals_;
-  std::set<int> named_;  // files that the description names
+  std::unordered_map<int, std::size_t> places_;  // in signals_, by signal id
+  std::unordered_map<int, int> users_;           // parts by storage id
+  std::set<int> named_;                          // files that the description names
+  std::set<int> doubtful_;                       // files that are not what the description says
+  std::vector<FileInfo> stated_;                 // what a damaged recording.json says of files
+  bool isDescribed_ = false;                     // whether all signals are known
   bool hasJournal_ = false;
+  bool isJournalSound_ = false;
+  bool keepsDescription_ = false;
   RecoveryResult result_;
 };
 

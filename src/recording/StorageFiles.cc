@@ -5,20 +5,18 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <limits>
 #include <stdexcept>
 #include <system_error>
 
 #include "files/InputFile.h"
-#include "files/growing/FileRecovery.h"
 #include "files/growing/GrowingFile.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
+#include "recording/FolderFiles.h"
 #include "recording/TimeSpans.h"
 #include "safe/PartNotes.h"
-#include "schema/ElementTypes.h"
 
 namespace kyr::recording {
 
@@ -38,9 +36,19 @@ PartClaim claimOf(const parquet::PartNote& note) {
   return claim;
 }
 
+// A growing file whose batches were checked, or any other file.
+std::shared_ptr<parquet::InputFile> openAny(const fs::path& path) {
+  return parquet::openAnyFile(std::make_shared<const DiskFile>(path, DiskFile::Mode::readOnly),
+                              parquet::RecordLimits::kAll, parquet::BatchChecks::no);
+}
+
 }  // namespace
 
-StorageFiles::StorageFiles(fs::path directory) : directory_(std::move(directory)) {
+StorageFiles::StorageFiles(fs::path directory, const std::vector<FileInfo>& stated)
+    : directory_(std::move(directory)) {
+  for (const FileInfo& file : stated) {
+    if (!file.pack) checksums_[file.storageId] = file.checksum;
+  }
   for (const auto& entry : fs::directory_iterator(directory_)) {
     const std::string name = entry.path().filename().string();
     int id = 0;
@@ -63,45 +71,93 @@ const RecoveredStorage& StorageFiles::file(int id) {
   if (known != files_.end()) return known->second;
   RecoveredStorage found;
   if (std::binary_search(ids_.begin(), ids_.end(), id)) {
-    const parquet::RecoveryReport report =
-        parquet::recoverFile(pathOf(id), std::numeric_limits<std::uint64_t>::max(),
-                             directory_.parent_path() / "lost" / (std::to_string(id) + ".damaged"));
-    found = {report.isComplete, report.isComplete, report.rowsKept, report.bytesCut};
-    try {
-      found.rows = openFile(pathOf(id))->rows();
-      found.isReadable = true;
-    } catch (const std::runtime_error&) {
-      found = {};
+    found = look(id);
+  } else {
+    found.damage = "missing";
+  }
+  return files_.emplace(id, std::move(found)).first->second;
+}
+
+RecoveredStorage StorageFiles::look(int id) const {
+  RecoveredStorage found;
+  try {
+    const parquet::RecoveryReport report = parquet::inspectFile(pathOf(id));
+    found.isGrowing = report.isComplete;
+    found.isComplete = report.wasComplete;
+    found.rows = report.rowsKept;
+    if (report.hasFooter) found.damage = "its first record is damaged";
+    if (report.losesBatches) {
+      found.damage = fmt::format("the batch behind row {} is damaged", report.rowsKept);
+    }
+    if (!report.isComplete && !report.hasFooter) {
+      lookAtPages(id, found);
+    } else {
+      found.schema = openAny(pathOf(id))->schema();
+    }
+  } catch (const std::system_error&) {
+    throw;
+  } catch (const std::runtime_error& error) {
+    found.damage = error.what();
+  }
+  if (found.rows == 0 && !found.damage.empty()) found.schema.reset();
+  return found;
+}
+
+// Files that do not grow have no checksums of their own.
+void StorageFiles::lookAtPages(int id, RecoveredStorage& found) const {
+  const auto stated = checksums_.find(id);
+  if (stated != checksums_.end()) {
+    const std::string checksum = digestFile(pathOf(id)).checksum;
+    if (checksum != stated->second) {
+      throw std::runtime_error(
+          fmt::format("its checksum is {}, stated was {}", checksum, stated->second));
     }
   }
-  return files_.emplace(id, found).first->second;
+  const auto file = openFile(pathOf(id));
+  found.schema = file->schema();
+  for (std::size_t group = 0; group < file->rowGroups(); ++group) {
+    const std::uint64_t first = file->rowStart(group);
+    file->read(first, file->rowStart(group + 1) - first);
+    found.rows = file->rowStart(group + 1);
+  }
 }
 
 int StorageFiles::withRows(int id, std::uint64_t rows, bool mayCut) {
   const auto known = copies_.find({id, rows});
   if (known != copies_.end()) return known->second;
-  if (file(id).rows == rows || (mayCut && cutBehind(id, rows))) return id;
+  const RecoveredStorage& from = file(id);
+  if (from.isGrowing && !from.isComplete && (from.rows == rows || !mayCut)) {
+    noteCut(id, parquet::recoverFile(pathOf(id)));
+  }
+  const bool isSound = from.damage.empty() || from.isGrowing;
+  if (isSound && from.rows == rows) return id;
+  if (mayCut && cutBehind(id, rows)) return id;
   const int copy = copyRows(id, rows);
   copies_[{id, rows}] = copy;
   return copy;
 }
 
+void StorageFiles::noteCut(int id, const parquet::RecoveryReport& report) {
+  RecoveredStorage& file = files_[id];
+  file.rows = report.rowsKept;
+  file.isComplete = true;
+  file.bytesCut += report.bytesCut;
+}
+
 bool StorageFiles::cutBehind(int id, std::uint64_t rows) {
   if (!file(id).isGrowing) return false;
-  const auto batches = parquet::openGrowingFile(pathOf(id));
+  const auto batches = openAny(pathOf(id));
   bool isBoundary = false;
   for (std::size_t batch = 0; batch <= batches->rowGroups() && !isBoundary; ++batch) {
     isBoundary = batches->rowStart(batch) == rows;
   }
   if (!isBoundary) return false;
-  const parquet::RecoveryReport report = parquet::recoverFile(pathOf(id), rows);
-  files_[id].rows = report.rowsKept;
-  files_[id].bytesCut += report.bytesCut;
-  return report.rowsKept == rows;
+  noteCut(id, parquet::recoverFile(pathOf(id), rows));
+  return file(id).rows == rows;
 }
 
 int StorageFiles::copyRows(int id, std::uint64_t rows) {
-  const auto from = openFile(pathOf(id));
+  const auto from = openAny(pathOf(id));
   const int copy = nextId_++;
   const auto to = parquet::GrowingFile::create(
       pathOf(copy), from->schema(),
@@ -120,7 +176,7 @@ int StorageFiles::copyRows(int id, std::uint64_t rows) {
 }
 
 std::vector<PartClaim> StorageFiles::claims(int id) {
-  const auto pairs = openFile(pathOf(id))->keyValueMetadata();
+  const auto pairs = openAny(pathOf(id))->keyValueMetadata();
   if (!pairs || !pairs->Contains(parquet::kPartNotesKey)) return {};
   std::vector<PartClaim> claims;
   for (const parquet::PartNote& note :
@@ -130,28 +186,13 @@ std::vector<PartClaim> StorageFiles::claims(int id) {
   return claims;
 }
 
-std::optional<SignalInfo> StorageFiles::guess(int id) {
-  const auto stored = openFile(pathOf(id));
-  const auto field = stored->schema()->GetFieldByName(columnNames::data);
-  if (!field) return std::nullopt;
-  const bool isList = field->type()->id() == ::arrow::Type::LIST;
-  const auto& element = isList ? field->type()->field(0)->type() : field->type();
-  SignalInfo signal;
-  const auto type = parquet::signalTypeOf(element->id());
-  if (!type) return std::nullopt;
-  signal.dataType = *type;
-  signal.category = isList ? FixedDim : Scalar;
-  if (stored->hasColumn(columnNames::dimension)) signal.category = VarDim;
-  signal.dataStorageId = id;
-  return signal;
-}
-
 std::optional<double> StorageFiles::time(int id, std::uint64_t row) {
-  if (!file(id).isGrowing || row >= file(id).rows) return std::nullopt;
-  const auto file = parquet::openGrowingFile(pathOf(id));
-  if (file->schema()->field(0)->type()->id() != ::arrow::Type::DOUBLE) return std::nullopt;
+  if (row >= file(id).rows) return std::nullopt;
+  const auto times = openAny(pathOf(id));
+  const auto column = times->schema()->GetFieldByName(columnNames::data);
+  if (!column || column->type()->id() != ::arrow::Type::DOUBLE) return std::nullopt;
   double time = 0;
-  file->readNumbers(columnNames::data, row, 1, reinterpret_cast<char*>(&time));
+  times->readNumbers(columnNames::data, row, 1, reinterpret_cast<char*>(&time));
   return time;
 }
 

@@ -1,23 +1,31 @@
 #pragma once
 
+#include <arrow/type_fwd.h>
+
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "files/growing/FileRecovery.h"
 #include "kyr/recording/RecordingInfo.h"
 
 namespace kyr::recording {
 
-/// What became of a Parquet file of a storage folder that nobody writes any more.
+/// What can be had of a Parquet file of a storage folder that nobody writes any more.
 struct RecoveredStorage {
-  bool isReadable = false;
-  bool isGrowing = false;  ///< whether it can be cut behind a batch
-  std::uint64_t rows = 0;
-  std::uint64_t bytesCut = 0;
+  std::shared_ptr<::arrow::Schema> schema;  ///< null if nothing can be read
+  std::uint64_t rows = 0;                   ///< at the beginning; all of them are sound
+  std::string damage;                       ///< what is wrong; empty if the file is sound
+  bool isGrowing = false;                   ///< whether it can be completed, and cut behind a batch
+  bool isComplete = false;
+  std::uint64_t bytesCut = 0;  ///< so far
+
+  bool isReadable() const { return schema != nullptr; }
 };
 
 /// A signal that a file belonged to when it was made.
@@ -26,37 +34,43 @@ struct PartClaim {
   bool isTime = false;
 };
 
-/// The files of a storage folder, made complete where that is possible. A file is read when it is asked
-/// for. Failures of the disk are exceptions that name the file.
+/// The files of a storage folder. Looking at them changes nothing; withRows() does.
+///
+/// What the system reports is a std::system_error that names the file. It is no damage: the next
+/// attempt may succeed.
 class StorageFiles {
  public:
-  explicit StorageFiles(std::filesystem::path directory);
+  /// \param stated  what a damaged recording.json says of the files, as far as it can be read
+  StorageFiles(std::filesystem::path directory, const std::vector<FileInfo>& stated);
 
   /// The ids of the files, ascending.
   const std::vector<int>& ids() const { return ids_; }
 
+  /// Reads the whole file: each batch is compared with its checksum, other files with the stated one.
+  /// Of files without any checksum, all pages must be readable.
   const RecoveredStorage& file(int id);
-
-  /// A file with the first \p rows rows of the file \p id and no more: the file itself, perhaps cut, or
-  /// a new one. The file has that many rows.
-  /// \param mayCut  whether nobody needs the other rows
-  int withRows(int id, std::uint64_t rows, bool mayCut);
 
   /// The signals that the file says it belonged to.
   std::vector<PartClaim> claims(int id);
 
-  /// A signal for a file that names none, as far as its columns tell.
-  std::optional<SignalInfo> guess(int id);
-
-  /// One time from a time file that grew; empty if it cannot be read.
+  /// One time from a time file; empty if it cannot be read.
   std::optional<double> time(int id, std::uint64_t row);
+
+  /// A file with the first \p rows rows of the file \p id and no more: the file itself, perhaps cut, or
+  /// a new one. The file has that many sound rows.
+  /// \param mayCut  whether nobody needs the other rows
+  int withRows(int id, std::uint64_t rows, bool mayCut);
 
  private:
   std::filesystem::path pathOf(int id) const { return directory_ / std::to_string(id); }
+  RecoveredStorage look(int id) const;
+  void lookAtPages(int id, RecoveredStorage& found) const;
   bool cutBehind(int id, std::uint64_t rows);
+  void noteCut(int id, const parquet::RecoveryReport& report);
   int copyRows(int id, std::uint64_t rows);
 
   std::filesystem::path directory_;
+  std::map<int, std::string> checksums_;  // that were stated
   std::vector<int> ids_;
   int nextId_ = 0;
   std::map<int, RecoveredStorage> files_;

@@ -18,6 +18,7 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "recording/ContentChecks.h"
+#include "recording/ContentFaults.h"
 #include "recording/ContentFiles.h"
 #include "recording/FolderFiles.h"
 #include "recording/OpenFolder.h"
@@ -33,41 +34,30 @@ namespace {
 
 class Verifier {
  public:
-  explicit Verifier(const Path& path)
-      : folder_(std::make_shared<const OpenFolder>(path.toFilesystem())),
+  /// \param tellsFailures  whether failures of the system are told as faults, or thrown
+  Verifier(const fs::path& path, bool tellsFailures)
+      : tellsFailures_(tellsFailures),
+        folder_(std::make_shared<const OpenFolder>(path)),
         info_(std::make_shared<const RecordingInfo>(describeRecording(*folder_))),
         contents_(folder_, /*checks=*/false, /*maxOpenFiles=*/0) {
     contents_.describe(info_, /*isLive=*/false);
   }
 
-  std::vector<std::string> run() {
+  std::vector<std::string> run(bool checksNames) {
     for (const PackInfo& pack : info_->packs) {
-      try {
-        checkPack(pack);
-      } catch (const std::exception& error) {
-        fault("{}/{}: {}", kStorageFolder, packName(pack.number), error.what());
-      }
+      telling([&] { return fmt::format("{}/{}", kStorageFolder, packName(pack.number)); },
+              [&] { checkPack(pack); });
     }
     for (const FileInfo& file : info_->files) {
-      try {
-        if (file.pack) {
-          checkPacked(file);
-        } else {
-          checkFile(file);
-        }
-      } catch (const std::exception& error) {
-        fault("{}: {}", label(file.storageId), error.what());
-      }
+      telling([&] { return label(file.storageId); },
+              [&] { file.pack ? checkPacked(file) : checkFile(file); });
     }
     checkRecords();
     for (const SignalInfo& signal : info_->signals) {
-      try {
-        checkSignal(signal);
-      } catch (const std::exception& error) {
-        fault("signal {} \"{}\": {}", signal.signalId, signal.name, error.what());
-      }
+      telling([&] { return fmt::format("signal {} \"{}\"", signal.signalId, signal.name); },
+              [&] { checkSignal(signal); });
     }
-    checkNamed();
+    if (checksNames) checkNamed();
     return std::move(faults_);
   }
 
@@ -75,6 +65,19 @@ class Verifier {
   template <typename... Args>
   void fault(fmt::format_string<Args...> format, Args&&... args) {
     faults_.push_back(fmt::format(format, std::forward<Args>(args)...));
+  }
+
+  // Makes what \p check throws a fault of what \p name tells.
+  template <typename Name, typename Check>
+  void telling(Name&& name, Check&& check) {
+    try {
+      check();
+    } catch (const std::system_error& error) {
+      if (!tellsFailures_) throw;
+      fault("{}: {}", name(), error.what());
+    } catch (const std::exception& error) {
+      fault("{}: {}", name(), error.what());
+    }
   }
 
   static std::string label(int storageId) { return storagePath("", storageId).string(); }
@@ -91,7 +94,10 @@ class Verifier {
     try {
       disk = folder_->openStored(name);
     } catch (const std::system_error& error) {
-      const bool isMissing = error.code() == std::errc::no_such_file_or_directory;
+      const auto& code = error.code();
+      const bool isMissing = code == std::errc::no_such_file_or_directory;
+      const bool isFile = code != std::errc::is_a_directory && code != std::errc::not_supported;
+      if (!tellsFailures_ && !isMissing && isFile) throw;
       fault("{}: {}", label, isMissing ? "missing" : error.what());
       return false;
     }
@@ -201,16 +207,18 @@ class Verifier {
     const auto time = soundContent(signal.timeStorageId);
     const auto data = soundContent(signal.dataStorageId);
     if (time) checkColumns(signal, *time, *signal.timeStorageId, Scalar, Double);
-    if (!data) return;
-    checkColumns(signal, *data, *signal.dataStorageId, signal.category, signal.dataType);
-    const std::string miscounted = countFault(signal, data->rows());
+    if (time) readThrough(signal, *time, *signal.timeStorageId);
+    if (data) checkColumns(signal, *data, *signal.dataStorageId, signal.category, signal.dataType);
+    const bool decides = signal.dataStorageId ? data != nullptr : time != nullptr;
+    const std::string miscounted =
+        decides ? countFault(signal, (data ? data : time)->rows()) : std::string();
     if (!miscounted.empty())
       fault("signal {} \"{}\": {}", signal.signalId, signal.name, miscounted);
+    if (!data) return;
     if (time && time->rows() != data->rows()) {
       fault("signal {} \"{}\": {} times in {}, but {} samples in {}", signal.signalId, signal.name,
             time->rows(), label(*signal.timeStorageId), data->rows(), label(*signal.dataStorageId));
     }
-    if (time) readThrough(signal, *time, *signal.timeStorageId);
     readThrough(signal, *data, *signal.dataStorageId);
   }
 
@@ -277,6 +285,7 @@ class Verifier {
 
   static constexpr std::uint64_t kPieceRows = 65'536;
 
+  bool tellsFailures_;
   std::shared_ptr<const OpenFolder> folder_;
   std::shared_ptr<const RecordingInfo> info_;
   ContentFiles contents_;                   // each file is compared with its checksum first
@@ -289,6 +298,12 @@ class Verifier {
 
 }  // namespace
 
-std::vector<std::string> verifyRecording(const Path& folder) { return Verifier(folder).run(); }
+std::vector<std::string> contentFaults(const fs::path& folder, bool checksNames) {
+  return Verifier(folder, /*tellsFailures=*/false).run(checksNames);
+}
+
+std::vector<std::string> verifyRecording(const Path& folder) {
+  return Verifier(folder.toFilesystem(), /*tellsFailures=*/true).run(/*checksNames=*/true);
+}
 
 }  // namespace kyr::recording

@@ -1,9 +1,12 @@
 #include "files/growing/FileRecovery.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "files/InputFile.h"
 #include "files/ParquetTail.h"
 #include "files/growing/GrowingRecords.h"
 #include "platform/DiskFile.h"
@@ -13,17 +16,17 @@ namespace kyr::parquet {
 
 namespace {
 
-bool holds(const DiskFile& file, std::uint64_t offset, std::string_view bytes) {
+bool holds(const ByteSource& file, std::uint64_t offset, std::string_view bytes) {
   std::string there(bytes.size(), '\0');
   there.resize(file.readAt(offset, there.data(), there.size()));
   return there == bytes;
 }
 
 // Whether a batch record begins behind \p from. Right there may be the beginning of a torn one.
-bool holdsRecordsBehind(const std::filesystem::path& path, std::uint64_t from, std::uint64_t size) {
+bool holdsRecordsBehind(const ByteSource& file, std::uint64_t from) {
   constexpr std::string_view kRecordMagic = "\x8FKYRBAT\n";
   constexpr std::size_t kPieceBytes = std::size_t{1} << 20U;
-  const DiskFile file(path, DiskFile::Mode::readOnly);
+  const std::uint64_t size = file.size();
   std::string piece;
   for (std::uint64_t at = from + 1; at + kRecordMagic.size() <= size; at += kPieceBytes) {
     piece.resize(kPieceBytes + kRecordMagic.size() - 1);
@@ -39,44 +42,59 @@ bool holdsRecordsBehind(const std::filesystem::path& path, std::uint64_t from, s
   return false;
 }
 
+struct Inspection {
+  RecoveryReport report;
+  std::optional<GrowingRecords> records;  // of a file that can be made complete
+  std::string footer;                     // that belongs behind them
+  std::uint64_t size = 0;
+};
+
+Inspection inspect(const std::filesystem::path& path, std::uint64_t maxRows) {
+  const auto file = std::make_shared<const DiskFile>(path, DiskFile::Mode::readOnly);
+  Inspection found;
+  RecoveryReport& report = found.report;
+  found.size = file->size();
+  RecordLimits limits;
+  limits.end = found.size;
+  limits.maxRows = maxRows;
+  found.records = recordsFromStart(*file, limits);
+  if (!found.records) {
+    auto published = recordsFromFooter(*file, found.size);
+    if (!published) return found;
+    report.hasFooter = true;
+    report.rowsKept = InputFile(file, *std::move(published), BatchChecks::yes).soundRows();
+    return found;
+  }
+  const GrowingRecords& records = *found.records;
+  found.footer = records.footer();
+  report.isComplete = true;
+  report.rowsKept = records.index.rows();
+  report.batchesKept = records.index.batches();
+  report.wasComplete = found.size - records.end == found.footer.size() &&
+                       holds(*file, records.end, found.footer) && holds(*file, 0, kParquetMagic);
+  if (report.wasComplete) return found;
+  report.bytesCut = found.size - records.end;
+  report.losesBatches = holdsRecordsBehind(*file, records.end);
+  return found;
+}
+
 }  // namespace
 
-RecoveryReport recoverFile(const std::filesystem::path& path, std::uint64_t maxRows,
-                           const std::filesystem::path& aside) {
-  RecoveryReport report;
-  std::uint64_t size = 0;
-  std::optional<GrowingRecords> records;
-  std::string footer;
-  {
-    const DiskFile file(path, DiskFile::Mode::readOnly);
-    size = file.size();
-    RecordLimits limits;
-    limits.end = size;
-    limits.maxRows = maxRows;
-    records = recordsFromStart(file, limits);
-    if (!records) return report;
-    footer = records->footer();
-    const std::uint64_t end = records->end;
-    report.wasComplete =
-        size - end == footer.size() && holds(file, end, footer) && holds(file, 0, kParquetMagic);
-  }
-  report.isComplete = true;
-  report.rowsKept = records->index.rows();
-  report.batchesKept = records->index.batches();
-  if (report.wasComplete) return report;
-  if (!aside.empty() && holdsRecordsBehind(path, records->end, size)) {
-    std::filesystem::create_directories(aside.parent_path());
-    std::filesystem::copy_file(path, aside, std::filesystem::copy_options::overwrite_existing);
-  }
+RecoveryReport inspectFile(const std::filesystem::path& path) {
+  return inspect(path, std::numeric_limits<std::uint64_t>::max()).report;
+}
+
+RecoveryReport recoverFile(const std::filesystem::path& path, std::uint64_t maxRows) {
+  const Inspection found = inspect(path, maxRows);
+  if (!found.records || found.report.wasComplete) return found.report;
   copyIfLinked(path);
   DiskFile file(path, DiskFile::Mode::readWrite);
-  file.truncate(records->end);
+  file.truncate(found.records->end);
   file.writeAt(0, {kParquetMagic});
-  file.writeAt(records->end, {footer});
+  file.writeAt(found.records->end, {found.footer});
   file.syncAll();
   file.close();
-  report.bytesCut = size - records->end;
-  return report;
+  return found.report;
 }
 
 }  // namespace kyr::parquet

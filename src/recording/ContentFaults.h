@@ -1,0 +1,14 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace kyr::recording {
+
+/// As verifyRecording(), for recovery, which must tell damage from failures of the system.
+/// \param checksNames  whether files that nothing names are faults
+/// \throws std::system_error naming the file if the system cannot read it
+std::vector<std::string> contentFaults(const std::filesystem::path& folder, bool checksNames);
+
+}  // namespace kyr::recording
