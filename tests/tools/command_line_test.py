@@ -40,6 +40,19 @@ class Usage(ToolTest):
                 self.assertIn(suggestion, error)
                 self.assertEqual("did you mean" in error, bool(nearest), error)
 
+    def test_what_is_wrong_is_said_in_plain_words(self):
+        for line, says in (
+                ("info", "FOLDER is missing"), ("import in.csv", "FOLDER is missing"),
+                ("import a b --chunk 5", "--chunk needs --stream"),
+                ("import a b --stream --chunk 0", "--chunk: give a number above 0, not 0"),
+                ("record - b --flush-rows x", "--flush-rows: give a number above 0, not x"),
+                ("record - b --sync now", "--sync: give never, flush, seconds, not now"),
+                ("record - b --strict --skip-bad", "give --skip-bad or --strict, not both"),
+                ("cat a --from", "--from: give a value"), ("cat a --to x", "x: give a number"),
+                ("import a b --time c --time d", "--time: give it once")):
+            with self.subTest(line):
+                self.fails(*line.split(), says=[says], exit_code=2)
+
     def test_codecs(self):
         for codec in ("uncompressed", "snappy", "gzip", "brotli", "zstd", "lz4_hadoop"):
             self.store("time,a\n0,1\n", "--compression", codec)
@@ -108,7 +121,7 @@ class Usage(ToolTest):
         for command in completed("kyr", "")[:-3]:
             text = self.run_tool(command, "--help").stdout
             self.assertIn(f"kyr {command} [OPTIONS]", manual)
-            options = set(re.findall(r"^  (?:-h,)?(--[a-z-]+)", text, re.MULTILINE))
+            options = set(re.findall(r"^  (?:-h, )?(--[a-z-]+)", text, re.MULTILINE))
             self.assertEqual(set(completed("kyr", command, "-")), options | {"--trace"})
             for option in options - {"--help"}:
                 self.assertRegex(manual, rf"\n\.B (-\w, )?{option}\b")

@@ -2,6 +2,7 @@
 #include <memory>
 #include <string>
 
+#include "cli/CommandLine.h"
 #include "cli/Errors.h"
 #include "cli/Interrupt.h"
 #include "cli/Process.h"
@@ -45,7 +46,10 @@ void addCommands(CLI::App& app, Action& action) {
 int run(int argc, char** argv) {
   CLI::App app("Stores recorded signals of simulations as Parquet files and reads them back.",
                "kyr");
-  app.set_version_flag("-v,--version", "kyr " KYR_VERSION);
+  app.formatter(helpFormatter());
+  app.group("Commands");
+  app.set_help_flag("-h,--help", "Show this help");
+  app.set_version_flag("-v,--version", "kyr " KYR_VERSION, "Show the version");
   app.require_subcommand(1);
   app.fallthrough();
   std::string traceFile;

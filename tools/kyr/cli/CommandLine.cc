@@ -1,6 +1,24 @@
 #include "cli/CommandLine.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
+#include <charconv>
+#include <set>
+#include <system_error>
+
 namespace kyr::tool {
+
+namespace {
+
+std::string namesOf(const std::set<CLI::Option*>& options) {
+  std::set<std::string> names;
+  for (const CLI::Option* option : options) names.insert(option->get_name());
+  return fmt::format("{}", fmt::join(names, ", "));
+}
+
+}  // namespace
 
 void addArgument(CLI::App& command, const std::string& name, std::string& value,
                  const std::string& meaning) {
@@ -14,6 +32,24 @@ void addRecordingArgument(CLI::App& command, std::string& folder) {
 void addSignalArguments(CLI::App& command, std::vector<std::string>& signals) {
   command.add_option("SIGNAL", signals, "Names or ids of signals; all of them unless given")
       ->type_name("");
+}
+
+CLI::Validator oneOf(const std::vector<std::string>& values) {
+  const auto check = [values](const std::string& value) {
+    if (std::find(values.begin(), values.end(), value) != values.end()) return std::string();
+    return fmt::format("give {}, not {}", fmt::join(values, ", "), value);
+  };
+  return {check, ""};
+}
+
+CLI::Validator isAboveZero() {
+  const auto check = [](const std::string& text) {
+    double number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool isNumber = error == std::errc() && end == text.data() + text.size();
+    return isNumber && number > 0 ? std::string() : "give a number above 0, not " + text;
+  };
+  return {check, ""};
 }
 
 std::vector<const CLI::App*> commandsOf(const CLI::App& app) {
@@ -30,28 +66,29 @@ std::vector<const CLI::Option*> positionalsOf(const CLI::App& command) {
 
 bool takesValue(const CLI::Option& option) { return option.get_items_expected_max() > 0; }
 
-std::string valueNameOf(const CLI::Option& option) {
-  std::string name = option.get_type_name();
-  // CLI11 adds the descriptions of its checks to the name. Reading them changes nothing, but the
-  // function is not const.
-  auto& checks = const_cast<CLI::Option&>(option);
-  for (int i = 0;; ++i) {
-    try {
-      const std::string check = ":" + checks.get_validator(i)->get_description();
-      const std::size_t at = name.rfind(check);
-      if (at != std::string::npos) name.erase(at, check.size());
-    } catch (const CLI::OptionNotFound&) {
-      return name;
-    }
-  }
-}
-
 std::string synopsisOf(const CLI::Option& option) {
   std::string text;
   for (const std::string& name : option.get_snames()) text += (text.empty() ? "-" : ", -") + name;
   for (const std::string& name : option.get_lnames()) text += (text.empty() ? "--" : ", --") + name;
-  if (takesValue(option)) text += " " + valueNameOf(option);
+  // A flag may have a value behind "=".
+  return text + (takesValue(option) ? " " : "") + option.get_type_name();
+}
+
+std::string meaningOf(const CLI::Option& option) {
+  std::string text = option.get_description();
+  if (!option.get_needs().empty()) text += ". Needs " + namesOf(option.get_needs());
+  if (!option.get_excludes().empty()) text += ". Not with " + namesOf(option.get_excludes());
   return text;
+}
+
+std::string usageOf(const CLI::App& command) {
+  std::string usage = "kyr " + command.get_name() + " [OPTIONS]";
+  for (const CLI::Option* argument : positionalsOf(command)) {
+    std::string name = argument->get_name(true);
+    if (argument->get_expected_max() > 1) name += "...";
+    usage += argument->get_required() ? " " + name : " [" + name + "]";
+  }
+  return usage;
 }
 
 }  // namespace kyr::tool

@@ -7,7 +7,7 @@
 
 #include "commands/Commands.h"
 
-/// Making the command line, and reading it back for completion and manual page.
+/// Making the command line, and reading it back for help, completion and manual page.
 namespace kyr::tool {
 
 /// Adds an argument without a dash, which must be given.
@@ -19,6 +19,10 @@ void addRecordingArgument(CLI::App& command, std::string& folder);
 
 /// Adds the arguments SIGNAL, of which there may be none.
 void addSignalArguments(CLI::App& command, std::vector<std::string>& signals);
+
+/// Checks of values. The name of the value says what is expected, so that they have no description.
+CLI::Validator oneOf(const std::vector<std::string>& values);
+CLI::Validator isAboveZero();
 
 /// Lets the command run `run` with its options.
 template <typename Options>
@@ -39,11 +43,17 @@ std::vector<const CLI::Option*> positionalsOf(const CLI::App& command);
 /// False for flags.
 bool takesValue(const CLI::Option& option);
 
-/// What --help calls the value of an option.
-std::string valueNameOf(const CLI::Option& option);
-
 /// "-h, --help", "--set NAME=VALUE".
 std::string synopsisOf(const CLI::Option& option);
+
+/// The description of an option, and the options that it needs or excludes.
+std::string meaningOf(const CLI::Option& option);
+
+/// "kyr import [OPTIONS] FILE FOLDER".
+std::string usageOf(const CLI::App& command);
+
+/// The layout of --help.
+std::shared_ptr<CLI::FormatterBase> helpFormatter();
 
 /// A script for bash that completes commands, options, and values where they are known beforehand.
 std::string bashCompletion(const CLI::App& app);

@@ -23,7 +23,7 @@ std::string valuesOf(const CLI::Option& option) {
     for (const Setting& setting : currentSettings()) values += setting.name + "= ";
     return values;
   }
-  const std::string type = valueNameOf(option);
+  const std::string type = option.get_type_name();
   for (std::size_t begin = 0; begin <= type.size();) {
     const std::size_t end = std::min(type.find('|', begin), type.size());
     const std::string word = type.substr(begin, end - begin);

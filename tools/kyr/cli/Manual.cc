@@ -51,31 +51,8 @@ std::string paragraphs(const std::string& text) {
   return isVerbatim ? out + ".fi\n" : out;
 }
 
-std::string namesOf(const std::set<CLI::Option*>& options) {
-  std::set<std::string> names;
-  for (const CLI::Option* option : options) names.insert(option->get_name());
-  return fmt::format("{}", fmt::join(names, ", "));
-}
-
-std::string meaningOf(const CLI::Option& option) {
-  std::string text = option.get_description();
-  if (!option.get_needs().empty()) text += ". Needs " + namesOf(option.get_needs());
-  if (!option.get_excludes().empty()) text += ". Not with " + namesOf(option.get_excludes());
-  return text;
-}
-
 std::string item(const std::string& term, const std::string& meaning) {
   return fmt::format(".TP\n.B {}\n{}\n", plain(term), plain(meaning));
-}
-
-std::string usageOf(const CLI::App& command) {
-  std::string usage = "kyr " + command.get_name() + " [OPTIONS]";
-  for (const CLI::Option* argument : positionalsOf(command)) {
-    std::string name = argument->get_name(true);
-    if (argument->get_expected_max() > 1) name += "...";
-    usage += argument->get_required() ? " " + name : " [" + name + "]";
-  }
-  return usage;
 }
 
 std::string sectionOf(const CLI::App& command) {

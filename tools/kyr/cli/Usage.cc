@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <numeric>
+#include <string_view>
 
 #include "cli/CommandLine.h"
 
@@ -46,6 +47,26 @@ std::string unknownOption(const CLI::App& app, const CLI::App& command, const st
   return fmt::format("there is no option {}{}", name, suggestion(name, names));
 }
 
+// What CLI11 says, in our words where its own are hard to read.
+std::string inPlainWords(const CLI::ParseError& error) {
+  const std::string text = error.what();
+  const std::string kind = error.get_name();
+  const std::string subject = text.substr(0, text.find_first_of(": "));
+  const std::string object = text.substr(text.find_last_of(' ') + 1);
+  if (kind == "RequiredError") return subject + " is missing";
+  if (kind == "RequiresError") return fmt::format("{} needs {}", subject, object);
+  if (kind == "ExcludesError") return fmt::format("give {} or {}, not both", subject, object);
+  if (kind == "ArgumentMismatch") {
+    const bool isMissing = text.find("missing") != std::string::npos;
+    return fmt::format("{}: give {}", subject, isMissing ? "a value" : "it once");
+  }
+  constexpr std::string_view kConversion = "Could not convert: ";
+  if (kind == "ConversionError" && text.rfind(kConversion, 0) == 0) {
+    return text.substr(kConversion.size()) + ": give a number";
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string nearestWord(const std::string& word, const std::vector<std::string>& words) {
@@ -77,7 +98,7 @@ std::string describeWrongUsage(const CLI::App& app, const CLI::ParseError& error
   const CLI::App& command = called.empty() ? app : *called.front();
   const std::vector<std::string> unknown = app.remaining(/*recurse=*/true);
   const auto option = std::find_if(unknown.begin(), unknown.end(), isOption);
-  std::string text = error.what();
+  std::string text = inPlainWords(error);
   if (option != unknown.end()) {
     text = unknownOption(app, command, *option);
   } else if (called.empty()) {

@@ -194,16 +194,11 @@ another one without --force. Units are in the metadata of the fields, and in the
 
 Examples:
   kyr export run run.parquet
-  kyr export run run.csv speed torque
+  kyr export run table.csv speed torque
   kyr export run run.parquet --resample 0.01 --method linear
   kyr export run run.parquet --long --compression zstd
   kyr export run dataset --long --partition signal
   kyr export run - speed | head)help";
-
-// A check that --help does not describe, because the name of the value does.
-CLI::Validator oneOf(const std::vector<std::string>& values) {
-  return CLI::IsMember(values).description("");
-}
 
 void addShapeOptions(CLI::App& command, ExportOptions& options, GivenOptions& given) {
   CLI::Option* isLong = command.add_flag("--long", options.isLong,

@@ -102,7 +102,7 @@ void addStreamOptions(CLI::App& command, ImportOptions& options) {
       .add_option("--chunk", options.stream.chunkRows,
                   fmt::format("Rows per append at most; {} unless given", options.stream.chunkRows))
       ->type_name("ROWS")
-      ->check(CLI::PositiveNumber)
+      ->check(isAboveZero())
       ->needs(stream);
   // Parquet splits a batch of more rows.
   constexpr std::size_t kMaxRowGroupRows = 1048576;
@@ -111,7 +111,7 @@ void addStreamOptions(CLI::App& command, ImportOptions& options) {
                   fmt::format("Rows per row group, at most {}; {} unless given", kMaxRowGroupRows,
                               options.stream.batchRows))
       ->type_name("ROWS")
-      ->check(CLI::Range(std::size_t{1}, kMaxRowGroupRows))
+      ->check(CLI::Range(std::size_t{1}, kMaxRowGroupRows).description(""))
       ->needs(stream);
 }
 

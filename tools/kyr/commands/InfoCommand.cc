@@ -113,7 +113,11 @@ RecordingInfo liveInfo(const RecordingReader& reader, recording::LiveRecordingIn
   info.formatVersion = live.formatVersion;
   info.files = std::move(live.files);
   info.signals = reader.signals();
-  for (SignalInfo& signal : info.signals) signal.timeSpan = reader.timeSpan(signal.signalId);
+  for (SignalInfo& signal : info.signals) {
+    signal.timeSpan = reader.timeSpan(signal.signalId);
+    // Parquet tells a smallest number of 0 as -0.
+    if (signal.timeSpan) signal.timeSpan->from += 0.0;
+  }
   return info;
 }
 
@@ -175,8 +179,8 @@ void addInfoCommand(CLI::App& app, Action& action) {
   addRecordingArgument(*command, options->folder);
   command->add_flag("--json", options->asJson, "Print JSON");
   command->footer(R"help(
-Only recording.json is read. While a recording is being written, its durable rows are shown, with
-the times of the first and the last row.
+Only recording.json of a finished recording is read. While a recording is being written, the rows
+that are durable are shown.
 
 The columns "time file" and "data file" name files in FOLDER/storage. If several signals share a
 file, their number stands behind it in parentheses. Without a time file, the times, if there are

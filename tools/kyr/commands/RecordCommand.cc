@@ -269,18 +269,18 @@ void addFlushOptions(CLI::App& command, RecordOptions& options) {
   command
       .add_option("--flush-rows", options.flushRows, "Make rows durable when there are N new ones")
       ->type_name("N")
-      ->check(CLI::PositiveNumber);
+      ->check(isAboveZero());
   command
       .add_option("--flush-seconds", options.flushSeconds,
                   "Make rows durable every S seconds; 1 unless given")
       ->type_name("S")
-      ->check(CLI::PositiveNumber);
+      ->check(isAboveZero());
   command
       .add_option("--sync", options.sync,
                   "When rows survive a power cut, too: never (unless given); flush: when they are "
                   "made durable; seconds: also in between")
-      ->type_name("WHEN")
-      ->check(CLI::IsMember({"never", "flush", "seconds"}));
+      ->type_name("never|flush|seconds")
+      ->check(oneOf({"never", "flush", "seconds"}));
   command.add_flag("--acknowledge", options.acknowledges,
                    "Print the number of durable rows after each flush, one number per line");
 }
