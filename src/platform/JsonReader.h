@@ -87,7 +87,8 @@ class JsonReader {
 
  private:
   [[noreturn]] void fail() const;
-  bool atEnd() const { return at_ == text_.size(); }
+  // An escape sequence that is cut off leads behind the end.
+  bool atEnd() const { return at_ >= text_.size(); }
   char peek() {
     skipSpace();
     return atEnd() ? '\0' : text_[at_];

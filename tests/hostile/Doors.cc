@@ -136,10 +136,10 @@ class Rows {
       truth_->appendData(&truth, 1, {}, {});
       const auto matrix = bytesOf(std::vector<std::int8_t>{1, 2, 3, std::int8_t(row_)});
       matrix_->appendData(matrix.data(), matrix.size(), {{2, 2}}, {});
-      const std::size_t columns = static_cast<std::size_t>(row_ % 3);
+      const std::size_t columns = static_cast<std::size_t>(row_ % 3 + 1);
       const auto varying = bytesOf(std::vector<float>(columns * 2, 0.5F));
       varying_->appendData(varying.data(), varying.size(), {{2, columns}}, {});
-      const std::string blob(static_cast<std::size_t>(row_ % 5), 'b');
+      const std::string blob(static_cast<std::size_t>(row_ % 5 + 1), 'b');
       blob_->appendData(blob.data(), blob.size(), {}, {static_cast<int>(blob.size())});
     }
   }

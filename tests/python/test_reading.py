@@ -13,7 +13,7 @@ from conftest import GOLDEN, run_tool
 import kyr
 from kyr._types import BYTE_TYPES
 
-WAYS = [(), ("--pack",), ("--no-shared-time",), ("--stream", "--batch", "1000")]
+WAYS = [(), ("--pack",), ("--stream", "--batch", "1000")]
 
 
 @pytest.mark.parametrize("options", WAYS, ids=lambda options: " ".join(options) or "plain")
