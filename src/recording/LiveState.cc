@@ -60,8 +60,9 @@ LiveRecordingInfo readLiveState(const OpenFolder& folder) {
   for (std::size_t i = 0; i < flush.live.signals.size(); ++i) {
     LiveSignalInfo signal;
     static_cast<SignalInfo&>(signal) = std::move(flush.live.signals[i]);
-    signal.timeRows = flush.line.rows[2 * i];
-    signal.dataRows = flush.line.rows[2 * i + 1];
+    // A damaged list may have lost the file whose rows the journal counts.
+    if (signal.timeStorageId) signal.timeRows = flush.line.rows[2 * i];
+    if (signal.dataStorageId) signal.dataRows = flush.line.rows[2 * i + 1];
     signal.rowCount = signal.dataRows > 0 ? signal.dataRows : signal.timeRows;
     const auto note = [&rows](std::optional<int> id, std::uint64_t count) {
       if (id) rows[*id] = std::max(rows[*id], count);
