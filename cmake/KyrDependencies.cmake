@@ -20,6 +20,10 @@ else()
   message(STATUS "Arrow 15.0.1: ${KYR_ARROW_ROOT}")
 endif()
 
+if(SKBUILD)
+  include(KyrPrivateArrow)
+endif()
+
 find_package(fmt CONFIG REQUIRED)
 find_package(nlohmann_json CONFIG REQUIRED)
 

@@ -6,10 +6,11 @@ import collections
 import collections.abc
 import os
 import weakref
-from typing import Any, Iterator
+from typing import Any, Iterable, Iterator
 
 from . import _core
 from ._signal import Signal
+from ._table import Table, chosen, table_of
 
 
 class NoSuchSignal(KeyError):
@@ -119,6 +120,30 @@ class Recording(collections.abc.Mapping):
         chosen._ids = [i for i in self._signals if i in ids and unit in (None, self.by_id(i).unit)]
         chosen._list()
         return chosen
+
+    def table(
+        self,
+        names: str | Iterable[str] | None = None,
+        start: float | None = None,
+        stop: float | None = None,
+        resample: float | str | None = None,
+        method: str = "previous",
+    ) -> Table:
+        """Signals over one time vector, between two times [s], both ends included.
+
+        :param names: of the signals; all without them
+        :param resample: None if the signals have the same times; a step [s]; or "union" for all
+            times that any of them has
+        :param method: "previous" sample, "nearest", or "linear" between two; what is not
+            floating-point takes the previous sample then
+        """
+        return table_of(chosen(self, names), start, stop, resample, method)
+
+    def to_xarray(self):
+        """An `xarray.Dataset` of all signals, with a dimension for each distinct time vector."""
+        from ._xarray import dataset
+
+        return dataset(self, is_lazy=False)
 
     # ---- the whole recording -------------------------------------------------------------------
 

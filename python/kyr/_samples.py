@@ -58,6 +58,22 @@ class Samples(collections.abc.Sequence):
             self._are_bytes,
         )
 
+    def _take(self, rows):
+        """Samples of these rows, in memory of their own."""
+        elements, offsets = _gather(self.elements, self.offsets, rows)
+        if self._are_bytes:
+            return Samples(elements, offsets, are_bytes=True)
+        return Samples(elements, offsets, *_gather(self._extents, self._extent_offsets, rows))
+
     def __repr__(self):
         kind = "bytes" if self._are_bytes else f"{self.elements.dtype} arrays"
         return f"<kyr.Samples: {len(self)} {kind} of different sizes>"
+
+
+def _gather(items, offsets, rows):
+    """The items of some rows, and where each of these begins."""
+    import numpy
+
+    lengths = numpy.diff(offsets)[rows]
+    ends = numpy.concatenate([[0], numpy.cumsum(lengths)])
+    return items[numpy.repeat(offsets[rows] - ends[:-1], lengths) + numpy.arange(ends[-1])], ends

@@ -2,13 +2,13 @@
 
 from __future__ import annotations
 
-import math
 import operator
 import weakref
 from typing import TYPE_CHECKING, Any, Iterator
 
 from . import _core
 from ._samples import Samples
+from ._table import bounds, resampled
 from ._types import DTYPES, Kind, as_samples, kind_of
 
 if TYPE_CHECKING:
@@ -139,6 +139,21 @@ class Signal:
             for row in range(first, last, rows):
                 yield self._rows(row, min(last, row + rows))
 
+    def resample(
+        self,
+        step: float | str,
+        method: str = "previous",
+        start: float | None = None,
+        stop: float | None = None,
+    ) -> tuple[Any, Any]:
+        """Times and samples on a grid of times.
+
+        :param step: distance of the times [s], which start with the signal's first one
+        :param method: "previous" sample, "nearest", or "linear" between two; what is not
+            floating-point takes the previous sample then
+        """
+        return resampled(self, step, method, start, stop)
+
     @property
     def time(self) -> np.ndarray | None:
         """All times [s]. Kept as long as you keep the array; signals may share it."""
@@ -199,9 +214,7 @@ class Signal:
             return [(0, len(self))]
         if not self._has_times():
             raise ValueError(f"signal {self.name!r} has no times: select its rows, as s[10:20]")
-        low = -math.inf if start is None else float(start)
-        high = math.inf if stop is None else float(stop)
-        return self._reader.rows_between(self.id, low, high)
+        return self._reader.rows_between(self.id, *bounds(start, stop))
 
     def _rows(self, start, stop):
         return (self._times(start, stop) if self._has_times() else None), self._samples(start, stop)
@@ -210,12 +223,16 @@ class Signal:
         reader = self._reader
         return reader.time_count(self.id) > 0 or reader.sample_count(self.id) == 0
 
+    def _has_no_samples(self):
+        reader = self._reader
+        return reader.sample_count(self.id) == 0 and reader.time_count(self.id) > 0
+
     def _times(self, start, stop):
         return self._recording._times(self.id, start, stop)
 
     def _samples(self, start, stop):
         reader = self._reader
-        if reader.sample_count(self.id) == 0 and reader.time_count(self.id) > 0:
+        if self._has_no_samples():
             return None
         if self._kind in (Kind.number, Kind.matrix):
             elements = reader.read_elements(self.id, start, stop).view(DTYPES[self._info.data_type])

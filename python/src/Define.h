@@ -10,6 +10,10 @@ namespace nb = nanobind;
 void defineErrors(nb::module_& module);
 void defineSignalInfo(nb::module_& module);
 void defineReader(nb::module_& module);
+void defineColumns(nb::module_& module);
 void defineRepair(nb::module_& module);
+void defineResampling(nb::module_& module);
+void defineSignalWriter(nb::module_& module);
+void defineWriting(nb::module_& module);
 
 }  // namespace kyr::python

@@ -9,5 +9,8 @@ NB_MODULE(_core, module) {
   kyr::python::defineErrors(module);
   kyr::python::defineSignalInfo(module);
   kyr::python::defineReader(module);
+  kyr::python::defineResampling(module);
+  kyr::python::defineColumns(module);
   kyr::python::defineRepair(module);
+  kyr::python::defineWriting(module);
 }

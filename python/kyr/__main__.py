@@ -1,0 +1,3 @@
+from ._tool import main
+
+main()

@@ -1,0 +1,365 @@
+"""Recordings that are written."""
+
+from __future__ import annotations
+
+import atexit
+import os
+import warnings
+import weakref
+from typing import Any, Iterable, Mapping
+
+from . import _core
+from ._core import GroupWriter, SignalWriter
+from ._samples import Samples
+from ._types import BYTE_TYPES, DTYPES, FIXED, SCALAR, VARYING
+
+_BINARY = 20000
+_CODES = {name: code for code, name in reversed(DTYPES.items())}
+_open_recorders: Any = weakref.WeakSet()
+
+
+class Recorder:
+    """A recording that is being written. `kyr.record()` makes it.
+
+    ::
+
+        with kyr.record("run43") as w:
+            speed = w.add("speed", unit="m/s")
+            speed.append(0.0, 1.5)
+
+    Leaving the block finishes the recording. Leaving it with an exception flushes what was appended
+    and leaves a recording that can be read, and that `kyr.recover()` finishes. The same holds for
+    a program that ends, and, for all rows up to the last flush, for one that is killed.
+    """
+
+    def __init__(
+        self,
+        path: str | os.PathLike[str],
+        *,
+        flush: float | None = 1.0,
+        sync: str | float = "never",
+    ):
+        """Starts a recording in a new folder. See `kyr.record`."""
+        seconds = 0.0 if flush is None else float(flush)
+        if not seconds >= 0:
+            raise ValueError(f"flush = {flush!r}: expected are seconds, or None")
+        if isinstance(sync, str) and sync not in ("never", "flush"):
+            raise ValueError(f'sync = {sync!r}: expected is "never", "flush", or seconds')
+        mode, interval = (sync, 1.0) if isinstance(sync, str) else ("seconds", float(sync))
+        self._path = os.path.abspath(os.fspath(path))
+        self._core = _core.Recorder(os.fsencode(path), seconds, mode, interval)
+        self._next_id = 1
+        self._names: set[str] = set()
+        _open_recorders.add(self)
+
+    @property
+    def path(self) -> str:
+        """The folder."""
+        return self._path
+
+    def add(
+        self,
+        name: str,
+        *,
+        unit: str = "",
+        description: str = "",
+        dtype: Any = "float64",
+        shape: tuple[int, ...] | int | None = (),
+    ) -> SignalWriter:
+        """A new signal to append to.
+
+        :param name: a name that no other signal has
+        :param dtype: of the elements, as numpy calls it; `bytes` for blobs
+        :param shape: of a sample: () for numbers, (3, 3) for matrices, None for any
+        """
+        if not isinstance(name, str) or not name:
+            raise TypeError(f"name = {name!r}: expected is a text that is not empty")
+        if name in self._names:
+            raise ValueError(f"{self._path}: there is a signal {name!r} already")
+        code, category, extents = _layout(dtype, shape)
+        made = self._core.add(self._next_id, name, unit, description, extents, code, category)
+        self._next_id += 1
+        self._names.add(name)
+        return made
+
+    def group(
+        self, names: Iterable[str], *, units: Mapping[str, str] | None = None, **options: Any
+    ) -> GroupWriter:
+        """New signals over one time vector. `append(t, y)` takes a sample for each.
+
+        :param units: by name; or `unit`, the same for all
+        :param options: of `add()`
+        """
+        if isinstance(names, str):
+            raise TypeError(f"names = {names!r}: expected are several names")
+        units = units or {}
+        made = [self.add(n, **{**options, **({"unit": units[n]} if n in units else {})}) for n in names]
+        return self._core.group(made)
+
+    def flush(self) -> None:
+        """Brings all rows to disk; from then on they survive a crash."""
+        self._core.flush()
+
+    def finish(self) -> None:
+        """Completes the recording and closes it. Nothing can be appended any more."""
+        self._core.finish()
+        _open_recorders.discard(self)
+
+    def abandon(self) -> None:
+        """Flushes and closes, but leaves the recording unfinished; `kyr.recover()` finishes it."""
+        self._core.abandon()
+        _open_recorders.discard(self)
+
+    @property
+    def closed(self) -> bool:
+        return not self._core.is_open
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, kind, exception, trace):
+        if self.closed:
+            return
+        if exception is None:
+            self.finish()
+            return
+        try:
+            self.abandon()
+            kept = "What was appended is kept"
+        except _core.Error as error:
+            kept = f"What was flushed is kept, but the rest is not ({error})"
+        exception.add_note(
+            f"The recording {self._path!r} is not finished. {kept}; "
+            f"kyr.recover({self._path!r}) finishes it."
+        )
+
+    def __del__(self):
+        if hasattr(self, "_core") and not self.closed:
+            warnings.warn(f"{self!r} was not finished", ResourceWarning, source=self)
+
+    def __reduce__(self):
+        raise TypeError("a recording that is being written cannot be pickled")
+
+    def __repr__(self):
+        state = "closed" if self.closed else "being recorded"
+        return f"<kyr.Recorder {self._path!r}: {len(self._names)} signals, {state}>"
+
+
+@atexit.register
+def _abandon_all():
+    # Before the interpreter takes the library apart; the flushing threads end.
+    for recorder in list(_open_recorders):
+        try:
+            recorder.abandon()
+        except (_core.Error, ValueError):
+            pass  # A child of a fork, or a disk that is full: nobody is left to be told.
+
+
+def _layout(dtype, shape):
+    """How a recording calls a type and a shape: type, category, extents."""
+    import numpy
+
+    if dtype in (bytes, "bytes", object) or dtype == numpy.dtype(object):
+        if shape not in ((), None):
+            raise ValueError(f"shape = {shape!r}: a blob has none")
+        return _BINARY, SCALAR, []
+    kind = numpy.dtype(dtype)
+    if kind.name not in _CODES:
+        raise TypeError(f"dtype = {dtype!r}: expected is one of {', '.join(_CODES)}, bytes")
+    if shape is None:
+        return _CODES[kind.name], VARYING, []
+    extents = [shape] if isinstance(shape, int) else [int(extent) for extent in shape]
+    if any(extent < 0 for extent in extents):
+        raise ValueError(f"shape = {shape!r}: an extent is negative")
+    return _CODES[kind.name], FIXED if extents else SCALAR, extents
+
+
+# ---- appending; C++ calls these for what is not a number -------------------------------------------
+
+
+def append_rows(signal: SignalWriter, t: Any, y: Any) -> None:
+    """Appends rows of any kind to a signal."""
+    import numpy
+
+    times = _numbers(signal, t, numpy.dtype("float64"), "times")
+    if times.ndim > 1:
+        raise ValueError(f"signal {signal.name!r}: times of the shape {times.shape}, expected is (n,)")
+    is_single = times.ndim == 0
+    times = numpy.ascontiguousarray(times.reshape(-1))
+    if signal._data_type in BYTE_TYPES or signal._category == VARYING:
+        _append_varying(signal, times, [y] if is_single else y)
+        return
+    samples = _numbers(signal, y, numpy.dtype(DTYPES[signal._data_type]), "samples")
+    expected = tuple(signal._dimensions) if is_single else (len(times), *signal._dimensions)
+    if samples.shape != expected:
+        raise ValueError(
+            f"signal {signal.name!r}: samples of the shape {samples.shape}, expected is {expected}"
+        )
+    samples = samples.reshape(len(times), *signal._dimensions)
+    signal._append_rows(times, _column_by_column(samples))
+
+
+def _column_by_column(samples):
+    """The elements in the order in which recordings have them: the first index runs fastest."""
+    import numpy
+
+    return numpy.ascontiguousarray(samples.transpose(0, *range(samples.ndim - 1, 0, -1)))
+
+
+def _append_varying(signal, times, samples):
+    import numpy
+
+    if not isinstance(samples, (Samples, numpy.ndarray)):
+        samples = list(samples)
+    if len(samples) != len(times):
+        raise ValueError(f"signal {signal.name!r}: {len(samples)} samples for {len(times)} times")
+    if signal._data_type in BYTE_TYPES:
+        rows = [_bytes(signal, sample) for sample in samples]
+        shapes = [()] * len(rows)
+    else:
+        dtype = numpy.dtype(DTYPES[signal._data_type])
+        arrays = [_numbers(signal, sample, dtype, "a sample") for sample in samples]
+        rows = [numpy.ascontiguousarray(array.T).reshape(-1) for array in arrays]
+        shapes = [array.shape for array in arrays]
+    for time, row, shape in zip(times.tolist(), rows, shapes):
+        signal._append_varying(time, row, shape)
+
+
+def _bytes(signal, sample):
+    import numpy
+
+    try:
+        return numpy.frombuffer(sample, "uint8")
+    except (TypeError, ValueError, BufferError):
+        raise TypeError(
+            f"signal {signal.name!r}: a sample is {type(sample).__name__}, expected are bytes"
+        ) from None
+
+
+def _numbers(signal, values, dtype, what):
+    """An array of the type, if its numbers fit: no fraction and no sign is lost."""
+    import numpy
+
+    array = numpy.asarray(values)
+    if array.dtype == dtype:
+        return array
+    kind, wanted = array.dtype.kind, dtype.kind
+    if array.size == 0 and kind in "fO":
+        return array.astype(dtype)
+    if kind not in "biuf" or (kind == "f") > (wanted == "f") or (kind == "b") < (wanted == "b"):
+        found = array.dtype if kind != "O" else type(values).__name__
+        raise TypeError(f"signal {signal.name!r}: {what} are {found}, expected are {dtype}")
+    if wanted in "iu" and array.size:
+        limits = numpy.iinfo(dtype)
+        low, high = int(array.min()), int(array.max())
+        if low < limits.min or high > limits.max:
+            wrong = low if low < limits.min else high
+            raise ValueError(f"signal {signal.name!r}: {wrong} is beyond the range of {dtype}")
+    return array.astype(dtype)
+
+
+def append_to_group(group: GroupWriter, t: Any, y: Any) -> None:
+    """Appends rows to all signals of a group, or, if anything does not fit, to none."""
+    import numpy
+
+    signals = group._signals
+    if isinstance(y, Mapping):
+        missing = {s.name for s in signals} ^ set(y)
+        if missing:
+            raise ValueError(f"a group needs exactly its signals: see {sorted(missing)}")
+        columns = [y[signal.name] for signal in signals]
+    elif numpy.ndim(t) == 0:
+        columns = list(y)
+    else:
+        columns = list(numpy.swapaxes(numpy.asarray(y), 0, 1))
+    if len(columns) != len(signals):
+        raise ValueError(f"{len(columns)} columns for a group of {len(signals)} signals")
+    for signal, column in zip(signals, columns):
+        _check_rows(signal, t, column)
+    for signal, column in zip(signals, columns):
+        append_rows(signal, t, column)
+
+
+def _check_rows(signal, t, y):
+    import numpy
+
+    expected = numpy.shape(t)
+    if signal._data_type in BYTE_TYPES or signal._category == VARYING:
+        return
+    found = _numbers(signal, y, numpy.dtype(DTYPES[signal._data_type]), "samples").shape
+    if found != (*expected, *signal._dimensions):
+        raise ValueError(
+            f"signal {signal.name!r}: samples of the shape {found}, expected is "
+            f"{(*expected, *signal._dimensions)}"
+        )
+
+
+# ---- whole recordings ------------------------------------------------------------------------------
+
+
+def save(
+    path: str | os.PathLike[str],
+    signals: Mapping[str, tuple[Any, Any]],
+    *,
+    units: Mapping[str, str] | None = None,
+    descriptions: Mapping[str, str] | None = None,
+    pack: bool = False,
+    replace: bool = False,
+) -> None:
+    """Saves arrays as a recording, in one step: afterwards it is there, or nothing is.
+
+    :param signals: times [s] and samples by name: `{"speed": (t, y)}`. Samples are arrays of n
+        numbers or of n matrices, or sequences of arrays or `bytes`
+    :param units: by name
+    :param pack: many small signals share files, which is smaller and quicker
+    :param replace: a recording that is there is replaced
+    """
+    for given, what in ((units, "units"), (descriptions, "descriptions")):
+        unknown = sorted(set(given or {}) - set(signals))
+        if unknown:
+            raise ValueError(f"{what} of unknown signals: {', '.join(map(repr, unknown))}")
+    folder = _core.WorkingFolder(os.fsencode(path))
+    try:
+        recorder = Recorder(os.path.join(os.fsdecode(folder.path), "recording"), flush=None)
+        try:
+            for name, pair in signals.items():
+                t, y, dtype, shape = _described(name, pair)
+                recorder.add(
+                    name,
+                    unit=(units or {}).get(name, ""),
+                    description=(descriptions or {}).get(name, ""),
+                    dtype=dtype,
+                    shape=shape,
+                ).append(t, y)
+            recorder._core.save_to(os.fsencode(path), 1 << 20 if pack else 0, replace)
+        finally:
+            recorder._core.abandon()
+            _open_recorders.discard(recorder)
+    finally:
+        folder.remove()
+
+
+def _described(name, pair):
+    """Times, samples, and the type and shape that these show."""
+    import numpy
+
+    try:
+        t, y = pair
+    except (TypeError, ValueError):
+        raise TypeError(f"signal {name!r}: expected is a pair of times and samples") from None
+    times = numpy.asarray(t).reshape(-1)
+    if isinstance(y, Samples):
+        return times, y, "bytes" if y._are_bytes else y.elements.dtype, None
+    if not isinstance(y, numpy.ndarray):
+        y = list(y)
+        if y and all(isinstance(sample, (bytes, bytearray, memoryview)) for sample in y):
+            return times, y, "bytes", None
+        if len({numpy.shape(sample) for sample in y}) > 1:
+            return times, y, numpy.result_type(*y), None
+    y = numpy.asarray(y)
+    return times, y, y.dtype, y.shape[1:]
+
+
+def recover(path: str | os.PathLike[str]) -> _core.Recovery:
+    """Makes a recording of what its writer left. Tells what is there and what was lost."""
+    return _core.recover(os.fsencode(path))

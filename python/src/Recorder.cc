@@ -1,0 +1,129 @@
+#include "Recorder.h"
+
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+#include "Errors.h"
+
+namespace kyr::python {
+
+Recorder::Recorder(std::string folder, const Options& options)
+    : folder_(std::move(folder)),
+      live_(std::make_unique<recording::LiveRecording>(Path::fromNarrow(folder_), options.live)) {
+  if (options.flushSeconds > 0) {
+    thread_ = std::make_unique<std::thread>(
+        [this, seconds = options.flushSeconds] { flushNowAndThen(seconds); });
+  }
+}
+
+Recorder::~Recorder() {
+  if (lock_.isOfParent()) {
+    // The files are the parent's, and so is the thread, which does not run here.
+    live_.release();
+    thread_.release();
+    wakes_.release();  // its end would wait for the thread
+    return;
+  }
+  try {
+    abandon();
+  } catch (...) {
+    // What was flushed before can be recovered all the same.
+  }
+}
+
+void Recorder::requireUsable() {
+  if (lock_.isOfParent()) {
+    throw std::runtime_error(folder_ +
+                             ": another process records it, from which this one was forked");
+  }
+  if (!live_) throw ClosedError(folder_ + ": the recording is finished or closed");
+  if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
+}
+
+std::shared_ptr<SampleStage> Recorder::add(const recording::SignalDescription& description,
+                                           KYRSignalDataType type, KYRSignalCategory category) {
+  const std::lock_guard guard(lock_.mutex());
+  requireUsable();
+  auto signal = live_->addSignal(description, type, category);
+  stages_.push_back(std::make_shared<SampleStage>(std::move(signal), description, type, category));
+  return stages_.back();
+}
+
+void Recorder::writeAll() {
+  for (const auto& stage : stages_) stage->write();
+}
+
+void Recorder::flush() {
+  const std::lock_guard guard(lock_.mutex());
+  requireUsable();
+  writeAll();
+  live_->flush();
+}
+
+void Recorder::finish() {
+  {
+    const std::lock_guard guard(lock_.mutex());
+    requireUsable();
+  }
+  stopThread();
+  const std::lock_guard guard(lock_.mutex());
+  requireUsable();
+  writeAll();
+  live_->finish();
+  live_.reset();
+}
+
+void Recorder::saveTo(const std::string& folder, const recording::SaveOptions& options) {
+  const std::lock_guard guard(lock_.mutex());
+  requireUsable();
+  writeAll();
+  std::vector<recording::SignalDescription> descriptions;
+  for (const auto& stage : stages_) {
+    stage->finish();
+    descriptions.push_back(stage->description());
+  }
+  recording::saveRecording(live_->pool(), descriptions, Path::fromNarrow(folder), options);
+  live_.reset();
+}
+
+void Recorder::abandon() {
+  stopThread();
+  const std::lock_guard guard(lock_.mutex());
+  if (lock_.isOfParent() || !live_) return;
+  const auto live = std::move(live_);
+  writeAll();
+  live->flush();
+}
+
+bool Recorder::isOpen() {
+  const std::lock_guard guard(lock_.mutex());
+  return live_ != nullptr;
+}
+
+void Recorder::stopThread() {
+  std::unique_ptr<std::thread> thread;
+  {
+    const std::lock_guard guard(lock_.mutex());
+    if (lock_.isOfParent()) return;
+    thread = std::move(thread_);
+    isStopping_ = true;
+  }
+  wakes_->notify_all();
+  if (thread) thread->join();
+}
+
+void Recorder::flushNowAndThen(double seconds) {
+  std::unique_lock guard(lock_.mutex());
+  const std::chrono::duration<double> pause(seconds);
+  while (!wakes_->wait_for(guard, pause, [this] { return isStopping_; })) {
+    try {
+      writeAll();
+      live_->flush();
+    } catch (...) {
+      failure_ = std::current_exception();
+    }
+  }
+}
+
+}  // namespace kyr::python
