@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -197,53 +198,72 @@ class Verifier {
     }
   }
 
+  // What is known of a content, so that its file is not opened again for each signal that has it.
+  struct Known {
+    std::shared_ptr<::arrow::Schema> columns;
+    std::uint64_t rows = 0;
+    bool isShaped = false;  // whether the signals say how many elements a sample has
+    std::set<std::vector<std::uint64_t>> read;  // shapes with which all rows were read
+  };
+
   // The signal's content, if its file was found sound. Other files are told of already.
-  std::shared_ptr<parquet::ContentReader> soundContent(const std::optional<int>& storageId) {
+  Known* soundContent(const std::optional<int>& storageId) {
     if (!storageId || sound_.count(*storageId) == 0) return nullptr;
-    return contents_.open(*storageId);
+    const auto found = known_.find(*storageId);
+    if (found != known_.end()) return &found->second;
+    const auto content = contents_.open(*storageId);
+    const bool isShaped = content->schema().kind == parquet::ColumnKind::list;
+    Known known{content->columns(), content->rows(), isShaped, {}};
+    return &known_.emplace(*storageId, std::move(known)).first->second;
   }
 
   void checkSignal(const SignalInfo& signal) {
-    const auto time = soundContent(signal.timeStorageId);
-    const auto data = soundContent(signal.dataStorageId);
-    if (time) checkColumns(signal, *time, *signal.timeStorageId, Scalar, Double);
-    if (time) readThrough(signal, *time, *signal.timeStorageId);
-    if (data) checkColumns(signal, *data, *signal.dataStorageId, signal.category, signal.dataType);
-    const bool decides = signal.dataStorageId ? data != nullptr : time != nullptr;
-    const std::string miscounted =
-        decides ? countFault(signal, (data ? data : time)->rows()) : std::string();
-    if (!miscounted.empty())
-      fault("signal {} \"{}\": {}", signal.signalId, signal.name, miscounted);
-    if (!data) return;
-    if (time && time->rows() != data->rows()) {
-      fault("signal {} \"{}\": {} times in {}, but {} samples in {}", signal.signalId, signal.name,
-            time->rows(), label(*signal.timeStorageId), data->rows(), label(*signal.dataStorageId));
+    Known* const time = soundContent(signal.timeStorageId);
+    Known* const data = soundContent(signal.dataStorageId);
+    if (time && fits(signal, *time, *signal.timeStorageId, Scalar, Double)) {
+      readThrough(signal, *time, *signal.timeStorageId);
     }
-    readThrough(signal, *data, *signal.dataStorageId);
+    const Known* const decides = signal.dataStorageId ? data : time;
+    const std::string miscounted = decides ? countFault(signal, decides->rows) : "";
+    if (!miscounted.empty()) {
+      fault("signal {} \"{}\": {}", signal.signalId, signal.name, miscounted);
+    }
+    if (!data) return;
+    if (time && time->rows != data->rows) {
+      fault("signal {} \"{}\": {} times in {}, but {} samples in {}", signal.signalId, signal.name,
+            time->rows, label(*signal.timeStorageId), data->rows, label(*signal.dataStorageId));
+    }
+    if (fits(signal, *data, *signal.dataStorageId, signal.category, signal.dataType)) {
+      readThrough(signal, *data, *signal.dataStorageId);
+    }
   }
 
-  void checkColumns(const SignalInfo& signal, const parquet::ContentReader& content, int storageId,
-                    KYRSignalCategory category, KYRSignalDataType type) {
-    const std::string wrong = columnFault(*content.columns(), category, type);
-    if (wrong.empty()) return;
+  // Whether the columns are those that the signal says. If not, that is told.
+  bool fits(const SignalInfo& signal, const Known& content, int storageId,
+            KYRSignalCategory category, KYRSignalDataType type) {
+    const std::string wrong = columnFault(*content.columns, category, type);
+    if (wrong.empty()) return true;
     fault("signal {} \"{}\": {} {}", signal.signalId, signal.name, label(storageId), wrong);
-    sound_.erase(storageId);
+    return false;
   }
 
   // Reads all rows: they can be decoded, none is missing, and every sample has as many elements as its
-  // shape says. Contents without shapes are read once for all signals that share them.
-  void readThrough(const SignalInfo& signal, parquet::ContentReader& content, int storageId) {
-    const bool isShaped = content.schema().kind == parquet::ColumnKind::list;
-    if (sound_.count(storageId) == 0) return;
-    if (!isShaped && !read_.insert(storageId).second) return;
-    for (std::size_t part = 0; part < content.parts(); ++part) {
-      const std::uint64_t end = content.partStart(part + 1);
-      for (std::uint64_t first = content.partStart(part); first < end;) {
+  // shape says.
+  void readThrough(const SignalInfo& signal, Known& known, int storageId) {
+    const auto& shape = signal.dimensions;
+    using Shape = std::vector<std::uint64_t>;
+    if (!known.read.insert(known.isShaped ? Shape(shape.begin(), shape.end()) : Shape()).second) {
+      return;
+    }
+    const auto content = contents_.open(storageId);
+    for (std::size_t part = 0; part < content->parts(); ++part) {
+      const std::uint64_t end = content->partStart(part + 1);
+      for (std::uint64_t first = content->partStart(part); first < end;) {
         const std::uint64_t count =
-            content.isFlat() ? std::min(end - first, kPieceRows) : end - first;
-        if (content.isFlat()) readNumbers(content, parquet::columnNames::data, first, count);
-        if (content.hasTimes()) readNumbers(content, parquet::columnNames::time, first, count);
-        if (!content.isFlat()) checkSamples(signal, content, first, count);
+            content->isFlat() ? std::min(end - first, kPieceRows) : end - first;
+        if (content->isFlat()) readNumbers(*content, parquet::columnNames::data, first, count);
+        if (content->hasTimes()) readNumbers(*content, parquet::columnNames::time, first, count);
+        if (!content->isFlat()) checkSamples(signal, *content, first, count);
         first += count;
       }
     }
@@ -291,8 +311,8 @@ class Verifier {
   ContentFiles contents_;                   // each file is compared with its checksum first
   std::map<int, std::map<int, Run>> runs_;  // by pack and storage id
   std::set<int> sound_;
-  std::set<int> read_;         // contents that were read through
-  std::vector<char> numbers_;  // memory for them
+  std::unordered_map<int, Known> known_;  // by storage id
+  std::vector<char> numbers_;             // memory for them
   std::vector<std::string> faults_;
 };
 
