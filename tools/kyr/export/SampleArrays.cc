@@ -55,6 +55,7 @@ std::int32_t endOf(std::int64_t elements) {
 SampleArrays::SampleArrays(const SignalInfo& signal)
     : type_(typeOf(signal)),
       elementType_(isList(*type_) ? type_->field(0)->type() : type_),
+      isFlat_(!isList(*type_) && !isBinary(*type_)),
       width_(widthOf(*elementType_)),
       hasShapes_(signal.category == VarDim || signal.category == VarDimBus) {
   start();
@@ -71,18 +72,21 @@ void SampleArrays::start() {
 
 std::shared_ptr<::arrow::DataType> SampleArrays::shapeType() { return listOf(::arrow::uint64()); }
 
-bool SampleArrays::isFlat() const { return !isList(*type_) && !isBinary(*type_); }
+void SampleArrays::reserve(std::size_t rows) {
+  check(isValid_.Reserve(static_cast<std::int64_t>(rows)));
+  if (isFlat_) check(bytes_.Reserve(static_cast<std::int64_t>(rows * width_)));
+}
 
 void SampleArrays::append(const SampleBlock& block, std::size_t first, std::size_t count) {
   const auto samples = static_cast<std::int64_t>(count);
-  if (isFlat()) {
-    check(bytes_.Append(static_cast<const char*>(block.elements) + first * width_,
-                        samples * static_cast<std::int64_t>(width_)));
+  if (isFlat_) {
+    bytes_.UnsafeAppend(static_cast<const char*>(block.elements) + first * width_,
+                        samples * static_cast<std::int64_t>(width_));
     elements_ += samples;
   } else {
     for (std::size_t i = first; i < first + count; ++i) appendSample(block, i);
   }
-  check(isValid_.Append(samples, true));
+  isValid_.UnsafeAppend(samples, true);
   rows_ += samples;
 }
 
@@ -103,8 +107,8 @@ void SampleArrays::appendSample(const SampleBlock& block, std::size_t sample) {
 }
 
 void SampleArrays::appendNull() {
-  if (isFlat()) {
-    check(bytes_.Append(static_cast<std::int64_t>(width_), 0));
+  if (isFlat_) {
+    bytes_.UnsafeAppend(static_cast<std::int64_t>(width_), 0);
     ++elements_;
   } else {
     if (ends_.length() == 0) check(ends_.Append(0));
@@ -113,7 +117,7 @@ void SampleArrays::appendNull() {
       check(shapeEnds_.Append(endOf(extents_)));
     }
   }
-  check(isValid_.Append(false));
+  isValid_.UnsafeAppend(false);
   ++rows_;
 }
 
@@ -135,7 +139,7 @@ std::vector<SampleArrays::ArrayPtr> SampleArrays::finish() {
   const BufferPtr ends = check(ends_.Finish());
   const BufferPtr shapeEnds = check(shapeEnds_.Finish());
   std::shared_ptr<::arrow::ArrayData> samples;
-  if (isFlat()) {
+  if (isFlat_) {
     samples = finishElements()->data();
     samples->buffers[0] = isValid;
     samples->null_count = nulls;

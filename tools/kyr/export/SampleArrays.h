@@ -22,11 +22,13 @@ class SampleArrays {
 
   const std::shared_ptr<::arrow::DataType>& type() const { return type_; }
   /// Whether each sample is one element.
-  bool isFlat() const;
+  bool isFlat() const { return isFlat_; }
   /// Whether the signal has an array of shapes, lists of uint64, beside that of the samples.
   bool hasShapes() const { return hasShapes_; }
   static std::shared_ptr<::arrow::DataType> shapeType();
 
+  /// To be called first: at most so many samples and nulls will be appended until finish().
+  void reserve(std::size_t rows);
   /// Appends samples [first, first + count) of a block.
   /// \throws std::runtime_error if the array gets more elements than Arrow can count
   void append(const recording::SampleBlock& block, std::size_t first, std::size_t count);
@@ -42,7 +44,8 @@ class SampleArrays {
 
   std::shared_ptr<::arrow::DataType> type_;
   std::shared_ptr<::arrow::DataType> elementType_;
-  std::size_t width_ = 1;  // bytes of an element in a block
+  bool isFlat_;
+  std::size_t width_;  // bytes of an element in a block
   bool hasShapes_;
   std::int64_t rows_ = 0;
   std::int64_t elements_ = 0;

@@ -76,14 +76,12 @@ void requireSameTimes(const RecordingReader& reader, const std::vector<ExportSig
 recording::Resampling resamplingOf(const RecordingReader& reader,
                                    const std::vector<ExportSignal>& signals,
                                    const ResampleOptions& options) {
-  using Method = recording::ResampleOptions::Method;
   const Span span("resample: grid");
   std::vector<int> ids;
   ids.reserve(signals.size());
   for (const ExportSignal& signal : signals) ids.push_back(signal.info.signalId);
   recording::ResampleOptions asked;
   asked.step = options.step;
-  asked.method = options.isLinear ? Method::linear : Method::previous;
   try {
     return {reader, std::move(ids), asked};
   } catch (const std::invalid_argument& error) {
@@ -116,7 +114,7 @@ WideTable::WideTable(const RecordingReader& reader, const std::vector<ExportSign
 void WideTable::addColumn(const ExportSignal& signal, bool isLinear, Losses& losses) {
   const recording::SignalInfo& info = signal.info;
   const bool isInterpolated = isLinear && isNumber(info) && info.dataType != Boolean;
-  columns_.push_back({info.signalId, signal.times, isInterpolated,
+  columns_.push_back({info.signalId, signal.times, isInterpolated, toDoublesFor(info.dataType),
                       SampleCursor(reader_, info, info.rowCount, blockRowsFor(2 * signals_.size())),
                       SampleArrays(info)});
   const SampleArrays& arrays = columns_.back().arrays;
@@ -163,7 +161,7 @@ void WideTable::findPlaces(std::size_t count) {
   places_.clear();
   if (!resampling_) return;
   for (const Column& column : columns_) {
-    if (column.isInterpolated || places_.count(column.times) > 0) continue;
+    if (places_.count(column.times) > 0) continue;
     places_[column.times] = resampling_->places(column.signal, {row_, row_ + count});
   }
 }
@@ -218,6 +216,7 @@ std::shared_ptr<::arrow::RecordBatch> WideTable::nextPiece() {
 }
 
 void WideTable::addSamples(Column& column, std::size_t count) {
+  column.arrays.reserve(count);
   std::size_t rows = 0;
   for (std::size_t row = 0; row < count; row += rows) {
     const std::int64_t sample = sampleAt(column, row);
@@ -236,11 +235,34 @@ void WideTable::addSamples(Column& column, std::size_t count) {
   }
 }
 
-WideTable::ArrayPtr WideTable::interpolated(const Column& column, std::size_t count) const {
+double WideTable::numberAt(Column& column, std::int64_t sample) {
+  for (const Number& known : column.known) {
+    if (known.sample == sample) return known.number;
+  }
+  const recording::SampleBlock& block = column.samples.blockOf(static_cast<std::uint64_t>(sample));
+  const auto at = static_cast<std::size_t>(static_cast<std::uint64_t>(sample) - block.firstRow);
+  Number read{sample, 0};
+  column.toDoubles(static_cast<const char*>(block.elements) + at * column.samples.width(), 1,
+                   &read.number);
+  column.known = {read, column.known[0]};
+  return read.number;
+}
+
+WideTable::ArrayPtr WideTable::interpolated(Column& column, std::size_t count) const {
   ::arrow::DoubleBuilder builder;
   check(builder.Reserve(static_cast<std::int64_t>(count)));
-  for (const auto& number : resampling_->numbers(column.signal, {row_, row_ + count})) {
-    number ? builder.UnsafeAppend(*number) : builder.UnsafeAppendNull();
+  const std::vector<recording::SamplePlace>& places = places_.at(column.times);
+  for (std::size_t row = 0; row < count; ++row) {
+    const recording::SamplePlace& place = places[row];
+    if (place.before < 0 || (!place.isAtBefore && place.after < 0)) {
+      builder.UnsafeAppendNull();
+    } else if (place.isAtBefore) {
+      builder.UnsafeAppend(numberAt(column, place.before));
+    } else {
+      const double before = numberAt(column, place.before);
+      const double after = numberAt(column, place.after);
+      builder.UnsafeAppend(recording::Resampling::between(before, after, place.part));
+    }
   }
   return check(builder.Finish());
 }

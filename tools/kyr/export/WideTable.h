@@ -2,6 +2,7 @@
 
 #include <arrow/type_fwd.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -19,6 +20,7 @@
 #include "kyr/recording/RecordingReader.h"
 #include "kyr/recording/Resampling.h"
 #include "print/SampleCursor.h"
+#include "print/SampleNumbers.h"
 
 namespace kyr::tool {
 
@@ -40,12 +42,21 @@ class WideTable {
  private:
   using ArrayPtr = std::shared_ptr<::arrow::Array>;
 
+  struct Number {
+    std::int64_t sample = -1;
+    double number = 0;
+  };
+
   struct Column {
     int signal;
     int times;  // the first signal with the same times
     bool isInterpolated;
+    ToDoubles toDoubles;  // null for samples that are no numbers
     SampleCursor samples;
     SampleArrays arrays;
+    // The samples before and after a time may lie in two blocks, which are not read anew for each
+    // time between them.
+    std::array<Number, 2> known = {};  // the last that was read first
   };
 
   void addColumn(const ExportSignal& signal, bool isLinear, Losses& losses);
@@ -55,7 +66,8 @@ class WideTable {
   void findPlaces(std::size_t count);
   std::shared_ptr<::arrow::RecordBatch> nextPiece();
   void addSamples(Column& column, std::size_t count);
-  ArrayPtr interpolated(const Column& column, std::size_t count) const;
+  ArrayPtr interpolated(Column& column, std::size_t count) const;
+  static double numberAt(Column& column, std::int64_t sample);
 
   const recording::RecordingReader& reader_;
   const std::vector<ExportSignal>& signals_;
