@@ -99,7 +99,8 @@ class Damage(ToolTest):
         for arguments in (("cat", "rec", "--rows", f"{rows // 2}:{rows // 2 + 1}"), ("cat", "rec"),
                           ("export", "rec", "out")):
             error = self.run_tool(*arguments, expect=1).stderr
-            lost = re.fullmatch(r"kyr: .*storage/\d+: .*rows (\d+) to (\d+) cannot be read\n", error)
+            lost = re.fullmatch(r"kyr: .*storage/\d+: .*rows (\d+) to (\d+) cannot be read\n",
+                                error)
             self.assertIsNotNone(lost, error)
             self.assertLessEqual(int(lost[1]), rows // 2)
             self.assertLess(rows // 2, int(lost[2]))

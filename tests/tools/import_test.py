@@ -338,7 +338,8 @@ class Storing(ToolTest):
     def test_a_file_that_may_not_grow(self):
         self.write("time,a\n" + "".join(f"{row},{math.sin(row)}\n" for row in range(self.ROWS)))
         for options in (("import", "in.csv", "rec"), ("import", "in.csv", "rec", "--stream"),
-                        ("import", "in.csv", "rec", "--pack"), ("record", "in.csv", "rec", "--force")):
+                        ("import", "in.csv", "rec", "--pack"),
+                        ("record", "in.csv", "rec", "--force")):
             with self.subTest(options):
                 tool = self.limited(resource.RLIMIT_FSIZE, 99_999, *options)
                 self.assertEqual(tool.returncode, 1)

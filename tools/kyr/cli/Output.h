@@ -10,8 +10,8 @@ namespace kyr::tool {
 /// Writes "kyr: MESSAGE" to standard error, on one line. It is no failure if nobody can read it.
 void tell(const std::string& message);
 
-/// Whether an error of writing to standard output, a value of errno, says that nobody can read it any
-/// more: a pipe or a terminal that was closed.
+/// Whether an error of writing to standard output, a value of errno, says that nobody can read it:
+/// a pipe or a terminal that was closed.
 bool isOutputGone(int error);
 
 /// Standard output, buffered. Text that was not flushed is lost when the command fails.

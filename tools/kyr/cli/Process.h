@@ -3,7 +3,7 @@
 namespace kyr::tool {
 
 /// To be called first. From then on a failure to write is an error and not a signal: to a pipe that
-/// nobody reads any more, or beyond the largest size of a file. Standard streams that the caller has
+/// nobody reads any more, or beyond the largest size of a file. Standard streams that the caller
 /// closed lead nowhere, so that no file gets their descriptor, and with it what is printed.
 void prepareProcess();
 

@@ -99,8 +99,8 @@ std::vector<recording::Leftover> leftovers(const Path& folder) {
   return found;
 }
 
-// What `kyr record --force` left when it was killed. Only a recording that has taken the place of the
-// old one makes that useless.
+// What `kyr record --force` left when it was killed. It is useless only if another recording has
+// taken the place of the old one.
 void collectReplaced(const std::string& folder, Collector& collector) {
   for (const fs::path& replaced : replacedRecordings(folder)) {
     if (isRecording(folder)) {

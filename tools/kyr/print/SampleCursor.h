@@ -14,13 +14,12 @@ class SampleCursor {
  public:
   /// \param reader  must outlive the object, and not be refreshed meanwhile
   /// \param endRow  row behind the last that will be asked for
-  /// \param blockRows  numbers that are read at once at most; samples of other kinds are read by row
-  ///        group
+  /// \param blockRows  numbers that are read at once at most; other samples are read by row group
   SampleCursor(const recording::RecordingReader& reader, const recording::SignalInfo& signal,
                std::uint64_t endRow, std::size_t blockRows);
 
-  /// The block that holds a row, without times. Valid until the next call. Rows that are asked for in
-  /// ascending order are read once.
+  /// The block that holds a row, without times. Valid until the next call. Rows that are asked for
+  /// in ascending order are read once.
   const recording::SampleBlock& blockOf(std::uint64_t row) {
     if (row < block_.firstRow || row - block_.firstRow >= block_.rows) read(row);
     return block_;
