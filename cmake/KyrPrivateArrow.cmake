@@ -8,12 +8,9 @@ execute_process(
   COMMAND "${Python_EXECUTABLE}" "${PROJECT_SOURCE_DIR}/python/private_arrow.py"
     "${kyr_arrow_library}" "${kyr_parquet_library}" "${KYR_PRIVATE_ARROW_DIR}"
   COMMAND_ERROR_IS_FATAL ANY)
-foreach(name arrow parquet)
-  set(kyr_private_library "${KYR_PRIVATE_ARROW_DIR}/libkyr_${name}.so.1500")
-  string(SUBSTRING "${name}" 0 1 kyr_first_letter)
-  string(TOUPPER "${kyr_first_letter}" kyr_first_letter)
-  string(REGEX REPLACE "^." "${kyr_first_letter}" kyr_namespace "${name}")
-  set_target_properties(${kyr_namespace}::${name}_shared PROPERTIES
-    IMPORTED_LOCATION "${kyr_private_library}"
+foreach(namespace Arrow Parquet)
+  string(TOLOWER "${namespace}" name)
+  set_target_properties(${namespace}::${name}_shared PROPERTIES
+    IMPORTED_LOCATION "${KYR_PRIVATE_ARROW_DIR}/libkyr_${name}.so.1500"
     IMPORTED_SONAME "libkyr_${name}.so.1500")
 endforeach()

@@ -10,6 +10,9 @@ import time
 
 import numpy as np
 
+# The build folder's Python package, unless one is installed.
+sys.path.append(str(pathlib.Path(__file__).parents[2] / "build/release/python"))
+
 import workloads
 
 
@@ -29,6 +32,87 @@ class Asammdf:
         with asammdf.MDF(folder / "signals.mf4") as mdf:
             found = mdf.select([f"s{i}" for i in range(workload.signals)], copy_master=False)
             return found[0].timestamps, [signal.samples for signal in found]
+
+
+class Kyr:
+    """kyr's Python package. W2 appends chunks to a recording, without flushes; else arrays are saved."""
+    module, takes = "kyr", ("W1", "W1q", "W1i", "W2", "W4", "W5")
+
+    def write(self, workload, folder, times, signals):
+        import kyr
+        if not workload.chunk_rows:
+            kyr.save(folder / "run", {f"s{i}": (times, x) for i, x in enumerate(signals)},
+                     pack=workload.name == "W4", replace=True)
+            return
+        with kyr.record(folder / "run", flush=None) as recorder:
+            writers = [recorder.add(f"s{i}", dtype=x.dtype) for i, x in enumerate(signals)]
+            for at in range(0, workload.rows, workload.chunk_rows):
+                end = at + workload.chunk_rows
+                for writer, samples in zip(writers, signals):
+                    writer.append(times[at:end], samples[at:end])
+
+    def read(self, workload, folder):
+        import kyr
+        with kyr.open(folder / "run") as recording:
+            signals = [recording[f"s{i}"].values for i in range(workload.signals)]
+            return recording["s0"].time, signals
+
+    def open_window(self, folder, signal):
+        import kyr
+        return kyr.open(folder / "run")[f"s{signal}"]
+
+    def read_window(self, signal, first, end):
+        return signal[first:end]
+
+
+class H5py:
+    """HDF5 through h5py, a data set for each signal; W2 in chunks of 10,000 rows that grow."""
+    module, takes = "h5py", ("W1", "W1q", "W1i", "W2", "W4", "W5")
+
+    def write(self, workload, folder, times, signals):
+        import h5py
+        with h5py.File(folder / "signals.h5", "w") as file:
+            if not workload.chunk_rows:
+                for i, column in enumerate([times, *signals]):
+                    file.create_dataset(f"s{i}", data=column)
+                return
+            sets = [file.create_dataset(f"s{i}", (0,), x.dtype, maxshape=(None,), chunks=(10_000,))
+                    for i, x in enumerate([times, *signals])]
+            for at in range(0, workload.rows, workload.chunk_rows):
+                end = at + workload.chunk_rows
+                for each, column in zip(sets, [times, *signals]):
+                    each.resize((end,))
+                    each[at:end] = column[at:end]
+
+    def read(self, workload, folder):
+        import h5py
+        with h5py.File(folder / "signals.h5", "r") as file:
+            columns = [file[f"s{i}"][:] for i in range(workload.signals + 1)]
+            return columns[0], columns[1:]
+
+    def open_window(self, folder, signal):
+        import h5py
+        return h5py.File(folder / "signals.h5", "r")[f"s{signal + 1}"]
+
+    def read_window(self, dataset, first, end):
+        return dataset[first:end]
+
+
+class PyArrow:
+    """Parquet through pyarrow as it comes: one file for all signals, a column for each."""
+    module, takes = "pyarrow", ("W1", "W1q", "W1i", "W4", "W5")
+
+    def write(self, workload, folder, times, signals):
+        import pyarrow as pa
+        import pyarrow.parquet as pq
+        columns = {"time": times, **{f"s{i}": x for i, x in enumerate(signals)}}
+        pq.write_table(pa.table(columns), folder / "signals.parquet")
+
+    def read(self, workload, folder):
+        import pyarrow.parquet as pq
+        table = pq.read_table(folder / "signals.parquet")
+        return table["time"].to_numpy(), [table[f"s{i}"].to_numpy()
+                                          for i in range(workload.signals)]
 
 
 class Mcap:
@@ -120,7 +204,8 @@ class Zarr:
         return array[first:end]
 
 
-STORES = {"py:asammdf": Asammdf, "py:mcap": Mcap, "py:duckdb": DuckDB, "py:zarr": Zarr}
+STORES = {"py:kyr": Kyr, "py:h5py": H5py, "py:pyarrow": PyArrow, "py:asammdf": Asammdf,
+          "py:mcap": Mcap, "py:duckdb": DuckDB, "py:zarr": Zarr}
 
 
 def memory_status(name):

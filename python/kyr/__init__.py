@@ -44,6 +44,8 @@ from ._table import Table
 from ._tool import import_csv
 from ._writing import Recorder, recover, save
 
+__version__ = _core.version
+
 __all__ = [
     "DamagedError",
     "Error",

@@ -8,7 +8,7 @@ import os
 import weakref
 from typing import Any, Iterable, Iterator
 
-from . import _core
+from . import _core, _show
 from ._signal import Signal
 from ._table import Table, chosen, table_of
 
@@ -187,6 +187,7 @@ class Recording(collections.abc.Mapping):
 
     @property
     def closed(self) -> bool:
+        """Whether `close()` was called."""
         return self._reader.closed
 
     def __enter__(self):
@@ -212,8 +213,10 @@ class Recording(collections.abc.Mapping):
     def __repr__(self):
         if self.closed:
             return f"<kyr.Recording {self._path!r}, closed>"
-        state = "" if self.state == "finished" else f", {self.state}"
-        return f"<kyr.Recording {self._path!r}: {len(self)} signals{state}>"
+        return _show.table_text(self)
+
+    def _repr_html_(self):
+        return repr(self) if self.closed else _show.table_html(self)
 
 
 def _reopen(cls, path, checks, ids):

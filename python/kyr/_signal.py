@@ -114,7 +114,8 @@ class Signal:
     def same_as(self) -> list[str]:
         """Names of the other signals that share this one's samples, because they are equal."""
         names = self._recording._names
-        return [names[i] for i in self._reader.with_same_samples(self.id) if i != self.id]
+        same = self._reader.with_same_samples(self.id)
+        return [names[i] for i in same if i != self.id and i in names]
 
     # ---- reading -------------------------------------------------------------------------------
 
@@ -264,17 +265,14 @@ class Signal:
         if self._recording.closed:
             return f"<kyr.Signal {self.name!r} of a closed recording>"
         unit = f" [{self.unit}]" if self.unit else ""
-        shape = {None: "of varying shape", (): ""}.get(
-            self._shape_shown(), f"of shape {self._shape_shown()}"
-        )
-        kind = "bytes" if self._kind is Kind.bytes else f"{self.dtype} {shape}".strip()
-        return f"<kyr.Signal {self.name!r}{unit}: {len(self)} rows of {kind}>"
-
-    def _shape_shown(self):
         try:
-            return self.shape
-        except _core.Error:
-            return None
+            rows, shape = len(self), self.shape
+        except _core.Error as error:
+            return f"<kyr.Signal {self.name!r}{unit}: {error}>"
+        kind = "bytes" if self._kind is Kind.bytes else str(self.dtype)
+        if kind != "bytes" and shape != ():
+            kind += " of varying shape" if shape is None else f" of shape {shape}"
+        return f"<kyr.Signal {self.name!r}{unit}: {rows} rows of {kind}>"
 
 
 def _signal_of(recording, signal_id):

@@ -112,6 +112,7 @@ class Recorder:
 
     @property
     def closed(self) -> bool:
+        """Whether nothing can be appended any more."""
         return not self._core.is_open
 
     def __enter__(self):

@@ -6,6 +6,7 @@ NB_MODULE(_core, module) {
       "Private. Programs use the package, whose classes stand on these.";
   // Objects that are alive when the interpreter ends are no fault of the user's.
   nanobind::set_leak_warnings(false);
+  module.attr("version") = KYR_VERSION;
   kyr::python::defineErrors(module);
   kyr::python::defineSignalInfo(module);
   kyr::python::defineReader(module);

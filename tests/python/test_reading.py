@@ -139,6 +139,20 @@ def test_a_recording_is_a_mapping(imported):
     assert dict(chosen.items())["Gyroscope X"].name == "Gyroscope X"
 
 
+def test_names_are_made_unique_and_equal_samples_known(tmp_path):
+    # Hosts may give several signals one name.
+    with kyr.record(tmp_path / "run") as recorder:
+        for id, (name, unit) in enumerate([("v", "m/s"), ("v", "km/h"), ("w", ""), ("w", "")], 1):
+            signal = recorder._core.add(id, name, unit, "", [], 0, 0)
+            signal.append([0, 1], [1, 2 + id % 2])
+    recording = kyr.open(tmp_path / "run")
+    assert list(recording) == ["v [m/s]", "v [km/h]", "w (3)", "w (4)"]
+    assert recording["v [m/s]"].same_as == ["w (3)"]
+    assert recording.select("v").by_id(1).same_as == []
+    with pytest.raises(KeyError, match="several signals are called 'v': 'v .m/s.'"):
+        recording["v"]
+
+
 def test_a_live_recording_grows_at_refresh(tmp_path):
     # The tool records in a process of its own, and flushes when it is told to finish.
     import os

@@ -1,0 +1,238 @@
+"""
+What the package kyr is made of: readers and writers over kyr's library.
+
+Private. Programs use the package, whose classes stand on these.
+"""
+
+from collections.abc import Sequence
+from typing import Annotated
+
+import numpy
+from numpy.typing import NDArray
+from typing_extensions import CapsuleType
+
+from kyr import DamagedError as DamagedError, Error as Error
+
+
+version: str = '0.1.0'
+
+class SignalInfo:
+    """What a recording tells about a signal."""
+
+    @property
+    def id(self) -> int: ...
+
+    @property
+    def name(self) -> str: ...
+
+    @property
+    def unit(self) -> str: ...
+
+    @property
+    def description(self) -> str: ...
+
+    @property
+    def dimensions(self) -> list[int]: ...
+
+    @property
+    def data_type(self) -> int: ...
+
+    @property
+    def category(self) -> int: ...
+
+    @property
+    def has_samples(self) -> bool: ...
+
+class Reader:
+    """Reads the signals of a recording where its files are."""
+
+    def __init__(self, folder: bytes, checks: bool = True) -> None: ...
+
+    def close(self) -> None: ...
+
+    @property
+    def closed(self) -> bool: ...
+
+    @property
+    def state(self) -> str:
+        """"finished", "being recorded" or "not finished\""""
+
+    def refresh(self) -> bool:
+        """Take note of what a live recording got. True if anything is new."""
+
+    def signals(self) -> list[SignalInfo]:
+        """The signals by ascending id."""
+
+    def matching(self, pattern: str) -> list[int]:
+        """Ids of the signals whose names match a pattern of the shell's kind."""
+
+    def with_same_samples(self, id: int) -> list[int]:
+        """Ids of the signals that share the samples."""
+
+    def with_same_times(self, id: int) -> list[int]:
+        """Ids of the signals that share the times."""
+
+    def sample_count(self, id: int) -> int: ...
+
+    def time_count(self, id: int) -> int: ...
+
+    def pair_count(self, id: int) -> int: ...
+
+    def elements_per_sample(self, id: int) -> int: ...
+
+    def time_span(self, id: int) -> tuple[float, float] | None:
+        """Smallest and largest time [s]; None without times."""
+
+    def read_times(self, id: int, start: int, stop: int) -> Annotated[NDArray[numpy.uint8], dict(shape=(None,), order='C', writable=False)]:
+        """Bytes of the times of rows [start, stop), 8 each."""
+
+    def read_elements(self, id: int, start: int, stop: int) -> Annotated[NDArray[numpy.uint8], dict(shape=(None,), order='C', writable=False)]:
+        """Bytes of samples [start, stop), which have equally many elements."""
+
+    def read_varying(self, id: int, start: int, stop: int) -> tuple[Annotated[NDArray[numpy.uint8], dict(shape=(None,), order='C', writable=False)], Annotated[NDArray[numpy.int64], dict(shape=(None,), order='C', writable=False)], Annotated[NDArray[numpy.int64], dict(shape=(None,), order='C', writable=False)], Annotated[NDArray[numpy.int64], dict(shape=(None,), order='C', writable=False)]]:
+        """
+        Samples [start, stop) of any size: bytes, offsets in elements, and for samples with
+        shapes their extents and offsets of these.
+        """
+
+    def rows_between(self, id: int, start: float, stop: float) -> list[tuple[int, int]]:
+        """Ranges of rows whose times [s] lie in a window, both ends included."""
+
+    def stream(self, id: int, start: int, stop: int, max_rows: int) -> CapsuleType:
+        """Rows [start, stop) as a capsule of Arrow's C stream interface."""
+
+def schema_of(stream: CapsuleType) -> CapsuleType:
+    """The schema of such a stream, as a capsule."""
+
+def resample(reader: Reader, ids: Sequence[int], step: float | None, start: float, stop: float) -> tuple:
+    """
+    Times [s] of a grid between two times, both ends included, and for each signal four
+    arrays: the sample before each time (-1 for none), the one after it, where the time
+    lies between them (0 to 1), and whether it is that of the sample before.
+    """
+
+def stream_of_columns(columns: Sequence[tuple[str, str, Annotated[NDArray, dict(order='C', device='cpu', writable=False)], object, object, bool]]) -> CapsuleType:
+    """
+    Arrays as a capsule of Arrow's C stream interface. Each column is a tuple: name, unit,
+    elements, elements of each sample (None, a number, or offsets), which samples there
+    are (None for all), whether samples are bytes.
+    """
+
+class RecoveredSignal:
+    """What became of a signal."""
+
+    @property
+    def id(self) -> int: ...
+
+    @property
+    def name(self) -> str: ...
+
+    @property
+    def rows_kept(self) -> int: ...
+
+    @property
+    def rows_lost(self) -> int:
+        """Of those that the last flush stored."""
+
+    @property
+    def seconds_lost(self) -> float | None:
+        """[s]; None if the times are lost."""
+
+class Recovery:
+    """What became of a recording not finished."""
+
+    @property
+    def was_complete(self) -> bool:
+        """There was nothing to do."""
+
+    @property
+    def signals(self) -> list[RecoveredSignal]:
+        """By ascending id."""
+
+    @property
+    def notes(self) -> list[str]:
+        """What else was lost or had to be guessed."""
+
+    @property
+    def has_losses(self) -> bool:
+        """Whether anything is missing that a flush had stored."""
+
+    def __repr__(self) -> str: ...
+
+def verify(folder: bytes) -> list[str]:
+    """One line per fault; none for a sound recording."""
+
+def recover(folder: bytes) -> Recovery:
+    """Makes a recording of what its writer left."""
+
+class SignalWriter:
+    """A signal that is being recorded. `Recorder.add()` makes it."""
+
+    def append(self, t: object, y: object) -> None:
+        """
+        Appends a row, or many.
+
+        :param t: a time [s], or an array of times
+        :param y: a sample, or an array of as many samples as times: shape (n,) for numbers, (n, rows,
+            columns) for matrices, a sequence of samples if these differ in size
+        :raises TypeError, ValueError: if the signal's type or shape does not fit; nothing is appended
+        :raises kyr.Error: if a file cannot be written. Rows that were appended before, and perhaps this
+            call's, stay in memory for the next try; `len()` tells how many there are
+        """
+
+    def __len__(self) -> int: ...
+
+    @property
+    def id(self) -> int: ...
+
+    @property
+    def name(self) -> str: ...
+
+    @property
+    def unit(self) -> str: ...
+
+class GroupWriter:
+    """
+    Signals that are recorded over one time vector. `Recorder.group()` makes it.
+    """
+
+    def append(self, t: object, y: object) -> None:
+        """
+        Appends a row to every signal, or many.
+
+        :param t: a time [s], or an array of n times
+        :param y: a sample for each signal, in the order of the names; for an array of times, an array of
+            the shape (n, signals), or arrays of n samples by name
+        """
+
+    def __len__(self) -> int: ...
+
+class Recorder:
+    """Writes a recording while it grows."""
+
+    def __init__(self, folder: bytes, flush_seconds: float, sync: str, sync_seconds: float) -> None: ...
+
+    def add(self, id: int, name: str, unit: str, description: str, dimensions: Sequence[int], data_type: int, category: int) -> SignalWriter: ...
+
+    def group(self, signals: Sequence[SignalWriter]) -> GroupWriter: ...
+
+    def flush(self) -> None: ...
+
+    def finish(self) -> None: ...
+
+    def abandon(self) -> None: ...
+
+    def save_to(self, folder: bytes, pack_below: int, replaces: bool) -> None: ...
+
+    @property
+    def is_open(self) -> bool: ...
+
+class WorkingFolder:
+    """For the files of a recording to be."""
+
+    def __init__(self, folder: bytes) -> None: ...
+
+    @property
+    def path(self) -> bytes: ...
+
+    def remove(self) -> None: ...
