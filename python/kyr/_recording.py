@@ -6,11 +6,14 @@ import collections
 import collections.abc
 import os
 import weakref
-from typing import Any, Iterable, Iterator
 
 from . import _core, _show
 from ._signal import Signal
 from ._table import Table, chosen, table_of
+
+TYPE_CHECKING = False  # Importing the module typing takes long.
+if TYPE_CHECKING:
+    from typing import Any, Iterable, Iterator
 
 
 class NoSuchSignal(KeyError):

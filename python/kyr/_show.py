@@ -2,8 +2,6 @@
 
 from __future__ import annotations
 
-import html
-
 from . import _core
 
 _SHOWN = 20
@@ -23,6 +21,7 @@ def table_text(recording) -> str:
 
 def table_html(recording) -> str:
     """The same as a table for notebooks."""
+    import html
 
     def line(cells, tag):
         return "<tr>" + "".join(f"<{tag}>{html.escape(cell)}</{tag}>" for cell in cells) + "</tr>"

@@ -4,14 +4,16 @@ from __future__ import annotations
 
 import operator
 import weakref
-from typing import TYPE_CHECKING, Any, Iterator
 
 from . import _core
 from ._samples import Samples
 from ._table import bounds, resampled
 from ._types import DTYPES, Kind, as_samples, kind_of
 
+TYPE_CHECKING = False  # Importing the module typing takes long.
 if TYPE_CHECKING:
+    from typing import Any, Iterator
+
     import numpy as np
 
     from ._recording import Recording

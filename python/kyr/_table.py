@@ -2,15 +2,18 @@
 
 from __future__ import annotations
 
+import collections
 import math
 import os
-from typing import TYPE_CHECKING, Any, Iterable, NamedTuple
 
 from . import _core
 from ._samples import Samples
 from ._types import Kind
 
+TYPE_CHECKING = False  # Importing the module typing takes long.
 if TYPE_CHECKING:
+    from typing import Any, Iterable
+
     import numpy as np
 
     from ._signal import Signal
@@ -18,13 +21,8 @@ if TYPE_CHECKING:
 METHODS = ("previous", "nearest", "linear")
 
 
-class Column(NamedTuple):
-    """Samples of a signal at the times of a table."""
-
-    values: Any
-    valid: Any  # which samples there are; None for all
-    unit: str
-    description: str
+# Samples of a signal at the times of a table. `valid` tells which samples there are; None for all.
+Column = collections.namedtuple("Column", "values valid unit description")
 
 
 class Table:

@@ -4,9 +4,12 @@ from __future__ import annotations
 
 import os
 import sys
-from typing import Any
 
 from ._core import Error
+
+TYPE_CHECKING = False  # Importing the module typing takes long.
+if TYPE_CHECKING:
+    from typing import Any
 
 
 def program() -> str:

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import enum
 import math
 
 # Recordings store the numbers on the left. Boolean values are bytes, 0 or 1.
@@ -26,7 +25,7 @@ BYTE_TYPES = (10005, 20000)
 SCALAR, FIXED, VARYING, BUS = 0, 1, 2, 3
 
 
-class Kind(enum.Enum):
+class Kind:
     """What each sample of a signal is."""
 
     number = "number"

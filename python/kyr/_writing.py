@@ -3,15 +3,18 @@
 from __future__ import annotations
 
 import atexit
+import collections.abc
 import os
-import warnings
 import weakref
-from typing import Any, Iterable, Mapping
 
 from . import _core
 from ._core import GroupWriter, SignalWriter
 from ._samples import Samples
 from ._types import BYTE_TYPES, DTYPES, FIXED, SCALAR, VARYING
+
+TYPE_CHECKING = False  # Importing the module typing takes long.
+if TYPE_CHECKING:
+    from typing import Any, Iterable, Mapping
 
 _BINARY = 20000
 _CODES = {name: code for code, name in reversed(DTYPES.items())}
@@ -136,6 +139,8 @@ class Recorder:
 
     def __del__(self):
         if hasattr(self, "_core") and not self.closed:
+            import warnings
+
             warnings.warn(f"{self!r} was not finished", ResourceWarning, source=self)
 
     def __reduce__(self):
@@ -264,7 +269,7 @@ def append_to_group(group: GroupWriter, t: Any, y: Any) -> None:
     import numpy
 
     signals = group._signals
-    if isinstance(y, Mapping):
+    if isinstance(y, collections.abc.Mapping):
         missing = {s.name for s in signals} ^ set(y)
         if missing:
             raise ValueError(f"a group needs exactly its signals: see {sorted(missing)}")

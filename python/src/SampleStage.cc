@@ -26,6 +26,27 @@ void SampleStage::add(double time, const char* sample, std::size_t bytes,
   sizes_.push_back(elements);
 }
 
+void SampleStage::stage(const double* times, std::size_t count, const char* samples) {
+  times_.insert(times_.end(), times, times + count);
+  data_.insert(data_.end(), samples, samples + count * sampleBytes_);
+}
+
+void SampleStage::add(const double* times, std::size_t count, const char* samples) {
+  if (!times_.empty() || count < kRows) {
+    stage(times, count, samples);
+    return;
+  }
+  try {
+    signal_->appendTime(times, count);
+    append(samples, count * sampleBytes_, {}, {});
+    written_ += count;
+  } catch (...) {
+    stage(times, count, samples);
+    hasFailed_ = true;
+    throw;
+  }
+}
+
 void SampleStage::write() {
   if (times_.empty()) return;
   std::size_t times = 0;
@@ -47,22 +68,25 @@ void SampleStage::write() {
 }
 
 void SampleStage::writeSamples(std::size_t first) {
+  std::size_t begin = first * sampleBytes_;
   std::vector<std::vector<unsigned long>> shapes;
   std::vector<int> sizes;
-  std::size_t begin = first * sampleBytes_;
-  if (category_ == FixedDim) {
-    const auto& extents = description_.dimensions;
-    shapes.emplace_back(extents.begin(), extents.end());
-  } else if (sampleBytes_ == 0) {
+  if (sampleBytes_ == 0 && category_ != FixedDim) {
     const std::size_t width = type_ == Binary ? 1 : parquet::elementWidth(type_);
     for (std::size_t row = 0; row < first; ++row) begin += width * std::size_t(sizes_[row]);
     if (category_ == VarDim) shapes.assign(shapes_.begin() + std::ptrdiff_t(first), shapes_.end());
     sizes.assign(sizes_.begin() + std::ptrdiff_t(first), sizes_.end());
   }
+  append(data_.data() + begin, data_.size() - begin, sizes, std::move(shapes));
+}
+
+void SampleStage::append(const char* data, std::size_t bytes, const std::vector<int>& sizes,
+                         std::vector<std::vector<unsigned long>> shapes) {
+  const auto& extents = description_.dimensions;
+  if (category_ == FixedDim) shapes.emplace_back(extents.begin(), extents.end());
   // A pointer is expected even where all samples are empty.
   static const char kNothing = 0;
-  signal_->appendData(data_.empty() ? &kNothing : data_.data() + begin, data_.size() - begin,
-                      shapes, sizes);
+  signal_->appendData(bytes == 0 ? &kNothing : data, bytes, shapes, sizes);
 }
 
 }  // namespace kyr::python

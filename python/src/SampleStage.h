@@ -34,10 +34,8 @@ class SampleStage {
     times_.push_back(time);
     data_.insert(data_.end(), sample, sample + sampleBytes_);
   }
-  void add(const double* times, std::size_t count, const char* samples) {
-    times_.insert(times_.end(), times, times + count);
-    data_.insert(data_.end(), samples, samples + count * sampleBytes_);
-  }
+  /// Rows of which many are handed to the library at once.
+  void add(const double* times, std::size_t count, const char* samples);
   /// A sample of its own size: its shape, if it is a matrix, and the number of its elements.
   void add(double time, const char* sample, std::size_t bytes, std::vector<unsigned long> shape,
            int elements);
@@ -51,8 +49,11 @@ class SampleStage {
   static constexpr std::size_t kRows = 256;
   static constexpr std::size_t kBytes = std::size_t{1} << 20;
 
+  void stage(const double* times, std::size_t count, const char* samples);
   /// From the staged row `first` on.
   void writeSamples(std::size_t first);
+  void append(const char* data, std::size_t bytes, const std::vector<int>& sizes,
+              std::vector<std::vector<unsigned long>> shapes);
 
   std::shared_ptr<parquet::StreamableSignal> signal_;
   recording::SignalDescription description_;

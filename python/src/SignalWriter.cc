@@ -74,6 +74,39 @@ void appendRows(SignalWriter& writer, const Times& times, const Elements& elemen
   }
 }
 
+// Whether the elements have the type as numpy tells it.
+bool hasType(const Elements& elements, KYRSignalDataType type) {
+  switch (type) {
+    case Double:
+      return elements.dtype() == nb::dtype<double>();
+    case Single:
+      return elements.dtype() == nb::dtype<float>();
+    case Boolean:
+      return elements.dtype() == nb::dtype<bool>();
+    case Int32:
+      return elements.dtype() == nb::dtype<std::int32_t>();
+    case Int64:
+      return elements.dtype() == nb::dtype<std::int64_t>();
+    default:
+      return false;  // rarer; Python code takes them
+  }
+}
+
+// Arrays of numbers, or of vectors, that are as the library wants them.
+bool tryAppendArrays(SignalWriter& writer, const nb::handle& time, const nb::handle& value) {
+  const auto& extents = writer.stage->description().dimensions;
+  Times times;
+  Elements elements;
+  if (extents.size() > 1 || !nb::try_cast(time, times, false) ||
+      !nb::try_cast(value, elements, false) || elements.ndim() != 1 + extents.size() ||
+      elements.shape(0) != times.size() || !hasType(elements, writer.stage->type()) ||
+      (!extents.empty() && elements.shape(1) != extents[0])) {
+    return false;
+  }
+  appendRows(writer, times, elements);
+  return true;
+}
+
 void appendVarying(SignalWriter& writer, double time, const Elements& sample,
                    std::vector<unsigned long> shape) {
   if (sample.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
@@ -99,6 +132,7 @@ void append(const nb::object& self, const nb::handle& time, const nb::handle& va
     writer.recorder->take(stage, add);
     return;
   }
+  if (tryAppendArrays(writer, time, value)) return;
   pythonAppend("append_rows")(self, time, value);
 }
 
