@@ -39,10 +39,11 @@ from . import _core
 from ._core import DamagedError, Error, GroupWriter, Recovery, SignalWriter
 from ._recording import Recording
 from ._samples import Samples
+from ._saving import recover, save
 from ._signal import Signal
 from ._table import Table
 from ._tool import import_csv
-from ._writing import Recorder, recover, save
+from ._writing import Recorder
 
 __version__ = _core.version
 
