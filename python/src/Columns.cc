@@ -26,8 +26,8 @@ T check(::arrow::Result<T> result) {
   return std::move(result).ValueUnsafe();
 }
 
-// Memory of an array, which lives as long as the buffer. nanobind takes the interpreter's lock when the
-// last reference goes, in whatever thread that is.
+// Memory of an array, which lives as long as the buffer. nanobind takes the interpreter's lock when
+// the last reference goes, in whatever thread that is.
 class ArrayBuffer : public ::arrow::Buffer {
  public:
   explicit ArrayBuffer(const Array& array)
@@ -79,8 +79,8 @@ std::shared_ptr<::arrow::ArrayData> elementsOf(const Array& array, Validity vali
                                   {std::move(validity), std::make_shared<ArrayBuffer>(array)});
 }
 
-// A column: elements; the elements of each sample, or offsets of the samples, if these are lists; which
-// samples there are, if some are missing; and whether the elements are bytes of blobs.
+// A column: elements; the elements of each sample, or offsets of the samples, if these are lists;
+// which samples there are, if some are missing; and whether the elements are bytes of blobs.
 struct Column {
   std::string name;
   std::string unit;

@@ -36,8 +36,8 @@ void raise(const std::system_error& error) {
   PyErr_SetObject(errorType, nb::make_tuple(error.code().value(), textOf(error.what())).ptr());
 }
 
-// The only place where exceptions of C++ become Python's. Of nanobind's own, which are passed on, none
-// comes here: it catches them before.
+// The only place where exceptions of C++ become Python's. Of nanobind's own, which are passed on,
+// none comes here: it catches them before.
 void translate(const std::exception_ptr& exception, void*) {
   try {
     std::rethrow_exception(exception);

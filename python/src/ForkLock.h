@@ -7,10 +7,11 @@ namespace kyr::python {
 
 /// \brief The lock of one Python object, which os.fork() leaves in order.
 ///
-/// A fork waits until no other thread holds such a lock. So the child finds every object between two
-/// calls, never in the middle of one.
+/// A fork waits until no other thread holds such a lock. So the child finds every object between
+/// two calls, never in the middle of one.
 ///
-/// Never wait for it with the interpreter's lock taken: the thread that has it may wait for that one.
+/// Never wait for it with the interpreter's lock taken: the thread that has it may wait for that
+/// one.
 class ForkLock {
  public:
   ForkLock();

@@ -50,8 +50,8 @@ namespace {
 // Rows between two looks for Ctrl-C.
 constexpr std::uint64_t kPieceRows = std::uint64_t{1} << 22;
 
-// Reads rows into memory of their final size, and ends early for Ctrl-C. `read` gets a range of rows
-// and where they belong, and returns how many there are.
+// Reads rows into memory of their final size, and ends early for Ctrl-C. `read` gets a range of
+// rows and where they belong, and returns how many there are.
 template <typename Read>
 Bytes readRows(RowRange rows, std::size_t width, const Read& read) {
   const std::uint64_t count = rows.to > rows.from ? rows.to - rows.from : 0;

@@ -18,7 +18,8 @@ namespace {
 using recording::RecordingReader;
 using recording::RowRange;
 
-// Where the times of a grid lie among the samples of a signal, a vector for each member of SamplePlace.
+// Where the times of a grid lie among the samples of a signal, a vector for each member of
+// SamplePlace.
 struct Places {
   std::vector<std::int64_t> before;
   std::vector<std::int64_t> after;

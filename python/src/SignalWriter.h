@@ -20,8 +20,8 @@ struct GroupWriter {
   std::vector<std::shared_ptr<SampleStage>> stages;
 };
 
-/// \brief A Python float or int as an element of a type. False for anything else, and if it does not
-/// fit; Python code then finds out more, and says so.
+/// \brief A Python float or int as an element of a type. False for anything else, and if it does
+/// not fit; Python code then finds out more, and says so.
 bool elementOf(nanobind::handle value, KYRSignalDataType type, char* out);
 
 /// \brief Defined in Python: takes any times and samples apart, checks them and adds them.

@@ -121,8 +121,8 @@ class ChunkWriter {
     parquet::forEachPage(column_, size_, sizeof(Stored), visit);
   }
 
-  // The values of a page without its nulls, as Parquet stores them. They lie in the column's memory if
-  // that has the same form, and otherwise in memory that is valid until the next call.
+  // The values of a page without its nulls, as Parquet stores them. They lie in the column's memory
+  // if that has the same form, and otherwise in memory that is valid until the next call.
   const std::vector<Run>& storedValues(const PageRows& page) {
     runs_.clear();
     if (sizeof(Value) == sizeof(Stored) && page.nulls == 0) {
@@ -170,8 +170,8 @@ class ChunkWriter {
     return buffer->size() > most ? nullptr : buffer;
   }
 
-  // Finds all numbers before it writes anything. Returns false, and has written nothing, if there are
-  // too many distinct values.
+  // Finds all numbers before it writes anything. Returns false, and has written nothing, if there
+  // are too many distinct values.
   bool writeWithDictionary() {
     const auto all = static_cast<std::size_t>(column_.length() - column_.null_count());
     ValueDictionary<Bits> dictionary(std::max<std::size_t>(1, all / 2));

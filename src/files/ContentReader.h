@@ -63,11 +63,11 @@ class ContentFile {
   bool hasTimes_ = false;
 };
 
-/// Reads rows of one content, wherever they are: in a file of their own, which may be growing, or in
-/// some rows of a pack. Rows are numbered from the first one of the content.
+/// Reads rows of one content, wherever they are: in a file of their own, which may be growing, or
+/// in some rows of a pack. Rows are numbered from the first one of the content.
 ///
-/// Memory: the rows that are asked for, and row groups in the cache unless the column holds numbers.
-/// Failures are those of InputFile. One thread at a time.
+/// Memory: the rows that are asked for, and row groups in the cache unless the column holds
+/// numbers. Failures are those of InputFile. One thread at a time.
 class ContentReader {
  public:
   ContentReader(std::shared_ptr<InputFile> file, std::shared_ptr<RowGroupCache> cache);
@@ -114,8 +114,8 @@ class ContentReader {
   /// Writes the numbers of rows [first, first + count), which there must be, to \p out.
   /// \param column  "data" if isFlat(), or "time" if hasTimes()
   void readNumbers(const std::string& column, std::uint64_t first, std::uint64_t count, char* out);
-  /// Rows [first, first + count) of "data" and "dimension", which there must be. They stay as they are
-  /// as long as their keeper lives.
+  /// Rows [first, first + count) of "data" and "dimension", which there must be. They stay as they
+  /// are as long as their keeper lives.
   HeldRows read(std::uint64_t first, std::uint64_t count);
   /// The same rows of all columns, in a table, if there is a column "time".
   std::shared_ptr<::arrow::Table> readTable(std::uint64_t first, std::uint64_t count);

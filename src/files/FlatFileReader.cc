@@ -108,8 +108,8 @@ std::shared_ptr<const ::parquet::LogicalType> logicalTypeOf(const ::arrow::DataT
   }
 }
 
-// The schema of a file with one column, if it clearly is of the type; empty if not. Making the schema
-// from the metadata would take as long as opening a small file.
+// The schema of a file with one column, if it clearly is of the type; empty if not. Making the
+// schema from the metadata would take as long as opening a small file.
 std::shared_ptr<::arrow::Schema> expectedSchema(const ::parquet::FileMetaData& metadata,
                                                 const std::string& name,
                                                 const ::arrow::DataType& type) {

@@ -18,11 +18,11 @@
 
 namespace kyr::parquet {
 
-/// Where the values of one numeric column lie in a file whose pages are plain and hold no nulls. They
-/// are read from there straight into the caller's memory.
+/// Where the values of one numeric column lie in a file whose pages are plain and hold no nulls.
+/// They are read from there straight into the caller's memory.
 ///
-/// Other files, damaged ones included, are not read here. The caller then reads the file with Arrow,
-/// which says what is wrong with it.
+/// Other files, damaged ones included, are not read here. The caller then reads the file with
+/// Arrow, which says what is wrong with it.
 class FlatColumn {
  public:
   /// \param name  of the column, which is the only one of the file

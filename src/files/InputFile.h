@@ -81,7 +81,8 @@ class InputFile {
   RowSpan rowsIn(std::uint64_t from, std::uint64_t to) const;
 
   /// Compares all batches with their checksums.
-  /// \return the rows before the first batch whose checksum does not fit; all rows if none are compared
+  /// \return the rows before the first batch whose checksum does not fit; all rows if none are
+  ///         compared
   std::uint64_t soundRows();
 
   /// Takes note of batches that a growing file got since it was opened, up to \p rows rows.
@@ -113,8 +114,8 @@ bool isGrowingFile(const ByteSource& file);
 
 /// Opens a growing file that another process may be writing. Takes the batches from the footer if
 /// there is one, otherwise from the batch records.
-/// \param rows  batches are looked for up to so many rows, which were complete before the call. What
-///        is behind them may just be being written
+/// \param rows  batches are looked for up to so many rows, which were complete before the call.
+///        What is behind them may just be being written
 /// \throws std::runtime_error if it is no growing file, or one whose first record is not there yet
 std::shared_ptr<InputFile> openGrowingFile(std::shared_ptr<const ByteSource> file,
                                            std::uint64_t rows, BatchChecks checks);

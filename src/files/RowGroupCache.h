@@ -38,8 +38,8 @@ class RowGroupCache {
   std::list<Entry> entries_;  // the last used first
 };
 
-/// Rows [first, first + count) of a file, from its decoded row groups. Rows of more than one row group
-/// are copied together.
+/// Rows [first, first + count) of a file, from its decoded row groups. Rows of more than one row
+/// group are copied together.
 /// \param rowsIn  gives rows [from, from + count) of a row group: HeldRows(group, from, count)
 template <typename RowsIn>
 HeldRows gatherRows(const InputFile& file, const SampleSchema& schema, std::size_t width,

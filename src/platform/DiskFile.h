@@ -27,8 +27,8 @@ class DiskFile final : public ByteSource {
   /// ordinary open would wait for its other end.
   DiskFile(std::filesystem::path path, Mode mode);
   enum class Entry { file, directory };
-  /// Opens the entry \p name of an open directory for reading, also if the directory was renamed. The
-  /// object cannot be suspended.
+  /// Opens the entry \p name of an open directory for reading, also if the directory was renamed.
+  /// The object cannot be suspended.
   DiskFile(const DiskFile& directory, const std::string& name, Entry entry);
   /// Closes the file and ignores a failure to do so.
   ~DiskFile() override;
@@ -101,7 +101,8 @@ void forEachPieceOf(const ByteSource& file,
                     const std::function<void(std::string_view, std::uint64_t)>& visit);
 
 /// Copies the bytes of \p from to a new file.
-/// \throws std::exception naming the file that cannot be read or written; no copy is left behind then
+/// \throws std::exception naming the file that cannot be read or written; no copy is left behind
+///         then
 void copyToNewFile(const ByteSource& from, const std::filesystem::path& to, bool sync);
 
 /// Waits until a file, or the names in a directory, are on the disk.

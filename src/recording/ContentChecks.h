@@ -16,8 +16,8 @@ namespace kyr::recording {
 std::string columnFault(const ::arrow::Schema& columns, KYRSignalCategory category,
                         KYRSignalDataType type);
 
-/// What is wrong with samples: the first one whose elements are not as many as its shape says. Empty
-/// if all are right, or have no shapes.
+/// What is wrong with samples: the first one whose elements are not as many as its shape says.
+/// Empty if all are right, or have no shapes.
 /// \param first  number of the first row
 std::string sampleFault(const SignalInfo& signal, const parquet::SampleSchema& schema,
                         const parquet::RowSlice& rows, std::uint64_t first);

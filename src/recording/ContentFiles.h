@@ -29,9 +29,9 @@ struct ContentUse {
 /// The contents of a recording, opened when they are asked for. The files that were used last stay
 /// open, up to a number.
 ///
-/// A file that is not what recording.json says of it is a DamagedError: missing, of another size, with
-/// other columns or another number of rows, with other bytes where checksums are compared. This is the
-/// place where that is checked, for all who read recordings. One thread at a time.
+/// A file that is not what recording.json says of it is a DamagedError: missing, of another size,
+/// with other columns or another number of rows, with other bytes where checksums are compared.
+/// This is the place where that is checked, for all who read recordings. One thread at a time.
 class ContentFiles {
  public:
   /// \param checks  whether checksums are compared
@@ -46,8 +46,8 @@ class ContentFiles {
   /// \throws std::runtime_error if it does not list the file
   const FileInfo& fileInfo(int storageId) const;
 
-  /// A content, whose columns are those that the signal says. A live content may have fewer rows than were flushed if
-  /// its file is damaged.
+  /// A content, whose columns are those that the signal says. A live content may have fewer rows
+  /// than were flushed if its file is damaged.
   std::shared_ptr<parquet::ContentReader> open(int storageId, const ContentUse& use);
   /// \throws DamagedError if the columns of a content are not those that the signal says
   static void requireUse(const parquet::ContentReader& content, const ContentUse& use);
@@ -92,8 +92,8 @@ class ContentFiles {
   std::map<std::int64_t, std::list<OpenFile>::iterator> byKey_;
 };
 
-/// Calls \p work, which reads a content. What is wrong with its file becomes a DamagedError that says
-/// which rows cannot be had.
+/// Calls \p work, which reads a content. What is wrong with its file becomes a DamagedError that
+/// says which rows cannot be had.
 /// \param rows  rows of the content
 /// \param content  null while it is being opened
 template <typename Work>

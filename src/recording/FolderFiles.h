@@ -16,10 +16,12 @@ namespace kyr::recording {
 FileDigest digestFile(const std::filesystem::path& file);
 FileDigest digestOf(const ByteSource& file);
 
-/// Copies \p from to the new file \p to. Size and checksums are those of the bytes that were copied.
+/// Copies \p from to the new file \p to. Size and checksums are those of the bytes that were
+/// copied.
 FileDigest copyFile(const std::filesystem::path& from, const std::filesystem::path& to);
 
-/// Puts \p text in the place of \p file in one step. It is on disk when the call returns if \p syncs.
+/// Puts \p text in the place of \p file in one step. It is on disk when the call returns if \p
+/// syncs.
 void replaceTextFile(const std::filesystem::path& file, const std::string& text, bool syncs);
 
 }  // namespace kyr::recording

@@ -23,8 +23,8 @@ class LentFolder final : public parquet::Lender, public std::enable_shared_from_
 
   /// Offers the contents of some signals to a store.
   void lend(parquet::SharedStore& store, const std::vector<SignalInfo>& signals);
-  /// Lets times that are a column of a file of samples be a content of their own, because streamable
-  /// signals have their times apart. Called before lend().
+  /// Lets times that are a column of a file of samples be a content of their own, because
+  /// streamable signals have their times apart. Called before lend().
   /// \param newId  the first id that such times get; the one behind the last afterwards
   void splitTimes(std::vector<SignalInfo>& signals, int& newId);
 

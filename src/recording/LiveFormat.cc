@@ -51,8 +51,8 @@ void requireKnownVersion(std::string_view text) {
   }
 }
 
-// The values of an array that can be read, up to the place where the text is no JSON any more. Others
-// are skipped.
+// The values of an array that can be read, up to the place where the text is no JSON any more.
+// Others are skipped.
 template <typename T, typename Format>
 std::vector<T> salvageArray(std::string_view text, std::string_view member) {
   std::vector<T> found;

@@ -63,7 +63,8 @@ void requireWritable(const SignalInfo& signal) {
   requireCountable(signal);
 }
 
-// Makes the journal, which takes the folder for this process: of two that try, only one can make it.
+// Makes the journal, which takes the folder for this process: of two that try, only one can make
+// it.
 std::unique_ptr<LiveJournal> takeFolder(const fs::path& folder) {
   const bool isNew = fs::create_directory(folder);
   if (!isNew && !fs::is_empty(folder)) {

@@ -8,8 +8,8 @@
 namespace kyr::recording {
 
 /// A new folder that is removed, with all that is in it, when the object goes; a failure to remove
-/// it is ignored. While the object lives, it has an exclusive lock (flock) on the folder, from which
-/// other processes see that the folder is in use.
+/// it is ignored. While the object lives, it has an exclusive lock (flock) on the folder, from
+/// which other processes see that the folder is in use.
 class LockedFolder {
  public:
   /// \param prefix  of the path; 16 random hexadecimal digits follow. The parent must exist

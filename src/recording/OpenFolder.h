@@ -9,8 +9,8 @@
 
 namespace kyr::recording {
 
-/// The folder of a recording, open for reading. Its files are found through descriptors, also if the
-/// folder is renamed or another one takes its name. Only regular files are opened.
+/// The folder of a recording, open for reading. Its files are found through descriptors, also if
+/// the folder is renamed or another one takes its name. Only regular files are opened.
 class OpenFolder {
  public:
   /// \throws std::runtime_error if there is no such folder

@@ -30,7 +30,8 @@ namespace {
 
 bool rowGroupMode() { return FeatureFlag::isEnabled("fKYRUseParquetRowGroup"); }
 
-// The directory of the pool, which is made when something is written. Whoever only reads needs none.
+// The directory of the pool, which is made when something is written. Whoever only reads needs
+// none.
 Path workingDirectory() {
   try {
     return parquet::generateTempDirectoryName(u"parquetStorage");

@@ -69,8 +69,8 @@ JournalEnd readJournal(const fs::path& path, std::uint64_t sequence) {
   return end;
 }
 
-// Looks at everything before it changes anything. Then it keeps aside what is damaged or doubtful, and
-// makes the recording of the rest.
+// Looks at everything before it changes anything. Then it keeps aside what is damaged or doubtful,
+// and makes the recording of the rest.
 class Recovery {
  public:
   explicit Recovery(fs::path folder) : folder_(std::move(folder)), lock_(folder_) {}
@@ -253,8 +253,8 @@ class Recovery {
     }
   }
 
-  // Rows of a part that can be had. Behind the last sound line of a damaged journal there may be rows
-  // that were acknowledged, too: those in files of which nobody else can have some.
+  // Rows of a part that can be had. Behind the last sound line of a damaged journal there may be
+  // rows that were acknowledged, too: those in files of which nobody else can have some.
   std::uint64_t available(const std::optional<int>& id,
                           const std::optional<std::uint64_t>& acknowledged, bool isOwn) {
     const std::uint64_t rows = id ? storage_->file(*id).rows : 0;
@@ -317,8 +317,8 @@ class Recovery {
     if (!hasRows && (hasLosses || signals_.empty() || !isEmpty)) nothing();
   }
 
-  // What is damaged is kept aside before anything is cut or removed, and so is what may hold rows that
-  // somebody misses.
+  // What is damaged is kept aside before anything is cut or removed, and so is what may hold rows
+  // that somebody misses.
   void keepDoubtful() {
     std::map<int, std::uint64_t> most;
     forEachPart([&](int& id, std::uint64_t rows) { most[id] = std::max(most[id], rows); });

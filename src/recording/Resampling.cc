@@ -169,8 +169,8 @@ class Resampling::Impl {
     });
   }
 
-  // Calls \p take with each time that any signal has, ascending and once, from \p from on, as long as it
-  // returns true.
+  // Calls \p take with each time that any signal has, ascending and once, from \p from on, as long
+  // as it returns true.
   template <typename Take>
   void forEachTime(double from, Take&& take) const {
     std::vector<OrderedTimes::Cursor> cursors;

@@ -35,7 +35,8 @@ char32_t takeLetter(const Letters& pattern, std::size_t& at) {
   return pattern[at++];
 }
 
-// Whether a set such as "[a-z_]" holds a letter. Moves \p at behind the set; none if "]" is missing.
+// Whether a set such as "[a-z_]" holds a letter. Moves \p at behind the set; none if "]" is
+// missing.
 std::optional<bool> isInSet(const Letters& pattern, std::size_t& at, char32_t letter) {
   std::size_t next = at + 1;
   const bool isNot = next < pattern.size() && (pattern[next] == U'!' || pattern[next] == U'^');

@@ -27,9 +27,9 @@ class SignalNames {
   std::unordered_multimap<std::string_view, int> ids_;
 };
 
-/// Whether a name matches a pattern as in a shell: "*" stands for any characters, "?" for one, "[a-z]"
-/// for one of a set, "[!a-z]" for one that is not in it; "\" takes the special meaning from the next
-/// character. Both are UTF-8.
+/// Whether a name matches a pattern as in a shell: "*" stands for any characters, "?" for one,
+/// "[a-z]" for one of a set, "[!a-z]" for one that is not in it; "\" takes the special meaning from
+/// the next character. Both are UTF-8.
 bool matchesPattern(std::string_view name, std::string_view pattern);
 
 }  // namespace kyr::recording

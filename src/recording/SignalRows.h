@@ -30,8 +30,8 @@ enum class SampleKind {
 
 /// The times and samples of one signal, read from its contents.
 ///
-/// Contents are opened when they are needed and compared with what the signal says of itself. What is
-/// wrong with a file is a DamagedError that names it and the rows. One thread at a time.
+/// Contents are opened when they are needed and compared with what the signal says of itself. What
+/// is wrong with a file is a DamagedError that names it and the rows. One thread at a time.
 class SignalRows {
  public:
   /// \param counts  of a live recording; null for a finished one, whose files tell
@@ -54,14 +54,14 @@ class SignalRows {
   SampleKind kind() const { return kind_; }
   /// Bytes of an element; 1 for blobs.
   std::size_t elementBytes() const { return width_; }
-  /// Elements of each sample; 0 if they differ. If nobody told the shape of a fixed-dimension signal,
-  /// its first sample decides.
+  /// Elements of each sample; 0 if they differ. If nobody told the shape of a fixed-dimension
+  /// signal, its first sample decides.
   std::uint64_t elementsPerSample();
 
   /// Rows [first, first + count), which there must be.
   void readTimes(std::uint64_t first, std::uint64_t count, double* out);
-  /// Writes the elements of samples [first, first + count), which there must be, to \p out. They are
-  /// numbers or of fixed size.
+  /// Writes the elements of samples [first, first + count), which there must be, to \p out. They
+  /// are numbers or of fixed size.
   void readElements(std::uint64_t first, std::uint64_t count, char* out);
   /// Samples of any kind with their shapes. They stay as they are as long as their keeper lives.
   parquet::HeldRows readSamples(std::uint64_t first, std::uint64_t count);

@@ -46,8 +46,8 @@ class StorageFiles {
   /// The ids of the files, ascending.
   const std::vector<int>& ids() const { return ids_; }
 
-  /// Reads the whole file: each batch is compared with its checksum, other files with the stated one.
-  /// Of files without any checksum, all pages must be readable.
+  /// Reads the whole file: each batch is compared with its checksum, other files with the stated
+  /// one. Of files without any checksum, all pages must be readable.
   const RecoveredStorage& file(int id);
 
   /// The signals that the file says it belonged to.
@@ -56,8 +56,8 @@ class StorageFiles {
   /// One time from a time file; empty if it cannot be read.
   std::optional<double> time(int id, std::uint64_t row);
 
-  /// A file with the first \p rows rows of the file \p id and no more: the file itself, perhaps cut, or
-  /// a new one. The file has that many sound rows.
+  /// A file with the first \p rows rows of the file \p id and no more: the file itself, perhaps
+  /// cut, or a new one. The file has that many sound rows.
   /// \param mayCut  whether nobody needs the other rows
   int withRows(int id, std::uint64_t rows, bool mayCut);
 

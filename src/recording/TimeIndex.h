@@ -15,8 +15,8 @@ namespace kyr::recording {
 /// Where the times of a content are small and large, so that a window of times is found without
 /// reading all of them.
 ///
-/// Row groups that are marked as ascending tell without being decoded; others are read once, when they
-/// are first needed.
+/// Row groups that are marked as ascending tell without being decoded; others are read once, when
+/// they are first needed.
 class TimeIndex {
  public:
   /// Reads times [first, first + count) to \p out.
@@ -27,8 +27,8 @@ class TimeIndex {
   void extend(const parquet::ContentReader& content, bool hasMarks, std::uint64_t rows,
               const Read& read);
 
-  /// Rows before \p rows with a time in [from, to], as ascending ranges with gaps between them. Where
-  /// times ascend that is one range, and at most two row groups are read for it.
+  /// Rows before \p rows with a time in [from, to], as ascending ranges with gaps between them.
+  /// Where times ascend that is one range, and at most two row groups are read for it.
   std::vector<RowRange> rowsBetween(double from, double to, std::uint64_t rows,
                                     const Read& read) const;
 

@@ -247,8 +247,8 @@ class Verifier {
     return false;
   }
 
-  // Reads all rows: they can be decoded, none is missing, and every sample has as many elements as its
-  // shape says.
+  // Reads all rows: they can be decoded, none is missing, and every sample has as many elements as
+  // its shape says.
   void readThrough(const SignalInfo& signal, Known& known, int storageId) {
     const auto& shape = signal.dimensions;
     using Shape = std::vector<std::uint64_t>;

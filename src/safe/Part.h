@@ -49,8 +49,8 @@ class Part {
   /// Brings all rows to disk.
   void flush();
 
-  /// Forgets the rows behind the first \p rows. If the content has more rows, finish() gives the part
-  /// a file that ends there.
+  /// Forgets the rows behind the first \p rows. If the content has more rows, finish() gives the
+  /// part a file that ends there.
   void cut(std::uint64_t rows);
 
   /// Forgets the rows. The file is deleted when no other part has it.

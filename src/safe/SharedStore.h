@@ -80,8 +80,8 @@ class SharedStore {
   void forEachContent(const std::function<void(Content&)>& visit) const;
 
   /// Offers rows that lie elsewhere as the content of an id. The first part that takes over the id
-  /// takes the offer; without one, the content is over the file of that id in the directory, which is
-  /// then deleted with it.
+  /// takes the offer; without one, the content is over the file of that id in the directory, which
+  /// is then deleted with it.
   void offer(int id, BorrowedContent content) { offers_[id] = std::move(content); }
   std::optional<BorrowedContent> takeOffer(int id);
   /// Forgets the offers that nobody took.

@@ -73,8 +73,9 @@ std::shared_ptr<::arrow::Table> tableOf(const SampleSchema& schema, const RowSli
 
 /// Checks rows that were read from a file, before anybody relies on their columns.
 /// \param first  number of the first row, for the error
-/// \throws std::invalid_argument if a column is missing or of another type, holds nulls or has not as
-///         many values as there are rows, or if a sample has not as many elements as its shape says
+/// \throws std::invalid_argument if a column is missing or of another type, holds nulls or has not
+///         as many values as there are rows, or if a sample has not as many elements as its shape
+///         says
 void requireSamples(const SampleSchema& schema, const ::arrow::Table& table, std::uint64_t first);
 
 /// Bytes that a RowStore of the rows takes.

@@ -48,8 +48,8 @@ class PoolBackend {
   /// ignored: a host that wants to know of them flushes before.
   virtual void leave(const PoolSignals& signals) noexcept = 0;
 
-  /// Says that the directory was made for this backend alone. Whether it is removed with the backend
-  /// depends on the rules: safe pools remove it if it is empty then.
+  /// Says that the directory was made for this backend alone. Whether it is removed with the
+  /// backend depends on the rules: safe pools remove it if it is empty then.
   virtual void ownDirectory() {}
 
   /// The store of a safe pool; null for others.

@@ -1,5 +1,5 @@
-// CSV text in any dialect. Whole rows and single cells agree on where a row ends, and every column is
-// read as numbers or refused by an exception.
+// CSV text in any dialect. Whole rows and single cells agree on where a row ends, and every column
+// is read as numbers or refused by an exception.
 
 #include <unistd.h>
 

@@ -1,6 +1,6 @@
-// The texts of a recording, in any state: recording.json, recording.live.json, lines of the journal, and
-// the notes in footers. A text is read or refused by an exception; a document that was read comes back
-// when it is written.
+// The texts of a recording, in any state: recording.json, recording.live.json, lines of the
+// journal, and the notes in footers. A text is read or refused by an exception; a document that was
+// read comes back when it is written.
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// Files of a recording, in any state: complete Parquet files, growing files, packs, and recordings that
-// have such a file. Every row of a file is read or refused by an exception.
+// Files of a recording, in any state: complete Parquet files, growing files, packs, and recordings
+// that have such a file. Every row of a file is read or refused by an exception.
 
 #include <arrow/table.h>
 #include <unistd.h>

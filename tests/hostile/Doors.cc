@@ -1,9 +1,9 @@
-// --make OUT writes the recordings OUT/finished, OUT/packed and OUT/live, which are the same but for
-// the way in which they are stored. Otherwise:
+// --make OUT writes the recordings OUT/finished, OUT/packed and OUT/live, which are the same but
+// for the way in which they are stored. Otherwise:
 //
 // Opens folders in every way that the library has, and reads all that they hold. Takes the names of
-// folders from standard input, a line each, and prints a line for each of them: how many ways led to
-// all rows, how many were refused by an exception. Whatever else happens is a fault.
+// folders from standard input, a line each, and prints a line for each of them: how many ways led
+// to all rows, how many were refused by an exception. Whatever else happens is a fault.
 #include <arrow/c/bridge.h>
 #include <arrow/record_batch.h>
 

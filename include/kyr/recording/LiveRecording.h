@@ -36,12 +36,12 @@ struct FinishReport {
 /// \brief A recording that is written where it will lie, while it grows.
 ///
 /// What flush() acknowledged survives a crash of the process, and one of the machine if
-/// `LiveOptions::storage.sync` asks for it: recoverRecording() (Recovery.h) makes a recording of it.
-/// finish() makes the folder an ordinary recording; no file is copied. Others may read along with
-/// RecordingReader.
+/// `LiveOptions::storage.sync` asks for it: recoverRecording() (Recovery.h) makes a recording of
+/// it. finish() makes the folder an ordinary recording; no file is copied. Others may read along
+/// with RecordingReader.
 ///
-/// Time and data of a signal should have as many rows at each flush(): a recovery, as finish(), cuts
-/// them to the shorter of the two. A signal may have times alone, or samples alone.
+/// Time and data of a signal should have as many rows at each flush(): a recovery, as finish(),
+/// cuts them to the shorter of the two. A signal may have times alone, or samples alone.
 ///
 /// Not copyable. One thread at a time, the pool and its signals included.
 class KYR_PARQUET_EXPORT LiveRecording {

@@ -14,10 +14,11 @@ namespace kyr::recording {
 
 /// \brief A saved recording, opened: its signals in a pool of their own.
 ///
-/// The pool reads the files of the saved recording where they lie, and never writes to them: nothing
-/// done to it changes the saved recording until it is saved again. What changes is written to a
-/// directory of the pool's own under the system's temporary directory, which is made when it is first
-/// needed. Closing the recording deletes it, except what a signal that is still held elsewhere needs.
+/// The pool reads the files of the saved recording where they lie, and never writes to them:
+/// nothing done to it changes the saved recording until it is saved again. What changes is written
+/// to a directory of the pool's own under the system's temporary directory, which is made when it
+/// is first needed. Closing the recording deletes it, except what a signal that is still held
+/// elsewhere needs.
 ///
 /// Files are opened when rows of them are asked for, and may be closed and opened again: at most a
 /// quarter of the descriptors that the process may have are used, and no more than 256 at a time.
@@ -25,13 +26,14 @@ namespace kyr::recording {
 ///
 /// The saved recording must not be written into as long as this one is open. What happens if it is
 /// replaced, renamed or deleted:
-/// - Saving this pool to the folder that it was opened from replaces it safely. The pool reads the new
-///   files from then on.
+/// - Saving this pool to the folder that it was opened from replaces it safely. The pool reads the
+///   new files from then on.
 /// - If the folder is renamed, all signals stay readable.
-/// - If others delete or replace the folder, reading a signal whose file is not open is an error that
-///   names the file; other rows are never returned in place of its own. Files that are open stay
-///   readable. Whoever needs all signals nevertheless calls SignalPool::serializeSignalRecords()
-///   before, which copies all files to the pool's own directory.
+/// - If others delete or replace the folder, reading a signal whose file is not open is an error
+///   that names the file; other rows are never returned in place of its own. Files that are open
+///   stay readable. Whoever needs all signals nevertheless calls
+///   SignalPool::serializeSignalRecords() before, which copies all files to the pool's own
+///   directory.
 ///
 /// Movable, not copyable. One thread at a time.
 class KYR_PARQUET_EXPORT Recording {
@@ -62,11 +64,11 @@ class KYR_PARQUET_EXPORT Recording {
 
 /// \brief Open the recording in \p folder, which is left as it is.
 ///
-/// Every file must be there in its full size; its bytes are looked at when rows are read. The pool is
-/// in the storage mode of the feature flag "fKYRUseParquetRowGroup", whichever mode wrote the
+/// Every file must be there in its full size; its bytes are looked at when rows are read. The pool
+/// is in the storage mode of the feature flag "fKYRUseParquetRowGroup", whichever mode wrote the
 /// recording.
-/// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording, of
-///         a newer format version, a file missing or cut short. Reading damaged rows later is a
+/// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording,
+///         of a newer format version, a file missing or cut short. Reading damaged rows later is a
 ///         std::runtime_error, too, which names the file and tells what is damaged
 KYR_PARQUET_EXPORT Recording openRecording(const Path& folder);
 

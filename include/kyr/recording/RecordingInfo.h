@@ -38,7 +38,8 @@ struct SignalInfo : SignalDescription {
   std::optional<int> dataStorageId;  ///< file of the samples (and of time, in a "time" column)
 };
 
-/// \brief One content of a saved recording: a Parquet file `storage/<storageId>`, or rows of a pack.
+/// \brief One content of a saved recording: a Parquet file `storage/<storageId>`, or rows of a
+/// pack.
 struct FileInfo {
   int storageId = 0;
   std::uint64_t size = 0;  ///< bytes; for a packed content its share of the pack, by rows
@@ -48,8 +49,8 @@ struct FileInfo {
   std::optional<int> pack = std::nullopt;  ///< number of the pack that the content lies in, if any
   std::uint64_t firstRow = 0;              ///< row of the pack with which the content begins
 
-  /// XXH3 with 64 bits of each block of 262,144 bytes of the file, of which the last may be shorter.
-  /// Empty for a file of one block, a packed content, and recordings of older versions.
+  /// XXH3 with 64 bits of each block of 262,144 bytes of the file, of which the last may be
+  /// shorter. Empty for a file of one block, a packed content, and recordings of older versions.
   std::vector<std::uint64_t> blocks = {};
 };
 

@@ -28,8 +28,8 @@ inline bool operator==(const RowRange& a, const RowRange& b) {
 }
 
 struct ReaderOptions {
-  /// Whether each row is compared with a checksum before it is handed out. Sizes, numbers of rows and
-  /// types of columns are compared in any case.
+  /// Whether each row is compared with a checksum before it is handed out. Sizes, numbers of rows
+  /// and types of columns are compared in any case.
   bool checks = true;
   /// Files that stay open at most; 0 for an eighth of the descriptors that the process may have
   /// (RLIMIT_NOFILE), at least 8 and at most 256. Two descriptors are for the folder. SampleBlocks
@@ -59,8 +59,8 @@ struct SampleBlock {
   const void* elements = nullptr;  ///< of all samples, one after the other; null without samples
   /// Elements of each sample; 0 if they differ.
   std::size_t elementsPerSample = 0;
-  /// Where samples begin if they differ, in elements: sample i has [offsets[i], offsets[i + 1]). Else
-  /// null.
+  /// Where samples begin if they differ, in elements: sample i has [offsets[i], offsets[i + 1]).
+  /// Else null.
   const std::uint64_t* offsets = nullptr;
   /// Shapes of the samples of a VarDim signal: those of sample i are
   /// extents[extentOffsets[i]] and so on up to extentOffsets[i + 1]. Else null.
@@ -70,8 +70,8 @@ struct SampleBlock {
 
 /// \brief Walks through rows of a signal block by block, in memory that is used again.
 ///
-/// Memory: a block, and the decoded row groups of matrices and blobs that it comes from. Independent of
-/// the reader that made it, which may go, except that one thread uses both.
+/// Memory: a block, and the decoded row groups of matrices and blobs that it comes from.
+/// Independent of the reader that made it, which may go, except that one thread uses both.
 class KYR_PARQUET_EXPORT SampleBlocks {
  public:
   ~SampleBlocks();
@@ -95,32 +95,32 @@ class KYR_PARQUET_EXPORT SampleBlocks {
 /// journal of a live recording, and nothing else; files of signals are opened when they are needed.
 /// Nothing is written, and the folder may be read-only.
 ///
-/// **Samples.** The elements of a matrix are in the order in which the host holds them in memory. The
-/// format does not record which index runs fastest; `kyr cat` prints them as column by column. Numbers
-/// are in this machine's byte order, with the width that their type has in docs/format.md; a truth
-/// value is a byte, 0 or 1.
+/// **Samples.** The elements of a matrix are in the order in which the host holds them in memory.
+/// The format does not record which index runs fastest; `kyr cat` prints them as column by column.
+/// Numbers are in this machine's byte order, with the width that their type has in docs/format.md;
+/// a truth value is a byte, 0 or 1.
 ///
-/// **Rows.** Times and samples of a signal may differ in number, above all while it is recorded. Rows
-/// beyond the end are left out, not an error. A *pair* is a row that has both; each row of a signal
-/// with times alone, or samples alone, counts as one.
+/// **Rows.** Times and samples of a signal may differ in number, above all while it is recorded.
+/// Rows beyond the end are left out, not an error. A *pair* is a row that has both; each row of a
+/// signal with times alone, or samples alone, counts as one.
 ///
-/// **Checks.** Each row that is handed out was compared with a checksum once: of its block, its batch
-/// or its file, whichever the recording has. What does not fit is a DamagedError. Whole Parquet files
-/// of a live recording have no checksum yet.
+/// **Checks.** Each row that is handed out was compared with a checksum once: of its block, its
+/// batch or its file, whichever the recording has. What does not fit is a DamagedError. Whole
+/// Parquet files of a live recording have no checksum yet.
 ///
 /// **Changes of the folder.** Files that are open stay readable if the recording is replaced or
-/// deleted. Others are looked for in the folder that was opened, whatever it is called now. A file that
-/// was exchanged is noticed by its size or checksum.
+/// deleted. Others are looked for in the folder that was opened, whatever it is called now. A file
+/// that was exchanged is noticed by its size or checksum.
 ///
-/// **Errors.** std::out_of_range for an id that there is not. DamagedError for a file that is missing
-/// or not as the recording says. std::system_error if the system refuses to read.
+/// **Errors.** std::out_of_range for an id that there is not. DamagedError for a file that is
+/// missing or not as the recording says. std::system_error if the system refuses to read.
 ///
-/// One thread at a time uses a reader and its SampleBlocks. Any number of readers, in any threads and
-/// processes, may read the same folder, also while it is recorded.
+/// One thread at a time uses a reader and its SampleBlocks. Any number of readers, in any threads
+/// and processes, may read the same folder, also while it is recorded.
 class KYR_PARQUET_EXPORT RecordingReader {
  public:
-  /// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording,
-  ///         damaged, of a newer format version
+  /// \throws std::runtime_error naming the file or folder and what is wrong with it: not a
+  ///         recording, damaged, of a newer format version
   explicit RecordingReader(const Path& folder, const ReaderOptions& options = {});
   ~RecordingReader();
   RecordingReader(RecordingReader&&) noexcept;
@@ -142,8 +142,8 @@ class KYR_PARQUET_EXPORT RecordingReader {
   const SignalInfo& signal(int id) const;
 
   /// \brief The id of the only signal of that name.
-  /// \throws std::invalid_argument naming the ids if several signals have the name, and the name that
-  ///         is most like it if none has
+  /// \throws std::invalid_argument naming the ids if several signals have the name, and the name
+  ///         that is most like it if none has
   int idOf(const std::string& name) const;
 
   /// \brief Ids of the signals whose names match \p pattern, ascending.
@@ -167,8 +167,8 @@ class KYR_PARQUET_EXPORT RecordingReader {
 
   /// \brief Bytes of an element: of a number, or of a blob's byte.
   std::size_t elementBytes(int id) const;
-  /// \brief Elements of each sample: 1 for scalars, 0 for samples of varying shape and for blobs. If
-  /// nobody told the shape of a fixed-dimension signal, its first sample is read.
+  /// \brief Elements of each sample: 1 for scalars, 0 for samples of varying shape and for blobs.
+  /// If nobody told the shape of a fixed-dimension signal, its first sample is read.
   std::uint64_t elementsPerSample(int id) const;
 
   /// \brief Read times [s].
@@ -195,9 +195,9 @@ class KYR_PARQUET_EXPORT RecordingReader {
   /// \brief Hand out pairs through Arrow's C stream interface.
   ///
   /// Columns: `time` (float64), unless the signal has no times; `value`, unless it has times alone.
-  /// Booleans are Arrow's bool, samples of fixed dimension fixed_size_list, others list with a column
-  /// `shape` (list of uint64) behind them, blobs binary. The schema's metadata has the keys `name`,
-  /// `unit` and `description`.
+  /// Booleans are Arrow's bool, samples of fixed dimension fixed_size_list, others list with a
+  /// column `shape` (list of uint64) behind them, blobs binary. The schema's metadata has the keys
+  /// `name`, `unit` and `description`.
   ///
   /// The stream opens files of its own, depends on nothing here, and may be used in another thread.
   /// \param out  receives the stream, which its user releases
@@ -205,13 +205,13 @@ class KYR_PARQUET_EXPORT RecordingReader {
   void exportTo(int id, ArrowArrayStream* out, const RowRange& rows = {},
                 std::size_t maxRows = 65'536) const;
 
-  /// \brief Rows whose time lies in [\p from, \p to], both ends included: ascending ranges with gaps
-  /// between them. NaN times lie in no window.
+  /// \brief Rows whose time lies in [\p from, \p to], both ends included: ascending ranges with
+  /// gaps between them. NaN times lie in no window.
   ///
-  /// Where the times ascend, repetitions included, that is at most one range. It is found by bisection
-  /// where row groups are marked as ascending, which decodes two of them at most. All times are read
-  /// otherwise, but for the first call only. Where they do not ascend, row groups that lie partly in
-  /// the window are read at each call.
+  /// Where the times ascend, repetitions included, that is at most one range. It is found by
+  /// bisection where row groups are marked as ascending, which decodes two of them at most. All
+  /// times are read otherwise, but for the first call only. Where they do not ascend, row groups
+  /// that lie partly in the window are read at each call.
   /// \param from, to  [s]
   std::vector<RowRange> rowsBetween(int id, double from, double to) const;
 

@@ -17,14 +17,14 @@ struct ResampleOptions {
     linear,    ///< on the straight line between the samples before and after; numbers only
   };
 
-  /// Distance of the times [s], which start with the first time of all signals; without it the times
-  /// are all those that any of the signals has.
+  /// Distance of the times [s], which start with the first time of all signals; without it the
+  /// times are all those that any of the signals has.
   std::optional<double> step;
   Method method = Method::previous;
 };
 
-/// \brief Where a time lies among the samples of a signal. Of several samples with the same time, the
-/// last one counts.
+/// \brief Where a time lies among the samples of a signal. Of several samples with the same time,
+/// the last one counts.
 struct SamplePlace {
   std::int64_t before = -1;  ///< latest sample at or before the time; -1 if there is none
   std::int64_t after = -1;   ///< next later sample; -1 if there is none
@@ -34,8 +34,8 @@ struct SamplePlace {
 
 /// \brief One grid of times for several signals, and what the signals are at these times.
 ///
-/// A sample counts as at a time of a grid with steps if the two differ by no more than a 1e-9th of the
-/// step and twice what doubles of their size are rounded by.
+/// A sample counts as at a time of a grid with steps if the two differ by no more than a 1e-9th of
+/// the step and twice what doubles of their size are rounded by.
 ///
 /// Memory: a few pieces of the times of each signal. The times of signals whose times do not ascend
 /// are in memory as a whole. One thread at a time.
@@ -44,8 +44,8 @@ class KYR_PARQUET_EXPORT Resampling {
   /// \brief Reads the times of the signals once.
   /// \param reader  must outlive the object, and not be refreshed meanwhile
   /// \param ids  of signals with times and samples
-  /// \throws std::invalid_argument naming a signal without times or whose times are not all finite, and
-  ///         for a step that is not above 0, finer than the times, or makes more than 2^31 rows
+  /// \throws std::invalid_argument naming a signal without times or whose times are not all finite,
+  ///         and for a step that is not above 0, finer than the times, or makes more than 2^31 rows
   Resampling(const RecordingReader& reader, std::vector<int> ids, const ResampleOptions& options);
   ~Resampling();
   Resampling(Resampling&&) noexcept;
@@ -57,8 +57,8 @@ class KYR_PARQUET_EXPORT Resampling {
   std::vector<double> times(const RowRange& rows = {}) const;
   /// \brief Where the times lie among the samples of a signal.
   std::vector<SamplePlace> places(int id, const RowRange& rows = {}) const;
-  /// \brief The samples of a scalar signal of numbers or truth values at these times, by the method of
-  /// the options; empty before its first sample and, with linear, after its last one.
+  /// \brief The samples of a scalar signal of numbers or truth values at these times, by the method
+  /// of the options; empty before its first sample and, with linear, after its last one.
   /// \throws std::invalid_argument for other signals
   std::vector<std::optional<double>> numbers(int id, const RowRange& rows = {}) const;
 

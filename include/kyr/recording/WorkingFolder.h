@@ -13,16 +13,17 @@ namespace kyr::recording {
 /// \brief A new folder for intermediate files, which this user alone may enter. It is removed with
 /// all that is in it when the object goes.
 ///
-/// It is best made beside the recording for which it is needed: saveRecording() then takes the files
-/// of a pool in it as they are, without copying them. A process that is killed leaves its folder,
-/// which findLeftovers() tells.
+/// It is best made beside the recording for which it is needed: saveRecording() then takes the
+/// files of a pool in it as they are, without copying them. A process that is killed leaves its
+/// folder, which findLeftovers() tells.
 class KYR_PARQUET_EXPORT WorkingFolder {
  public:
   /// \brief A folder for the recording \p folder: `<folder>.importing-<16 hexadecimal digits>`.
   /// \throws std::filesystem::filesystem_error, std::system_error  if it cannot be made
   static WorkingFolder beside(const Path& folder);
 
-  /// \brief A folder `kyr-tmp-<16 hexadecimal digits>` in the system's directory for temporary files.
+  /// \brief A folder `kyr-tmp-<16 hexadecimal digits>` in the system's directory for temporary
+  /// files.
   /// \throws std::filesystem::filesystem_error, std::system_error  if it cannot be made
   static WorkingFolder temporary();
 
@@ -42,8 +43,8 @@ class KYR_PARQUET_EXPORT WorkingFolder {
 struct Leftover {
   Path path;
   std::uint64_t bytes = 0;  ///< of its files
-  /// Why removeLeftover() would leave it alone: somebody uses it, or it holds what kyr did not make.
-  /// Empty if it can be removed.
+  /// Why removeLeftover() would leave it alone: somebody uses it, or it holds what kyr did not
+  /// make. Empty if it can be removed.
   std::string inTheWay;
 };
 

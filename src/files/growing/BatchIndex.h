@@ -12,8 +12,8 @@ namespace kyr::parquet {
 /// them.
 ///
 /// A row group is kept as its bytes in the serialized metadata, about a sixth of the memory that it
-/// takes when parsed. A footer is made by copying these bytes. The schema, the key-value metadata and
-/// everything else come from the metadata that the index was made from.
+/// takes when parsed. A footer is made by copying these bytes. The schema, the key-value metadata
+/// and everything else come from the metadata that the index was made from.
 ///
 /// Bytes that are no serialized Parquet metadata are a ::parquet::ParquetException; nothing has
 /// changed then.

@@ -12,8 +12,8 @@ struct RecoveryReport {
   /// growing file, or one without its first record.
   bool isComplete = false;
   bool wasComplete = false;  ///< it was complete already, and was left as it is
-  /// Whether a file without its first record ends in a footer that is whole. `rowsKept` are then the
-  /// rows before the first damaged batch, which can be read by that footer.
+  /// Whether a file without its first record ends in a footer that is whole. `rowsKept` are then
+  /// the rows before the first damaged batch, which can be read by that footer.
   bool hasFooter = false;
   std::uint64_t rowsKept = 0;
   std::uint64_t batchesKept = 0;

@@ -36,7 +36,8 @@ struct RecordLimits {
   bool checks = true;
 };
 
-/// The batches that the footer names; none if the file does not end in a footer whose checksum fits.
+/// The batches that the footer names; none if the file does not end in a footer whose checksum
+/// fits.
 /// \throws std::system_error if the file cannot be read
 std::optional<GrowingRecords> recordsFromFooter(const ByteSource& file, std::uint64_t end);
 
