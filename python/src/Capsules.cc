@@ -18,7 +18,7 @@ nanobind::capsule capsuleOf(std::unique_ptr<Structure> structure, const char* na
     if (owned->release != nullptr) owned->release(owned.get());
   };
   nanobind::capsule capsule(structure.get(), name, clean);
-  structure.release();
+  static_cast<void>(structure.release());
   return capsule;
 }
 

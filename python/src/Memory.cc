@@ -30,7 +30,7 @@ Memory::Memory(std::size_t size) : size_(size) {
 Bytes Memory::release(std::size_t size) && {
   const auto* const bytes = reinterpret_cast<const std::uint8_t*>(data_.get());
   const nb::capsule owner(data_.get(), [](void* data) noexcept { std::free(data); });
-  data_.release();
+  static_cast<void>(data_.release());
   return {bytes, {size}, owner};
 }
 

@@ -20,9 +20,9 @@ Recorder::Recorder(std::string folder, const Options& options)
 Recorder::~Recorder() {
   if (lock_.isOfParent()) {
     // The files are the parent's, and so is the thread, which does not run here.
-    live_.release();
-    thread_.release();
-    wakes_.release();  // its end would wait for the thread
+    static_cast<void>(live_.release());
+    static_cast<void>(thread_.release());
+    static_cast<void>(wakes_.release());  // its end would wait for the thread
     return;
   }
   try {

@@ -64,7 +64,7 @@ std::shared_ptr<parquet::ContentReader> LentFolder::open(int storageId) {
   Lent& lent = contents_.at(storageId);
   const auto column = timeColumns_.find(storageId);
   const bool isColumn = column != timeColumns_.end();
-  const auto content = files_->open(isColumn ? column->second : storageId);
+  auto content = files_->open(isColumn ? column->second : storageId);
   if (lent.checked.lock() != content->columns()) {
     for (const Use& use : lent.uses) check(*content, {use.signal, use.isTime && !isColumn});
     lent.checked = content->columns();

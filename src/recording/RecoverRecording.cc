@@ -239,6 +239,7 @@ class Recovery {
       (part.second ? info.timeStorageId : info.dataStorageId) = id;
     }
     std::vector<SignalInfo> found;
+    found.reserve(signals.size());
     for (auto& [id, info] : signals) found.push_back(std::move(info));
     if (found.empty()) return;
     take(std::move(found));

@@ -49,7 +49,7 @@ std::string unknownOption(const CLI::App& app, const CLI::App& command, const st
 
 // What CLI11 says, in our words where its own are hard to read.
 std::string inPlainWords(const CLI::ParseError& error) {
-  const std::string text = error.what();
+  std::string text = error.what();
   const std::string kind = error.get_name();
   const std::string subject = text.substr(0, text.find_first_of(": "));
   const std::string object = text.substr(text.find_last_of(' ') + 1);
