@@ -7,10 +7,12 @@
 #include <string_view>
 #include <vector>
 
+#include "files/CheckedFile.h"
+
 namespace kyr::recording {
 
 /// Bytes of a file that have a digest of their own.
-constexpr std::size_t kBlockBytes = std::size_t{1} << 18U;
+constexpr std::size_t kBlockBytes = parquet::CheckedFile::kBlockBytes;
 
 struct FileDigest {
   std::uint64_t size = 0;

@@ -39,7 +39,7 @@ class OpenFolder {
   std::unique_ptr<DiskFile> storage_;  // null if the recording has none
 };
 
-/// As describeRecording() for a path.
+/// Does what describeRecording() does for a path.
 RecordingInfo describeRecording(const OpenFolder& folder);
 
 }  // namespace kyr::recording

@@ -32,7 +32,8 @@ namespace {
 constexpr std::size_t kGroupRows = 65536;
 constexpr std::size_t kGroupBytes = std::size_t{1} << 20U;
 constexpr std::size_t kPackBytes = std::size_t{64} << 20U;
-// Of the samples of a pack that asks for none; a row group that it does not suit does without.
+// Samples are compressed with this codec if the pack asks for none. A row group that it does not
+// suit is not compressed.
 constexpr auto kChosenCodec = ::arrow::Compression::ZSTD;
 
 // Columns that are no lists need no levels: nothing of theirs is ever null.
@@ -156,7 +157,7 @@ class PackWriter::Pack {
     numbers_->writeRowGroup(columns, {encoding, {::parquet::Encoding::RLE_DICTIONARY}});
   }
 
-  // Of each row.
+  // The storage id that each row belongs to.
   std::shared_ptr<::arrow::Array> ids(std::size_t count) const {
     std::vector<std::int32_t> ids;
     ids.reserve(count);

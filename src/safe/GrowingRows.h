@@ -48,8 +48,8 @@ class GrowingRows final : public ContentRows {
   /// \param batchRows  rows of a batch; 0 for as many as the store's options say
   /// \throws std::exception  if that fails; nothing is added then, and the call may be repeated
   void append(const RowSlice& rows, std::size_t batchRows);
-  /// As append() to rows of which there are none yet, and finish(). What goes to disk is written
-  /// from where it lies.
+  /// Does what append() and finish() do, for an object without rows. Rows go to disk from the
+  /// memory of the caller.
   std::unique_ptr<ContentRows> finishWith(const RowSlice& rows);
 
   /// Waits until all batches are on the disk.

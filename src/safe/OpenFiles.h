@@ -75,7 +75,7 @@ class OpenFiles {
  private:
   void closeLeastRecentlyUsed() { open_.back()->close(); }
 
-  // Of all pools of the process, which different threads may use.
+  // The counts are those of all pools of the process, which different threads may use.
   static std::atomic<std::size_t> finished_;
   static std::atomic<std::size_t> growing_;
 

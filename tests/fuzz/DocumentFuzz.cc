@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "MayRefuse.h"
 #include "platform/JsonReader.h"
 #include "recording/JsonDocument.h"
 #include "recording/LiveFormat.h"
@@ -19,14 +20,7 @@ namespace {
 using namespace kyr;
 using namespace kyr::recording;
 
-template <typename Operation>
-void mayRefuse(Operation&& operation) {
-  try {
-    operation();
-  } catch (const std::exception&) {
-    return;
-  }
-}
+using kyr::fuzz::mayRefuse;
 
 // Documents carry their own checksum, which no mutation would ever fit.
 std::string sound(std::string_view text) {

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "MayRefuse.h"
 #include "files/ContentReader.h"
 #include "files/InputFile.h"
 #include "files/RowGroupCache.h"
@@ -49,14 +50,7 @@ class MemoryBytes final : public ByteSource {
   fs::path path_ = "fuzzed";
 };
 
-template <typename Operation>
-void mayRefuse(Operation&& operation) {
-  try {
-    operation();
-  } catch (const std::exception&) {
-    return;
-  }
-}
+using kyr::fuzz::mayRefuse;
 
 void readContent(const std::shared_ptr<parquet::InputFile>& file) {
   mayRefuse([&] { static_cast<void>(file->keyValueMetadata()); });

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "files/growing/BatchRecord.h"
+#include "files/growing/GrowingRecords.h"
 #include "kyr/platform/CryptoService.h"
 
 namespace kyr::parquet {
@@ -146,12 +147,7 @@ void GrowingFile::writeRecord(const EncodedBatch& batch, std::uint64_t rows, boo
 }
 
 std::string GrowingFile::footer(std::uint64_t offset, std::uint64_t records) const {
-  RecordHeader header;
-  header.fileId = fileId_;
-  header.offset = offset;
-  header.index = records;
-  header.rows = index_.rows();
-  return encodeFooter(header, index_.metadata());
+  return footerOf(index_, fileId_, offset, records);
 }
 
 void GrowingFile::replaceTail(const std::vector<std::string_view>& pieces) {

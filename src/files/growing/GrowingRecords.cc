@@ -39,14 +39,17 @@ std::optional<WholeRecord> batchRecord(const ByteSource& file, std::uint64_t off
 
 }  // namespace
 
-std::string GrowingRecords::footer() const {
+std::string footerOf(const BatchIndex& index, std::uint64_t fileId, std::uint64_t offset,
+                     std::uint64_t records) {
   RecordHeader header;
   header.fileId = fileId;
-  header.offset = end;
-  header.index = count;
+  header.offset = offset;
+  header.index = records;
   header.rows = index.rows();
   return encodeFooter(header, index.metadata());
 }
+
+std::string GrowingRecords::footer() const { return footerOf(index, fileId, end, count); }
 
 ByteSpan bytesOf(const ::parquet::RowGroupMetaData& group) {
   ByteSpan all{std::numeric_limits<std::uint64_t>::max(), 0};

@@ -13,6 +13,12 @@
 
 namespace kyr::parquet {
 
+/// A footer for the batches of \p index.
+/// \param offset  place of the footer in the file
+/// \param records  number of records before it
+std::string footerOf(const BatchIndex& index, std::uint64_t fileId, std::uint64_t offset,
+                     std::uint64_t records);
+
 /// The batches of a growing file (GrowingFile.h), for those who do not write it.
 struct GrowingRecords {
   BatchIndex index;

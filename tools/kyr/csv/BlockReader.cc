@@ -141,7 +141,7 @@ class BlockReader {
     return appendReal(text, cells) ? number.end : nullptr;
   }
 
-  // As readReal(), for integers of so few digits that int64 holds them.
+  // Does what readReal() does, for integers of so few digits that int64 holds them.
   const char* readInteger(const char* at, CellValues& cells) const {
     constexpr std::ptrdiff_t kDigits = 18;
     const bool isNegative = *at == '-';
