@@ -69,6 +69,15 @@ std::shared_ptr<const DecodedGroup> ContentFile::group(std::size_t index) {
   return group;
 }
 
+template <typename Check>
+void ContentFile::naming(Check&& check) const {
+  try {
+    check();
+  } catch (const std::invalid_argument& error) {
+    fail(*file_, error.what());
+  }
+}
+
 void ContentFile::decode(std::size_t index, DecodedGroup& group) {
   const std::uint64_t first = file_->rowStart(index);
   const std::uint64_t count = file_->rowStart(index + 1) - first;
@@ -80,18 +89,26 @@ void ContentFile::decode(std::size_t index, DecodedGroup& group) {
     group.rows.grow(static_cast<std::size_t>(count) - kept);
     return file_->readNumbers(columnNames::data, first, count, group.rows.values());
   }
-  group.rows.truncate(0);
-  const auto table = file_->read(first, count, schema_.schema->field_names());
-  requireRowsOf(*table, first);
-  group.rows.append(*table);
+  group.rows.refill(static_cast<std::size_t>(count), [&](ByteBuffer& elements, RowShapes& shapes) {
+    if (schema_.kind == ColumnKind::flat) {
+      elements.extend(static_cast<std::size_t>(count) * width_);
+      file_->readNumbers(columnNames::data, first, count, elements.data());
+    } else {
+      file_->readGroup(columnNames::data, index, elements, shapes.rowEnds);
+    }
+    if (schema_.dimensionIndex < 0) return;
+    ByteBuffer extents;
+    file_->readGroup(columnNames::dimension, index, extents, shapes.extentEnds);
+    shapes.extents.resize(extents.size() / sizeof(std::uint64_t));
+    std::memcpy(shapes.extents.data(), extents.data(), extents.size());
+  });
+  if (schema_.kind == ColumnKind::list) {
+    naming([&] { requireShapes(group.rows.slice(), first); });
+  }
 }
 
 void ContentFile::requireRowsOf(const ::arrow::Table& table, std::uint64_t first) const {
-  try {
-    requireSamples(schema_, table, first);
-  } catch (const std::invalid_argument& error) {
-    fail(*file_, error.what());
-  }
+  naming([&] { requireSamples(schema_, table, first); });
 }
 
 ContentReader::ContentReader(std::shared_ptr<InputFile> file, std::shared_ptr<RowGroupCache> cache)

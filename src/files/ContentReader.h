@@ -54,6 +54,9 @@ class ContentFile {
 
  private:
   void decode(std::size_t index, DecodedGroup& group);
+  // Puts the name of the file before what \p check finds wrong.
+  template <typename Check>
+  void naming(Check&& check) const;
 
   std::shared_ptr<InputFile> file_;
   Kind kind_;
@@ -136,28 +139,5 @@ class ContentReader {
   std::uint64_t first_ = 0;
   std::uint64_t count_ = 0;
 };
-
-/// Replaces \p out by rows [first, first + count) of a column of numbers. Memory that \p out has is
-/// used. Memory that it does not have is allocated, cleared and filled piece by piece, while the
-/// piece is in the processor's cache; so a file that only claims to have many rows takes no memory
-/// for them.
-/// \param source  an InputFile or a ContentReader
-/// \param out  elements of the column's width, or bytes
-/// \param width  of a number
-template <typename Source, typename T>
-void readColumn(Source& source, const std::string& column, std::size_t width, std::uint64_t first,
-                std::uint64_t count, std::vector<T>& out) {
-  constexpr std::uint64_t kPiece = 32'768;
-  const std::size_t perRow = width / sizeof(T);
-  const std::size_t had = std::min<std::uint64_t>(out.size() / perRow, count);
-  out.resize(had * perRow);
-  for (std::uint64_t done = 0; done < count;) {
-    const std::uint64_t end = done < had ? had : std::min(done + kPiece, count);
-    out.resize(static_cast<std::size_t>(end) * perRow);
-    source.readNumbers(column, first + done, end - done,
-                       reinterpret_cast<char*>(out.data() + done * perRow));
-    done = end;
-  }
-}
 
 }  // namespace kyr::parquet

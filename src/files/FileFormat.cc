@@ -32,7 +32,8 @@ std::shared_ptr<::parquet::SchemaDescriptor> numberColumns(
   if (columns->num_columns() != schema.num_fields() || schema.num_fields() == 0) return nullptr;
   for (int i = 0; i < schema.num_fields(); ++i) {
     const auto* column = columns->Column(i);
-    if (!isFlatColumn(*schema.field(i)->type(), *column) ||
+    const auto numbers = numberTypeOf(*column);
+    if (!numbers || !numbers->Equals(*schema.field(i)->type()) ||
         !isPlain(properties.column_properties(column->path()))) {
       return nullptr;
     }

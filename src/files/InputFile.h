@@ -2,18 +2,24 @@
 
 #include <arrow/type_fwd.h>
 #include <arrow/util/type_fwd.h>
+#include <parquet/metadata.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
-#include "files/RowReader.h"
 #include "files/growing/GrowingRecords.h"
+#include "kyr/parquet/ColumnNames.h"
 #include "platform/ByteSource.h"
+#include "schema/ArrayMemory.h"
+#include "schema/ByteBuffer.h"
 
 namespace kyr::parquet {
 
@@ -42,24 +48,34 @@ class InputFile {
  public:
   /// A complete file.
   explicit InputFile(std::shared_ptr<const ByteSource> file);
-  /// A growing file with the given records.
-  InputFile(std::shared_ptr<const ByteSource> file, GrowingRecords records, BatchChecks checks);
+  /// A growing file with the given records. Who writes the file may share and extend them.
+  InputFile(std::shared_ptr<const ByteSource> file, std::shared_ptr<GrowingRecords> records,
+            BatchChecks checks);
+  ~InputFile();
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
 
   const std::filesystem::path& path() const { return file_->path(); }
   const ByteSource& bytes() const { return *file_; }
-  std::uint64_t rows() const { return records_.index.rows(); }
-  std::size_t rowGroups() const { return records_.index.batches(); }
+  std::uint64_t rows() const { return records_->index.rows(); }
+  std::size_t rowGroups() const { return records_->index.batches(); }
   /// First row of a row group, which may be the one behind the last.
-  std::uint64_t rowStart(std::size_t group) const { return records_.index.rowStart(group); }
+  std::uint64_t rowStart(std::size_t group) const { return records_->index.rowStart(group); }
   /// The row group that holds a row, which there must be.
-  std::size_t groupOfRow(std::uint64_t row) const { return records_.index.batchOfRow(row); }
-  bool isPublished() const { return records_.isPublished; }
+  std::size_t groupOfRow(std::uint64_t row) const { return records_->index.batchOfRow(row); }
+  bool isPublished() const { return records_->isPublished; }
 
   /// The columns as signals have them: nullable, without metadata.
   const std::shared_ptr<::arrow::Schema>& schema() const;
   bool hasColumn(const std::string& name) const;
+  /// Whether a column "data" of numbers is the only one.
+  /// \param type  of the numbers; any if null
+  bool holdsOnlyNumbers(const ::arrow::DataType* type) const;
   /// The codec of the column's first chunk; uncompressed if there is none.
   ::arrow::Compression::type codec(const std::string& column) const;
+  /// The metadata of all row groups. They stay parsed, for whoever reads the whole file or jumps
+  /// to and fro in it.
+  std::shared_ptr<::parquet::FileMetaData> metadata();
   /// The key-value metadata; null if there are none.
   std::shared_ptr<const ::arrow::KeyValueMetadata> keyValueMetadata() const;
 
@@ -68,13 +84,24 @@ class InputFile {
   /// \param first  row group to begin with
   std::vector<std::optional<NumberRange>> ascendingGroups(std::size_t first) const;
 
-  /// Rows [first, first + count).
+  /// Rows [first, first + count), from the row groups that hold them and no others. Reading on from
+  /// where the last call ended parses no metadata and decodes no page of numbers twice. Rows are not
+  /// kept.
   /// \param columns  names; all if none are given
+  /// \throws std::out_of_range if there are not that many rows
   std::shared_ptr<::arrow::Table> read(std::uint64_t first, std::uint64_t count,
                                        const std::vector<std::string>& columns = {});
-  /// Writes the numbers of rows [first, first + count) to \p out.
-  /// \param column  of numbers
+  /// Writes the numbers of rows [first, first + count) to \p out, without tables. Plain pages go
+  /// there straight from the file, others are decoded there.
+  /// \param column  of numbers, none of which is null
   void readNumbers(const std::string& column, std::uint64_t first, std::uint64_t count, char* out);
+
+  /// Appends all rows of a row group, decoded page by page.
+  /// \param column  of lists of numbers, or of blobs; neither rows nor items may be null
+  /// \param items  receives the numbers, or the bytes
+  /// \param ends  receives where the items of each row end, counted on from the last end
+  void readGroup(const std::string& column, std::size_t group, ByteBuffer& items,
+                 std::vector<std::uint64_t>& ends);
 
   /// The rows of the row groups that have some of the bytes [from, to); all rows if those bytes
   /// belong to no row group.
@@ -92,19 +119,33 @@ class InputFile {
   struct Leaves {
     int first = 0;
     int count = 0;
-    std::size_t width = 0;  // bytes of a number in memory; 0 for other columns
+    std::size_t width = 0;      // bytes of a number in memory; 0 for other columns
+    std::size_t itemWidth = 0;  // bytes of a number of a list, or 1 for blobs; 0 for other columns
   };
+  // Row groups whose metadata are parsed, and what reads them.
+  struct Window;
 
   [[noreturn]] void fail(const std::string& what) const;
+  // Calls \p work, and makes what Parquet throws a std::runtime_error that names the file.
+  template <typename Work>
+  auto naming(Work&& work) const;
   const Leaves& leavesOf(const std::string& column) const;
   void readSchema() const;
+  void requireRows(std::uint64_t first, std::uint64_t count) const;
+  Window& openGroups(std::size_t first, std::size_t count) const;
+  Window& openRows(std::uint64_t first, std::uint64_t count) const;
+  Window& openAny() const;
+  std::shared_ptr<::arrow::Table> readTable(std::uint64_t first, std::uint64_t count,
+                                            const std::vector<std::string>& columns);
+  std::shared_ptr<::arrow::Table> tableOfNumbers(std::uint64_t first, std::uint64_t count);
   void checkBatches(std::uint64_t first, std::uint64_t count);
   void checkBatch(std::size_t batch);
 
   std::shared_ptr<const ByteSource> file_;
-  GrowingRecords records_;
-  RowReader reader_;
+  std::shared_ptr<GrowingRecords> records_;
   std::optional<std::vector<bool>> checked_;  // batches of a growing file whose checksum fitted
+  mutable std::unique_ptr<Window> window_;
+  mutable std::shared_ptr<::arrow::Schema> stored_;  // the columns as the file has them
   mutable std::shared_ptr<::arrow::Schema> schema_;
   mutable std::vector<Leaves> leaves_;  // of the schema's columns
 };
@@ -126,5 +167,49 @@ std::shared_ptr<InputFile> openGrowingFile(const std::filesystem::path& path);
 /// Opens a file that may be a growing one or not, as openGrowingFile().
 std::shared_ptr<InputFile> openAnyFile(std::shared_ptr<const ByteSource> file, std::uint64_t rows,
                                        BatchChecks checks);
+
+/// Replaces \p out by rows [first, first + count) of a column of numbers. Memory that \p out has is
+/// used. Memory that it does not have is allocated, cleared and filled piece by piece, while the
+/// piece is in the processor's cache; so a file that only claims to have many rows takes no memory
+/// for them.
+/// \param source  an InputFile or a ContentReader
+/// \param out  elements of the column's width, or bytes
+/// \param width  of a number
+template <typename Source, typename T>
+void readColumn(Source& source, const std::string& column, std::size_t width, std::uint64_t first,
+                std::uint64_t count, std::vector<T>& out) {
+  constexpr std::uint64_t kPiece = 32'768;
+  const std::size_t perRow = width / sizeof(T);
+  const std::size_t had = std::min<std::uint64_t>(out.size() / perRow, count);
+  out.resize(had * perRow);
+  for (std::uint64_t done = 0; done < count;) {
+    const std::uint64_t end = done < had ? had : std::min(done + kPiece, count);
+    out.resize(static_cast<std::size_t>(end) * perRow);
+    source.readNumbers(column, first + done, end - done,
+                       reinterpret_cast<char*>(out.data() + done * perRow));
+    done = end;
+  }
+}
+
+/// Replaces \p out by all numbers of a file that holds nothing else.
+/// \param type  of the numbers; any if null
+/// \return whether it is such a file, and a sound one; \p out is overwritten in any case
+/// \throws std::system_error naming the file if it cannot be read
+template <typename T>
+bool readOnlyColumn(std::shared_ptr<const ByteSource> file, const ::arrow::DataType* type,
+                    std::vector<T>& out) {
+  try {
+    InputFile input(std::move(file));
+    if (!input.holdsOnlyNumbers(type)) return false;
+    const auto& numbers = *input.schema()->field(0)->type();
+    input.metadata();
+    readColumn(input, columnNames::data, valueWidth(numbers), 0, input.rows(), out);
+    return true;
+  } catch (const std::system_error&) {
+    throw;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
 
 }  // namespace kyr::parquet

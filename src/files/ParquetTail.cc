@@ -1,6 +1,7 @@
 #include "files/ParquetTail.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace kyr::parquet {
 
@@ -39,6 +40,18 @@ std::optional<std::string> readSerializedMetadata(const ByteSource& file) {
   tail.resize(tail.size() - kParquetTailBytes);
   tail.erase(0, tail.size() - bytes);
   return tail;
+}
+
+std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata) {
+  auto size = static_cast<std::uint32_t>(metadata.size());
+  return ::parquet::FileMetaData::Make(metadata.data(), &size, readerProperties());
+}
+
+::parquet::ReaderProperties readerProperties() {
+  ::parquet::ReaderProperties properties;
+  properties.set_thrift_container_size_limit(std::numeric_limits<std::int32_t>::max());
+  properties.set_thrift_string_size_limit(std::numeric_limits<std::int32_t>::max());
+  return properties;
 }
 
 }  // namespace kyr::parquet

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <parquet/metadata.h>
+#include <parquet/properties.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,5 +25,12 @@ std::uint32_t metadataLength(std::string_view tail);
 /// The serialized metadata at the end of a file; none if it is no complete Parquet file.
 /// \throws std::system_error naming the file if it cannot be read
 std::optional<std::string> readSerializedMetadata(const ByteSource& file);
+
+/// Parses serialized metadata.
+/// \throws ::parquet::ParquetException if they are none
+std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata);
+
+/// What Parquet's readers accept: more row groups than by default, which long files have.
+::parquet::ReaderProperties readerProperties();
 
 }  // namespace kyr::parquet

@@ -1,6 +1,6 @@
 #include "files/PhysicalTypes.h"
 
-#include "schema/ElementTypes.h"
+#include <arrow/type.h>
 
 namespace kyr::parquet {
 
@@ -10,12 +10,37 @@ std::size_t physicalWidth(::parquet::Type::type type) {
   return isNumeric ? static_cast<std::size_t>(::parquet::GetTypeByteSize(type)) : 0;
 }
 
-bool isFlatColumn(const ::arrow::DataType& type, const ::parquet::ColumnDescriptor& column) {
-  if (column.max_repetition_level() > 0 || column.max_definition_level() > 1) return false;
-  return isNumber(type) && visitNumber(type.id(), [&](auto number) {
-           using Value = typename decltype(number)::Value;
-           return column.physical_type() == PhysicalType<Value>::type_num;
-         });
+std::shared_ptr<::arrow::DataType> numberTypeOf(const ::parquet::ColumnDescriptor& column) {
+  const ::parquet::Type::type stored = column.physical_type();
+  const auto& logical = column.logical_type();
+  if (column.max_repetition_level() > 0 || column.max_definition_level() > 1 || !logical ||
+      physicalWidth(stored) == 0) {
+    return nullptr;
+  }
+  if (logical->is_int()) {
+    const auto& integer = static_cast<const ::parquet::IntLogicalType&>(*logical);
+    switch (integer.bit_width()) {
+      case 8:
+        return integer.is_signed() ? ::arrow::int8() : ::arrow::uint8();
+      case 16:
+        return integer.is_signed() ? ::arrow::int16() : ::arrow::uint16();
+      case 32:
+        return integer.is_signed() ? ::arrow::int32() : ::arrow::uint32();
+      default:
+        return integer.is_signed() ? ::arrow::int64() : ::arrow::uint64();
+    }
+  }
+  if (!logical->is_none()) return nullptr;
+  switch (stored) {
+    case ::parquet::Type::INT32:
+      return ::arrow::int32();
+    case ::parquet::Type::INT64:
+      return ::arrow::int64();
+    case ::parquet::Type::FLOAT:
+      return ::arrow::float32();
+    default:
+      return ::arrow::float64();
+  }
 }
 
 }  // namespace kyr::parquet

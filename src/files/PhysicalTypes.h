@@ -5,6 +5,7 @@
 #include <parquet/types.h>
 
 #include <cstddef>
+#include <memory>
 #include <type_traits>
 
 /// How Parquet stores the number types.
@@ -21,8 +22,8 @@ using PhysicalType = std::conditional_t<
 /// Bytes of a value in a plain page; 0 for types whose values are no numbers of fixed width.
 std::size_t physicalWidth(::parquet::Type::type type);
 
-/// Whether the plain pages of a column hold numbers of \p type as they are in memory, or small
-/// integers widened to 32 bits.
-bool isFlatColumn(const ::arrow::DataType& type, const ::parquet::ColumnDescriptor& column);
+/// The type of the numbers of a column, which the file stores as they are in memory or, if they are
+/// small integers, widened to 32 bits. Empty for lists and columns of anything else.
+std::shared_ptr<::arrow::DataType> numberTypeOf(const ::parquet::ColumnDescriptor& column);
 
 }  // namespace kyr::parquet

@@ -10,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "files/FlatFileReader.h"
 #include "files/InputFile.h"
 #include "platform/DiskFile.h"
 
@@ -44,7 +43,7 @@ class FinishedFile {
   /// \return whether it is
   template <typename T>
   bool readNumbers(const ::arrow::DataType& type, std::vector<T>& out) const {
-    return readFlatFile(*file_, &type, out);
+    return readOnlyColumn(file_, &type, out);
   }
 
  private:

@@ -126,14 +126,15 @@ void appendEnds(const ListLike& array, std::vector<std::uint64_t>& ends) {
   }
 }
 
-// Adds the extents that each row of a column "dimension" lists.
-void appendShapes(const ::arrow::ListArray& lists,
-                  std::vector<std::vector<std::uint64_t>>& shapes) {
-  const auto& extents = static_cast<const ::arrow::UInt64Array&>(*lists.values());
-  for (std::int64_t i = 0; i < lists.length(); ++i) {
-    const std::uint64_t* const from = extents.raw_values() + lists.value_offset(i);
-    shapes.emplace_back(from, from + lists.value_length(i));
-  }
+// Adds the shapes that a chunk of a column "dimension" lists.
+void appendShapes(const ::arrow::Array& chunk, RowShapes& shapes) {
+  requireType(chunk, *::arrow::list(::arrow::uint64()));
+  const auto& lists = static_cast<const ::arrow::ListArray&>(chunk);
+  const auto values = spannedValues(lists);
+  requireNoNulls(*values);
+  const auto* const first = reinterpret_cast<const std::uint64_t*>(firstValue(*values));
+  shapes.extents.insert(shapes.extents.end(), first, first + values->length());
+  appendEnds(lists, shapes.extentEnds);
 }
 
 }  // namespace
@@ -142,8 +143,7 @@ void requireSamples(const SampleSchema& schema, const ::arrow::Table& table, std
   if (!makesSamples(schema)) {
     throw std::invalid_argument("its columns make no samples: " + schema.schema->ToString());
   }
-  std::vector<std::uint64_t> ends;
-  std::vector<std::vector<std::uint64_t>> shapes;
+  RowShapes shapes;
   for (const int index : {schema.dataIndex, schema.dimensionIndex}) {
     if (index < 0) continue;
     const ::arrow::Field& field = *schema.schema->field(index);
@@ -151,14 +151,12 @@ void requireSamples(const SampleSchema& schema, const ::arrow::Table& table, std
     for (const auto& chunk : chunksOf(table, field.name())) {
       requireType(*chunk, *field.type());
       rows += chunk->length();
-      if (chunk->type_id() != ::arrow::Type::LIST) continue;
-      const auto& lists = static_cast<const ::arrow::ListArray&>(*chunk);
-      requireNoNulls(*spannedValues(lists));
-      if (schema.dimensionIndex < 0) continue;
-      if (index == schema.dataIndex) {
-        appendEnds(lists, ends);
-      } else {
-        appendShapes(lists, shapes);
+      if (index == schema.dimensionIndex) {
+        appendShapes(*chunk, shapes);
+      } else if (chunk->type_id() == ::arrow::Type::LIST) {
+        const auto& lists = static_cast<const ::arrow::ListArray&>(*chunk);
+        requireNoNulls(*spannedValues(lists));
+        if (schema.dimensionIndex >= 0) appendEnds(lists, shapes.rowEnds);
       }
     }
     if (rows != table.num_rows()) {
@@ -166,10 +164,25 @@ void requireSamples(const SampleSchema& schema, const ::arrow::Table& table, std
           fmt::format("a column has {} values for {} rows", rows, table.num_rows()));
     }
   }
-  std::uint64_t begin = 0;
-  for (std::size_t row = 0; row < ends.size(); ++row) {
-    const std::uint64_t found = ends[row] - std::exchange(begin, ends[row]);
-    const std::uint64_t expected = shapeElements(shapes[row]);
+  RowSlice slice;
+  slice.rows = shapes.rowEnds.size();
+  slice.ends = shapes.rowEnds.data();
+  slice.extents = shapes.extents.data();
+  slice.extentEnds = shapes.extentEnds.data();
+  if (schema.kind == ColumnKind::list && schema.dimensionIndex >= 0) requireShapes(slice, first);
+}
+
+void requireShapes(const RowSlice& rows, std::uint64_t first) {
+  if (!rows.ends || !rows.extentEnds) return;
+  std::uint64_t begin = rows.begin;
+  std::uint64_t extentBegin = 0;
+  for (std::size_t row = 0; row < rows.rows; ++row) {
+    const std::uint64_t found = rows.ends[row] - begin;
+    begin = rows.ends[row];
+    const std::uint64_t extentEnd = rows.extentEnds[row] - rows.extentBegin;
+    const std::uint64_t expected =
+        shapeElements(rows.extents + extentBegin, extentEnd - extentBegin);
+    extentBegin = extentEnd;
     if (found == expected) continue;
     throw std::invalid_argument(
         fmt::format("sample {} has {} elements, its shape {}", first + row, found, expected));
@@ -387,15 +400,7 @@ void RowStore::append(const ::arrow::Table& table) {
     }
   }
   if (schema_.dimensionIndex >= 0) {
-    for (const auto& chunk : chunksOf(table, columnNames::dimension)) {
-      requireType(*chunk, *::arrow::list(::arrow::uint64()));
-      const auto& lists = static_cast<const ::arrow::ListArray&>(*chunk);
-      const auto values = spannedValues(lists);
-      requireNoNulls(*values);
-      const auto* const first = reinterpret_cast<const std::uint64_t*>(firstValue(*values));
-      shapes_.extents.insert(shapes_.extents.end(), first, first + values->length());
-      appendEnds(lists, shapes_.extentEnds);
-    }
+    for (const auto& chunk : chunksOf(table, columnNames::dimension)) appendShapes(*chunk, shapes_);
   }
   rows_ += static_cast<std::size_t>(table.num_rows());
 }

@@ -78,6 +78,11 @@ std::shared_ptr<::arrow::Table> tableOf(const SampleSchema& schema, const RowSli
 ///         says
 void requireSamples(const SampleSchema& schema, const ::arrow::Table& table, std::uint64_t first);
 
+/// Checks rows of a schema with shapes.
+/// \param first  number of the first row, for the error
+/// \throws std::invalid_argument if a list has not as many elements as its shape says
+void requireShapes(const RowSlice& rows, std::uint64_t first);
+
 /// Bytes that a RowStore of the rows takes.
 std::size_t bytesIn(const RowSlice& rows);
 
@@ -116,6 +121,15 @@ class RowStore {
   void grow(std::size_t rows);
   /// The values of a flat column.
   char* values() { return elements_.data(); }
+
+  /// Replaces all rows, in the memory that there is. If \p fill throws, no rows are left.
+  /// \param fill  appends the elements and the shapes of \p rows rows to the empty columns
+  template <typename Fill>
+  void refill(std::size_t rows, Fill&& fill) {
+    truncate(0);
+    fill(elements_, shapes_);
+    rows_ = rows;
+  }
 
   RowSlice slice(std::size_t from, std::size_t count) const;
   RowSlice slice(std::size_t from = 0) const { return slice(from, rows_ - from); }

@@ -100,12 +100,12 @@ std::size_t elementBytes(const SampleSchema& schema) {
   return fixed != nullptr ? static_cast<std::size_t>(fixed->bit_width()) / 8 : 1;
 }
 
-std::size_t shapeElements(const std::vector<std::uint64_t>& extents) {
+std::size_t shapeElements(const std::uint64_t* extents, std::size_t count) {
   std::size_t product = 1;
   bool tooMany = false;
-  for (const std::uint64_t extent : extents) {
-    if (extent == 0) return 0;
-    tooMany |= __builtin_mul_overflow(product, extent, &product);
+  for (std::size_t i = 0; i < count; ++i) {
+    if (extents[i] == 0) return 0;
+    tooMany |= __builtin_mul_overflow(product, extents[i], &product);
   }
   return tooMany ? std::numeric_limits<std::size_t>::max() : product;
 }

@@ -34,7 +34,10 @@ bool makesSamples(const SampleSchema& schema);
 std::size_t elementBytes(const SampleSchema& schema);
 
 /// The product of the extents: 1 without extents, and the largest number if the product is larger.
-std::size_t shapeElements(const std::vector<std::uint64_t>& extents);
+std::size_t shapeElements(const std::uint64_t* extents, std::size_t count);
+inline std::size_t shapeElements(const std::vector<std::uint64_t>& extents) {
+  return shapeElements(extents.data(), extents.size());
+}
 
 /// The offsets of the rows of \p count elements with the given dimensions; empty without
 /// dimensions.

@@ -32,9 +32,9 @@ class KnownTimes {
     }
     file_.reset();
     const std::int64_t now = nowByTheClock();
-    auto file = std::make_unique<DiskFile>(path, DiskFile::Mode::readOnly);
+    auto file = std::make_shared<const DiskFile>(path, DiskFile::Mode::readOnly);
     const FileState state = file->state();
-    if (!readFile(*file, values)) return false;
+    if (!readFile(file)) return false;
     if (values.size() <= kMost && state.showsEveryChangeSince(now)) {
       values_ = values;
       state_ = state;
@@ -52,7 +52,7 @@ class KnownTimes {
   // More of them are not worth the memory.
   static constexpr std::size_t kMost = std::size_t{1} << 20U;
 
-  std::unique_ptr<DiskFile> file_;
+  std::shared_ptr<const DiskFile> file_;
   std::optional<FileState> state_;  // of the file
   std::vector<double> values_;
 };

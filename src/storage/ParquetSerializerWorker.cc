@@ -3,7 +3,6 @@
 #include <arrow/api.h>
 #include <arrow/io/file.h>
 #include <fmt/format.h>
-#include <parquet/arrow/reader.h>
 
 #include <array>
 #include <cstdint>
@@ -11,14 +10,13 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
-#include <system_error>
 #include <type_traits>
 #include <typeinfo>
 #include <unordered_map>
 #include <utility>
 
-#include "files/FlatFileReader.h"
-#include "files/LocalReading.h"
+#include "files/ArrowReader.h"
+#include "files/InputFile.h"
 #include "files/TableWriter.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/PerfTracer.h"
@@ -83,12 +81,8 @@ class ParquetSerializerWorker::Impl {
   }
 
   ::arrow::Status readFile(const std::string& path, std::shared_ptr<::arrow::Table>& table) const {
-    ::arrow::MemoryPool* pool = ::arrow::default_memory_pool();
-    const auto file = ::arrow::io::ReadableFile::Open(path, pool).ValueOrDie();
-    ::parquet::arrow::FileReaderBuilder builder;
-    ARROW_RETURN_NOT_OK(builder.Open(file));
-    std::unique_ptr<::parquet::arrow::FileReader> reader;
-    ARROW_RETURN_NOT_OK(builder.memory_pool(pool)->properties(localReading())->Build(&reader));
+    const auto file = ::arrow::io::ReadableFile::Open(path).ValueOrDie();
+    ARROW_ASSIGN_OR_RAISE(const auto reader, openArrowReader(file));
     return reader->ReadTable(&table);
   }
 
@@ -97,14 +91,13 @@ class ParquetSerializerWorker::Impl {
   template <typename T>
   bool readFlat(int id, const ::arrow::DataType& type, std::vector<T>& values) const {
     const std::filesystem::path path = filePath(id).toFilesystem();
+    const auto readFile = [&](const std::shared_ptr<const DiskFile>& file) {
+      return readOnlyColumn(file, &type, values);
+    };
     try {
-      if constexpr (std::is_same_v<T, double>) {
-        return times.read(path, values, [&](const DiskFile& file, std::vector<double>& read) {
-          return readFlatFile(file, &type, read);
-        });
-      }
-      return readFlatFile(path, &type, values);
-    } catch (const std::system_error&) {
+      if constexpr (std::is_same_v<T, double>) return times.read(path, values, readFile);
+      return readFile(std::make_shared<const DiskFile>(path, DiskFile::Mode::readOnly));
+    } catch (const std::exception&) {
       return false;
     }
   }

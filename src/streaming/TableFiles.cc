@@ -7,10 +7,9 @@
 #include <algorithm>
 #include <limits>
 #include <optional>
-#include <system_error>
 #include <utility>
 
-#include "files/LocalReading.h"
+#include "files/ArrowReader.h"
 #include "kyr/parquet/ColumnNames.h"
 
 namespace kyr::parquet {
@@ -19,7 +18,7 @@ namespace {
 
 // The first of the rows that readRows() returns, and their number. None where readRows() throws.
 std::optional<std::pair<std::uint64_t, std::uint64_t>> locateRows(const RowIndex& index,
-                                                                  const FlatColumn& column,
+                                                                  const InputFile& file,
                                                                   std::uint64_t from,
                                                                   std::uint64_t to) {
   const std::uint64_t end = std::min(index.rows(), to);
@@ -28,8 +27,8 @@ std::optional<std::pair<std::uint64_t, std::uint64_t>> locateRows(const RowIndex
   const RowPosition first = locateRow(index, from);
   const RowPosition last = locateRow(index, to);
   if (last.rowGroup < first.rowGroup) return std::nullopt;
-  const std::uint64_t start = column.rowStart(static_cast<std::size_t>(first.rowGroup));
-  const std::uint64_t rows = column.rowStart(static_cast<std::size_t>(last.rowGroup) + 1) - start;
+  const std::uint64_t start = file.rowStart(static_cast<std::size_t>(first.rowGroup));
+  const std::uint64_t rows = file.rowStart(static_cast<std::size_t>(last.rowGroup) + 1) - start;
   if (first.offset > rows) return std::nullopt;  // can be huge behind an empty row group
   return std::pair(start + first.offset, std::min(end - from, rows - first.offset));
 }
@@ -45,42 +44,44 @@ void throwIfFailed(const ::arrow::Status& status, const Path& path) {
 
 TableReader::TableReader(Path path) : path_(std::move(path)) {
   // Arrow opens all other files, or throws an error that says what is wrong with them.
-  if (!openColumn()) metadata_ = tables().parquet_reader()->metadata();
+  if (!openNumbers()) metadata_ = tables().parquet_reader()->metadata();
 }
 
-bool TableReader::openColumn() {
+bool TableReader::openNumbers() {
   try {
-    auto file = std::make_unique<DiskFile>(path_.toFilesystem(), DiskFile::Mode::readOnly);
-    metadata_ = readMetadata(*file);
-    if (!metadata_) return false;
-    column_ = FlatColumn::make(*metadata_, file->size(), columnNames::data, nullptr);
-    if (column_) file_ = std::move(file);
-    return column_ != nullptr;
-  } catch (const std::system_error&) {
+    auto file = std::make_shared<DiskFile>(path_.toFilesystem(), DiskFile::Mode::readOnly);
+    auto input = std::make_unique<InputFile>(file);
+    if (!input->holdsOnlyNumbers(nullptr)) return false;
+    metadata_ = input->metadata();
+    file_ = std::move(file);
+    numbers_ = std::move(input);
+    return true;
+  } catch (const std::exception&) {
     return false;
   }
 }
 
 ::parquet::arrow::FileReader& TableReader::tables() {
-  if (tables_) return *tables_;
-  auto file = ::arrow::io::ReadableFile::Open(path_.toNarrow());
-  throwIfFailed(file.status(), path_);
-  ::parquet::arrow::FileReaderBuilder builder;
-  throwIfFailed(builder.Open(*file), path_);
-  throwIfFailed(builder.memory_pool(::arrow::default_memory_pool())
-                    ->properties(localReading())
-                    ->Build(&tables_),
-                path_);
+  if (!tables_) {
+    const auto file = ::arrow::io::ReadableFile::Open(path_.toNarrow());
+    throwIfFailed(file.status(), path_);
+    auto reader = openArrowReader(*file);
+    throwIfFailed(reader.status(), path_);
+    tables_ = *std::move(reader);
+  }
   return *tables_;
 }
 
 bool TableReader::readElements(const RowIndex& index, std::uint64_t from, std::uint64_t to,
                                std::vector<char>& out) {
-  if (!column_) return false;
-  const auto rows = locateRows(index, *column_, from, to);
+  if (!numbers_) return false;
+  const auto rows = locateRows(index, *numbers_, from, to);
+  if (!rows) return false;
   try {
-    return rows && parquet::readRows(*column_, *file_, rows->first, rows->second, out);
-  } catch (const std::system_error&) {
+    const std::size_t width = valueWidth(*numbers_->schema()->field(0)->type());
+    readColumn(*numbers_, columnNames::data, width, rows->first, rows->second, out);
+    return true;
+  } catch (const std::exception&) {
     return false;
   }
 }

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "files/FlatFileReader.h"
+#include "files/InputFile.h"
 #include "kyr/platform/Path.h"
 #include "platform/DiskFile.h"
 #include "streaming/RowGroups.h"
@@ -42,12 +42,12 @@ class TableReader {
   void suspend();
 
  private:
-  bool openColumn();
+  bool openNumbers();
 
   Path path_;
   std::shared_ptr<::parquet::FileMetaData> metadata_;
-  std::unique_ptr<DiskFile> file_;      // of column_
-  std::unique_ptr<FlatColumn> column_;  // if the only column can be read without Arrow
+  std::shared_ptr<DiskFile> file_;      // of numbers_
+  std::unique_ptr<InputFile> numbers_;  // if the only column can be read without Arrow
   std::unique_ptr<::parquet::arrow::FileReader> tables_;
   bool isUsed_ = false;
 };

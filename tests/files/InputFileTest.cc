@@ -132,6 +132,94 @@ TEST_F(InputFiles, NumbersOfAnyEncodingAreReadInAnyPieces) {
   }
 }
 
+// Samples of sizes 0 to 6, with their shapes: "data" and "dimension".
+std::shared_ptr<::arrow::Table> matrices(const std::shared_ptr<::arrow::DataType>& type, int rows) {
+  std::string data;
+  std::string shapes;
+  for (int i = 0; i < rows; ++i) {
+    const int columns = i / 5 % 3;
+    data += i == 0 ? "[[" : ", [";
+    for (int at = 0; at < 2 * columns; ++at) data += (at == 0 ? "" : ", ") + std::to_string(i % 97);
+    data += "]";
+    shapes += (i == 0 ? "[[2, " : ", [2, ") + std::to_string(columns) + "]";
+  }
+  return test::tableOf(
+      {{"data", test::column(::arrow::list(type), {data + "]"})},
+       {"dimension", test::column(::arrow::list(::arrow::uint64()), {shapes + "]"})}});
+}
+
+std::shared_ptr<::arrow::Table> blobs(int rows) {
+  ::arrow::BinaryBuilder builder;
+  for (int i = 0; i < rows; ++i) {
+    must(builder.Append(std::string(static_cast<std::size_t>(i / 5 % 7), static_cast<char>(i))));
+  }
+  return ::arrow::Table::Make(::arrow::schema({::arrow::field("data", ::arrow::binary())}),
+                              {builder.Finish().ValueOrDie()});
+}
+
+TEST_F(InputFiles, ListsAndBlobsOfAnyEncodingAreReadInAnyPieces) {
+  constexpr int kRows = 3000;
+  std::vector<std::shared_ptr<::arrow::Table>> tables{blobs(kRows)};
+  for (const auto& type : {::arrow::float64(), ::arrow::float32(), ::arrow::int8(),
+                           ::arrow::uint16(), ::arrow::int32(), ::arrow::uint64()}) {
+    tables.push_back(matrices(type, kRows));
+  }
+  for (const Encoded& encoded : kEncoded) {
+    if (!encoded.forFloats || !encoded.forIntegers) continue;
+    for (const auto& table : tables) {
+      SCOPED_TRACE(encoded.name + (" " + table->schema()->ToString()));
+      Properties properties;
+      properties.data_page_version(::parquet::ParquetDataPageVersion::V2)
+          ->data_pagesize(1000)
+          ->write_batch_size(100);
+      encoded.set(properties);
+      write(*table, 1300, properties.build());
+      ContentReader reader(open(), std::make_shared<RowGroupCache>());
+      RowStore all(reader.schema(), reader.width());
+      all.append(*table);
+      for (const auto& [first, count] :
+           {std::pair{0, kRows}, {0, 1}, {1299, 2}, {1300, 1300}, {2999, 1}, {77, 2500}}) {
+        const auto rows =
+            reader.read(static_cast<std::uint64_t>(first), static_cast<std::uint64_t>(count));
+        EXPECT_TRUE(areEqual(
+            rows.rows, all.slice(static_cast<std::size_t>(first), static_cast<std::size_t>(count))))
+            << first << " to " << first + count;
+      }
+    }
+  }
+}
+
+TEST_F(InputFiles, ListsThatMakeNoSamplesAreRefusedWithTheReason) {
+  const auto lists = ::arrow::list(::arrow::int16());
+  const auto shapes = ::arrow::list(::arrow::uint64());
+  const struct {
+    std::shared_ptr<::arrow::Table> table;
+    const char* says;
+  } cases[] = {
+      {test::tableOf({{"data", test::column(lists, {"[[1], null, [3]]"})}}), "holds nulls"},
+      {test::tableOf({{"data", test::column(lists, {"[[1], [null], [3]]"})}}), "holds nulls"},
+      {test::tableOf({{"data", test::column(::arrow::binary(), {R"(["a", null])"})}}),
+       "holds nulls"},
+      {test::tableOf({{"data", test::column(lists, {"[[1], [2, 3]]"})},
+                      {"dimension", test::column(shapes, {"[[1], [3]]"})}}),
+       "sample 1 has 2 elements, its shape 3"},
+      {test::tableOf({{"data", test::column(lists, {"[[1], [2, 3]]"})},
+                      {"dimension", test::column(shapes, {"[[1], [2, null]]"})}}),
+       "holds nulls"},
+  };
+  for (const auto& [table, says] : cases) {
+    write(*table, 10, Properties().build());
+    ContentReader reader(open(), std::make_shared<RowGroupCache>());
+    try {
+      reader.read(0, 2);
+      ADD_FAILURE() << says;
+    } catch (const std::runtime_error& error) {
+      EXPECT_THAT(error.what(), HasSubstr("file: "));
+      EXPECT_THAT(error.what(), HasSubstr(says));
+    }
+  }
+}
+
 // Row groups with encodings of their own, among them plain ones that need no decoding.
 TEST_F(InputFiles, RowGroupsOfDifferentEncodingsAreReadTogether) {
   const auto schema = test::countingTable(0)->schema();

@@ -62,7 +62,8 @@ Inspection inspect(const std::filesystem::path& path, std::uint64_t maxRows) {
     auto published = recordsFromFooter(*file, found.size);
     if (!published) return found;
     report.hasFooter = true;
-    report.rowsKept = InputFile(file, *std::move(published), BatchChecks::yes).soundRows();
+    const auto batches = std::make_shared<GrowingRecords>(*std::move(published));
+    report.rowsKept = InputFile(file, batches, BatchChecks::yes).soundRows();
     return found;
   }
   const GrowingRecords& records = *found.records;

@@ -11,8 +11,8 @@
 #include <system_error>
 #include <utility>
 
+#include "files/ParquetTail.h"
 #include "files/growing/BatchRecord.h"
-#include "files/growing/GrowingRecords.h"
 #include "kyr/platform/CryptoService.h"
 
 namespace kyr::parquet {
@@ -79,10 +79,9 @@ GrowingFile::GrowingFile(std::shared_ptr<DiskFile> file, BatchEncoder encoder,
                          const EncodedBatch& opening)
     : file_(std::move(file)),
       encoder_(std::move(encoder)),
-      index_(opening.metadata()),
-      fileId_(randomNumber()),
-      recordsEnd_(kParquetMagic.size()),
-      fileEnd_(recordsEnd_),
+      records_(std::make_shared<GrowingRecords>(
+          GrowingRecords{BatchIndex(opening.metadata()), randomNumber(), 0, kParquetMagic.size()})),
+      fileEnd_(records_->end),
       path_(file_->path()) {
   file_->writeAt(0, {kParquetMagic});
   writeRecord(opening, 0, /*publish=*/true);
@@ -112,56 +111,54 @@ void GrowingFile::appendBatch(const ::arrow::Table& table, bool publish) {
     return;
   }
   const EncodedBatch batch = naming(path_, [&] {
-    EncodedBatch encoded = encoder_.encode(table, recordsEnd_ + kBatchHeaderBytes);
-    index_.append(encoded.metadata());
+    EncodedBatch encoded = encoder_.encode(table, records_->end + kBatchHeaderBytes);
+    records_->index.append(encoded.metadata());
     return encoded;
   });
   try {
     writeRecord(batch, static_cast<std::uint64_t>(table.num_rows()), publish);
   } catch (...) {
-    index_.removeLast();
+    records_->index.removeLast();
     throw;
   }
 }
 
 void GrowingFile::writeRecord(const EncodedBatch& batch, std::uint64_t rows, bool publish) {
   RecordHeader header;
-  header.fileId = fileId_;
-  header.offset = recordsEnd_;
-  header.index = records_;
+  header.fileId = records_->fileId;
+  header.offset = records_->end;
+  header.index = records_->count;
   header.rows = rows;
   header.rowGroupBytes = batch.rowGroupBytes();
   header.metadataBytes = batch.metadata().size();
   const std::string head = encodeHeader(header, batch.hash());
 
   const std::uint64_t pending = bytesSinceFooter_ + header.end() - header.offset;
-  const bool isDue = pending / kFooterShare >= index_.metadataBound() ||
-                     (records_ - recordsAtFooter_) * kBatchShare > records_;
+  const bool isDue = pending / kFooterShare >= records_->index.metadataBound() ||
+                     (records_->count - recordsAtFooter_) * kBatchShare > records_->count;
   const bool withFooter = publish || (publishesBatches_ && isDue);
-  const std::string foot = withFooter ? footer(header.end(), records_ + 1) : std::string();
+  const std::string foot =
+      withFooter ? footerOf(records_->index, records_->fileId, header.end(), records_->count + 1)
+                 : std::string();
   replaceTail({head, batch.payload(), foot});
-  ++records_;
-  recordsEnd_ = header.end();
+  ++records_->count;
+  records_->end = header.end();
   bytesSinceFooter_ = pending;
   if (withFooter) noteFooter(foot.size());
 }
 
-std::string GrowingFile::footer(std::uint64_t offset, std::uint64_t records) const {
-  return footerOf(index_, fileId_, offset, records);
-}
-
 void GrowingFile::replaceTail(const std::vector<std::string_view>& pieces) {
-  const std::uint64_t end = recordsEnd_ + sizeOf(pieces);
-  published_ = false;
+  const std::uint64_t end = records_->end + sizeOf(pieces);
+  records_->isPublished = false;
   fileEnd_ = std::max(fileEnd_, end);
   try {
-    file_->writeAt(recordsEnd_, pieces);
+    file_->writeAt(records_->end, pieces);
     if (fileEnd_ > end) file_->truncate(end);
     fileEnd_ = end;
   } catch (...) {
     // If this fails as well, the next call or a recovery overwrites or cuts what lies behind the
     // records.
-    if (file_->tryTruncate(recordsEnd_)) fileEnd_ = recordsEnd_;
+    if (file_->tryTruncate(records_->end)) fileEnd_ = records_->end;
     throw;
   }
 }
@@ -169,16 +166,16 @@ void GrowingFile::replaceTail(const std::vector<std::string_view>& pieces) {
 void GrowingFile::publish() {
   requireGrowing();
   file_->requireName();
-  if (published_) return;
-  const std::string foot = footer(recordsEnd_, records_);
+  if (records_->isPublished) return;
+  const std::string foot = records_->footer();
   replaceTail({foot});
   noteFooter(foot.size());
 }
 
 void GrowingFile::noteFooter(std::size_t bytes) {
-  published_ = true;
+  records_->isPublished = true;
   bytesSinceFooter_ = 0;
-  recordsAtFooter_ = records_;
+  recordsAtFooter_ = records_->count;
   footerBytes_ += bytes;
 }
 
@@ -188,32 +185,32 @@ void GrowingFile::sync() {
   syncFailed_ = true;
   file_->syncData();
   syncFailed_ = false;
-  syncedEnd_ = recordsEnd_;
+  syncedEnd_ = records_->end;
 }
 
 void GrowingFile::rewriteUnsynced() {
   // The system may have dropped what it could not write. What it reads then must not pass for the
   // batches.
   std::uint64_t at = std::max<std::uint64_t>(syncedEnd_, kParquetMagic.size());
-  while (at < recordsEnd_) {
-    const auto record = readRecord(*file_, RecordKind::batch, at, recordsEnd_);
+  while (at < records_->end) {
+    const auto record = readRecord(*file_, RecordKind::batch, at, records_->end);
     if (!record) throw std::runtime_error(path_.string() + ": batches were lost before a sync");
     at = record->header.end();
   }
   std::string piece;
-  for (std::uint64_t from = syncedEnd_; from < recordsEnd_; from += piece.size()) {
-    piece.resize(std::min<std::uint64_t>(kPieceBytes, recordsEnd_ - from));
+  for (std::uint64_t from = syncedEnd_; from < records_->end; from += piece.size()) {
+    piece.resize(std::min<std::uint64_t>(kPieceBytes, records_->end - from));
     file_->readAt(from, piece.data(), piece.size());
     file_->writeAt(from, {piece});
   }
-  if (std::exchange(published_, false)) publish();
+  if (std::exchange(records_->isPublished, false)) publish();
 }
 
 void GrowingFile::finish() {
   if (finished_) return;
   publish();
   finished_ = true;
-  reader_.reset();
+  input_.reset();
   std::exchange(file_, nullptr)->close();
 }
 
@@ -226,18 +223,18 @@ std::uint64_t GrowingFile::batchRows(std::size_t batch) const {
     throw std::out_of_range(fmt::format("{}: batch {} is asked for, there are {}", path_.string(),
                                         batch, batchCount()));
   }
-  return index_.rowStart(batch + 1) - index_.rowStart(batch);
+  return records_->index.rowStart(batch + 1) - records_->index.rowStart(batch);
 }
 
 std::shared_ptr<::arrow::Table> GrowingFile::read(std::uint64_t first, std::uint64_t count,
-                                                  const std::optional<std::vector<int>>& columns) {
+                                                  const std::vector<std::string>& columns) {
   if (!file_) file_ = std::make_shared<DiskFile>(path_, DiskFile::Mode::readOnly);
-  if (!reader_) reader_.emplace(file_);
-  return reader_->read(index_, first, count, columns);
+  if (!input_) input_ = std::make_unique<InputFile>(file_, records_, BatchChecks::no);
+  return input_->read(first, count, columns);
 }
 
 std::shared_ptr<const ::arrow::KeyValueMetadata> GrowingFile::keyValueMetadata() const {
-  return parseMetadata(index_.metadata(0, 0))->key_value_metadata();
+  return parseMetadata(records_->index.metadata(0, 0))->key_value_metadata();
 }
 
 }  // namespace kyr::parquet

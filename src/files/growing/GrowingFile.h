@@ -12,9 +12,9 @@
 #include <string_view>
 #include <vector>
 
-#include "files/RowReader.h"
+#include "files/InputFile.h"
 #include "files/growing/BatchEncoder.h"
-#include "files/growing/BatchIndex.h"
+#include "files/growing/GrowingRecords.h"
 #include "platform/DiskFile.h"
 
 namespace kyr::parquet {
@@ -97,7 +97,7 @@ class GrowingFile {
 
   /// Writes a footer behind the last batch, which completes the file.
   void publish();
-  bool isPublished() const { return published_; }
+  bool isPublished() const { return records_->isPublished; }
   /// From now on the file is published only where that is asked for.
   void publishOnlyWhenAsked() { publishesBatches_ = false; }
   bool isFinished() const { return finished_; }
@@ -113,8 +113,8 @@ class GrowingFile {
   /// Gives the descriptor back until the file is used next. The file must keep its name.
   void suspend();
 
-  std::uint64_t rowCount() const { return index_.rows(); }
-  std::size_t batchCount() const { return index_.batches(); }
+  std::uint64_t rowCount() const { return records_->index.rows(); }
+  std::size_t batchCount() const { return records_->index.batches(); }
   /// \throws std::out_of_range
   std::uint64_t batchRows(std::size_t batch) const;
   /// The largest number of rows of a batch.
@@ -122,10 +122,9 @@ class GrowingFile {
   /// The bytes of all footers that were written.
   std::uint64_t footerBytes() const { return footerBytes_; }
 
-  /// Reads rows of all batches; see RowReader::read().
-  std::shared_ptr<::arrow::Table> read(
-      std::uint64_t first, std::uint64_t count,
-      const std::optional<std::vector<int>>& columns = std::nullopt);
+  /// Reads rows of all batches; see InputFile::read().
+  std::shared_ptr<::arrow::Table> read(std::uint64_t first, std::uint64_t count,
+                                       const std::vector<std::string>& columns = {});
 
   /// The key-value metadata of the file; null if there are none.
   std::shared_ptr<const ::arrow::KeyValueMetadata> keyValueMetadata() const;
@@ -136,7 +135,6 @@ class GrowingFile {
   void checkBatch(const ::arrow::Table& table) const;
   void requireGrowing() const;
   void writeRecord(const EncodedBatch& batch, std::uint64_t rows, bool publish);
-  std::string footer(std::uint64_t offset, std::uint64_t records) const;
   // Writes \p pieces behind the batch records, where the file ends then. Cuts the file back to the
   // batch records if that fails.
   void replaceTail(const std::vector<std::string_view>& pieces);
@@ -145,18 +143,14 @@ class GrowingFile {
 
   std::shared_ptr<DiskFile> file_;  // null from finish() until something is read
   BatchEncoder encoder_;
-  BatchIndex index_;
-  std::optional<RowReader> reader_;
-  std::uint64_t fileId_;
-  std::uint64_t records_ = 0;
-  std::uint64_t recordsEnd_;
+  std::shared_ptr<GrowingRecords> records_;
+  std::unique_ptr<InputFile> input_;    // for reading, from the first read on
   std::uint64_t fileEnd_;               // an upper bound of the size of the file
   std::uint64_t bytesSinceFooter_ = 0;  // of batch records
   std::uint64_t recordsAtFooter_ = 0;
   std::uint64_t footerBytes_ = 0;
   std::uint64_t syncedEnd_ = 0;
   bool syncFailed_ = false;
-  bool published_ = false;
   bool publishesBatches_ = true;
   bool finished_ = false;
   std::filesystem::path path_;

@@ -6,7 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "files/RowReader.h"
+#include "files/ParquetTail.h"
 
 namespace kyr::parquet {
 

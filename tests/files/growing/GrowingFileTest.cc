@@ -90,7 +90,7 @@ TEST_F(GrowingFileTest, AllTypesComeBackInAnyWindow) {
           const auto part =
               all->Slice(static_cast<std::int64_t>(first), static_cast<std::int64_t>(count));
           EXPECT_TRUE(file->read(first, count)->Equals(*part));
-          EXPECT_TRUE(file->read(first, count, std::vector<int>{2})
+          EXPECT_TRUE(file->read(first, count, {table->field(2)->name()})
                           ->Equals(*part->SelectColumns({2}).ValueOrDie()));
         }
       }

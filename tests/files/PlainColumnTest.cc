@@ -5,9 +5,10 @@
 #include <cstring>
 #include <optional>
 
-#include "files/FlatFileReader.h"
+#include "files/InputFile.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "kyr/parquet/SerializationOptions.h"
+#include "platform/DiskFile.h"
 #include "support/ParquetFiles.h"
 #include "support/StorageTest.h"
 
@@ -16,9 +17,9 @@ namespace {
 
 using test::must;
 
-class FlatFileReaderTest : public test::StorageTest {
+class PlainColumnTest : public test::StorageTest {
  protected:
-  FlatFileReaderTest() { serialization_options::bDictionary = false; }
+  PlainColumnTest() { serialization_options::bDictionary = false; }
 
   void write(const ::arrow::Table& table, std::int64_t groupRows) {
     const auto properties = ParquetWriterOptions().buildWriterProperties();
@@ -27,17 +28,22 @@ class FlatFileReaderTest : public test::StorageTest {
                                       properties));
   }
 
-  /// The elements of rows [from, from + count), if they can be read; no count stands for all.
-  std::optional<std::vector<char>> read(std::uint64_t from = 0,
-                                        std::optional<std::uint64_t> count = {}) const {
-    const DiskFile file(store.file(0), DiskFile::Mode::readOnly);
-    const auto metadata = readMetadata(file);
-    const auto column =
-        metadata ? FlatColumn::make(*metadata, file.size(), "data", nullptr) : nullptr;
+  std::shared_ptr<const DiskFile> disk() const {
+    return std::make_shared<const DiskFile>(store.file(0), DiskFile::Mode::readOnly);
+  }
+
+  /// The elements of rows [from, from + count).
+  std::vector<char> read(std::uint64_t from, std::uint64_t count, std::size_t width) const {
+    InputFile file(disk());
     std::vector<char> out(3, '?');
-    if (!column || !readRows(*column, file, from, count.value_or(column->rows() - from), out)) {
-      return std::nullopt;
-    }
+    readColumn(file, "data", width, from, count, out);
+    return out;
+  }
+
+  /// All elements, if the file holds nothing else and is sound.
+  std::optional<std::vector<char>> readAll() const {
+    std::vector<char> out(3, '?');
+    if (!readOnlyColumn(disk(), nullptr, out)) return std::nullopt;
     return out;
   }
 
@@ -72,7 +78,7 @@ std::shared_ptr<::arrow::Table> ascending(const std::shared_ptr<::arrow::DataTyp
       {{"data", std::make_shared<::arrow::ChunkedArray>(builder->Finish().ValueOrDie())}});
 }
 
-TEST_F(FlatFileReaderTest, GivesTheElementsOfAnyRows) {
+TEST_F(PlainColumnTest, GivesTheElementsOfAnyRows) {
   for (const auto& type : {::arrow::float64(), ::arrow::float32(), ::arrow::int8(),
                            ::arrow::uint16(), ::arrow::int32(), ::arrow::uint64()}) {
     write(*ascending(type, 1000), 300);
@@ -82,7 +88,7 @@ TEST_F(FlatFileReaderTest, GivesTheElementsOfAnyRows) {
     for (const auto& [from, count] : std::vector<std::pair<std::uint64_t, std::uint64_t>>{
              {0, 1000}, {0, 0}, {1000, 0}, {299, 2}, {300, 300}, {1, 998}, {999, 1}}) {
       const auto begin = all->begin() + static_cast<std::ptrdiff_t>(from * width);
-      EXPECT_EQ(read(from, count),
+      EXPECT_EQ(read(from, count, width),
                 std::vector<char>(begin, begin + static_cast<std::ptrdiff_t>(count * width)))
           << type->ToString() << " from " << from;
     }
@@ -90,28 +96,32 @@ TEST_F(FlatFileReaderTest, GivesTheElementsOfAnyRows) {
   serialization_options::batchSize = 1;  // pages of nearly any length
   const auto manyPages = ascending(::arrow::float64(), 300'000);
   write(*manyPages, 200'000);
-  EXPECT_EQ(read(), readByArrow());
-  EXPECT_EQ(read(131'071, 2)->size(), 16);
+  EXPECT_EQ(readAll(), readByArrow());
+  EXPECT_EQ(read(131'071, 2, 8).size(), 16);
 }
 
-TEST_F(FlatFileReaderTest, LeavesOtherFilesToArrow) {
+TEST_F(PlainColumnTest, LeavesOtherFilesToArrow) {
   const auto nulls = test::tableOf({{"data", test::column(::arrow::float64(), {"[1, null, 3]"})}});
   write(*nulls, 10);
-  EXPECT_EQ(read(), std::nullopt);
+  EXPECT_EQ(readAll(), std::nullopt);
   const auto doubles = ascending(::arrow::float64(), 10);
   write(*test::tableOf({{"time", doubles->column(0)}}), 10);
-  EXPECT_EQ(read(), std::nullopt);
+  EXPECT_EQ(readAll(), std::nullopt);
   write(*test::tableOf({{"data", doubles->column(0)}, {"more", doubles->column(0)}}), 10);
-  EXPECT_EQ(read(), std::nullopt);
+  EXPECT_EQ(readAll(), std::nullopt);
+}
+
+TEST_F(PlainColumnTest, DecodesRowGroupsThatAreNotPlain) {
+  const auto doubles = ascending(::arrow::float64(), 10);
   test::writeForeignFile(store.file(0), *doubles);  // with a dictionary
-  EXPECT_EQ(read(), std::nullopt);
+  EXPECT_EQ(readAll(), readByArrow());
   serialization_options::compressionMethod = ::arrow::Compression::SNAPPY;
-  write(*doubles, 10);
-  EXPECT_EQ(read(), std::nullopt);
+  write(*doubles, 4);
+  EXPECT_EQ(readAll(), readByArrow());
 }
 
 // A damaged file is read as Arrow reads it.
-TEST_F(FlatFileReaderTest, ReadsNoDamagedFileOtherwiseThanArrow) {
+TEST_F(PlainColumnTest, ReadsNoDamagedFileOtherwiseThanArrow) {
   write(*ascending(::arrow::int16(), 20), 13);
   const std::string whole = store.contents("0");
   for (std::size_t at = 0; at < whole.size(); ++at) {
@@ -119,12 +129,12 @@ TEST_F(FlatFileReaderTest, ReadsNoDamagedFileOtherwiseThanArrow) {
       std::string changed = whole;
       changed[at] = static_cast<char>(changed[at] ^ flip);
       store.touch("0", changed);
-      if (const auto ours = read()) {
+      if (const auto ours = readAll()) {
         EXPECT_EQ(ours, readByArrow()) << "byte " << at;
       }
     }
     store.touch("0", whole.substr(0, at));
-    EXPECT_EQ(read(), std::nullopt) << at << " bytes";
+    EXPECT_EQ(readAll(), std::nullopt) << at << " bytes";
   }
 }
 
