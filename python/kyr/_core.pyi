@@ -40,9 +40,6 @@ class SignalInfo:
     @property
     def category(self) -> int: ...
 
-    @property
-    def has_samples(self) -> bool: ...
-
 class Reader:
     """Reads the signals of a recording where its files are."""
 
@@ -60,6 +57,10 @@ class Reader:
     def refresh(self) -> bool:
         """Take note of what a live recording got. True if anything is new."""
 
+    @property
+    def changes(self) -> int:
+        """How often refresh() found anything new."""
+
     def signals(self) -> list[SignalInfo]:
         """The signals by ascending id."""
 
@@ -69,14 +70,11 @@ class Reader:
     def with_same_samples(self, id: int) -> list[int]:
         """Ids of the signals that share the samples."""
 
-    def with_same_times(self, id: int) -> list[int]:
-        """Ids of the signals that share the times."""
+    def times_id(self, id: int) -> int:
+        """The first of the signals that share the times."""
 
-    def sample_count(self, id: int) -> int: ...
-
-    def time_count(self, id: int) -> int: ...
-
-    def pair_count(self, id: int) -> int: ...
+    def counts(self, id: int) -> tuple[int, int, int]:
+        """The numbers of pairs, of times, and of samples."""
 
     def elements_per_sample(self, id: int) -> int: ...
 

@@ -59,18 +59,28 @@ class Recording(collections.abc.Mapping):
         self._list()
 
     def _list(self):
+        self._changes = self._reader.changes
         infos = {info.id: info for info in self._reader.signals()}
         if self._ids is not None:
             infos = {i: infos[i] for i in self._ids}
+        # Another thread may look a name up meanwhile, so what a name leads to comes first.
+        self._infos = infos
+        self._signals: Any = weakref.WeakValueDictionary()
         self._names = _unique_names(infos.values())
         self._by_name = {name: i for i, name in self._names.items()}
-        self._signals = {i: Signal(self, info) for i, info in infos.items()}
+
+    def _signal(self, id):
+        # Kept weakly: the signal keeps the recording, whose files close when the last of both goes.
+        signal = self._signals.get(id)
+        if signal is None:
+            signal = self._signals.setdefault(id, Signal(self, self._infos[id]))
+        return signal
 
     # ---- the mapping ---------------------------------------------------------------------------
 
     def __getitem__(self, name: str) -> Signal:
         try:
-            return self._signals[self._by_name[name]]
+            return self._signal(self._by_name[name])
         except KeyError:
             raise NoSuchSignal(self._why_missing(name)) from None
 
@@ -91,7 +101,7 @@ class Recording(collections.abc.Mapping):
     def _why_missing(self, name):
         if not isinstance(name, str):
             return f"{self._path}: signals are found by name, or with by_id(), not by {name!r}"
-        same = [self._names[i] for i, s in self._signals.items() if s.name == name]
+        same = [self._names[i] for i, info in self._infos.items() if info.name == name]
         if same:
             return f"{self._path}: several signals are called {name!r}: {', '.join(map(repr, same))}"
         import difflib
@@ -105,7 +115,7 @@ class Recording(collections.abc.Mapping):
     def by_id(self, id: int) -> Signal:
         """The signal of that number."""
         try:
-            return self._signals[id]
+            return self._signal(id)
         except KeyError:
             raise NoSuchSignal(f"{self._path}: no signal has the id {id!r}") from None
 
@@ -115,12 +125,13 @@ class Recording(collections.abc.Mapping):
         Patterns are as in a shell: `*`, `?`, `[a-z]`, `[!a-z]`, and a backslash before a special
         character. The files stay open until all that share them are closed or gone.
         """
-        ids = set(self._signals)
+        ids = set(self._infos)
         if patterns:
             ids &= {i for pattern in patterns for i in self._reader.matching(pattern)}
         chosen = self.__class__.__new__(self.__class__)
         chosen.__dict__.update(self.__dict__)
-        chosen._ids = [i for i in self._signals if i in ids and unit in (None, self.by_id(i).unit)]
+        fits = (info.id for info in self._infos.values() if unit in (None, info.unit))
+        chosen._ids = [i for i in fits if i in ids]
         chosen._list()
         return chosen
 
@@ -158,7 +169,7 @@ class Recording(collections.abc.Mapping):
     @property
     def span(self) -> tuple[float, float] | None:
         """Smallest and largest time [s] of all signals; None without times."""
-        spans = [span for span in (signal.span for signal in self._signals.values()) if span]
+        spans = [span for span in map(self._reader.time_span, self._infos) if span]
         if not spans:
             return None
         return min(span[0] for span in spans), max(span[1] for span in spans)
@@ -175,7 +186,9 @@ class Recording(collections.abc.Mapping):
 
     def refresh(self) -> bool:
         """Takes note of rows and signals that came since. True if there is anything new."""
-        is_new = self._reader.refresh()
+        self._reader.refresh()
+        # Selections share the reader, and any of them may have refreshed it.
+        is_new = self._reader.changes != self._changes
         if is_new:
             self._list()
         return is_new
@@ -206,7 +219,7 @@ class Recording(collections.abc.Mapping):
         if start != 0:
             return self._reader.read_times(id, start, stop).view("float64")
         # Signals that share their times share the array.
-        key = (self._reader.with_same_times(id)[:1] or [id])[0], stop
+        key = self._reader.times_id(id), stop
         times = self._time_cache.get(key)
         if times is None:
             times = self._reader.read_times(id, 0, stop).view("float64")
@@ -225,7 +238,7 @@ class Recording(collections.abc.Mapping):
 def _reopen(cls, path, checks, ids):
     recording = cls(path, checks=checks)
     if ids is not None:
-        recording._ids = [i for i in ids if i in recording._signals]
+        recording._ids = [i for i in ids if i in recording._infos]
         recording._list()
     return recording
 

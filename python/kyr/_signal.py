@@ -105,7 +105,7 @@ class Signal:
 
     def __len__(self) -> int:
         """The number of rows."""
-        return self._reader.pair_count(self.id)
+        return self._reader.counts(self._info.id)[0]
 
     @property
     def span(self) -> tuple[float, float] | None:
@@ -123,13 +123,12 @@ class Signal:
 
     def read(self, start: float | None = None, stop: float | None = None) -> tuple[Any, Any]:
         """Times [s] and samples between two times [s], both ends included. All rows without them."""
-        if start is None and stop is None:
-            return self._rows(0, len(self))
-        parts = [self._rows(*rows) for rows in self._ranges(start, stop)]
+        extent = self._extent()
+        parts = [self._rows(*rows, extent) for rows in self._ranges(start, stop, extent)]
         if len(parts) == 1:
             return parts[0]
         if not parts:
-            return self._rows(0, 0)
+            return self._rows(0, 0, extent)
         return _join([t for t, _ in parts]), _join([y for _, y in parts])
 
     def chunks(
@@ -138,9 +137,10 @@ class Signal:
         """Walks through times and samples, so many rows at a time. Memory: two chunks."""
         if rows < 1:
             raise ValueError(f"rows = {rows}: a chunk has at least one row")
-        for first, last in self._ranges(start, stop):
+        extent = self._extent()
+        for first, last in self._ranges(start, stop, extent):
             for row in range(first, last, rows):
-                yield self._rows(row, min(last, row + rows))
+                yield self._rows(row, min(last, row + rows), extent)
 
     def resample(
         self,
@@ -160,17 +160,18 @@ class Signal:
     @property
     def time(self) -> np.ndarray | None:
         """All times [s]. Kept as long as you keep the array; signals may share it."""
-        return self._times(0, len(self)) if self._has_times() else None
+        rows, has_times, _ = self._extent()
+        return self._times(0, rows) if has_times else None
 
     @property
     def values(self) -> Any:
         """All samples. Kept as long as you keep them."""
-        count = len(self)
+        count, _, has_samples = self._extent()
         if self._values is not None and self._values[0] == count:
             values = self._values[1]()
             if values is not None:
                 return values
-        values = self._samples(0, count)
+        values = self._samples(0, count) if has_samples else None
         if values is not None and not isinstance(values, Samples):
             self._values = (count, weakref.ref(values))
         return values
@@ -185,13 +186,13 @@ class Signal:
             row = operator.index(first)
         except TypeError:
             return self.values[key]  # a mask, an array of rows, or "..."
-        count = len(self)
+        count, _, has_samples = self._extent()
         if not -count <= row < count:
             raise IndexError(f"row {row} of signal {self.name!r}, which has {count}")
+        if not has_samples:
+            raise TypeError(f"signal {self.name!r} has times alone: see .time")
         row %= count
         samples = self._samples(row, row + 1)
-        if samples is None:
-            raise TypeError(f"signal {self.name!r} has times alone: see .time")
         return samples[(0, *rest)] if rest else samples[0]
 
     def __iter__(self) -> Iterator[Any]:
@@ -204,39 +205,42 @@ class Signal:
         return numpy.array(self.values, dtype=dtype, copy=copy)
 
     def _slice(self, rows):
-        start, stop, step = rows.indices(len(self))
+        total, _, has_samples = self._extent()
+        if not has_samples:
+            return None
+        start, stop, step = rows.indices(total)
         count = len(range(start, stop, step))
         if count == 0:
             return self._samples(0, 0)
         last = start + (count - 1) * step
         samples = self._samples(min(start, last), max(start, last) + 1)
-        return samples if step == 1 or samples is None else samples[::step]
+        return samples if step == 1 else samples[::step]
 
-    def _ranges(self, start, stop):
+    def _extent(self):
+        """The number of rows, whether they have times, and whether they have samples."""
+        rows, times, samples = self._reader.counts(self._info.id)
+        return rows, times > 0 or samples == 0, samples > 0 or times == 0
+
+    def _ranges(self, start, stop, extent):
+        rows, has_times, _ = extent
         if start is None and stop is None:
-            return [(0, len(self))]
-        if not self._has_times():
+            return [(0, rows)]
+        if not has_times:
             raise ValueError(f"signal {self.name!r} has no times: select its rows, as s[10:20]")
         return self._reader.rows_between(self.id, *bounds(start, stop))
 
-    def _rows(self, start, stop):
-        return (self._times(start, stop) if self._has_times() else None), self._samples(start, stop)
-
-    def _has_times(self):
-        reader = self._reader
-        return reader.time_count(self.id) > 0 or reader.sample_count(self.id) == 0
-
-    def _has_no_samples(self):
-        reader = self._reader
-        return reader.sample_count(self.id) == 0 and reader.time_count(self.id) > 0
+    def _rows(self, start, stop, extent):
+        _, has_times, has_samples = extent
+        return (
+            self._times(start, stop) if has_times else None,
+            self._samples(start, stop) if has_samples else None,
+        )
 
     def _times(self, start, stop):
         return self._recording._times(self.id, start, stop)
 
     def _samples(self, start, stop):
         reader = self._reader
-        if self._has_no_samples():
-            return None
         if self._kind in (Kind.number, Kind.matrix):
             elements = reader.read_elements(self.id, start, stop).view(DTYPES[self._info.data_type])
             return elements if self._kind is Kind.number else as_samples(elements, self.shape)

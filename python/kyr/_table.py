@@ -202,7 +202,8 @@ def table_of(
     if not signals:
         raise ValueError("a table needs a signal at least")
     for name, signal in signals.items():
-        if not signal._has_times() or signal._has_no_samples():
+        _, has_times, has_samples = signal._extent()
+        if not has_times or not has_samples:
             raise ValueError(f"signal {name!r} lacks times or samples, so it fits no table")
     if resample is None:
         return _as_they_are(signals, start, stop)

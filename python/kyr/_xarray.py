@@ -47,11 +47,12 @@ def dataset(recording: Recording, is_lazy: bool) -> xarray.Dataset:
 
     data, times, left_out = {}, {}, []
     for name, signal in recording.items():
-        is_array = signal._kind in (Kind.number, Kind.matrix) and len(signal) > 0
-        if not is_array or not signal._has_times() or signal._has_no_samples():
+        rows, has_times, has_samples = signal._extent()
+        is_array = signal._kind in (Kind.number, Kind.matrix) and rows > 0
+        if not is_array or not has_times or not has_samples:
             left_out.append(name)
             continue
-        same = (recording._reader.with_same_times(signal.id)[:1] or [signal.id])[0], len(signal)
+        same = recording._reader.times_id(signal.id), rows
         if same not in times:
             dim = "time" if not times else f"time_{len(times) + 1}"
             times[same] = dim, _LazySamples(signal, is_time=True)

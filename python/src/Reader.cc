@@ -45,6 +45,23 @@ bool Reader::isClosed() {
   return !reader_;
 }
 
+bool Reader::refresh() {
+  return use([this](RecordingReader& open) {
+    const bool isNew = open.refresh();
+    if (isNew) ++changes_;
+    return isNew;
+  });
+}
+
+std::uint64_t Reader::changes() {
+  return use([this](RecordingReader&) { return changes_; });
+}
+
+int timesId(const RecordingReader& reader, int id) {
+  const auto& same = reader.withSameTimes(id);
+  return same.empty() ? id : same.front();
+}
+
 namespace {
 
 // Rows between two looks for Ctrl-C.
@@ -150,6 +167,12 @@ std::optional<std::pair<double, double>> timeSpan(Reader& reader, int id) {
   return std::pair(span->from, span->to);
 }
 
+std::tuple<std::uint64_t, std::uint64_t, std::uint64_t> counts(Reader& reader, int id) {
+  return reader.use([&](RecordingReader& open) {
+    return std::tuple(open.pairCount(id), open.timeCount(id), open.sampleCount(id));
+  });
+}
+
 const char* stateName(Reader& reader) {
   switch (reader.use([](RecordingReader& open) { return open.state(); })) {
     case recording::RecordingState::beingRecorded:
@@ -189,22 +212,21 @@ void defineReader(nb::module_& module) {
       .def("close", &Reader::close)
       .def_prop_ro("closed", &Reader::isClosed)
       .def_prop_ro("state", stateName, "\"finished\", \"being recorded\" or \"not finished\"")
-      .def(
-          "refresh",
-          [](Reader& reader) {
-            return reader.use([](RecordingReader& open) { return open.refresh(); });
-          },
-          "Take note of what a live recording got. True if anything is new.")
+      .def("refresh", &Reader::refresh,
+           "Take note of what a live recording got. True if anything is new.")
+      .def_prop_ro("changes", &Reader::changes, "How often refresh() found anything new.")
       .def("signals", call(&RecordingReader::signals), "The signals by ascending id.")
       .def("matching", call(&RecordingReader::matching), "pattern"_a,
            "Ids of the signals whose names match a pattern of the shell's kind.")
       .def("with_same_samples", call(&RecordingReader::withSameSamples), "id"_a,
            "Ids of the signals that share the samples.")
-      .def("with_same_times", call(&RecordingReader::withSameTimes), "id"_a,
-           "Ids of the signals that share the times.")
-      .def("sample_count", call(&RecordingReader::sampleCount), "id"_a)
-      .def("time_count", call(&RecordingReader::timeCount), "id"_a)
-      .def("pair_count", call(&RecordingReader::pairCount), "id"_a)
+      .def(
+          "times_id",
+          [](Reader& reader, int id) {
+            return reader.use([id](RecordingReader& open) { return timesId(open, id); });
+          },
+          "id"_a, "The first of the signals that share the times.")
+      .def("counts", counts, "id"_a, "The numbers of pairs, of times, and of samples.")
       .def("elements_per_sample", call(&RecordingReader::elementsPerSample), "id"_a)
       .def("time_span", timeSpan, "id"_a, "Smallest and largest time [s]; None without times.")
       .def("read_times", readTimes, "id"_a, "start"_a, "stop"_a,

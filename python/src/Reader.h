@@ -2,6 +2,7 @@
 
 #include <nanobind/nanobind.h>
 
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,6 +29,10 @@ class Reader {
 
   void close();
   bool isClosed();
+  /// \brief Takes note of what a live recording got. True if anything is new.
+  bool refresh();
+  /// \brief How often refresh() found anything new.
+  std::uint64_t changes();
 
  private:
   recording::RecordingReader& open();
@@ -35,6 +40,10 @@ class Reader {
   std::string folder_;
   ForkLock lock_;
   std::optional<recording::RecordingReader> reader_;
+  std::uint64_t changes_ = 0;
 };
+
+/// \brief The first of the signals that share the times of signal \p id; itself without times.
+int timesId(const recording::RecordingReader& reader, int id);
 
 }  // namespace kyr::python

@@ -59,8 +59,7 @@ Grid gridOf(const RecordingReader& reader, const std::vector<int>& ids, std::opt
                       static_cast<std::uint64_t>(last - grid.times.begin())};
   grid.times = std::vector<double>(first, last);
   for (const int id : ids) {
-    const auto& same = reader.withSameTimes(id);
-    const int owner = same.empty() ? id : same.front();
+    const int owner = timesId(reader, id);
     if (grid.places.count(owner) == 0) grid.places.emplace(owner, resampling.places(id, rows));
     grid.of.emplace_back(id, owner);
   }

@@ -17,9 +17,7 @@ void defineSignalInfo(nb::module_& module) {
       .def_prop_ro("data_type",
                    [](const SignalInfo& signal) { return static_cast<int>(signal.dataType); })
       .def_prop_ro("category",
-                   [](const SignalInfo& signal) { return static_cast<int>(signal.category); })
-      .def_prop_ro("has_samples",
-                   [](const SignalInfo& signal) { return signal.dataStorageId.has_value(); });
+                   [](const SignalInfo& signal) { return static_cast<int>(signal.category); });
 }
 
 }  // namespace kyr::python

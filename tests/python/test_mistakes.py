@@ -163,6 +163,40 @@ def test_threads_take_turns(imported):
     assert failures == []
 
 
+def test_a_recording_may_close_while_others_read(imported):
+    recording = kyr.open(imported("imu"))
+    signals = list(recording.values())
+    seen = []
+
+    def read(number):
+        try:
+            while True:
+                assert len(signals[number].read()[1]) > 10_000
+        except ValueError as error:
+            seen.append(str(error))
+
+    threads = [threading.Thread(target=read, args=(number,)) for number in range(4)]
+    for thread in threads:
+        thread.start()
+    signals[5].read()
+    recording.close()
+    for thread in threads:
+        thread.join()
+    assert len(seen) == 4 and all("is closed" in text for text in seen)
+
+
+def test_files_close_with_the_last_reference():
+    before = len(os.listdir("/proc/self/fd"))
+    gc.disable()
+    try:
+        signal = kyr.open(GOLDEN)["Double Scalar"]
+        assert len(signal.values) == 7 and len(os.listdir("/proc/self/fd")) > before
+        del signal
+        assert len(os.listdir("/proc/self/fd")) == before
+    finally:
+        gc.enable()
+
+
 def run_python(code, *arguments, **environment):
     return subprocess.run(
         [sys.executable, "-B", "-c", code, *map(str, arguments)],
@@ -206,3 +240,9 @@ def test_two_readers_end_with_the_interpreter():
     code = "import kyr, sys; r = kyr.open(sys.argv[1]); r.me = r; t = r['Double Scalar'].chunks(1)"
     result = run_python(code + "; next(t); sys.keep = r, t", GOLDEN)
     assert result.returncode == 0 and result.stderr == ""
+
+
+def test_the_import_brings_nothing_slow():
+    slow = ["numpy", "typing", "json", "subprocess", "inspect", "re", "warnings", "dataclasses"]
+    code = "import sys; before = set(sys.modules); import kyr; print(*set(sys.modules) - before)"
+    assert not set(run_python(code).stdout.split()) & set(slow)

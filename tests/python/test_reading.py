@@ -177,11 +177,13 @@ def test_a_live_recording_grows_at_refresh(tmp_path):
             pass  # not there yet
     assert recording.is_live
     signal = recording["x"]
+    chosen = recording.select("x")
     before = signal.values
     writer.stdin.write(b"10,100\n")
     writer.communicate(timeout=20)
     assert len(signal) == 10 and signal.values is before
-    assert recording.refresh() and not recording.is_live
+    assert chosen.refresh() and recording.refresh() and not recording.refresh()
+    assert not recording.is_live and chosen["x"].values[-1] == 100
     np.testing.assert_array_equal(recording["x"].values, np.arange(11) ** 2)
     assert len(before) == 10
 
