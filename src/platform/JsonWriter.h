@@ -42,6 +42,8 @@ class JsonWriter {
   void number(double value);
   /// \throws std::exception if the text is no valid UTF-8
   void text(std::string_view value);
+  /// \param json  the text of a value of any kind
+  void value(std::string_view json) { raw(json); }
 
   std::string take() { return std::move(text_); }
 

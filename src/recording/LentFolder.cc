@@ -10,6 +10,7 @@ namespace kyr::recording {
 LentFolder::LentFolder(std::shared_ptr<const OpenFolder> folder,
                        std::shared_ptr<const RecordingInfo> info)
     : folder_(std::move(folder)),
+      attributes_(info->attributes),
       files_(std::make_unique<ContentFiles>(folder_, /*checks=*/true, /*maxOpenFiles=*/0)) {
   files_->describe(std::move(info), /*isLive=*/false);
 }
@@ -91,8 +92,9 @@ bool LentFolder::isAt(const std::filesystem::path& folder) const {
 void LentFolder::follow() {
   const auto folder = std::make_shared<const OpenFolder>(folder_->path());
   auto files = std::make_unique<ContentFiles>(folder, /*checks=*/true, /*maxOpenFiles=*/0);
-  files->describe(std::make_shared<const RecordingInfo>(describeRecording(*folder)),
-                  /*isLive=*/false);
+  const auto info = std::make_shared<const RecordingInfo>(describeRecording(*folder));
+  files->describe(info, /*isLive=*/false);
+  attributes_ = info->attributes;
   folder_ = folder;
   files_ = std::move(files);
   timeColumns_.clear();

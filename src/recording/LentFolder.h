@@ -20,6 +20,7 @@ class LentFolder final : public parquet::Lender, public std::enable_shared_from_
   LentFolder(std::shared_ptr<const OpenFolder> folder, std::shared_ptr<const RecordingInfo> info);
 
   const std::filesystem::path& path() const { return folder_->path(); }
+  const Attributes& attributes() const { return attributes_; }
 
   /// Offers the contents of some signals to a store.
   void lend(parquet::SharedStore& store, const std::vector<SignalInfo>& signals);
@@ -52,6 +53,7 @@ class LentFolder final : public parquet::Lender, public std::enable_shared_from_
   bool hasTimeColumn(const SignalInfo& signal);
 
   std::shared_ptr<const OpenFolder> folder_;
+  Attributes attributes_;
   std::unique_ptr<ContentFiles> files_;
   std::set<int> packs_;             // whose files were found
   std::map<int, Lent> contents_;    // by storage id in the pool

@@ -21,7 +21,9 @@ template <>
 struct JsonObject<recording::LiveDescription> {
   using T = recording::LiveDescription;
   using Signals = JsonArray<recording::SignalInfo, recording::JsonLiveSignal>;
+  static bool hasAttributes(const T& live) { return !live.attributes.empty(); }
   static constexpr auto members = std::make_tuple(
+      member<T, recording::JsonAttributes>("attributes", &T::attributes, hasAttributes),
       constant("format", "kyr live recording"), member<T>("formatVersion", &T::formatVersion),
       member<T>("sequence", &T::sequence), member<T, Signals>("signals", &T::signals));
 };
@@ -120,6 +122,20 @@ std::vector<SignalInfo> salvageSignals(std::string_view text) {
                      [&](const SignalInfo& signal) { return !ids.insert(signal.signalId).second; }),
       signals.end());
   return signals;
+}
+
+Attributes salvageAttributes(std::string_view text) {
+  Attributes found;
+  JsonReader in(text);
+  try {
+    in.takeObject([&](std::string_view name) {
+      if (name == "attributes") return JsonAttributes::read(in, found);
+      in.skip();
+    });
+  } catch (const std::runtime_error&) {
+    return found;
+  }
+  return found;
 }
 
 std::vector<FileInfo> salvageFiles(std::string_view text) {

@@ -20,6 +20,7 @@ struct LiveDescription {
   std::uint64_t sequence = 0;  ///< grows by one each time the document is rewritten
   /// In the order in which they were added. New ones come at the end; none ever leaves.
   std::vector<SignalInfo> signals;
+  Attributes attributes;
 };
 
 std::string writeLiveJson(const LiveDescription& live);
@@ -32,6 +33,9 @@ LiveDescription readLiveJson(std::string_view text, const std::string& source);
 /// the place where the text is no JSON any more.
 /// \throws std::runtime_error if the document is not damaged, but of a newer format version
 std::vector<SignalInfo> salvageSignals(std::string_view text);
+
+/// The attributes of such a document, or none if they cannot be read.
+Attributes salvageAttributes(std::string_view text);
 
 /// The files of a damaged recording.json, likewise.
 std::vector<FileInfo> salvageFiles(std::string_view text);

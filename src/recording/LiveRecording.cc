@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include "recording/Attributes.h"
 #include "recording/CompleteRecording.h"
 #include "recording/FolderFiles.h"
 #include "recording/LiveJournal.h"
@@ -86,9 +87,13 @@ std::unique_ptr<LiveJournal> takeFolder(const fs::path& folder) {
 class LiveRecording::Impl {
  public:
   Impl(const Path& path, const LiveOptions& options)
+      : Impl(path, options, normalised(options.attributes)) {}
+
+  Impl(const Path& path, const LiveOptions& options, const Attributes& attributes)
       : folder_(wholePath(path)),
         syncs_(options.storage.sync != SafeStorage::Sync::never),
         journal_(takeFolder(folder_)) {
+    live_.attributes = attributes;
     SafeStorage storage = options.storage;
     storage.keepsFiles = true;
     storage.holdBelow = 0;  // what is finished is in a file
@@ -170,7 +175,8 @@ class LiveRecording::Impl {
     flush();
     cutUnpaired();
     const std::vector<SignalDescription> descriptions(live_.signals.begin(), live_.signals.end());
-    const RecordingInfo info = snapshotOf(*pool_, descriptions);
+    RecordingInfo info = snapshotOf(*pool_, descriptions);
+    info.attributes = live_.attributes;
     // With a pool that syncs, each file was synced when it was finished.
     completeRecording(folder_, info, /*syncsFiles=*/!syncs_);
     syncPath(folder_.parent_path());

@@ -55,6 +55,7 @@ LiveRecordingInfo readLiveState(const OpenFolder& folder) {
   LiveRecordingInfo info;
   info.formatVersion = kLiveFormatVersion;
   info.isBeingWritten = isBeingWritten(folder);
+  info.attributes = flush.live.attributes;
   std::map<int, std::uint64_t> rows;
   flush.line.rows.resize(2 * flush.live.signals.size(), 0);
   for (std::size_t i = 0; i < flush.live.signals.size(); ++i) {

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "kyr/recording/RecordingInfo.h"
+#include "recording/Attributes.h"
 #include "schema/JsonMembers.h"
 
 /// The members of the JSON objects that describe recordings: one list for each object, which
@@ -83,9 +84,11 @@ struct JsonObject<recording::PackInfo> {
 template <>
 struct JsonObject<recording::RecordingInfo> {
   using T = recording::RecordingInfo;
+  static bool hasAttributes(const T& info) { return !info.attributes.empty(); }
   static bool hasPacks(const T& info) { return info.formatVersion > 1; }
   static bool hasRecords(const T& info) { return info.formatVersion < 2; }
   static constexpr auto members = std::make_tuple(
+      member<T, recording::JsonAttributes>("attributes", &T::attributes, hasAttributes),
       member<T>("files", &T::files), constant("format", recording::kFormatName),
       member<T>("formatVersion", &T::formatVersion), member<T>("packs", &T::packs, hasPacks),
       member<T>("records", &T::records, hasRecords), member<T>("signals", &T::signals));

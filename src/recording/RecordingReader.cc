@@ -49,6 +49,7 @@ Snapshot liveSnapshot(const OpenFolder& folder) {
   snapshot.info = std::make_shared<RecordingInfo>();
   snapshot.info->formatVersion = live.formatVersion;
   snapshot.info->files = std::move(live.files);
+  snapshot.info->attributes = std::move(live.attributes);
   for (LiveSignalInfo& signal : live.signals) {
     snapshot.counts.push_back({signal.timeRows, signal.dataRows});
     snapshot.info->signals.push_back(std::move(signal));
@@ -111,6 +112,7 @@ class RecordingReader::Impl {
     return true;
   }
 
+  const Attributes& attributes() const { return snapshot_.info->attributes; }
   const std::vector<SignalInfo>& signals() const { return snapshot_.info->signals; }
   const SignalInfo& signal(int id) const { return signals()[placeOf(id)]; }
 
@@ -354,6 +356,8 @@ RecordingReader& RecordingReader::operator=(RecordingReader&&) noexcept = defaul
 
 RecordingState RecordingReader::state() const { return impl_->state(); }
 bool RecordingReader::refresh() { return impl_->refresh(); }
+
+const Attributes& RecordingReader::attributes() const { return impl_->attributes(); }
 
 const std::vector<SignalInfo>& RecordingReader::signals() const { return impl_->signals(); }
 const SignalInfo& RecordingReader::signal(int id) const { return impl_->signal(id); }

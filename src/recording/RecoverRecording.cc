@@ -157,6 +157,7 @@ class Recovery {
       } catch (const std::runtime_error& error) {
         result_.notes.emplace_back(error.what());
         take(salvageSignals(text));
+        attributes_ = salvageAttributes(text);
       }
       return;
     }
@@ -166,6 +167,7 @@ class Recovery {
     }
     const std::string text = readWholeFile(description);
     take(salvageSignals(text));
+    attributes_ = salvageAttributes(text);
     stated_ = salvageFiles(text);
     keepsDescription_ = true;
     note("{} is damaged: {} could be made out of it, which may be wrong in places",
@@ -175,6 +177,7 @@ class Recovery {
   void takeLive(LiveDescription live) {
     JournalEnd journal = readJournal(folder_ / kJournalFile, live.sequence);
     take(std::move(live.signals));
+    attributes_ = std::move(live.attributes);
     isDescribed_ = true;
     if (!journal.fault.empty()) {
       note("{}: rows that it may have acknowledged are kept as far as they are there",
@@ -398,7 +401,8 @@ class Recovery {
     }
     std::sort(result_.signals.begin(), result_.signals.end(),
               [](const auto& a, const auto& b) { return a.signalId < b.signalId; });
-    const RecordingInfo info = builder.take();
+    RecordingInfo info = builder.take();
+    info.attributes = attributes_;
     if (keepsDescription_) {
       const fs::path copy = descriptionPath(folder_).string() + kDamagedSuffix;
       if (!fs::exists(copy)) copyFile(descriptionPath(folder_), copy);
@@ -417,6 +421,7 @@ class Recovery {
   RecoveryLock lock_;
   std::optional<StorageFiles> storage_;
   std::vector<Salvage> signals_;
+  Attributes attributes_;
   std::unordered_map<int, std::size_t> places_;  // in signals_, by signal id
   std::unordered_map<int, int> users_;           // parts by storage id
   std::set<int> named_;                          // files that the description names

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "kyr/recording/Recording.h"
+#include "recording/Attributes.h"
 #include "recording/ContentSaver.h"
 #include "recording/FolderFiles.h"
 #include "recording/LentFolder.h"
@@ -91,11 +92,15 @@ void syncAll(const fs::path& folder, const RecordingInfo& info) {
   }
 }
 
-// The recording that the pool reads in place, if it is the one that is being replaced; else null.
-std::shared_ptr<LentFolder> lentFrom(const parquet::SignalPool& pool, const fs::path& target) {
+// The recording that the pool reads in place; null if there is none.
+std::shared_ptr<LentFolder> lentTo(const parquet::SignalPool& pool) {
   const auto store = parquet::PoolAccess::of(pool).sharedStore();
-  auto lent = store ? std::dynamic_pointer_cast<LentFolder>(store->lender()) : nullptr;
-  return lent && lent->isAt(target) ? lent : nullptr;
+  return store ? std::dynamic_pointer_cast<LentFolder>(store->lender()) : nullptr;
+}
+
+Attributes attributesFor(const SaveOptions& options, const std::shared_ptr<LentFolder>& lent) {
+  if (options.attributes) return normalised(*options.attributes);
+  return lent ? lent->attributes() : Attributes();
 }
 
 // Contents of signals that left the pool, but are still used, are not in the new recording.
@@ -118,7 +123,10 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
                    const Path& folder, const SaveOptions& options) {
   const fs::path target = canonicalFolder(folder.toFilesystem());
   checkTarget(target, options.replaces);
+  auto lent = lentTo(pool);
+  Attributes attributes = attributesFor(options, lent);
   RecordingInfo info = snapshotOf(pool, descriptions);
+  info.attributes = std::move(attributes);
   const fs::path working = pool.getParquetDirectory().toFilesystem();
 
   LockedFolder fresh(target.string() + kSavingInfix);
@@ -126,7 +134,8 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
   ContentSaver saver(working, parquet::PoolAccess::of(pool).sharedStore(),
                      fresh.path() / kStorageFolder, options);
   for (FileInfo& file : info.files) saver.save(file);
-  const auto lent = lentFrom(pool, target);
+  // Only a recording that is being replaced matters from here on.
+  if (lent && !lent->isAt(target)) lent = nullptr;
   if (lent) keepUnsaved(*parquet::PoolAccess::of(pool).sharedStore(), info);
   info.packs = saver.finish();
   info.formatVersion = info.packs.empty() ? 1 : kFormatVersion;

@@ -25,6 +25,7 @@ using ::testing::HasSubstr;
 RecordingInfo sample(int version) {
   RecordingInfo info;
   info.formatVersion = version;
+  info.attributes = {{"\"\n\xC3\xA9", "\"\xC3\xA9\""}, {"n", "1.5"}, {"none", "null"}};
   SignalInfo signal;
   signal.signalId = -7;
   signal.name = "quote \" and \xC3\xA9";

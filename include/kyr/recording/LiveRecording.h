@@ -17,6 +17,7 @@ namespace kyr::recording {
 struct LiveOptions {
   /// Batches, and when they are synced. `keepsFiles` is always on.
   parquet::SafeStorage storage;
+  Attributes attributes = {};  ///< of the recording
 };
 
 /// \brief Rows of a signal at its end that have no partner: times without a sample, or samples
@@ -47,6 +48,7 @@ struct FinishReport {
 class KYR_PARQUET_EXPORT LiveRecording {
  public:
   /// \brief Start the recording \p folder, which is made; its parent must exist.
+  /// \throws std::invalid_argument if an attribute is no JSON
   /// \throws std::runtime_error, std::system_error  if \p folder exists and is not empty, or cannot
   ///         be made
   explicit LiveRecording(const Path& folder, const LiveOptions& options = {});

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "kyr/parquet/SafeStorage.h"
@@ -88,6 +89,9 @@ struct SaveOptions {
   /// Whether a recording that is in the folder is replaced, also one that was made there while this
   /// one was being saved. If not, the call throws and leaves it as it is.
   bool replaces = true;
+  /// Attributes of the recording. Without a value they are those of the recording that the pool was
+  /// opened from, if it was opened from one.
+  std::optional<Attributes> attributes = std::nullopt;
 };
 
 /// \brief Save the signals of \p pool as the recording \p folder.
@@ -105,7 +109,8 @@ struct SaveOptions {
 ///
 /// \param descriptions  signals of the pool by id. One without a description is called "signal
 ///         <id>". A described signal without data is kept, with no samples
-/// \throws std::invalid_argument if two descriptions have the same id, or a text is no valid UTF-8
+/// \throws std::invalid_argument if two descriptions have the same id, a text is no valid UTF-8,
+///         or an attribute is no JSON
 /// \throws std::runtime_error if \p folder exists and is neither empty nor a recording, if a
 ///         signal's write failed or its file is missing, or if the recording cannot be written or
 ///         synced; \p folder is as it was then, and nothing is left beside it. If the very last

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,6 +12,11 @@
 #include "kyr/platform/export.h"
 
 namespace kyr::recording {
+
+/// \brief What is said of a recording as a whole, such as the model that was simulated: values by
+/// name. Names are UTF-8 and not empty; a value is the text of a JSON value, such as `"pump 7"` with
+/// the quotation marks, `1.5` or `[1,2]`.
+using Attributes = std::map<std::string, std::string>;
 
 /// \brief What a host tells about a signal and the pool does not know. All text is UTF-8.
 struct SignalDescription {
@@ -66,6 +72,7 @@ struct PackInfo {
 /// \brief What recording.json says.
 struct RecordingInfo {
   int formatVersion = 0;
+  Attributes attributes;
   std::string records;  ///< text for SignalPool::deserializeSignalRecords; none if packed
   std::vector<SignalInfo> signals;  ///< by ascending signal id
   std::vector<FileInfo> files;      ///< by ascending storage id
@@ -90,6 +97,7 @@ struct LiveRecordingInfo {
   bool isBeingWritten = false;          ///< whether its writer is alive
   std::vector<LiveSignalInfo> signals;  ///< in the order in which they were added
   std::vector<FileInfo> files;          ///< by ascending storage id; without checksums
+  Attributes attributes;
 };
 
 /// \brief Whether \p folder holds a recording that is being written or was not finished.

@@ -137,6 +137,8 @@ class KYR_PARQUET_EXPORT RecordingReader {
   /// \throws std::runtime_error as the constructor; the reader is as it was then
   bool refresh();
 
+  const Attributes& attributes() const;
+
   /// \brief The signals by ascending id. In a live recording they have no codec and no time span.
   const std::vector<SignalInfo>& signals() const;
   const SignalInfo& signal(int id) const;
