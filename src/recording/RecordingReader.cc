@@ -13,11 +13,13 @@
 
 #include "recording/ArrowStream.h"
 #include "recording/ContentFiles.h"
+#include "recording/EnvelopeCache.h"
 #include "recording/LiveState.h"
 #include "recording/OpenFolder.h"
 #include "recording/RecordingFolder.h"
 #include "recording/SampleBlocksImpl.h"
 #include "recording/SignalNames.h"
+#include "recording/SignalNumbers.h"
 #include "recording/SignalRows.h"
 #include "recording/TimeIndex.h"
 #include "schema/PartTables.h"
@@ -98,7 +100,8 @@ class RecordingReader::Impl {
   Impl(const Path& path, const ReaderOptions& options)
       : folder_(std::make_shared<const OpenFolder>(path.toFilesystem())),
         options_(options),
-        files_(std::make_shared<ContentFiles>(folder_, options.checks, options.maxOpenFiles)) {
+        files_(std::make_shared<ContentFiles>(folder_, options.checks, options.maxOpenFiles)),
+        envelopes_(options.maxEnvelopeBytes) {
     show(readSnapshot(*folder_));
   }
 
@@ -237,6 +240,31 @@ class RecordingReader::Impl {
     return indexOf(rows).rowsBetween(from, to, rows.timeCount(), reading(rows));
   }
 
+  Envelope envelope(int id, double from, double to, std::size_t columns, std::uint64_t element) {
+    if (rowsOf(id).kind() == SampleKind::blob) {
+      throw std::invalid_argument(
+          fmt::format("signal {} \"{}\": its samples are no numbers, so that it has spans and no "
+                      "envelope",
+                      id, signal(id).name));
+    }
+    return anyEnvelope(id, from, to, columns, element);
+  }
+
+  std::vector<ValueSpan> spans(int id, double from, double to, std::size_t columns,
+                               std::uint64_t element) {
+    std::vector<ValueSpan> spans = spansOf(anyEnvelope(id, from, to, columns, element), from, to);
+    if (rowsOf(id).kind() != SampleKind::blob) return spans;
+    constexpr std::uint64_t kShownBytes = 256;
+    for (ValueSpan& span : spans) {
+      span.value = EnvelopeColumn::kNone;
+      if (span.isMixed) continue;
+      const std::vector<char> blob = read(id, {span.firstRow, span.firstRow + 1}).bytes;
+      span.textBytes = blob.size();
+      span.text.assign(blob.data(), std::min<std::size_t>(blob.size(), kShownBytes));
+    }
+    return spans;
+  }
+
   // The signal that was read last is kept: windows of one signal follow each other.
   SignalRows& rowsOf(int id) {
     if (!last_ || last_->signal().signalId != id) last_.emplace(makeRows(id, files_));
@@ -260,6 +288,7 @@ class RecordingReader::Impl {
     files_->describe(fresh.info, fresh.isLive());
     if (!fresh.isLive()) {
       indexes_.clear();
+      envelopes_.clear();
       knownTimes_ = KnownTimes();
     }
     last_.reset();
@@ -303,6 +332,23 @@ class RecordingReader::Impl {
     return std::nullopt;
   }
 
+  // A blob counts as a number that depends on its bytes.
+  Envelope anyEnvelope(int id, double from, double to, std::size_t columns, std::uint64_t element) {
+    SignalRows& rows = rowsOf(id);
+    rows.open();
+    const auto makeOwnRows = [this, id] {
+      constexpr std::size_t kFiles = 2;
+      const auto files = std::make_shared<ContentFiles>(folder_, options_.checks, kFiles);
+      files->describe(snapshot_.info, snapshot_.isLive());
+      return makeRows(id, files);
+    };
+    const bool hasTimes = rows.hasTimes() && rows.timeCount() > 0;
+    SignalNumbers numbers(rows, hasTimes ? &indexOf(rows) : nullptr, element, makeOwnRows);
+    const SignalInfo& info = rows.signal();
+    return envelopes_.envelope({timeKey(info), info.dataStorageId, element}, numbers, from, to,
+                               columns);
+  }
+
   static TimeIndex::Read reading(SignalRows& rows) {
     return [&rows](std::uint64_t first, std::uint64_t count, double* out) {
       rows.readTimes(first, count, out);
@@ -344,6 +390,7 @@ class RecordingReader::Impl {
   std::unordered_map<int, std::vector<int>> sampleUsers_;         // signals by storage id
   std::unordered_map<std::int64_t, std::vector<int>> timeUsers_;  // signals by timeKey()
   std::unordered_map<std::int64_t, TimeIndex> indexes_;           // by timeKey()
+  EnvelopeCache envelopes_;
   KnownTimes knownTimes_;
   std::optional<SignalRows> last_;
 };
@@ -403,6 +450,14 @@ void RecordingReader::exportTo(int id, ArrowArrayStream* out, const RowRange& ro
 }
 std::vector<RowRange> RecordingReader::rowsBetween(int id, double from, double to) const {
   return impl_->rowsBetween(id, from, to);
+}
+Envelope RecordingReader::envelope(int id, double from, double to, std::size_t columns,
+                                   std::uint64_t element) const {
+  return impl_->envelope(id, from, to, columns, element);
+}
+std::vector<ValueSpan> RecordingReader::spans(int id, double from, double to, std::size_t columns,
+                                              std::uint64_t element) const {
+  return impl_->spans(id, from, to, columns, element);
 }
 
 }  // namespace kyr::recording

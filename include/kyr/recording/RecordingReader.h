@@ -11,6 +11,7 @@
 #include "kyr/platform/Path.h"
 #include "kyr/platform/export.h"
 #include "kyr/recording/DamagedError.h"
+#include "kyr/recording/Envelope.h"
 #include "kyr/recording/RecordingInfo.h"
 
 struct ArrowArrayStream;
@@ -35,6 +36,9 @@ struct ReaderOptions {
   /// (RLIMIT_NOFILE), at least 8 and at most 256. Two descriptors are for the folder. SampleBlocks
   /// and Arrow streams have up to two more each.
   std::size_t maxOpenFiles = 0;
+  /// Memory that envelopes of long signals keep between calls, at most; see
+  /// RecordingReader::envelope(). The signal that was looked at last is kept in any case.
+  std::size_t maxEnvelopeBytes = std::size_t{256} << 20U;
 };
 
 enum class RecordingState {
@@ -84,6 +88,7 @@ class KYR_PARQUET_EXPORT SampleBlocks {
 
  private:
   friend class RecordingReader;
+  friend class SignalNumbers;
   class Impl;
   explicit SampleBlocks(std::unique_ptr<Impl> impl);
   std::unique_ptr<Impl> impl_;
@@ -216,6 +221,39 @@ class KYR_PARQUET_EXPORT RecordingReader {
   /// that lie partly in the window are read at each call.
   /// \param from, to  [s]
   std::vector<RowRange> rowsBetween(int id, double from, double to) const;
+
+  /// \brief What a plot of the pairs with times in [\p from, \p to] shows: first, last, smallest
+  /// and largest value of each of \p columns equally wide columns, 1 to 65,536.
+  ///
+  /// A column holds the times from its left end up to the next column's, the last one also \p to.
+  /// Values become float64, truth values 0 and 1; a signal with times alone has NaN. A signal
+  /// without times has its row numbers in place of times. Rows whose time is NaN are in no column.
+  ///
+  /// Each row of the window is in one column. Up to 4,194,304 rows the columns are exact. Beyond
+  /// that, a bucket of 256 consecutive rows (more from 134 million rows on: 1/524,288 of all) may
+  /// be counted in one column although some of it lies in the next, if that column and the next
+  /// have at least 8 times as many rows as the bucket. The times that are told are exact always.
+  ///
+  /// **Cost.** A window of up to 4,194,304 rows is read. The first larger one reads all rows of the
+  /// signal, in as many threads as the machine has, at most 8, and keeps 88 bytes for each bucket,
+  /// so at most 46 MB per signal and element; later ones take a time that does not depend on
+  /// their length. After refresh() only new rows are read. Where times do not ascend, all rows
+  /// between the first and the last one of the window are read at each call.
+  /// \param from, to  [s], finite
+  /// \param element  of each sample, in the order of memory. Samples of varying shape without such
+  ///        an element count as NaN.
+  /// \throws std::invalid_argument if there is no such window, number of columns or element, or the
+  ///         samples are blobs
+  Envelope envelope(int id, double from, double to, std::size_t columns,
+                    std::uint64_t element = 0) const;
+
+  /// \brief Spans of equal values in a window, for integers, truth values and blobs.
+  ///
+  /// Ascending, at most \p columns + 1. Values that change more often than that are told as mixed:
+  /// a span begins and ends with a column, or a row of another value that is alone in its column.
+  /// Blobs are compared by a checksum of 53 bits. The rest is as for envelope().
+  std::vector<ValueSpan> spans(int id, double from, double to, std::size_t columns,
+                               std::uint64_t element = 0) const;
 
  private:
   class Impl;

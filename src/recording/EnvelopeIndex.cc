@@ -1,0 +1,389 @@
+#include "recording/EnvelopeIndex.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <future>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+namespace kyr::recording {
+
+namespace {
+
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr std::size_t kMostColumns = 65'536;
+// Below that a further thread costs more than it saves.
+constexpr std::uint64_t kRowsPerThread = 2'097'152;
+constexpr std::uint64_t kMostThreads = 8;
+
+bool ascend(const double* times, std::size_t count) {
+  bool ascends = count == 0 || times[0] == times[0];
+  for (std::size_t i = 1; i < count; ++i) ascends &= times[i - 1] <= times[i];
+  return ascends;
+}
+
+struct Extremes {
+  double min = kInfinity;
+  double max = -kInfinity;
+  std::uint64_t nans = 0;
+};
+
+// Four lanes, because each comparison waits for the one before it in its lane.
+Extremes extremesOf(const double* values, std::size_t count) {
+  constexpr std::size_t kLanes = 4;
+  Extremes lanes[kLanes];
+  const auto note = [](Extremes& lane, double value) {
+    lane.min = value < lane.min ? value : lane.min;
+    lane.max = value > lane.max ? value : lane.max;
+    lane.nans += value != value ? 1 : 0;
+  };
+  std::size_t i = 0;
+  for (; i + kLanes <= count; i += kLanes) {
+    for (std::size_t lane = 0; lane < kLanes; ++lane) note(lanes[lane], values[i + lane]);
+  }
+  for (; i < count; ++i) note(lanes[0], values[i]);
+  for (std::size_t lane = 1; lane < kLanes; ++lane) {
+    lanes[0].min = std::min(lanes[0].min, lanes[lane].min);
+    lanes[0].max = std::max(lanes[0].max, lanes[lane].max);
+    lanes[0].nans += lanes[lane].nans;
+  }
+  return lanes[0];
+}
+
+// Rows [from, to) of a block, of which there is at least one.
+EnvelopeColumn summary(const NumberBlock& block, std::size_t from, std::size_t to) {
+  const double* const values = block.values;
+  const Extremes extremes = extremesOf(values + from, to - from);
+  EnvelopeColumn column;
+  column.firstRow = block.firstRow + from;
+  column.rows = to - from;
+  column.nans = extremes.nans;
+  column.firstTime = block.times[from];
+  column.first = values[from];
+  column.lastTime = block.times[to - 1];
+  column.last = values[to - 1];
+  if (column.nans == column.rows) return column;
+  const auto placeOf = [&](double value) {
+    return static_cast<std::size_t>(std::find(values + from, values + to, value) - values);
+  };
+  const std::size_t min = placeOf(extremes.min);
+  const std::size_t max = placeOf(extremes.max);
+  column.min = values[min];
+  column.minTime = block.times[min];
+  column.max = values[max];
+  column.maxTime = block.times[max];
+  return column;
+}
+
+// Adds rows that come later.
+void merge(EnvelopeColumn& column, const EnvelopeColumn& later) {
+  if (later.rows == 0) return;
+  if (column.rows == 0) {
+    column = later;
+    return;
+  }
+  column.rows += later.rows;
+  column.nans += later.nans;
+  column.lastTime = later.lastTime;
+  column.last = later.last;
+  if (later.min < column.min || std::isnan(column.min)) {
+    column.min = later.min;
+    column.minTime = later.minTime;
+  }
+  if (later.max > column.max || std::isnan(column.max)) {
+    column.max = later.max;
+    column.maxTime = later.maxTime;
+  }
+}
+
+// Buckets of consecutive rows, which begin with a multiple of the bucket's size.
+struct Buckets {
+  std::vector<EnvelopeColumn> all;
+  bool ascends = true;
+};
+
+Buckets sumUp(NumberSource& source, const RowRange& rows, std::uint64_t bucketRows) {
+  Buckets buckets;
+  buckets.all.reserve(static_cast<std::size_t>((rows.to - rows.from) / bucketRows + 1));
+  double last = -kInfinity;
+  source.read(rows, [&](const NumberBlock& block) {
+    buckets.ascends = buckets.ascends && block.times[0] >= last && ascend(block.times, block.rows);
+    if (!buckets.ascends) return;
+    last = block.times[block.rows - 1];
+    for (std::size_t begin = 0; begin < block.rows;) {
+      const std::uint64_t inBucket = (block.firstRow + begin) % bucketRows;
+      const std::size_t end = std::min<std::uint64_t>(block.rows, begin + (bucketRows - inBucket));
+      if (inBucket == 0 || buckets.all.empty()) buckets.all.emplace_back();
+      merge(buckets.all.back(), summary(block, begin, end));
+      begin = end;
+    }
+  });
+  return buckets;
+}
+
+}  // namespace
+
+// The columns of an envelope while rows are added to them.
+class EnvelopeIndex::Columns {
+ public:
+  Columns(double from, double to, std::size_t count)
+      : from_(from), to_(to), width_(to / 2 - from / 2), columns_(count) {}
+
+  // Halves, because the distance of two finite times may be infinite.
+  std::size_t of(double time) const {
+    if (!(width_ > 0)) return 0;
+    const double part = (time / 2 - from_ / 2) / width_ * static_cast<double>(columns_.size());
+    return std::min(columns_.size() - 1, static_cast<std::size_t>(std::max(0.0, part)));
+  }
+
+  void add(std::size_t column, const EnvelopeColumn& rows) {
+    // Rows at borders are added last, and may come before those in the middle.
+    if (columns_[column].rows > 0 && rows.firstRow < columns_[column].firstRow) {
+      EnvelopeColumn earlier = rows;
+      merge(earlier, columns_[column]);
+      columns_[column] = earlier;
+    } else {
+      merge(columns_[column], rows);
+    }
+  }
+
+  // Adds those rows of a block that lie in the window.
+  void add(const NumberBlock& block) {
+    const bool ascends = ascend(block.times, block.rows);
+    for (std::size_t begin = 0; begin < block.rows;) {
+      if (!(block.times[begin] >= from_ && block.times[begin] <= to_)) {
+        ++begin;
+        continue;
+      }
+      const std::size_t column = of(block.times[begin]);
+      const std::size_t end = endOf(column, block, begin, ascends);
+      add(column, summary(block, begin, end));
+      begin = end;
+    }
+  }
+
+  std::uint64_t rowsOf(std::size_t column) const { return columns_[column].rows; }
+  std::vector<EnvelopeColumn> take() { return std::move(columns_); }
+
+ private:
+  bool isIn(std::size_t column, double time) const {
+    return time >= from_ && time <= to_ && of(time) == column;
+  }
+
+  std::size_t endOf(std::size_t column, const NumberBlock& block, std::size_t begin,
+                    bool ascends) const {
+    if (ascends) {
+      const double* const end =
+          std::partition_point(block.times + begin, block.times + block.rows,
+                               [&](double time) { return isIn(column, time); });
+      return static_cast<std::size_t>(end - block.times);
+    }
+    std::size_t end = begin + 1;
+    while (end < block.rows && isIn(column, block.times[end])) ++end;
+    return end;
+  }
+
+  double from_;
+  double to_;
+  double width_;
+  std::vector<EnvelopeColumn> columns_;
+};
+
+namespace {
+
+std::optional<EnvelopePoint> pointAt(NumberSource& source, std::uint64_t row) {
+  std::optional<EnvelopePoint> point;
+  source.read({row, row + 1}, [&](const NumberBlock& block) {
+    point = {block.firstRow, block.times[0], block.values[0]};
+  });
+  return point;
+}
+
+// The rows beside those in the window, unless times go back and forth.
+void addNeighbours(NumberSource& source, double from, double to,
+                   const std::vector<RowRange>& inside, Envelope& envelope) {
+  if (inside.size() > 1) return;
+  const auto earlier = source.rowsBetween(-kInfinity, std::nextafter(from, -kInfinity));
+  const auto later = source.rowsBetween(std::nextafter(to, kInfinity), kInfinity);
+  if (earlier.size() > 1 || later.size() > 1) return;
+  const std::uint64_t begin = inside.empty() ? 0 : inside.front().from;
+  const std::uint64_t end = inside.empty() ? 0 : inside.front().to;
+  if (!earlier.empty() && (inside.empty() || earlier[0].to <= begin)) {
+    envelope.before = pointAt(source, earlier[0].to - 1);
+  }
+  if (!later.empty() && later[0].from >= end) envelope.after = pointAt(source, later[0].from);
+  if (envelope.before && envelope.after && envelope.before->row > envelope.after->row) {
+    envelope.before.reset();
+    envelope.after.reset();
+  }
+}
+
+}  // namespace
+
+Envelope EnvelopeIndex::envelope(NumberSource& source, double from, double to,
+                                 std::size_t columns) {
+  if (!std::isfinite(from) || !std::isfinite(to) || from > to) {
+    throw std::invalid_argument(fmt::format("no window reaches from {} s to {} s", from, to));
+  }
+  if (columns == 0 || columns > kMostColumns) {
+    throw std::invalid_argument(
+        fmt::format("an envelope of {} columns: it has 1 to {}", columns, kMostColumns));
+  }
+  Columns sums(from, to, columns);
+  const std::vector<RowRange> ranges = source.rowsBetween(from, to);
+  if (!ranges.empty()) {
+    const RowRange rows{ranges.front().from, std::min(ranges.back().to, source.rows())};
+    if (rows.to - rows.from > limits_.exactRows) extend(source);
+    if (rows.to - rows.from > limits_.exactRows && ascends_) {
+      lookUp(source, rows, sums);
+    } else {
+      source.read(rows, [&](const NumberBlock& block) { sums.add(block); });
+    }
+  }
+  Envelope envelope;
+  envelope.columns = sums.take();
+  addNeighbours(source, from, to, ranges, envelope);
+  return envelope;
+}
+
+void EnvelopeIndex::extend(NumberSource& source) {
+  const std::uint64_t rows = source.rows();
+  if (rows < rows_) *this = EnvelopeIndex(limits_);
+  if (rows == rows_ || !ascends_) return;
+  while ((rows - 1) / bucketRows_ + 1 > limits_.maxBuckets) widenBuckets();
+  // A bucket that was not full is made anew.
+  const std::uint64_t begin = rows_ - rows_ % bucketRows_;
+  buckets_.resize(static_cast<std::size_t>(begin / bucketRows_));
+  rows_ = begin;
+  const std::uint64_t most = std::max<std::uint64_t>(1, std::thread::hardware_concurrency());
+  const std::uint64_t threads = std::min({(rows - begin) / kRowsPerThread + 1, most, kMostThreads});
+  const std::uint64_t share = ((rows - begin) / threads / bucketRows_ + 1) * bucketRows_;
+  const auto work = [&](NumberSource& rowsOf, std::uint64_t first) {
+    return sumUp(rowsOf, {first, std::min(rows, first + share)}, bucketRows_);
+  };
+  std::vector<std::future<Buckets>> others;
+  for (std::uint64_t first = begin + share; first < rows; first += share) {
+    others.push_back(std::async(std::launch::async,
+                                [&work, first, own = source.copy()] { return work(*own, first); }));
+  }
+  std::vector<Buckets> shares;
+  shares.push_back(work(source, begin));
+  for (auto& other : others) shares.push_back(other.get());
+  for (Buckets& buckets : shares) {
+    ascends_ = ascends_ && buckets.ascends;
+    if (ascends_) append(std::move(buckets.all));
+  }
+  rows_ = rows;
+  if (!ascends_) buckets_ = {};
+}
+
+void EnvelopeIndex::append(std::vector<EnvelopeColumn> buckets) {
+  if (buckets.empty()) return;
+  ascends_ = buckets_.empty() || buckets_.back().lastTime <= buckets.front().firstTime;
+  if (buckets_.empty()) {
+    buckets_ = std::move(buckets);
+  } else {
+    buckets_.insert(buckets_.end(), buckets.begin(), buckets.end());
+  }
+}
+
+void EnvelopeIndex::widenBuckets() {
+  for (std::size_t i = 0; i < buckets_.size(); ++i) {
+    if (i % 2 == 0) {
+      buckets_[i / 2] = EnvelopeColumn(buckets_[i]);
+    } else {
+      merge(buckets_[i / 2], buckets_[i]);
+    }
+  }
+  buckets_.resize((buckets_.size() + 1) / 2);
+  bucketRows_ *= 2;
+}
+
+// Adds the buckets that lie in the window and in one column. Returns the others.
+std::vector<std::size_t> EnvelopeIndex::addInnerBuckets(const RowRange& rows,
+                                                        Columns& columns) const {
+  std::vector<std::size_t> atBorders;
+  const auto last = static_cast<std::size_t>((rows.to - 1) / bucketRows_);
+  for (auto i = static_cast<std::size_t>(rows.from / bucketRows_); i <= last; ++i) {
+    const EnvelopeColumn& bucket = buckets_[i];
+    const std::size_t column = columns.of(bucket.firstTime);
+    if (bucket.firstRow >= rows.from && bucket.firstRow + bucket.rows <= rows.to &&
+        column == columns.of(bucket.lastTime)) {
+      columns.add(column, bucket);
+    } else {
+      atBorders.push_back(i);
+    }
+  }
+  return atBorders;
+}
+
+void EnvelopeIndex::lookUp(NumberSource& source, const RowRange& rows, Columns& columns) const {
+  const std::vector<std::size_t> atBorders = addInnerBuckets(rows, columns);
+  const bool readsAll = atBorders.size() <= limits_.borderReads;
+  // A bucket whose rows are few beside those of its columns belongs to the first of them as a
+  // whole. To read all of these would mean to decode a row group for each column.
+  constexpr std::uint64_t kFew = 8;
+  for (const std::size_t i : atBorders) {
+    const EnvelopeColumn& bucket = buckets_[i];
+    const std::size_t first = columns.of(bucket.firstTime);
+    const std::size_t last = columns.of(bucket.lastTime);
+    const bool isInside = bucket.firstRow >= rows.from && bucket.firstRow + bucket.rows <= rows.to;
+    const auto isFewBeside = [&](std::size_t column) {
+      return columns.rowsOf(column) >= kFew * bucket.rows;
+    };
+    if (!readsAll && isInside && last - first <= 1 && isFewBeside(first) && isFewBeside(last)) {
+      columns.add(first, bucket);
+    } else {
+      source.read(
+          {std::max(rows.from, bucket.firstRow), std::min(rows.to, bucket.firstRow + bucket.rows)},
+          [&](const NumberBlock& block) { columns.add(block); });
+    }
+  }
+}
+
+namespace {
+
+struct SpanValue {
+  bool isMixed = false;
+  double value = EnvelopeColumn::kNone;
+
+  bool operator==(const SpanValue& other) const {
+    if (isMixed || other.isMixed) return isMixed == other.isMixed;
+    return value == other.value || (std::isnan(value) && std::isnan(other.value));
+  }
+};
+
+}  // namespace
+
+std::vector<ValueSpan> spansOf(const Envelope& envelope, double from, double to) {
+  std::vector<ValueSpan> spans;
+  std::optional<SpanValue> current;
+  const auto begin = [&](double time, std::uint64_t row, const SpanValue& value) {
+    if (!spans.empty()) spans.back().to = time;
+    if (current && *current == value) return;
+    current = value;
+    ValueSpan span;
+    span.from = span.to = time;
+    span.firstRow = row;
+    span.isMixed = value.isMixed;
+    if (!value.isMixed) span.value = value.value;
+    spans.push_back(std::move(span));
+  };
+  if (envelope.before) begin(from, envelope.before->row, {false, envelope.before->value});
+  for (const EnvelopeColumn& column : envelope.columns) {
+    if (column.rows == 0) continue;
+    const bool isOne = column.nans == 0 ? column.min == column.max : column.nans == column.rows;
+    begin(column.firstTime, column.firstRow, {!isOne, column.first});
+    spans.back().rows += column.rows;
+    spans.back().to = column.lastTime;
+  }
+  if (!spans.empty() && envelope.after) spans.back().to = std::min(envelope.after->time, to);
+  // The value before the window holds until the next row, if there is one.
+  if (!spans.empty() && spans.back().rows == 0 && !envelope.after) spans.pop_back();
+  return spans;
+}
+
+}  // namespace kyr::recording
