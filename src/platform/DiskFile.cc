@@ -32,7 +32,13 @@ auto retried(Call&& call) {
 constexpr int kAlways = O_CLOEXEC | O_NONBLOCK;
 
 int flagsOf(DiskFile::Mode mode) {
-  return kAlways | (mode == DiskFile::Mode::readOnly ? O_RDONLY : O_RDWR);
+  const int create = mode == DiskFile::Mode::createNew ? O_CREAT | O_EXCL : 0;
+  return kAlways | create | (mode == DiskFile::Mode::readOnly ? O_RDONLY : O_RDWR);
+}
+
+bool isLink(int folder, const char* name) {
+  struct stat status {};
+  return ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
 }
 
 [[noreturn]] void failBoth(const char* what, const std::filesystem::path& one,
@@ -75,14 +81,25 @@ class Remaining {
 }  // namespace
 
 DiskFile::DiskFile(std::filesystem::path path, Mode mode) : path_(std::move(path)), mode_(mode) {
-  open(flagsOf(mode) | (mode == Mode::createNew ? O_CREAT | O_EXCL : 0));
+  open(flagsOf(mode));
 }
 
-DiskFile::DiskFile(const DiskFile& directory, const std::string& name, Entry entry)
-    : path_(directory.path() / name), mode_(Mode::readOnly) {
-  const bool isDirectory = entry == Entry::directory;
-  const int flags = flagsOf(mode_) | (isDirectory ? O_DIRECTORY : 0);
-  take(retried([&] { return ::openat(directory.descriptor(), name.c_str(), flags); }), isDirectory);
+DiskFile::DiskFile(const DiskFile& folder, const std::string& name, Entry entry, Mode mode,
+                   Links links)
+    : path_((folder.path() / name).lexically_normal()), mode_(mode) {
+  const int flags = flagsOf(mode_) | (entry == Entry::folder ? O_DIRECTORY : 0) |
+                    (links == Links::refused ? O_NOFOLLOW : 0);
+  const int descriptor =
+      retried([&] { return ::openat(folder.descriptor(), name.c_str(), flags, kPermissions); });
+  if (descriptor < 0) {
+    const int error = errno;
+    const bool mayBeLink = error == ELOOP || error == ENOTDIR;
+    if (mayBeLink && links == Links::refused && isLink(folder.descriptor(), name.c_str())) {
+      fail("follow a symbolic link", ENOTSUP);
+    }
+    fail(mode == Mode::createNew ? "create" : "open", error);
+  }
+  take(descriptor, entry == Entry::folder);
 }
 
 DiskFile::~DiskFile() {
@@ -102,7 +119,6 @@ void DiskFile::open(int flags) const {
 }
 
 void DiskFile::take(int descriptor, bool mayBeDirectory) const {
-  if (descriptor < 0) fail("open", errno);
   struct stat status {};
   int error = ::fstat(descriptor, &status) == 0 ? 0 : errno;
   const bool isDirectory = S_ISDIR(status.st_mode);
@@ -116,23 +132,27 @@ void DiskFile::take(int descriptor, bool mayBeDirectory) const {
 }
 
 int DiskFile::descriptor() const {
-  if (descriptor_ < 0 && suspended_) open(flagsOf(mode_));
+  if (descriptor_ < 0 && suspended_) open(flagsOf(mode_) & ~(O_CREAT | O_EXCL));
   return descriptor_;
 }
 
 std::uint64_t DiskFile::size() const { return state().size; }
 
-FileState DiskFile::state() const {
+struct stat DiskFile::status() const {
   struct stat status {};
   if (::fstat(descriptor(), &status) != 0) fail("tell the size", errno);
-  return FileState(status);
+  return status;
 }
 
+FileState DiskFile::state() const { return FileState(status()); }
+
 void DiskFile::requireName() const {
-  struct stat status {};
-  if (::fstat(descriptor(), &status) != 0) fail("tell the size", errno);
-  if (status.st_nlink == 0) throw std::runtime_error(path_.string() + ": was deleted by others");
+  if (status().st_nlink == 0) throw std::runtime_error(path_.string() + ": was deleted by others");
 }
+
+bool DiskFile::isFolder() const { return S_ISDIR(status().st_mode); }
+
+bool DiskFile::hasOtherNames() const { return status().st_nlink > 1; }
 
 void DiskFile::writeAt(std::uint64_t offset, const std::vector<std::string_view>& pieces) {
   Remaining remaining(pieces);
@@ -236,11 +256,14 @@ void forEachPieceOf(const ByteSource& file,
   }
 }
 
+void copyTo(DiskFile& to, const ByteSource& from) {
+  forEachPieceOf(from, [&](std::string_view piece, std::uint64_t at) { to.writeAt(at, {piece}); });
+}
+
 void copyToNewFile(const ByteSource& from, const std::filesystem::path& to, bool sync) {
   DiskFile copy(to, DiskFile::Mode::createNew);
   try {
-    forEachPieceOf(from,
-                   [&](std::string_view piece, std::uint64_t at) { copy.writeAt(at, {piece}); });
+    copyTo(copy, from);
     if (sync) copy.syncData();
     copy.close();
   } catch (...) {

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kyr/platform/Links.h"
 #include "platform/ByteSource.h"
 #include "platform/FileState.h"
 
@@ -26,10 +27,10 @@ class DiskFile final : public ByteSource {
   /// Opens regular files and directories only. A pipe or a device is refused at once, also where an
   /// ordinary open would wait for its other end.
   DiskFile(std::filesystem::path path, Mode mode);
-  enum class Entry { file, directory };
-  /// Opens the entry \p name of an open directory for reading, also if the directory was renamed.
-  /// The object cannot be suspended.
-  DiskFile(const DiskFile& directory, const std::string& name, Entry entry);
+  enum class Entry { file, folder };
+  /// Opens the entry \p name of an open folder, also if the folder was renamed. The object cannot be
+  /// suspended.
+  DiskFile(const DiskFile& folder, const std::string& name, Entry entry, Mode mode, Links links);
   /// Closes the file and ignores a failure to do so.
   ~DiskFile() override;
   DiskFile(const DiskFile&) = delete;
@@ -40,6 +41,11 @@ class DiskFile final : public ByteSource {
   FileState state() const;
   /// \throws std::runtime_error naming the file if it was deleted while it was open
   void requireName() const;
+  bool isFolder() const;
+  /// Whether the file has more than one name (hard links).
+  bool hasOtherNames() const;
+  /// The open file, for calls of the system that this class does not have.
+  int descriptor() const;
 
   /// Writes the pieces one after the other, starting at \p offset. After a failure some of the
   /// bytes may have been written.
@@ -77,8 +83,7 @@ class DiskFile final : public ByteSource {
   void open(int flags) const;
   // Takes the descriptor that a call gave, if it is that of a regular file or a directory.
   void take(int descriptor, bool mayBeDirectory) const;
-  // Opens the file again if it is suspended.
-  int descriptor() const;
+  struct stat status() const;
   void closeDescriptor();
 
   std::filesystem::path path_;
@@ -99,6 +104,9 @@ void writeNewFile(const std::filesystem::path& file, std::string_view content);
 /// Calls \p visit with each piece of a file, and where it begins.
 void forEachPieceOf(const ByteSource& file,
                     const std::function<void(std::string_view, std::uint64_t)>& visit);
+
+/// Copies the bytes of \p from to the beginning of a file.
+void copyTo(DiskFile& to, const ByteSource& from);
 
 /// Copies the bytes of \p from to a new file.
 /// \throws std::exception naming the file that cannot be read or written; no copy is left behind

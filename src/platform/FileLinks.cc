@@ -16,13 +16,6 @@ bool isLinked(const fs::path& path) {
 
 }  // namespace
 
-void copyIfLinked(const fs::path& path) {
-  if (!isLinked(path)) return;
-  const fs::path copy = path.string() + ".copy";
-  fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
-  fs::rename(copy, path);
-}
-
 void removeIfLinked(const fs::path& path) {
   if (isLinked(path)) fs::remove(path);
 }

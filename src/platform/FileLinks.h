@@ -3,13 +3,8 @@
 #include <filesystem>
 
 /// Files that have several names (hard links), such as a pool's file that a saved recording shares:
-/// whoever writes into one of them in place would change the others.
+/// whoever writes into one of them in place would change the others. See copyIfLinked(), too.
 namespace kyr {
-
-/// Called before the file is written in place: if it has other names, they keep it, and \p path
-/// gets a copy of its own.
-/// \throws std::filesystem::filesystem_error if it cannot be copied
-void copyIfLinked(const std::filesystem::path& path);
 
 /// Called before the file is written anew from its beginning: if it has other names, they keep it,
 /// and \p path is removed.

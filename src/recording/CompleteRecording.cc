@@ -1,9 +1,7 @@
 #include "recording/CompleteRecording.h"
 
 #include <set>
-#include <string>
-#include <system_error>
-#include <vector>
+#include <utility>
 
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFolder.h"
@@ -11,40 +9,66 @@
 
 namespace kyr::recording {
 
-namespace fs = std::filesystem;
+namespace {
 
-void completeRecording(const fs::path& folder, RecordingInfo info, bool syncsFiles) {
+bool isNumber(std::string_view text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// The text without an end that it has; empty if it has another one.
+std::string_view without(std::string_view text, std::string_view end) {
+  if (text.size() < end.size() || text.substr(text.size() - end.size()) != end) return {};
+  return text.substr(0, text.size() - end.size());
+}
+
+}  // namespace
+
+void completeRecording(const Folder& folder, RecordingInfo info, bool syncsFiles) {
+  const Folder storage = folder.folder(kStorageFolder);
   for (FileInfo& file : info.files) {
-    const fs::path path = storagePath(folder, file.storageId);
-    FileDigest digest = digestFile(path);
+    const auto stored = storage.open(std::to_string(file.storageId));
+    FileDigest digest = digestOf(*stored);
     file.size = digest.size;
     file.checksum = std::move(digest.checksum);
     file.blocks = std::move(digest.blocks);
-    if (syncsFiles) syncPath(path);
+    if (syncsFiles) stored->syncAll();
   }
-  syncPath(folder / kStorageFolder);
-  replaceTextFile(descriptionPath(folder), writeRecordingJson(info), /*syncs=*/true);
+  storage.sync();
+  replaceTextFile(folder, kDescriptionFile, writeRecordingJson(info), /*syncs=*/true);
 }
 
-void removeUnnamed(const fs::path& folder, const RecordingInfo& info) {
+bool isStorageName(std::string_view name) {
+  constexpr std::string_view kPack = "pack-";
+  if (name.substr(0, kPack.size()) == kPack) {
+    return isNumber(without(name.substr(kPack.size()), ".parquet"));
+  }
+  return isNumber(name) || isNumber(without(name, ".copy"));
+}
+
+std::vector<std::string> unnamedIn(const Folder& storage, const RecordingInfo& info) {
   std::set<std::string> named;
   for (const FileInfo& file : info.files) named.insert(std::to_string(file.storageId));
   for (const PackInfo& pack : info.packs) named.insert(packName(pack.number));
-  std::vector<fs::path> others;
-  std::error_code ignored;
-  for (fs::directory_iterator it(folder / kStorageFolder, ignored), end; it != end;
-       it.increment(ignored)) {
-    if (named.count(it->path().filename().string()) == 0) others.push_back(it->path());
+  std::vector<std::string> unnamed;
+  for (std::string& name : storage.names()) {
+    if (named.count(name) == 0) unnamed.push_back(std::move(name));
   }
-  for (const fs::path& path : others) fs::remove(path, ignored);
+  return unnamed;
 }
 
-void removeLiveFiles(const fs::path& folder) {
-  for (const char* name : {kLiveFile, kJournalFile}) {
-    fs::remove(folder / (std::string(name) + ".new"));
-    fs::remove(folder / name);
+void removeUnnamed(const Folder& folder, const RecordingInfo& info) {
+  const Folder storage = folder.folder(kStorageFolder);
+  for (const std::string& name : unnamedIn(storage, info)) {
+    if (isStorageName(name) && storage.entry(name) == Folder::Entry::file) storage.tryRemove(name);
   }
-  syncPath(folder);
+}
+
+void removeLiveFiles(const Folder& folder) {
+  for (const std::string name : {kLiveFile, kJournalFile}) {
+    folder.remove(name + ".new");
+    folder.remove(name);
+  }
+  folder.sync();
 }
 
 }  // namespace kyr::recording

@@ -1,8 +1,11 @@
 #pragma once
 
-#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "kyr/recording/RecordingInfo.h"
+#include "platform/Folder.h"
 
 namespace kyr::recording {
 
@@ -11,13 +14,19 @@ namespace kyr::recording {
 /// call returns; no file is copied.
 /// \param syncsFiles  whether the files need to be synced
 /// \throws std::runtime_error naming the file; recording.json is as it was then
-void completeRecording(const std::filesystem::path& folder, RecordingInfo info,
-                       bool syncsFiles = true);
+void completeRecording(const Folder& folder, RecordingInfo info, bool syncsFiles = true);
 
-/// Removes what lies in the folder's storage and is no file of \p info, as far as that is possible.
-void removeUnnamed(const std::filesystem::path& folder, const RecordingInfo& info);
+/// Whether a file of a storage folder may have that name: a number, with `.copy` behind it while
+/// the file is copied, or that of a pack.
+bool isStorageName(std::string_view name);
+
+/// The entries of the folder's storage that are no files of \p info, ascending.
+std::vector<std::string> unnamedIn(const Folder& storage, const RecordingInfo& info);
+
+/// Removes the files that unnamedIn() tells and that kyr may have made, as far as that is possible.
+void removeUnnamed(const Folder& folder, const RecordingInfo& info);
 
 /// Removes the files of a live recording, the journal last, and syncs the folder.
-void removeLiveFiles(const std::filesystem::path& folder);
+void removeLiveFiles(const Folder& folder);
 
 }  // namespace kyr::recording

@@ -1,8 +1,9 @@
 #pragma once
 
-#include <filesystem>
 #include <string>
 #include <vector>
+
+#include "platform/Folder.h"
 
 namespace kyr::recording {
 
@@ -10,6 +11,6 @@ namespace kyr::recording {
 /// failures of the system.
 /// \param checksNames  whether files that nothing names are faults
 /// \throws std::system_error naming the file if the system cannot read it
-std::vector<std::string> contentFaults(const std::filesystem::path& folder, bool checksNames);
+std::vector<std::string> contentFaults(const Folder& folder, bool checksNames);
 
 }  // namespace kyr::recording

@@ -23,6 +23,17 @@ std::int64_t keyOfPack(int number) { return -1 - std::int64_t{number}; }
   refuse(file, fmt::format("damaged: {} bytes long, expected {}", found, expected));
 }
 
+// What a description says of a file; empty if it does not list it.
+std::string checksumOf(const RecordingInfo& info, const std::string& name) {
+  for (const FileInfo& file : info.files) {
+    if (!file.pack && std::to_string(file.storageId) == name) return file.checksum;
+  }
+  for (const PackInfo& pack : info.packs) {
+    if (packName(pack.number) == name) return pack.checksum;
+  }
+  return "";
+}
+
 }  // namespace
 
 std::size_t defaultOpenFiles() {
@@ -136,7 +147,7 @@ void ContentFiles::failToFind(const std::string& name, const std::system_error& 
            isLive_ ? "missing: refresh() tells whether a later flush replaced it" : "missing");
   }
   if (code == std::errc::is_a_directory || code == std::errc::not_supported) {
-    refuse(path, "is no regular file");
+    refuse(path, "is no regular file, or a symbolic link that may not be followed");
   }
   throw error;
 }
@@ -146,11 +157,27 @@ std::shared_ptr<const DiskFile> ContentFiles::openDisk(const std::string& name) 
     try {
       return folder_->openStored(name);
     } catch (const std::system_error& error) {
+      const bool isMissing = error.code() == std::errc::no_such_file_or_directory;
+      if (isMissing && followReplaced(name)) continue;
       // The rest of the process may use more descriptors than are left for it here.
       if (error.code() != std::errc::too_many_files_open || open_.empty()) failToFind(name, error);
     }
     closeLeastRecentlyUsed();
   }
+}
+
+bool ContentFiles::followReplaced(const std::string& name) {
+  if (isLive_ || !folder_->isReplaced()) return false;
+  const auto now = std::make_shared<const OpenFolder>(folder_->path(), folder_->links());
+  const std::string checksum = checksumOf(*info_, name);
+  if (checksum.empty() || checksumOf(describeRecording(*now), name) != checksum) {
+    throw std::system_error(
+        ESTALE, std::generic_category(),
+        fmt::format("{}: was replaced by another recording while it was read, open it again",
+                    folder_->path().string()));
+  }
+  folder_ = now;
+  return true;
 }
 
 template <typename Info>

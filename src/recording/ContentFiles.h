@@ -69,6 +69,8 @@ class ContentFiles {
   OpenFile& keep(std::int64_t key);
   void closeLeastRecentlyUsed();
   std::shared_ptr<const DiskFile> openDisk(const std::string& name);
+  // Looks for a file in the recording that has taken the place of this one.
+  bool followReplaced(const std::string& name);
   [[noreturn]] void failToFind(const std::string& name, const std::system_error& error) const;
   // Opens a file of the size that recording.json says.
   template <typename Info>

@@ -26,8 +26,9 @@ RecordingInfo describeRecording(const OpenFolder& folder) {
                            descriptionPath(folder.path()).string());
 }
 
-RecordingInfo describeRecording(const Path& folder) {
-  return describeRecording(OpenFolder(folder.toFilesystem()));
+RecordingInfo describeRecording(const Path& folder, Links links) {
+  return inOpenFolder(folder.toFilesystem(), links,
+                      [](const auto& open) { return describeRecording(*open); });
 }
 
 }  // namespace kyr::recording

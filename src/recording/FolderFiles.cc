@@ -32,19 +32,21 @@ FileDigest copyFile(const fs::path& from, const fs::path& to) {
   return digester.finish();
 }
 
-void replaceTextFile(const fs::path& file, const std::string& text, bool syncs) {
-  const fs::path fresh = file.string() + ".new";
-  std::error_code ignored;
-  fs::remove(fresh, ignored);
-  writeNewFile(fresh, text);
+void replaceTextFile(const Folder& folder, const std::string& name, const std::string& text,
+                     bool syncs) {
+  const std::string fresh = name + ".new";
+  folder.remove(fresh);
+  const auto file = folder.open(fresh, DiskFile::Mode::createNew);
   try {
-    if (syncs) syncPath(fresh);
-    renamePath(fresh, file);
+    file->writeAt(0, {text});
+    if (syncs) file->syncAll();
+    file->close();
+    folder.rename(fresh, folder, name);
   } catch (...) {
-    fs::remove(fresh, ignored);
+    folder.tryRemove(fresh);
     throw;
   }
-  if (syncs) syncDirectoryOf(file);
+  if (syncs) folder.sync();
 }
 
 }  // namespace kyr::recording

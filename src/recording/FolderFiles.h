@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/DiskFile.h"
+#include "platform/Folder.h"
 #include "recording/Checksum.h"
 
 /// File operations of recordings. Every failure is a std::exception that names the file and the
@@ -20,8 +20,9 @@ FileDigest digestOf(const ByteSource& file);
 /// copied.
 FileDigest copyFile(const std::filesystem::path& from, const std::filesystem::path& to);
 
-/// Puts \p text in the place of \p file in one step. It is on disk when the call returns if \p
-/// syncs.
-void replaceTextFile(const std::filesystem::path& file, const std::string& text, bool syncs);
+/// Puts \p text in the place of a file of the folder in one step. It is on disk when the call
+/// returns if \p syncs.
+void replaceTextFile(const Folder& folder, const std::string& name, const std::string& text,
+                     bool syncs);
 
 }  // namespace kyr::recording

@@ -13,6 +13,8 @@
 #include "kyr/recording/WorkingFolder.h"
 #include "platform/DiskFile.h"
 #include "platform/LivingProcesses.h"
+#include "recording/CompleteRecording.h"
+#include "recording/OpenFolder.h"
 #include "recording/RecordingFolder.h"
 
 namespace kyr::recording {
@@ -228,6 +230,26 @@ std::vector<Leftover> leftoversIn(const fs::path& folder, IsWanted&& isWanted) {
 }
 
 }  // namespace
+
+std::vector<Leftover> collectUnusedFiles(const Path& folder, bool isDry) {
+  const Folder open(folder.toFilesystem());
+  const RecordingInfo info = describeRecording(OpenFolder(open));
+  std::vector<Leftover> unused;
+  if (!open.has(kStorageFolder)) return unused;
+  const Folder storage = open.folder(kStorageFolder);
+  for (const std::string& name : unnamedIn(storage, info)) {
+    Leftover found;
+    found.path = Path::fromFilesystem(storage.path() / name);
+    if (isStorageName(name) && storage.entry(name) == Folder::Entry::file) {
+      found.bytes = storage.open(name)->size();
+      if (!isDry) storage.remove(name);
+    } else {
+      found.inTheWay = "kyr did not make it";
+    }
+    unused.push_back(std::move(found));
+  }
+  return unused;
+}
 
 std::vector<Leftover> findLeftovers(const Path& folder) {
   const fs::path whole = canonicalFolder(folder.toFilesystem());

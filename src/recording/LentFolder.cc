@@ -90,7 +90,7 @@ bool LentFolder::isAt(const std::filesystem::path& folder) const {
 }
 
 void LentFolder::follow() {
-  const auto folder = std::make_shared<const OpenFolder>(folder_->path());
+  const auto folder = std::make_shared<const OpenFolder>(folder_->path(), folder_->links());
   auto files = std::make_unique<ContentFiles>(folder, /*checks=*/true, /*maxOpenFiles=*/0);
   const auto info = std::make_shared<const RecordingInfo>(describeRecording(*folder));
   files->describe(info, /*isLive=*/false);

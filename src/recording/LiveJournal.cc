@@ -15,19 +15,14 @@ namespace fs = std::filesystem;
 namespace {
 
 // Those who only look have the lock for a moment.
-bool lockPatiently(DiskFile& file) {
+template <typename Lockable>
+bool lockPatiently(Lockable& file) {
   constexpr int kAttempts = 100;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     if (file.tryLock(DiskFile::Lock::exclusive)) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
   return false;
-}
-
-// A folder without a journal is locked itself.
-fs::path lockedFile(const fs::path& folder) {
-  const fs::path journal = folder / kJournalFile;
-  return fs::exists(journal) ? journal : folder;
 }
 
 }  // namespace
@@ -58,10 +53,12 @@ bool isBeingWritten(const OpenFolder& folder) {
   }
 }
 
-RecoveryLock::RecoveryLock(const fs::path& folder)
-    : file_(lockedFile(folder), DiskFile::Mode::readOnly) {
-  if (lockPatiently(file_)) return;
-  throw std::runtime_error(folder.string() + ": is still being recorded, or recovered by another");
+// A folder without a journal is locked itself.
+RecoveryLock::RecoveryLock(const Folder& folder)
+    : file_(folder.has(kJournalFile) ? folder.open(kJournalFile) : nullptr), folder_(folder) {
+  if (file_ ? lockPatiently(*file_) : lockPatiently(folder_)) return;
+  throw std::runtime_error(folder.path().string() +
+                           ": is still being recorded, or recovered by another");
 }
 
 }  // namespace kyr::recording

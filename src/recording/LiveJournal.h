@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 
 #include "platform/DiskFile.h"
 #include "recording/LiveFormat.h"
@@ -31,10 +32,11 @@ bool isBeingWritten(const OpenFolder& folder);
 class RecoveryLock {
  public:
   /// \throws std::runtime_error if somebody writes the recording
-  explicit RecoveryLock(const std::filesystem::path& folder);
+  explicit RecoveryLock(const Folder& folder);
 
  private:
-  DiskFile file_;
+  std::unique_ptr<DiskFile> file_;  // null if the folder has no journal
+  Folder folder_;
 };
 
 }  // namespace kyr::recording

@@ -92,7 +92,8 @@ class LiveRecording::Impl {
   Impl(const Path& path, const LiveOptions& options, const Attributes& attributes)
       : folder_(wholePath(path)),
         syncs_(options.storage.sync != SafeStorage::Sync::never),
-        journal_(takeFolder(folder_)) {
+        journal_(takeFolder(folder_)),
+        open_(folder_) {
     live_.attributes = attributes;
     SafeStorage storage = options.storage;
     storage.keepsFiles = true;
@@ -178,14 +179,14 @@ class LiveRecording::Impl {
     RecordingInfo info = snapshotOf(*pool_, descriptions);
     info.attributes = live_.attributes;
     // With a pool that syncs, each file was synced when it was finished.
-    completeRecording(folder_, info, /*syncsFiles=*/!syncs_);
+    completeRecording(open_, info, /*syncsFiles=*/!syncs_);
     syncPath(folder_.parent_path());
     // From here on the folder is a recording.
     *isClosed_ = true;
-    removeUnnamed(folder_, info);
+    removeUnnamed(open_, info);
     pool_.reset();
     signals_.clear();
-    removeLiveFiles(folder_);
+    removeLiveFiles(open_);
     journal_.reset();
   }
 
@@ -222,13 +223,14 @@ class LiveRecording::Impl {
 
   void writeDescription() {
     ++live_.sequence;
-    replaceTextFile(folder_ / kLiveFile, writeLiveJson(live_), syncs_);
+    replaceTextFile(open_, kLiveFile, writeLiveJson(live_), syncs_);
     isChanged_ = false;
   }
 
   fs::path folder_;
   bool syncs_;
   std::unique_ptr<LiveJournal> journal_;
+  Folder open_;  // the folder
   std::unique_ptr<parquet::SignalPool> pool_;
   std::vector<std::shared_ptr<LiveSignal>> signals_;
   std::shared_ptr<bool> isClosed_ = std::make_shared<bool>(false);

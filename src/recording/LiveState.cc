@@ -82,8 +82,8 @@ bool isLiveRecording(const Path& folder) {
          (fs::exists(path / kLiveFile) || fs::exists(path / kJournalFile));
 }
 
-LiveRecordingInfo describeLiveRecording(const Path& folder) {
-  const OpenFolder opened(folder.toFilesystem());
+LiveRecordingInfo describeLiveRecording(const Path& folder, Links links) {
+  const OpenFolder opened(folder.toFilesystem(), links);
   LiveRecordingInfo info = readLiveState(opened);
   for (FileInfo& file : info.files) file.size = sizeOf(opened, file.storageId);
   return info;

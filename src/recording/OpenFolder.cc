@@ -22,23 +22,32 @@ bool isNoFile(const std::system_error& error) {
          error.code() == std::errc::not_supported;
 }
 
-DiskFile openDirectory(const fs::path& path) {
+Folder openRoot(const fs::path& path, Links links) {
   try {
-    return {path, DiskFile::Mode::readOnly};
+    return Folder(path, links);
   } catch (const std::system_error& error) {
     if (!isMissing(error)) throw;
-    throw std::runtime_error(path.string() + ": no such folder");
+    const bool isThere = error.code() == std::errc::not_a_directory;
+    throw std::runtime_error(path.string() +
+                             (isThere ? ": not a recording: it is no folder" : ": no such folder"));
   }
 }
 
 }  // namespace
 
-OpenFolder::OpenFolder(fs::path folder) : path_(std::move(folder)), folder_(openDirectory(path_)) {
+OpenFolder::OpenFolder(const fs::path& folder, Links links) : OpenFolder(openRoot(folder, links)) {}
+
+OpenFolder::OpenFolder(Folder folder) : folder_(std::move(folder)) {
   try {
-    storage_ = std::make_unique<DiskFile>(folder_, kStorageFolder, DiskFile::Entry::directory);
+    storage_ = folder_.folder(kStorageFolder);
   } catch (const std::system_error& error) {
     if (!isMissing(error)) throw;
   }
+}
+
+bool OpenFolder::isReplaced() const {
+  const auto now = FileState::ofName(path());
+  return now && !now->isSameFile(state());
 }
 
 bool OpenFolder::has(const std::string& name) const {
@@ -58,18 +67,17 @@ std::string OpenFolder::readText(const std::string& name) const {
   return text;
 }
 
-std::unique_ptr<DiskFile> OpenFolder::open(const std::string& name) const {
-  return std::make_unique<DiskFile>(folder_, name, DiskFile::Entry::file);
-}
-
 std::uint64_t OpenFolder::sizeOfStored(const std::string& name) const {
   return openStored(name)->size();
 }
 
 std::unique_ptr<DiskFile> OpenFolder::openStored(const std::string& name) const {
-  if (storage_) return std::make_unique<DiskFile>(*storage_, name, DiskFile::Entry::file);
-  return std::make_unique<DiskFile>(folder_, std::string(kStorageFolder) + "/" + name,
-                                    DiskFile::Entry::file);
+  // Opening it again tells what is wrong with it.
+  return (storage_ ? *storage_ : folder_.folder(kStorageFolder)).open(name);
+}
+
+std::vector<std::string> OpenFolder::storedNames() const {
+  return storage_ ? storage_->names() : std::vector<std::string>();
 }
 
 }  // namespace kyr::recording

@@ -50,6 +50,13 @@ void describe(PoolSignal& opened, const SignalInfo& signal) {
   }
 }
 
+std::pair<std::shared_ptr<const OpenFolder>, std::shared_ptr<const RecordingInfo>> openDescribed(
+    const Path& folder, Links links) {
+  return inOpenFolder(folder.toFilesystem(), links, [](const auto& open) {
+    return std::pair(open, std::make_shared<const RecordingInfo>(describeRecording(*open)));
+  });
+}
+
 }  // namespace
 
 class Recording::Impl {
@@ -122,17 +129,15 @@ std::vector<SignalDescription> Recording::descriptions() const {
   return result;
 }
 
-Recording openRecording(const Path& folder) {
-  auto open = std::make_shared<const OpenFolder>(folder.toFilesystem());
-  auto info = std::make_shared<const RecordingInfo>(describeRecording(*open));
+Recording openRecording(const Path& folder, Links links) {
+  auto [open, info] = openDescribed(folder, links);
   std::vector<SignalInfo> all = info->signals;
   return Recording(
       std::make_unique<Recording::Impl>(std::move(open), std::move(info), std::move(all)));
 }
 
-Recording openRecording(const Path& folder, const std::vector<int>& signalIds) {
-  auto open = std::make_shared<const OpenFolder>(folder.toFilesystem());
-  auto info = std::make_shared<const RecordingInfo>(describeRecording(*open));
+Recording openRecording(const Path& folder, const std::vector<int>& signalIds, Links links) {
+  auto [open, info] = openDescribed(folder, links);
   std::vector<SignalInfo> wanted;
   for (const int id : signalIds) {
     const auto found = std::lower_bound(

@@ -98,11 +98,16 @@ const std::vector<int> kNone;
 class RecordingReader::Impl {
  public:
   Impl(const Path& path, const ReaderOptions& options)
-      : folder_(std::make_shared<const OpenFolder>(path.toFilesystem())),
+      : Impl(inOpenFolder(path.toFilesystem(), options.links,
+                          [](const auto& open) { return std::pair(open, readSnapshot(*open)); }),
+             options) {}
+
+  Impl(std::pair<std::shared_ptr<const OpenFolder>, Snapshot> opened, const ReaderOptions& options)
+      : folder_(std::move(opened.first)),
         options_(options),
         files_(std::make_shared<ContentFiles>(folder_, options.checks, options.maxOpenFiles)),
         envelopes_(options.maxEnvelopeBytes) {
-    show(readSnapshot(*folder_));
+    show(std::move(opened.second));
   }
 
   RecordingState state() const { return snapshot_.state; }

@@ -17,6 +17,7 @@
 #include "recording/FolderFiles.h"
 #include "recording/LiveFormat.h"
 #include "recording/LiveJournal.h"
+#include "recording/OpenFolder.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingSnapshot.h"
@@ -46,13 +47,14 @@ struct JournalEnd {
   std::string fault;  // empty if the journal is sound
 };
 
-JournalEnd readJournal(const fs::path& path, std::uint64_t sequence) {
+JournalEnd readJournal(const Folder& folder, std::uint64_t sequence) {
   JournalEnd end;
-  if (!fs::exists(path)) {
+  if (!folder.has(kJournalFile)) {
     end.fault = fmt::format("{} is missing", kJournalFile);
     return end;
   }
-  const DiskFile journal(path, DiskFile::Mode::readOnly);
+  const auto file = folder.open(kJournalFile);
+  const DiskFile& journal = *file;
   end.line = lastJournalLine(journal, sequence);
   if (journal.size() == 0) {
     end.fault = fmt::format("{} is empty", kJournalFile);
@@ -73,14 +75,14 @@ JournalEnd readJournal(const fs::path& path, std::uint64_t sequence) {
 // and makes the recording of the rest.
 class Recovery {
  public:
-  explicit Recovery(fs::path folder) : folder_(std::move(folder)), lock_(folder_) {}
+  explicit Recovery(const fs::path& path) : folder_(path), lock_(refusingLinks(folder_)) {}
 
   RecoveryResult run() {
     if (isComplete()) return std::move(result_);
-    if (!fs::is_directory(folder_ / kStorageFolder)) nothing();
+    if (folder_.entry(kStorageFolder) != Folder::Entry::folder) nothing();
     refusePacks();
     readDescription();
-    storage_.emplace(folder_ / kStorageFolder, stated_);
+    storage_.emplace(folder_.folder(kStorageFolder), stated_);
     dropMisfits();
     if (!isDescribed_) addUndescribed();
     countUsers();
@@ -93,8 +95,20 @@ class Recovery {
   }
 
  private:
+  // Recovery makes, cuts and removes files, which may not lie where a link leads to.
+  static const Folder& refusingLinks(const Folder& folder) {
+    for (const std::string name :
+         {kStorageFolder, kLostFolder, kDescriptionFile, kLiveFile, kJournalFile}) {
+      if (folder.entry(name) != Folder::Entry::link) continue;
+      throw std::runtime_error(fmt::format(
+          "{}: is a symbolic link, which is not followed, so nothing can be recovered here",
+          (folder.path() / name).string()));
+    }
+    return folder;
+  }
+
   [[noreturn]] void nothing() const {
-    throw std::runtime_error(folder_.string() + ": there is no recording to be had of it");
+    throw std::runtime_error(folder_.path().string() + ": there is no recording to be had of it");
   }
 
   template <typename... Args>
@@ -104,11 +118,11 @@ class Recovery {
 
   // Whether recording.json is in order, and all that it names is there.
   bool isComplete() {
-    const bool wasLive = fs::exists(folder_ / kLiveFile) || fs::exists(folder_ / kJournalFile);
+    const bool wasLive = folder_.has(kLiveFile) || folder_.has(kJournalFile);
     RecordingInfo info;
     try {
-      if (!fs::is_regular_file(descriptionPath(folder_))) return false;
-      info = describeRecording(Path::fromFilesystem(folder_));
+      if (folder_.entry(kDescriptionFile) != Folder::Entry::file) return false;
+      info = describeRecording(OpenFolder(folder_));
     } catch (const std::system_error&) {
       throw;
     } catch (const std::runtime_error&) {
@@ -119,7 +133,7 @@ class Recovery {
       if (wasLive) return false;
       throw std::runtime_error(
           fmt::format("{}: its {} is in order, so there is nothing to recover it from: {}",
-                      folder_.string(), kDescriptionFile, faults.front()));
+                      folder_.path().string(), kDescriptionFile, faults.front()));
     }
     for (const SignalInfo& signal : info.signals) {
       RecoveredSignal kept;
@@ -128,30 +142,28 @@ class Recovery {
       result_.signals.push_back(std::move(kept));
     }
     result_.wasComplete = !wasLive;
-    if (wasLive) removeUnnamed(folder_, info);
+    if (wasLive) clearStorage(info);
     removeLiveFiles(folder_);
     return true;
   }
 
   // Only a saved recording has packs, and only its description says what they hold.
   void refusePacks() const {
-    for (const auto& entry : fs::directory_iterator(folder_ / kStorageFolder)) {
-      const std::string name = entry.path().filename();
+    for (const std::string& name : folder_.folder(kStorageFolder).names()) {
       if (name.rfind("pack-", 0) != 0) continue;
       throw std::runtime_error(fmt::format(
           "{}: the recording is packed, and without its {} nothing says to which signal the rows "
           "of {}/{} belong: they cannot be recovered, but any program that reads Parquet can read "
           "them, by the column \"{}\"",
-          folder_.string(), kDescriptionFile, kStorageFolder, name, parquet::kPackColumn));
+          folder_.path().string(), kDescriptionFile, kStorageFolder, name, parquet::kPackColumn));
     }
   }
 
   void readDescription() {
-    const fs::path live = folder_ / kLiveFile;
-    if (fs::exists(live)) {
-      const std::string text = readWholeFile(live);
+    if (folder_.has(kLiveFile)) {
+      const std::string text = OpenFolder(folder_).readText(kLiveFile);
       try {
-        takeLive(readLiveJson(text, live.string()));
+        takeLive(readLiveJson(text, (folder_.path() / kLiveFile).string()));
       } catch (const std::system_error&) {
         throw;
       } catch (const std::runtime_error& error) {
@@ -161,11 +173,10 @@ class Recovery {
       }
       return;
     }
-    const fs::path description = descriptionPath(folder_);
-    if (!fs::exists(description)) {
+    if (!folder_.has(kDescriptionFile)) {
       return note("nothing but the files in {} describes the signals", kStorageFolder);
     }
-    const std::string text = readWholeFile(description);
+    const std::string text = OpenFolder(folder_).readText(kDescriptionFile);
     take(salvageSignals(text));
     attributes_ = salvageAttributes(text);
     stated_ = salvageFiles(text);
@@ -175,7 +186,7 @@ class Recovery {
   }
 
   void takeLive(LiveDescription live) {
-    JournalEnd journal = readJournal(folder_ / kJournalFile, live.sequence);
+    JournalEnd journal = readJournal(folder_, live.sequence);
     take(std::move(live.signals));
     attributes_ = std::move(live.attributes);
     isDescribed_ = true;
@@ -349,19 +360,50 @@ class Recovery {
 
   // Nothing is written in place into a file that has two names.
   void keepAside(int id) const {
-    const fs::path from = storagePath(folder_, id);
-    fs::create_directory(folder_ / kLostFolder);
-    for (int attempt = 0;; ++attempt) {
-      const std::string suffix = attempt == 0 ? "" : fmt::format("-{}", attempt);
-      const fs::path to = folder_ / kLostFolder / (std::to_string(id) + suffix);
-      if (fs::exists(to)) {
-        if (fs::equivalent(from, to)) return;  // a recovery was killed behind this
-        continue;
-      }
-      std::error_code error;
-      fs::create_hard_link(from, to, error);
-      if (error) copyFile(from, to);
-      return;
+    const std::string name = std::to_string(id);
+    const Folder storage = folder_.folder(kStorageFolder);
+    const Folder lost = folder_.makeFolder(kLostFolder);
+    const auto file = storage.open(name);
+    const std::string free = freeName(lost, name, file.get());
+    if (free.empty()) return;  // a recovery was killed behind this
+    if (!storage.link(name, lost, free)) copyInto(lost, free, *file);
+    file->syncData();
+    lost.sync();
+    folder_.sync();
+  }
+
+  // A name that is not taken; empty if \p file has one of those that would come before.
+  static std::string freeName(const Folder& folder, const std::string& name, const DiskFile* file) {
+    std::string free = name;
+    for (int attempt = 1; folder.has(free); ++attempt) {
+      const bool isFile = file != nullptr && folder.entry(free) == Folder::Entry::file;
+      if (isFile && folder.open(free)->state().isSameFile(file->state())) return "";
+      free = fmt::format("{}-{}", name, attempt);
+    }
+    return free;
+  }
+
+  static void copyInto(const Folder& folder, const std::string& name, const DiskFile& from) {
+    const auto to = folder.open(name, DiskFile::Mode::createNew);
+    try {
+      copyTo(*to, from);
+      to->syncAll();
+      to->close();
+    } catch (...) {
+      folder.tryRemove(name);
+      throw;
+    }
+  }
+
+  // Removes the files that no signal needs. What somebody else put there goes to `lost`.
+  void clearStorage(const RecordingInfo& info) {
+    removeUnnamed(folder_, info);
+    const Folder storage = folder_.folder(kStorageFolder);
+    for (const std::string& name : unnamedIn(storage, info)) {
+      const Folder lost = folder_.makeFolder(kLostFolder);
+      storage.rename(name, lost, freeName(lost, name, nullptr));
+      note("{}/{}, which is no file of the recording, is in {} now", kStorageFolder, name,
+           kLostFolder);
     }
   }
 
@@ -394,7 +436,7 @@ class Recovery {
   }
 
   void complete() {
-    InfoBuilder builder(folder_ / kStorageFolder);
+    InfoBuilder builder(folder_.path() / kStorageFolder);
     for (Salvage& signal : signals_) {
       builder.add(signal.info);
       result_.signals.push_back(std::move(signal.result));
@@ -404,20 +446,21 @@ class Recovery {
     RecordingInfo info = builder.take();
     info.attributes = attributes_;
     if (keepsDescription_) {
-      const fs::path copy = descriptionPath(folder_).string() + kDamagedSuffix;
-      if (!fs::exists(copy)) copyFile(descriptionPath(folder_), copy);
+      const std::string copy = std::string(kDescriptionFile) + kDamagedSuffix;
+      if (!folder_.has(copy)) copyInto(folder_, copy, *folder_.open(kDescriptionFile));
+      folder_.sync();
     }
     completeRecording(folder_, info);
-    removeUnnamed(folder_, info);
+    clearStorage(info);
     const auto faults = contentFaults(folder_, /*checksNames=*/true);
     if (!faults.empty()) {
-      throw std::runtime_error(
-          fmt::format("{}: recovered, but with faults: {}", folder_.string(), faults.front()));
+      throw std::runtime_error(fmt::format("{}: recovered, but with faults: {}",
+                                           folder_.path().string(), faults.front()));
     }
     removeLiveFiles(folder_);
   }
 
-  fs::path folder_;
+  Folder folder_;
   RecoveryLock lock_;
   std::optional<StorageFiles> storage_;
   std::vector<Salvage> signals_;

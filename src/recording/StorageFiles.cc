@@ -10,17 +10,14 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "files/InputFile.h"
 #include "files/growing/GrowingFile.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "recording/FolderFiles.h"
-#include "recording/TimeSpans.h"
 #include "safe/PartNotes.h"
 
 namespace kyr::recording {
 
-namespace fs = std::filesystem;
 namespace columnNames = parquet::columnNames;
 
 namespace {
@@ -36,32 +33,23 @@ PartClaim claimOf(const parquet::PartNote& note) {
   return claim;
 }
 
-// A growing file whose batches were checked, or any other file.
-std::shared_ptr<parquet::InputFile> openAny(const fs::path& path) {
-  return parquet::openAnyFile(std::make_shared<const DiskFile>(path, DiskFile::Mode::readOnly),
-                              parquet::RecordLimits::kAll, parquet::BatchChecks::no);
-}
-
 }  // namespace
 
-StorageFiles::StorageFiles(fs::path directory, const std::vector<FileInfo>& stated)
-    : directory_(std::move(directory)) {
+StorageFiles::StorageFiles(Folder folder, const std::vector<FileInfo>& stated)
+    : folder_(std::move(folder)) {
   for (const FileInfo& file : stated) {
     if (!file.pack) checksums_[file.storageId] = file.checksum;
   }
-  for (const auto& entry : fs::directory_iterator(directory_)) {
-    const std::string name = entry.path().filename().string();
+  for (const std::string& name : folder_.names()) {
     int id = 0;
     const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-    if (error != std::errc() || end != name.data() + name.size() || !entry.is_regular_file()) {
-      continue;
-    }
-    ids_.push_back(id);
+    if (error != std::errc() || std::to_string(id) != name) continue;
+    if (folder_.entry(name) == Folder::Entry::file) ids_.push_back(id);
     nextId_ = std::max(nextId_, id);
   }
   std::sort(ids_.begin(), ids_.end());
   if (nextId_ > std::numeric_limits<int>::max() / 2) {
-    throw std::runtime_error(directory_.string() + ": there are no storage ids left");
+    throw std::runtime_error(folder_.path().string() + ": there are no storage ids left");
   }
   ++nextId_;
 }
@@ -73,7 +61,7 @@ const RecoveredStorage& StorageFiles::file(int id) {
   if (std::binary_search(ids_.begin(), ids_.end(), id)) {
     found = look(id);
   } else {
-    found.damage = "missing";
+    found.damage = folder_.has(std::to_string(id)) ? "it is no regular file" : "missing";
   }
   return files_.emplace(id, std::move(found)).first->second;
 }
@@ -81,7 +69,7 @@ const RecoveredStorage& StorageFiles::file(int id) {
 RecoveredStorage StorageFiles::look(int id) const {
   RecoveredStorage found;
   try {
-    const parquet::RecoveryReport report = parquet::inspectFile(pathOf(id));
+    const parquet::RecoveryReport report = parquet::inspectFile(folder_, std::to_string(id));
     found.isGrowing = report.isComplete;
     found.isComplete = report.wasComplete;
     found.rows = report.rowsKept;
@@ -92,7 +80,7 @@ RecoveredStorage StorageFiles::look(int id) const {
     if (!report.isComplete && !report.hasFooter) {
       lookAtPages(id, found);
     } else {
-      found.schema = openAny(pathOf(id))->schema();
+      found.schema = openAny(id)->schema();
     }
   } catch (const std::system_error&) {
     throw;
@@ -103,22 +91,27 @@ RecoveredStorage StorageFiles::look(int id) const {
   return found;
 }
 
+// A growing file whose batches were checked, or any other file.
+std::shared_ptr<parquet::InputFile> StorageFiles::openAny(int id) const {
+  return parquet::openAnyFile(open(id), parquet::RecordLimits::kAll, parquet::BatchChecks::no);
+}
+
 // Files that do not grow have no checksums of their own.
 void StorageFiles::lookAtPages(int id, RecoveredStorage& found) const {
   const auto stated = checksums_.find(id);
   if (stated != checksums_.end()) {
-    const std::string checksum = digestFile(pathOf(id)).checksum;
+    const std::string checksum = digestOf(*open(id)).checksum;
     if (checksum != stated->second) {
       throw std::runtime_error(
           fmt::format("its checksum is {}, stated was {}", checksum, stated->second));
     }
   }
-  const auto file = openFile(pathOf(id));
-  found.schema = file->schema();
-  for (std::size_t group = 0; group < file->rowGroups(); ++group) {
-    const std::uint64_t first = file->rowStart(group);
-    file->read(first, file->rowStart(group + 1) - first);
-    found.rows = file->rowStart(group + 1);
+  parquet::InputFile file(open(id));
+  found.schema = file.schema();
+  for (std::size_t group = 0; group < file.rowGroups(); ++group) {
+    const std::uint64_t first = file.rowStart(group);
+    file.read(first, file.rowStart(group + 1) - first);
+    found.rows = file.rowStart(group + 1);
   }
 }
 
@@ -127,7 +120,7 @@ int StorageFiles::withRows(int id, std::uint64_t rows, bool mayCut) {
   if (known != copies_.end()) return known->second;
   const RecoveredStorage& from = file(id);
   if (from.isGrowing && !from.isComplete && (from.rows == rows || !mayCut)) {
-    noteCut(id, parquet::recoverFile(pathOf(id)));
+    noteCut(id, parquet::recoverFile(folder_, std::to_string(id)));
   }
   const bool isSound = from.damage.empty() || from.isGrowing;
   if (isSound && from.rows == rows) return id;
@@ -146,22 +139,35 @@ void StorageFiles::noteCut(int id, const parquet::RecoveryReport& report) {
 
 bool StorageFiles::cutBehind(int id, std::uint64_t rows) {
   if (!file(id).isGrowing) return false;
-  const auto batches = openAny(pathOf(id));
+  const auto batches = openAny(id);
   bool isBoundary = false;
   for (std::size_t batch = 0; batch <= batches->rowGroups() && !isBoundary; ++batch) {
     isBoundary = batches->rowStart(batch) == rows;
   }
   if (!isBoundary) return false;
-  noteCut(id, parquet::recoverFile(pathOf(id), rows));
+  noteCut(id, parquet::recoverFile(folder_, std::to_string(id), rows));
   return file(id).rows == rows;
 }
 
 int StorageFiles::copyRows(int id, std::uint64_t rows) {
-  const auto from = openAny(pathOf(id));
   const int copy = nextId_++;
-  const auto to = parquet::GrowingFile::create(
-      pathOf(copy), from->schema(),
-      parquet::ParquetWriterOptions().buildWriterProperties(from->codec(columnNames::data)));
+  const std::string name = std::to_string(copy);
+  std::shared_ptr<DiskFile> file = folder_.open(name, DiskFile::Mode::createNew);
+  try {
+    copyRows(id, rows, std::move(file));
+  } catch (...) {
+    folder_.tryRemove(name);
+    throw;
+  }
+  return copy;
+}
+
+void StorageFiles::copyRows(int id, std::uint64_t rows, std::shared_ptr<DiskFile> copy) const {
+  const auto from = openAny(id);
+  const parquet::FileLayout layout(
+      *from->schema(),
+      parquet::ParquetWriterOptions().buildWriterProperties(from->codec(columnNames::data)), {});
+  const auto to = parquet::GrowingFile::createIn(std::move(copy), layout);
   for (std::size_t group = 0; group < from->rowGroups() && to->rowCount() < rows; ++group) {
     const std::uint64_t first = from->rowStart(group);
     const auto table = from->read(first, std::min(rows, from->rowStart(group + 1)) - first);
@@ -169,14 +175,13 @@ int StorageFiles::copyRows(int id, std::uint64_t rows) {
   }
   to->finish();
   if (to->rowCount() != rows) {
-    throw std::runtime_error(fmt::format("{}: holds {} rows where {} were expected",
-                                         pathOf(id).string(), to->rowCount(), rows));
+    throw std::runtime_error(
+        fmt::format("{}: holds {} rows where {} were expected", pathOf(id), to->rowCount(), rows));
   }
-  return copy;
 }
 
 std::vector<PartClaim> StorageFiles::claims(int id) {
-  const auto pairs = openAny(pathOf(id))->keyValueMetadata();
+  const auto pairs = openAny(id)->keyValueMetadata();
   if (!pairs || !pairs->Contains(parquet::kPartNotesKey)) return {};
   std::vector<PartClaim> claims;
   for (const parquet::PartNote& note :
@@ -188,7 +193,7 @@ std::vector<PartClaim> StorageFiles::claims(int id) {
 
 std::optional<double> StorageFiles::time(int id, std::uint64_t row) {
   if (row >= file(id).rows) return std::nullopt;
-  const auto times = openAny(pathOf(id));
+  const auto times = openAny(id);
   const auto column = times->schema()->GetFieldByName(columnNames::data);
   if (!column || column->type()->id() != ::arrow::Type::DOUBLE) return std::nullopt;
   double time = 0;

@@ -3,7 +3,6 @@
 #include <arrow/type_fwd.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -11,8 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include "files/InputFile.h"
 #include "files/growing/FileRecovery.h"
 #include "kyr/recording/RecordingInfo.h"
+#include "platform/Folder.h"
 
 namespace kyr::recording {
 
@@ -41,7 +42,7 @@ struct PartClaim {
 class StorageFiles {
  public:
   /// \param stated  what a damaged recording.json says of the files, as far as it can be read
-  StorageFiles(std::filesystem::path directory, const std::vector<FileInfo>& stated);
+  StorageFiles(Folder folder, const std::vector<FileInfo>& stated);
 
   /// The ids of the files, ascending.
   const std::vector<int>& ids() const { return ids_; }
@@ -62,14 +63,17 @@ class StorageFiles {
   int withRows(int id, std::uint64_t rows, bool mayCut);
 
  private:
-  std::filesystem::path pathOf(int id) const { return directory_ / std::to_string(id); }
+  std::string pathOf(int id) const { return (folder_.path() / std::to_string(id)).string(); }
+  std::unique_ptr<DiskFile> open(int id) const { return folder_.open(std::to_string(id)); }
+  std::shared_ptr<parquet::InputFile> openAny(int id) const;
   RecoveredStorage look(int id) const;
   void lookAtPages(int id, RecoveredStorage& found) const;
   bool cutBehind(int id, std::uint64_t rows);
   void noteCut(int id, const parquet::RecoveryReport& report);
   int copyRows(int id, std::uint64_t rows);
+  void copyRows(int id, std::uint64_t rows, std::shared_ptr<DiskFile> copy) const;
 
-  std::filesystem::path directory_;
+  Folder folder_;
   std::map<int, std::string> checksums_;  // that were stated
   std::vector<int> ids_;
   int nextId_ = 0;

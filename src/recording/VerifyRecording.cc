@@ -36,9 +36,9 @@ namespace {
 class Verifier {
  public:
   /// \param tellsFailures  whether failures of the system are told as faults, or thrown
-  Verifier(const fs::path& path, bool tellsFailures)
+  Verifier(OpenFolder folder, bool tellsFailures)
       : tellsFailures_(tellsFailures),
-        folder_(std::make_shared<const OpenFolder>(path)),
+        folder_(std::make_shared<const OpenFolder>(std::move(folder))),
         info_(std::make_shared<const RecordingInfo>(describeRecording(*folder_))),
         contents_(folder_, /*checks=*/false, /*maxOpenFiles=*/0) {
     contents_.describe(info_, /*isLive=*/false);
@@ -296,9 +296,7 @@ class Verifier {
       }
     }
     for (const PackInfo& pack : info_->packs) named.insert(packName(pack.number));
-    std::error_code missing;
-    for (const auto& entry : fs::directory_iterator(folder_->path() / kStorageFolder, missing)) {
-      const std::string name = entry.path().filename().string();
+    for (const std::string& name : folder_->storedNames()) {
       if (named.count(name) == 0) fault("{}/{}: no record names it", kStorageFolder, name);
     }
   }
@@ -318,12 +316,21 @@ class Verifier {
 
 }  // namespace
 
-std::vector<std::string> contentFaults(const fs::path& folder, bool checksNames) {
-  return Verifier(folder, /*tellsFailures=*/false).run(checksNames);
+std::vector<std::string> contentFaults(const Folder& folder, bool checksNames) {
+  return Verifier(OpenFolder(folder), /*tellsFailures=*/false).run(checksNames);
 }
 
-std::vector<std::string> verifyRecording(const Path& folder) {
-  return Verifier(folder.toFilesystem(), /*tellsFailures=*/true).run(/*checksNames=*/true);
+std::vector<std::string> verifyRecording(const Path& folder, Links links) {
+  // A save that replaces the folder meanwhile removes the files of the old one. That is no damage.
+  constexpr int kAttempts = 10;
+  for (int attempt = 1;; ++attempt) {
+    const auto [faults, isReplaced] =
+        inOpenFolder(folder.toFilesystem(), links, [](const auto& open) {
+          auto found = Verifier(*open, /*tellsFailures=*/true).run(/*checksNames=*/true);
+          return std::pair(std::move(found), open->isReplaced());
+        });
+    if (faults.empty() || !isReplaced || attempt == kAttempts) return faults;
+  }
 }
 
 }  // namespace kyr::recording

@@ -34,7 +34,8 @@ directory_iterator next(Context* context, std::function<bool(const directory_ite
 
 bool parquetFileFilter(const directory_iterator& it) {
   const DirectoryEntry entry = it.entry();
-  if (entry.type() == DirectoryEntry::Type::directory) return false;
+  // Opening a pipe would wait for somebody who writes into it.
+  if (entry.type() != DirectoryEntry::Type::file) return false;
   std::ifstream file(entry.filesystemPath(), std::ios::binary);
   if (!file) return false;
   // Filled with zeros, so that a file of fewer than four bytes never matches.

@@ -106,7 +106,7 @@ void write(const fs::path& file, std::string_view bytes) {
 void recover(std::string_view bytes) {
   const fs::path file = workingFolder() / "storage" / "2";
   write(file, bytes);
-  mayRefuse([&] { parquet::recoverFile(file, kMostRows); });
+  mayRefuse([&] { parquet::recoverFile(Folder(file.parent_path()), file.filename(), kMostRows); });
 }
 
 // The file as times and as samples of a recording, which the description may not fit.

@@ -5,6 +5,7 @@
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/SerializationOptions.h"
 #include "kyr/parquet/StreamableSignal.h"
+#include "kyr/recording/RecordingReader.h"
 #include "recording/RecordingTest.h"
 
 // An opened recording is read where it lies.
@@ -136,7 +137,7 @@ TEST_F(OpenInPlace, RenamedFoldersStayReadableAndOthersAreNeverTakenForThem) {
   EXPECT_EQ(samplesOf(opened, 2), two);
   fs::remove_all(temp.file("elsewhere"));
   EXPECT_EQ(samplesOf(opened, 1), one);  // its files are open
-  EXPECT_THAT(errorOf([&] { samplesOf(opened, 3); }), HasSubstr("missing"));
+  EXPECT_THAT(errorOf([&] { samplesOf(opened, 3); }), HasSubstr("was replaced"));
   EXPECT_EQ(samplesOf(opened, 2), two);
 }
 
@@ -159,6 +160,27 @@ TEST_F(OpenInPlace, ManySignalsNeedFewDescriptors) {
     }
   }
   setrlimit(RLIMIT_NOFILE, &before);
+}
+
+// Reading leaves the folder only where that is asked for.
+TEST_F(OpenInPlace, LinksAreFollowedOnRequest) {
+  const Path folder = Path::fromFilesystem(rec);
+  for (const char* name : {"storage/1", "storage", "recording.json"}) {
+    SCOPED_TRACE(name);
+    fs::rename(rec / name, temp.file("elsewhere"));
+    fs::create_symlink(temp.file("elsewhere"), rec / name);
+    EXPECT_NE(faults(rec), "");
+    EXPECT_THROW(openRecording(folder).pool().getSignal(1), std::runtime_error);
+    EXPECT_THROW(RecordingReader(folder).read(1), std::runtime_error);
+
+    EXPECT_THAT(verifyRecording(folder, Links::followed), ::testing::IsEmpty());
+    EXPECT_TRUE(openRecording(folder, Links::followed).pool().getSignal(1));
+    ReaderOptions options;
+    options.links = Links::followed;
+    EXPECT_EQ(RecordingReader(folder, options).sampleCount(1), 3U);
+    fs::remove(rec / name);
+    fs::rename(temp.file("elsewhere"), rec / name);
+  }
 }
 
 }  // namespace

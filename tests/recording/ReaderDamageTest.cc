@@ -5,7 +5,7 @@
 #include <random>
 
 #include "kyr/recording/LiveRecording.h"
-#include "platform/FileLinks.h"
+#include "platform/Folder.h"
 #include "recording/ReaderTest.h"
 
 namespace kyr::recording {
@@ -195,7 +195,7 @@ TEST_F(ReaderTest, FilesThatAreNotAsDescribedAreRefused) {
   const auto record = [&] {
     fs::remove_all(rec);
     saveRecording(pool, {{1, "", "", "", {2}}}, Path::fromFilesystem(rec));
-    copyIfLinked(rec / "storage/1");  // the pool's file is to stay as it is
+    copyIfLinked(kyr::Folder(rec / "storage"), "1");  // the pool's file is to stay as it is
   };
   for (const Fault& fault : faults) {
     SCOPED_TRACE(fault.name);

@@ -288,5 +288,45 @@ TEST_F(SavedRecoveries, FailuresOfTheSystemEndTheCallWithNothingChanged) {
   expectSound();
 }
 
+// Recovery cuts, makes and removes files. Those of others, to which links lead, stay as they are.
+TEST_F(Recoveries, NothingIsChangedBehindALink) {
+  begin();
+  append(0, 40);
+  live->flush();
+  append(40, 60);
+  crash();
+  const fs::path others = temp.file("others");
+  fs::rename(rec, others);
+  const auto before = everythingIn(others);
+  for (const char* name :
+       {"storage", "storage/1", "lost", "recording.journal", "recording.live.json"}) {
+    SCOPED_TRACE(name);
+    fs::remove_all(rec);
+    fs::copy(others, rec, fs::copy_options::recursive);
+    fs::remove_all(rec / name);
+    fs::create_symlink(fs::exists(others / name) ? others / name : others, rec / name);
+    try {
+      // A link in the place of a file counts as a file that is missing.
+      EXPECT_TRUE(recover().hasLosses());
+      EXPECT_EQ(faults(rec), "");
+      EXPECT_TRUE(fs::is_symlink(rec / "lost/1"));
+    } catch (const std::runtime_error& error) {
+      EXPECT_THAT(error.what(), HasSubstr("is a symbolic link"));
+      EXPECT_TRUE(fs::is_symlink(rec / name));
+    }
+    EXPECT_EQ(everythingIn(others), before);
+  }
+}
+
+TEST_F(Recoveries, WhatOthersPutIntoTheStorageIsMovedToLost) {
+  begin();
+  append(0, 40);
+  live->flush();
+  crash();
+  folder().touch("storage/notes.txt", "mine");
+  EXPECT_THAT(recover().notes, Contains(HasSubstr("storage/notes.txt")));
+  EXPECT_EQ(folder().contents("lost/notes.txt"), "mine");
+}
+
 }  // namespace
 }  // namespace kyr::recording

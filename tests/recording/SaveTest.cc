@@ -16,6 +16,7 @@
 #include "kyr/parquet/StreamableSignal.h"
 #include "kyr/parquet/StreamableWriter.h"
 #include "kyr/recording/LiveRecording.h"
+#include "kyr/recording/RecordingReader.h"
 #include "kyr/recording/Recovery.h"
 #include "platform/DiskFile.h"
 #include "recording/FolderFiles.h"
@@ -143,7 +144,7 @@ TEST_F(SaveRecording, SharesTheFilesOfThePoolAndNobodyWritesIntoThem) {
     for (const auto& file : fs::directory_iterator(directory)) {
       writer.close(writer.create("pool/" + file.path().filename().string(), *schema, std::nullopt));
     }
-    for (const char* name : {"0", "1"}) parquet::recoverFile(directory / name, 1);
+    for (const char* name : {"0", "1"}) parquet::recoverFile(kyr::Folder(directory), name, 1);
     EXPECT_EQ(everythingIn(rec), saved);
     shared.reset();
     EXPECT_EQ(everythingIn(rec), saved);
@@ -353,6 +354,24 @@ TEST_F(SaveRecording, KilledLeavesTheOldRecordingOrTheNewOne) {
   }
 }
 
+TEST_F(SaveRecording, ReaderGoesOnWithWhatASaveKept) {
+  const auto second = put(pool, 2, ramp({4, 5, 6}));
+  save(rec);
+  const RecordingReader reader(Path::fromFilesystem(rec));
+  second->resetData();
+  put(pool, 2, ramp({7, 8, 9}));
+  save(rec);
+  EXPECT_EQ(reader.read(1).bytes, test::bytesOf(std::vector<short>{1, 2, 3}));
+  try {
+    reader.read(2);
+    ADD_FAILURE() << "rows of another recording";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code().value(), ESTALE);
+    EXPECT_THAT(error.what(), ::testing::HasSubstr("rec: was replaced by another recording"));
+  }
+}
+
+// Whoever reads meanwhile finds the old recording or the new one, and no damage.
 TEST_F(SaveRecording, FolderIsCompleteAtEveryMoment) {
   saveWithForeignEntries();
   std::atomic<bool> over{false};
@@ -361,13 +380,18 @@ TEST_F(SaveRecording, FolderIsCompleteAtEveryMoment) {
     over = true;
   });
   int missed = 0;
+  std::string damage;
   while (!over) {
+    if (damage.empty()) damage = faults(rec);
+    const RecordingReader reader(Path::fromFilesystem(rec));
+    EXPECT_EQ(reader.read(1).bytes, test::bytesOf(std::vector<short>{1, 2, 3}));
     for (const char* name : {"recording.json", "storage/1", "notes.txt"}) {
       missed += access((rec / name).c_str(), F_OK) == 0 ? 0 : 1;
     }
   }
   saver.join();
   EXPECT_EQ(missed, 0);
+  EXPECT_EQ(damage, "");
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <functional>
 #include <stdexcept>
@@ -75,6 +76,7 @@ TEST_F(FileSelectorWalk, YieldsEveryEntryOrThoseThatTheFilterAccepts) {
 TEST_F(FileSelectorWalk, ParquetFilterAsksForTheMagicAndNothingElse) {
   test::fs::create_directory(dir.file("folder"));
   test::fs::create_symlink("nowhere", dir.file("dangling"));
+  ASSERT_EQ(mkfifo(dir.file("pipe").c_str(), 0600), 0);
   dir.touch("empty");
   dir.touch("short", "PAR");
   dir.touch("late", " PAR1");

@@ -55,9 +55,9 @@ class KYR_PARQUET_EXPORT Recording {
   std::vector<SignalDescription> descriptions() const;
 
  private:
-  friend KYR_PARQUET_EXPORT Recording openRecording(const Path& folder);
+  friend KYR_PARQUET_EXPORT Recording openRecording(const Path& folder, Links links);
   friend KYR_PARQUET_EXPORT Recording openRecording(const Path& folder,
-                                                    const std::vector<int>& signalIds);
+                                                    const std::vector<int>& signalIds, Links links);
   class Impl;
   explicit Recording(std::unique_ptr<Impl> impl);
   std::unique_ptr<Impl> impl_;
@@ -71,11 +71,13 @@ class KYR_PARQUET_EXPORT Recording {
 /// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording,
 ///         of a newer format version, a file missing or cut short. Reading damaged rows later is a
 ///         std::runtime_error, too, which names the file and tells what is damaged
-KYR_PARQUET_EXPORT Recording openRecording(const Path& folder);
+/// \param links  as for describeRecording()
+KYR_PARQUET_EXPORT Recording openRecording(const Path& folder, Links links = Links::refused);
 
 /// \brief Open some signals only; files that they do not need are not looked at.
 /// \throws std::invalid_argument naming an id that the recording does not have
-KYR_PARQUET_EXPORT Recording openRecording(const Path& folder, const std::vector<int>& signalIds);
+KYR_PARQUET_EXPORT Recording openRecording(const Path& folder, const std::vector<int>& signalIds,
+                                           Links links = Links::refused);
 
 struct SaveOptions {
   /// Contents of fewer bytes share files, the packs, which any reader of Parquet reads. Many small

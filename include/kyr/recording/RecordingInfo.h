@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kyr/parquet/SignalTypes.h"
+#include "kyr/platform/Links.h"
 #include "kyr/platform/Path.h"
 #include "kyr/platform/export.h"
 
@@ -82,7 +83,9 @@ struct RecordingInfo {
 /// \brief Read what a recording holds from its recording.json alone; no Parquet file is opened.
 /// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording,
 ///         damaged, of a newer format version
-KYR_PARQUET_EXPORT RecordingInfo describeRecording(const Path& folder);
+/// \param links  inside of \p folder, which may be a link itself
+KYR_PARQUET_EXPORT RecordingInfo describeRecording(const Path& folder,
+                                                   Links links = Links::refused);
 
 /// \brief A signal of a recording that is being written. Its `rowCount` is that of its samples, or
 /// that of its times if it has only times. Codec and time span are left out.
@@ -105,7 +108,9 @@ KYR_PARQUET_EXPORT bool isLiveRecording(const Path& folder);
 
 /// \brief Read what the last flush of such a recording acknowledged.
 /// \throws std::runtime_error naming the file or folder and what is wrong with it
-KYR_PARQUET_EXPORT LiveRecordingInfo describeLiveRecording(const Path& folder);
+/// \param links  as for describeRecording()
+KYR_PARQUET_EXPORT LiveRecordingInfo describeLiveRecording(const Path& folder,
+                                                           Links links = Links::refused);
 
 /// \brief Check a recording against itself, down to every bit of every file.
 ///
@@ -113,6 +118,8 @@ KYR_PARQUET_EXPORT LiveRecordingInfo describeLiveRecording(const Path& folder);
 /// row counts of time against data, sample shapes, files that no record names.
 /// \return one line per fault, naming the file or signal; empty for a sound recording
 /// \throws std::runtime_error if recording.json cannot be made sense of, as describeRecording()
-KYR_PARQUET_EXPORT std::vector<std::string> verifyRecording(const Path& folder);
+/// \param links  as for describeRecording(); a link that is refused is a fault
+KYR_PARQUET_EXPORT std::vector<std::string> verifyRecording(const Path& folder,
+                                                            Links links = Links::refused);
 
 }  // namespace kyr::recording

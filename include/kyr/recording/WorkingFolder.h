@@ -48,6 +48,14 @@ struct Leftover {
   std::string inTheWay;
 };
 
+/// \brief Remove the files in the storage of a recording that its recording.json does not name.
+/// Nothing is removed to which a symbolic link leads.
+/// \param isDry  whether the call only tells, and removes nothing
+/// \return the files, and what else is in the way there because kyr did not make it, by name
+/// \throws std::runtime_error as describeRecording(): recordings that are being written are refused
+/// \throws std::system_error naming a file that cannot be removed
+KYR_PARQUET_EXPORT std::vector<Leftover> collectUnusedFiles(const Path& folder, bool isDry);
+
 /// \brief The folders that saves and imports of the recording \p folder left beside it:
 /// `<folder>.saving-*` and `<folder>.importing-*`. The recording need not exist.
 ///

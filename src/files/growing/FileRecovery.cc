@@ -9,8 +9,6 @@
 #include "files/InputFile.h"
 #include "files/ParquetTail.h"
 #include "files/growing/GrowingRecords.h"
-#include "platform/DiskFile.h"
-#include "platform/FileLinks.h"
 
 namespace kyr::parquet {
 
@@ -49,8 +47,7 @@ struct Inspection {
   std::uint64_t size = 0;
 };
 
-Inspection inspect(const std::filesystem::path& path, std::uint64_t maxRows) {
-  const auto file = std::make_shared<const DiskFile>(path, DiskFile::Mode::readOnly);
+Inspection inspect(const std::shared_ptr<const DiskFile>& file, std::uint64_t maxRows) {
   Inspection found;
   RecoveryReport& report = found.report;
   found.size = file->size();
@@ -81,20 +78,20 @@ Inspection inspect(const std::filesystem::path& path, std::uint64_t maxRows) {
 
 }  // namespace
 
-RecoveryReport inspectFile(const std::filesystem::path& path) {
-  return inspect(path, std::numeric_limits<std::uint64_t>::max()).report;
+RecoveryReport inspectFile(const Folder& folder, const std::string& name) {
+  return inspect(folder.open(name), std::numeric_limits<std::uint64_t>::max()).report;
 }
 
-RecoveryReport recoverFile(const std::filesystem::path& path, std::uint64_t maxRows) {
-  const Inspection found = inspect(path, maxRows);
+RecoveryReport recoverFile(const Folder& folder, const std::string& name, std::uint64_t maxRows) {
+  const Inspection found = inspect(folder.open(name), maxRows);
   if (!found.records || found.report.wasComplete) return found.report;
-  copyIfLinked(path);
-  DiskFile file(path, DiskFile::Mode::readWrite);
-  file.truncate(found.records->end);
-  file.writeAt(0, {kParquetMagic});
-  file.writeAt(found.records->end, {found.footer});
-  file.syncAll();
-  file.close();
+  copyIfLinked(folder, name);
+  const auto file = folder.open(name, DiskFile::Mode::readWrite);
+  file->truncate(found.records->end);
+  file->writeAt(0, {kParquetMagic});
+  file->writeAt(found.records->end, {found.footer});
+  file->syncAll();
+  file->close();
   return found.report;
 }
 

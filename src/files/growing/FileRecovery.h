@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <limits>
+#include <string>
+
+#include "platform/Folder.h"
 
 /// Growing files (GrowingFile.h) whose writer ended before it finished them.
 namespace kyr::parquet {
@@ -23,15 +25,15 @@ struct RecoveryReport {
 
 /// What recoverFile() would do. Changes nothing.
 /// \throws std::system_error if the file cannot be read
-RecoveryReport inspectFile(const std::filesystem::path& path);
+RecoveryReport inspectFile(const Folder& folder, const std::string& name);
 
 /// Makes a growing file complete up to the last batch before which nothing is missing or damaged,
 /// and syncs it. Reads the whole file: after a power cut anything that was not synced may be
 /// damaged, also before the end. Batches behind damage are cut off, because their rows would move.
-/// Nobody else may write the file.
+/// Nobody else may write the file. If it has other names, these keep it as it is.
 /// \param maxRows  batches are kept as long as they have no more rows together
 /// \throws std::system_error if it cannot be read or written; the call may be repeated then
-RecoveryReport recoverFile(const std::filesystem::path& path,
+RecoveryReport recoverFile(const Folder& folder, const std::string& name,
                            std::uint64_t maxRows = std::numeric_limits<std::uint64_t>::max());
 
 }  // namespace kyr::parquet

@@ -62,17 +62,23 @@ std::unique_ptr<GrowingFile> GrowingFile::create(
 std::unique_ptr<GrowingFile> GrowingFile::create(
     const std::filesystem::path& path, const FileLayout& layout,
     const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) {
-  BatchEncoder encoder(layout);
-  const EncodedBatch opening = naming(path, [&] { return encoder.encodeEmpty(keyValues); });
   auto file = std::make_shared<DiskFile>(path, DiskFile::Mode::createNew);
   try {
-    return std::unique_ptr<GrowingFile>(
-        new GrowingFile(std::move(file), std::move(encoder), opening));
+    return createIn(std::move(file), layout, keyValues);
   } catch (...) {
     std::error_code ignored;
     std::filesystem::remove(path, ignored);
     throw;
   }
+}
+
+std::unique_ptr<GrowingFile> GrowingFile::createIn(
+    std::shared_ptr<DiskFile> file, const FileLayout& layout,
+    const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) {
+  BatchEncoder encoder(layout);
+  const EncodedBatch opening = naming(file->path(), [&] { return encoder.encodeEmpty(keyValues); });
+  return std::unique_ptr<GrowingFile>(
+      new GrowingFile(std::move(file), std::move(encoder), opening));
 }
 
 GrowingFile::GrowingFile(std::shared_ptr<DiskFile> file, BatchEncoder encoder,

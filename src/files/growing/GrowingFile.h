@@ -84,6 +84,10 @@ class GrowingFile {
       const std::filesystem::path& path, const std::shared_ptr<::arrow::Schema>& schema,
       const std::shared_ptr<::parquet::WriterProperties>& properties,
       const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues = nullptr);
+  /// Does the same in a new file that was opened. After a failure it is left as it is.
+  static std::unique_ptr<GrowingFile> createIn(
+      std::shared_ptr<DiskFile> file, const FileLayout& layout,
+      const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues = nullptr);
 
   /// Leaves the file as it is, also if it is not published.
   ~GrowingFile() = default;

@@ -78,7 +78,7 @@ class GrowingFileRecovery : public ::testing::Test {
     folder->touch(kName, bytes);
     const auto whole =
         static_cast<std::size_t>(std::upper_bound(ends.begin(), ends.end(), good) - ends.begin());
-    const auto report = recoverFile(path);
+    const auto report = recoverFile(kyr::Folder(path.parent_path()), path.filename());
     ASSERT_EQ(report.isComplete, whole > 0) << good;
     if (whole == 0) {
       ASSERT_EQ(folder->contents(kName), bytes);
@@ -174,7 +174,7 @@ TEST_F(GrowingFileRecovery, LeavesOtherFilesAlone) {
     EXPECT_THROW(openGrowingFile(path), std::runtime_error);
   }
   fs::remove(path);
-  EXPECT_THROW(recoverFile(path), std::system_error);
+  EXPECT_THROW(recoverFile(kyr::Folder(path.parent_path()), path.filename()), std::system_error);
 }
 
 // The metadata are forged and the checksum fits. Whether recovery accepts them or not, it reads
@@ -197,7 +197,7 @@ TEST_F(GrowingFileRecovery, ForgedMetadataDoNoHarm) {
                                                       whole->header.dataOffset(),
                                                       ends[index] - whole->header.dataOffset()))));
         folder->touch("forged", bytes);
-        const auto report = recoverFile(folder->file("forged"));
+        const auto report = recoverFile(kyr::Folder(folder->path().toFilesystem()), "forged");
         EXPECT_LE(report.rowsKept, 6U);
         if (!report.isComplete) continue;
         ++kept;

@@ -226,7 +226,7 @@ TEST_F(GrowingFileTest, FailedCallsChangeNothingAndMayBeRepeated) {
       reached = disk::stop() >= plan.failAt;
       EXPECT_EQ(failed > 0, reached && plan.error != EINTR) << "call " << plan.failAt;
       expectCountsTo(1401);
-      EXPECT_TRUE(recoverFile(path).wasComplete);
+      EXPECT_TRUE(recoverFile(kyr::Folder(path.parent_path()), path.filename()).wasComplete);
       fs::remove(path);
     }
     EXPECT_GT(plan.failAt, 10);
@@ -254,7 +254,7 @@ TEST_F(GrowingFileTest, FootersKeepWhichBatchesAscend) {
   expectMarks();
   file.reset();
   fs::resize_file(path, fs::file_size(path) - 1);
-  EXPECT_EQ(recoverFile(path).batchesKept, 3);
+  EXPECT_EQ(recoverFile(kyr::Folder(path.parent_path()), path.filename()).batchesKept, 3);
   expectMarks();
 }
 

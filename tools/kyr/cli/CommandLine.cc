@@ -29,6 +29,12 @@ void addRecordingArgument(CLI::App& command, std::string& folder) {
   addArgument(command, "FOLDER", folder, "Folder of the recording");
 }
 
+void addLinksOption(CLI::App& command, Links& links) {
+  command.add_flag_callback(
+      "--follow-links", [&links] { links = Links::followed; },
+      "Also read files to which symbolic links in FOLDER lead, wherever they are");
+}
+
 void addSignalArguments(CLI::App& command, std::vector<std::string>& signals) {
   command.add_option("SIGNAL", signals, "Names or ids of signals; all of them unless given")
       ->type_name("");

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands/Commands.h"
+#include "kyr/platform/Links.h"
 
 /// Making the command line, and reading it back for help, completion and manual page.
 namespace kyr::tool {
@@ -16,6 +17,9 @@ void addArgument(CLI::App& command, const std::string& name, std::string& value,
 
 /// Adds the argument FOLDER for a recording that exists.
 void addRecordingArgument(CLI::App& command, std::string& folder);
+
+/// Adds the option --follow-links for commands that read a recording.
+void addLinksOption(CLI::App& command, Links& links);
 
 /// Adds the arguments SIGNAL, of which there may be none.
 void addSignalArguments(CLI::App& command, std::vector<std::string>& signals);

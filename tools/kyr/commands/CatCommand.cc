@@ -37,6 +37,7 @@ struct CatOptions {
   std::optional<double> to;
   std::string rows;
   bool follows = false;
+  Links links = Links::refused;
 };
 
 std::uint64_t parseRow(std::string_view text, std::uint64_t ifEmpty, const std::string& option) {
@@ -87,7 +88,7 @@ void follow(Output& out, RecordingReader& reader, SampleTable& table, const CatO
 int runCat(const CatOptions& options) {
   const Window window = windowOf(options);
   allowManyFiles();
-  RecordingReader reader(Path::fromNarrow(options.folder));
+  RecordingReader reader(Path::fromNarrow(options.folder), {true, 0, options.links});
   SampleTable table(reader, chosenSignals(reader.signals(), options.signals, options.folder));
   Output out;
   table.print(out, window);
@@ -106,6 +107,7 @@ void addCatCommand(CLI::App& app, Action& action) {
   const auto options = std::make_shared<CatOptions>();
   addRecordingArgument(*command, options->folder);
   addSignalArguments(*command, options->signals);
+  addLinksOption(*command, options->links);
   auto* from =
       command->add_option("--from", options->from, "Leave out earlier times [s]")->type_name("T");
   auto* to = command->add_option("--to", options->to, "Leave out later times [s]")->type_name("T");

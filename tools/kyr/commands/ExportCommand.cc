@@ -146,7 +146,8 @@ void exportRecording(const ExportOptions& options) {
                    options.replaces);
   }
   allowManyFiles();
-  const recording::RecordingReader reader(Path::fromNarrow(options.folder));
+  const recording::RecordingReader reader(Path::fromNarrow(options.folder),
+                                          {true, 0, options.links});
   requireFinished(reader, options.folder);
   Losses losses(options.isStrict, "written");
   const auto signals = exportedSignals(reader, options, losses);
@@ -233,6 +234,7 @@ struct Options {
 
 void addExportOptions(CLI::App& command, Options& options) {
   addArgument(command, "RECORDING", options.understood.folder, "Folder of the recording");
+  addLinksOption(command, options.understood.links);
   addArgument(command, "OUT", options.understood.out, "New file, or - for standard output");
   addSignalArguments(command, options.understood.signals);
   command

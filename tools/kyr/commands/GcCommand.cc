@@ -1,10 +1,8 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <filesystem>
 #include <memory>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -16,7 +14,6 @@
 #include "cli/RecordingFolder.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
-#include "kyr/recording/RecordingInfo.h"
 #include "kyr/recording/WorkingFolder.h"
 
 namespace kyr::tool {
@@ -31,34 +28,23 @@ struct GcOptions {
   bool isDry = false;
 };
 
-// Files in the storage that belong to no signal.
-std::vector<fs::path> unusedFiles(const fs::path& folder, const recording::RecordingInfo& info) {
-  std::set<std::string> named;
-  for (const recording::FileInfo& file : info.files) named.insert(std::to_string(file.storageId));
-  for (const recording::PackInfo& pack : info.packs) {
-    named.insert("pack-" + std::to_string(pack.number) + ".parquet");
-  }
-  std::vector<fs::path> unused;
-  for (const auto& entry : fs::directory_iterator(folder / "storage")) {
-    const bool isFile = fs::is_regular_file(entry.symlink_status());
-    if (isFile && named.count(entry.path().filename().string()) == 0) {
-      unused.push_back(entry.path());
-    }
-  }
-  std::sort(unused.begin(), unused.end());
-  return unused;
-}
-
 // Removes things, and says what it removes.
 class Collector {
  public:
   Collector(Output& out, bool isDry) : out_(out), isDry_(isDry) {}
 
-  // A file, or a folder with all that is in it.
-  void collect(const fs::path& unused) {
-    const std::uint64_t bytes = bytesBelow(unused);
-    if (!isDry_) fs::remove_all(unused);
-    note(unused.string(), bytes);
+  // A folder with all that is in it.
+  void collect(const fs::path& folder) {
+    const std::uint64_t bytes = bytesBelow(folder);
+    if (!isDry_) fs::remove_all(folder);
+    note(folder.string(), bytes);
+  }
+
+  void collectUnused(const Path& folder) {
+    for (const recording::Leftover& file : recording::collectUnusedFiles(folder, isDry_)) {
+      const std::string name = file.path.toNarrow();
+      file.inTheWay.empty() ? note(name, file.bytes) : leaveAlone(name, file.inTheWay);
+    }
   }
 
   void collect(const recording::Leftover& leftover) {
@@ -114,15 +100,10 @@ void collectReplaced(const std::string& folder, Collector& collector) {
 
 int runGc(const GcOptions& options) {
   const Path path = Path::fromNarrow(options.folder);
-  const fs::path folder = path.toFilesystem();
   Output out;
   Collector collector(out, options.isDry);
   // An import or a save that was killed may have left folders beside a recording that never was.
-  if (!options.isStale || fs::exists(folder)) {
-    // Refuses recordings that are being written.
-    const recording::RecordingInfo info = recording::describeRecording(path);
-    for (const fs::path& file : unusedFiles(folder, info)) collector.collect(file);
-  }
+  if (!options.isStale || fs::exists(path.toFilesystem())) collector.collectUnused(path);
   if (options.isStale) {
     for (const recording::Leftover& leftover : leftovers(path)) collector.collect(leftover);
     collectReplaced(options.folder, collector);
@@ -145,7 +126,8 @@ void addGcCommand(CLI::App& app, Action& action) {
   command->add_flag("--dry-run", options->isDry, "Say what would be removed, and remove nothing");
   command->footer(R"help(
 Removes files in FOLDER/storage that recording.json does not name, and says which. Nothing else in
-the folder is touched. A recording that is still being written is refused.
+the folder is touched, and nothing to which a symbolic link leads. Files that kyr did not make are
+left alone. A recording that is still being written is refused.
 
 With --stale, FOLDER need not exist. These folders are removed as well: FOLDER.saving-* and
 FOLDER.importing-*, and in the folder for temporary files kyr-* and empty parquetStorage_*. So is

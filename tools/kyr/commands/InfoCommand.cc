@@ -105,6 +105,7 @@ void printJson(Output& out, const RecordingInfo& info, const std::optional<std::
 struct InfoOptions {
   std::string folder;
   bool asJson = false;
+  Links links = Links::refused;
 };
 
 // Describes a recording that is being written as if it were saved.
@@ -126,11 +127,11 @@ int runInfo(const InfoOptions& options) {
   RecordingInfo info;
   std::optional<std::string> state;
   if (recording::isLiveRecording(path)) {
-    const RecordingReader reader(path);
-    info = liveInfo(reader, recording::describeLiveRecording(path));
+    const RecordingReader reader(path, {true, 0, options.links});
+    info = liveInfo(reader, recording::describeLiveRecording(path, options.links));
     state = stateOf(reader.state(), options.folder);
   } else {
-    info = recording::describeRecording(path);
+    info = recording::describeRecording(path, options.links);
   }
   Output out;
   if (options.asJson) {
@@ -177,6 +178,7 @@ void addInfoCommand(CLI::App& app, Action& action) {
   CLI::App* command = app.add_subcommand("info", "Show what a recording holds");
   const auto options = std::make_shared<InfoOptions>();
   addRecordingArgument(*command, options->folder);
+  addLinksOption(*command, options->links);
   command->add_flag("--json", options->asJson, "Print JSON");
   command->footer(R"help(
 Only recording.json of a finished recording is read. While a recording is being written, the rows

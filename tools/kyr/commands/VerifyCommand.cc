@@ -14,14 +14,19 @@ namespace kyr::tool {
 
 namespace {
 
-int runVerify(const std::string& folder) {
-  const Path path = Path::fromNarrow(folder);
-  const std::vector<std::string> faults = recording::verifyRecording(path);
+struct VerifyOptions {
+  std::string folder;
+  Links links = Links::refused;
+};
+
+int runVerify(const VerifyOptions& options) {
+  const Path path = Path::fromNarrow(options.folder);
+  const std::vector<std::string> faults = recording::verifyRecording(path, options.links);
   Output out;
   for (const std::string& fault : faults) out.print("{}\n", singleLine(fault));
   if (faults.empty()) {
-    const recording::RecordingInfo info = recording::describeRecording(path);
-    out.print("{}: sound, {} in {}\n", folder, counted(info.signals.size(), "signal"),
+    const recording::RecordingInfo info = recording::describeRecording(path, options.links);
+    out.print("{}: sound, {} in {}\n", options.folder, counted(info.signals.size(), "signal"),
               counted(RecordingSummary(info).fileCount(), "file"));
   }
   out.flush();
@@ -32,14 +37,15 @@ int runVerify(const std::string& folder) {
 
 void addVerifyCommand(CLI::App& app, Action& action) {
   CLI::App* command = app.add_subcommand("verify", "Check every bit of a recording");
-  const auto folder = std::make_shared<std::string>();
-  addRecordingArgument(*command, *folder);
+  const auto options = std::make_shared<VerifyOptions>();
+  addRecordingArgument(*command, options->folder);
+  addLinksOption(*command, options->links);
   command->footer(R"help(
 Prints one line for each fault and exits with 1 if there is one.
 
 Example:
   kyr verify run)help");
-  setAction(*command, action, folder, runVerify);
+  setAction(*command, action, options, runVerify);
 }
 
 }  // namespace kyr::tool

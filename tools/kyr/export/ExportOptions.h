@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "kyr/platform/Links.h"
+
 namespace kyr::tool {
 
 enum class ExportFormat { parquet, arrow, csv };
@@ -27,6 +29,7 @@ struct ExportOptions {
   std::optional<ResampleOptions> resample;
   bool isStrict = false;
   bool replaces = false;
+  Links links = Links::refused;
 
   bool writesToStandardOutput() const { return out == "-"; }
 };
