@@ -1,7 +1,8 @@
 """Recordings made to harm: mutations of our own, with checksums that fit, through every door.
 
-hostile_test.py DOORS SECONDS: DOORS is kyr_hostile_doors. A fault is a door that ends by a signal, a
-sanitizer's report or too late, or that changes what lies outside the folder.
+hostile_test.py DOORS SECONDS [KYR]: DOORS is kyr_hostile_doors, which has all doors of the library.
+With KYR, the doors are the commands of that tool. A fault is a door that ends by a signal, a
+sanitizer's report, too late or without a word, or that changes what lies outside the folder.
 """
 
 import copy
@@ -122,8 +123,11 @@ class Corpus:
         def cut(size):
             return lambda path: path.write_bytes(path.read_bytes()[:size])
 
+        def link_out(path):
+            link(self.outside / path.name)(path)
+
         changes = {
-            "link out": link(self.outside / "file"), "link to zeros": link("/dev/zero"), "link to itself": link("x"),
+            "link out": link_out, "link to a device": link("/dev/tty"), "link to zeros": link("/dev/zero"), "link to itself": link("x"),
             "pipe": pipe, "folder": folder, "missing": lambda path: path.unlink(), "empty": cut(0),
             "10 bytes": cut(10), "half": lambda path: cut(path.stat().st_size // 2)(path),
             "doubled": lambda path: path.write_bytes(path.read_bytes() * 2),
@@ -202,6 +206,32 @@ class Corpus:
             yield f"{base} {file.name} changed", base, write
 
 
+def environment():
+    options = "allocator_may_return_null=1:detect_leaks=0:" + os.environ.get("ASAN_OPTIONS", "")
+    return os.environ | {"ASAN_OPTIONS": options, "UBSAN_OPTIONS": "print_stacktrace=1"}
+
+
+class Commands:
+    """The commands of the tool."""
+
+    def __init__(self, kyr, temp):
+        self.kyr = kyr
+        self.out = temp / "out.csv"
+
+    def enter(self, folder):
+        """What went wrong, if anything did."""
+        reading = [["info"], ["cat"], ["verify"], ["export", self.out, "--force"]]
+        for command, *rest in [*reading, ["verify", "--follow-links"], ["gc"], ["gc", "--stale"], ["recover"], *reading]:
+            try:
+                result = subprocess.run([self.kyr, command, folder, *rest], capture_output=True, timeout=20,
+                                        stdin=subprocess.DEVNULL, env=environment())
+            except subprocess.TimeoutExpired:
+                return f"{command} does not end"
+            if result.returncode not in (0, 1, 3) or (result.returncode != 0 and not result.stderr + result.stdout):
+                return f"{command} ended with {result.returncode}: {result.stderr.decode(errors='replace')[:2000]}"
+        return None
+
+
 class Doors:
     """The program that enters folders, started again when it ends."""
 
@@ -213,11 +243,9 @@ class Doors:
     def enter(self, folder):
         """What went wrong, if anything did."""
         if self.process is None:
-            options = "allocator_may_return_null=1:detect_leaks=0:" + os.environ.get("ASAN_OPTIONS", "")
             self.log.truncate(0)
-            self.process = subprocess.Popen(
-                [self.program], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.log, text=True,
-                env=os.environ | {"ASAN_OPTIONS": options, "UBSAN_OPTIONS": "print_stacktrace=1"})
+            self.process = subprocess.Popen([self.program], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                            stderr=self.log, text=True, env=environment())
         self.process.stdin.write(f"{folder}\n")
         self.process.stdin.flush()
         door = ""
@@ -238,6 +266,25 @@ class Doors:
         return f"{door} ended with {status}: " + "; ".join(where[:6])
 
 
+def make_outside(outside, bases):
+    """Files that are not the recording's, but could be: one that is cut off, one that nobody names."""
+    shutil.rmtree(outside, ignore_errors=True)
+    shutil.copytree(bases / "live" / "storage", outside)
+    shutil.copy(bases / "finished" / "storage" / "0", outside / "77")
+    for name in ("recording.live.json", "recording.journal"):
+        shutil.copy(bases / "live" / name, outside)
+    for name in ("finished/recording.json", "packed/storage/pack-0.parquet"):
+        if (bases / name).exists():
+            shutil.copy(bases / name, outside)
+    (outside / "file").write_bytes(b"not yours")
+    with open(outside / "0", "ab") as file:
+        file.write(b"half a batch")
+
+
+def content_of(folder):
+    return {path.name: path.read_bytes() for path in folder.iterdir()}
+
+
 def main():
     program, seconds = sys.argv[1], float(sys.argv[2])
     memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
@@ -245,12 +292,16 @@ def main():
         temp = pathlib.Path(temp)
         bases, outside = temp / "bases", temp / "outside"
         bases.mkdir()
-        outside.mkdir()
-        (outside / "file").write_bytes(b"not yours")
-        (outside / "1").write_bytes(b"nor this")
         subprocess.run([program, "--make", bases], check=True)
-        corpus, doors = Corpus(bases, outside), Doors(program)
-        made = list(corpus.documents()) + list(corpus.places()) + list(corpus.columns())
+        make_outside(outside, bases)
+        canary = content_of(outside)
+        corpus = Corpus(bases, outside)
+        if len(sys.argv) > 3:
+            doors = Commands(sys.argv[3], temp)
+            made = list(corpus.places()) + [case for case in corpus.documents() if "nested" in case[0]]
+        else:
+            doors = Doors(program)
+            made = list(corpus.documents()) + list(corpus.places()) + list(corpus.columns())
         corpus.random.shuffle(made)
         end = time.monotonic() + seconds
         entered, faults = 0, []
@@ -263,13 +314,9 @@ def main():
                 shutil.copytree(bases / base, folder)
                 change(folder)
                 fault = doors.enter(folder)
-                canary = {path.name: path.read_bytes() for path in outside.iterdir()}
-                if canary != {"file": b"not yours", "1": b"nor this"}:
-                    fault = f"what lies outside is {canary} now"
-                    shutil.rmtree(outside)
-                    outside.mkdir()
-                    (outside / "file").write_bytes(b"not yours")
-                    (outside / "1").write_bytes(b"nor this")
+                if content_of(outside) != canary:
+                    fault = "what lies outside was changed"
+                    make_outside(outside, bases)
                 entered += 1
                 if fault:
                     faults.append(f"{name}: {fault}")
