@@ -1,5 +1,6 @@
 #include "Recorder.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <utility>
@@ -115,7 +116,8 @@ void Recorder::stopThread() {
 
 void Recorder::flushNowAndThen(double seconds) {
   std::unique_lock guard(lock_.mutex());
-  const std::chrono::duration<double> pause(seconds);
+  // Others need the lock between two flushes, and a clock counts no more than 292 years.
+  const std::chrono::duration<double> pause(std::clamp(seconds, 1e-3, 1e9));
   while (!wakes_->wait_for(guard, pause, [this] { return isStopping_; })) {
     try {
       writeAll();

@@ -92,14 +92,25 @@ bool hasType(const Elements& elements, KYRSignalDataType type) {
   }
 }
 
+// Whether it is an array, and not merely something with a buffer: the buffers of numpy.datetime64
+// have no shape, and nanobind follows the pointer to it all the same.
+bool isArray(const nb::handle& object) {
+  // It lives as long as the process. Without a guard: while numpy is imported, others may come here.
+  static PyObject* type = nullptr;
+  if (type == nullptr)
+    type = nb::object(nb::module_::import_("numpy").attr("ndarray")).release().ptr();
+  return reinterpret_cast<PyObject*>(Py_TYPE(object.ptr())) == type;
+}
+
 // Arrays of numbers, or of vectors, that are as the library wants them.
 bool tryAppendArrays(SignalWriter& writer, const nb::handle& time, const nb::handle& value) {
   const auto& extents = writer.stage->description().dimensions;
   Times times;
   Elements elements;
-  if (extents.size() > 1 || !nb::try_cast(time, times, false) ||
-      !nb::try_cast(value, elements, false) || elements.ndim() != 1 + extents.size() ||
-      elements.shape(0) != times.size() || !hasType(elements, writer.stage->type()) ||
+  if (extents.size() > 1 || !isArray(time) || !isArray(value) ||
+      !nb::try_cast(time, times, false) || !nb::try_cast(value, elements, false) ||
+      elements.ndim() != 1 + extents.size() || elements.shape(0) != times.size() ||
+      !hasType(elements, writer.stage->type()) ||
       (!extents.empty() && elements.shape(1) != extents[0])) {
     return false;
   }
@@ -199,7 +210,7 @@ bool elementOf(nb::handle value, KYRSignalDataType type, char* out) {
 }
 
 nb::object pythonAppend(const char* name) {
-  return nb::module_::import_("kyr._writing").attr(name);
+  return nb::module_::import_("kyr._appending").attr(name);
 }
 
 void defineSignalWriter(nb::module_& module) {

@@ -2,25 +2,39 @@
 
 import pathlib
 import re
+import textwrap
 import tomllib
 
+import numpy as np
+import pytest
 from conftest import ROOT
 
 import kyr
 
 
-def test_the_manual_runs(tmp_path, monkeypatch, capsys):
+@pytest.mark.parametrize("page, least", [("python.md", 10), ("python-simulation.md", 4)])
+def test_the_manual_runs(page, least, tmp_path, monkeypatch):
     monkeypatch.chdir(tmp_path)
-    text = (ROOT / "docs/python.md").read_text()
+    text = (ROOT / "docs" / page).read_text()
     blocks = list(re.finditer(r"^```python\n(.*?)^```", text, re.S | re.M))
-    assert len(blocks) >= 11
+    assert len(blocks) >= least
     names = {"__name__": "manual"}
     for block in blocks:
         line = text[: block.start(1)].count("\n")
-        exec(compile("\n" * line + block[1], "docs/python.md", "exec"), names)
-    assert "engine.speed" in capsys.readouterr().out
-    sections = re.findall(r"^### (\d+)\.", text, re.M)
-    assert sections == [str(number) for number in range(1, 11)]
+        exec(compile("\n" * line + block[1], page, "exec"), names)
+
+
+def test_the_tutorial_runs(tmp_path, monkeypatch):
+    # What help(kyr) shows, on recordings as it names them.
+    monkeypatch.chdir(tmp_path)
+    t = np.arange(0, 70, 0.5)
+    kyr.save("run42", {"speed": (t, t), "torque": (t[::2], -t[::2])}, units={"speed": "m/s"})
+    blocks = re.findall(r"::\n\n((?:    .*\n|\n)+)", kyr.__doc__)
+    assert len(blocks) == 3
+    names = {}
+    for block in blocks:
+        exec(textwrap.dedent(block), names)
+    assert names["speed"].name == "speed" and kyr.open("run44")["speed"].unit == "m/s"
 
 
 def test_stubs_are_those_of_the_extension():

@@ -73,6 +73,19 @@ def test_groups_share_their_times(tmp_path):
     assert recording["y"].time is recording["x"].time and recording["z"].unit == "km"
 
 
+def test_missing_numbers_are_nan_or_refused(tmp_path):
+    times, mask = np.arange(3.0), [False, True, False]
+    with kyr.record(tmp_path / "run") as recorder:
+        floats, integers = recorder.add("floats"), recorder.add("integers", dtype="int32")
+        floats.append(times, np.ma.MaskedArray([1.0, 2, 3], mask))
+        integers.append(times, np.ma.MaskedArray([1, 2, 3], False, dtype="int32"))
+        with pytest.raises(ValueError, match="'integers': samples are missing, and int32 has no NaN"):
+            integers.append(times, np.ma.MaskedArray([1, 2, 3], mask, dtype="int32"))
+    recording = kyr.open(tmp_path / "run")
+    np.testing.assert_array_equal(recording["floats"].values, [1, np.nan, 3])
+    assert list(recording["integers"]) == [1, 2, 3]
+
+
 MISTAKES = {
     "a fraction for an integer": ("int32", (), 1.5, TypeError, "float64, expected are int32"),
     "too large": ("int8", (), 128, ValueError, "128 is beyond the range of int8"),
@@ -105,6 +118,9 @@ def test_wrong_uses_of_a_recorder(tmp_path):
         kyr.record(tmp_path / "nowhere" / "run")
     with pytest.raises(ValueError, match="sync = 'often'"):
         kyr.record(tmp_path / "run", sync="often")
+    for seconds in (-1, float("nan"), float("inf")):
+        with pytest.raises(ValueError, match="flush = .*: expected are seconds, or None"):
+            kyr.record(tmp_path / "run", flush=seconds)
     with kyr.record(tmp_path / "run") as recorder:
         signal = recorder.add("speed")
         with pytest.raises(ValueError, match="there is a signal 'speed'"):
@@ -115,6 +131,9 @@ def test_wrong_uses_of_a_recorder(tmp_path):
             signal.append([0, 1], [1.0, 2, 3])
         with pytest.raises(ValueError, match="times of the shape"):
             signal.append(np.zeros((2, 2)), np.zeros((2, 2)))
+        for date in (np.datetime64("2026"), np.timedelta64(1, "s"), np.array(["2026"], "M8[s]")):
+            with pytest.raises(TypeError, match="times are .*64.*, expected are float64"):
+                signal.append(date, [1.0])
     for use in (lambda: signal.append(0.0, 1.0), recorder.flush, lambda: recorder.add("x")):
         with pytest.raises(ValueError, match="the recording is finished or closed"):
             use()
