@@ -121,7 +121,7 @@ class Usage(ToolTest):
         for command in completed("kyr", "")[:-3]:
             text = self.run_tool(command, "--help").stdout
             self.assertIn(f"kyr {command} [OPTIONS]", manual)
-            options = set(re.findall(r"^  (?:-h, )?(--[a-z-]+)", text, re.MULTILINE))
+            options = set(re.findall(r"^  (?:-\w, )?(--[a-z-]+)", text, re.MULTILINE))
             self.assertEqual(set(completed("kyr", command, "-")), options | {"--trace"})
             for option in options - {"--help"}:
                 self.assertRegex(manual, rf"\n\.B (-\w, )?{option}\b")

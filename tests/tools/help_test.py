@@ -19,6 +19,10 @@ def examples_in(text):
     return [line.strip() for line in lines if line.startswith("  ")]
 
 
+def serves(example):
+    return "kyr view" in example and "--html" not in example
+
+
 class Examples(ToolTest):
     def setUp(self):
         super().setUp()
@@ -45,8 +49,8 @@ class Examples(ToolTest):
     def start(self, example, folder):
         return subprocess.Popen(["bash", "-o", "pipefail", "-c", example], text=True, cwd=folder,
                                 env={**self.environment(), **self.path, "HOME": str(self.folder)},
-                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                                start_new_session=True)
+                                stdout=subprocess.PIPE if serves(example) else subprocess.DEVNULL,
+                                stderr=subprocess.PIPE, start_new_session=True)
 
     def check(self, example):
         folder = self.folder / "work"
@@ -63,6 +67,10 @@ class Examples(ToolTest):
             while not (folder / "run42" / "recording.live.json").exists():
                 self.assertIsNone(process.poll())
                 time.sleep(0.01)
+            os.killpg(process.pid, signal.SIGINT)
+        if serves(example):
+            self.assertIn("127.0.0.1", process.stdout.readline() or process.stderr.read())
+            self.assertIn("Ctrl-C", process.stdout.readline())
             os.killpg(process.pid, signal.SIGINT)
         error = process.communicate(timeout=60)[1]
         self.assertEqual((process.returncode, error), (0, ""), example)

@@ -33,6 +33,8 @@ void addCommands(CLI::App& app, Action& action) {
   addRecoverCommand(app, action);
   addInfoCommand(app, action);
   addCatCommand(app, action);
+  addViewCommand(app, action);
+  addPlotCommand(app, action);
   addExportCommand(app, action);
   addVerifyCommand(app, action);
   addGcCommand(app, action);

@@ -20,6 +20,8 @@ void addRecoverCommand(CLI::App& app, Action& action);
 void addInfoCommand(CLI::App& app, Action& action);
 void addCatCommand(CLI::App& app, Action& action);
 void addExportCommand(CLI::App& app, Action& action);
+void addViewCommand(CLI::App& app, Action& action);
+void addPlotCommand(CLI::App& app, Action& action);
 void addVerifyCommand(CLI::App& app, Action& action);
 void addGcCommand(CLI::App& app, Action& action);
 void addOptionsCommand(CLI::App& app, Action& action);

@@ -1,0 +1,11 @@
+# Writes a C++ file with the text of files in it: cmake -D OUT=FILE -D FOLDER=F -D NAMES=A,B -P this
+string(REPLACE "," ";" names "${NAMES}")
+set(code "#include \"view/PageFiles.h\"\n\nnamespace kyr::tool {\n\nconst PageFile kPageFiles[] = {\n")
+set(count 0)
+foreach(name IN LISTS names)
+  file(READ "${FOLDER}/${name}" text)
+  string(APPEND code "{\"${name}\", R\"KYR_PAGE(${text})KYR_PAGE\"},\n")
+  math(EXPR count "${count} + 1")
+endforeach()
+string(APPEND code "};\nconst std::size_t kPageFileCount = ${count};\n\n}  // namespace kyr::tool\n")
+file(WRITE "${OUT}" "${code}")

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <vector>
+
+#include "kyr/recording/Envelope.h"
+
+namespace kyr::tool {
+
+struct PlotPoint {
+  double time = 0;
+  double value = 0;  ///< NaN and infinite values interrupt the line
+};
+
+/// The corners of the line that shows an envelope: first, smallest, largest and last value of each
+/// column in the order of their times, and the rows beside the window.
+std::vector<PlotPoint> pointsOf(const recording::Envelope& envelope);
+
+/// Rows in the columns of an envelope.
+std::uint64_t rowsOf(const recording::Envelope& envelope);
+
+}  // namespace kyr::tool

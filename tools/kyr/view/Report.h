@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "view/ViewedRuns.h"
+
+namespace kyr::tool {
+
+struct ReportOptions {
+  std::vector<std::string> signals;  ///< names; the first ones of the recordings if there are none
+  std::size_t columns = 1000;        ///< of the envelopes
+};
+
+/// The page and what it shows in one HTML file, which needs no server.
+///
+/// Each signal takes at most 22 KiB for 1,000 columns and times as many runs as there are; at most
+/// 200 signals are inside.
+/// \throws std::runtime_error if a name is unknown, or there are too many signals
+std::string reportPage(ViewedRuns& runs, const ReportOptions& options);
+
+/// A file of the page; null if there is none of that name.
+const std::string_view* pageFile(std::string_view name);
+
+}  // namespace kyr::tool

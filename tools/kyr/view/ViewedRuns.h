@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+#include "kyr/recording/RecordingReader.h"
+
+namespace kyr::tool {
+
+/// A part of a signal of one of the recordings.
+struct ViewedSignal {
+  std::size_t run = 0;
+  int id = 0;
+  std::uint64_t element = 0;
+};
+
+/// [from, to] in so many columns.
+struct ViewedWindow {
+  double from = 0;
+  double to = 0;
+  std::size_t columns = 0;
+};
+
+/// The recordings that a page shows, in the form in which it gets them. Any number of threads may
+/// ask. What goes wrong with a recording is a standard exception.
+class ViewedRuns {
+ public:
+  explicit ViewedRuns(const std::vector<std::string>& folders);
+
+  /// Names of all recordings, and for each its signals, state and revision.
+  nlohmann::ordered_json runs();
+  /// State, revision and last time of each recording, after live ones were refreshed.
+  nlohmann::ordered_json states();
+
+  /// The number of rows in the window and 0, and then times and values of the points to draw, as
+  /// float64 of this machine.
+  std::string points(const ViewedSignal& signal, const ViewedWindow& window);
+  /// Spans of equal values.
+  nlohmann::ordered_json spans(const ViewedSignal& signal, const ViewedWindow& window);
+  /// Pairs of the values that two signals of one recording have at the same times, as float64. Of
+  /// too many rows, equally distant ones are taken.
+  /// \throws std::runtime_error if the signals have different times
+  std::string pairs(const ViewedSignal& x, const ViewedSignal& y, const ViewedWindow& window);
+
+ private:
+  struct Run {
+    Run(std::string folder, std::string shownName);
+
+    std::string folder;
+    std::string name;
+    std::mutex mutex;  // guards all below
+    recording::RecordingReader reader;
+    std::uint64_t revision = 0;
+  };
+
+  Run& run(std::size_t index);
+
+  std::deque<Run> runs_;
+};
+
+}  // namespace kyr::tool

@@ -1,0 +1,31 @@
+// Round numbers along an axis.
+
+// Returns {step, values}: about `count` multiples of 1, 2 or 5 times a power of ten in [from, to].
+export function ticks(from, to, count) {
+  const rough = (to / 2 - from / 2) / Math.max(1, count) * 2;
+  if (!(rough > 0) || !isFinite(rough)) return {step: 1, values: [from]};
+  const power = Math.pow(10, Math.floor(Math.log10(rough)));
+  const step = power * [1, 2, 5, 10].find((factor) => factor * power >= rough * 0.999);
+  const values = [];
+  const first = Math.ceil(from / step - 1e-9);
+  const last = Math.floor(to / step + 1e-9);
+  for (let i = first; i <= last && values.length < 100; ++i) values.push(i * step);
+  return {step, values};
+}
+
+export function tickText(value, step) {
+  const size = Math.abs(value);
+  if (size < step / 1e6) return "0";
+  if (size >= 1e7 || size < 1e-4) {
+    const digits = Math.floor(Math.log10(size)) - Math.floor(Math.log10(step) + 1e-9);
+    return value.toExponential(Math.min(Math.max(digits, 0), 12));
+  }
+  return value.toFixed(Math.min(Math.max(-Math.floor(Math.log10(step) + 1e-9), 0), 12));
+}
+
+// A value for people: as many digits as tell it apart.
+export function valueText(value) {
+  if (value === undefined) return "–";
+  if (!isFinite(value)) return isNaN(value) ? "NaN" : value > 0 ? "∞" : "−∞";
+  return String(Number(value.toPrecision(7)));
+}
