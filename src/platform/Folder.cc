@@ -113,7 +113,11 @@ void copyIfLinked(const Folder& folder, const std::string& name) {
   const std::string copy = name + ".copy";
   folder.remove(copy);
   try {
-    copyTo(*folder.open(copy, DiskFile::Mode::createNew), *from);
+    const auto to = folder.open(copy, DiskFile::Mode::createNew);
+    copyTo(*to, *from);
+    // After a power cut the name must not stand for a copy that is not whole.
+    to->syncData();
+    to->close();
     folder.rename(copy, folder, name);
   } catch (...) {
     folder.tryRemove(copy);
