@@ -59,6 +59,7 @@ void ContentFiles::describe(std::shared_ptr<const RecordingInfo> info, bool isLi
   }
   info_ = std::move(info);
   isLive_ = isLive;
+  replacement_.reset();
 }
 
 const FileInfo& ContentFiles::fileInfo(int storageId) const {
@@ -154,11 +155,12 @@ void ContentFiles::failToFind(const std::string& name, const std::system_error& 
 
 std::shared_ptr<const DiskFile> ContentFiles::openDisk(const std::string& name) {
   for (;;) {
+    if (replacement_) requireKept(name);
     try {
       return folder_->openStored(name);
     } catch (const std::system_error& error) {
       const bool isMissing = error.code() == std::errc::no_such_file_or_directory;
-      if (isMissing && followReplaced(name)) continue;
+      if (isMissing && followReplaced()) continue;
       // The rest of the process may use more descriptors than are left for it here.
       if (error.code() != std::errc::too_many_files_open || open_.empty()) failToFind(name, error);
     }
@@ -166,18 +168,21 @@ std::shared_ptr<const DiskFile> ContentFiles::openDisk(const std::string& name) 
   }
 }
 
-bool ContentFiles::followReplaced(const std::string& name) {
+bool ContentFiles::followReplaced() {
   if (isLive_ || !folder_->isReplaced()) return false;
-  const auto now = std::make_shared<const OpenFolder>(folder_->path(), folder_->links());
-  const std::string checksum = checksumOf(*info_, name);
-  if (checksum.empty() || checksumOf(describeRecording(*now), name) != checksum) {
-    throw std::system_error(
-        ESTALE, std::generic_category(),
-        fmt::format("{}: was replaced by another recording while it was read, open it again",
-                    folder_->path().string()));
-  }
-  folder_ = now;
+  auto now = std::make_shared<const OpenFolder>(folder_->path(), folder_->links());
+  replacement_ = std::make_unique<const RecordingInfo>(describeRecording(*now));
+  folder_ = std::move(now);
   return true;
+}
+
+void ContentFiles::requireKept(const std::string& name) const {
+  const std::string checksum = checksumOf(*info_, name);
+  if (!checksum.empty() && checksumOf(*replacement_, name) == checksum) return;
+  throw std::system_error(
+      ESTALE, std::generic_category(),
+      fmt::format("{}: was replaced by another recording while it was read, open it again",
+                  folder_->path().string()));
 }
 
 template <typename Info>

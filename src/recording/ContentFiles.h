@@ -69,8 +69,10 @@ class ContentFiles {
   OpenFile& keep(std::int64_t key);
   void closeLeastRecentlyUsed();
   std::shared_ptr<const DiskFile> openDisk(const std::string& name);
-  // Looks for a file in the recording that has taken the place of this one.
-  bool followReplaced(const std::string& name);
+  // Opens the recording that has taken the place of this one, if one has.
+  bool followReplaced();
+  // Throws if the recording that has taken the place of this one does not have the same file.
+  void requireKept(const std::string& name) const;
   [[noreturn]] void failToFind(const std::string& name, const std::system_error& error) const;
   // Opens a file of the size that recording.json says.
   template <typename Info>
@@ -89,6 +91,7 @@ class ContentFiles {
   parquet::OpenFiles limits_;  // of the process
   bool isLive_ = false;
   std::shared_ptr<const RecordingInfo> info_;
+  std::unique_ptr<const RecordingInfo> replacement_;  // once another recording took the place
   std::shared_ptr<parquet::RowGroupCache> cache_;
   std::list<OpenFile> open_;  // the last used first
   std::map<std::int64_t, std::list<OpenFile>::iterator> byKey_;
