@@ -195,7 +195,9 @@ const std::vector<Door>& doors() {
       {"resample", resample},
       {"open", open},
       {"verify", [](const Path& folder) { verifyRecording(folder); }},
+      {"verify behind links", [](const Path& folder) { verifyRecording(folder, Links::followed); }},
       {"leftovers", [](const Path& folder) { findLeftovers(folder); }},
+      {"collect", [](const Path& folder) { collectUnusedFiles(folder, /*isDry=*/false); }},
       {"recover", [](const Path& folder) { recoverRecording(folder); }},
       {"read what was recovered", [](const Path& folder) { readInPlace(folder, true); }},
   };

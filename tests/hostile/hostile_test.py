@@ -215,20 +215,25 @@ class Commands:
     """The commands of the tool."""
 
     def __init__(self, kyr, temp):
-        self.kyr = kyr
-        self.out = temp / "out.csv"
+        csv = temp / "in.csv"
+        csv.write_text("time,a\n0,1\n0.5,2\n")
+        reading = [["info", "FOLDER"], ["cat", "FOLDER"], ["verify", "FOLDER"],
+                   ["export", "FOLDER", temp / "out.csv", "--force"]]
+        changing = [["verify", "--follow-links", "FOLDER"], ["gc", "FOLDER"], ["gc", "FOLDER", "--stale"], ["recover", "FOLDER"]]
+        writing = [["import", csv, "FOLDER", "--force"], ["record", csv, "FOLDER", "--force"], ["verify", "FOLDER"]]
+        self.commands = [[kyr, *command] for command in reading + changing + reading + writing]
 
     def enter(self, folder):
         """What went wrong, if anything did."""
-        reading = [["info"], ["cat"], ["verify"], ["export", self.out, "--force"]]
-        for command, *rest in [*reading, ["verify", "--follow-links"], ["gc"], ["gc", "--stale"], ["recover"], *reading]:
+        for command in self.commands:
+            command = [folder if part == "FOLDER" else part for part in command]
             try:
-                result = subprocess.run([self.kyr, command, folder, *rest], capture_output=True, timeout=20,
-                                        stdin=subprocess.DEVNULL, env=environment())
+                result = subprocess.run(command, capture_output=True, timeout=20, stdin=subprocess.DEVNULL,
+                                        env=environment())
             except subprocess.TimeoutExpired:
-                return f"{command} does not end"
+                return f"{command[1]} does not end"
             if result.returncode not in (0, 1, 3) or (result.returncode != 0 and not result.stderr + result.stdout):
-                return f"{command} ended with {result.returncode}: {result.stderr.decode(errors='replace')[:2000]}"
+                return f"{command[1]} ended with {result.returncode}: {result.stderr.decode(errors='replace')[:2000]}"
         return None
 
 
