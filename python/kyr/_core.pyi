@@ -5,7 +5,7 @@ Private. Programs use the package, whose classes stand on these.
 """
 
 from collections.abc import Sequence
-from typing import Annotated
+from typing import Annotated, overload
 
 import numpy
 from numpy.typing import NDArray
@@ -208,7 +208,12 @@ class GroupWriter:
 class Recorder:
     """Writes a recording while it grows."""
 
+    @overload
     def __init__(self, folder: bytes, flush_seconds: float, sync: str, sync_seconds: float) -> None: ...
+
+    @overload
+    def __init__(self, folder: bytes, hold_below: int) -> None:
+        """For save_to() alone: nothing survives a crash."""
 
     def add(self, id: int, name: str, unit: str, description: str, dimensions: Sequence[int], data_type: int, category: int) -> SignalWriter: ...
 

@@ -13,6 +13,9 @@ if TYPE_CHECKING:
     from typing import Any, Mapping
 
 
+_PACK_BELOW = 1 << 20  # bytes of a signal
+
+
 def save(
     path: str | os.PathLike[str],
     signals: Mapping[str, tuple[Any, Any]],
@@ -36,7 +39,8 @@ def save(
             raise ValueError(f"{what} of unknown signals: {', '.join(map(repr, unknown))}")
     folder = _core.WorkingFolder(os.fsencode(path))
     try:
-        recorder = Recorder(os.path.join(os.fsdecode(folder.path), "recording"), flush=None)
+        pack_below = _PACK_BELOW if pack else 0
+        recorder = Recorder._temporary(folder.path, pack_below)
         try:
             for name, pair in signals.items():
                 t, y, dtype, shape = _described(name, pair)
@@ -47,7 +51,7 @@ def save(
                     dtype=dtype,
                     shape=shape,
                 ).append(t, y)
-            recorder._core.save_to(os.fsencode(path), 1 << 20 if pack else 0, replace)
+            recorder._core.save_to(os.fsencode(path), pack_below, replace)
         finally:
             recorder.abandon()
     finally:

@@ -49,7 +49,18 @@ class Recorder:
             raise ValueError(f'sync = {sync!r}: expected is "never", "flush", or seconds')
         mode, interval = (sync, 1.0) if isinstance(sync, str) else ("seconds", float(sync))
         self._path = os.path.abspath(os.fspath(path))
-        self._core = _core.Recorder(os.fsencode(path), seconds, mode, interval)
+        self._start(_core.Recorder(os.fsencode(path), seconds, mode, interval))
+
+    @classmethod
+    def _temporary(cls, folder: bytes, hold_below: int):
+        """A recorder to save from. Signals of fewer bytes stay in memory until then."""
+        made = cls.__new__(cls)
+        made._path = os.fsdecode(folder)
+        made._start(_core.Recorder(folder, hold_below))
+        return made
+
+    def _start(self, core):
+        self._core = core
         self._next_id = 1
         self._names: set[str] = set()
         _open_recorders.add(self)

@@ -9,9 +9,13 @@
 
 namespace kyr::python {
 
-Recorder::Recorder(std::string folder, const Options& options)
-    : folder_(std::move(folder)),
-      live_(std::make_unique<recording::LiveRecording>(Path::fromNarrow(folder_), options.live)) {
+Recorder::Recorder(std::string folder, const Options& options) : folder_(std::move(folder)) {
+  const Path path = Path::fromNarrow(folder_);
+  if (options.isTemporary) {
+    pool_ = std::make_unique<parquet::SignalPool>(path, options.live.storage);
+    return;
+  }
+  live_ = std::make_unique<recording::LiveRecording>(path, options.live);
   if (options.flushSeconds > 0) {
     thread_ = std::make_unique<std::thread>(
         [this, seconds = options.flushSeconds] { flushNowAndThen(seconds); });
@@ -22,6 +26,7 @@ Recorder::~Recorder() {
   if (lock_.isOfParent()) {
     // The files are the parent's, and so is the thread, which does not run here.
     static_cast<void>(live_.release());
+    static_cast<void>(pool_.release());
     static_cast<void>(thread_.release());
     static_cast<void>(wakes_.release());  // its end would wait for the thread
     return;
@@ -38,7 +43,7 @@ void Recorder::requireUsable() {
     throw std::runtime_error(folder_ +
                              ": another process records it, from which this one was forked");
   }
-  if (!live_) throw ClosedError(folder_ + ": the recording is finished or closed");
+  if (!live_ && !pool_) throw ClosedError(folder_ + ": the recording is finished or closed");
   if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
 }
 
@@ -46,7 +51,14 @@ std::shared_ptr<SampleStage> Recorder::add(const recording::SignalDescription& d
                                            KYRSignalDataType type, KYRSignalCategory category) {
   const std::lock_guard guard(lock_.mutex());
   requireUsable();
-  auto signal = live_->addSignal(description, type, category);
+  std::shared_ptr<parquet::StreamableSignal> signal;
+  if (pool_) {
+    signal = pool_->getStreamableSignal(description.signalId);
+    signal->setDataType(type);
+    signal->setCategory(category);
+  } else {
+    signal = live_->addSignal(description, type, category);
+  }
   stages_.push_back(std::make_shared<SampleStage>(std::move(signal), description, type, category));
   return stages_.back();
 }
@@ -59,7 +71,7 @@ void Recorder::flush() {
   const std::lock_guard guard(lock_.mutex());
   requireUsable();
   writeAll();
-  live_->flush();
+  if (live_) live_->flush();
 }
 
 void Recorder::finish() {
@@ -71,27 +83,32 @@ void Recorder::finish() {
   const std::lock_guard guard(lock_.mutex());
   requireUsable();
   writeAll();
-  live_->finish();
+  if (live_) live_->finish();
   live_.reset();
+  pool_.reset();
 }
 
 void Recorder::saveTo(const std::string& folder, const recording::SaveOptions& options) {
   const std::lock_guard guard(lock_.mutex());
   requireUsable();
+  if (!pool_) throw std::invalid_argument(folder_ + ": it becomes a recording where it is");
   writeAll();
   std::vector<recording::SignalDescription> descriptions;
   for (const auto& stage : stages_) {
     stage->finish();
     descriptions.push_back(stage->description());
   }
-  recording::saveRecording(live_->pool(), descriptions, Path::fromNarrow(folder), options);
-  live_.reset();
+  recording::saveRecording(*pool_, descriptions, Path::fromNarrow(folder), options);
+  stages_.clear();
+  pool_.reset();
 }
 
 void Recorder::abandon() {
   stopThread();
   const std::lock_guard guard(lock_.mutex());
-  if (lock_.isOfParent() || !live_) return;
+  if (lock_.isOfParent()) return;
+  pool_.reset();
+  if (!live_) return;
   const auto live = std::move(live_);
   writeAll();
   live->flush();
@@ -99,7 +116,7 @@ void Recorder::abandon() {
 
 bool Recorder::isOpen() {
   const std::lock_guard guard(lock_.mutex());
-  return live_ != nullptr;
+  return live_ != nullptr || pool_ != nullptr;
 }
 
 void Recorder::stopThread() {

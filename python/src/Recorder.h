@@ -11,6 +11,7 @@
 
 #include "ForkLock.h"
 #include "SampleStage.h"
+#include "kyr/parquet/SignalPool.h"
 #include "kyr/recording/LiveRecording.h"
 #include "kyr/recording/Recording.h"
 
@@ -24,6 +25,8 @@ class Recorder {
   struct Options {
     double flushSeconds = 0;  // 0: only when asked
     recording::LiveOptions live;
+    /// Whether it is there for saveTo() alone. Nothing of it survives a crash.
+    bool isTemporary = false;
   };
 
   Recorder(std::string folder, const Options& options);
@@ -36,7 +39,7 @@ class Recorder {
                                    KYRSignalDataType type, KYRSignalCategory category);
   void flush();
   void finish();
-  /// \brief Saves what was appended as the recording \p folder, and closes this one.
+  /// \brief Saves what was appended to a temporary one as the recording \p folder, and closes it.
   void saveTo(const std::string& folder, const recording::SaveOptions& options);
   /// Flushes, and leaves the recording unfinished.
   void abandon();
@@ -76,6 +79,7 @@ class Recorder {
   std::string folder_;
   ForkLock lock_;
   std::unique_ptr<recording::LiveRecording> live_;
+  std::unique_ptr<parquet::SignalPool> pool_;  // of a temporary one, instead
   std::vector<std::shared_ptr<SampleStage>> stages_;
   std::exception_ptr failure_;  // of the thread, for the next call
   std::unique_ptr<std::condition_variable> wakes_ = std::make_unique<std::condition_variable>();

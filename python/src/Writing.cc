@@ -27,9 +27,14 @@ class RecorderHandle {
                                 : sync == "seconds" ? Sync::seconds
                                                     : Sync::never;
     options.live.storage.syncSeconds = syncSeconds;
-    const std::string path(folder.c_str(), folder.size());
-    const nb::gil_scoped_release release;
-    recorder_ = std::make_shared<Recorder>(path, options);
+    start(folder, options);
+  }
+  // A temporary one. Signals of fewer bytes stay in memory until they are saved.
+  RecorderHandle(const nb::bytes& folder, std::size_t holdBelow) {
+    Recorder::Options options;
+    options.isTemporary = true;
+    options.live.storage.holdBelow = holdBelow;
+    start(folder, options);
   }
   ~RecorderHandle() {
     const nb::gil_scoped_release release;
@@ -46,6 +51,12 @@ class RecorderHandle {
   const std::shared_ptr<Recorder>& get() const { return recorder_; }
 
  private:
+  void start(const nb::bytes& folder, const Recorder::Options& options) {
+    const std::string path(folder.c_str(), folder.size());
+    const nb::gil_scoped_release release;
+    recorder_ = std::make_shared<Recorder>(path, options);
+  }
+
   std::shared_ptr<Recorder> recorder_;
 };
 
@@ -105,6 +116,8 @@ void defineWriting(nb::module_& module) {
   nb::class_<RecorderHandle>(module, "Recorder", "Writes a recording while it grows.")
       .def(nb::init<nb::bytes, double, std::string, double>(), "folder"_a, "flush_seconds"_a,
            "sync"_a, "sync_seconds"_a)
+      .def(nb::init<nb::bytes, std::size_t>(), "folder"_a, "hold_below"_a,
+           "For save_to() alone: nothing survives a crash.")
       .def("add", add, "id"_a, "name"_a, "unit"_a, "description"_a, "dimensions"_a, "data_type"_a,
            "category"_a)
       .def("group", group, "signals"_a)

@@ -1,4 +1,4 @@
-"""What goes wrong is an exception that says what and where, and never the end of the interpreter."""
+"""What goes wrong is an exception that says what and where; the interpreter goes on."""
 
 import gc
 import os
