@@ -3,7 +3,6 @@
 #include <arrow/type.h>
 #include <fmt/format.h>
 
-#include <limits>
 #include <optional>
 
 #include "kyr/parquet/ColumnNames.h"
@@ -42,18 +41,6 @@ std::string textOf(const ::arrow::Schema& schema) {
   return text;
 }
 
-template <typename Extent>
-std::uint64_t productOf(const Extent* extents, std::uint64_t count) {
-  std::uint64_t product = 1;
-  bool isTooLarge = false;
-  for (std::uint64_t i = 0; i < count; ++i) {
-    const std::uint64_t extent = extents[i];
-    if (extent == 0) return 0;
-    isTooLarge |= __builtin_mul_overflow(product, extent, &product);
-  }
-  return isTooLarge ? std::numeric_limits<std::uint64_t>::max() : product;
-}
-
 }  // namespace
 
 std::string columnFault(const ::arrow::Schema& columns, KYRSignalCategory category,
@@ -70,14 +57,14 @@ std::string sampleFault(const SignalInfo& signal, const parquet::SampleSchema& s
                         const parquet::RowSlice& rows, std::uint64_t first) {
   if (schema.kind != parquet::ColumnKind::list) return "";
   if (rows.extentEnds == nullptr && signal.dimensions.empty()) return "";
-  std::uint64_t expected = productOf(signal.dimensions.data(), signal.dimensions.size());
+  std::uint64_t expected = parquet::shapeElements(signal.dimensions.data(), signal.dimensions.size());
   std::uint64_t begin = rows.begin;
   const std::uint64_t* extents = rows.extents;
   std::uint64_t extentBegin = rows.extentBegin;
   for (std::size_t row = 0; row < rows.rows; ++row) {
     if (rows.extentEnds != nullptr) {
       const std::uint64_t count = rows.extentEnds[row] - extentBegin;
-      expected = productOf(extents, count);
+      expected = parquet::shapeElements(extents, count);
       extents += count;
       extentBegin = rows.extentEnds[row];
     }

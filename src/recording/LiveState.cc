@@ -40,14 +40,6 @@ Flush readFlush(const OpenFolder& folder) {
   throw std::runtime_error(source + ": is older than the journal beside it");
 }
 
-std::uint64_t sizeOf(const OpenFolder& folder, int storageId) {
-  try {
-    return folder.openStored(std::to_string(storageId))->size();
-  } catch (const std::system_error&) {
-    return 0;
-  }
-}
-
 }  // namespace
 
 LiveRecordingInfo readLiveState(const OpenFolder& folder) {
@@ -76,6 +68,14 @@ LiveRecordingInfo readLiveState(const OpenFolder& folder) {
   return info;
 }
 
+std::uint64_t sizeOfLiveFile(const OpenFolder& folder, int storageId) {
+  try {
+    return folder.sizeOfStored(std::to_string(storageId));
+  } catch (const std::system_error&) {
+    return 0;
+  }
+}
+
 bool isLiveRecording(const Path& folder) {
   const fs::path path = folder.toFilesystem();
   return !fs::exists(descriptionPath(path)) &&
@@ -85,7 +85,7 @@ bool isLiveRecording(const Path& folder) {
 LiveRecordingInfo describeLiveRecording(const Path& folder, Links links) {
   const OpenFolder opened(folder.toFilesystem(), links);
   LiveRecordingInfo info = readLiveState(opened);
-  for (FileInfo& file : info.files) file.size = sizeOf(opened, file.storageId);
+  for (FileInfo& file : info.files) file.size = sizeOfLiveFile(opened, file.storageId);
   return info;
 }
 

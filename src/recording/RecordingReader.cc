@@ -120,7 +120,20 @@ class RecordingReader::Impl {
     return true;
   }
 
+  RecordingInfo info() {
+    RecordingInfo info = *snapshot_.info;
+    if (!snapshot_.isLive()) return info;
+    for (FileInfo& file : info.files) file.size = sizeOfLiveFile(*folder_, file.storageId);
+    for (SignalInfo& signal : info.signals) {
+      signal.timeSpan = timeSpan(signal.signalId);
+      // Parquet tells a smallest number of 0 as -0.
+      if (signal.timeSpan) signal.timeSpan->from += 0.0;
+    }
+    return info;
+  }
+
   const Attributes& attributes() const { return snapshot_.info->attributes; }
+
   const std::vector<SignalInfo>& signals() const { return snapshot_.info->signals; }
   const SignalInfo& signal(int id) const { return signals()[placeOf(id)]; }
 
@@ -408,6 +421,7 @@ RecordingReader& RecordingReader::operator=(RecordingReader&&) noexcept = defaul
 
 RecordingState RecordingReader::state() const { return impl_->state(); }
 bool RecordingReader::refresh() { return impl_->refresh(); }
+RecordingInfo RecordingReader::info() const { return impl_->info(); }
 
 const Attributes& RecordingReader::attributes() const { return impl_->attributes(); }
 

@@ -145,6 +145,10 @@ class KYR_PARQUET_EXPORT RecordingReader {
   /// \throws std::runtime_error as the constructor; the reader is as it was then
   bool refresh();
 
+  /// \brief What describeRecording() says. Of a live recording: its signals with the spans of their
+  /// times, and its files with their sizes now.
+  RecordingInfo info() const;
+
   const Attributes& attributes() const;
 
   /// \brief The signals by ascending id. In a live recording they have no codec and no time span.

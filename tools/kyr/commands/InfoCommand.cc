@@ -108,30 +108,12 @@ struct InfoOptions {
   Links links = Links::refused;
 };
 
-// Describes a recording that is being written as if it were saved.
-RecordingInfo liveInfo(const RecordingReader& reader, recording::LiveRecordingInfo live) {
-  RecordingInfo info;
-  info.formatVersion = live.formatVersion;
-  info.files = std::move(live.files);
-  info.signals = reader.signals();
-  for (SignalInfo& signal : info.signals) {
-    signal.timeSpan = reader.timeSpan(signal.signalId);
-    // Parquet tells a smallest number of 0 as -0.
-    if (signal.timeSpan) signal.timeSpan->from += 0.0;
-  }
-  return info;
-}
-
 int runInfo(const InfoOptions& options) {
-  const Path path = Path::fromNarrow(options.folder);
-  RecordingInfo info;
+  const RecordingReader reader(Path::fromNarrow(options.folder), {true, 0, options.links});
+  const RecordingInfo info = reader.info();
   std::optional<std::string> state;
-  if (recording::isLiveRecording(path)) {
-    const RecordingReader reader(path, {true, 0, options.links});
-    info = liveInfo(reader, recording::describeLiveRecording(path, options.links));
+  if (reader.state() != recording::RecordingState::finished) {
     state = stateOf(reader.state(), options.folder);
-  } else {
-    info = recording::describeRecording(path, options.links);
   }
   Output out;
   if (options.asJson) {
