@@ -7,53 +7,20 @@ namespace kyr::parquet {
 
 namespace {
 
-constexpr unsigned kTypeBits = 4;
-constexpr unsigned kTypeMask = 0xf;
-constexpr unsigned kVarintBits = 7;
-constexpr unsigned kVarintMask = 0x7f;
 constexpr std::size_t kShortList = 15;  // lists from this size on have it behind the header
 constexpr int kMaxDepth = 64;
 constexpr std::uint64_t kRealBytes = 8;
 
-[[noreturn]] void refuse(const char* what, std::size_t position) {
-  throw ::parquet::ParquetException(
-      fmt::format("no Parquet metadata: {} at byte {}", what, position));
-}
-
 }  // namespace
 
-std::uint8_t CompactReader::octet() {
-  if (atEnd()) refuse("the end", position_);
-  return static_cast<std::uint8_t>(bytes_[position_++]);
-}
-
-std::uint64_t CompactReader::varint() {
-  std::uint64_t value = 0;
-  for (unsigned shift = 0; shift < 64; shift += kVarintBits) {
-    const std::uint8_t next = octet();
-    value |= static_cast<std::uint64_t>(next & kVarintMask) << shift;
-    if (next <= kVarintMask) return value;
-  }
-  refuse("a number of too many bytes", position_);
-}
-
-std::int64_t CompactReader::integer() {
-  const std::uint64_t zigzag = varint();
-  return static_cast<std::int64_t>((zigzag >> 1U) ^ (~(zigzag & 1U) + 1U));
+void CompactReader::refuse(const char* what) const {
+  throw ::parquet::ParquetException(
+      fmt::format("no Parquet metadata: {} at byte {}", what, position_));
 }
 
 void CompactReader::take(std::uint64_t count) {
-  if (count > bytes_.size() - position_) refuse("a length beyond the end", position_);
+  if (count > bytes_.size() - position_) refuse("a length beyond the end");
   position_ += static_cast<std::size_t>(count);
-}
-
-CompactReader::Field CompactReader::field(int lastId) {
-  const unsigned header = octet();
-  const int type = static_cast<int>(header & kTypeMask);
-  if (type == stop) return {};
-  const unsigned step = header >> kTypeBits;
-  if (step > 0) return {lastId + static_cast<int>(step), type};
-  return {static_cast<int>(static_cast<std::int16_t>(integer())), type};
 }
 
 CompactReader::List CompactReader::listHeader() {
@@ -61,23 +28,18 @@ CompactReader::List CompactReader::listHeader() {
   std::uint64_t size = header >> kTypeBits;
   if (size == kShortList) size = varint();
   // Every element takes a byte or more.
-  if (size > bytes_.size() - position_) refuse("a list beyond the end", position_);
+  if (size > bytes_.size() - position_) refuse("a list beyond the end");
   return {static_cast<int>(header & kTypeMask), static_cast<std::size_t>(size)};
 }
 
-void CompactReader::skip(int type, int depth) {
-  if (depth > kMaxDepth) refuse("too deep a nesting", position_);
+void CompactReader::skipOther(int type, int depth) {
+  if (depth > kMaxDepth) refuse("too deep a nesting");
   switch (type) {
     case yes:
     case no:
       return;
     case byte:
       return take(1);
-    case i16:
-    case i32:
-    case i64:
-      varint();
-      return;
     case real:
       return take(kRealBytes);
     case binary:
@@ -95,7 +57,7 @@ void CompactReader::skip(int type, int depth) {
       }
       return;
     default:
-      refuse("an unknown type", position_);
+      refuse("an unknown type");
   }
 }
 

@@ -191,8 +191,19 @@ InputFile::Window& InputFile::openAny() const {
 }
 
 const std::shared_ptr<::arrow::Schema>& InputFile::schema() const {
-  if (!schema_) readSchema();
+  if (!schema_) {
+    ::arrow::FieldVector fields;
+    for (const auto& field : storedSchema().fields()) {
+      fields.push_back(::arrow::field(field->name(), field->type()));
+    }
+    schema_ = ::arrow::schema(std::move(fields));
+  }
   return schema_;
+}
+
+const ::arrow::Schema& InputFile::storedSchema() const {
+  if (!stored_) readSchema();
+  return *stored_;
 }
 
 void InputFile::readSchema() const {
@@ -210,34 +221,31 @@ void InputFile::readSchema() const {
       ++leaves[static_cast<std::size_t>(field)].count;
     }
   });
-  ::arrow::FieldVector fields;
-  for (const auto& field : found->fields()) {
-    const ::arrow::DataType& type = *field->type();
-    Leaves& of = leaves[fields.size()];
+  for (int i = 0; i < found->num_fields(); ++i) {
+    const ::arrow::DataType& type = *found->field(i)->type();
+    Leaves& of = leaves[static_cast<std::size_t>(i)];
     if (isNumber(type)) of.width = valueWidth(type);
     if (type.id() == ::arrow::Type::BINARY) of.itemWidth = 1;
     if (type.id() == ::arrow::Type::LIST && isNumber(*type.field(0)->type())) {
       of.itemWidth = valueWidth(*type.field(0)->type());
     }
-    fields.push_back(::arrow::field(field->name(), field->type()));
   }
   leaves_ = std::move(leaves);
   stored_ = std::move(found);
-  schema_ = ::arrow::schema(std::move(fields));
 }
 
 bool InputFile::hasColumn(const std::string& name) const {
-  return schema()->GetFieldIndex(name) >= 0;
+  return storedSchema().GetFieldIndex(name) >= 0;
 }
 
 bool InputFile::holdsOnlyNumbers(const ::arrow::DataType* type) const {
-  if (schema()->num_fields() != 1 || leaves_[0].width == 0) return false;
-  const ::arrow::Field& field = *schema()->field(0);
+  if (storedSchema().num_fields() != 1 || leaves_[0].width == 0) return false;
+  const ::arrow::Field& field = *stored_->field(0);
   return field.name() == columnNames::data && (!type || field.type()->Equals(*type));
 }
 
 const InputFile::Leaves& InputFile::leavesOf(const std::string& column) const {
-  const int field = schema()->GetFieldIndex(column);
+  const int field = storedSchema().GetFieldIndex(column);
   if (field < 0) fail(fmt::format("has no column \"{}\"", column));
   return leaves_[static_cast<std::size_t>(field)];
 }

@@ -18,7 +18,6 @@
 #include "files/growing/GrowingRecords.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "platform/ByteSource.h"
-#include "schema/ArrayMemory.h"
 #include "schema/ByteBuffer.h"
 
 namespace kyr::parquet {
@@ -71,6 +70,8 @@ class InputFile {
   /// Whether a column "data" of numbers is the only one.
   /// \param type  of the numbers; any if null
   bool holdsOnlyNumbers(const ::arrow::DataType* type) const;
+  /// Bytes of a number of the column in memory; 0 if it holds something else.
+  std::size_t numberWidth(const std::string& column) const { return leavesOf(column).width; }
   /// The codec of the column's first chunk; uncompressed if there is none.
   ::arrow::Compression::type codec(const std::string& column) const;
   /// The metadata of all row groups. They stay parsed, for whoever reads the whole file or jumps
@@ -130,6 +131,8 @@ class InputFile {
   template <typename Work>
   auto naming(Work&& work) const;
   const Leaves& leavesOf(const std::string& column) const;
+  // The columns as the file has them.
+  const ::arrow::Schema& storedSchema() const;
   void readSchema() const;
   void requireRows(std::uint64_t first, std::uint64_t count) const;
   Window& openGroups(std::size_t first, std::size_t count) const;
@@ -145,9 +148,9 @@ class InputFile {
   std::shared_ptr<GrowingRecords> records_;
   std::optional<std::vector<bool>> checked_;  // batches of a growing file whose checksum fitted
   mutable std::unique_ptr<Window> window_;
-  mutable std::shared_ptr<::arrow::Schema> stored_;  // the columns as the file has them
+  mutable std::shared_ptr<::arrow::Schema> stored_;
+  mutable std::vector<Leaves> leaves_;  // of its columns
   mutable std::shared_ptr<::arrow::Schema> schema_;
-  mutable std::vector<Leaves> leaves_;  // of the schema's columns
 };
 
 /// Whether a file begins like a growing file, whose batches have checksums of their own.
@@ -201,9 +204,9 @@ bool readOnlyColumn(std::shared_ptr<const ByteSource> file, const ::arrow::DataT
   try {
     InputFile input(std::move(file));
     if (!input.holdsOnlyNumbers(type)) return false;
-    const auto& numbers = *input.schema()->field(0)->type();
     input.metadata();
-    readColumn(input, columnNames::data, valueWidth(numbers), 0, input.rows(), out);
+    const std::size_t width = input.numberWidth(columnNames::data);
+    readColumn(input, columnNames::data, width, 0, input.rows(), out);
     return true;
   } catch (const std::system_error&) {
     throw;

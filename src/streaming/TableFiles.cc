@@ -78,7 +78,7 @@ bool TableReader::readElements(const RowIndex& index, std::uint64_t from, std::u
   const auto rows = locateRows(index, *numbers_, from, to);
   if (!rows) return false;
   try {
-    const std::size_t width = valueWidth(*numbers_->schema()->field(0)->type());
+    const std::size_t width = numbers_->numberWidth(columnNames::data);
     readColumn(*numbers_, columnNames::data, width, rows->first, rows->second, out);
     return true;
   } catch (const std::exception&) {

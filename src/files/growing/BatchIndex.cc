@@ -9,9 +9,15 @@
 
 namespace kyr::parquet {
 
+struct BatchIndex::Group {
+  std::string_view bytes;
+  std::uint64_t rows = 0;
+};
+
 namespace {
 
 using Reader = CompactReader;
+using Group = BatchIndex::Group;
 
 // Fields of FileMetaData and of RowGroup.
 constexpr int kSchema = 2;
@@ -28,11 +34,6 @@ constexpr std::uint64_t kMaxRows = std::numeric_limits<std::int64_t>::max();
 [[noreturn]] void refuse(const char* what) {
   throw ::parquet::ParquetException("Parquet metadata ", what);
 }
-
-struct Group {
-  std::string_view bytes;
-  std::uint64_t rows = 0;
-};
 
 // Where the parts of serialized metadata are.
 struct Parts {
@@ -91,15 +92,16 @@ BatchIndex::BatchIndex(std::string_view metadata) {
   const Parts parts = partsOf(metadata);
   before_ = parts.before;
   behind_ = parts.behind;
-  append(metadata);
+  append(parts.groups);
 }
 
-void BatchIndex::append(std::string_view metadata) {
-  const Parts parts = partsOf(metadata);
+void BatchIndex::append(std::string_view metadata) { append(partsOf(metadata).groups); }
+
+void BatchIndex::append(const std::vector<Group>& groups) {
   const std::size_t bytesBefore = bytes_.size();
   const std::size_t batchesBefore = batches();
   try {
-    for (const auto& [bytes, groupRows] : parts.groups) {
+    for (const auto& [bytes, groupRows] : groups) {
       if (groupRows > kMaxRows - rows()) refuse("has more rows than can be counted");
       bytes_.append(bytes);
       ends_.push_back({rows() + groupRows, bytes_.size()});

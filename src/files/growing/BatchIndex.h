@@ -19,6 +19,8 @@ namespace kyr::parquet {
 /// changed then.
 class BatchIndex {
  public:
+  struct Group;
+
   /// \param metadata  serialized FileMetaData, whose row groups are the first ones
   explicit BatchIndex(std::string_view metadata);
 
@@ -48,6 +50,7 @@ class BatchIndex {
     std::size_t bytes = 0;  // in bytes_
   };
 
+  void append(const std::vector<Group>& groups);
   std::uint64_t rowEnd(std::size_t batches) const {
     return batches == 0 ? 0 : ends_[batches - 1].rows;
   }
