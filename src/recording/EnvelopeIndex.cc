@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -19,10 +20,24 @@ constexpr std::size_t kMostColumns = 65'536;
 constexpr std::uint64_t kRowsPerThread = 2'097'152;
 constexpr std::uint64_t kMostThreads = 8;
 
+// Two numbers that the processor handles at once.
+using Pair = double __attribute__((vector_size(16)));
+using PairMask = std::int64_t __attribute__((vector_size(16)));
+constexpr std::size_t kPair = 2;
+
+Pair pairAt(const double* numbers) {
+  Pair pair;
+  std::memcpy(&pair, numbers, sizeof(pair));
+  return pair;
+}
+
 bool ascend(const double* times, std::size_t count) {
   bool ascends = count == 0 || times[0] == times[0];
-  for (std::size_t i = 1; i < count; ++i) ascends &= times[i - 1] <= times[i];
-  return ascends;
+  PairMask pairs{-1, -1};
+  std::size_t i = 1;
+  for (; i + kPair <= count; i += kPair) pairs &= pairAt(times + i - 1) <= pairAt(times + i);
+  for (; i < count; ++i) ascends = ascends && times[i - 1] <= times[i];
+  return ascends && pairs[0] != 0 && pairs[1] != 0;
 }
 
 struct Extremes {
@@ -31,26 +46,38 @@ struct Extremes {
   std::uint64_t nans = 0;
 };
 
-// Four lanes, because each comparison waits for the one before it in its lane.
+void note(Extremes& extremes, double value) {
+  if (value < extremes.min) extremes.min = value;
+  if (value > extremes.max) extremes.max = value;
+  if (value != value) ++extremes.nans;
+}
+
+// Several lanes, because each comparison waits for the one before it in its lane.
 Extremes extremesOf(const double* values, std::size_t count) {
   constexpr std::size_t kLanes = 4;
-  Extremes lanes[kLanes];
-  const auto note = [](Extremes& lane, double value) {
-    lane.min = value < lane.min ? value : lane.min;
-    lane.max = value > lane.max ? value : lane.max;
-    lane.nans += value != value ? 1 : 0;
-  };
+  constexpr Pair kEmpty{kInfinity, kInfinity};
+  Pair min[kLanes] = {kEmpty, kEmpty, kEmpty, kEmpty};
+  Pair max[kLanes] = {-kEmpty, -kEmpty, -kEmpty, -kEmpty};
+  PairMask nans{0, 0};
   std::size_t i = 0;
-  for (; i + kLanes <= count; i += kLanes) {
-    for (std::size_t lane = 0; lane < kLanes; ++lane) note(lanes[lane], values[i + lane]);
+  for (; i + kLanes * kPair <= count; i += kLanes * kPair) {
+    for (std::size_t lane = 0; lane < kLanes; ++lane) {
+      const Pair value = pairAt(values + i + lane * kPair);
+      min[lane] = value < min[lane] ? value : min[lane];
+      max[lane] = value > max[lane] ? value : max[lane];
+      nans -= value != value;  // a true comparison is -1
+    }
   }
-  for (; i < count; ++i) note(lanes[0], values[i]);
-  for (std::size_t lane = 1; lane < kLanes; ++lane) {
-    lanes[0].min = std::min(lanes[0].min, lanes[lane].min);
-    lanes[0].max = std::max(lanes[0].max, lanes[lane].max);
-    lanes[0].nans += lanes[lane].nans;
+  Extremes extremes;
+  extremes.nans = static_cast<std::uint64_t>(nans[0] + nans[1]);
+  for (; i < count; ++i) note(extremes, values[i]);
+  for (std::size_t lane = 0; lane < kLanes; ++lane) {
+    for (std::size_t k = 0; k < kPair; ++k) {
+      extremes.min = std::min(extremes.min, min[lane][k]);
+      extremes.max = std::max(extremes.max, max[lane][k]);
+    }
   }
-  return lanes[0];
+  return extremes;
 }
 
 // Rows [from, to) of a block, of which there is at least one.

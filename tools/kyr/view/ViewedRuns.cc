@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "cli/Text.h"
@@ -115,10 +116,31 @@ void put(std::string& bytes, Number number) {
 std::vector<double> valuesOf(const RecordingReader& reader, const ViewedSignal& signal,
                              const RowRange& rows, std::uint64_t stride);
 
+std::size_t readersOfRun() {
+  constexpr unsigned kMost = 4;
+  return std::clamp(std::thread::hardware_concurrency(), 1U, kMost);
+}
+
+// The readers of a recording share the memory that envelopes may have.
+recording::ReaderOptions optionsOfOne() {
+  recording::ReaderOptions options;
+  options.maxEnvelopeBytes /= readersOfRun();
+  return options;
+}
+
 }  // namespace
 
+ViewedRuns::LockedReader::LockedReader(const std::string& folder)
+    : reader(Path::fromNarrow(folder), optionsOfOne()) {}
+
 ViewedRuns::Run::Run(std::string folderName, std::string shownName)
-    : folder(std::move(folderName)), name(std::move(shownName)), reader(Path::fromNarrow(folder)) {}
+    : folder(std::move(folderName)), name(std::move(shownName)) {
+  for (std::size_t i = 0; i < readersOfRun(); ++i) readers.emplace_back(folder);
+}
+
+ViewedRuns::LockedReader& ViewedRuns::Run::readerFor(int id) {
+  return readers[static_cast<unsigned>(id) % readers.size()];
+}
 
 ViewedRuns::ViewedRuns(const std::vector<std::string>& folders) {
   const auto shortNameOf = [](const std::string& folder) {
@@ -144,15 +166,17 @@ ViewedRuns::Run& ViewedRuns::run(std::size_t index) {
 ordered_json ViewedRuns::runs() {
   ordered_json all = ordered_json::array();
   for (Run& each : runs_) {
-    const std::lock_guard lock(each.mutex);
+    LockedReader& locked = each.readers.front();
+    const std::lock_guard lock(locked.mutex);
+    const RecordingReader& reader = locked.reader;
     ordered_json json = {{"name", each.name},
                          {"folder", each.folder},
-                         {"state", nameOf(each.reader.state())},
-                         {"revision", each.revision},
+                         {"state", nameOf(reader.state())},
+                         {"revision", each.revision.load()},
                          {"signals", ordered_json::array()}};
-    addSpan(json, each.reader);
-    for (const SignalInfo& signal : each.reader.signals()) {
-      json["signals"].push_back(signalJson(each.reader, signal));
+    addSpan(json, reader);
+    for (const SignalInfo& signal : reader.signals()) {
+      json["signals"].push_back(signalJson(reader, signal));
     }
     all.push_back(std::move(json));
   }
@@ -162,19 +186,25 @@ ordered_json ViewedRuns::runs() {
 ordered_json ViewedRuns::states() {
   ordered_json all = ordered_json::array();
   for (Run& each : runs_) {
-    const std::lock_guard lock(each.mutex);
-    if (each.reader.refresh()) ++each.revision;
-    ordered_json json = {{"state", nameOf(each.reader.state())},
-                         {"revision", each.revision},
-                         {"signals", each.reader.signals().size()}};
-    addSpan(json, each.reader);
+    bool isNew = false;
+    for (LockedReader& locked : each.readers) {
+      const std::lock_guard lock(locked.mutex);
+      isNew |= locked.reader.refresh();
+    }
+    if (isNew) ++each.revision;
+    LockedReader& first = each.readers.front();
+    const std::lock_guard lock(first.mutex);
+    ordered_json json = {{"state", nameOf(first.reader.state())},
+                         {"revision", each.revision.load()},
+                         {"signals", first.reader.signals().size()}};
+    addSpan(json, first.reader);
     all.push_back(std::move(json));
   }
   return all;
 }
 
 std::string ViewedRuns::points(const ViewedSignal& signal, const ViewedWindow& window) {
-  Run& from = run(signal.run);
+  LockedReader& from = run(signal.run).readerFor(signal.id);
   const std::lock_guard lock(from.mutex);
   const recording::Envelope envelope =
       from.reader.envelope(signal.id, window.from, window.to, window.columns, signal.element);
@@ -189,7 +219,7 @@ std::string ViewedRuns::points(const ViewedSignal& signal, const ViewedWindow& w
 }
 
 ordered_json ViewedRuns::spans(const ViewedSignal& signal, const ViewedWindow& window) {
-  Run& from = run(signal.run);
+  LockedReader& from = run(signal.run).readerFor(signal.id);
   const std::lock_guard lock(from.mutex);
   const bool isText = kindOf(from.reader.signal(signal.id)) == "text";
   ordered_json all = ordered_json::array();
@@ -211,15 +241,15 @@ ordered_json ViewedRuns::spans(const ViewedSignal& signal, const ViewedWindow& w
 
 std::string ViewedRuns::pairs(const ViewedSignal& x, const ViewedSignal& y,
                               const ViewedWindow& window) {
-  Run& from = run(x.run);
+  LockedReader& from = run(x.run).readerFor(x.id);
   const std::lock_guard lock(from.mutex);
   const RecordingReader& reader = from.reader;
   const std::vector<int>& alike = reader.withSameTimes(x.id);
   if (x.run != y.run ||
       (x.id != y.id && std::find(alike.begin(), alike.end(), y.id) == alike.end())) {
-    throw std::runtime_error(fmt::format("{} and {} do not have the same times",
-                                         inQuotes(reader.signal(x.id).name),
-                                         inQuotes(run(y.run).reader.signal(y.id).name)));
+    throw std::runtime_error(fmt::format(
+        "{} and {} do not have the same times", inQuotes(reader.signal(x.id).name),
+        y.run == x.run ? inQuotes(reader.signal(y.id).name) : "a signal of another recording"));
   }
   const std::uint64_t end = std::min(reader.pairCount(x.id), reader.pairCount(y.id));
   const std::vector<RowRange> ranges = reader.rowsBetween(x.id, window.from, window.to);

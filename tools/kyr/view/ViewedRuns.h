@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -48,14 +49,21 @@ class ViewedRuns {
   std::string pairs(const ViewedSignal& x, const ViewedSignal& y, const ViewedWindow& window);
 
  private:
+  struct LockedReader {
+    explicit LockedReader(const std::string& folder);
+
+    std::mutex mutex;
+    recording::RecordingReader reader;
+  };
+  // Signals are spread over several readers, so that threads need not wait for each other.
   struct Run {
     Run(std::string folder, std::string shownName);
+    LockedReader& readerFor(int id);
 
     std::string folder;
     std::string name;
-    std::mutex mutex;  // guards all below
-    recording::RecordingReader reader;
-    std::uint64_t revision = 0;
+    std::deque<LockedReader> readers;
+    std::atomic<std::uint64_t> revision = 0;
   };
 
   Run& run(std::size_t index);

@@ -92,6 +92,17 @@ export function placeOf(points, time) {
   return low - 1;
 }
 
+// Smallest and largest value in [from, to], if not all rows there are points; null otherwise.
+export function rangeAt({points, rows}, from, to) {
+  if (!points || rows <= points.length / 2) return null;
+  let [low, high] = [Infinity, -Infinity];
+  for (let i = 2 * Math.max(0, placeOf(points, from)); i < points.length && points[i] <= to; i += 2) {
+    if (points[i + 1] < low) low = points[i + 1];
+    if (points[i + 1] > high) high = points[i + 1];
+  }
+  return low < high ? [low, high] : null;
+}
+
 // What the cursor reads: the value of the last point at or before the time.
 export function valueAt(curve, time) {
   if (curve.points) {

@@ -2,7 +2,7 @@
 
 import {axisRange, heightOfBands, layoutOf, paintChart, paintPairs, scale} from "./chart.js";
 import {colorOf, dashesOf, themeColor} from "./colors.js";
-import {valueAt} from "./curves.js";
+import {rangeAt, valueAt} from "./curves.js";
 import {element, shortened} from "./elements.js";
 import {Gestures} from "./gestures.js";
 import {CanvasPainter} from "./painters.js";
@@ -106,6 +106,12 @@ export class Plot {
   area() {
     return layoutOf(this.canvas.clientWidth, this.canvas.clientHeight, this.layoutCurves ?? [],
                     this.page.hasRightAxis);
+  }
+
+  // Seconds of a pixel.
+  pixelTime() {
+    const {from, to} = this.page.view;
+    return (to - from) / this.area().plotWidth;
   }
 
   paint() {
@@ -231,7 +237,7 @@ export class Plot {
     for (const {value, curve} of this.places) {
       const found = curves.find((each) => each.series === curve.series && each.run === curve.run);
       const text = found?.fault ? `⚠ ${shortened(found.fault, 160)}`
-        : cursor === null || !found || this.model.xy ? "" : readOut(found, cursor);
+        : cursor === null || !found || this.model.xy ? "" : readOut(found, cursor, this.pixelTime() / 2);
       if (value.textContent !== text) value.textContent = text;
       value.classList.toggle("fault", Boolean(found?.fault));
     }
@@ -245,7 +251,10 @@ function labelOf({series, signal}) {
   return `${series.name}${part}${signal.unit ? ` [${signal.unit}]` : ""}`;
 }
 
-function readOut(curve, time) {
+// The value at a time; where a pixel has many rows, the smallest and largest one.
+function readOut(curve, time, reach) {
+  const range = rangeAt(curve, time - reach, time + reach);
+  if (range) return `${valueText(range[0], 4)} … ${valueText(range[1], 4)}`;
   const value = valueAt(curve, time);
   if (!curve.isBand) return valueText(value);
   if (value === undefined) return "–";

@@ -24,8 +24,8 @@ export function tickText(value, step) {
 }
 
 // A value for people: as many digits as tell it apart.
-export function valueText(value) {
-  if (value === undefined) return "–";
+export function valueText(value, digits = 7) {
+  if (value === undefined || value === null) return "–";
   if (!isFinite(value)) return isNaN(value) ? "NaN" : value > 0 ? "∞" : "−∞";
-  return String(Number(value.toPrecision(7)));
+  return String(Number(value.toPrecision(digits)));
 }
