@@ -37,6 +37,7 @@ import os as _os
 
 from . import _core
 from ._core import DamagedError, Error, GroupWriter, Recovery, SignalWriter
+from ._envelope import Envelope
 from ._recording import Recording
 from ._samples import Samples
 from ._saving import recover, save
@@ -49,6 +50,7 @@ __version__ = _core.version
 
 __all__ = [
     "DamagedError",
+    "Envelope",
     "Error",
     "GroupWriter",
     "Recorder",

@@ -96,6 +96,11 @@ class Reader:
     def rows_between(self, id: int, start: float, stop: float) -> list[tuple[int, int]]:
         """Ranges of rows whose times [s] lie in a window, both ends included."""
 
+    def envelope(self, id: int, start: float, stop: float, columns: int, element: int) -> tuple[Annotated[NDArray[numpy.float64], dict(shape=(None,), order='C', writable=False)], list[float]]:
+        """
+        The numbers of the columns that have rows, and of the rows beside the window.
+        """
+
     def stream(self, id: int, start: int, stop: int, max_rows: int) -> CapsuleType:
         """Rows [start, stop) as a capsule of Arrow's C stream interface."""
 

@@ -8,8 +8,10 @@ import os
 import weakref
 
 from . import _core, _show
+from ._plot import plot_signals
 from ._signal import Signal
 from ._table import Table, chosen, table_of
+from ._types import Kind
 
 TYPE_CHECKING = False  # Importing the module typing takes long.
 if TYPE_CHECKING:
@@ -152,6 +154,18 @@ class Recording(collections.abc.Mapping):
             floating-point takes the previous sample then
         """
         return table_of(chosen(self, names), start, stop, resample, method)
+
+    def plot(self, names: list[str] | None = None, **style: Any) -> list[Any]:
+        """Draws signals with matplotlib, with a plot for each unit. They are drawn again whenever
+        you zoom. Returns the axes.
+
+        :param names: of the signals; all that have numbers if None
+        """
+        if names is None:
+            signals = [signal for signal in self.values() if signal._kind is not Kind.bytes]
+        else:
+            signals = [self[name] for name in names]
+        return plot_signals(signals, style)
 
     def to_xarray(self):
         """An `xarray.Dataset` of all signals, with a dimension for each distinct time vector."""

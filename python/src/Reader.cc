@@ -1,6 +1,7 @@
 #include "Reader.h"
 
 #include <arrow/c/abi.h>
+#include <nanobind/stl/array.h>
 #include <nanobind/stl/optional.h>
 #include <nanobind/stl/pair.h>
 #include <nanobind/stl/string.h>
@@ -8,7 +9,9 @@
 #include <nanobind/stl/vector.h>
 
 #include <algorithm>
+#include <array>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "Capsules.h"
@@ -173,6 +176,30 @@ std::tuple<std::uint64_t, std::uint64_t, std::uint64_t> counts(Reader& reader, i
   });
 }
 
+using Numbers = decltype(arrayOf(std::vector<double>()));
+
+// The members of each column that has rows, one column after the other. Behind them time and value
+// of the rows before and after the window; NaN if there is none.
+std::pair<Numbers, std::array<double, 4>> envelope(Reader& reader, int id, double from, double to,
+                                                   std::size_t columns, std::uint64_t element) {
+  const recording::Envelope found = reader.use(
+      [&](RecordingReader& open) { return open.envelope(id, from, to, columns, element); });
+  std::vector<double> numbers;
+  for (const recording::EnvelopeColumn& column : found.columns) {
+    if (column.rows == 0) continue;
+    for (const std::uint64_t count : {column.firstRow, column.rows, column.nans}) {
+      numbers.push_back(static_cast<double>(count));
+    }
+    numbers.insert(numbers.end(), {column.firstTime, column.first, column.minTime, column.min,
+                                   column.maxTime, column.max, column.lastTime, column.last});
+  }
+  constexpr double kNone = recording::EnvelopeColumn::kNone;
+  const recording::EnvelopePoint none{0, kNone, kNone};
+  const recording::EnvelopePoint before = found.before.value_or(none);
+  const recording::EnvelopePoint after = found.after.value_or(none);
+  return {arrayOf(std::move(numbers)), {before.time, before.value, after.time, after.value}};
+}
+
 const char* stateName(Reader& reader) {
   switch (reader.use([](RecordingReader& open) { return open.state(); })) {
     case recording::RecordingState::beingRecorded:
@@ -238,6 +265,8 @@ void defineReader(nb::module_& module) {
            "shapes their extents and offsets of these.")
       .def("rows_between", rowsBetween, "id"_a, "start"_a, "stop"_a,
            "Ranges of rows whose times [s] lie in a window, both ends included.")
+      .def("envelope", envelope, "id"_a, "start"_a, "stop"_a, "columns"_a, "element"_a,
+           "The numbers of the columns that have rows, and of the rows beside the window.")
       .def("stream", streamOf, "id"_a, "start"_a, "stop"_a, "max_rows"_a,
            "Rows [start, stop) as a capsule of Arrow's C stream interface.");
   module.def("schema_of", schemaCapsule, "stream"_a, "The schema of such a stream, as a capsule.");

@@ -32,7 +32,7 @@ Pair pairAt(const double* numbers) {
 }
 
 bool ascend(const double* times, std::size_t count) {
-  bool ascends = count == 0 || times[0] == times[0];
+  bool ascends = true;
   PairMask pairs{-1, -1};
   std::size_t i = 1;
   for (; i + kPair <= count; i += kPair) pairs &= pairAt(times + i - 1) <= pairAt(times + i);

@@ -143,6 +143,33 @@ class BrowserTest(ToolTest):
             page.mouse.dblclick(box["x"] + 400, box["y"] + 20)
             self.assertEqual(self.state(page)["t"], before)
 
+    def test_fingers_zoom_and_move(self):
+        self.store(rows_text(2000))
+        with self.page("rec", "--signal", "car.speed", has_touch=True) as page:
+            page.wait_for_timeout(300)
+            box = page.locator("canvas").first.bounding_box()
+            x, y = box["x"] + 400, box["y"] + 60
+            devices = page.context.new_cdp_session(page)
+
+            def touch(kind, *places):
+                devices.send("Input.dispatchTouchEvent", {"type": kind, "touchPoints": [
+                    {"x": place, "y": y, "id": i} for i, place in enumerate(places)]})
+
+            start, end = self.state(page)["t"]
+            touch("touchStart", x, x + 60)
+            for i in range(20, 120, 20):
+                touch("touchMove", x - i, x + 60 + i)
+            touch("touchEnd")
+            near = self.state(page)["t"]
+            self.assertLess(near[1] - near[0], (end - start) / 3)
+            touch("touchStart", x)
+            for i in range(20, 120, 20):
+                touch("touchMove", x + i)
+            touch("touchEnd")
+            moved = self.state(page)["t"]
+            self.assertLess(moved[0], near[0])
+            self.assertAlmostEqual(moved[1] - moved[0], near[1] - near[0])
+
     def test_a_link_shows_the_same(self):
         self.store(rows_text(2000))
         with self.page("rec") as page:

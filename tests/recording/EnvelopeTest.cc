@@ -145,9 +145,13 @@ TEST(Envelope, IsThatOfALookAtEachRowInEveryWindow) {
   for (const std::size_t count : {0, 1, 2, 9, 300, 2000}) {
     for (const bool ascends : {true, false}) {
       Rows rows = randomRows(count, random);
-      if (!ascends) std::shuffle(rows.times.begin(), rows.times.end(), random);
-      if (!ascends && count > 2) rows.times[1] = kNaN;
-      MemorySource source(rows, 37);
+      constexpr std::size_t kBlock = 37;
+      // Times that ascend but for one place, between two blocks, are as hard as any others.
+      if (!ascends && count == 300)
+        std::rotate(rows.times.begin(), rows.times.begin() + 300 - 4 * kBlock, rows.times.end());
+      if (!ascends && count != 300) std::shuffle(rows.times.begin(), rows.times.end(), random);
+      if (!ascends && count > 2 && count != 300) rows.times[1] = kNaN;
+      MemorySource source(rows, kBlock);
       EnvelopeIndex index(kTiny);
       std::vector<double> ends = rows.times;
       ends.insert(ends.end(), {-5.0, 3.0, -1e308, 1e308, 1e3});
@@ -171,8 +175,10 @@ TEST(Envelope, IsThatOfALookAtEachRowInEveryWindow) {
 TEST(Envelope, OfManyRowsMovesFewOfThemAcrossABorderAndReadsFew) {
   std::minstd_rand random(11);
   Rows rows;
+  double time = 0;
   for (int i = 0; i < 40'000; ++i) {
-    rows.times.push_back(i * 0.01 + (i > 30'000 ? 50 : 0));
+    rows.times.push_back(time);
+    time += i >= 30'000 && i < 30'200 ? 0.37 : 0.01;  // a stretch of columns with 12 rows each
     rows.values.push_back(double(random() % 1000));
   }
   MemorySource source(rows, 1000);
@@ -182,13 +188,12 @@ TEST(Envelope, OfManyRowsMovesFewOfThemAcrossABorderAndReadsFew) {
   (void)index.envelope(source, 0.055, 440, 100);
   source.takeRead();
   const auto found = index.envelope(source, 0.055, 440, 100).columns;
-  EXPECT_LT(source.takeRead(), 16 * 20) << "rows that the second call read";
+  EXPECT_LT(source.takeRead(), 16 * 30) << "rows that the second call read";
   std::uint64_t nextRow = 6;
   for (std::size_t i = 0; i < found.size(); ++i) {
     SCOPED_TRACE(i);
-    EXPECT_LT(std::abs(double(found[i].rows) - double(expected[i].rows)), 32);
-    EXPECT_EQ(found[i].rows == 0, expected[i].rows == 0);
-    if (found[i].rows == 0) continue;
+    const double moved = std::abs(double(found[i].rows) - double(expected[i].rows));
+    EXPECT_LE(moved, expected[i].rows < 100 ? 0 : 30);
     EXPECT_EQ(found[i].firstRow, nextRow);
     EnvelopeColumn own;
     for (const std::uint64_t end = nextRow + found[i].rows; nextRow < end; ++nextRow) {
@@ -196,7 +201,7 @@ TEST(Envelope, OfManyRowsMovesFewOfThemAcrossABorderAndReadsFew) {
     }
     expectSame(found[i], own);
   }
-  EXPECT_EQ(nextRow, 39'001U) << "the last time that is below 440";
+  EXPECT_TRUE(rows.times[nextRow - 1] <= 440 && rows.times[nextRow] > 440) << "rows are lost";
 }
 
 TEST(Envelope, GrowsWithTheRowsAndKeepsItsMemory) {
@@ -229,6 +234,13 @@ TEST(Envelope, NamesTheRowsBesideTheWindow) {
   EXPECT_EQ(rowsBeside(-3, -2), std::pair(-1, 0));
   EXPECT_EQ(rowsBeside(10, 11), std::pair(6, -1));
   EXPECT_EQ(rowsBeside(0, 9), std::pair(-1, -1));
+
+  const Rows falling{{5, 6, 0, 1}, {1, 2, 3, 4}};
+  MemorySource back(falling, 3);
+  const Envelope late = EnvelopeIndex().envelope(back, 5, 6, 3);
+  EXPECT_FALSE(late.before.has_value()) << "the rows with earlier times come later";
+  const Envelope early = EnvelopeIndex().envelope(back, 0, 1, 3);
+  EXPECT_FALSE(early.after.has_value());
 }
 
 TEST(Envelope, RefusesWindowsThatAreNone) {

@@ -1,11 +1,13 @@
 """kyr view: what the server answers and refuses, and the report; kyr plot."""
 
+import base64
 import json
 import math
 import os
 import pathlib
 import re
 import socket
+import struct
 import subprocess
 import unittest
 import xml.etree.ElementTree as ET
@@ -227,6 +229,10 @@ class ReportTest(ToolTest):
         self.run_tool("view", "rec", "--html", "report.html")
         page = (self.folder / "report.html").read_text()
         self.assertNotIn("<script>alert", page)
+        stored_points = next(iter(self.data()["points"].values()))
+        self.assertTrue(stored_points["wide"])
+        numbers = struct.unpack("=12d", base64.b64decode(stored_points["points"]))
+        self.assertEqual(numbers[5:12:2], (math.inf, -math.inf, 1e308, -1e308))
         self.assertEqual(self.data()["runs"][0]["signals"][0]["name"], stored)
         self.run_tool("plot", "rec", "0", "-o", "plot.svg")
         svg = ET.parse(self.folder / "plot.svg").getroot()

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <limits>
 #include <map>
@@ -11,6 +12,7 @@
 
 #include "cli/Text.h"
 #include "view/PageFiles.h"
+#include "view/PlotPanels.h"
 
 namespace kyr::tool {
 
@@ -38,22 +40,45 @@ std::string base64(std::string_view bytes) {
   return text;
 }
 
-// Points as the page decodes them: times as parts of the window, all as float32.
+template <typename Number>
+void put(std::string& bytes, double value) {
+  const auto number = static_cast<Number>(value);
+  bytes.append(reinterpret_cast<const char*>(&number), sizeof(number));
+}
+
+// Points as the page decodes them: times as parts of the window, all as float32. Values that would
+// not fit into that are kept as float64.
 ordered_json packed(const std::string& points, double from, double to) {
-  const auto numberAt = [&](std::size_t index) {
-    double number = 0;
-    std::memcpy(&number, points.data() + index * sizeof(double), sizeof(double));
-    return number;
-  };
-  const std::size_t count = points.size() / sizeof(double);
+  std::vector<double> numbers(points.size() / sizeof(double));
+  std::memcpy(numbers.data(), points.data(), numbers.size() * sizeof(double));
+  const bool isWide = std::any_of(numbers.begin() + 2, numbers.end(), [](double number) {
+    return std::isfinite(number) && std::abs(number) > std::numeric_limits<float>::max();
+  });
   std::string bytes;
-  for (std::size_t i = 2; i < count; ++i) {
-    const double value = i % 2 == 0 ? (numberAt(i) - from) / (to - from) : numberAt(i);
-    constexpr double kMost = std::numeric_limits<float>::max();
-    const auto narrow = static_cast<float>(std::clamp(value, -kMost, kMost));
-    bytes.append(reinterpret_cast<const char*>(&narrow), sizeof(narrow));
+  for (std::size_t i = 2; i < numbers.size(); ++i) {
+    const double number = i % 2 == 0 ? partOf(numbers[i], from, to) : numbers[i];
+    if (isWide) {
+      put<double>(bytes, number);
+    } else {
+      put<float>(bytes, number);
+    }
   }
-  return {{"from", from}, {"to", to}, {"rows", numberAt(0)}, {"points", base64(bytes)}};
+  return {{"from", from},
+          {"to", to},
+          {"rows", numbers[0]},
+          {"wide", isWide},
+          {"points", base64(bytes)}};
+}
+
+// Text is cut, because a report is bounded.
+ordered_json cut(ordered_json spans) {
+  constexpr std::size_t kMostBytes = 48;
+  for (ordered_json& span : spans) {
+    if (span.contains("text")) {
+      span["text"] = span["text"].get_ref<const std::string&>().substr(0, kMostBytes);
+    }
+  }
+  return spans;
 }
 
 bool isAmong(const std::vector<std::string>& names, const ordered_json& name) {
@@ -97,7 +122,7 @@ ordered_json dataOf(ViewedRuns& viewed, const ReportOptions& options) {
         const std::string key = fmt::format("{}/{}", run, signal["id"].get<int>());
         const bool isBand = signal["kind"] == "boolean" || signal["kind"] == "text";
         if (isBand) {
-          spans[key] = viewed.spans(viewedSignal, {from, to, options.columns});
+          spans[key] = cut(viewed.spans(viewedSignal, {from, to, options.columns}));
         } else {
           points[key] = packed(viewed.points(viewedSignal, {from, to, options.columns}), from, to);
         }

@@ -28,11 +28,11 @@ class ServerSource {
   }
 }
 
-// Times of a report are parts of the window that it shows, as float32 like the values.
-function decoded({from, to, rows, points}) {
+// Times of a report are parts of the window that it shows.
+function decoded({from, to, rows, wide, points}) {
   const bytes = Uint8Array.from(atob(points), (c) => c.charCodeAt(0));
-  const numbers = Float64Array.from(new Float32Array(bytes.buffer));
-  for (let i = 0; i < numbers.length; i += 2) numbers[i] = from + numbers[i] * (to - from);
+  const numbers = Float64Array.from(new (wide ? Float64Array : Float32Array)(bytes.buffer));
+  for (let i = 0; i < numbers.length; i += 2) numbers[i] = from * (1 - numbers[i]) + numbers[i] * to;
   return {rows, points: numbers};
 }
 
