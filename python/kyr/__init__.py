@@ -69,12 +69,15 @@ __all__ = [
 ]
 
 
-def open(path: str | _os.PathLike[str], *, checks: bool = True) -> Recording:
+def open(
+    path: str | _os.PathLike[str], *, checks: bool = True, follow_links: bool = False
+) -> Recording:
     """Opens a recording, finished or still growing. See `Recording`.
 
     :param checks: whether everything that is read is compared with its checksum first
+    :param follow_links: whether files may be read that symbolic links inside of the folder name
     """
-    return Recording(path, checks=checks)
+    return Recording(path, checks=checks, follow_links=follow_links)
 
 
 def record(

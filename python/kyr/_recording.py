@@ -41,21 +41,26 @@ class Recording(collections.abc.Mapping):
     each thread to read at the same time. A recording is pickled as its path.
     """
 
-    def __init__(self, path: str | os.PathLike[str], *, checks: bool = True):
+    def __init__(
+        self, path: str | os.PathLike[str], *, checks: bool = True, follow_links: bool = False
+    ):
         """Opens a recording.
 
         :param path: its folder
         :param checks: whether everything that is read is compared with its checksum first
+        :param follow_links: whether files may be read that symbolic links inside of the folder
+            name
         """
         name = os.fspath(path)
         if isinstance(name, bytes):
             name = os.fsdecode(name)
-        if not isinstance(checks, bool):
-            raise TypeError(f"checks = {checks!r}: True or False is expected")
+        for parameter, given in (("checks", checks), ("follow_links", follow_links)):
+            if not isinstance(given, bool):
+                raise TypeError(f"{parameter} = {given!r}: True or False is expected")
         # Absolute, so that it is still right in another process or after os.chdir().
         self._path = os.path.abspath(name)
-        self._checks = checks
-        self._reader = _core.Reader(os.fsencode(name), checks)
+        self._options = {"checks": checks, "follow_links": follow_links}
+        self._reader = _core.Reader(os.fsencode(name), checks, follow_links)
         self._ids: list[int] | None = None  # those of a selection
         self._time_cache: Any = weakref.WeakValueDictionary()
         self._list()
@@ -227,7 +232,7 @@ class Recording(collections.abc.Mapping):
         self.close()
 
     def __reduce__(self):
-        return _reopen, (self.__class__, self._path, self._checks, self._ids)
+        return _reopen, (self.__class__, self._path, self._options, self._ids)
 
     def _times(self, id, start, stop):
         if start != 0:
@@ -249,8 +254,8 @@ class Recording(collections.abc.Mapping):
         return repr(self) if self.closed else _show.table_html(self)
 
 
-def _reopen(cls, path, checks, ids):
-    recording = cls(path, checks=checks)
+def _reopen(cls, path, options, ids):
+    recording = cls(path, **options)
     if ids is not None:
         recording._ids = [i for i in ids if i in recording._infos]
         recording._list()

@@ -24,9 +24,11 @@ namespace kyr::python {
 using recording::RecordingReader;
 using recording::RowRange;
 
-Reader::Reader(const nb::bytes& folder, bool checks) : folder_(folder.c_str(), folder.size()) {
+Reader::Reader(const nb::bytes& folder, bool checks, bool followsLinks)
+    : folder_(folder.c_str(), folder.size()) {
   recording::ReaderOptions options;
   options.checks = checks;
+  options.links = followsLinks ? Links::followed : Links::refused;
   const nb::gil_scoped_release release;
   reader_.emplace(Path::fromNarrow(folder_), options);
 }
@@ -235,7 +237,8 @@ auto call(Result (RecordingReader::*method)(Arguments...) const) {
 void defineReader(nb::module_& module) {
   using namespace nb::literals;
   nb::class_<Reader>(module, "Reader", "Reads the signals of a recording where its files are.")
-      .def(nb::init<nb::bytes, bool>(), "folder"_a, "checks"_a = true)
+      .def(nb::init<nb::bytes, bool, bool>(), "folder"_a, "checks"_a = true,
+           "follow_links"_a = false)
       .def("close", &Reader::close)
       .def_prop_ro("closed", &Reader::isClosed)
       .def_prop_ro("state", stateName, "\"finished\", \"being recorded\" or \"not finished\"")

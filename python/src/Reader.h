@@ -16,7 +16,7 @@ namespace kyr::python {
 /// \brief A RecordingReader that any number of Python's threads may use, one after the other.
 class Reader {
  public:
-  Reader(const nanobind::bytes& folder, bool checks);
+  Reader(const nanobind::bytes& folder, bool checks, bool followsLinks);
 
   /// \brief Runs \p action on the reader, without the interpreter's lock.
   /// \throws ClosedError after close()

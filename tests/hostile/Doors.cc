@@ -88,6 +88,18 @@ void resample(const Path& folder) {
   });
 }
 
+void look(const Path& folder) {
+  const RecordingReader reader(folder);
+  forEachSignal(reader.signals(), [&](int id) {
+    for (const double end : {1.0, 1e300}) reader.envelope(id, -end, end, 7);
+  });
+}
+
+void lookForSpans(const Path& folder) {
+  const RecordingReader reader(folder);
+  forEachSignal(reader.signals(), [&](int id) { reader.spans(id, -1e300, 1e300, 7); });
+}
+
 void readWhole(parquet::ParquetSignal& signal) {
   std::vector<double> time;
   std::vector<char> bytes;
@@ -193,6 +205,8 @@ const std::vector<Door>& doors() {
       {"read", [](const Path& folder) { readInPlace(folder, true); }},
       {"read without checks", [](const Path& folder) { readInPlace(folder, false); }},
       {"resample", resample},
+      {"look", look},
+      {"look for spans", lookForSpans},
       {"open", open},
       {"verify", [](const Path& folder) { verifyRecording(folder); }},
       {"verify behind links", [](const Path& folder) { verifyRecording(folder, Links::followed); }},

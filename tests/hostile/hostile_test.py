@@ -218,7 +218,8 @@ class Commands:
         csv = temp / "in.csv"
         csv.write_text("time,a\n0,1\n0.5,2\n")
         reading = [["info", "FOLDER"], ["cat", "FOLDER"], ["verify", "FOLDER"],
-                   ["export", "FOLDER", temp / "out.csv", "--force"]]
+                   ["export", "FOLDER", temp / "out.csv", "--force"], ["plot", "FOLDER", "0", "2"],
+                   ["view", "FOLDER", "--html", temp / "out.html", "--force"]]
         changing = [["verify", "--follow-links", "FOLDER"], ["gc", "FOLDER"], ["gc", "FOLDER", "--stale"], ["recover", "FOLDER"]]
         writing = [["import", csv, "FOLDER", "--force"], ["record", csv, "FOLDER", "--force"], ["verify", "FOLDER"]]
         self.commands = [[kyr, *command] for command in reading + changing + reading + writing]

@@ -83,6 +83,16 @@ def test_closed_recordings_say_so():
     assert signal.name == "Double Scalar" and "Double Scalar" in recording
 
 
+def test_links_are_followed_if_that_is_asked_for_also_after_pickling(golden_copy):
+    file = golden_copy / "storage" / "3"
+    elsewhere = file.rename(golden_copy.with_name("3"))
+    file.symlink_to(elsewhere)
+    with pytest.raises(kyr.Error, match="storage/3"):
+        kyr.open(golden_copy)["Double VarDim"].read()
+    following = pickle.loads(pickle.dumps(kyr.open(golden_copy, follow_links=True)))
+    assert len(following["Double VarDim"].read()[0]) == 7
+
+
 def test_recordings_and_signals_are_pickled_as_their_path():
     chosen = pickle.loads(pickle.dumps(kyr.open(GOLDEN).select("Double*", "Int8*")))
     assert len(chosen) == 6

@@ -34,6 +34,7 @@ struct PlotOptions {
   std::uint64_t element = 0;
   std::string file;
   bool replaces = false;
+  Links links = Links::refused;
 };
 
 constexpr double kSvgWidth = 900;
@@ -67,7 +68,9 @@ int runPlot(const PlotOptions& options) {
   if (options.from && options.to && !(*options.from < *options.to)) {
     throw UsageError("--from must be before --to");
   }
-  const recording::RecordingReader reader(Path::fromNarrow(options.folder));
+  recording::ReaderOptions reading;
+  reading.links = options.links;
+  const recording::RecordingReader reader(Path::fromNarrow(options.folder), reading);
   const TerminalSize size = terminalSize();
   PlotRequest request;
   request.signals = chosenSignals(reader.signals(), options.signals, options.folder);
@@ -103,6 +106,7 @@ void addPlotCommand(CLI::App& app, Action& action) {
       command->add_option("-o,--output", options->file, "Write an SVG file in place of text")
           ->type_name("FILE");
   command->add_flag("--force", options->replaces, "Replace FILE")->needs(file);
+  addLinksOption(*command, options->links);
   command->footer(R"help(
 Each unit has its own axis. A plot shows the smallest and largest value at each place across, so
 that no peak is lost however many rows there are. The terminal gets as much as fits into it, in

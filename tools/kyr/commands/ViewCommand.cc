@@ -37,6 +37,7 @@ struct ViewOptions {
   bool staysClosed = false;
   std::string report;
   bool replaces = false;
+  Links links = Links::refused;
 };
 
 HttpResponse jsonResponse(const ordered_json& json) {
@@ -128,7 +129,7 @@ void writeReport(ViewedRuns& runs, const ViewOptions& options) {
 
 int runView(const ViewOptions& options) {
   allowManyFiles();
-  ViewedRuns runs(options.folders);
+  ViewedRuns runs(options.folders, options.links);
   requireSignals(runs.runs(), options.signals);
   if (!options.report.empty()) {
     writeReport(runs, options);
@@ -165,6 +166,7 @@ void addViewCommand(CLI::App& app, Action& action) {
   command->add_flag("--no-open", options->staysClosed, "Print the address and open no browser")
       ->excludes(report);
   command->add_flag("--force", options->replaces, "Replace the file of --html")->needs(report);
+  addLinksOption(*command, options->links);
   command->footer(R"help(
 The page is served to this machine only, at an address that nobody can guess, until Ctrl-C. From
 another machine, forward the port: ssh -L 9000:127.0.0.1:PORT HOST, and open the printed address

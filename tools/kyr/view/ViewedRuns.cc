@@ -122,27 +122,28 @@ std::size_t readersOfRun() {
 }
 
 // The readers of a recording share the memory that envelopes may have.
-recording::ReaderOptions optionsOfOne() {
+recording::ReaderOptions optionsOfOne(Links links) {
   recording::ReaderOptions options;
+  options.links = links;
   options.maxEnvelopeBytes /= readersOfRun();
   return options;
 }
 
 }  // namespace
 
-ViewedRuns::LockedReader::LockedReader(const std::string& folder)
-    : reader(Path::fromNarrow(folder), optionsOfOne()) {}
+ViewedRuns::LockedReader::LockedReader(const std::string& folder, Links links)
+    : reader(Path::fromNarrow(folder), optionsOfOne(links)) {}
 
-ViewedRuns::Run::Run(std::string folderName, std::string shownName)
+ViewedRuns::Run::Run(std::string folderName, std::string shownName, Links links)
     : folder(std::move(folderName)), name(std::move(shownName)) {
-  for (std::size_t i = 0; i < readersOfRun(); ++i) readers.emplace_back(folder);
+  for (std::size_t i = 0; i < readersOfRun(); ++i) readers.emplace_back(folder, links);
 }
 
 ViewedRuns::LockedReader& ViewedRuns::Run::readerFor(int id) {
   return readers[static_cast<unsigned>(id) % readers.size()];
 }
 
-ViewedRuns::ViewedRuns(const std::vector<std::string>& folders) {
+ViewedRuns::ViewedRuns(const std::vector<std::string>& folders, Links links) {
   const auto shortNameOf = [](const std::string& folder) {
     const auto path = std::filesystem::absolute(folder).lexically_normal();
     return (path.has_filename() ? path.filename() : path.parent_path().filename()).string();
@@ -152,7 +153,7 @@ ViewedRuns::ViewedRuns(const std::vector<std::string>& folders) {
     const auto uses = std::count_if(folders.begin(), folders.end(), [&](const std::string& other) {
       return shortNameOf(other) == name;
     });
-    runs_.emplace_back(folder, uses > 1 ? folder : name);
+    runs_.emplace_back(folder, uses > 1 ? folder : name, links);
   }
 }
 

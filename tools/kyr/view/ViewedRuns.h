@@ -31,7 +31,7 @@ struct ViewedWindow {
 /// ask. What goes wrong with a recording is a standard exception.
 class ViewedRuns {
  public:
-  explicit ViewedRuns(const std::vector<std::string>& folders);
+  ViewedRuns(const std::vector<std::string>& folders, Links links);
 
   /// Names of all recordings, and for each its signals, state and revision.
   nlohmann::ordered_json runs();
@@ -50,14 +50,14 @@ class ViewedRuns {
 
  private:
   struct LockedReader {
-    explicit LockedReader(const std::string& folder);
+    LockedReader(const std::string& folder, Links links);
 
     std::mutex mutex;
     recording::RecordingReader reader;
   };
   // Signals are spread over several readers, so that threads need not wait for each other.
   struct Run {
-    Run(std::string folder, std::string shownName);
+    Run(std::string folder, std::string shownName, Links links);
     LockedReader& readerFor(int id);
 
     std::string folder;
