@@ -40,7 +40,7 @@ void splitRows(std::string_view text, const CsvDialect& dialect) {
 }
 
 struct Nothing : SampleSink {
-  void append(const CsvColumn&, const double*, const char*, std::size_t) override {}
+  void append(const CsvColumn&, const ColumnSamples&) override {}
   void drop(const CsvColumn&) override {}
 };
 
@@ -66,7 +66,10 @@ void readTable(std::string_view text, const CsvDialect& dialect) {
   static const WorkingFile kFile;
   std::ofstream(kFile.name(), std::ios::binary) << text;
   CsvOptions options;
-  options.dialect = dialect;
+  options.delimiter = dialect.delimiter;
+  options.quote = dialect.quote;
+  options.decimal = dialect.decimalMark;
+  options.ragged = dialect.commentPrefixes.empty() ? "pad" : "stop";
   try {
     CsvTable table(kFile.name(), options);
     Nothing sink;

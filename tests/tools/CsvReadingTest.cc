@@ -10,6 +10,8 @@
 #include "csv/BlockReader.h"
 #include "csv/CellNumbers.h"
 #include "csv/CsvTokenizer.h"
+#include "csv/TimeForm.h"
+#include "csv/TimeStamps.h"
 
 namespace kyr::tool {
 namespace {
@@ -49,6 +51,12 @@ CsvDialect tabs() {
   return dialect;
 }
 
+CsvDialect blanks() {
+  CsvDialect dialect;
+  dialect.delimiter = ' ';
+  return dialect;
+}
+
 TEST(CsvRows, FollowTheRulesOfTheDialect) {
   struct Case {
     const char* name;
@@ -76,6 +84,7 @@ TEST(CsvRows, FollowTheRulesOfTheDialect) {
        "# one \" quote\n\n1;2\n//3;4\r\n5;# 6\n#",
        {{3, {"1", "2"}}, {5, {"5", "# 6"}}}},
       {"other quote", tabs(), "'a\tb'\t\"c\n", {{1, {"a\tb", "\"c"}}}},
+      {"blanks", blanks(), "  a  \"b c\" \n\n 1 2", {{1, {"a", "b c"}}, {3, {"1", "2"}}}},
   };
   for (const Case& item : cases) {
     EXPECT_EQ(rowsOf(item.text, item.dialect), item.rows) << item.name;
@@ -163,7 +172,7 @@ TEST(CellNumbers, TellHowANumberFits) {
         Case{"x", Double, CellFit::none}}) {
     std::vector<char> bytes;
     EXPECT_EQ(CellParser(item.type, '.').append(item.cell, bytes), item.fit) << item.cell;
-    const bool hasValue = item.fit == CellFit::exact || item.fit == CellFit::rounded;
+    const bool hasValue = item.fit != CellFit::none;
     EXPECT_EQ(bytes.size(), hasValue ? parquet::elementWidth(item.type) : 0) << item.cell;
   }
 }
@@ -181,6 +190,67 @@ TEST(CellNumbers, CompareAllDigits) {
         Case{"12300", "123e2", true}, Case{"nan", "1", false}}) {
     EXPECT_EQ(isSameDecimal(item.a, item.b, '.'), item.isSame) << item.a << " " << item.b;
   }
+}
+
+TEST(TimeStamps, AreReadToTheNanosecond) {
+  constexpr std::int64_t kMay = 1'714'557'600;  // 2024-05-01T10:00:00Z
+  struct Case {
+    const char* text;
+    const char* pattern;  // empty for ISO 8601
+    std::int64_t seconds;
+    std::int64_t fraction;
+    bool hasZone;
+  };
+  for (const Case& item :
+       {Case{"2024-05-01T10:00:00", "", kMay, 0, false},
+        Case{"2024-05-01 10:00:00.000000001Z", "", kMay, 1, true},
+        Case{"2024-05-01T12:00:00,25+02:00", "", kMay, 250'000'000, true},
+        Case{"1969-12-31T23:59:59.5", "", -1, 500'000'000, false},
+        Case{"01.05.24 10:00", "%d.%m.%y %H:%M", kMay, 0, false},
+        Case{"10:00:00.123 1 May 2024 +0000", "%H:%M:%S.%f %d %b %Y %z", kMay, 123'000'000, true},
+        Case{"00:01:01.000000002", "%H:%M:%S.%f", 61, 2, false}}) {
+    const std::string pattern = item.pattern;
+    const auto stamp = pattern.empty() ? parseIso(item.text) : parseByPattern(item.text, pattern);
+    ASSERT_TRUE(stamp) << item.text;
+    EXPECT_EQ(stamp->nanoseconds, item.seconds * kNanoseconds + item.fraction) << item.text;
+    EXPECT_EQ(stamp->hasZone, item.hasZone) << item.text;
+    EXPECT_EQ(parseIso(formatIso(*stamp))->nanoseconds, stamp->nanoseconds) << item.text;
+  }
+  for (const char* text : {"", "2024", "2024-13-01", "1500-01-01", "9999-12-31T00:00:00", "1.5",
+                           "2024-05-01T10:00:00.0000000001", "2024-05-01T10:00:00 CET"}) {
+    EXPECT_FALSE(parseIso(text)) << text;
+  }
+  EXPECT_EQ(parseClock("100:00:01.5"), 360'001'500'000'000);
+  for (const char* text :
+       {"", "1", "1:2", "1:60:00", "1:00:60", "1:00:00.", "-1:00:00", "1:00:0x"}) {
+    EXPECT_FALSE(parseClock(text)) << text;
+  }
+}
+
+TEST(TimeForm, TellsWhetherADoubleHoldsATime) {
+  TimeForm form;
+  form.kind = TimeForm::Kind::iso;
+  form.origin = 1'700'000'000 * kNanoseconds;
+  struct Case {
+    std::int64_t nanoseconds;
+    bool isExact;
+  };
+  for (const Case& item :
+       {Case{0, true}, Case{1, true}, Case{-1, true}, Case{999'999'999, true},
+        Case{8'000'000'000'000'001, true}, Case{40'000'000'000'000'001, false},
+        Case{40'000'000'123'000'000, true}, Case{400'000'000'000'000'000, true}}) {
+    EXPECT_EQ(form.isExact(form.origin + item.nanoseconds), item.isExact) << item.nanoseconds;
+    EXPECT_EQ(form.sinceOrigin(form.origin + item.nanoseconds),
+              static_cast<double>(static_cast<long double>(item.nanoseconds) / 1e9L));
+  }
+  form = {};
+  form.unit = *timeUnitCalled("MS");
+  EXPECT_EQ(form.seconds("0,3", ','), 0.0003);
+  EXPECT_EQ(form.seconds("1.5e+3", '.'), 1.5);
+  EXPECT_EQ(form.nanoseconds("1.5", '.'), 1'500'000);
+  EXPECT_EQ(form.nanoseconds("0.0000001", '.'), std::nullopt);
+  EXPECT_EQ(form.seconds("1e", '.'), std::nullopt);
+  EXPECT_EQ(form.nanoseconds("99999999999999999999", '.'), std::nullopt);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import shutil
 import signal
 import subprocess
 import time
@@ -17,7 +18,7 @@ class Usage(ToolTest):
         for arguments in ((), ("nonsense",), ("info",), ("info", "rec", "--nonsense"),
                           ("import", "in.csv"), ("import", "in.csv", ""),
                           ("import", "in.csv", "rec", "--type", "a"),
-                          ("import", "in.csv", "rec", "--type", "a=text"),
+                          ("import", "in.csv", "rec", "--type", "a=letters"),
                           ("import", "in.csv", "rec", "--type", "a=int8", "--type", "a=int16")):
             with self.subTest(arguments):
                 self.fails(*arguments, says=[], exit_code=2)
@@ -29,7 +30,7 @@ class Usage(ToolTest):
                 ("help recrod", "recrod", "record"), ("--vrsion", "--vrsion", "--version"),
                 ("info rec --jsn", "--jsn", "--json"), ("import --tme=t in.csv", "--tme", "--time"),
                 ("--trce f info rec", "--trce", "--trace"),
-                ("cat rec -follow", "-follow", "--follow"),
+                ("info rec -json", "-json", "--json"),
                 ("import in.csv rec --set Dictonary=true", "Dictonary", "Dictionary"),
                 ("nonsense", "nonsense", ""), ("verify rec --nonsense", "--nonsense", ""),
                 ("verify rec more", "more", ""), ("", "command", "")):
@@ -139,7 +140,14 @@ class Usage(ToolTest):
             with self.subTest(line):
                 self.assertEqual(completed("kyr", *line.split()), words.split())
         self.assertIn("Needs --long", manual)
-        self.fails("completion", "fish", says=["fish", "bash"], exit_code=2)
+        for shell in ("zsh", "fish"):
+            script = self.run_tool("completion", shell).stdout
+            for command in completed("kyr", "")[:-3]:
+                self.assertIn(command, script)
+            (self.folder / "script").write_text(script)
+            if shutil.which(shell):
+                subprocess.run([shell, "-n", "script"], cwd=self.folder, check=True)
+        self.fails("completion", "tcsh", says=["tcsh", "bash", "zsh"], exit_code=2)
 
     def test_trace(self):
         self.write("time,a\n0,1\n")

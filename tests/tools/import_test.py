@@ -54,7 +54,7 @@ class Values(ToolTest):
 
     def test_a_line_as_long_as_several_blocks_of_the_reader(self):
         for note in ("x" * 5_000_000, '"' + "x\n" * 2_000_000 + '"'):
-            self.store(f"time,a,note,b\n0,1,{note},2\n1,3,,4\n")
+            self.store(f"time,a,note,b\n0,1,{note},2\n1,3,,4\n", "--text", "skip")
             self.assertEqual(self.cat(), "time,a,b\n0,1,2\n1,3,4\n")
 
     def test_file_forms(self):
@@ -98,15 +98,15 @@ class Blocks(ToolTest):
         signals = self.signals()
         self.assertEqual({name: signal["type"] for name, signal in signals.items()},
                          {"real": "double", "empty": "int64", "sign": "double",
-                          "boolean": "boolean", "large": "uint64", "again": "double"})
-        self.assertEqual([line.split('"')[1::2] for line in warnings.splitlines()],
+                          "boolean": "boolean", "large": "uint64", "text": "text", "day": "text",
+                          "again": "double"})
+        self.assertEqual([line.split('"')[1:4:2] for line in warnings.splitlines()],
                          [["text", "x"], ["day", "2020-01-01"]])
         self.assertIn(f"line {self.ROWS - 7}", warnings)
         self.assertEqual(signals["real"]["dataFile"], signals["again"]["dataFile"])
         found = rows_of(self.cat())[1:]
         truth = {"0": "false", "1": "true", "True": "true"}
-        expected = [[row[0], row[1], row[2], row[3], truth[row[4]], row[5], row[8]]
-                    for row in cells]
+        expected = [[*row[:4], truth[row[4]], *row[5:]] for row in cells]
         self.assertEqual(found, expected)
 
     def test_late_times_of_another_type(self):
@@ -201,17 +201,13 @@ class Types(ToolTest):
 
     def test_what_does_not_fit_is_refused_with_its_line(self):
         for name, cell in (("int8", "128"), ("uint8", "-1"), ("int32", "0.5"), ("int64", "1e19"),
-                           ("uint64", "18446744073709551616"), ("single", "1e39"),
-                           ("double", "1e400"), ("boolean", "2"), ("int16", "x"), ("uint16", "nan")):
+                           ("uint64", "18446744073709551616"), ("boolean", "2"),
+                           ("int16", "x"), ("uint16", "nan")):
             with self.subTest(type=name, cell=cell):
                 self.write(f"time,a\r\n0,1\r\n\r\n1,{cell}\r\n")
                 self.fails("import", "in.csv", "new", "--type", f"a={name}",
                            says=["line 4", '"a"', cell, name])
                 self.assertFalse((self.folder / "new").exists())
-
-    def test_a_number_too_large_for_double_is_refused(self):
-        self.write("time,a\n0,1\n1,1e400\n")
-        self.fails("import", "in.csv", "new", says=["line 3", '"a"', "1e400"])
 
 
 class Names(ToolTest):
@@ -235,8 +231,8 @@ class Names(ToolTest):
         for name in ("Time", "Time (s)"):
             self.store("a,Time (s),time\n5,0,7\n6,1,8\n", "--time", name)
             self.assertEqual(self.cat(), "time,a,time\n0,5,7\n1,6,8\n")
-        warning = self.store("t [ms],a\n0,1\n").stderr
-        self.assertIn('"ms"', warning)
+        warning = self.store("t [turns],a\n0,1\n").stderr
+        self.assertIn('"turns"', warning)
 
 
 class Refusals(ToolTest):
@@ -252,11 +248,8 @@ class Refusals(ToolTest):
             ("time inf", "t,a\n0,1\ninf,2\n", ["line 3", '"t"', "inf"]),
             ("time text", "t,a\n0,1\nx,2\n", ["line 3", '"t"', '"x"']),
             ("time boolean", "t,a\ntrue,1\n", ["line 2", '"t"']),
-            ("time date", "t,a\n2020-01-01,1\n", ["line 2", '"t"', "2020-01-01"]),
             ("empty file", "", ["empty"]),
             ("empty lines alone", "\r\n\r\n", ["empty"]),
-            ("one column", "t;a\n0;1\n", ["t;a", "comma"]),
-            ("UTF-16", "t,a\n0,1\n".encode("utf-16"), ["UTF-16"]),
             ("header in Latin-1", "t,T [°C]\n0,1\n".encode("latin-1"), ["line 1", "UTF-8"]),
         ):
             with self.subTest(name):
@@ -268,16 +261,14 @@ class Refusals(ToolTest):
         self.store("t,a\n0,1\n0,2\n0,3\n")
         self.assertEqual(self.cat(), "time,a\n0,1\n0,2\n0,3\n")
 
-    def test_columns_without_numbers_are_left_out_and_named(self):
+    def test_columns_of_text_that_are_left_out_are_named(self):
         text = 't,a,note,day,b\n0,1,5,2020-01-01,2\n1,1,"two\nlines",2020-01-02,3\n'
-        warnings = self.store(text).stderr.splitlines()
+        warnings = self.store(text, "--text", "skip").stderr.splitlines()
         self.assertEqual(len(warnings), 2)
         self.assertIn('line 3: column "note"', warnings[0])
         self.assertIn('line 2: column "day"', warnings[1])
         self.assertEqual(self.cat(), "time,a,b\n0,1,2\n1,1,3\n")
         self.assertEqual(self.signals()["b"]["id"], 3)
-        self.fails("import", "in.csv", "new", "--strict", says=["line 3", '"note"', "--strict"])
-        self.assertFalse((self.folder / "new").exists())
 
     def test_roundings_are_told(self):
         for text, line, column, cell in (

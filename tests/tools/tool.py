@@ -28,9 +28,18 @@ class ToolTest(unittest.TestCase):
         return {**os.environ, "TMPDIR": str(self.temporary)}
 
     def run_tool(self, *arguments, expect=0, stdin=None):
-        result = subprocess.run([KYR, *map(str, arguments)], capture_output=True, text=True,
-                                env=self.environment(), cwd=self.folder, input=stdin)
-        self.assertEqual(result.returncode, expect, f"{arguments}\n{result.stdout}{result.stderr}")
+        if isinstance(stdin, bytes):
+            (self.folder / "stdin").write_bytes(stdin)
+            with open(self.folder / "stdin", "rb") as content:
+                return self.checked(subprocess.run([KYR, *map(str, arguments)], text=True,
+                                                 capture_output=True, env=self.environment(),
+                                                 cwd=self.folder, stdin=content), expect)
+        return self.checked(subprocess.run([KYR, *map(str, arguments)], capture_output=True,
+                                         text=True, env=self.environment(), cwd=self.folder,
+                                         input=stdin), expect)
+
+    def checked(self, result, expect):
+        self.assertEqual(result.returncode, expect, f"{result.args}\n{result.stdout}{result.stderr}")
         self.assertEqual(os.listdir(self.temporary), [], "temporary files are left")
         return result
 

@@ -35,7 +35,13 @@ void addCommands(CLI::App& app, Action& action) {
   addCatCommand(app, action);
   addViewCommand(app, action);
   addPlotCommand(app, action);
+  addStatsCommand(app, action);
   addExportCommand(app, action);
+  addSetCommand(app, action);
+  addCutCommand(app, action);
+  addMergeCommand(app, action);
+  addAppendCommand(app, action);
+  addRepackCommand(app, action);
   addVerifyCommand(app, action);
   addGcCommand(app, action);
   addOptionsCommand(app, action);

@@ -125,4 +125,19 @@ KYR_PARQUET_EXPORT void saveRecording(parquet::SignalPool& pool,
                                       const std::vector<SignalDescription>& descriptions,
                                       const Path& folder, const SaveOptions& options);
 
+/// \brief Change what a recording says of signals and of itself. Its samples stay as they are, and
+/// no Parquet file is read or written.
+///
+/// The change is atomic and on the disk when the call returns. Others who read the recording are
+/// not disturbed.
+/// \param descriptions  of some signals, by id
+/// \param attributes  all attributes that the recording has from now on
+/// \throws std::invalid_argument if the recording has no such signal, the dimensions of a signal
+///         change, a text is no valid UTF-8, or an attribute is no JSON
+/// \throws std::runtime_error as describeRecording(), std::system_error if recording.json cannot be
+///         written; the recording is as it was then
+KYR_PARQUET_EXPORT void updateRecording(const Path& folder,
+                                        const std::vector<SignalDescription>& descriptions,
+                                        const Attributes& attributes);
+
 }  // namespace kyr::recording

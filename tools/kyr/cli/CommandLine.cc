@@ -36,7 +36,9 @@ void addLinksOption(CLI::App& command, Links& links) {
 }
 
 void addSignalArguments(CLI::App& command, std::vector<std::string>& signals) {
-  command.add_option("SIGNAL", signals, "Names or ids of signals; all of them unless given")
+  command
+      .add_option("SIGNAL", signals,
+                  "Names, ids or patterns ('floor1_*') of signals; all of them unless given")
       ->type_name("");
 }
 

@@ -62,6 +62,14 @@ std::shared_ptr<CLI::FormatterBase> helpFormatter();
 /// A script for bash that completes commands, options, and values where they are known beforehand.
 std::string bashCompletion(const CLI::App& app);
 
+/// The same for zsh and fish.
+std::string zshCompletion(const CLI::App& app);
+std::string fishCompletion(const CLI::App& app);
+
+/// The values that an option may have, with blanks between them, as far as they are known
+/// beforehand.
+std::string valuesOf(const CLI::Option& option);
+
 /// The manual page, section 1, in the language of man(7).
 std::string manualPage(const CLI::App& app);
 

@@ -15,24 +15,6 @@ namespace kyr::tool {
 
 namespace {
 
-// "parquet|arrow|csv" names all values. Words in capitals stand for other texts.
-std::string valuesOf(const CLI::Option& option) {
-  if (option.check_lname("compression")) return writableCodecs();
-  std::string values;
-  if (option.check_lname("set")) {
-    for (const Setting& setting : currentSettings()) values += setting.name + "= ";
-    return values;
-  }
-  const std::string type = option.get_type_name();
-  for (std::size_t begin = 0; begin <= type.size();) {
-    const std::size_t end = std::min(type.find('|', begin), type.size());
-    const std::string word = type.substr(begin, end - begin);
-    if (word.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ") == std::string::npos) values += word + " ";
-    begin = end + 1;
-  }
-  return values;
-}
-
 // "NAME=VALUE" for every option of the library that has a few values.
 std::string settingWords() {
   std::string words;
@@ -66,11 +48,16 @@ std::string valueCases(const CLI::App& command) {
 }
 
 int printCompletion(const CLI::App& app, const std::string& shell) {
-  if (shell != "bash") {
-    throw UsageError(fmt::format("there is no completion for {}, only for bash", shell));
+  const auto script = shell == "bash"   ? bashCompletion
+                      : shell == "zsh"  ? zshCompletion
+                      : shell == "fish" ? fishCompletion
+                                        : nullptr;
+  if (script == nullptr) {
+    throw UsageError(
+        fmt::format("there is no completion for {}, only for bash, zsh and fish", shell));
   }
   Output out;
-  out.print("{}", bashCompletion(app));
+  out.print("{}", script(app));
   out.flush();
   return 0;
 }
@@ -124,7 +111,7 @@ _kyr() {{
         case "$command" in
 {commands}        esac
     elif [[ $command == completion ]]; then
-        words='bash'
+        words='bash zsh fish'
     elif [[ $command == help ]]; then
         words='{names}'
     fi
@@ -139,6 +126,24 @@ complete -o default -F _kyr kyr
 )bash";
 
 }  // namespace
+
+// "parquet|arrow|csv" names all values. Words in capitals stand for other texts.
+std::string valuesOf(const CLI::Option& option) {
+  if (option.check_lname("compression")) return writableCodecs();
+  std::string values;
+  if (option.check_lname("set")) {
+    for (const Setting& setting : currentSettings()) values += setting.name + "= ";
+    return values;
+  }
+  const std::string type = option.get_type_name();
+  for (std::size_t begin = 0; begin <= type.size();) {
+    const std::size_t end = std::min(type.find('|', begin), type.size());
+    const std::string word = type.substr(begin, end - begin);
+    if (word.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ\"'") == std::string::npos) values += word + " ";
+    begin = end + 1;
+  }
+  return values;
+}
 
 std::string bashCompletion(const CLI::App& app) {
   std::string names;
@@ -158,12 +163,15 @@ std::string bashCompletion(const CLI::App& app) {
 void addCompletionCommand(CLI::App& app, Action& action) {
   CLI::App* command = app.add_subcommand("completion", "Print the completion script for a shell");
   const auto shell = std::make_shared<std::string>("bash");
-  command->add_option("SHELL", *shell, "bash")->type_name("");
+  command->add_option("SHELL", *shell, "bash (unless given), zsh or fish")->type_name("");
   command->footer(R"help(
 Examples:
   source <(kyr completion bash)
   mkdir -p ~/.local/share/bash-completion/completions
-  kyr completion bash > ~/.local/share/bash-completion/completions/kyr)help");
+  kyr completion bash > ~/.local/share/bash-completion/completions/kyr
+  mkdir -p ~/.config/fish/completions
+  kyr completion fish > ~/.config/fish/completions/kyr.fish
+  mkdir -p ~/.zfunc && kyr completion zsh > ~/.zfunc/_kyr)help");
   command->callback(
       [&app, shell, &action] { action = [&app, shell] { return printCompletion(app, *shell); }; });
 }

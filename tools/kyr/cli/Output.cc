@@ -1,5 +1,6 @@
 #include "cli/Output.h"
 
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +21,17 @@ bool isOutputGone(int error) {
   if (error != EIO) return error == EPIPE;
   struct stat status {};
   return ::fstat(STDOUT_FILENO, &status) == 0 && S_ISCHR(status.st_mode);
+}
+
+bool isTerminal() {
+  static const bool isIt = ::isatty(STDOUT_FILENO) != 0;
+  return isIt;
+}
+
+std::size_t terminalWidth() {
+  winsize size{};
+  if (!isTerminal() || ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return 0;
+  return size.ws_col;
 }
 
 void Output::flush() {

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <cstddef>
 #include <string>
 #include <utility>
 
@@ -13,6 +14,12 @@ void tell(const std::string& message);
 /// Whether an error of writing to standard output, a value of errno, says that nobody can read it:
 /// a pipe or a terminal that was closed.
 bool isOutputGone(int error);
+
+/// Whether standard output is a terminal, which obeys control characters.
+bool isTerminal();
+
+/// The columns of the terminal; 0 if standard output is none.
+std::size_t terminalWidth();
 
 /// Standard output, buffered. Text that was not flushed is lost when the command fails.
 class Output {
@@ -27,6 +34,9 @@ class Output {
 
   void endRow() {
     buffer_.push_back('\n');
+    flushIfFull();
+  }
+  void flushIfFull() {
     if (buffer_.size() >= kFlushSize) flush();
   }
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "cli/Text.h"
@@ -32,13 +33,23 @@ const SignalInfo& signalCalled(const std::vector<SignalInfo>& all, const std::st
                                        inQuotes(name), folder));
 }
 
-std::vector<SignalInfo> chosenSignals(const std::vector<SignalInfo>& all,
+std::vector<SignalInfo> chosenSignals(const recording::RecordingReader& reader,
                                       const std::vector<std::string>& names,
                                       const std::string& folder) {
+  const std::vector<SignalInfo>& all = reader.signals();
   if (names.empty()) return all;
   std::vector<SignalInfo> signals;
   signals.reserve(names.size());
-  for (const std::string& name : names) signals.push_back(signalCalled(all, name, folder));
+  for (const std::string& name : names) {
+    const auto isCalledSo = [&](const SignalInfo& signal) {
+      return signal.name == name || joinHeader(signal.name, signal.unit) == name;
+    };
+    const bool isPattern = name.find_first_of("*?[") != std::string::npos &&
+                           std::none_of(all.begin(), all.end(), isCalledSo);
+    const std::vector<int> ids = isPattern ? reader.matching(name) : std::vector<int>();
+    for (const int id : ids) signals.push_back(reader.signal(id));
+    if (ids.empty()) signals.push_back(signalCalled(all, name, folder));
+  }
   return signals;
 }
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "kyr/recording/RecordingInfo.h"
+#include "kyr/recording/RecordingReader.h"
 
 namespace kyr::tool {
 
@@ -13,8 +13,10 @@ namespace kyr::tool {
 const recording::SignalInfo& signalCalled(const std::vector<recording::SignalInfo>& signals,
                                           const std::string& name, const std::string& folder);
 
-/// The signals with these names, in this order; all signals if there are no names.
-std::vector<recording::SignalInfo> chosenSignals(const std::vector<recording::SignalInfo>& all,
+/// The signals with these names, in this order; all signals if there are no names. A name that no
+/// signal has may be a pattern, which stands for all signals that match it.
+/// \throws std::runtime_error naming \p folder if there is no such signal
+std::vector<recording::SignalInfo> chosenSignals(const recording::RecordingReader& reader,
                                                  const std::vector<std::string>& names,
                                                  const std::string& folder);
 

@@ -2,20 +2,36 @@
 
 #include <algorithm>
 #include <iterator>
+#include <numeric>
 
 namespace kyr::tool {
 
 namespace {
 
-// The columns that a text takes on a terminal. fmt counts them when it pads: if the width is the
+bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
+
+// The text, which may lose its end.
+std::string cutTo(const std::string& text, std::size_t width) {
+  if (displayWidth(text) <= width) return text;
+  std::string cut;
+  for (std::size_t at = 0; at < text.size();) {
+    std::size_t end = at + 1;
+    while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) ++end;
+    const std::string longer = cut + text.substr(at, end - at);
+    if (displayWidth(longer) + 1 > width) break;
+    cut = longer;
+    at = end;
+  }
+  return cut + "~";
+}
+
+}  // namespace
+
+// fmt counts the columns when it pads: if the width is the
 // number of bytes, it adds as many blanks as the text has more bytes than columns.
 std::size_t displayWidth(const std::string& text) {
   return 2 * text.size() - fmt::formatted_size("{:<{}}", text, text.size());
 }
-
-bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
-
-}  // namespace
 
 std::string_view trimmed(std::string_view text) {
   const auto first = text.find_first_not_of(" \t");
@@ -64,7 +80,8 @@ void TextTable::addRow(std::vector<std::string> cells) {
   rows_.push_back(std::move(cells));
 }
 
-std::string TextTable::text() const {
+// Cuts the widest column that stands on the left until the table fits.
+std::string TextTable::text(std::size_t width) const {
   std::vector<std::vector<std::string>> lines(1);
   for (const Column& column : columns_) lines[0].push_back(column.title);
   lines.insert(lines.end(), rows_.begin(), rows_.end());
@@ -74,18 +91,36 @@ std::string TextTable::text() const {
       widths[i] = std::max(widths[i], displayWidth(cells[i]));
     }
   }
+  fitWidths(widths, width);
   std::string result;
   for (const auto& cells : lines) {
     std::string line;
     for (std::size_t i = 0; i < widths.size(); ++i) {
       if (i > 0) line += "  ";
       const bool right = columns_[i].align == Align::right;
-      fmt::format_to(std::back_inserter(line), right ? "{:>{}}" : "{:<{}}", cells[i], widths[i]);
+      fmt::format_to(std::back_inserter(line), right ? "{:>{}}" : "{:<{}}",
+                     cutTo(cells[i], widths[i]), widths[i]);
     }
     line.erase(line.find_last_not_of(' ') + 1);
     result += line + "\n";
   }
   return result;
+}
+
+void TextTable::fitWidths(std::vector<std::size_t>& widths, std::size_t width) const {
+  constexpr std::size_t kLeast = 8;
+  const std::size_t gaps = 2 * (widths.size() - 1);
+  while (width > 0) {
+    const std::size_t all = std::accumulate(widths.begin(), widths.end(), gaps);
+    if (all <= width) return;
+    std::size_t widest = widths.size();
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+      const bool isLeft = columns_[i].align == Align::left;
+      if (isLeft && (widest == widths.size() || widths[i] > widths[widest])) widest = i;
+    }
+    if (widest == widths.size() || widths[widest] <= kLeast) return;
+    widths[widest] = std::max(kLeast, widths[widest] - std::min(widths[widest], all - width));
+  }
 }
 
 }  // namespace kyr::tool

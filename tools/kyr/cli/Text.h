@@ -15,6 +15,9 @@ std::string_view trimmed(std::string_view text);
 /// The text in quotation marks, on one line, cut if it is long: for messages.
 std::string inQuotes(std::string_view text);
 
+/// The columns that a text takes on a terminal.
+std::size_t displayWidth(const std::string& text);
+
 /// The text on one line: control characters become "?".
 std::string singleLine(std::string_view text);
 
@@ -45,9 +48,12 @@ class TextTable {
   void addRow(std::vector<std::string> cells);
 
   /// The lines of the table, each with its line end.
-  std::string text() const;
+  /// \param width  of the terminal, to which long names are cut; 0 for none
+  std::string text(std::size_t width = 0) const;
 
  private:
+  void fitWidths(std::vector<std::size_t>& widths, std::size_t width) const;
+
   std::vector<Column> columns_;
   std::vector<std::vector<std::string>> rows_;
 };

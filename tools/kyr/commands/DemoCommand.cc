@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -58,12 +59,14 @@ struct Samples {
 // Keeps the samples of all columns.
 class SampleList : public SampleSink {
  public:
-  void append(const CsvColumn& column, const double* times, const char* bytes,
-              std::size_t count) override {
-    Samples& samples = samples_[column.id];
-    samples.time.insert(samples.time.end(), times, times + count);
-    samples.bytes.insert(samples.bytes.end(), bytes,
-                         bytes + count * parquet::elementWidth(column.type));
+  void append(const CsvColumn& column, const ColumnSamples& samples) override {
+    Samples& kept = samples_[column.id];
+    std::size_t size = samples.count * parquet::elementWidth(column.type);
+    if (samples.lengths != nullptr) {
+      size = std::accumulate(samples.lengths->begin(), samples.lengths->end(), std::size_t{0});
+    }
+    kept.time.insert(kept.time.end(), samples.times, samples.times + samples.count);
+    kept.bytes.insert(kept.bytes.end(), samples.bytes, samples.bytes + size);
   }
 
   void drop(const CsvColumn& column) override { samples_.erase(column.id); }
@@ -101,7 +104,7 @@ void printSummary(Output& out, const std::string& file, const recording::Recordi
             counted(samples, "sample"));
   out.print("CSV file:         {:>15}\n", byteCount(fs::file_size(file)));
   out.print("stored:           {:>15} in {}\n", byteCount(summary.storedBytes()),
-            counted(info.files.size(), "file"));
+            counted(summary.fileCount(), "file"));
   out.print("saved by sharing: {:>15}\n", byteCount(summary.savedBytes()));
 }
 

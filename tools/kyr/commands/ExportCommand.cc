@@ -17,6 +17,7 @@
 #include "cli/PendingOutput.h"
 #include "cli/Process.h"
 #include "cli/ProgressBar.h"
+#include "cli/RowWindow.h"
 #include "cli/Settings.h"
 #include "cli/Span.h"
 #include "cli/Text.h"
@@ -43,6 +44,7 @@ struct GivenOptions {
   std::string partition;
   std::optional<std::string> resample;
   std::string method = "previous";
+  WindowOptions window;
 };
 
 ExportFormat formatOf(const GivenOptions& given, const ExportOptions& options) {
@@ -103,6 +105,7 @@ void understand(const GivenOptions& given, ExportOptions& options) {
   options.codec = applyGiven(given.settings, options.format);
   options.isPartitioned = !given.partition.empty();
   options.resample = resampleOf(given);
+  options.window = windowOf(given.window);
   if (!options.isPartitioned && options.out.back() == '/') {
     throw UsageError("OUT " + options.out + ": give the name of a file");
   }
@@ -156,7 +159,7 @@ void exportRecording(const ExportOptions& options) {
   ProgressBar bar;
   const auto progress = [&bar](double part) { bar.show("writing", part); };
   if (options.isLong) {
-    LongTable table(reader, signals, progress);
+    LongTable table(reader, signals, options.window, progress);
     table.checkExact(losses);
     losses.settle();
     options.isPartitioned ? table.writePartitions(target.file, target) : table.writeTable(target);
@@ -189,13 +192,15 @@ or with --method linear a number between two samples. It is null before the firs
 linear after the last one as well. A sample counts for a time that it misses by at most 1e-9 of STEP
 and two roundings.
 
-Values in long tables are float64. A warning names what cannot be exported, and with --strict
+--from, --to and --rows leave other rows out; in a long table, other rows of each signal. Values in
+long tables are float64. A warning names what cannot be exported, and with --strict
 nothing is written then. A table appears under its name only when it is whole, and never replaces
 another one without --force. Units are in the metadata of the fields, and in the header of CSV.
 
 Examples:
   kyr export run run.parquet
   kyr export run table.csv speed torque
+  kyr export run part.parquet 'g*' --from 10 --to 20
   kyr export run run.parquet --resample 0.01 --method linear
   kyr export run run.parquet --long --compression zstd
   kyr export run dataset --long --partition signal
@@ -245,11 +250,12 @@ void addExportOptions(CLI::App& command, Options& options) {
       ->type_name("parquet|arrow|csv")
       ->check(oneOf({"parquet", "arrow", "csv"}));
   addShapeOptions(command, options.understood, options.given);
+  addWindowOptions(command, options.given.window);
   addCompressionOption(command, options.given.settings);
   addSetOption(command, options.given.settings);
   command.add_flag("--strict", options.understood.isStrict,
                    "Write nothing if something cannot be exported");
-  command.add_flag("--force", options.understood.replaces,
+  command.add_flag("-f,--force", options.understood.replaces,
                    "Replace the file OUT, or the partitions in OUT");
 }
 

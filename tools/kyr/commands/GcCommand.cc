@@ -123,7 +123,8 @@ void addGcCommand(CLI::App& app, Action& action) {
       "--stale", options->isStale,
       "Also remove what commands that were killed left beside the recording and among "
       "temporary files");
-  command->add_flag("--dry-run", options->isDry, "Say what would be removed, and remove nothing");
+  command->add_flag("-n,--dry-run", options->isDry,
+                    "Say what would be removed, and remove nothing");
   command->footer(R"help(
 Removes files in FOLDER/storage that recording.json does not name, and says which. Nothing else in
 the folder is touched, and nothing to which a symbolic link leads. Files that kyr did not make are

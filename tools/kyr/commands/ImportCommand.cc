@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <array>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -12,6 +10,7 @@
 
 #include "cli/CommandLine.h"
 #include "cli/Errors.h"
+#include "cli/GivenAttributes.h"
 #include "cli/Losses.h"
 #include "cli/Output.h"
 #include "cli/ProgressBar.h"
@@ -29,18 +28,19 @@ namespace kyr::tool {
 
 namespace {
 
-void tellLosses(const CsvTable& table, const ImportOptions& options) {
+void tellAll(const CsvTable& table, const ImportOptions& options) {
+  for (const std::string& note : table.notes()) tell(note);
   Losses losses(options.isStrict, "stored");
   for (const std::string& loss : table.losses()) losses.add(loss);
   losses.settle();
-  constexpr std::array<std::string_view, 6> kSeconds{"",       "s",       "sec",
-                                                     "second", "seconds", "Seconds"};
-  if (std::find(kSeconds.begin(), kSeconds.end(), table.timeUnit()) == kSeconds.end()) {
-    tell(
-        fmt::format("warning: the times are in {} and are stored as they are, but recordings count "
-                    "time in seconds",
-                    inQuotes(table.timeUnit())));
-  }
+}
+
+// A file for each of many small signals takes ten times as long as a few packs.
+std::size_t packBelowFor(const ImportOptions& options, std::size_t columns) {
+  constexpr std::size_t kFew = 300;
+  constexpr std::size_t kSmall = 1048576;
+  if (options.packBelow > 0 || options.hasNoPacks) return options.packBelow;
+  return columns > kFew && !options.streams ? kSmall : 0;
 }
 
 int runImport(const ImportOptions& options) {
@@ -62,16 +62,16 @@ void importCsv(const ImportOptions& options) {
   CsvTable table(options.file, options.csv);
   // Beside the recording, which can then share the files.
   const auto storage = recording::WorkingFolder::beside(folder);
+  const std::size_t packBelow = packBelowFor(options, table.width());
   ColumnStore store(storage.path(), table.width(),
-                    options.streams ? std::optional(options.stream) : std::nullopt,
-                    options.packBelow);
+                    options.streams ? std::optional(options.stream) : std::nullopt, packBelow);
   ProgressBar bar;
   table.read(store, [&bar](double part) { bar.show("reading", part); });
   bar.hide();
-  tellLosses(table, options);
+  tellAll(table, options);
   if (table.columns().empty()) {
     throw std::runtime_error(options.file +
-                             ": no column holds numbers, so there is nothing to store");
+                             ": no column is left to store (--text store keeps columns of text)");
   }
   table.checkTypes();
   std::vector<recording::SignalDescription> descriptions;
@@ -87,7 +87,11 @@ void importCsv(const ImportOptions& options) {
   }
   bar.show("saving", 1);
   recording::SaveOptions saving;
-  saving.packBelow = options.packBelow;
+  saving.packBelow = packBelow;
+  saving.attributes = givenAttributes(options.attributes);
+  if (table.timeForm().isAbsolute()) {
+    (*saving.attributes)[kStartAttribute] = jsonText(table.timeForm().start());
+  }
   saving.replaces = options.replaces;
   recording::saveRecording(store.pool(), descriptions, folder, saving);
 }
@@ -116,7 +120,8 @@ void addStreamOptions(CLI::App& command, ImportOptions& options) {
 }
 
 void addImportOptions(CLI::App& command, ImportOptions& options) {
-  addArgument(command, "FILE", options.file, "CSV file: a line of names, then a row for each time");
+  addArgument(command, "FILE", options.file,
+              "CSV file, or - for standard input: a line of names, then a row for each time");
   addArgument(command, "FOLDER", options.folder, "Folder of the new recording");
   addCsvOptions(command, options.csv);
   addCompressionOption(command, options.settings);
@@ -124,12 +129,14 @@ void addImportOptions(CLI::App& command, ImportOptions& options) {
   command
       .add_flag("--pack{1048576}", options.packBelow,
                 "Put signals of fewer bytes, 1048576 unless given, into files that they share: "
-                "quicker and smaller for many small signals")
+                "quicker and smaller for many small signals, and done unasked for more than 300")
       ->type_name("[=BYTES]");
+  command.add_flag("--no-pack", options.hasNoPacks, "Give each signal a file of its own");
+  addAttributeOption(command, options.attributes);
   addSetOption(command, options.settings);
   command.add_flag("--strict", options.isStrict,
                    "Store nothing if something in the file cannot be stored as it is");
-  command.add_flag("--force", options.replaces, "Replace the recording in FOLDER");
+  command.add_flag("-f,--force", options.replaces, "Replace the recording in FOLDER");
 }
 
 }  // namespace
@@ -140,10 +147,14 @@ void addImportCommand(CLI::App& app, Action& action) {
   addImportOptions(*command, *options);
   command->footer(R"help(
 Each column becomes a signal over the time column. A header such as "h [m]" or "h (m)" gives name
-and unit. The cells decide on the type of a column: integer (int64, or uint64 where needed), double
-or boolean. At an empty cell a signal has no sample; "nan" and "inf" are values. Times are in
-seconds and must not decrease. Columns that hold no numbers are left out. A warning names each of
-them, and the first number of a column that is rounded.
+and unit, and so does a row of units below the names. The cells decide on the type of a column:
+integer (int64, or uint64 where needed), double, boolean, or text. A signal has no sample where its
+cell is empty or, among numbers, says NA, N/A, null, NULL, None or "-"; "nan" and "inf" are values.
+
+Delimiter, decimal mark, time column and the form of the times follow from the first lines, and a
+line tells what is not usual. Times become seconds and must not decrease. Dates and times of day
+count from the first whole second on, which is the attribute "start" of the recording. gzip and zstd
+are unpacked. A warning names the first number of a column that is rounded.
 
 A file may be larger than memory. At most 128 MiB of samples wait to be written, or with --stream a
 row group of every column. In addition a few blocks of 2 MiB of the file are in memory, or its
@@ -152,7 +163,8 @@ longest rows. The content of a pipe goes to a temporary file first.
 Examples:
   kyr import run.csv run
   kyr import run.csv run --time "Time (s)" --type gear=int8
-  kyr import run.csv run --compression zstd --force
+  kyr import run.csv run --compression zstd --force --attribute "model=pump 7"
+  kyr import - run --no-pack < run.csv
   kyr import run.csv run --stream --batch 16384 --set Dictionary=false)help");
   setAction(*command, action, options, runImport);
 }

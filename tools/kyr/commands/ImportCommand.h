@@ -16,9 +16,11 @@ struct ImportOptions {
   std::vector<std::string> settings;  ///< options of the library, "NAME=VALUE"
   bool streams = false;               ///< whether signals are streamed
   StreamOptions stream;
-  std::size_t packBelow = 0;  ///< see recording::SaveOptions
-  bool isStrict = false;      ///< whether a loss is an error
-  bool replaces = false;      ///< whether an existing recording is replaced
+  std::size_t packBelow = 0;  ///< see recording::SaveOptions; 0 if it is not given
+  bool hasNoPacks = false;
+  std::vector<std::string> attributes;  ///< "NAME=VALUE"
+  bool isStrict = false;                ///< whether a loss is an error
+  bool replaces = false;                ///< whether an existing recording is replaced
 };
 
 /// Stores a CSV file as a recording. Tells on standard error what cannot be stored.

@@ -11,12 +11,15 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "cli/CommandLine.h"
+#include "cli/SignalSelection.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
 #include "kyr/recording/RecordingReader.h"
 #include "print/RecordingSummary.h"
+#include "print/SignalStatistics.h"
 #include "print/TypeNames.h"
 
 namespace kyr::tool {
@@ -36,6 +39,24 @@ std::string shapeOf(const SignalInfo& signal) {
 std::string spanOf(const SignalInfo& signal) {
   return signal.timeSpan ? fmt::format("{} to {}", signal.timeSpan->from, signal.timeSpan->to)
                          : "-";
+}
+
+std::string rateText(const SignalInfo& signal) {
+  const auto rate = rateOf(signal.rowCount, signal.timeSpan);
+  return rate ? fmt::format("{:.6g}", *rate) : "-";
+}
+
+// "3600 s long", from the first time of all signals to the last.
+std::string durationOf(const RecordingInfo& info) {
+  std::optional<recording::TimeSpan> all;
+  for (const SignalInfo& signal : info.signals) {
+    if (!signal.timeSpan) continue;
+    if (!all) all = signal.timeSpan;
+    all->from = std::min(all->from, signal.timeSpan->from);
+    all->to = std::max(all->to, signal.timeSpan->to);
+  }
+  return all ? fmt::format("{} to {} s, {:.6g} s long\n", all->from, all->to, all->to - all->from)
+             : "";
 }
 
 std::string fileOf(const std::optional<int>& storageId, const RecordingSummary& summary) {
@@ -74,6 +95,9 @@ void printJson(Output& out, const RecordingInfo& info, const std::optional<std::
                            {"signals", ordered_json::array()},
                            {"files", ordered_json::array()}};
   if (state) document["state"] = *state;
+  for (const auto& [name, value] : info.attributes) {
+    document["attributes"][name] = ordered_json::parse(value);
+  }
   for (const SignalInfo& signal : info.signals) {
     document["signals"].push_back(signalJson(signal, summary));
   }
@@ -104,22 +128,69 @@ void printJson(Output& out, const RecordingInfo& info, const std::optional<std::
 
 struct InfoOptions {
   std::string folder;
+  std::vector<std::string> signals;
   bool asJson = false;
+  bool namesOnly = false;
+  bool showsAll = false;
   Links links = Links::refused;
 };
 
+// Leaves the signals that the user named.
+void choose(RecordingInfo& info, const RecordingReader& reader, const InfoOptions& options) {
+  if (options.signals.empty()) return;
+  info.signals = chosenSignals(reader, options.signals, options.folder);
+}
+
+void printNames(Output& out, const RecordingInfo& info) {
+  for (const SignalInfo& signal : info.signals) {
+    out.print("{}\n", isTerminal() ? singleLine(signal.name) : signal.name);
+  }
+}
+
+// What the table has no room for. Reads the times of the signals.
+void printDetails(Output& out, const RecordingInfo& info, const RecordingReader& reader) {
+  const RecordingSummary summary(info);
+  for (const SignalInfo& signal : info.signals) {
+    out.print("{} [id {}]\n", singleLine(signal.name), signal.signalId);
+    const auto line = [&](const char* what, const std::string& value) {
+      if (!value.empty()) out.print("  {:<12} {}\n", what, singleLine(value));
+    };
+    line("unit", signal.unit);
+    line("description", signal.description);
+    line("type", fmt::format("{}, {}", typeName(signal.dataType), shapeOf(signal)));
+    line("rows", grouped(signal.rowCount));
+    if (const auto times = timeStatisticsOf(reader, signal)) {
+      line("time", fmt::format("{} to {} s, {:.6g} s long", times->first, times->last,
+                               times->last - times->first));
+      if (times->rate) line("rate", fmt::format("{:.6g} per second", *times->rate));
+      line("largest gap", fmt::format("{:.6g} s", times->largestGap));
+    }
+    line("codec", signal.compression);
+    line("bytes", byteCount(summary.bytesOf(signal)));
+    line("files", fmt::format("time {}, data {}", fileOf(signal.timeStorageId, summary),
+                              fileOf(signal.dataStorageId, summary)));
+  }
+}
+
 int runInfo(const InfoOptions& options) {
+  constexpr std::size_t kShownOnTerminal = 40;
   const RecordingReader reader(Path::fromNarrow(options.folder), {true, 0, options.links});
-  const RecordingInfo info = reader.info();
+  RecordingInfo info = reader.info();
   std::optional<std::string> state;
   if (reader.state() != recording::RecordingState::finished) {
     state = stateOf(reader.state(), options.folder);
   }
+  choose(info, reader, options);
   Output out;
-  if (options.asJson) {
+  if (options.namesOnly) {
+    printNames(out, info);
+  } else if (options.asJson) {
     printJson(out, info, state);
+  } else if (!options.signals.empty()) {
+    printDetails(out, info, reader);
   } else {
-    printInfo(out, info, std::numeric_limits<std::size_t>::max());
+    const bool isShort = isTerminal() && !options.showsAll;
+    printInfo(out, info, isShort ? kShownOnTerminal : std::numeric_limits<std::size_t>::max());
     if (state) out.print("{}\n", *state);
   }
   out.flush();
@@ -139,6 +210,7 @@ void printInfo(Output& out, const RecordingInfo& info, std::size_t limit) {
                    {"shape", kLeft},
                    {"rows", kRight},
                    {"time [s]", kLeft},
+                   {"rate [1/s]", kRight},
                    {"bytes", kRight},
                    {"time file", kRight},
                    {"data file", kRight}});
@@ -147,13 +219,18 @@ void printInfo(Output& out, const RecordingInfo& info, std::size_t limit) {
     const SignalInfo& signal = info.signals[i];
     table.addRow({std::to_string(signal.signalId), signal.name, signal.unit,
                   std::string(typeName(signal.dataType)), shapeOf(signal),
-                  std::to_string(signal.rowCount), spanOf(signal),
+                  std::to_string(signal.rowCount), spanOf(signal), rateText(signal),
                   std::to_string(summary.bytesOf(signal)), fileOf(signal.timeStorageId, summary),
                   fileOf(signal.dataStorageId, summary)});
   }
-  out.print("{}", table.text());
-  if (shown < info.signals.size()) out.print("... and {} more\n", info.signals.size() - shown);
-  out.print("\n{}\n", summary.text());
+  out.print("{}", table.text(terminalWidth()));
+  if (shown < info.signals.size()) {
+    out.print("... and {} more (--all shows them)\n", info.signals.size() - shown);
+  }
+  out.print("\n{}\n{}", summary.text(), durationOf(info));
+  for (const auto& [name, value] : info.attributes) {
+    out.print("{}: {}\n", singleLine(name), singleLine(value));
+  }
 }
 
 void addInfoCommand(CLI::App& app, Action& action) {
@@ -161,10 +238,15 @@ void addInfoCommand(CLI::App& app, Action& action) {
   const auto options = std::make_shared<InfoOptions>();
   addRecordingArgument(*command, options->folder);
   addLinksOption(*command, options->links);
-  command->add_flag("--json", options->asJson, "Print JSON");
+  addSignalArguments(*command, options->signals);
+  CLI::Option* json = command->add_flag("--json", options->asJson, "Print JSON");
+  command->add_flag("--names", options->namesOnly, "Print the names of the signals alone")
+      ->excludes(json);
+  command->add_flag("--all", options->showsAll, "Show all signals on a terminal, too");
   command->footer(R"help(
-Only recording.json of a finished recording is read. While a recording is being written, the rows
-that are durable are shown.
+Only recording.json of a finished recording is read, unless signals are named: then their times are
+read for the largest gap. While a recording is being written, the rows that are durable are shown.
+The rate is the number of samples for each second between the first time and the last.
 
 The columns "time file" and "data file" name files in FOLDER/storage. If several signals share a
 file, their number stands behind it in parentheses. Without a time file, the times, if there are
@@ -174,6 +256,8 @@ FOLDER/storage/pack-*.parquet.
 
 Examples:
   kyr info run
+  kyr info run speed 'g*'
+  kyr info run --names
   kyr info run --json | jq .totals)help");
   setAction(*command, action, options, runInfo);
 }

@@ -15,6 +15,7 @@
 #include "cli/CommandLine.h"
 #include "cli/Errors.h"
 #include "cli/Files.h"
+#include "cli/GivenAttributes.h"
 #include "cli/Interrupt.h"
 #include "cli/Output.h"
 #include "cli/RecordingFolder.h"
@@ -49,7 +50,7 @@ struct RecordOptions {
   bool follows = false;
   bool skipsBad = false;
   bool isStrict = false;
-  bool keepsLastLine = false;
+  std::vector<std::string> attributes;
   bool acknowledges = false;
   bool replaces = false;
 };
@@ -129,11 +130,13 @@ void checkUsage(const RecordOptions& options) {
   requireSharedTimes();
 }
 
-recording::LiveOptions liveOptions(const RecordOptions& options) {
+recording::LiveOptions liveOptions(const RecordOptions& options, const TimeForm& times) {
   static const std::map<std::string, Sync> kSyncs{
       {"never", Sync::never}, {"flush", Sync::flush}, {"seconds", Sync::seconds}};
   recording::LiveOptions live;
   live.storage.sync = kSyncs.at(options.sync);
+  live.attributes = givenAttributes(options.attributes);
+  if (times.isAbsolute()) live.attributes[kStartAttribute] = jsonText(times.start());
   return live;
 }
 
@@ -147,18 +150,14 @@ void warnOfUnendedLine(const std::string& source, std::int64_t line, const std::
                    what));
 }
 
-// The last number of such a row may be a part of a longer one.
-void addLastRow(RowRecorder& recorder, const CsvRow& row, const RecordOptions& options,
-                const std::string& source) {
-  if (!options.keepsLastLine) {
-    warnOfUnendedLine(source, row.line,
-                      "so it may be cut off and is left out (--keep-last-line keeps it)");
-    return;
-  }
+// The last cell of such a row may be a part of a longer one.
+void addLastRow(RowRecorder& recorder, const CsvRow& row, const std::string& source) {
   const std::uint64_t rows = recorder.rows();
   try {
     recorder.add(row);
-    warnOfUnendedLine(source, row.line, recorder.rows() > rows ? "but is kept" : "and is left out");
+    warnOfUnendedLine(
+        source, row.line,
+        recorder.rows() > rows ? "but is kept: its last cell may be cut off" : "and is left out");
   } catch (const std::runtime_error& error) {
     warnOfUnendedLine(source, row.line, fmt::format("and is left out: {}", error.what()));
   }
@@ -166,15 +165,14 @@ void addLastRow(RowRecorder& recorder, const CsvRow& row, const RecordOptions& o
 
 class Recording {
  public:
-  Recording(CsvStream& stream, RowRecorder& recorder, const RecordOptions& options)
-      : stream_(stream), recorder_(recorder), options_(options) {}
+  Recording(CsvStream& stream, RowRecorder& recorder) : stream_(stream), recorder_(recorder) {}
 
   // Records until the input ends or the user stops it.
   void run(Flusher& flusher, StatusLine& status) {
     while (!isInterrupted() && !flusher.isAbandoned()) {
       const CsvStream::Next next = stream_.next(row_, kPatience);
       if (next == CsvStream::Next::end) return;
-      if (next == CsvStream::Next::row) add();
+      if (next == CsvStream::Next::row && !add()) return;
       flusher.flushIfDue(recorder_.rows());
       status.show(recorder_.rows());
     }
@@ -187,7 +185,7 @@ class Recording {
     constexpr std::size_t kPipeBytes = std::size_t{1} << 20U;
     for (std::size_t bytes = 0; bytes < kPipeBytes; bytes += row_.text.size()) {
       if (stream_.next(row_, std::chrono::milliseconds(0)) != CsvStream::Next::row) break;
-      add();
+      if (!add()) return;
     }
     if (const auto line = stream_.unfinishedLine()) {
       tell("warning: " + describeLine(stream_.name(), *line) +
@@ -195,17 +193,15 @@ class Recording {
     }
   }
 
-  void add() {
-    if (row_.isEnded) {
-      recorder_.add(row_);
-    } else {
-      addLastRow(recorder_, row_, options_, stream_.name());
-    }
+  // Returns whether the text goes on.
+  bool add() {
+    if (row_.isEnded) return recorder_.add(row_);
+    addLastRow(recorder_, row_, stream_.name());
+    return true;
   }
 
   CsvStream& stream_;
   RowRecorder& recorder_;
-  const RecordOptions& options_;
   CsvRow row_;
 };
 
@@ -216,7 +212,7 @@ std::string recordRows(CsvStream& stream, RowRecorder& recorder, recording::Live
   Flusher flusher(live, options);
   StatusLine status(options.folder);
   try {
-    Recording(stream, recorder, options).run(flusher, status);
+    Recording(stream, recorder).run(flusher, status);
   } catch (const std::runtime_error& error) {
     failure = error.what();
   }
@@ -226,11 +222,12 @@ std::string recordRows(CsvStream& stream, RowRecorder& recorder, recording::Live
   return failure;
 }
 
-std::unique_ptr<recording::LiveRecording> startRecording(const RecordOptions& options) {
+std::unique_ptr<recording::LiveRecording> startRecording(const RecordOptions& options,
+                                                         const TimeForm& times) {
   std::optional<ReplacedRecording> replaced;
   if (options.replaces) replaced.emplace(options.folder);
   auto live = std::make_unique<recording::LiveRecording>(Path::fromNarrow(options.folder),
-                                                         liveOptions(options));
+                                                         liveOptions(options, times));
   if (replaced) replaced->remove();
   return live;
 }
@@ -239,14 +236,16 @@ int runRecord(const RecordOptions& options) {
   applySettings(options.settings);
   checkUsage(options);
   checkNewRecording(options.folder, options.replaces);
-  CsvStream stream(options.source, options.csv.dialect, options.follows);
-  CsvHeader header = namedColumns(stream.name(), stream.header(), options.csv);
-  if (!stream.isHeaderEnded()) {
+  CsvStream stream(options.source, options.csv, options.follows);
+  const CsvLayout layout = stream.layout();
+  CsvHeader header = describeColumns(stream.name(), layout, options.csv);
+  for (const std::string& note : header.notes) tell(note);
+  if (!layout.isHeaderEnded) {
     warnOfUnendedLine(stream.name(), stream.line(), "so a name may be cut off");
   }
-  const auto live = startRecording(options);
+  const auto live = startRecording(options, header.timeForm);
   RowRecorder recorder(*live, stream.name(), stream.dialect(), std::move(header),
-                       strictnessOf(options));
+                       options.csv.storesTexts(), strictnessOf(options));
   const std::string failure = recordRows(stream, recorder, *live, options);
   if (const std::string skipped = recorder.skipped(); !skipped.empty()) tell("warning: " + skipped);
   const std::string rows = counted(recorder.rows(), "row");
@@ -297,11 +296,10 @@ void addRecordOptions(CLI::App& command, RecordOptions& options) {
                        "stopping there");
   command.add_flag("--strict", options.isStrict, "Stop at a number that would be rounded")
       ->excludes(skipsBad);
-  command.add_flag("--keep-last-line", options.keepsLastLine,
-                   "Keep a last line that has no line feed, although it may be cut off");
+  addAttributeOption(command, options.attributes);
   addCompressionOption(command, options.settings);
   addSetOption(command, options.settings);
-  command.add_flag("--force", options.replaces, "Replace the recording in FOLDER");
+  command.add_flag("-f,--force", options.replaces, "Replace the recording in FOLDER");
 }
 
 }  // namespace
@@ -313,12 +311,12 @@ void addRecordCommand(CLI::App& app, Action& action) {
   command->footer(R"help(
 The first line names the columns, as for kyr import. The first row decides on the types, unless
 --type gives them: true and false make a column boolean, integers of 2^53 or more make it int64 or
-uint64, and everything else makes it double. A warning names the first number of a column that is
-rounded. At an empty cell a signal has no sample.
+uint64, other numbers make it double, and everything else makes it text. A warning names the first
+number of a column that is rounded. At an empty cell a signal has no sample.
 
 Rows become durable every second. If the process crashes, kyr recover saves the durable rows. The
-end of the input, Ctrl-C and SIGTERM finish the recording. A last line without a line feed is left
-out, because a number in it may be cut off. While kyr records, kyr info and kyr cat can read the
+end of the input, Ctrl-C and SIGTERM finish the recording. A last line without a line feed is kept,
+with a warning, if the input ended there and the line has all its cells. While kyr records, kyr info and kyr cat can read the
 recording.
 
 Examples:

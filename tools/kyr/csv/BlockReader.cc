@@ -41,7 +41,7 @@ class BlockReader {
 
   void read() {
     bool isAgain = true;
-    while (isAgain && !values_.failure) {
+    while (isAgain && !values_.failure && cut_ == nullptr) {
       readRows();
       isAgain = planAgain();
     }
@@ -49,18 +49,23 @@ class BlockReader {
     values_.times.last = textOf(lastTime_);
   }
 
+  // Where the text has to end for its last row to be whole; null if it need not be cut.
+  const char* cut() const { return cut_; }
+
  private:
-  enum class Way { skip, integer, real, other, again };
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+  enum class Way { skip, integer, real, text, other, again };
 
   Way wayFor(std::size_t column) const {
-    if (plans_[column].parser) return Way::other;
+    if (plans_[column].parser || plans_[column].timeForm != nullptr) return Way::other;
     switch (values_.columns[column].kind) {
       case CellKind::integer:
         return Way::integer;
       case CellKind::real:
         return Way::real;
       case CellKind::text:
-        return Way::skip;
+        return plans_[column].keepsTexts ? Way::text : Way::skip;
       default:
         return Way::other;
     }
@@ -75,7 +80,12 @@ class BlockReader {
         continue;
       }
       isAgain = true;
-      values_.columns[i].clear(values_.columns[i].kind);
+      CellValues& cells = values_.columns[i];
+      const auto firstText = cells.misfit;
+      const bool hadNumbers = cells.hadNumbers;
+      cells.clear(cells.kind);
+      if (cells.kind == CellKind::text) cells.misfit = firstText;
+      cells.hadNumbers = hadNumbers;
       ways_[i] = wayFor(i);
     }
     return isAgain;
@@ -84,12 +94,12 @@ class BlockReader {
   void readRows() {
     tokens_ = CsvTokenizer(text_, dialect_, 0);
     values_.rows = 0;
-    if (ways_[timeColumn_] != Way::skip) {
+    if (timeColumn_ != kNone && ways_[timeColumn_] != Way::skip) {
       firstTime_ = lastTime_ = {};
       values_.times.indistinct.reset();
     }
     const char* at = tokens_.nextRow(text_.data());
-    while (at != tokens_.end() && !values_.failure) {
+    while (at != tokens_.end() && !values_.failure && cut_ == nullptr) {
       at = tokens_.nextRow(readRow(at));
       ++values_.rows;
     }
@@ -98,16 +108,40 @@ class BlockReader {
 
   const char* readRow(const char* at) {
     const std::size_t columns = ways_.size();
-    for (std::size_t i = 0;; ++at) {
+    const char* const begin = at;
+    for (std::size_t i = 0;; at = tokens_.skipDelimiter(at)) {
       at = readCell(at, i);
       const bool isLast = ++i == columns;
       if (isLast != tokens_.isDelimiter(at)) {
         if (isLast) return at;
         continue;
       }
+      return endRagged(begin, at, i);
+    }
+  }
+
+  // The end of a row that has another number of cells than the header.
+  // \param at  behind the last cell that was read
+  // \param cells  number of cells that were read
+  const char* endRagged(const char* begin, const char* at, std::size_t cells) {
+    if (dialect_.ragged == RaggedRows::stop) {
+      cut_ = begin;
+      return tokens_.end();
+    }
+    const bool isShort = cells < ways_.size();
+    while (dialect_.ragged == RaggedRows::pad && !isShort && tokens_.isDelimiter(at) &&
+           tokens_.isCellEnd(tokens_.skipDelimiter(at))) {
+      at = tokens_.skipDelimiter(at);
+    }
+    if (dialect_.ragged != RaggedRows::pad || tokens_.isDelimiter(at)) {
       values_.failure = "a row has too few or too many cells";
       return tokens_.end();
     }
+    for (; cells < ways_.size(); ++cells) {
+      const bool isRead = ways_[cells] != Way::skip && ways_[cells] != Way::again;
+      if (isRead) values_.columns[cells].missing.push_back(values_.rows);
+    }
+    return at;
   }
 
   const char* readCell(const char* at, std::size_t column) {
@@ -121,6 +155,7 @@ class BlockReader {
     const char* end = nullptr;
     if (way == Way::real) end = readReal(at, cells);
     if (way == Way::integer) end = readInteger(at, cells);
+    if (way == Way::text) return keepText(at, column);
     if (end == nullptr) {
       end = tokens_.skipCell(at);
       readText({at, static_cast<std::size_t>(end - at)}, column);
@@ -157,8 +192,7 @@ class BlockReader {
     double value = 0;
     const CellFit fit = parseReal(text, dialect_.decimalMark, value);
     if (fit == CellFit::none) return false;
-    if (fit == CellFit::tooLarge && !cells.misfit) cells.misfit = values_.rows;
-    if (fit == CellFit::rounded && !cells.rounded) cells.rounded = values_.rows;
+    if (fit != CellFit::exact && !cells.rounded) cells.rounded = values_.rows;
     cells.words.push_back(bitsOf(value));
     return true;
   }
@@ -166,12 +200,13 @@ class BlockReader {
   void readText(std::string_view cell, std::size_t column) {
     CellValues& cells = values_.columns[column];
     const std::string_view text = trimmed(cellText(cell, dialect_, unquoted_));
-    if (text.empty()) {
+    if (isMissing(dialect_, text)) {
       cells.missing.push_back(values_.rows);
     } else if (plans_[column].parser) {
       const CellFit fit = plans_[column].parser->append(text, cells.bytes);
-      if (fit == CellFit::rounded && !cells.rounded) cells.rounded = values_.rows;
-      if (fit == CellFit::exact || fit == CellFit::rounded) return;
+      if (fit == CellFit::exact) return;
+      if (fit != CellFit::none && !cells.rounded) cells.rounded = values_.rows;
+      if (fit != CellFit::none) return;
       cells.misfit = values_.rows;
       ways_[column] = Way::skip;
     } else if (!append(cells.kind, text, column, cells)) {
@@ -179,7 +214,38 @@ class BlockReader {
     }
   }
 
+  // Returns the end of a cell of text.
+  const char* keepText(const char* at, std::size_t column) {
+    const char* const end = tokens_.skipCell(at);
+    const std::string_view cell(at, static_cast<std::size_t>(end - at));
+    const std::string_view text = cellText(cell, dialect_, unquoted_);
+    CellValues& cells = values_.columns[column];
+    if (isNamedMissing(dialect_, trimmed(text))) {
+      cells.missing.push_back(values_.rows);
+      return end;
+    }
+    if (!isUtf8(text) && !values_.noUtf8) values_.noUtf8.emplace(values_.rows, column);
+    cells.bytes.insert(cells.bytes.end(), text.begin(), text.end());
+    cells.words.push_back(text.size());
+    return end;
+  }
+
+  bool appendTime(CellKind kind, std::string_view text, const TimeForm& form, CellValues& cells) {
+    if (kind == CellKind::integer) {
+      const auto nanoseconds = form.nanoseconds(text, dialect_.decimalMark);
+      if (nanoseconds) cells.words.push_back(static_cast<std::uint64_t>(*nanoseconds));
+      return nanoseconds.has_value();
+    }
+    const auto seconds =
+        kind == CellKind::real ? form.seconds(text, dialect_.decimalMark) : std::nullopt;
+    if (seconds) cells.words.push_back(bitsOf(*seconds));
+    return seconds.has_value();
+  }
+
   bool append(CellKind kind, std::string_view text, std::size_t column, CellValues& cells) {
+    if (const TimeForm* const form = plans_[column].timeForm) {
+      return appendTime(kind, text, *form, cells);
+    }
     switch (kind) {
       case CellKind::integer:
         return appendInteger<std::int64_t>(text, cells);
@@ -208,9 +274,14 @@ class BlockReader {
     do {
       kind = static_cast<CellKind>(static_cast<int>(kind) + 1);
     } while (kind != CellKind::text && !append(kind, text, column, target));
+    const bool isText = kind == CellKind::text;
+    if (isText) {
+      cells.misfit = values_.rows;
+      cells.hadNumbers = cells.kind != CellKind::empty;
+    }
     cells.kind = kind;
-    if (kind == CellKind::text) cells.misfit = values_.rows;
-    ways_[column] = hasValues && kind != CellKind::text ? Way::again : wayFor(column);
+    const bool isWanted = !isText || plans_[column].keepsTexts;
+    ways_[column] = isWanted && (hasValues || isText) ? Way::again : wayFor(column);
   }
 
   // Compares a time with the one before, if they have the same double.
@@ -235,11 +306,28 @@ class BlockReader {
   std::string_view text_;
   CsvTokenizer tokens_;
   std::vector<Way> ways_;
-  std::size_t timeColumn_ = 0;
+  std::size_t timeColumn_ = kNone;
+  const char* cut_ = nullptr;
   std::string_view firstTime_;  // as they stand in the text
   std::string_view lastTime_;
   std::string unquoted_;
 };
+
+// The start of the row in which a quotation mark is not closed.
+const char* beginOfUnclosed(std::string_view text, const CsvDialect& dialect) {
+  CsvRows rows(text, dialect, 0);
+  CsvRow row;
+  while (rows.next(row) && !row.isUnclosed) {
+  }
+  return row.text.data();
+}
+
+void cutBlock(BlockValues& values, const char* end) {
+  CsvBlock& block = values.block;
+  block.text = block.text.substr(0, static_cast<std::size_t>(end - block.text.data()));
+  block.isUnclosed = false;
+  values.isCut = true;
+}
 
 }  // namespace
 
@@ -250,21 +338,34 @@ void CellValues::clear(CellKind newKind) {
   bytes.clear();
   misfit.reset();
   rounded.reset();
+  hadNumbers = false;
 }
 
 void readBlock(const CsvBlock& block, const CsvDialect& dialect, const std::vector<CellPlan>& plans,
                BlockValues& values) {
   values.block = block;
-  values.rows = 0;
-  values.lines = 0;
-  values.failure.reset();
-  values.columns.resize(plans.size());
-  for (std::size_t i = 0; i < plans.size(); ++i) values.columns[i].clear(plans[i].kind);
-  if (block.isUnclosed) {
-    values.failure = "a quotation mark is not closed";
-    return;
+  values.isCut = false;
+  if (block.isUnclosed && dialect.ragged == RaggedRows::stop) {
+    const char* const end = beginOfUnclosed(block.text, dialect);
+    cutBlock(values, end);
   }
-  BlockReader(dialect, plans, values).read();
+  const char* cut = nullptr;
+  do {
+    if (cut != nullptr) cutBlock(values, cut);
+    values.rows = 0;
+    values.lines = 0;
+    values.failure.reset();
+    values.noUtf8.reset();
+    values.columns.resize(plans.size());
+    for (std::size_t i = 0; i < plans.size(); ++i) values.columns[i].clear(plans[i].kind);
+    if (values.block.isUnclosed) {
+      values.failure = "a quotation mark is not closed";
+      return;
+    }
+    BlockReader reader(dialect, plans, values);
+    reader.read();
+    cut = reader.cut();
+  } while (cut != nullptr);
 }
 
 }  // namespace kyr::tool

@@ -92,7 +92,7 @@ CellFit appendNumber(std::string_view text, char decimalMark, std::vector<char>&
     return CellFit::exact;
   } else {
     const CellFit fit = parseAsReal(text, decimalMark, value);
-    if (fit == CellFit::exact || fit == CellFit::rounded) appendBytes(value, bytes);
+    if (fit != CellFit::none) appendBytes(value, bytes);
     return fit;
   }
 }
@@ -130,7 +130,9 @@ bool parseDecimal(std::string_view text, char decimalMark, Decimal& decimal) {
   if (exponent < text.size()) {
     std::string_view power = text.substr(exponent + 1);
     if (!power.empty() && power[0] == '+') power.remove_prefix(1);
+    constexpr std::int64_t kMostPower = 1'000'000;
     if (!parseWhole<::arrow::Int64Type>(power, decimal.power)) return false;
+    if (std::abs(decimal.power) > kMostPower) return false;
   }
   const std::string_view mantissa = text.substr(0, exponent);
   const std::size_t mark = std::min(mantissa.find(decimalMark), mantissa.size());
@@ -186,6 +188,24 @@ bool isSameDecimal(std::string_view a, std::string_view b, char decimalMark) {
   if (first.digits.empty() || second.digits.empty()) return first.digits == second.digits;
   return first.digits == second.digits && first.power == second.power &&
          first.isNegative == second.isNegative;
+}
+
+std::optional<std::int64_t> parseScaled(std::string_view text, char decimalMark, int power) {
+  constexpr std::int64_t kMostDigits = 19;
+  Decimal decimal;
+  if (text.find_first_of("0123456789") == std::string_view::npos ||
+      !parseDecimal(text, decimalMark, decimal)) {
+    return std::nullopt;
+  }
+  if (decimal.digits.empty()) return 0;
+  const std::int64_t zeros = decimal.power + power;
+  if (zeros < 0 || zeros + static_cast<std::int64_t>(decimal.digits.size()) > kMostDigits) {
+    return std::nullopt;
+  }
+  decimal.digits.append(static_cast<std::size_t>(zeros), '0');
+  std::int64_t value = 0;
+  if (!parseWhole<::arrow::Int64Type>(decimal.digits, value)) return std::nullopt;
+  return decimal.isNegative ? -value : value;
 }
 
 CellParser::CellParser(KYRSignalDataType type, char decimalMark)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -12,7 +13,7 @@ namespace kyr::tool {
 enum class CellFit {
   exact,     ///< also for fractions: they have the nearest value
   rounded,   ///< an integer to which the nearest value of the type is not equal
-  tooLarge,  ///< a number beyond the type; its value is infinite
+  tooLarge,  ///< a number beyond a type of fractions; its value is infinite
   none,      ///< the cell holds no value of the type
 };
 
@@ -33,6 +34,9 @@ bool isExactInDouble(std::uint64_t number);
 /// Whether two decimal numbers are equal, however they are written and however many digits they
 /// have. False if one of them is written in another way.
 bool isSameDecimal(std::string_view a, std::string_view b, char decimalMark);
+
+/// The number in a text times 10^\p power, if it is whole and an int64.
+std::optional<std::int64_t> parseScaled(std::string_view text, char decimalMark, int power);
 
 /// Reads cells as values of a type.
 ///

@@ -3,32 +3,16 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <numeric>
 #include <stdexcept>
 
 #include "cli/Interrupt.h"
 #include "cli/Settings.h"
 #include "cli/Text.h"
-#include "kyr/parquet/SafeStorage.h"
 
 namespace kyr::tool {
 
 namespace {
-
-// Rows wait in memory until they make up a batch, so the batches of many columns are smaller.
-// Small columns go to packs and are written once if they are not written here: their batches are as
-// long as memory allows.
-parquet::SafeStorage storageFor(std::size_t columns, std::size_t packBelow) {
-  constexpr std::size_t kBytesInAll = std::size_t{128} << 20U;
-  parquet::SafeStorage storage;
-  storage.publishesBatches = false;
-  storage.batchBytes = std::clamp(kBytesInAll / (columns + 1), std::size_t{1}, storage.batchBytes);
-  storage.holdBelow = packBelow;
-  if (storage.holdBelow == 0) return storage;
-  constexpr std::size_t kLeastBatch = std::size_t{1} << 19U;
-  storage.batchBytes = std::min(storage.batchBytes, std::max(storage.holdBelow, kLeastBatch));
-  storage.batchRows = std::max(storage.batchRows, storage.batchBytes);
-  return storage;
-}
 
 template <typename Operation>
 void naming(const CsvColumn& column, Operation&& operation) {
@@ -42,6 +26,22 @@ void naming(const CsvColumn& column, Operation&& operation) {
 }
 
 }  // namespace
+
+// Rows wait in memory until they make up a batch, so the batches of many signals are smaller.
+// Small signals go to packs and are written once if they are not written here: their batches are as
+// long as memory allows.
+parquet::SafeStorage storageFor(std::size_t signals, std::size_t packBelow) {
+  constexpr std::size_t kBytesInAll = std::size_t{128} << 20U;
+  parquet::SafeStorage storage;
+  storage.publishesBatches = false;
+  storage.batchBytes = std::clamp(kBytesInAll / (signals + 1), std::size_t{1}, storage.batchBytes);
+  storage.holdBelow = packBelow;
+  if (storage.holdBelow == 0) return storage;
+  constexpr std::size_t kLeastBatch = std::size_t{1} << 19U;
+  storage.batchBytes = std::min(storage.batchBytes, std::max(storage.holdBelow, kLeastBatch));
+  storage.batchRows = std::max(storage.batchRows, storage.batchBytes);
+  return storage;
+}
 
 ColumnStore::ColumnStore(const Path& directory, std::size_t columns,
                          std::optional<StreamOptions> stream, std::size_t packBelow)
@@ -59,16 +59,24 @@ const ColumnStore::Signal& ColumnStore::signalOf(const CsvColumn& column) {
   return signal;
 }
 
-void ColumnStore::append(const CsvColumn& column, const double* times, const char* bytes,
-                         std::size_t count) {
+void ColumnStore::append(const CsvColumn& column, const ColumnSamples& samples) {
   naming(column, [&] {
     parquet::StreamableSignal& signal = *signalOf(column);
     const std::size_t width = parquet::elementWidth(column.type);
     const std::size_t chunk = stream_ ? stream_->chunkRows : StreamOptions().chunkRows;
-    for (std::size_t row = 0; row < count; row += chunk) {
-      const std::size_t rows = std::min(chunk, count - row);
-      signal.appendTime(times + row, rows);
-      signal.appendData(bytes + row * width, rows * width, {}, {});
+    const char* bytes = samples.bytes;
+    for (std::size_t row = 0; row < samples.count; row += chunk) {
+      const std::size_t rows = std::min(chunk, samples.count - row);
+      std::vector<int> lengths;
+      std::size_t size = rows * width;
+      if (samples.lengths != nullptr) {
+        const auto first = samples.lengths->begin() + static_cast<std::ptrdiff_t>(row);
+        lengths.assign(first, first + static_cast<std::ptrdiff_t>(rows));
+        size = std::accumulate(lengths.begin(), lengths.end(), std::size_t{0});
+      }
+      signal.appendTime(samples.times + row, rows);
+      signal.appendData(bytes, size, {}, lengths);
+      bytes += size;
     }
   });
 }

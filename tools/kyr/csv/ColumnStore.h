@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "csv/CsvTable.h"
+#include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/parquet/StreamableSignal.h"
 
@@ -16,6 +17,10 @@ struct StreamOptions {
   std::size_t chunkRows = 8192;   ///< rows per append at most
   std::size_t batchRows = 65536;  ///< rows per row group
 };
+
+/// How a pool stores so many signals, of which a batch each is in memory.
+/// \param packBelow  contents of fewer bytes will be packed
+parquet::SafeStorage storageFor(std::size_t signals, std::size_t packBelow);
 
 /// Stores columns as signals of its own pool, each with exactly the samples that it is given. Equal
 /// contents are stored once, and signals share the files of their times.
@@ -28,8 +33,7 @@ class ColumnStore : public SampleSink {
               std::size_t packBelow);
 
   /// \throws std::runtime_error naming the signal if it cannot be stored
-  void append(const CsvColumn& column, const double* times, const char* bytes,
-              std::size_t count) override;
+  void append(const CsvColumn& column, const ColumnSamples& samples) override;
   void drop(const CsvColumn& column) override;
 
   /// To be called at the end for each column that is kept.

@@ -1,29 +1,16 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "csv/CsvDialect.h"
-#include "csv/CsvTokenizer.h"
+#include "csv/CsvLayout.h"
+#include "csv/CsvOptions.h"
+#include "csv/TimeForm.h"
 #include "kyr/parquet/SignalTypes.h"
 
-namespace CLI {
-class App;
-}
-
 namespace kyr::tool {
-
-/// How the user wants a CSV text to be read.
-struct CsvOptions {
-  CsvDialect dialect;
-  std::string timeName;            ///< column of the times; empty for the first
-  std::vector<std::string> types;  ///< "NAME=TYPE" each
-};
-
-/// Adds the options of CSV texts to a command.
-void addCsvOptions(CLI::App& command, CsvOptions& options);
 
 /// A column that becomes a signal.
 struct CsvColumn {
@@ -35,32 +22,21 @@ struct CsvColumn {
   bool isGiven = false;  ///< whether the user gave the type
 };
 
-/// What a header row says.
+/// What the columns of a CSV text are.
 struct CsvHeader {
-  std::size_t timePlace = 0;
+  std::optional<std::size_t> timePlace;  ///< none if rows are numbered
   std::string timeName;
-  std::string timeUnit;
+  TimeForm timeForm;
+  std::size_t width = 0;           ///< number of columns
   std::vector<CsvColumn> columns;  ///< without the time
+  std::vector<std::string> notes;  ///< one sentence each on what the user may not expect
 };
 
-/// Number of bytes of the byte order mark that begins a text; 0 if there is none.
+/// Finds the time column, and names, units and given types of the others.
 /// \param source  what error texts call the text
-/// \throws std::runtime_error if it is the mark of UTF-16
-std::size_t byteOrderMarkSize(const std::string& source, std::string_view text);
-
-/// The cells of a header row, without blanks around them.
-/// \throws std::runtime_error if the row is not UTF-8, or ends within quotes
-std::vector<std::string> headerCells(const std::string& source, const CsvRow& row,
-                                     const CsvDialect& dialect);
-
-/// Ends the reading of a text that has no header row.
-[[noreturn]] void throwNoHeader(const std::string& source);
-
-/// Names, units and given types of the columns.
-/// \param cells  as headerCells() gives them
 /// \throws std::runtime_error if a column that the options name is missing, UsageError for wrong
 ///         types
-CsvHeader namedColumns(const std::string& source, const std::vector<std::string>& cells,
-                       const CsvOptions& options);
+CsvHeader describeColumns(const std::string& source, const CsvLayout& layout,
+                          const CsvOptions& options);
 
 }  // namespace kyr::tool

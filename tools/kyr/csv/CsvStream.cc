@@ -13,7 +13,6 @@
 
 #include "cli/Errors.h"
 #include "cli/Interrupt.h"
-#include "csv/CsvHeader.h"
 #include "csv/CsvMessages.h"
 
 namespace kyr::tool {
@@ -27,9 +26,10 @@ constexpr std::chrono::milliseconds kHeaderPatience(200);
 
 }  // namespace
 
-CsvStream::CsvStream(const std::string& source, CsvDialect dialect, bool follows)
+CsvStream::CsvStream(const std::string& source, const CsvOptions& options, bool follows)
     : name_(source == "-" ? "standard input" : source),
-      dialect_(std::move(dialect)),
+      options_(options),
+      decoder_(name_, options.encoding),
       descriptor_(source == "-" ? STDIN_FILENO : ::open(source.c_str(), O_RDONLY | O_CLOEXEC)),
       follows_(follows) {
   if (descriptor_ < 0) throw systemError(name_, "read", errno);
@@ -39,16 +39,23 @@ CsvStream::~CsvStream() {
   if (descriptor_ != STDIN_FILENO) ::close(descriptor_);
 }
 
-std::vector<std::string> CsvStream::header() {
-  CsvRow row;
-  for (std::size_t rows = 0; rows < dialect_.headerRow;) {
+CsvLayout CsvStream::layout() {
+  while (!isAtEnd_ && !hasBeginning()) {
+    if (isInterrupted() && buffer_.find_first_of("\r\n") != std::string::npos) break;
     stopIfInterrupted();
-    const Next found = next(row, kHeaderPatience);
-    if (found == Next::end) throwNoHeader(name_);
-    if (found == Next::row) ++rows;
+    fill(kHeaderPatience);
   }
-  isHeaderEnded_ = row.isEnded;
-  return headerCells(name_, row, dialect_);
+  const std::size_t mark = byteOrderMarkSize(buffer_);
+  CsvLayout layout = findLayout(name_, std::string_view(buffer_).substr(mark), isAtEnd_, options_);
+  dialect_ = layout.dialect;
+  begin_ = mark + layout.bodyPosition;
+  line_ = layout.bodyLine;
+  return layout;
+}
+
+bool CsvStream::hasBeginning() {
+  const std::size_t mark = byteOrderMarkSize(buffer_);
+  return isEnoughForLayout(std::string_view(buffer_).substr(mark), options_);
 }
 
 CsvStream::Next CsvStream::next(CsvRow& row, std::chrono::milliseconds patience) {
@@ -64,7 +71,6 @@ CsvStream::Next CsvStream::next(CsvRow& row, std::chrono::milliseconds patience)
 }
 
 bool CsvStream::takeRow(CsvRow& row) {
-  if (!skipByteOrderMark()) return false;
   const std::string_view text = std::string_view(buffer_).substr(begin_);
   CsvRows rows(text, dialect_, line_);
   const bool isRow = rows.next(row);
@@ -74,16 +80,6 @@ bool CsvStream::takeRow(CsvRow& row) {
   begin_ += rows.position();
   line_ = rows.line();
   return isRow;
-}
-
-// Returns false until enough has come to tell whether there is one.
-bool CsvStream::skipByteOrderMark() {
-  constexpr std::size_t kLongestMark = 3;
-  if (isMarkSkipped_) return true;
-  if (buffer_.size() < kLongestMark && !isAtEnd_) return false;
-  begin_ = byteOrderMarkSize(name_, buffer_);
-  isMarkSkipped_ = true;
-  return true;
 }
 
 std::optional<std::int64_t> CsvStream::unfinishedLine() const {
@@ -102,13 +98,14 @@ bool CsvStream::fill(std::chrono::milliseconds patience) {
     throw std::runtime_error(describeLine(name_, line_) + ": the row has no end");
   }
   if (!waitForMore(patience)) return false;
-  const std::size_t before = buffer_.size();
-  buffer_.resize(before + kPieceBytes);
-  const ssize_t got = ::read(descriptor_, &buffer_[before], kPieceBytes);
+  piece_.resize(kPieceBytes);
+  const ssize_t got = ::read(descriptor_, piece_.data(), piece_.size());
   const int error = errno;
-  buffer_.resize(before + static_cast<std::size_t>(got > 0 ? got : 0));
   if (got < 0 && error != EINTR && error != EAGAIN) throw systemError(name_, "read", error);
-  if (got > 0) taken_ += static_cast<std::uint64_t>(got);
+  if (got > 0) {
+    taken_ += static_cast<std::uint64_t>(got);
+    decoder_.decode({piece_.data(), static_cast<std::size_t>(got)}, buffer_);
+  }
   if (got != 0) return got > 0;
   if (follows_) {
     struct stat status {};
@@ -119,6 +116,7 @@ bool CsvStream::fill(std::chrono::milliseconds patience) {
     std::this_thread::sleep_for(std::min(patience, kFollowInterval));
     return false;
   }
+  decoder_.finish(buffer_);
   isAtEnd_ = true;
   return true;
 }

@@ -7,8 +7,10 @@
 #include <string_view>
 #include <vector>
 
-#include "csv/CsvDialect.h"
+#include "csv/CsvLayout.h"
+#include "csv/CsvOptions.h"
 #include "csv/CsvTokenizer.h"
+#include "csv/InputDecoder.h"
 
 namespace kyr::tool {
 
@@ -19,7 +21,7 @@ class CsvStream {
  public:
   /// \param source  name of a file, or "-" for standard input
   /// \param follows  whether to wait for more where the file ends
-  CsvStream(const std::string& source, CsvDialect dialect, bool follows);
+  CsvStream(const std::string& source, const CsvOptions& options, bool follows);
   ~CsvStream();
   CsvStream(const CsvStream&) = delete;
   CsvStream& operator=(const CsvStream&) = delete;
@@ -28,13 +30,9 @@ class CsvStream {
   const std::string& name() const { return name_; }
   const CsvDialect& dialect() const { return dialect_; }
 
-  /// The cells of the header row, without blanks around them. Waits for the row. To be called
-  /// first, and once.
-  /// \throws Interrupted
-  std::vector<std::string> header();
-
-  /// Whether a line end followed the header row. Otherwise it may have been cut off.
-  bool isHeaderEnded() const { return isHeaderEnded_; }
+  /// What the first rows say. Waits for the names and some values. To be called first, and once.
+  /// \throws Interrupted if not even the names have come
+  CsvLayout layout();
 
   enum class Next {
     row,
@@ -56,21 +54,22 @@ class CsvStream {
 
  private:
   bool takeRow(CsvRow& row);
-  bool skipByteOrderMark();
+  bool hasBeginning();
   bool fill(std::chrono::milliseconds patience);
   bool waitForMore(std::chrono::milliseconds patience) const;
 
   std::string name_;
+  CsvOptions options_;
   CsvDialect dialect_;
+  InputDecoder decoder_;
   int descriptor_;
   bool follows_;
+  std::string piece_;
   std::string buffer_;
   std::size_t begin_ = 0;    // of the text behind the last row
   std::int64_t line_ = 1;    // line of begin_
   std::uint64_t taken_ = 0;  // bytes read so far
   bool isAtEnd_ = false;
-  bool isHeaderEnded_ = true;
-  bool isMarkSkipped_ = false;
 };
 
 }  // namespace kyr::tool

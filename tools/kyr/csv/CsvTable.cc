@@ -25,6 +25,8 @@ KYRSignalDataType typeOf(CellKind kind) {
       return UInt64;
     case CellKind::boolean:
       return Boolean;
+    case CellKind::text:
+      return ByteString;
     default:
       return Double;
   }
@@ -33,13 +35,16 @@ KYRSignalDataType typeOf(CellKind kind) {
 }  // namespace
 
 CsvTable::CsvTable(const std::string& path, const CsvOptions& options)
-    : text_(path, options.dialect),
-      header_(namedColumns(path, text_.header(), options)),
-      times_(text_, header_.timePlace, header_.timeName) {
+    : text_(path, options),
+      header_(describeColumns(text_.name(), text_.layout(), options)),
+      times_(text_, header_) {
   for (CsvColumn& described : header_.columns) {
     Column& column = read_.emplace_back();
-    if (described.isGiven) {
-      column.plan.parser.emplace(described.type, options.dialect.decimalMark);
+    column.plan.keepsTexts = options.storesTexts();
+    if (described.isGiven && described.type == ByteString) {
+      column.plan.kind = CellKind::text;
+    } else if (described.isGiven) {
+      column.plan.parser.emplace(described.type, text_.dialect().decimalMark);
     }
     column.described = std::move(described);
   }
@@ -62,21 +67,46 @@ void CsvTable::readBlocks(SampleSink& sink, const Progress& progress) {
   while (auto block = blocks.next(plans(), hasGuess_ ? ahead : 0)) {
     stopIfInterrupted();
     if (!block->failure && isReadTooStrictly(*block)) {
+      const bool wasCut = block->isCut;
       readBlock(block->block, text_.dialect(), plans(), *block);
+      block->isCut = block->isCut || wasCut;
     }
     if (block->failure) text_.throwUnreadable(*block->failure);
+    requireUtf8(*block);
     takeBlock(*block, sink);
     const std::string_view text = block->block.text;
     MappedText::release(text);
     done += text.size();
     if (progress) progress(static_cast<double>(done) / static_cast<double>(body.size()));
+    if (block->isCut) return noteCut(*block);
     blocks.giveBack(std::move(block));
   }
 }
 
+void CsvTable::noteCut(const BlockValues& block) {
+  if (std::exchange(isCut_, true)) return;
+  const char* const end = block.block.text.data() + block.block.text.size();
+  const std::string_view body = text_.body();
+  CsvRows rest(body.substr(static_cast<std::size_t>(end - body.data())), text_.dialect(), line_);
+  CsvRow row;
+  rest.next(row);
+  header_.notes.push_back(
+      fmt::format("warning: {}: {}; it is left out with all that follows (--ragged stop)",
+                  describeLine(text_.name(), row.line),
+                  row.isUnclosed ? kUnclosedQuote : wrongCellCount(row.cells, header_.width)));
+}
+
+void CsvTable::requireUtf8(const BlockValues& block) const {
+  if (!block.noUtf8) return;
+  const auto [row, place] = *block.noUtf8;
+  const CsvPlace found = placeOf(block.block.text, text_.dialect(), line_, row, place);
+  const std::string& name = text_.layout().names[place];
+  throw std::runtime_error(describePlace(text_.name(), found.line, name) + " " + kNoUtf8);
+}
+
 std::vector<CellPlan> CsvTable::plans() const {
-  std::vector<CellPlan> plans(read_.size() + 1);
-  plans[times_.place()] = times_.plan();
+  std::vector<CellPlan> plans(header_.width);
+  times_.addTo(plans);
   for (const Column& column : read_) plans[column.described.place] = column.plan;
   return plans;
 }
@@ -86,7 +116,10 @@ bool CsvTable::isReadTooStrictly(const BlockValues& block) const {
   const std::vector<CellPlan> current = plans();
   for (std::size_t i = 0; i < current.size(); ++i) {
     const CellKind found = block.columns[i].kind;
-    if (current[i].isRead && found != CellKind::empty && found < current[i].kind) return true;
+    const CellKind wanted = current[i].kind;
+    // What stands for no number, such as NA, is a text.
+    const bool isLess = found < wanted && (found != CellKind::empty || wanted == CellKind::text);
+    if (current[i].isRead && isLess) return true;
   }
   return false;
 }
@@ -110,29 +143,38 @@ void CsvTable::takeCells(Column& column, const BlockValues& block, SampleSink& s
   const auto placed = [&](std::uint32_t row) {
     return placeOf(block.block.text, text_.dialect(), line_, row, column.described.place);
   };
-  const bool isWrong = cells.misfit && (column.plan.parser || cells.kind == CellKind::text);
+  const bool isLeftOut = cells.kind == CellKind::text && !column.plan.keepsTexts;
+  const bool isWrong = cells.misfit && (column.plan.parser || isLeftOut);
   if (isWrong) {
     leaveOut(column, sink);
     column.plan.kind = cells.kind;
     column.misfit = placed(*cells.misfit);
     return;
   }
+  const bool hadNumbers = cells.hadNumbers || column.plan.kind > CellKind::empty;
+  if (cells.misfit && hadNumbers && !column.firstText) column.firstText = placed(*cells.misfit);
   changeKind(column, cells.kind, sink);
   if (column.isStale) return;
-  if (cells.misfit && !column.misfit) column.misfit = placed(*cells.misfit);
   if (cells.rounded && column.loss.empty()) {
     const CsvPlace place = placed(*cells.rounded);
-    column.loss =
-        describe(place, column.described) + " " + roundedNumber(place.cell, column.described.type);
+    column.loss = describe(place, column.described) + " " +
+                  roundedNumber(place.cell, text_.dialect().decimalMark, column.described.type);
   }
   takeSamples(column, cells, sink);
 }
 
 void CsvTable::takeSamples(Column& column, const CellValues& cells, SampleSink& sink) {
   const CsvColumn& described = column.described;
-  const std::size_t count = cells.size(parquet::elementWidth(described.type));
-  if (count == 0) return;
-  sink.append(described, times_.timesWithout(cells.missing).data(), cells.data(), count);
+  ColumnSamples samples;
+  samples.count = cells.size(parquet::elementWidth(described.type));
+  if (samples.count == 0) return;
+  samples.times = times_.timesWithout(cells.missing).data();
+  samples.bytes = cells.data();
+  if (cells.kind == CellKind::text) {
+    lengths_.assign(cells.words.begin(), cells.words.end());
+    samples.lengths = &lengths_;
+  }
+  sink.append(described, samples);
   column.hasSamples = true;
 }
 
@@ -140,7 +182,9 @@ void CsvTable::changeKind(Column& column, CellKind kind, SampleSink& sink) {
   if (column.plan.parser || kind <= column.plan.kind) return;
   column.plan.kind = kind;
   column.described.type = typeOf(kind);
-  if (column.hasSamples) startAgain(column, sink);
+  // What stands for no number, such as NA, is a text.
+  const bool isText = kind == CellKind::text && hasGuess_;
+  if (column.hasSamples || isText) startAgain(column, sink);
 }
 
 void CsvTable::leaveOut(Column& column, SampleSink& sink) {
@@ -172,16 +216,26 @@ void CsvTable::acceptColumns() {
   if (!times_.loss().empty()) losses_.push_back(times_.loss());
   for (const Column& column : read_) {
     const CsvColumn& described = column.described;
-    if (column.plan.kind == CellKind::text) {
-      losses_.push_back(fmt::format("{} is left out: it holds {}, which is no number",
-                                    describe(*column.misfit, described),
-                                    inQuotes(column.misfit->cell)));
+    const bool isText = column.plan.kind == CellKind::text;
+    if (isText && !column.plan.keepsTexts) {
+      if (column.misfit) {
+        header_.notes.push_back(fmt::format("{} is left out: it holds {}, which is no number",
+                                            describe(*column.misfit, described),
+                                            inQuotes(column.misfit->cell)));
+      }
       continue;
+    }
+    if (isText && column.firstText) {
+      header_.notes.push_back(fmt::format(
+          "warning: {} holds {}, which is no number, so the column is stored as text (--missing {} "
+          "takes it for an empty cell)",
+          describe(*column.firstText, described), inQuotes(column.firstText->cell),
+          inQuotes(column.firstText->cell)));
     }
     if (!column.loss.empty()) losses_.push_back(column.loss);
     // A comma at the end of every line makes a column without name and content.
     const bool isNothing = !described.isGiven && column.plan.kind == CellKind::empty &&
-                           text_.header()[described.place].empty();
+                           text_.layout().names[described.place].empty();
     if (!isNothing) columns_.push_back(described);
   }
 }
@@ -195,7 +249,7 @@ void CsvTable::checkTypes() const {
 }
 
 std::string CsvTable::describe(const CsvPlace& place, const CsvColumn& column) const {
-  return describePlace(text_.path(), place.line, column.name);
+  return describePlace(text_.name(), place.line, column.name);
 }
 
 }  // namespace kyr::tool

@@ -11,20 +11,27 @@
 #include "csv/CsvHeader.h"
 #include "csv/CsvText.h"
 #include "csv/CsvTimes.h"
+#include "csv/CsvTokenizer.h"
 
 namespace kyr::tool {
 
 /// Called with the part of the work that is done, from 0 to 1.
 using Progress = std::function<void(double)>;
 
+/// Some samples of a column.
+struct ColumnSamples {
+  const double* times = nullptr;
+  std::size_t count = 0;
+  const char* bytes = nullptr;  ///< values of the column's type, in memory order, or texts
+  const std::vector<int>* lengths = nullptr;  ///< of texts; null for other types
+};
+
 /// Takes the samples of columns, block by block in the order of the rows.
 class SampleSink {
  public:
   virtual ~SampleSink() = default;
 
-  /// \param bytes  \p count values of the column's type, in memory order
-  virtual void append(const CsvColumn& column, const double* times, const char* bytes,
-                      std::size_t count) = 0;
+  virtual void append(const CsvColumn& column, const ColumnSamples& samples) = 0;
 
   /// Forgets the samples of a column. They come again as another type, or never.
   virtual void drop(const CsvColumn& column) = 0;
@@ -44,7 +51,7 @@ class CsvTable {
   CsvTable& operator=(const CsvTable&) = delete;
 
   /// Number of columns in the header.
-  std::size_t width() const { return text_.header().size(); }
+  std::size_t width() const { return header_.width; }
 
   /// Gives all samples to \p sink. To be called once.
   void read(SampleSink& sink, const Progress& progress);
@@ -56,8 +63,12 @@ class CsvTable {
   /// numbers, and roundings.
   const std::vector<std::string>& losses() const { return losses_; }
 
-  /// The unit that the header gives to the time column.
-  const std::string& timeUnit() const { return header_.timeUnit; }
+  /// One sentence each on what the user may not expect, though nothing is lost. After read() there
+  /// may be more.
+  const std::vector<std::string>& notes() const { return header_.notes; }
+
+  /// How the times are written.
+  const TimeForm& timeForm() const { return header_.timeForm; }
 
   /// After read().
   /// \throws std::runtime_error naming a cell that does not fit the type of its column
@@ -72,11 +83,14 @@ class CsvTable {
     bool isStale = false;     ///< whether they were of another type and dropped
     std::string loss;
     std::optional<CsvPlace> misfit;
+    std::optional<CsvPlace> firstText;  ///< of a column that holds numbers, too
   };
 
   void readBlocks(SampleSink& sink, const Progress& progress);
   std::vector<CellPlan> plans() const;
   bool isReadTooStrictly(const BlockValues& block) const;
+  void noteCut(const BlockValues& block);
+  void requireUtf8(const BlockValues& block) const;
   void takeBlock(const BlockValues& block, SampleSink& sink);
   void takeCells(Column& column, const BlockValues& block, SampleSink& sink);
   void takeSamples(Column& column, const CellValues& cells, SampleSink& sink);
@@ -92,6 +106,8 @@ class CsvTable {
   CsvTimes times_;
   bool isTimeStale_ = false;  ///< whether earlier blocks read the times as another kind
   std::vector<Column> read_;
+  std::vector<int> lengths_;
+  bool isCut_ = false;     ///< whether the text ends before its end
   bool hasGuess_ = false;  ///< whether a block has shown what the columns may be
   std::int64_t line_ = 0;  ///< at which the next block begins
   std::vector<CsvColumn> columns_;

@@ -1,41 +1,32 @@
 #include "csv/CsvText.h"
 
 #include <stdexcept>
-#include <utility>
 
-#include "csv/CsvHeader.h"
 #include "csv/CsvMessages.h"
+#include "csv/CsvTokenizer.h"
 
 namespace kyr::tool {
 
-CsvText::CsvText(std::string path, CsvDialect dialect)
-    : path_(std::move(path)), dialect_(std::move(dialect)), mapped_(path_) {
-  readHeader();
-}
-
-void CsvText::readHeader() {
-  const std::string_view text = mapped_.text();
-  const std::size_t begin = byteOrderMarkSize(path_, text);
-  CsvRows rows(text.substr(begin), dialect_, 1);
-  CsvRow row;
-  for (std::size_t i = 0; i < dialect_.headerRow; ++i) {
-    if (!rows.next(row)) throwNoHeader(path_);
-  }
-  header_ = headerCells(path_, row, dialect_);
-  bodyPosition_ = begin + rows.position();
-  bodyLine_ = rows.line();
+CsvText::CsvText(const std::string& path, const CsvOptions& options)
+    : name_(path == "-" ? "standard input" : path), mapped_(path, options.encoding) {
+  const std::size_t mark = byteOrderMarkSize(mapped_.text());
+  const std::string_view text = mapped_.text().substr(mark);
+  const std::string_view sample = sampleOf(text);
+  layout_ = findLayout(name_, sample, sample.size() == text.size(), options);
+  bodyPosition_ = mark + layout_.bodyPosition;
 }
 
 void CsvText::throwUnreadable(const std::string& otherwise) const {
   std::string ragged;
-  CsvRows rows(body(), dialect_, bodyLine_);
+  CsvRows rows(body(), dialect(), bodyLine());
   for (CsvRow row; rows.next(row);) {
-    const std::string line = describeLine(path_, row.line) + ": ";
+    const std::string line = describeLine(name_, row.line) + ": ";
     if (row.isUnclosed) throw std::runtime_error(line + kUnclosedQuote);
-    if (!ragged.empty() || row.cells == header_.size()) continue;
-    ragged = line + wrongCellCount(row.cells, header_.size());
+    const bool isPadded = dialect().ragged == RaggedRows::pad && row.cells < layout_.names.size();
+    if (!ragged.empty() || row.cells == layout_.names.size() || isPadded) continue;
+    ragged = line + wrongCellCount(row.cells, layout_.names.size()) + kRaggedHint;
   }
-  throw std::runtime_error(ragged.empty() ? path_ + " cannot be read: " + otherwise : ragged);
+  throw std::runtime_error(ragged.empty() ? name_ + " cannot be read: " + otherwise : ragged);
 }
 
 }  // namespace kyr::tool

@@ -3,29 +3,28 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "csv/CsvDialect.h"
-#include "csv/CsvTokenizer.h"
+#include "csv/CsvLayout.h"
+#include "csv/CsvOptions.h"
 #include "csv/MappedText.h"
 
 namespace kyr::tool {
 
-/// A CSV file: the cells of its header and the text of its body.
+/// A CSV file: what its first rows say, and the text of all rows of values.
 class CsvText {
  public:
+  /// \param path  of a file, or "-" for standard input
   /// \throws std::runtime_error if the file cannot be read or has no header in UTF-8
-  CsvText(std::string path, CsvDialect dialect);
+  CsvText(const std::string& path, const CsvOptions& options);
 
-  const std::string& path() const { return path_; }
-  const CsvDialect& dialect() const { return dialect_; }
+  /// What messages call the file.
+  const std::string& name() const { return name_; }
+  const CsvLayout& layout() const { return layout_; }
+  const CsvDialect& dialect() const { return layout_.dialect; }
 
-  /// The cells of the header, without blanks around them.
-  const std::vector<std::string>& header() const { return header_; }
-
-  /// The text behind the header row, and the line at which it begins.
+  /// The rows of values, and the line at which they begin.
   std::string_view body() const { return mapped_.text().substr(bodyPosition_); }
-  std::int64_t bodyLine() const { return bodyLine_; }
+  std::int64_t bodyLine() const { return layout_.bodyLine; }
 
   /// Names the first row in which a quotation mark is not closed, or else the first one with
   /// another number of cells than the header.
@@ -33,14 +32,10 @@ class CsvText {
   [[noreturn]] void throwUnreadable(const std::string& otherwise) const;
 
  private:
-  void readHeader();
-
-  std::string path_;
-  CsvDialect dialect_;
+  std::string name_;
   MappedText mapped_;
-  std::vector<std::string> header_;
+  CsvLayout layout_;
   std::size_t bodyPosition_ = 0;
-  std::int64_t bodyLine_ = 1;
 };
 
 }  // namespace kyr::tool

@@ -8,20 +8,20 @@
 #include <vector>
 
 #include "csv/BlockReader.h"
+#include "csv/CsvHeader.h"
 #include "csv/CsvText.h"
+#include "csv/CsvTokenizer.h"
 
 namespace kyr::tool {
 
 /// The times of a CSV file, block by block.
 class CsvTimes {
  public:
-  /// \param text  must outlive the object
-  /// \param place  of the column in a row
-  CsvTimes(const CsvText& text, std::size_t place, std::string name)
-      : text_(text), place_(place), name_(std::move(name)) {}
+  /// \param text  must outlive the object, as must the header
+  CsvTimes(const CsvText& text, const CsvHeader& header) : text_(text), header_(header) {}
 
-  std::size_t place() const { return place_; }
-  CellPlan plan() const { return {true, true, kind_, std::nullopt}; }
+  /// Puts the plan for the column of the times, if there is one, among those of all columns.
+  void addTo(std::vector<CellPlan>& plans) const;
 
   /// Starts again from the first row.
   void restart();
@@ -40,21 +40,23 @@ class CsvTimes {
   const std::string& loss() const { return loss_; }
 
  private:
+  void countRows(std::size_t rows);
   std::optional<std::uint32_t> convert(const CellValues& cells);
+  std::optional<std::uint32_t> convertNanoseconds(const CellValues& cells);
   void checkOrder(const BlockValues& block, std::int64_t line, std::size_t rows) const;
   void noteLoss(const BlockValues& block, std::int64_t line, std::optional<std::uint32_t> rounded);
   CsvPlace placed(const BlockValues& block, std::int64_t line, std::size_t row) const;
   std::string describe(const CsvPlace& place, const std::string& what) const;
 
   const CsvText& text_;
-  std::size_t place_;
-  std::string name_;
+  const CsvHeader& header_;
   CellKind kind_ = CellKind::empty;
   std::vector<double> times_;
   std::vector<double> present_;
   bool hasRows_ = false;
-  double last_ = 0;       ///< time in the last row of the blocks before
-  std::string lastCell_;  ///< its cell
+  std::uint64_t counted_ = 0;  ///< rows of the blocks before, if they are numbered
+  double last_ = 0;            ///< time in the last row of the blocks before
+  std::string lastCell_;       ///< its cell
   std::string loss_;
 };
 

@@ -1,5 +1,7 @@
 #include "csv/CsvTokenizer.h"
 
+#include <arrow/util/utf8.h>
+
 #include <algorithm>
 
 namespace kyr::tool {
@@ -38,10 +40,11 @@ bool CsvRows::next(CsvRow& row) {
     at_ = tokens_.skipCell(at_);
     ++row.cells;
     hasMore = tokens_.isDelimiter(at_);
-    if (hasMore) ++at_;
+    if (hasMore) at_ = tokens_.skipDelimiter(at_);
   }
   row.text = {begin, static_cast<std::size_t>(at_ - begin)};
   row.isUnclosed = tokens_.isUnclosed();
+  at_ = tokens_.skipBlanks(at_);
   row.isEnded = at_ != tokens_.end();
   return true;
 }
@@ -60,6 +63,11 @@ std::string_view cellText(std::string_view cell, const CsvDialect& dialect, std:
   return unquoted;
 }
 
+bool isUtf8(std::string_view text) {
+  static const bool isReady = (::arrow::util::InitializeUTF8(), true);
+  return isReady && ::arrow::util::ValidateUTF8(text);
+}
+
 void splitRow(std::string_view row, const CsvDialect& dialect, std::vector<std::string>& cells) {
   CsvTokenizer tokens(row, dialect, 0);
   std::string unquoted;
@@ -70,7 +78,7 @@ void splitRow(std::string_view row, const CsvDialect& dialect, std::vector<std::
     if (count == cells.size()) cells.emplace_back();
     cells[count] = cellText({at, static_cast<std::size_t>(end - at)}, dialect, unquoted);
     hasMore = tokens.isDelimiter(end);
-    if (hasMore) at = end + 1;
+    if (hasMore) at = tokens.skipDelimiter(end);
   }
   cells.resize(count);
 }
@@ -82,7 +90,7 @@ CsvPlace placeOf(std::string_view text, const CsvDialect& dialect, std::int64_t 
   for (std::uint32_t i = 0; i <= row; ++i) rows.next(found);
   std::vector<std::string> cells;
   splitRow(found.text, dialect, cells);
-  return {found.line, cells.at(column)};
+  return {found.line, column < cells.size() ? cells[column] : std::string()};
 }
 
 }  // namespace kyr::tool

@@ -17,6 +17,7 @@ namespace kyr::tool {
 /// - A quote at the start of a cell opens a quoted part, in which delimiters and line ends are
 ///   content and two quotes stand for one. Text behind the closing quote belongs to the cell, too.
 ///   A quote anywhere else is content.
+/// - Where blanks are delimiters, several count as one, and none as one at the ends of a row.
 ///
 /// Positions are pointers into the text. Text and dialect must outlive the tokenizer.
 class CsvTokenizer {
@@ -26,6 +27,7 @@ class CsvTokenizer {
       : end_(text.data() + text.size()),
         dialect_(&dialect),
         delimiter_(dialect.delimiter),
+        skipsBlanks_(dialect.delimiter == ' '),
         line_(line) {}
 
   /// The end of the text.
@@ -34,8 +36,9 @@ class CsvTokenizer {
   /// The start of the first row at or behind \p at, which is the start or the end of a line; end()
   /// if there is none.
   const char* nextRow(const char* at) {
+    at = skipBlanks(at);
     while (at != end_ && (isLineEnd(*at) || isComment(at))) {
-      at = isLineEnd(*at) ? skipLineEnd(at) : findLineEnd(at);
+      at = skipBlanks(isLineEnd(*at) ? skipLineEnd(at) : findLineEnd(at));
     }
     return at;
   }
@@ -51,7 +54,18 @@ class CsvTokenizer {
   bool isCellEnd(const char* at) const { return at == end_ || *at == delimiter_ || isLineEnd(*at); }
 
   /// Whether another cell follows the one that ends at \p at.
-  bool isDelimiter(const char* at) const { return at != end_ && *at == delimiter_; }
+  bool isDelimiter(const char* at) const {
+    return at != end_ && *at == delimiter_ && (!skipsBlanks_ || hasCellBehind(at));
+  }
+
+  /// The start of the cell behind the delimiter at \p at.
+  const char* skipDelimiter(const char* at) const { return skipBlanks(at + 1); }
+
+  /// Skips blanks if they are delimiters.
+  const char* skipBlanks(const char* at) const {
+    while (skipsBlanks_ && at != end_ && *at == ' ') ++at;
+    return at;
+  }
 
   /// The line of the last position that was returned.
   std::int64_t line() const { return line_; }
@@ -62,6 +76,10 @@ class CsvTokenizer {
  private:
   static bool isLineEnd(char c) { return c == '\n' || c == '\r'; }
 
+  bool hasCellBehind(const char* at) const {
+    at = skipBlanks(at);
+    return at != end_ && !isLineEnd(*at);
+  }
   bool isComment(const char* at) const {
     return !dialect_->commentPrefixes.empty() && startsComment(at);
   }
@@ -77,6 +95,7 @@ class CsvTokenizer {
   const char* end_;
   const CsvDialect* dialect_;
   char delimiter_;
+  bool skipsBlanks_;
   std::int64_t line_;
   bool isUnclosed_ = false;
 };
@@ -112,6 +131,9 @@ class CsvRows {
 
 /// What a cell says: the cell itself, or \p unquoted, which is replaced, if it is quoted.
 std::string_view cellText(std::string_view cell, const CsvDialect& dialect, std::string& unquoted);
+
+/// Whether a text is UTF-8.
+bool isUtf8(std::string_view text);
 
 /// Replaces \p cells with what the cells of a row say.
 void splitRow(std::string_view row, const CsvDialect& dialect, std::vector<std::string>& cells);

@@ -8,11 +8,14 @@
 
 namespace kyr::tool {
 
-/// The bytes of a file, mapped into memory. A pipe is copied to a temporary file first.
+/// The text of a file, mapped into memory. What comes from a pipe, is packed, or is in another
+/// encoding than UTF-8, is copied to a temporary file first.
 class MappedText {
  public:
+  /// \param path  of a file, or "-" for standard input
+  /// \param encoding  of the text; see InputDecoder
   /// \throws std::runtime_error naming the file if it cannot be read
-  explicit MappedText(const std::string& path);
+  MappedText(const std::string& path, const std::string& encoding);
 
   std::string_view text() const { return std::string_view(*content_); }
 

@@ -13,11 +13,12 @@
 namespace kyr::tool {
 
 RowRecorder::RowRecorder(recording::LiveRecording& live, std::string source, CsvDialect dialect,
-                         CsvHeader header, Strictness strictness)
+                         CsvHeader header, bool storesTexts, Strictness strictness)
     : live_(live),
       source_(std::move(source)),
       dialect_(std::move(dialect)),
       header_(std::move(header)),
+      storesTexts_(storesTexts),
       strictness_(strictness) {}
 
 void RowRecorder::begin() {
@@ -26,9 +27,10 @@ void RowRecorder::begin() {
 
 void RowRecorder::makeSignals() {
   for (CsvColumn& described : header_.columns) {
+    if (isLeftOut(described)) continue;
     Column& column = columns_.emplace_back();
     described.type = typeOf(described);
-    column.parser.emplace(described.type, dialect_.decimalMark);
+    if (described.type != ByteString) column.parser.emplace(described.type, dialect_.decimalMark);
     column.width = parquet::elementWidth(described.type);
     recording::SignalDescription description;
     description.signalId = described.id;
@@ -41,9 +43,17 @@ void RowRecorder::makeSignals() {
   live_.flush();
 }
 
+bool RowRecorder::isLeftOut(const CsvColumn& column) const {
+  if (storesTexts_ || column.isGiven || typeOf(column) != ByteString) return false;
+  tell(fmt::format("{}: column {} is left out, because it holds text", source_,
+                   inQuotes(column.name)));
+  return true;
+}
+
 KYRSignalDataType RowRecorder::typeOf(const CsvColumn& column) const {
   if (column.isGiven || column.place >= cells_.size()) return column.type;
   const std::string_view cell = trimmed(cells_[column.place]);
+  if (isMissing(dialect_, cell)) return Double;
   constexpr std::int64_t kExactEnd = std::int64_t{1} << 53U;
   std::int64_t number = 0;
   if (parseInteger(cell, number)) {
@@ -52,29 +62,55 @@ KYRSignalDataType RowRecorder::typeOf(const CsvColumn& column) const {
   std::uint64_t positive = 0;
   if (parseInteger(cell, positive)) return UInt64;
   bool isTrue = false;
-  return parseTruthValue(cell, isTrue) ? Boolean : Double;
+  if (parseTruthValue(cell, isTrue)) return Boolean;
+  double value = 0;
+  return parseReal(cell, dialect_.decimalMark, value) == CellFit::none ? ByteString : Double;
 }
 
-void RowRecorder::add(const CsvRow& row) {
+// Fills rows up that are to be padded.
+bool RowRecorder::hasRightWidth(const CsvRow& row) {
+  if (row.isUnclosed) return false;
+  const bool isPadded = dialect_.ragged == RaggedRows::pad;
+  if (isPadded && cells_.size() < header_.width) cells_.resize(header_.width);
+  while (isPadded && cells_.size() > header_.width && trimmed(cells_.back()).empty()) {
+    cells_.pop_back();
+  }
+  return cells_.size() == header_.width;
+}
+
+bool RowRecorder::add(const CsvRow& row) {
   splitRow(row.text, dialect_, cells_);
-  const std::size_t expected = header_.columns.size() + 1;
-  if (row.isUnclosed || row.cells != expected) {
-    const std::string what = row.isUnclosed ? kUnclosedQuote : wrongCellCount(row.cells, expected);
-    return refuse(describeLine(source_, row.line) + ": " + what, skippedRows_);
+  if (!hasRightWidth(row)) {
+    const std::string what =
+        row.isUnclosed ? kUnclosedQuote : wrongCellCount(row.cells, header_.width);
+    const std::string line = describeLine(source_, row.line) + ": " + what;
+    if (dialect_.ragged == RaggedRows::stop) {
+      tell(fmt::format("warning: {}; it is left out with all that follows (--ragged stop)", line));
+      return false;
+    }
+    refuse(row.isUnclosed ? line : line + kRaggedHint, skippedRows_);
+    return true;
   }
   begin();
-  if (!takeTime(row)) return;
+  if (!takeTime(row)) return true;
   for (Column& column : columns_) takeCell(row, column);
   for (Column& column : columns_) {
     if (!column.hasSample) continue;
+    std::vector<int> lengths;
+    if (!column.parser) lengths.push_back(static_cast<int>(column.sample.size()));
     column.signal->appendTime(&time_, 1);
-    column.signal->appendData(column.sample.data(), column.width, {}, {});
+    column.signal->appendData(column.sample.data(), column.sample.size(), {}, lengths);
   }
   ++rows_;
+  return true;
 }
 
 bool RowRecorder::takeTime(const CsvRow& row) {
-  const std::string_view cell = trimmed(cells_[header_.timePlace]);
+  if (!header_.timePlace) {
+    time_ = static_cast<double>(rows_ + skippedRows_);
+    return true;
+  }
+  const std::string_view cell = trimmed(cells_[*header_.timePlace]);
   const auto describe = [&](const std::string& what) {
     return describePlace(source_, row.line, header_.timeName) + " " + what;
   };
@@ -82,15 +118,15 @@ bool RowRecorder::takeTime(const CsvRow& row) {
     refuse(describe(what), skippedRows_);
     return false;
   };
-  if (cell.empty()) return wrong(kNoTime);
-  double time = 0;
-  const CellFit fit = parseReal(cell, dialect_.decimalMark, time);
-  if (fit == CellFit::none) return wrong(timeWithoutNumber(cell));
+  if (isMissing(dialect_, cell)) return wrong(kNoTime);
+  const std::optional<double> read = readTime(row, cell);
+  if (!read) return wrong(wrongTime(cell, header_.timeForm));
+  const double time = *read;
   if (!std::isfinite(time)) return wrong(infiniteTime(time));
   if (rows_ > 0 && time < time_) return wrong(fallingTime(time, time_));
-  if (fit == CellFit::rounded) {
-    noteRounding(describe(roundedNumber(cell, Double)), isTimeRoundingTold_);
-  } else if (rows_ > 0 && time == time_ && !isSameDecimal(timeCell_, cell, dialect_.decimalMark)) {
+  const bool isNumber = header_.timeForm.kind == TimeForm::Kind::number;
+  if (isNumber && rows_ > 0 && time == time_ &&
+      !isSameDecimal(timeCell_, cell, dialect_.decimalMark)) {
     noteRounding(describe(indistinctTime(cell, timeCell_)), isTimeRoundingTold_);
   }
   time_ = time;
@@ -98,11 +134,30 @@ bool RowRecorder::takeTime(const CsvRow& row) {
   return true;
 }
 
+std::optional<double> RowRecorder::readTime(const CsvRow& row, std::string_view cell) {
+  const TimeForm& form = header_.timeForm;
+  const std::string place = describePlace(source_, row.line, header_.timeName) + " ";
+  if (form.isPlain()) {
+    double time = 0;
+    const CellFit fit = parseReal(cell, dialect_.decimalMark, time);
+    if (fit == CellFit::none) return std::nullopt;
+    if (fit == CellFit::rounded) {
+      noteRounding(place + roundedNumber(cell, dialect_.decimalMark, Double), isTimeRoundingTold_);
+    }
+    return time;
+  }
+  const auto nanoseconds = form.nanoseconds(cell, dialect_.decimalMark);
+  if (!nanoseconds) return form.seconds(cell, dialect_.decimalMark);
+  if (!form.isExact(*nanoseconds)) noteRounding(place + roundedTime(cell), isTimeRoundingTold_);
+  return form.sinceOrigin(*nanoseconds);
+}
+
 void RowRecorder::takeCell(const CsvRow& row, Column& column) {
-  const std::string_view cell = trimmed(cells_[column.described.place]);
   column.sample.clear();
   column.hasSample = false;
-  if (cell.empty()) return;
+  if (!column.parser) return takeText(row, column);
+  const std::string_view cell = trimmed(cells_[column.described.place]);
+  if (isMissing(dialect_, cell)) return;
   const CellFit fit = column.parser->append(cell, column.sample);
   column.hasSample = !column.sample.empty();
   if (fit == CellFit::exact) return;
@@ -110,8 +165,19 @@ void RowRecorder::takeCell(const CsvRow& row, Column& column) {
   const std::string place = describePlace(source_, row.line, column.described.name) + " ";
   if (!column.hasSample) return refuse(place + wrongType(cell, type), skippedCells_);
   noteRounding(fmt::format("{}{} (--type {}=int64 keeps integers)", place,
-                           roundedNumber(cell, type), column.described.name),
+                           roundedNumber(cell, dialect_.decimalMark, type), column.described.name),
                column.isRoundingTold);
+}
+
+void RowRecorder::takeText(const CsvRow& row, Column& column) {
+  const std::string& cell = cells_[column.described.place];
+  if (isNamedMissing(dialect_, trimmed(cell))) return;
+  if (!isUtf8(cell)) {
+    const std::string place = describePlace(source_, row.line, column.described.name) + " ";
+    return refuse(place + kNoUtf8, skippedCells_);
+  }
+  column.sample.assign(cell.begin(), cell.end());
+  column.hasSample = true;
 }
 
 // Counts what cannot be stored, or throws.

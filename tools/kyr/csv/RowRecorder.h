@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "csv/CellNumbers.h"
+#include "csv/CsvDialect.h"
 #include "csv/CsvHeader.h"
 #include "csv/CsvTokenizer.h"
 #include "kyr/recording/LiveRecording.h"
@@ -17,8 +18,8 @@ namespace kyr::tool {
 /// Appends CSV rows to a live recording, sample by sample.
 ///
 /// A column without a given type gets its type from the first row, because its samples are stored
-/// at once: boolean for true and false, int64 or uint64 for an integer of 2^53 or more, else
-/// double. The first number of a column that is rounded is told on standard error.
+/// at once: boolean for true and false, int64 or uint64 for an integer of 2^53 or more, ByteString
+/// for a text, else double. The first number of a column that is rounded is told on standard error.
 class RowRecorder {
  public:
   enum class Strictness {
@@ -29,11 +30,12 @@ class RowRecorder {
 
   /// \param source  what messages call the input
   RowRecorder(recording::LiveRecording& live, std::string source, CsvDialect dialect,
-              CsvHeader header, Strictness strictness);
+              CsvHeader header, bool storesTexts, Strictness strictness);
 
   /// Appends a row, or nothing of it.
+  /// \return false if the text ends before the row, because it has another number of cells
   /// \throws std::runtime_error naming line and column of what cannot be stored
-  void add(const CsvRow& row);
+  bool add(const CsvRow& row);
 
   /// Makes the signals if no row has come so far.
   void begin();
@@ -46,7 +48,7 @@ class RowRecorder {
  private:
   struct Column {
     CsvColumn described;
-    std::optional<CellParser> parser;
+    std::optional<CellParser> parser;  ///< none for texts
     std::shared_ptr<parquet::StreamableSignal> signal;
     std::size_t width = 0;
     bool isRoundingTold = false;
@@ -56,8 +58,12 @@ class RowRecorder {
 
   void makeSignals();
   KYRSignalDataType typeOf(const CsvColumn& column) const;
+  bool isLeftOut(const CsvColumn& column) const;
+  bool hasRightWidth(const CsvRow& row);
   bool takeTime(const CsvRow& row);
+  std::optional<double> readTime(const CsvRow& row, std::string_view cell);
   void takeCell(const CsvRow& row, Column& column);
+  void takeText(const CsvRow& row, Column& column);
   void refuse(const std::string& what, std::uint64_t& count);
   void noteRounding(const std::string& what, bool& isTold) const;
 
@@ -65,6 +71,7 @@ class RowRecorder {
   std::string source_;
   CsvDialect dialect_;
   CsvHeader header_;
+  bool storesTexts_;
   Strictness strictness_;
   std::vector<Column> columns_;
   std::vector<std::string> cells_;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/RowWindow.h"
 #include "kyr/platform/Links.h"
 
 namespace kyr::tool {
@@ -27,6 +28,7 @@ struct ExportOptions {
   bool isLong = false;
   bool isPartitioned = false;  ///< whether each signal gets a file in a folder; only with isLong
   std::optional<ResampleOptions> resample;
+  Window window;
   bool isStrict = false;
   bool replaces = false;
   Links links = Links::refused;

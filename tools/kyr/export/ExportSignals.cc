@@ -43,6 +43,8 @@ std::string obstacle(const SignalInfo& signal, const recording::RecordingReader&
     return fmt::format("it has {} but {}", counted(times, "time"), counted(samples, "sample"));
   }
   if (isNumber(signal)) return "";
+  const bool isText = signal.category == Scalar && signal.dataType == ByteString;
+  if (isText && !options.isLong) return "";
   const bool isMatrix =
       (signal.category == FixedDim || signal.category == VarDim) && signal.dataType != Binary;
   const char* const kind = isMatrix ? "its samples are matrices" : "its samples are blobs";
@@ -122,7 +124,7 @@ std::vector<ExportSignal> exportedSignals(const recording::RecordingReader& read
                            reason));
   };
   for (const SignalInfo& signal :
-       distinctSignals(chosenSignals(reader.signals(), options.signals, options.folder))) {
+       distinctSignals(chosenSignals(reader, options.signals, options.folder))) {
     stopIfInterrupted();
     const std::string reason = obstacle(signal, reader, options);
     if (reason.empty()) {

@@ -97,8 +97,9 @@ class NameColumn {
 }  // namespace
 
 LongTable::LongTable(const recording::RecordingReader& reader,
-                     const std::vector<ExportSignal>& signals, Progress progress)
-    : reader_(reader), signals_(signals), progress_(std::move(progress)) {
+                     const std::vector<ExportSignal>& signals, const Window& window,
+                     Progress progress)
+    : reader_(reader), signals_(signals), window_(window), progress_(std::move(progress)) {
   for (const ExportSignal& signal : signals) allRows_ += signal.info.rowCount;
 }
 
@@ -155,10 +156,22 @@ void LongTable::forEachSlice(const ExportSignal& signal, const Take& take) {
   }
 }
 
+// The rows of the window, for times that ascend.
+recording::RowRange LongTable::rowsOf(const ExportSignal& signal) const {
+  const std::uint64_t all = signal.info.rowCount;
+  if (window_.hasAllTimes()) {
+    const std::uint64_t end = std::min(all, window_.endRow);
+    return {std::min(window_.firstRow, end), end};
+  }
+  const auto ranges = reader_.rowsBetween(signal.times, window_.from, window_.to);
+  return ranges.empty() ? recording::RowRange{all, all} : ranges.front();
+}
+
 void LongTable::stream(const ExportSignal& signal, const Take& take) {
-  const std::uint64_t end = signal.info.rowCount;
+  const recording::RowRange rows = rowsOf(signal);
+  const std::uint64_t end = rows.to;
   SampleCursor cursor(reader_, signal.info, end, blockRowsFor(2));
-  for (std::uint64_t row = 0; row < end;) {
+  for (std::uint64_t row = rows.from; row < end;) {
     std::vector<double> values;
     const std::uint64_t next = addDoubles(cursor, signal, row, values);
     take(arrayOf(reader_.times(signal.times, {row, next})), arrayOf(std::move(values)));
@@ -174,6 +187,10 @@ void LongTable::streamSorted(const ExportSignal& signal, const Take& take) {
   for (std::uint64_t row = 0; row < times.size();) row = addDoubles(cursor, signal, row, values);
   std::vector<std::size_t> order(times.size());
   std::iota(order.begin(), order.end(), 0);
+  const auto isOutside = [&](std::size_t row) {
+    return row < window_.firstRow || row >= window_.endRow || !window_.isIn(times[row]);
+  };
+  order.erase(std::remove_if(order.begin(), order.end(), isOutside), order.end());
   std::stable_sort(order.begin(), order.end(),
                    [&times](std::size_t a, std::size_t b) { return isBefore(times[a], times[b]); });
   const auto sorted = [&order](const std::vector<double>& numbers) {

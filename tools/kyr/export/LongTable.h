@@ -27,7 +27,7 @@ class LongTable {
   using Progress = std::function<void(double part)>;
 
   LongTable(const recording::RecordingReader& reader, const std::vector<ExportSignal>& signals,
-            Progress progress);
+            const Window& window, Progress progress);
 
   /// Adds the integers that the table cannot hold exactly to \p losses. To be called before
   /// writing, because standard output cannot be taken back. Reads all 64-bit integers.
@@ -47,9 +47,11 @@ class LongTable {
   void stream(const ExportSignal& signal, const Take& take);
   void streamSorted(const ExportSignal& signal, const Take& take);
   bool isAscending(int times);
+  recording::RowRange rowsOf(const ExportSignal& signal) const;
 
   const recording::RecordingReader& reader_;
   const std::vector<ExportSignal>& signals_;
+  Window window_;
   Progress progress_;
   std::map<int, bool> ascending_;
   std::uint64_t rows_ = 0;

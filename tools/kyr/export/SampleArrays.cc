@@ -30,13 +30,17 @@ std::shared_ptr<::arrow::DataType> typeOf(const SignalInfo& signal) {
                                                         /*includeTime=*/false, "")
                           ->field(0)
                           ->type();
+  // In a recording of scalars these are the texts of a CSV file.
+  if (signal.category == Scalar && signal.dataType == ByteString) return ::arrow::utf8();
   const bool isTruth = signal.dataType == Boolean && stored->id() != ::arrow::Type::BINARY;
   if (stored->id() != ::arrow::Type::LIST) return isTruth ? ::arrow::boolean() : stored;
   return listOf(isTruth ? ::arrow::boolean() : stored->field(0)->type());
 }
 
 bool isList(const ::arrow::DataType& type) { return type.id() == ::arrow::Type::LIST; }
-bool isBinary(const ::arrow::DataType& type) { return type.id() == ::arrow::Type::BINARY; }
+bool isBinary(const ::arrow::DataType& type) {
+  return type.id() == ::arrow::Type::BINARY || type.id() == ::arrow::Type::STRING;
+}
 
 std::size_t widthOf(const ::arrow::DataType& element) {
   if (element.id() == ::arrow::Type::BOOL || isBinary(element)) return 1;

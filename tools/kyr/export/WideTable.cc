@@ -102,6 +102,7 @@ WideTable::WideTable(const RecordingReader& reader, const std::vector<ExportSign
     requireSameTimes(reader, signals);
     rows_ = reader.timeCount(signals.front().times);
   }
+  findWindow(options.window);
   fields_.push_back(timeField());
   csvHeader_.push_back(parquet::columnNames::time);
   columns_.reserve(signals.size());
@@ -109,6 +110,40 @@ WideTable::WideTable(const RecordingReader& reader, const std::vector<ExportSign
     addColumn(signal, options.resample && options.resample->isLinear, losses);
   }
   schema_ = ::arrow::schema(fields_);
+}
+
+double WideTable::timeOf(std::uint64_t row) const {
+  const RowRange one{row, row + 1};
+  return resampling_->times(one).front();
+}
+
+// Times of a grid ascend, so that the window is found by bisection.
+void WideTable::findWindow(const Window& window) {
+  rows_ = std::min(rows_, window.endRow);
+  row_ = std::min(rows_, window.firstRow);
+  if (window.hasAllTimes()) return;
+  if (!resampling_) {
+    const auto ranges = reader_.rowsBetween(signals_.front().times, window.from, window.to);
+    if (ranges.size() > 1) {
+      throw std::runtime_error(
+          "--from and --to: the times do not ascend, so the rows between them are no part of the "
+          "table (--long sorts them)");
+    }
+    row_ = ranges.empty() ? rows_ : ranges.front().from;
+    rows_ = ranges.empty() ? rows_ : ranges.front().to;
+    return;
+  }
+  const auto firstRowWhere = [&](const auto& isBehind) {
+    std::uint64_t from = 0;
+    std::uint64_t to = rows_;
+    while (from < to) {
+      const std::uint64_t middle = from + (to - from) / 2;
+      isBehind(timeOf(middle)) ? to = middle : from = middle + 1;
+    }
+    return from;
+  };
+  row_ = firstRowWhere([&](double time) { return time >= window.from; });
+  rows_ = firstRowWhere([&](double time) { return time > window.to; });
 }
 
 void WideTable::addColumn(const ExportSignal& signal, bool isLinear, Losses& losses) {
@@ -150,9 +185,10 @@ std::string WideTable::freeName(std::string name) const {
 
 void WideTable::write(const TableWriter::Target& target, const Progress& progress) {
   TableWriter writer(target, schema_, csvHeader_);
+  const std::uint64_t first = row_;
   while (row_ < rows_) {
     writer.write(*nextPiece());
-    progress(static_cast<double>(row_) / static_cast<double>(rows_));
+    progress(static_cast<double>(row_ - first) / static_cast<double>(rows_ - first));
   }
   writer.close();
 }

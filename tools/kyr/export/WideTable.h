@@ -60,6 +60,8 @@ class WideTable {
   };
 
   void addColumn(const ExportSignal& signal, bool isLinear, Losses& losses);
+  void findWindow(const Window& window);
+  double timeOf(std::uint64_t row) const;
   std::string freeName(std::string name) const;
   std::size_t fittingRows(Column& column, std::size_t count);
   std::int64_t sampleAt(const Column& column, std::size_t row) const;
@@ -72,7 +74,7 @@ class WideTable {
   const recording::RecordingReader& reader_;
   const std::vector<ExportSignal>& signals_;
   std::optional<recording::Resampling> resampling_;
-  std::uint64_t rows_;
+  std::uint64_t rows_;  // behind the last row that is written
   std::vector<Column> columns_;
   std::vector<std::shared_ptr<::arrow::Field>> fields_;
   std::vector<std::string> csvHeader_;

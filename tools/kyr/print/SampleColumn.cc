@@ -11,6 +11,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include "cli/Output.h"
+#include "cli/Text.h"
 #include "print/TypeFunctions.h"
 
 namespace kyr::tool {
@@ -45,6 +47,10 @@ struct ElementTexts {
   auto boolean() const { return appendBoolean; }
 };
 
+bool isText(const recording::SignalInfo& signal) {
+  return signal.category == Scalar && signal.dataType == ByteString;
+}
+
 auto elementTextOf(const recording::SignalInfo& signal) {
   const bool isBlob = signal.category == Bus || signal.category == VarDimBus;
   return isBlob ? decltype(ElementTexts().boolean())()
@@ -58,17 +64,28 @@ SampleColumn::SampleColumn(const recording::RecordingReader& reader,
                            std::size_t blockRows)
     : samples_(reader, signal, endRow, blockRows),
       elementText_(elementTextOf(signal)),
+      isText_(isText(signal)),
       isNumber_(signal.category == Scalar && elementText_ != nullptr),
       fixedShape_(signal.dimensions.begin(), signal.dimensions.end()) {}
 
-void SampleColumn::append(fmt::memory_buffer& out, std::uint64_t row) {
+CellType SampleColumn::typeOf(const recording::SignalInfo& signal) {
+  if (signal.category != Scalar || elementTextOf(signal) == nullptr) return CellType::text;
+  return signal.dataType == Boolean ? CellType::truth : CellType::number;
+}
+
+void SampleColumn::append(fmt::memory_buffer& out, std::uint64_t row, bool isQuoted) {
   const recording::SampleBlock& block = samples_.blockOf(row);
   const auto sample = static_cast<std::size_t>(row - block.firstRow);
   const char* const elements = static_cast<const char*>(block.elements);
   if (isNumber_) return elementText_(out, elements + sample * samples_.width());
-  if (elementText_) return appendMatrix(out, block, sample);
+  if (elementText_) return appendMatrix(out, block, sample, isQuoted);
   const auto [begin, end] = elementsOf(block, sample);
   const std::size_t width = samples_.width();
+  if (isText_) {
+    const std::string_view bytes(elements + begin * width, (end - begin) * width);
+    const std::string text = isTerminal() ? singleLine(bytes) : std::string(bytes);
+    return out.append(isQuoted ? csvCell(text) : text);
+  }
   out.append(::arrow::util::base64_encode({elements + begin * width, (end - begin) * width}));
 }
 
@@ -88,11 +105,11 @@ std::size_t SampleColumn::rowsOf(const recording::SampleBlock& block, std::size_
 
 // Elements are stored column by column and written row by row.
 void SampleColumn::appendMatrix(fmt::memory_buffer& out, const recording::SampleBlock& block,
-                                std::size_t sample) const {
+                                std::size_t sample, bool isQuoted) const {
   const auto [begin, end] = elementsOf(block, sample);
   const std::size_t rows = rowsOf(block, sample, end - begin);
   const char* const elements = static_cast<const char*>(block.elements);
-  out.push_back('"');
+  if (isQuoted) out.push_back('"');
   for (std::size_t row = 0; row < rows; ++row) {
     if (row > 0) out.push_back(';');
     for (std::size_t i = begin + row; i < end; i += rows) {
@@ -100,7 +117,7 @@ void SampleColumn::appendMatrix(fmt::memory_buffer& out, const recording::Sample
       elementText_(out, elements + i * samples_.width());
     }
   }
-  out.push_back('"');
+  if (isQuoted) out.push_back('"');
 }
 
 }  // namespace kyr::tool

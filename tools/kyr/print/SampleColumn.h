@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kyr/recording/RecordingReader.h"
+#include "print/RowFormat.h"
 #include "print/SampleCursor.h"
 
 namespace kyr::tool {
@@ -15,7 +16,8 @@ namespace kyr::tool {
 ///
 /// Numbers have the shortest form that reads back exactly. A matrix is a quoted cell with ";"
 /// between rows and blanks between elements. A vector is one such row. Further dimensions continue
-/// the columns. A sample without elements is an empty quoted cell. Blobs are base64.
+/// the columns. A sample without elements is an empty quoted cell. Blobs are base64, but for scalar
+/// byte strings, which are texts.
 class SampleColumn {
  public:
   /// \param reader  must outlive the object, and not be refreshed meanwhile
@@ -25,18 +27,26 @@ class SampleColumn {
                std::uint64_t endRow, std::size_t blockRows);
 
   /// Appends the cell of a row. Rows that are asked for in ascending order are read once.
-  void append(fmt::memory_buffer& out, std::uint64_t row);
+  void append(fmt::memory_buffer& out, std::uint64_t row) { append(out, row, /*isQuoted=*/true); }
+  /// Appends it without quotation marks.
+  void appendBare(fmt::memory_buffer& out, std::uint64_t row) {
+    append(out, row, /*isQuoted=*/false);
+  }
+  /// What the cells of a signal hold.
+  static CellType typeOf(const recording::SignalInfo& signal);
 
  private:
+  void append(fmt::memory_buffer& out, std::uint64_t row, bool isQuoted);
   using ElementText = void (*)(fmt::memory_buffer& out, const char* element);
 
   void appendMatrix(fmt::memory_buffer& out, const recording::SampleBlock& block,
-                    std::size_t sample) const;
+                    std::size_t sample, bool isQuoted) const;
   std::size_t rowsOf(const recording::SampleBlock& block, std::size_t sample,
                      std::size_t elements) const;
 
   SampleCursor samples_;
   ElementText elementText_;  // null for blobs
+  bool isText_;              // whether each sample is a text
   bool isNumber_;            // whether each sample is one number
   std::vector<std::uint64_t> fixedShape_;
 };

@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 #include <stdexcept>
 #include <tuple>
 #include <utility>
 
 #include "cli/Text.h"
+#include "csv/CellNumbers.h"
 #include "csv/HeaderNames.h"
 
 namespace kyr::tool {
@@ -40,9 +42,15 @@ void skipRows(RowRange& rows, Window& window) {
   window.endRow = std::numeric_limits<std::uint64_t>::max();
 }
 
-}  // namespace
+// Calls \p visit for each row of a window.
+template <typename Visit>
+void forEachRow(MergedTimes times, const Window& window, const Visit& visit) {
+  for (std::uint64_t row = 0; row < window.endRow && times.next(); ++row) {
+    if (row >= window.firstRow && window.isIn(times.time()) && !visit(times)) return;
+  }
+}
 
-bool Window::hasAllTimes() const { return std::isinf(from) && std::isinf(to); }
+}  // namespace
 
 SampleTable::SampleTable(const RecordingReader& reader, std::vector<SignalInfo> signals)
     : reader_(reader), signals_(std::move(signals)) {}
@@ -138,12 +146,81 @@ std::vector<TimeWalk> SampleTable::walks(const Window& window, std::size_t block
   return walks;
 }
 
-void SampleTable::printHeader(Output& out) const {
-  out.print("{}", hasCounts_ ? "row" : "time");
+// Signals of the same name get their ids behind it.
+std::vector<std::string> SampleTable::headerNames() const {
+  std::vector<std::string> names{hasCounts_ ? "row" : "time"};
+  std::map<std::string, std::set<int>> users;
   for (const SignalInfo& signal : signals_) {
-    out.print(",{}", csvCell(joinHeader(signal.name, signal.unit)));
+    users[joinHeader(signal.name, signal.unit)].insert(signal.signalId);
+  }
+  for (const SignalInfo& signal : signals_) {
+    std::string name = joinHeader(signal.name, signal.unit);
+    if (users[name].size() > 1) name = fmt::format("{} (id {})", name, signal.signalId);
+    names.push_back(isTerminal() ? singleLine(name) : name);
+  }
+  return names;
+}
+
+void SampleTable::printHeader(Output& out) const {
+  const std::vector<std::string> names = headerNames();
+  if (!format_) {
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      out.print("{}{}", i > 0 ? "," : "", csvCell(names[i]));
+    }
+    return out.endRow();
+  }
+  std::vector<CellType> types{start_ ? CellType::text : CellType::number};
+  for (const SignalInfo& signal : signals_) types.push_back(SampleColumn::typeOf(signal));
+  format_->header(out, names, types);
+}
+
+void SampleTable::appendTime(fmt::memory_buffer& buffer, double time) const {
+  if (!start_ || hasCounts_ || !std::isfinite(time)) {
+    fmt::format_to(fmt::appender(buffer), FMT_COMPILE("{}"), time);
+    return;
+  }
+  // The digits that the time has, and not those of the double.
+  constexpr int kDigits = 9;
+  const auto exact = parseScaled(fmt::format("{}", time), '.', kDigits);
+  TimeStamp stamp = *start_;
+  stamp.nanoseconds += exact ? *exact : std::llround(time * static_cast<double>(kNanoseconds));
+  buffer.append(formatIso(stamp));
+}
+
+void SampleTable::printRow(Output& out, const MergedTimes& times) {
+  fmt::memory_buffer& buffer = out.buffer();
+  appendTime(buffer, times.time());
+  for (Column& column : columns_) {
+    buffer.push_back(',');
+    if (column.samples && times.isIn(column.group)) {
+      column.samples->append(buffer, times.row(column.group));
+    }
   }
   out.endRow();
+}
+
+void SampleTable::printFormatted(Output& out, const MergedTimes& times) {
+  std::vector<std::optional<std::string>> cells;
+  fmt::memory_buffer cell;
+  appendTime(cell, times.time());
+  cells.emplace_back(fmt::to_string(cell));
+  for (Column& column : columns_) {
+    cell.clear();
+    cells.emplace_back();
+    if (!column.samples || !times.isIn(column.group)) continue;
+    column.samples->appendBare(cell, times.row(column.group));
+    cells.back() = fmt::to_string(cell);
+  }
+  format_->row(out, cells);
+}
+
+std::uint64_t SampleTable::countRows(const Window& window, std::size_t blockRows) const {
+  std::uint64_t rows = 0;
+  forEachRow(MergedTimes(walks(window, blockRows)), window, [&](const MergedTimes& /*times*/) {
+    ++rows;
+    return true;
+  });
+  return rows;
 }
 
 void SampleTable::print(Output& out, const Window& window) {
@@ -155,22 +232,27 @@ void SampleTable::print(Output& out, const Window& window) {
   // Rows of several groups are counted while they are merged.
   Window rest = window;
   if (groups_.size() == 1) skipRows(groups_.front().rows, rest);
-  fmt::memory_buffer& buffer = out.buffer();
-  MergedTimes times(walks(rest, blockRows));
-  for (std::uint64_t row = 0; row < rest.endRow && times.next(); ++row) {
-    const double time = times.time();
-    const bool isInside = rest.hasAllTimes() || (time >= rest.from && time <= rest.to);
-    if (row < rest.firstRow || !isInside) continue;
-    fmt::format_to(fmt::appender(buffer), FMT_COMPILE("{}"), time);
-    for (Column& column : columns_) {
-      buffer.push_back(',');
-      if (column.samples && times.isIn(column.group)) {
-        column.samples->append(buffer, times.row(column.group));
-      }
-    }
-    out.endRow();
+  std::uint64_t skipped = 0;
+  if (rest.tail) {
+    const std::uint64_t rows = countRows(rest, blockRows);
+    skipped = rows - std::min(rows, *rest.tail);
   }
+  std::uint64_t left = rest.head.value_or(std::numeric_limits<std::uint64_t>::max());
+  forEachRow(MergedTimes(walks(rest, blockRows)), rest, [&](const MergedTimes& times) {
+    if (skipped > 0) {
+      --skipped;
+      return true;
+    }
+    if (left-- == 0) return false;
+    format_ ? printFormatted(out, times) : printRow(out, times);
+    return true;
+  });
   columns_.clear();
+  out.flush();
+}
+
+void SampleTable::end(Output& out) {
+  if (format_) format_->end(out);
   out.flush();
 }
 

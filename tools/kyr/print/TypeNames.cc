@@ -8,7 +8,7 @@ namespace kyr::tool {
 
 namespace {
 
-constexpr std::size_t kColumnTypes = 11;
+constexpr std::size_t kColumnTypes = 12;
 
 // The types that a CSV column can have come first.
 constexpr std::array<std::pair<KYRSignalDataType, std::string_view>, 16> kTypes{{
@@ -23,10 +23,10 @@ constexpr std::array<std::pair<KYRSignalDataType, std::string_view>, 16> kTypes{
     {Int64, "int64"},
     {UInt64, "uint64"},
     {Boolean, "boolean"},
+    {ByteString, "text"},
     {UInt64Alt, "uint64alt"},
     {UInt32Alt, "uint32alt"},
     {Null, "null"},
-    {ByteString, "bytestring"},
     {Binary, "binary"},
 }};
 
