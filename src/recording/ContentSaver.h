@@ -9,6 +9,7 @@
 
 #include "kyr/recording/Recording.h"
 #include "kyr/recording/RecordingInfo.h"
+#include "recording/LentFolder.h"
 #include "recording/PackWriter.h"
 #include "safe/Content.h"
 
@@ -20,9 +21,11 @@ class ContentSaver {
  public:
   /// \param directory  of the pool
   /// \param store  of a safe pool, else null
+  /// \param lent  the recording that the pool reads in place, if there is one; else null
   /// \param storage  folder of the recording's files
   ContentSaver(std::filesystem::path directory, std::shared_ptr<parquet::SharedStore> store,
-               std::filesystem::path storage, const SaveOptions& options);
+               std::shared_ptr<const LentFolder> lent, std::filesystem::path storage,
+               const SaveOptions& options);
 
   /// Saves the content of that id, and notes where it is.
   /// \throws std::exception naming the file
@@ -32,6 +35,7 @@ class ContentSaver {
   std::vector<PackInfo> finish();
 
  private:
+  bool linkLent(FileInfo& file) const;
   bool pack(FileInfo& file, parquet::Content& content);
   bool packFile(FileInfo& file);
   bool packRows(FileInfo& file, const parquet::SampleSchema& schema,
@@ -39,6 +43,7 @@ class ContentSaver {
 
   std::filesystem::path directory_;
   std::shared_ptr<parquet::SharedStore> store_;
+  std::shared_ptr<const LentFolder> lent_;
   std::filesystem::path storage_;
   std::size_t packBelow_;
   PackWriter packs_;

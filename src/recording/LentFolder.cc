@@ -84,6 +84,13 @@ void LentFolder::check(const parquet::ContentReader& content, const ContentUse& 
                                  use.signal.name, fault));
 }
 
+const FileInfo* LentFolder::wholeFile(int storageId) const {
+  const bool isWhole = contents_.count(storageId) > 0 && timeColumns_.count(storageId) == 0 &&
+                       splitFiles_.count(storageId) == 0;
+  const FileInfo* const file = isWhole ? &files_->fileInfo(storageId) : nullptr;
+  return file != nullptr && !file->pack ? file : nullptr;
+}
+
 bool LentFolder::isAt(const std::filesystem::path& folder) const {
   const auto there = FileState::ofName(folder);
   return there && there->isSameFile(folder_->state());

@@ -29,6 +29,10 @@ class LentFolder final : public parquet::Lender, public std::enable_shared_from_
   /// \param newId  the first id that such times get; the one behind the last afterwards
   void splitTimes(std::vector<SignalInfo>& signals, int& newId);
 
+  /// What the recording says of the file that holds a content and nothing else; null if the content
+  /// is in a pack, or a column of a file.
+  const FileInfo* wholeFile(int storageId) const;
+
   /// Whether \p folder is the recording.
   bool isAt(const std::filesystem::path& folder) const;
   /// Reads the contents from the recording that has taken the place of this one. It was saved from

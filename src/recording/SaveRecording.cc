@@ -131,7 +131,7 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
 
   LockedFolder fresh(target.string() + kSavingInfix);
   fs::create_directory(fresh.path() / kStorageFolder);
-  ContentSaver saver(working, parquet::PoolAccess::of(pool).sharedStore(),
+  ContentSaver saver(working, parquet::PoolAccess::of(pool).sharedStore(), lent,
                      fresh.path() / kStorageFolder, options);
   for (FileInfo& file : info.files) saver.save(file);
   // Only a recording that is being replaced matters from here on.
