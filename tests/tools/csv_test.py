@@ -147,7 +147,7 @@ class Kinds(ToolTest):
 
     def test_dialects_are_set_by_hand(self):
         for content, options in (
-                ("a+time\n1+0\n2+1\n", ["--delimiter", "+"]),
+                ("a+time\n1+0\n2+1\n", ["--delimiter", "+"]), ("sep=;\ntime;a\n0;1\n1;2\n", []),
                 ("x\ny\ntime,a\n0,1\n1,2\n", ["--header", "3"]),
                 ("x,y\n1,2\ntime,a\n0,1\n1,2\n", ["--skip", "2"]),
                 ("0,1\n1,2\n", ["--no-header", "--type", "column 2=int64"]),
@@ -166,6 +166,13 @@ class Kinds(ToolTest):
                               (["--decimal", "x"], "give"), (["--no-time", "--time", "t"], "not both"),
                               (["--ragged", "x"], "give"), (["--time-unit", "year"], "give")):
             self.fails("import", "in.csv", "new", *options, says=[says], exit_code=2)
+
+    def test_quiet_tells_warnings_alone(self):
+        content = "time;a\n0;1\n1;1e400\n"
+        for command in ("import", "record"):
+            result = self.run_tool(command, "-", "rec", "--force", "-q", stdin=content)
+            self.assertEqual((result.stdout, result.stderr.count("\n")), ("", 1))
+            self.assertIn("infinite", result.stderr)
 
     def test_names_in_a_comment(self):
         for content in ("# time, a\n0,1\n1,2\n", "% time a\n0 1\n1 2\n"):

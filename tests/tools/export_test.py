@@ -181,7 +181,7 @@ class Losses(ExportTest):
         header = self.export("17", "18", "7 [m]", recording="odd").splitlines()[0]
         self.assertEqual(header, "time,twin (17),twin (18),7 [m] []")
         self.assertIn("twin (18)", self.told("out", "17", "18", recording="odd"))
-        self.store("t,time [h],Time\n0,1,2\n")
+        self.store("t,time [h],Time\n0,1,2\n", "--time", "t")
         self.assertEqual(self.export().splitlines()[0], "time,time [h],Time")
 
     def test_damage_is_not_exported(self):

@@ -17,6 +17,12 @@ void tell(const std::string& message) {
   std::fputs(("kyr: " + singleLine(message) + "\n").c_str(), stderr);
 }
 
+void tellNotes(const std::vector<std::string>& notes, bool isQuiet) {
+  for (const std::string& note : notes) {
+    if (!isQuiet || note.rfind("warning", 0) == 0) tell(note);
+  }
+}
+
 bool isOutputGone(int error) {
   if (error != EIO) return error == EPIPE;
   struct stat status {};

@@ -5,11 +5,15 @@
 #include <cstddef>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace kyr::tool {
 
 /// Writes "kyr: MESSAGE" to standard error, on one line. It is no failure if nobody can read it.
 void tell(const std::string& message);
+
+/// Tells notes, or of these only the warnings.
+void tellNotes(const std::vector<std::string>& notes, bool isQuiet);
 
 /// Whether an error of writing to standard output, a value of errno, says that nobody can read it:
 /// a pipe or a terminal that was closed.

@@ -45,6 +45,7 @@ struct GivenOptions {
   std::optional<std::string> resample;
   std::string method = "previous";
   WindowOptions window;
+  std::string output;
 };
 
 ExportFormat formatOf(const GivenOptions& given, const ExportOptions& options) {
@@ -99,8 +100,17 @@ std::optional<ResampleOptions> resampleOf(const GivenOptions& given) {
   return resample;
 }
 
+// With -o, what stands in the place of OUT is a signal.
+void chooseOutput(const std::string& output, ExportOptions& options) {
+  if (!output.empty()) {
+    if (!options.out.empty()) options.signals.insert(options.signals.begin(), options.out);
+    options.out = output;
+  }
+  if (options.out.empty()) throw UsageError("OUT is missing");
+}
+
 void understand(const GivenOptions& given, ExportOptions& options) {
-  if (options.out.empty()) throw UsageError("OUT is empty");
+  chooseOutput(given.output, options);
   options.format = formatOf(given, options);
   options.codec = applyGiven(given.settings, options.format);
   options.isPartitioned = !given.partition.empty();
@@ -204,6 +214,7 @@ Examples:
   kyr export run run.parquet --resample 0.01 --method linear
   kyr export run run.parquet --long --compression zstd
   kyr export run dataset --long --partition signal
+  kyr export run -o gears.csv 'g*'
   kyr export run - speed | head)help";
 
 void addShapeOptions(CLI::App& command, ExportOptions& options, GivenOptions& given) {
@@ -240,7 +251,10 @@ struct Options {
 void addExportOptions(CLI::App& command, Options& options) {
   addArgument(command, "RECORDING", options.understood.folder, "Folder of the recording");
   addLinksOption(command, options.understood.links);
-  addArgument(command, "OUT", options.understood.out, "New file, or - for standard output");
+  command
+      .add_option("OUT", options.understood.out,
+                  "New file, or - for standard output; must be given here or with -o")
+      ->type_name("");
   addSignalArguments(command, options.understood.signals);
   command
       .add_option(
@@ -249,6 +263,8 @@ void addExportOptions(CLI::App& command, Options& options) {
           ".feather, .csv). Without an ending it is parquet, for standard output csv")
       ->type_name("parquet|arrow|csv")
       ->check(oneOf({"parquet", "arrow", "csv"}));
+  command.add_option("-o,--output", options.given.output, "The new file, in place of OUT")
+      ->type_name("FILE");
   addShapeOptions(command, options.understood, options.given);
   addWindowOptions(command, options.given.window);
   addCompressionOption(command, options.given.settings);

@@ -29,7 +29,7 @@ namespace kyr::tool {
 namespace {
 
 void tellAll(const CsvTable& table, const ImportOptions& options) {
-  for (const std::string& note : table.notes()) tell(note);
+  tellNotes(table.notes(), options.isQuiet);
   Losses losses(options.isStrict, "stored");
   for (const std::string& loss : table.losses()) losses.add(loss);
   losses.settle();
@@ -45,6 +45,7 @@ std::size_t packBelowFor(const ImportOptions& options, std::size_t columns) {
 
 int runImport(const ImportOptions& options) {
   importCsv(options);
+  if (options.isQuiet) return 0;
   const RecordingSummary summary(recording::describeRecording(Path::fromNarrow(options.folder)));
   Output out;
   out.print("{}: {}\n", options.folder, summary.text());
@@ -136,6 +137,7 @@ void addImportOptions(CLI::App& command, ImportOptions& options) {
   addSetOption(command, options.settings);
   command.add_flag("--strict", options.isStrict,
                    "Store nothing if something in the file cannot be stored as it is");
+  command.add_flag("-q,--quiet", options.isQuiet, "Tell nothing but warnings and errors");
   command.add_flag("-f,--force", options.replaces, "Replace the recording in FOLDER");
 }
 

@@ -73,7 +73,7 @@ int runPlot(const PlotOptions& options) {
   const recording::RecordingReader reader(Path::fromNarrow(options.folder), reading);
   const TerminalSize size = terminalSize();
   PlotRequest request;
-  request.signals = chosenSignals(reader.signals(), options.signals, options.folder);
+  request.signals = chosenSignals(reader, options.signals, options.folder);
   request.from = options.from;
   request.to = options.to;
   request.element = options.element;

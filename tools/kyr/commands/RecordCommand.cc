@@ -50,6 +50,7 @@ struct RecordOptions {
   bool follows = false;
   bool skipsBad = false;
   bool isStrict = false;
+  bool isQuiet = false;
   std::vector<std::string> attributes;
   bool acknowledges = false;
   bool replaces = false;
@@ -239,7 +240,7 @@ int runRecord(const RecordOptions& options) {
   CsvStream stream(options.source, options.csv, options.follows);
   const CsvLayout layout = stream.layout();
   CsvHeader header = describeColumns(stream.name(), layout, options.csv);
-  for (const std::string& note : header.notes) tell(note);
+  tellNotes(header.notes, options.isQuiet);
   if (!layout.isHeaderEnded) {
     warnOfUnendedLine(stream.name(), stream.line(), "so a name may be cut off");
   }
@@ -254,7 +255,7 @@ int runRecord(const RecordOptions& options) {
         fmt::format("{}; the {} before are in {}, which --force replaces in the next try", failure,
                     rows, options.folder));
   }
-  if (!options.acknowledges) {
+  if (!options.acknowledges && !options.isQuiet) {
     const RecordingSummary summary(recording::describeRecording(Path::fromNarrow(options.folder)));
     const std::string line = fmt::format("{}: {} of {}\n", options.folder, rows, summary.text());
     // Output would take the signal that ended the recording as a wish to stop the output, too.
@@ -299,6 +300,7 @@ void addRecordOptions(CLI::App& command, RecordOptions& options) {
   addAttributeOption(command, options.attributes);
   addCompressionOption(command, options.settings);
   addSetOption(command, options.settings);
+  command.add_flag("-q,--quiet", options.isQuiet, "Tell nothing but warnings and errors");
   command.add_flag("-f,--force", options.replaces, "Replace the recording in FOLDER");
 }
 
@@ -316,8 +318,8 @@ number of a column that is rounded. At an empty cell a signal has no sample.
 
 Rows become durable every second. If the process crashes, kyr recover saves the durable rows. The
 end of the input, Ctrl-C and SIGTERM finish the recording. A last line without a line feed is kept,
-with a warning, if the input ended there and the line has all its cells. While kyr records, kyr info and kyr cat can read the
-recording.
+with a warning, if the input ended there and the line has all its cells. While kyr records, kyr info
+and kyr cat can read the recording.
 
 Examples:
   simulator | kyr record - run42

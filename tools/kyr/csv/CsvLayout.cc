@@ -71,6 +71,34 @@ bool hasValuesOnly(const SampleRow& row, const CsvDialect& dialect) {
          });
 }
 
+// Where the names, or else the values, begin.
+struct Beginning {
+  LineWalk start;
+  std::string_view comment;  // the last one above; empty without one
+  CsvOptions options;        // with the delimiter that the text itself tells
+};
+
+// Spreadsheets tell the delimiter in a line of its own, "sep=;".
+Beginning findBeginning(std::string_view text, const CsvOptions& options) {
+  Beginning result{{text}, {}, options};
+  LineWalk& walk = result.start;
+  const std::size_t skipped = options.headerLine ? *options.headerLine - 1 : options.skippedLines;
+  for (std::size_t i = 0; i < skipped && !walk.isAtEnd(); ++i) walk.next();
+  constexpr std::string_view kSeparator = "sep=";
+  const std::string_view first = walk.current();
+  if (first.size() == kSeparator.size() + 1 && first.substr(0, kSeparator.size()) == kSeparator) {
+    if (options.delimiter.empty()) result.options.delimiter = first.back();
+    walk.next();
+  }
+  const auto isSkipped = [&] {
+    return !options.headerLine && !walk.isAtEnd() &&
+           (walk.current().empty() || isComment(walk.current()));
+  };
+  for (; isSkipped(); walk.next()) result.comment = walk.current();
+  walk.at = std::min(walk.at, text.size());
+  return result;
+}
+
 SampleRows readRows(std::string_view text, bool isWhole, const CsvDialect& dialect,
                     const LineWalk& start) {
   SampleRows rows;
@@ -165,7 +193,7 @@ void nameWithoutHeader(const std::string& source, const SampleRow& first, std::s
 }
 
 [[noreturn]] void throwNoHeader(const std::string& source, const LineWalk& start) {
-  if (start.line == 1) {
+  if (start.text.find_first_not_of("\r\n") == std::string_view::npos) {
     throw std::runtime_error(source + " is empty: the first line must name the columns");
   }
   throw std::runtime_error(fmt::format("{}: there is no row from line {} on", source, start.line));
@@ -193,28 +221,20 @@ std::string_view sampleOf(std::string_view text) {
 
 bool isEnoughForLayout(std::string_view text, const CsvOptions& options) {
   constexpr std::size_t kEnough = 5;
-  const std::size_t skipped = options.headerLine ? *options.headerLine - 1 : options.skippedLines;
-  LineWalk walk{text};
-  for (std::size_t i = 0; i < skipped && !walk.isAtEnd(); ++i) walk.next();
-  while (!walk.isAtEnd() && (walk.current().empty() || isComment(walk.current()))) walk.next();
-  const CsvDialect dialect = guessDialect(text.substr(walk.at), options);
-  const SampleRows rows = readRows(text, /*isWhole=*/false, dialect, walk);
+  const Beginning beginning = findBeginning(text, options);
+  const LineWalk& start = beginning.start;
+  const CsvDialect dialect = guessDialect(text.substr(start.at), beginning.options);
+  const SampleRows rows = readRows(text, /*isWhole=*/false, dialect, start);
   if (rows.size() < 2) return false;
   return rows.size() >= kEnough || hasValue(rows.back(), dialect);
 }
 
 CsvLayout findLayout(const std::string& source, std::string_view text, bool isWhole,
                      const CsvOptions& options) {
-  const std::size_t skipped = options.headerLine ? *options.headerLine - 1 : options.skippedLines;
-  LineWalk start{text};
-  for (std::size_t i = 0; i < skipped && !start.isAtEnd(); ++i) start.next();
-  std::string_view comment;
-  while (!options.headerLine && !start.isAtEnd() && isComment(start.current())) {
-    comment = start.current();
-    start.next();
-  }
+  const Beginning beginning = findBeginning(text, options);
+  const LineWalk& start = beginning.start;
   CsvLayout layout;
-  layout.dialect = guessDialect(text.substr(std::min(start.at, text.size())), options);
+  layout.dialect = guessDialect(text.substr(start.at), beginning.options);
   SampleRows rows = readRows(text, isWhole, layout.dialect, start);
   if (rows.empty()) throwNoHeader(source, start);
   noteDialect(source, options, layout);
@@ -237,7 +257,7 @@ CsvLayout findLayout(const std::string& source, std::string_view text, bool isWh
     layout.bodyPosition = rows[body - 1].end;
     layout.bodyLine = rows[body - 1].endLine;
   } else {
-    nameWithoutHeader(source, rows[0], comment, options, layout);
+    nameWithoutHeader(source, rows[0], beginning.comment, options, layout);
   }
   for (std::size_t i = body; i < rows.size(); ++i) layout.rows.push_back(std::move(rows[i].cells));
   return layout;

@@ -164,9 +164,15 @@ void RowRecorder::takeCell(const CsvRow& row, Column& column) {
   const KYRSignalDataType type = column.described.type;
   const std::string place = describePlace(source_, row.line, column.described.name) + " ";
   if (!column.hasSample) return refuse(place + wrongType(cell, type), skippedCells_);
-  noteRounding(fmt::format("{}{} (--type {}=int64 keeps integers)", place,
-                           roundedNumber(cell, dialect_.decimalMark, type), column.described.name),
-               column.isRoundingTold);
+  std::string what = place + roundedNumber(cell, dialect_.decimalMark, type);
+  std::int64_t number = 0;
+  std::uint64_t positive = 0;
+  const bool isSmaller = parseInteger(cell, number);
+  if (isSmaller || parseInteger(cell, positive)) {
+    what += fmt::format(" (--type {}={} keeps integers)", column.described.name,
+                        isSmaller ? "int64" : "uint64");
+  }
+  noteRounding(what, column.isRoundingTold);
 }
 
 void RowRecorder::takeText(const CsvRow& row, Column& column) {

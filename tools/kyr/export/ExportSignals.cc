@@ -47,7 +47,9 @@ std::string obstacle(const SignalInfo& signal, const recording::RecordingReader&
   if (isText && !options.isLong) return "";
   const bool isMatrix =
       (signal.category == FixedDim || signal.category == VarDim) && signal.dataType != Binary;
-  const char* const kind = isMatrix ? "its samples are matrices" : "its samples are blobs";
+  const char* const kind = isText     ? "its samples are texts"
+                           : isMatrix ? "its samples are matrices"
+                                      : "its samples are blobs";
   if (options.isLong) return fmt::format("{}, and a long table holds numbers", kind);
   if (options.format == ExportFormat::csv) return fmt::format("{}, and CSV holds numbers", kind);
   return "";
