@@ -6,6 +6,7 @@
 #include "files/growing/FileRecovery.h"
 #include "files/growing/GrowingFile.h"
 #include "platform/DiskFile.h"
+#include "platform/Folder.h"
 #include "support/ArrowFiles.h"
 #include "support/Bench.h"
 #include "support/Workloads.h"
@@ -68,7 +69,8 @@ double timeReadingBytes(const fs::path& path) {
 double timeRecovery(const fs::path& path, std::size_t batches) {
   fs::resize_file(path, fs::file_size(path) - 1);
   parquet::RecoveryReport report;
-  const double time = seconds([&] { report = parquet::recoverFile(path); });
+  const double time = seconds(
+      [&] { report = parquet::recoverFile(kyr::Folder(path.parent_path()), path.filename()); });
   if (report.batchesKept != batches) throw std::runtime_error("batches went missing");
   return time;
 }
