@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "kyr/recording/Recording.h"
+#include "platform/Folder.h"
 #include "recording/Attributes.h"
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFolder.h"
@@ -29,7 +30,7 @@ void updateRecording(const Path& folder, const std::vector<SignalDescription>& d
     }
     static_cast<SignalDescription&>(*signal) = description;
   }
-  replaceTextFile(descriptionPath(folder.toFilesystem()), writeRecordingJson(info),
+  replaceTextFile(Folder(folder.toFilesystem()), kDescriptionFile, writeRecordingJson(info),
                   /*syncs=*/true);
 }
 
