@@ -60,6 +60,8 @@ def plot_signal(signal: Signal, axes: Any, element: Any, style: dict[str, Any]) 
         _, axes = _pyplot().subplots()
         axes.set_xlabel("time [s]" if signal.span else "row")
         axes.set_ylabel(signal.unit)
+    elif not hasattr(axes, "get_xlim"):
+        raise TypeError(f"ax = {axes!r}: axes of matplotlib are expected, or None")
     _LiveLine(axes, signal, element, style)
     axes.legend(loc="upper right")
     return axes

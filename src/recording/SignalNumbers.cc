@@ -128,9 +128,9 @@ void SignalNumbers::pickElements(const SampleBlock& samples) {
   const Convert convertOne = conversionFor(rows_.signal().dataType);
   const auto* const elements = static_cast<const char*>(samples.elements);
   for (std::size_t i = 0; i < samples.rows; ++i) {
-    const std::uint64_t place = samples.offsets[i] + element_;
-    if (place >= samples.offsets[i + 1]) continue;
-    convertOne(elements + place * rows_.elementBytes(), 1, 1, &values_[i]);
+    const std::uint64_t begin = samples.offsets[i];
+    if (element_ >= samples.offsets[i + 1] - begin) continue;
+    convertOne(elements + (begin + element_) * rows_.elementBytes(), 1, 1, &values_[i]);
   }
 }
 

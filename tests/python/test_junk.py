@@ -23,7 +23,8 @@ EXPECTED = (kyr.Error, ValueError, TypeError, LookupError, ArithmeticError, Memo
 EXPECTED += (BufferError,)
 METHODS = {
     kyr.Recording: ["__getitem__", "by_id", "select", "table", "get"],
-    kyr.Signal: ["read", "__getitem__", "resample", "chunks", "__arrow_c_stream__", "__array__"],
+    kyr.Signal: ["read", "__getitem__", "resample", "chunks", "envelope", "__arrow_c_stream__",
+                 "__array__"],
     kyr.Samples: ["__getitem__"],
     kyr.Table: ["__getitem__", "__arrow_c_stream__"],
     kyr.Recorder: ["add", "group"],

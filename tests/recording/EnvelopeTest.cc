@@ -300,6 +300,8 @@ TEST_F(SavedEnvelope, ReadsEachKindOfSamples) {
   const EnvelopeColumn varying = reader.envelope(2, 0, 1, 1, 1).columns[0];
   EXPECT_EQ(varying.max, 2.5);
   EXPECT_EQ(varying.nans, 1U) << "the second sample has no second element";
+  const std::uint64_t far = std::numeric_limits<std::uint64_t>::max();
+  EXPECT_EQ(reader.envelope(2, 0, 1, 1, far).columns[0].nans, 2U);
   const EnvelopeColumn untimed = reader.envelope(3, 0.5, 2, 1).columns[0];
   EXPECT_EQ(untimed.rows, 2U);
   EXPECT_EQ(untimed.maxTime, 1) << "the row number";

@@ -289,7 +289,7 @@ std::vector<double> valuesOf(const RecordingReader& reader, const ViewedSignal& 
       const std::size_t end =
           block->offsets ? block->offsets[row + 1] : begin + block->elementsPerSample;
       double value = recording::EnvelopeColumn::kNone;
-      if (begin + signal.element < end)
+      if (signal.element < end - begin)
         convert(bytes + (begin + signal.element) * width, 1, &value);
       values.push_back(value);
     }
