@@ -47,4 +47,12 @@ std::uint64_t rowsOf(const recording::Envelope& envelope) {
   return rows;
 }
 
+std::optional<recording::TimeSpan> shownSpan(const recording::RecordingReader& reader,
+                                             const recording::SignalInfo& signal) {
+  if (const auto span = reader.timeSpan(signal.signalId)) return span;
+  const std::uint64_t rows = reader.pairCount(signal.signalId);
+  if (rows == 0 || reader.timeCount(signal.signalId) > 0) return std::nullopt;
+  return recording::TimeSpan{0, static_cast<double>(rows - 1)};
+}
+
 }  // namespace kyr::tool

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <vector>
 
-#include "kyr/recording/Envelope.h"
+#include "kyr/recording/RecordingReader.h"
 
 namespace kyr::tool {
 
@@ -17,5 +19,10 @@ std::vector<PlotPoint> pointsOf(const recording::Envelope& envelope);
 
 /// Rows in the columns of an envelope.
 std::uint64_t rowsOf(const recording::Envelope& envelope);
+
+/// Smallest and largest time of a signal [s]; first and last row number of a signal without times.
+/// Empty if there is nothing to draw.
+std::optional<recording::TimeSpan> shownSpan(const recording::RecordingReader& reader,
+                                             const recording::SignalInfo& signal);
 
 }  // namespace kyr::tool

@@ -20,19 +20,11 @@ using recording::SignalInfo;
 
 constexpr double kMost = std::numeric_limits<double>::max();
 
-// A signal without times is drawn over its row numbers.
-std::optional<recording::TimeSpan> spanOf(const RecordingReader& reader, const SignalInfo& signal) {
-  if (const auto span = reader.timeSpan(signal.signalId)) return span;
-  const std::uint64_t rows = reader.pairCount(signal.signalId);
-  if (rows == 0 || reader.timeCount(signal.signalId) > 0) return std::nullopt;
-  return recording::TimeSpan{0, static_cast<double>(rows - 1)};
-}
-
 void chooseWindow(PlotPicture& picture, const RecordingReader& reader, const PlotRequest& request) {
   picture.from = kMost;
   picture.to = -kMost;
   for (const SignalInfo& signal : request.signals) {
-    const auto span = spanOf(reader, signal);
+    const auto span = shownSpan(reader, signal);
     if (!span) continue;
     picture.from = std::clamp(span->from, -kMost, picture.from);
     picture.to = std::clamp(span->to, picture.to, kMost);

@@ -25,7 +25,6 @@ using recording::RecordingReader;
 using recording::RecordingState;
 using recording::RowRange;
 using recording::SignalInfo;
-using recording::TimeSpan;
 
 // How the page draws it.
 std::string_view kindOf(const SignalInfo& signal) {
@@ -54,14 +53,6 @@ std::string_view nameOf(RecordingState state) {
   }
 }
 
-// A signal without times is shown over its row numbers.
-std::optional<TimeSpan> spanOf(const RecordingReader& reader, const SignalInfo& signal) {
-  if (const auto span = reader.timeSpan(signal.signalId)) return span;
-  const std::uint64_t rows = reader.pairCount(signal.signalId);
-  if (rows == 0 || reader.timeCount(signal.signalId) > 0) return std::nullopt;
-  return TimeSpan{0, static_cast<double>(rows - 1)};
-}
-
 ordered_json signalJson(const RecordingReader& reader, const SignalInfo& signal) {
   const std::uint64_t elements =
       std::accumulate(signal.dimensions.begin(), signal.dimensions.end(), std::uint64_t{1},
@@ -77,7 +68,7 @@ ordered_json signalJson(const RecordingReader& reader, const SignalInfo& signal)
                        {"rows", signal.rowCount},
                        {"kind", kindOf(signal)}};
   try {
-    if (const auto span = spanOf(reader, signal)) {
+    if (const auto span = shownSpan(reader, signal)) {
       json["from"] = span->from;
       json["to"] = span->to;
     }
@@ -94,7 +85,7 @@ void addSpan(ordered_json& json, const RecordingReader& reader) {
   double to = -kMost;
   for (const SignalInfo& signal : reader.signals()) {
     try {
-      const auto span = spanOf(reader, signal);
+      const auto span = shownSpan(reader, signal);
       if (!span) continue;
       from = std::min(from, std::max(span->from, -kMost));
       to = std::max(to, std::min(span->to, kMost));
