@@ -55,7 +55,13 @@ class _LiveLine:
         self.line.set_data(*self.points(axes, *window[:2]))
 
 
+def _require_numbers(signal: Signal) -> None:
+    if signal._kind is Kind.bytes:
+        raise TypeError(f"signal {signal.name!r} has bytes and no numbers to plot")
+
+
 def plot_signal(signal: Signal, axes: Any, element: Any, style: dict[str, Any]) -> Any:
+    _require_numbers(signal)
     if axes is None:
         _, axes = _pyplot().subplots()
         axes.set_xlabel("time [s]" if signal.span else "row")
@@ -72,8 +78,7 @@ def plot_signals(signals: list[Signal], style: dict[str, Any]) -> list[Any]:
     if not signals:
         raise ValueError("there is no signal to plot")
     for signal in signals:
-        if signal._kind is Kind.bytes:
-            raise TypeError(f"signal {signal.name!r} has bytes and no numbers to plot")
+        _require_numbers(signal)
     units = list(dict.fromkeys(signal.unit for signal in signals))
     _, grid = _pyplot().subplots(len(units), sharex=True, squeeze=False)
     plots = list(grid[:, 0])

@@ -12,9 +12,11 @@
 #include "cli/Output.h"
 #include "cli/SignalSelection.h"
 #include "cli/Text.h"
+#include "csv/CsvTokenizer.h"
 #include "csv/HeaderNames.h"
 #include "export/HivePath.h"
 #include "kyr/parquet/ColumnNames.h"
+#include "print/SampleCursor.h"
 
 namespace kyr::tool {
 
@@ -32,9 +34,23 @@ std::vector<SignalInfo> distinctSignals(std::vector<SignalInfo> signals) {
   return signals;
 }
 
+// A byte string need not be a text: the table says that it is one only where all samples are.
+bool holdsTexts(const SignalInfo& signal, const recording::RecordingReader& reader) {
+  if (signal.category != Scalar || signal.dataType != ByteString) return false;
+  if (!signal.dataStorageId) return false;
+  recording::SampleBlocks blocks = reader.blocks(signal.signalId);
+  while (const recording::SampleBlock* block = blocks.next()) {
+    for (std::size_t i = 0; i < block->rows; ++i) {
+      const auto [begin, end] = elementsOf(*block, i);
+      if (!isUtf8({static_cast<const char*>(block->elements) + begin, end - begin})) return false;
+    }
+  }
+  return true;
+}
+
 // Returns why the table cannot hold a signal; empty if it can.
 std::string obstacle(const SignalInfo& signal, const recording::RecordingReader& reader,
-                     const ExportOptions& options) {
+                     const ExportOptions& options, bool isText) {
   if (!signal.dataStorageId || signal.rowCount == 0) return "it has no samples";
   if (reader.withSameTimes(signal.signalId).empty()) return "it has no times";
   const std::uint64_t times = reader.timeCount(signal.signalId);
@@ -43,7 +59,6 @@ std::string obstacle(const SignalInfo& signal, const recording::RecordingReader&
     return fmt::format("it has {} but {}", counted(times, "time"), counted(samples, "sample"));
   }
   if (isNumber(signal)) return "";
-  const bool isText = signal.category == Scalar && signal.dataType == ByteString;
   if (isText && !options.isLong) return "";
   const bool isMatrix =
       (signal.category == FixedDim || signal.category == VarDim) && signal.dataType != Binary;
@@ -128,9 +143,10 @@ std::vector<ExportSignal> exportedSignals(const recording::RecordingReader& read
   for (const SignalInfo& signal :
        distinctSignals(chosenSignals(reader, options.signals, options.folder))) {
     stopIfInterrupted();
-    const std::string reason = obstacle(signal, reader, options);
+    const bool isText = holdsTexts(signal, reader);
+    const std::string reason = obstacle(signal, reader, options, isText);
     if (reason.empty()) {
-      signals.push_back({signal, reader.withSameTimes(signal.signalId).front(), ""});
+      signals.push_back({signal, reader.withSameTimes(signal.signalId).front(), isText, ""});
     } else {
       leaveOut(signal, reason);
     }

@@ -12,8 +12,9 @@ namespace kyr::tool {
 /// A signal that will be exported.
 struct ExportSignal {
   recording::SignalInfo info;
-  int times = 0;       ///< the first signal of the recording with the same times
-  std::string column;  ///< its name in the table, which no other signal has
+  int times = 0;        ///< the first signal of the recording with the same times
+  bool isText = false;  ///< whether each sample is a text in UTF-8
+  std::string column;   ///< its name in the table, which no other signal has
 };
 
 /// Its name and unit for a CSV header.

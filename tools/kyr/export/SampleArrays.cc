@@ -25,13 +25,12 @@ std::shared_ptr<::arrow::DataType> listOf(const std::shared_ptr<::arrow::DataTyp
 }
 
 // Truth values are stored as int8.
-std::shared_ptr<::arrow::DataType> typeOf(const SignalInfo& signal) {
+std::shared_ptr<::arrow::DataType> typeOf(const SignalInfo& signal, bool isText) {
   const auto stored = parquet::schemaBuilder::getSchema(signal.category, signal.dataType,
                                                         /*includeTime=*/false, "")
                           ->field(0)
                           ->type();
-  // In a recording of scalars these are the texts of a CSV file.
-  if (signal.category == Scalar && signal.dataType == ByteString) return ::arrow::utf8();
+  if (isText) return ::arrow::utf8();
   const bool isTruth = signal.dataType == Boolean && stored->id() != ::arrow::Type::BINARY;
   if (stored->id() != ::arrow::Type::LIST) return isTruth ? ::arrow::boolean() : stored;
   return listOf(isTruth ? ::arrow::boolean() : stored->field(0)->type());
@@ -56,8 +55,8 @@ std::int32_t endOf(std::int64_t elements) {
 
 }  // namespace
 
-SampleArrays::SampleArrays(const SignalInfo& signal)
-    : type_(typeOf(signal)),
+SampleArrays::SampleArrays(const SignalInfo& signal, bool isText)
+    : type_(typeOf(signal, isText)),
       elementType_(isList(*type_) ? type_->field(0)->type() : type_),
       isFlat_(!isList(*type_) && !isBinary(*type_)),
       width_(widthOf(*elementType_)),

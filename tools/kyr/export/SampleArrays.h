@@ -12,13 +12,14 @@
 
 namespace kyr::tool {
 
-/// Makes Arrow arrays of the samples of one signal: numbers, bool, binary for blobs, lists of the
-/// elements for other samples.
+/// Makes Arrow arrays of the samples of one signal: numbers, bool, binary for blobs, string for
+/// texts, lists of the elements for other samples.
 class SampleArrays {
  public:
   using ArrayPtr = std::shared_ptr<::arrow::Array>;
 
-  explicit SampleArrays(const recording::SignalInfo& signal);
+  /// \param isText  whether the samples are texts in UTF-8
+  SampleArrays(const recording::SignalInfo& signal, bool isText);
 
   const std::shared_ptr<::arrow::DataType>& type() const { return type_; }
   /// Whether each sample is one element.

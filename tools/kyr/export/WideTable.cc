@@ -151,7 +151,7 @@ void WideTable::addColumn(const ExportSignal& signal, bool isLinear, Losses& los
   const bool isInterpolated = isLinear && isNumber(info) && info.dataType != Boolean;
   columns_.push_back({info.signalId, signal.times, isInterpolated, toDoublesFor(info.dataType),
                       SampleCursor(reader_, info, info.rowCount, blockRowsFor(2 * signals_.size())),
-                      SampleArrays(info)});
+                      SampleArrays(info, signal.isText)});
   const SampleArrays& arrays = columns_.back().arrays;
   fields_.push_back(::arrow::field(signal.column,
                                    isInterpolated ? ::arrow::float64() : arrays.type(),
