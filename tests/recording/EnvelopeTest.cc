@@ -142,7 +142,7 @@ constexpr EnvelopeLimits kTiny{/*exactRows=*/50, /*bucketRows=*/8, /*maxBuckets=
 
 TEST(Envelope, IsThatOfALookAtEachRowInEveryWindow) {
   std::minstd_rand random(7);
-  for (const std::size_t count : {0, 1, 2, 9, 300, 2000}) {
+  for (const std::size_t count : {0U, 1U, 2U, 9U, 300U, 2000U}) {
     for (const bool ascends : {true, false}) {
       Rows rows = randomRows(count, random);
       constexpr std::size_t kBlock = 37;
@@ -155,7 +155,7 @@ TEST(Envelope, IsThatOfALookAtEachRowInEveryWindow) {
       EnvelopeIndex index(kTiny);
       std::vector<double> ends = rows.times;
       ends.insert(ends.end(), {-5.0, 3.0, -1e308, 1e308, 1e3});
-      for (int i = 0; i < 120; ++i) {
+      for (std::size_t i = 0; i < 120; ++i) {
         double from = ends[random() % ends.size()] + (i % 3 == 0 ? 0.1 : 0);
         double to = ends[random() % ends.size()];
         if (std::isnan(from + to)) continue;
