@@ -57,7 +57,8 @@ std::string sampleFault(const SignalInfo& signal, const parquet::SampleSchema& s
                         const parquet::RowSlice& rows, std::uint64_t first) {
   if (schema.kind != parquet::ColumnKind::list) return "";
   if (rows.extentEnds == nullptr && signal.dimensions.empty()) return "";
-  std::uint64_t expected = parquet::shapeElements(signal.dimensions.data(), signal.dimensions.size());
+  std::uint64_t expected =
+      parquet::shapeElements(signal.dimensions.data(), signal.dimensions.size());
   std::uint64_t begin = rows.begin;
   const std::uint64_t* extents = rows.extents;
   std::uint64_t extentBegin = rows.extentBegin;

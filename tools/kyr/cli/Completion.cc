@@ -139,7 +139,8 @@ std::string valuesOf(const CLI::Option& option) {
   for (std::size_t begin = 0; begin <= type.size();) {
     const std::size_t end = std::min(type.find('|', begin), type.size());
     const std::string word = type.substr(begin, end - begin);
-    if (word.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ\"'") == std::string::npos) values += word + " ";
+    if (word.find_first_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ\"'") == std::string::npos)
+      values += word + " ";
     begin = end + 1;
   }
   return values;

@@ -20,7 +20,7 @@ struct Window {
   double to = std::numeric_limits<double>::infinity();
   std::uint64_t firstRow = 0;
   std::uint64_t endRow = std::numeric_limits<std::uint64_t>::max();
-  /// Of these rows only the first or the last ones are taken.
+  /// Only the first or the last ones of these rows are taken.
   std::optional<std::uint64_t> head;
   std::optional<std::uint64_t> tail;
 

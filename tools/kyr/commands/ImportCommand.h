@@ -19,7 +19,7 @@ struct ImportOptions {
   std::size_t packBelow = 0;  ///< see recording::SaveOptions; 0 if it is not given
   bool hasNoPacks = false;
   std::vector<std::string> attributes;  ///< "NAME=VALUE"
-  bool isQuiet = false;       ///< whether only warnings are told
+  bool isQuiet = false;                 ///< whether only warnings are told
   bool isStrict = false;                ///< whether a loss is an error
   bool replaces = false;                ///< whether an existing recording is replaced
 };
