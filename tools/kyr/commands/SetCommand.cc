@@ -94,6 +94,7 @@ int runSet(const SetOptions& options) {
     }
   }
   std::vector<recording::SignalDescription> descriptions;
+  descriptions.reserve(changed.size());
   for (auto& [id, description] : changed) descriptions.push_back(std::move(description));
   recording::updateRecording(path, descriptions, attributes);
   Output out;
