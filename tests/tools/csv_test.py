@@ -238,6 +238,7 @@ class Refusals(ToolTest):
                 ("time\n0\n1\n", [], ["only one column", "--no-time"]),
                 ("day,a\nmonday,1\n", [], ["line 2", '"day"', "--time-format", "--time "]),
                 ("time,a\n2024-05-01,1\nx,2\n", [], ["line 3", '"time"', "ISO 8601"]),
+                ("time [ms],a\n0,1\nx,2\n", [], ["line 3", '"time"', "--time-format"]),
                 ("time,a\n3024-05-01,1\n", ["--time-format", "iso"], ["line 2", "1678 to 2261"]),
                 ("time,a\n10:00:00,1\n10:60:00,2\n", [], ["line 3", "hh:mm:ss"]),
                 ("time,a\n01.02.2024,1\n", ["--time-format", "%Y-%m-%d"], ["line 2", "%Y-%m-%d"]),

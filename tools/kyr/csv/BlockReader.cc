@@ -57,15 +57,22 @@ class BlockReader {
 
   enum class Way { skip, integer, real, text, other, again };
 
+  // Times that turn out to be texts are refused, so nobody wants these texts.
+  bool keepsTexts(std::size_t column) const {
+    return plans_[column].keepsTexts && plans_[column].timeForm == nullptr;
+  }
+
   Way wayFor(std::size_t column) const {
-    if (plans_[column].parser || plans_[column].timeForm != nullptr) return Way::other;
-    switch (values_.columns[column].kind) {
+    const CellKind kind = values_.columns[column].kind;
+    if (plans_[column].parser) return Way::other;
+    if (plans_[column].timeForm != nullptr && kind != CellKind::text) return Way::other;
+    switch (kind) {
       case CellKind::integer:
         return Way::integer;
       case CellKind::real:
         return Way::real;
       case CellKind::text:
-        return plans_[column].keepsTexts ? Way::text : Way::skip;
+        return keepsTexts(column) ? Way::text : Way::skip;
       default:
         return Way::other;
     }
@@ -280,7 +287,7 @@ class BlockReader {
       cells.hadNumbers = cells.kind != CellKind::empty;
     }
     cells.kind = kind;
-    const bool isWanted = !isText || plans_[column].keepsTexts;
+    const bool isWanted = !isText || keepsTexts(column);
     ways_[column] = isWanted && (hasValues || isText) ? Way::again : wayFor(column);
   }
 
