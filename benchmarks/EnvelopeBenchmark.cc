@@ -91,7 +91,7 @@ void lookAtSignal(benchmark::State& state) {
                     {"decoding", [&] { return timeBoth("decoding", decode); }}});
     const auto span = reader->timeSpan(1).value();
     std::vector<double> later;  // in processor time: one thread does the work
-    for (int i = 0; i < 40; ++i) {
+    for (unsigned i = 0; i < 40; ++i) {
       const double width = (span.to - span.from) / static_cast<double>(1U << (i % 20U));
       const double from =
           span.from + (span.to - span.from - width) * static_cast<double>(random() % 1000) / 1000;

@@ -95,7 +95,7 @@ bool hasType(const Elements& elements, KYRSignalDataType type) {
 // Whether it is an array, and not merely something with a buffer: the buffers of numpy.datetime64
 // have no shape, and nanobind follows the pointer to it all the same.
 bool isArray(const nb::handle& object) {
-  // It lives as long as the process. Without a guard: while numpy is imported, others may come here.
+  // It lives as long as the process. It has no guard: others may come here while numpy is imported.
   static PyObject* type = nullptr;
   if (type == nullptr)
     type = nb::object(nb::module_::import_("numpy").attr("ndarray")).release().ptr();

@@ -85,9 +85,9 @@ class InputFile {
   /// \param first  row group to begin with
   std::vector<std::optional<NumberRange>> ascendingGroups(std::size_t first) const;
 
-  /// Rows [first, first + count), from the row groups that hold them and no others. Reading on from
-  /// where the last call ended parses no metadata and decodes no page of numbers twice. Rows are not
-  /// kept.
+  /// Rows [first, first + count), from the row groups that hold them and no others. Reading on
+  /// from where the last call ended parses no metadata and decodes no page of numbers twice. Rows
+  /// are not kept.
   /// \param columns  names; all if none are given
   /// \throws std::out_of_range if there are not that many rows
   std::shared_ptr<::arrow::Table> read(std::uint64_t first, std::uint64_t count,

@@ -58,6 +58,12 @@ FileDigest FileDigester::finish() {
   return std::move(digest_);
 }
 
+void describeFile(FileInfo& file, FileDigest digest) {
+  file.size = digest.size;
+  file.checksum = std::move(digest.checksum);
+  file.blocks = std::move(digest.blocks);
+}
+
 std::string checksumOf(std::string_view text) {
   return digitsOf(digestOfBytes(text.data(), text.size()));
 }

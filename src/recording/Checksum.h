@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "files/CheckedFile.h"
+#include "kyr/recording/RecordingInfo.h"
 
 namespace kyr::recording {
 
@@ -21,6 +22,9 @@ struct FileDigest {
   /// file of one block.
   std::vector<std::uint64_t> blocks;
 };
+
+/// Puts size and digests into what recording.json says of the file.
+void describeFile(FileInfo& file, FileDigest digest);
 
 /// Takes the digests of a file's bytes, which are given in pieces of any size, in order.
 class FileDigester {

@@ -27,10 +27,7 @@ void completeRecording(const Folder& folder, RecordingInfo info, bool syncsFiles
   const Folder storage = folder.folder(kStorageFolder);
   for (FileInfo& file : info.files) {
     const auto stored = storage.open(std::to_string(file.storageId));
-    FileDigest digest = digestOf(*stored);
-    file.size = digest.size;
-    file.checksum = std::move(digest.checksum);
-    file.blocks = std::move(digest.blocks);
+    describeFile(file, digestOf(*stored));
     if (syncsFiles) stored->syncAll();
   }
   storage.sync();

@@ -19,11 +19,18 @@ using parquet::Content;
 
 namespace {
 
+// \return whether a regular file has a second name now
+bool linkFile(const fs::path& from, const fs::path& to) {
+  std::error_code error;
+  if (!fs::is_regular_file(fs::symlink_status(from, error))) return false;
+  fs::create_hard_link(from, to, error);
+  return !error;
+}
+
 // A finished file of a pool never changes any more: the recording can share it. Whoever writes to a
 // name that other names share the file of gives it a file of its own first (platform/FileLinks.h).
 FileDigest linkOrCopy(const fs::path& from, const fs::path& to) {
-  std::error_code error;
-  if (fs::is_regular_file(fs::symlink_status(from, error))) fs::create_hard_link(from, to, error);
+  linkFile(from, to);
   // Other file systems, or the limits of this one.
   if (!fs::exists(to)) return copyFile(from, to);
   return digestFile(to);
@@ -47,16 +54,12 @@ void ContentSaver::save(FileInfo& file) {
   if (isMissing ? pack(file, *content) : packFile(file)) return;
   if (isMissing && linkLent(file)) return;
   const std::string name = std::to_string(file.storageId);
-  FileDigest digest;
   if (isMissing) {
     content->writeCopy(storage_ / name, /*sync=*/false);
-    digest = digestFile(storage_ / name);
+    describeFile(file, digestFile(storage_ / name));
   } else {
-    digest = linkOrCopy(directory_ / name, storage_ / name);
+    describeFile(file, linkOrCopy(directory_ / name, storage_ / name));
   }
-  file.size = digest.size;
-  file.checksum = std::move(digest.checksum);
-  file.blocks = std::move(digest.blocks);
 }
 
 // Contents only grow, so that one with as many rows is the one that was lent. The checksum tells
@@ -65,20 +68,14 @@ bool ContentSaver::linkLent(FileInfo& file) const {
   const FileInfo* const listed = lent_ ? lent_->wholeFile(file.storageId) : nullptr;
   if (listed == nullptr || listed->rowCount != file.rowCount) return false;
   const std::string name = std::to_string(file.storageId);
-  const fs::path from = lent_->path() / kStorageFolder / name;
   const fs::path to = storage_ / name;
-  std::error_code error;
-  if (!fs::is_regular_file(fs::symlink_status(from, error))) return false;
-  fs::create_hard_link(from, to, error);
-  if (error) return false;
+  if (!linkFile(lent_->path() / kStorageFolder / name, to)) return false;
   FileDigest digest = digestFile(to);
   if (digest.checksum != listed->checksum) {
     fs::remove(to);
     return false;
   }
-  file.size = digest.size;
-  file.checksum = std::move(digest.checksum);
-  file.blocks = std::move(digest.blocks);
+  describeFile(file, std::move(digest));
   return true;
 }
 

@@ -172,7 +172,7 @@ void makeRecordings(const std::filesystem::path& out) {
   Rows rows(
       [&](const SignalDescription& signal, KYRSignalDataType type, KYRSignalCategory category) {
         descriptions.push_back(signal);
-        const auto streamed = pool.getStreamableSignal(signal.signalId);
+        auto streamed = pool.getStreamableSignal(signal.signalId);
         streamed->setDataType(type);
         streamed->setCategory(category);
         return streamed;

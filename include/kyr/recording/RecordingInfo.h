@@ -15,8 +15,8 @@
 namespace kyr::recording {
 
 /// \brief What is said of a recording as a whole, such as the model that was simulated: values by
-/// name. Names are UTF-8 and not empty; a value is the text of a JSON value, such as `"pump 7"` with
-/// the quotation marks, `1.5` or `[1,2]`.
+/// name. Names are UTF-8 and not empty; a value is the text of a JSON value, such as `"pump 7"`
+/// with the quotation marks, `1.5` or `[1,2]`.
 using Attributes = std::map<std::string, std::string>;
 
 /// \brief What a host tells about a signal and the pool does not know. All text is UTF-8.

@@ -115,10 +115,10 @@ class KYR_PARQUET_EXPORT SampleBlocks {
 /// Parquet files of a live recording have no checksum yet.
 ///
 /// **Changes of the folder.** Files that are open stay readable if the recording is replaced or
-/// deleted. Others are looked for in the folder that was opened, whatever it is called now, and then
-/// in the recording that has taken its place, if that has the same file. If it has not, the error is
-/// a std::system_error with the code ESTALE: the recording is to be opened again. A file that was
-/// exchanged is noticed by its size or checksum.
+/// deleted. Others are looked for in the folder that was opened, whatever it is called now, and
+/// then in the recording that has taken its place, if that has the same file. If it has not, the
+/// error is a std::system_error with the code ESTALE: the recording is to be opened again. A file
+/// that was exchanged is noticed by its size or checksum.
 ///
 /// **Errors.** std::out_of_range for an id that there is not. DamagedError for a file that is
 /// missing or not as the recording says. std::system_error if the system refuses to read.

@@ -19,7 +19,7 @@ std::string inSingleQuotes(const std::string& text) {
   return result + "'";
 }
 
-// The first sentence part of a meaning, without what a specification of zsh would misread.
+// The first part of a sentence, without the letters that have a meaning for zsh.
 std::string shortMeaning(const std::string& meaning) {
   std::string text = meaning.substr(0, meaning.find_first_of(";:\n"));
   for (char& c : text) {
@@ -45,13 +45,13 @@ std::string zshOption(const CLI::Option& option) {
   std::istringstream all(names);
   for (std::string name; all >> name;) {
     const bool isLong = name.size() > 2;
-    std::string spec = fmt::format("*{}{}[{}]", name, takesValue(option) && isLong ? "=" : "",
-                                   shortMeaning(option.get_description()));
+    std::string completed = fmt::format("*{}{}[{}]", name, takesValue(option) && isLong ? "=" : "",
+                                        shortMeaning(option.get_description()));
     if (takesValue(option)) {
       const std::string values = valuesOf(option);
-      spec += ":value:" + (values.empty() ? std::string("_files") : "(" + values + ")");
+      completed += ":value:" + (values.empty() ? std::string("_files") : "(" + values + ")");
     }
-    lines += "      " + inSingleQuotes(spec) + " \\\n";
+    lines += "      " + inSingleQuotes(completed) + " \\\n";
   }
   return lines;
 }

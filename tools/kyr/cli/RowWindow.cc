@@ -26,16 +26,18 @@ std::uint64_t parseRow(std::string_view text, std::uint64_t ifEmpty, const std::
 
 bool Window::hasAllTimes() const { return std::isinf(from) && std::isinf(to); }
 
+void addTimeOptions(CLI::App& command, WindowOptions& options) {
+  command.add_option("--from", options.from, "Leave out earlier times [s]")->type_name("T");
+  command.add_option("--to", options.to, "Leave out later times [s]")->type_name("T");
+}
+
 CLI::Option* addWindowOptions(CLI::App& command, WindowOptions& options) {
-  CLI::Option* from =
-      command.add_option("--from", options.from, "Leave out earlier times [s]")->type_name("T");
-  CLI::Option* to =
-      command.add_option("--to", options.to, "Leave out later times [s]")->type_name("T");
+  addTimeOptions(command, options);
   return command
       .add_option("--rows", options.rows, "Take the rows A to B - 1 alone, counted from 0")
       ->type_name("A:B")
-      ->excludes(from)
-      ->excludes(to);
+      ->excludes("--from")
+      ->excludes("--to");
 }
 
 Window windowOf(const WindowOptions& options) {

@@ -35,6 +35,9 @@ struct WindowOptions {
   std::string rows;
 };
 
+/// Adds --from and --to.
+void addTimeOptions(CLI::App& command, WindowOptions& options);
+
 /// Adds --from, --to and --rows.
 /// \return --rows
 CLI::Option* addWindowOptions(CLI::App& command, WindowOptions& options);

@@ -1,7 +1,6 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <set>
@@ -14,6 +13,7 @@
 #include "cli/Output.h"
 #include "cli/Process.h"
 #include "cli/RecordingFolder.h"
+#include "cli/RowWindow.h"
 #include "cli/Settings.h"
 #include "cli/SignalSelection.h"
 #include "cli/Text.h"
@@ -38,8 +38,7 @@ struct EditOptions {
   std::string second;
   std::string folder;
   std::vector<std::string> signals;
-  std::optional<double> from;
-  std::optional<double> to;
+  WindowOptions window;
   std::vector<std::string> settings;
   bool packs = false;
   bool hasNoPacks = false;
@@ -81,12 +80,8 @@ bool isWhole(const RecordingReader& reader, int id, const std::vector<RowRange>&
 }
 
 int runCut(const EditOptions& options) {
-  constexpr double kInfinity = std::numeric_limits<double>::infinity();
-  const double from = options.from.value_or(-kInfinity);
-  const double to = options.to.value_or(kInfinity);
-  if (!(from <= to)) {
-    throw UsageError(fmt::format("--from {} --to {}: no time lies in between", from, to));
-  }
+  const Window window = windowOf(options.window);
+  const bool hasWindow = options.window.from || options.window.to;
   checkNewRecording(options.folder, options.replaces);
   allowManyFiles();
   const RecordingReader reader = openFinished(options.first);
@@ -94,14 +89,13 @@ int runCut(const EditOptions& options) {
   RecordingEdit edit(options.first, idsOf(signals));
   for (const int id : idsOf(signals)) {
     if (reader.timeCount(id) == 0) {
-      if (options.from || options.to) {
+      if (hasWindow) {
         tell(fmt::format("warning: signal {} has no times and is kept whole",
                          inQuotes(reader.signal(id).name)));
       }
       continue;
     }
-    const std::vector<RowRange> ranges = reader.rowsBetween(id, from, to);
-    const bool hasWindow = options.from || options.to;
+    const std::vector<RowRange> ranges = reader.rowsBetween(id, window.from, window.to);
     if (hasWindow && !isWhole(reader, id, ranges)) edit.keep(reader, id, ranges);
   }
   edit.save(options.folder, savingAs(options.first, options));
@@ -226,8 +220,7 @@ void addCutCommand(CLI::App& app, Action& action) {
   addArgument(*command, "FOLDER", options->first, "Folder of the recording");
   addNewArgument(*command, *options);
   addSignalArguments(*command, options->signals);
-  command->add_option("--from", options->from, "Leave out earlier times [s]")->type_name("T");
-  command->add_option("--to", options->to, "Leave out later times [s]")->type_name("T");
+  addTimeOptions(*command, options->window);
   command->footer(R"help(
 Signals of which all rows stay are linked and not copied.
 

@@ -19,6 +19,7 @@
 #include "commands/Commands.h"
 #include "kyr/recording/RecordingReader.h"
 #include "print/RecordingSummary.h"
+#include "print/SignalJson.h"
 #include "print/SignalStatistics.h"
 #include "print/TypeNames.h"
 
@@ -73,19 +74,14 @@ ordered_json orNull(const std::optional<T>& value) {
 ordered_json signalJson(const SignalInfo& signal, const RecordingSummary& summary) {
   ordered_json span = nullptr;
   if (signal.timeSpan) span = {{"from", signal.timeSpan->from}, {"to", signal.timeSpan->to}};
-  return {{"id", signal.signalId},
-          {"name", signal.name},
-          {"unit", signal.unit},
-          {"description", signal.description},
-          {"type", typeName(signal.dataType)},
-          {"category", categoryName(signal.category)},
-          {"dimensions", signal.dimensions},
-          {"compression", signal.compression},
-          {"rows", signal.rowCount},
-          {"timeSpan", std::move(span)},
-          {"bytes", summary.bytesOf(signal)},
-          {"timeFile", orNull(signal.timeStorageId)},
-          {"dataFile", orNull(signal.dataStorageId)}};
+  ordered_json json = tool::signalJson(signal);
+  json["compression"] = signal.compression;
+  json["rows"] = signal.rowCount;
+  json["timeSpan"] = std::move(span);
+  json["bytes"] = summary.bytesOf(signal);
+  json["timeFile"] = orNull(signal.timeStorageId);
+  json["dataFile"] = orNull(signal.dataStorageId);
+  return json;
 }
 
 // \param state  set if the recording is not finished

@@ -12,8 +12,9 @@
 #include <utility>
 
 #include "cli/Text.h"
+#include "print/SampleCursor.h"
 #include "print/SampleNumbers.h"
-#include "print/TypeNames.h"
+#include "print/SignalJson.h"
 #include "view/EnvelopePoints.h"
 
 namespace kyr::tool {
@@ -57,16 +58,10 @@ ordered_json signalJson(const RecordingReader& reader, const SignalInfo& signal)
   const std::uint64_t elements =
       std::accumulate(signal.dimensions.begin(), signal.dimensions.end(), std::uint64_t{1},
                       [](std::uint64_t product, std::size_t extent) { return product * extent; });
-  ordered_json json = {{"id", signal.signalId},
-                       {"name", signal.name},
-                       {"unit", signal.unit},
-                       {"description", signal.description},
-                       {"type", typeName(signal.dataType)},
-                       {"category", categoryName(signal.category)},
-                       {"dimensions", signal.dimensions},
-                       {"elements", signal.category == Scalar ? 1 : elements},
-                       {"rows", signal.rowCount},
-                       {"kind", kindOf(signal)}};
+  ordered_json json = tool::signalJson(signal);
+  json["elements"] = signal.category == Scalar ? 1 : elements;
+  json["rows"] = signal.rowCount;
+  json["kind"] = kindOf(signal);
   try {
     if (const auto span = shownSpan(reader, signal)) {
       json["from"] = span->from;
@@ -104,8 +99,30 @@ void put(std::string& bytes, Number number) {
   bytes.append(reinterpret_cast<const char*>(&value), sizeof(value));
 }
 
+// Every row that is a multiple of the stride after the first one.
 std::vector<double> valuesOf(const RecordingReader& reader, const ViewedSignal& signal,
-                             const RowRange& rows, std::uint64_t stride);
+                             const RowRange& rows, std::uint64_t stride) {
+  const SignalInfo& info = reader.signal(signal.id);
+  const ToDoubles convert = toDoublesFor(info.dataType);
+  if (convert == nullptr) {
+    throw std::runtime_error(fmt::format("{} has no numbers", inQuotes(info.name)));
+  }
+  const std::size_t width = reader.elementBytes(signal.id);
+  std::vector<double> values;
+  recording::SampleBlocks blocks = reader.blocks(signal.id, rows);
+  while (const recording::SampleBlock* block = blocks.next()) {
+    const auto* const bytes = static_cast<const char*>(block->elements);
+    for (std::size_t row = 0; bytes != nullptr && row < block->rows; ++row) {
+      if ((block->firstRow + row - rows.from) % stride != 0) continue;
+      const auto [begin, end] = elementsOf(*block, row);
+      double value = recording::EnvelopeColumn::kNone;
+      if (signal.element < end - begin)
+        convert(bytes + (begin + signal.element) * width, 1, &value);
+      values.push_back(value);
+    }
+  }
+  return values;
+}
 
 std::size_t readersOfRun() {
   constexpr unsigned kMost = 4;
@@ -257,37 +274,5 @@ std::string ViewedRuns::pairs(const ViewedSignal& x, const ViewedSignal& y,
   }
   return bytes;
 }
-
-namespace {
-
-// Every row that is a multiple of the stride after the first one.
-std::vector<double> valuesOf(const RecordingReader& reader, const ViewedSignal& signal,
-                             const RowRange& rows, std::uint64_t stride) {
-  const SignalInfo& info = reader.signal(signal.id);
-  const ToDoubles convert = toDoublesFor(info.dataType);
-  if (convert == nullptr) {
-    throw std::runtime_error(fmt::format("{} has no numbers", inQuotes(info.name)));
-  }
-  const std::size_t width = reader.elementBytes(signal.id);
-  std::vector<double> values;
-  recording::SampleBlocks blocks = reader.blocks(signal.id, rows);
-  while (const recording::SampleBlock* block = blocks.next()) {
-    const auto* const bytes = static_cast<const char*>(block->elements);
-    for (std::size_t row = 0; bytes != nullptr && row < block->rows; ++row) {
-      if ((block->firstRow + row - rows.from) % stride != 0) continue;
-      const std::size_t begin =
-          block->offsets ? block->offsets[row] : row * block->elementsPerSample;
-      const std::size_t end =
-          block->offsets ? block->offsets[row + 1] : begin + block->elementsPerSample;
-      double value = recording::EnvelopeColumn::kNone;
-      if (signal.element < end - begin)
-        convert(bytes + (begin + signal.element) * width, 1, &value);
-      values.push_back(value);
-    }
-  }
-  return values;
-}
-
-}  // namespace
 
 }  // namespace kyr::tool
