@@ -12,6 +12,7 @@ DamagedBytes::DamagedBytes(const std::filesystem::path& file, std::uint64_t from
                            const std::string& reason)
     : std::runtime_error(
           fmt::format("{}: bytes {} to {} are damaged: {}", file.string(), from, to, reason)),
+      file_(file),
       from_(from),
       to_(to) {}
 

@@ -19,10 +19,12 @@ class DamagedBytes : public std::runtime_error {
   DamagedBytes(const std::filesystem::path& file, std::uint64_t from, std::uint64_t to,
                const std::string& reason);
 
+  const std::filesystem::path& file() const { return file_; }
   std::uint64_t from() const { return from_; }
   std::uint64_t to() const { return to_; }
 
  private:
+  std::filesystem::path file_;
   std::uint64_t from_;
   std::uint64_t to_;
 };

@@ -8,11 +8,10 @@
 #include <stdexcept>
 #include <utility>
 
+#include "files/pack/PackSchema.h"
 #include "kyr/parquet/ColumnNames.h"
 
 namespace kyr::parquet {
-
-const std::string kPackColumn = "storage";
 
 namespace {
 
@@ -20,10 +19,10 @@ namespace {
   throw std::runtime_error(fmt::format("{}: {}", file.path().string(), what));
 }
 
-std::shared_ptr<::arrow::Schema> without(const ::arrow::Schema& schema, const std::string& column) {
+std::shared_ptr<::arrow::Schema> withoutTimes(const ::arrow::Schema& schema) {
   ::arrow::FieldVector fields;
   for (const auto& field : schema.fields()) {
-    if (field->name() != column) fields.push_back(field);
+    if (field->name() != columnNames::time) fields.push_back(field);
   }
   return ::arrow::schema(std::move(fields));
 }
@@ -35,17 +34,14 @@ ContentFile::ContentFile(std::shared_ptr<InputFile> file, Kind kind,
     : file_(std::move(file)),
       kind_(kind),
       cache_(std::move(cache)),
-      schema_(without(*file_->schema(), isPack() ? kPackColumn : columnNames::time)),
+      schema_(isPack() ? contentSchema(*file_->schema()) : withoutTimes(*file_->schema())),
       hasTimes_(!isPack() && file_->hasColumn(columnNames::time)) {
   if (isPack()) {
-    const ::arrow::Schema& all = *file_->schema();
-    const int ids = all.GetFieldIndex(kPackColumn);
-    if (ids < 1 || ids != all.num_fields() - 1 ||
-        all.field(ids)->type()->id() != ::arrow::Type::INT32) {
+    if (!isPackSchema(*file_->schema())) {
       fail(*file_, fmt::format("is no pack: its last column is no int32 \"{}\"", kPackColumn));
     }
     if (schema_.dataIndex != 0 || !makesSamples(schema_)) {
-      fail(*file_, fmt::format("is no pack: its columns are {}", all.ToString()));
+      fail(*file_, fmt::format("is no pack: its columns are {}", file_->schema()->ToString()));
     }
   }
   if (schema_.dataIndex < 0) {
@@ -140,25 +136,41 @@ void ContentReader::grow(std::uint64_t rows) {
 
 ::arrow::Compression::type ContentReader::codec() const { return file().codec(columnNames::data); }
 
-std::size_t ContentReader::parts() const {
+std::size_t ContentReader::ownParts() const {
   if (!isPacked()) return file().rowGroups();
-  return count_ == 0 ? 0 : partOfRow(count_ - 1) + 1;
+  return count_ == 0 ? 0 : file().groupOfRow(first_ + count_ - 1) - file().groupOfRow(first_) + 1;
 }
 
+std::size_t ContentReader::parts() const { return ownParts() + runs_.size(); }
+
 std::uint64_t ContentReader::partStart(std::size_t part) const {
+  const std::size_t own = ownParts();
+  if (part >= own && !runs_.empty()) {
+    return part - own < runs_.size() ? runs_[part - own].first : rows();
+  }
   if (!isPacked()) return file().rowStart(part);
   const std::size_t group = count_ == 0 ? 0 : file().groupOfRow(first_);
   return std::clamp(file().rowStart(group + part), first_, first_ + count_) - first_;
 }
 
 std::size_t ContentReader::partOfRow(std::uint64_t row) const {
+  if (row >= ownRows() && !runs_.empty()) {
+    const auto behind = std::upper_bound(
+        runs_.begin(), runs_.end(), row,
+        [](std::uint64_t value, const ContentRun& run) { return value < run.first + run.count; });
+    return ownParts() + static_cast<std::size_t>(behind - runs_.begin());
+  }
   const std::size_t group = file().groupOfRow(first_ + row);
   return isPacked() ? group - file().groupOfRow(first_) : group;
 }
 
 std::vector<std::optional<NumberRange>> ContentReader::ascendingParts(std::size_t first) const {
-  if (isPacked()) return std::vector<std::optional<NumberRange>>(parts() - first);
-  return file().ascendingGroups(first);
+  if (isPacked() || first >= ownParts()) {
+    return std::vector<std::optional<NumberRange>>(parts() - first);
+  }
+  auto parts = file().ascendingGroups(first);
+  parts.resize(parts.size() + runs_.size());
+  return parts;
 }
 
 void ContentReader::requireRows(std::uint64_t first, std::uint64_t count) const {
@@ -167,10 +179,34 @@ void ContentReader::requireRows(std::uint64_t first, std::uint64_t count) const 
                                       file().path().string(), first, first + count, rows()));
 }
 
+template <typename Visit>
+void ContentReader::forEachRun(std::uint64_t first, std::uint64_t count, Visit&& visit) const {
+  while (count > 0) {
+    const ContentRun& run = runs_[partOfRow(first) - ownParts()];
+    const std::uint64_t skipped = first - run.first;
+    const std::uint64_t here = std::min(count, run.count - skipped);
+    visit(run, run.row + skipped, here);
+    first += here;
+    count -= here;
+  }
+}
+
 void ContentReader::readNumbers(const std::string& column, std::uint64_t first, std::uint64_t count,
                                 char* out) {
   requireRows(first, count);
-  if (count == 0) return;
+  const std::uint64_t own = std::min(count, ownRows() - std::min(first, ownRows()));
+  if (own > 0) readOwnNumbers(column, first, own, out);
+  out += own * width();
+  // The runs were told with the batch, under its checksum, so that no storage id is looked at.
+  forEachRun(first + own, count - own,
+             [&](const ContentRun& run, std::uint64_t row, std::uint64_t rows) {
+               run.pack->input().readNumbers(columnNames::data, row, rows, out);
+               out += rows * width();
+             });
+}
+
+void ContentReader::readOwnNumbers(const std::string& column, std::uint64_t first,
+                                   std::uint64_t count, char* out) {
   if (!isPacked()) {
     return file_->input().readNumbers(isTimes() ? columnNames::time : column, first, count, out);
   }
@@ -181,7 +217,7 @@ void ContentReader::readNumbers(const std::string& column, std::uint64_t first, 
   while (count > 0) {
     const std::uint64_t end = partStart(partOfRow(first) + 1);
     const std::uint64_t rows = std::min(count, end - first);
-    const HeldRows held = read(first, rows);
+    const HeldRows held = readOwn(first, rows);
     std::memcpy(out, held.rows.elements, held.rows.bytes);
     out += held.rows.bytes;
     first += rows;
@@ -191,13 +227,25 @@ void ContentReader::readNumbers(const std::string& column, std::uint64_t first, 
 
 HeldRows ContentReader::read(std::uint64_t first, std::uint64_t count) {
   requireRows(first, count);
-  if (!isPacked() && isFlat()) {
+  if ((!isPacked() || first + count > ownRows()) && isFlat()) {
     if (!isTimes()) file_->requireReadable();
     const auto rows = std::make_shared<RowStore>(schema(), width());
     rows->grow(static_cast<std::size_t>(count));
     if (count > 0) readNumbers(columnNames::data, first, count, rows->values());
     return {rows->slice(), rows};
   }
+  const std::uint64_t own = std::min(count, ownRows() - std::min(first, ownRows()));
+  if (own == count) return readOwn(first, count);
+  const auto joined = std::make_shared<RowStore>(schema(), width());
+  if (own > 0) joined->append(readOwn(first, own).rows);
+  forEachRun(first + own, count - own,
+             [&](const ContentRun& run, std::uint64_t row, std::uint64_t rows) {
+               joined->append(ContentReader(run.pack, storageId_, row, rows).readOwn(0, rows).rows);
+             });
+  return {joined->slice(), joined};
+}
+
+HeldRows ContentReader::readOwn(std::uint64_t first, std::uint64_t count) {
   return gatherRows(file(), schema(), width(), first_ + first, count,
                     [this](std::size_t group, std::size_t from, std::size_t rows) {
                       return readGroup(group, from, rows);
@@ -227,11 +275,25 @@ void ContentReader::requireOwnRows(const DecodedGroup& group, std::size_t index,
        fmt::format("rows {} to {} are not all of storage id {}", first, first + count, storageId_));
 }
 
-RowSpan ContentReader::rowsIn(std::uint64_t from, std::uint64_t to) const {
-  const RowSpan span = file().rowsIn(from, to);
-  if (!isPacked()) return span;
-  const std::uint64_t end = first_ + count_;
-  return {std::clamp(span.from, first_, end) - first_, std::clamp(span.to, first_, end) - first_};
+RowSpan ContentReader::rowsIn(const DamagedBytes& damage) const {
+  RowSpan lost{rows(), 0};
+  const auto note = [&](const RowSpan& span, std::uint64_t first, std::uint64_t begin,
+                        std::uint64_t count) {
+    const std::uint64_t from = std::max(span.from, begin);
+    const std::uint64_t to = std::min(span.to, begin + count);
+    if (from >= to) return;
+    lost.from = std::min(lost.from, first + from - begin);
+    lost.to = std::max(lost.to, first + to - begin);
+  };
+  if (damage.file() == file().path()) {
+    note(file().rowsIn(damage.from(), damage.to()), 0, first_, ownRows());
+  }
+  for (const ContentRun& run : runs_) {
+    const InputFile& pack = run.pack->input();
+    if (damage.file() != pack.path()) continue;
+    note(pack.rowsIn(damage.from(), damage.to()), run.first, run.row, run.count);
+  }
+  return lost.from < lost.to ? lost : RowSpan{0, rows()};
 }
 
 }  // namespace kyr::parquet

@@ -8,17 +8,16 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "files/CheckedFile.h"
 #include "files/InputFile.h"
 #include "files/RowGroupCache.h"
 #include "schema/PartTables.h"
 #include "schema/RowStore.h"
 
 namespace kyr::parquet {
-
-/// The column of a pack that says to which storage id each row belongs.
-extern const std::string kPackColumn;
 
 /// An open file of samples: the file of one content, or a pack, which has many contents of one
 /// schema one after the other. Readers of these contents share the object.
@@ -66,8 +65,17 @@ class ContentFile {
   bool hasTimes_ = false;
 };
 
+/// Rows of a content in a growing pack.
+struct ContentRun {
+  std::uint64_t first = 0;  ///< row of the content
+  std::uint64_t count = 0;
+  std::uint64_t row = 0;  ///< row of the pack with which they begin
+  std::shared_ptr<ContentFile> pack;
+};
+
 /// Reads rows of one content, wherever they are: in a file of their own, which may be growing, or
-/// in some rows of a pack. Rows are numbered from the first one of the content.
+/// in some rows of a pack. In a recording that grows, rows in growing packs may follow, run by run.
+/// Rows are numbered from the first one of the content.
 ///
 /// Memory: the rows that are asked for, and row groups in the cache unless the column holds
 /// numbers. Failures are those of InputFile. One thread at a time.
@@ -86,7 +94,14 @@ class ContentReader {
 
   const InputFile& file() const { return file_->input(); }
   bool isPacked() const { return file_->isPack(); }
-  std::uint64_t rows() const { return isPacked() ? count_ : file().rows(); }
+  std::uint64_t rows() const {
+    return runs_.empty() ? ownRows() : runs_.back().first + runs_.back().count;
+  }
+  /// Rows that are in no run.
+  std::uint64_t ownRows() const { return isPacked() ? count_ : file().rows(); }
+  /// Replaces the runs that follow the other rows.
+  /// \param runs  of the content, each beginning where the one before ends
+  void setRuns(std::vector<ContentRun> runs) { runs_ = std::move(runs); }
   /// Takes note of rows that a growing file got meanwhile, up to \p rows.
   void grow(std::uint64_t rows);
 
@@ -103,7 +118,7 @@ class ContentReader {
   /// Bytes of an element.
   std::size_t width() const { return isTimes() ? sizeof(double) : file_->width(); }
   /// Whether a file holds these rows and nothing else.
-  bool isWholeFile() const { return !isPacked() && view_ == View::all; }
+  bool isWholeFile() const { return !isPacked() && view_ == View::all && runs_.empty(); }
   ::arrow::Compression::type codec() const;
 
   /// Parts of the content that are decoded together, and the first row of each; part parts() begins
@@ -123,11 +138,19 @@ class ContentReader {
   /// The same rows of all columns, in a table, if there is a column "time".
   std::shared_ptr<::arrow::Table> readTable(std::uint64_t first, std::uint64_t count);
 
-  /// The rows that need some of the bytes [from, to) of the file.
-  RowSpan rowsIn(std::uint64_t from, std::uint64_t to) const;
+  /// The rows that need some of the bytes that are damaged.
+  RowSpan rowsIn(const DamagedBytes& damage) const;
 
  private:
   bool isTimes() const { return view_ == View::times; }
+  // The same for rows of the file or the finished pack, and with all rows in one run.
+  void readOwnNumbers(const std::string& column, std::uint64_t first, std::uint64_t count,
+                      char* out);
+  HeldRows readOwn(std::uint64_t first, std::uint64_t count);
+  // Calls visit(run, row of its pack, count) with the runs that hold rows [first, first + count).
+  template <typename Visit>
+  void forEachRun(std::uint64_t first, std::uint64_t count, Visit&& visit) const;
+  std::size_t ownParts() const;
   HeldRows readGroup(std::size_t group, std::size_t from, std::size_t count);
   void requireOwnRows(const DecodedGroup& group, std::size_t index, std::size_t from,
                       std::size_t count) const;
@@ -138,6 +161,7 @@ class ContentReader {
   int storageId_ = 0;  // this and the next two are of rows of a pack
   std::uint64_t first_ = 0;
   std::uint64_t count_ = 0;
+  std::vector<ContentRun> runs_;
 };
 
 }  // namespace kyr::parquet

@@ -10,6 +10,7 @@
 
 #include "files/NumberFile.h"
 #include "files/TableWriter.h"
+#include "files/pack/PackSchema.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "schema/ElementTypes.h"
 
@@ -28,10 +29,13 @@ FileLayout::FileLayout(const ::arrow::Schema& schema,
                        std::shared_ptr<::parquet::WriterProperties> properties,
                        EncodingChoice choice)
     : schema_(schema.RemoveMetadata()),
-      isFlat_(choice.encoding && schema.num_fields() == 1 && isNumber(*schema.field(0)->type())),
+      isPack_(isPackSchema(schema)),
+      isFlat_((choice.encoding || isPack_) && schema.num_fields() == (isPack_ ? 2 : 1) &&
+              isNumber(*schema.field(0)->type())),
       properties_(std::move(properties)),
       choice_(choice) {
-  const auto stored = isFlat_ ? ::arrow::schema({schema_->field(0)->WithNullable(false)}) : schema_;
+  const auto stored =
+      isFlat_ && !isPack_ ? ::arrow::schema({schema_->field(0)->WithNullable(false)}) : schema_;
   PARQUET_THROW_NOT_OK(::parquet::arrow::ToParquetSchema(stored.get(), *properties_, &columns_));
 }
 
@@ -78,7 +82,10 @@ void FileLayout::writeNumbers(const std::shared_ptr<::arrow::io::OutputStream>& 
   NumberFile file(sink, *columns_, propertiesFor(ofFile), {kPages, /*marksAscending=*/true},
                   keyValues);
   for (std::size_t i = 0; i < rowGroups.size(); ++i) {
-    file.writeRowGroup(rowGroups[i]->columns(), {encodings[i]});
+    std::vector<ColumnEncoding> ofColumns{encodings[i]};
+    // Storage ids repeat, or count up.
+    if (isPack_) ofColumns.push_back({Encoding::DELTA_BINARY_PACKED});
+    file.writeRowGroup(rowGroups[i]->columns(), ofColumns);
   }
   file.finish();
 }

@@ -22,7 +22,7 @@ constexpr std::size_t kEncodingUses = 4;
 
 /// How files of one schema are written.
 ///
-/// Samples are never null. So where encodings are chosen, a single column of numbers is written as
+/// Samples are never null. So where encodings are chosen, and in packs (files/pack/PackSchema.h), a single column of numbers is written as
 /// a required column, which all readers read several times as fast as one that may have nulls. Row
 /// groups of a float64 column whose values ascend are marked then; see NumberFile::Options.
 class FileLayout {
@@ -59,7 +59,8 @@ class FileLayout {
   std::shared_ptr<::parquet::WriterProperties> propertiesFor(const ColumnEncoding& encoding) const;
 
   std::shared_ptr<::arrow::Schema> schema_;
-  bool isFlat_;  // whether the file is one column of numbers, which NumberFile writes
+  bool isPack_;
+  bool isFlat_;  // whether samples are numbers, which NumberFile writes
   std::shared_ptr<::parquet::WriterProperties> properties_;
   std::shared_ptr<::parquet::SchemaDescriptor> columns_;
   EncodingChoice choice_;

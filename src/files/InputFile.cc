@@ -130,7 +130,7 @@ struct InputFile::Window {
   std::size_t first = 0;
   std::size_t count = 0;
   std::shared_ptr<::parquet::FileMetaData> metadata;  // of these row groups only
-  std::unique_ptr<PlainColumn> plain;                 // if the file has but one column
+  std::unique_ptr<PlainColumn> plain;                 // if the first column is one of numbers
 
  private:
   std::unique_ptr<ColumnDecoder> decoder_;
@@ -348,7 +348,8 @@ void InputFile::readNumbers(const std::string& column, std::uint64_t first, std:
       const std::size_t opened = group - window.first;
       const std::uint64_t from = first - rowStart(group);
       const std::uint64_t rows = std::min(count, rowStart(group + 1) - first);
-      const bool isPlain = window.plain && window.plain->width() == leaves.width &&
+      const bool isPlain = window.plain && leaves.first == 0 &&
+                           window.plain->width() == leaves.width &&
                            window.plain->readGroup(*file_, opened, from, rows, out);
       if (!isPlain) {
         window.decoder().read(static_cast<int>(opened), leaves.first, leaves.width, from, rows,
@@ -399,7 +400,11 @@ void InputFile::grow(std::uint64_t rows) {
   limits.end = file_->size();
   limits.wantedRows = rows;
   limits.checks = false;
-  readOn(*records_, *file_, limits);
+  readOn(limits);
+}
+
+void InputFile::readOn(const RecordLimits& limits) {
+  kyr::parquet::readOn(*records_, *file_, limits);
   if (checked_) checked_->resize(rowGroups(), false);
 }
 

@@ -115,6 +115,8 @@ class InputFile {
 
   /// Takes note of batches that a growing file got since it was opened, up to \p rows rows.
   void grow(std::uint64_t rows);
+  /// The same, up to the limits.
+  void readOn(const RecordLimits& limits);
 
  private:
   struct Leaves {

@@ -81,7 +81,7 @@ void narrow(const std::vector<std::int32_t>& stored, std::size_t count, char* ou
 
 std::unique_ptr<PlainColumn> PlainColumn::make(const ::parquet::FileMetaData& metadata,
                                                std::uint64_t fileSize) {
-  if (metadata.num_columns() != 1 || metadata.is_encryption_algorithm_set()) return nullptr;
+  if (metadata.num_columns() < 1 || metadata.is_encryption_algorithm_set()) return nullptr;
   const ::parquet::ColumnDescriptor& column = *metadata.schema()->Column(0);
   const auto type = numberTypeOf(column);
   if (!type) return nullptr;

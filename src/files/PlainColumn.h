@@ -11,7 +11,7 @@
 
 namespace kyr::parquet {
 
-/// Where the numbers of the only column of a file lie, in row groups whose pages are plain and hold
+/// Where the numbers of the first column of a file lie, in row groups whose pages are plain and hold
 /// no nulls. They are read from there straight into the caller's memory.
 ///
 /// Other row groups, damaged ones included, are not read here. The caller then decodes them with

@@ -3,6 +3,7 @@
 #include <set>
 #include <utility>
 
+#include "files/pack/GrowingPack.h"
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
@@ -26,25 +27,32 @@ std::string_view without(std::string_view text, std::string_view end) {
 void completeRecording(const Folder& folder, RecordingInfo info, bool syncsFiles) {
   const Folder storage = folder.folder(kStorageFolder);
   for (FileInfo& file : info.files) {
+    if (file.pack) continue;
     const auto stored = storage.open(std::to_string(file.storageId));
     describeFile(file, digestOf(*stored));
     if (syncsFiles) stored->syncAll();
   }
+  for (const PackInfo& pack : info.packs) storage.open(packName(pack.number))->syncAll();
   storage.sync();
   replaceTextFile(folder, kDescriptionFile, writeRecordingJson(info), /*syncs=*/true);
 }
 
-bool isStorageName(std::string_view name) {
+bool isPackName(std::string_view name) {
   constexpr std::string_view kPack = "pack-";
-  if (name.substr(0, kPack.size()) == kPack) {
-    return isNumber(without(name.substr(kPack.size()), ".parquet"));
-  }
-  return isNumber(name) || isNumber(without(name, ".copy"));
+  return name.substr(0, kPack.size()) == kPack &&
+         isNumber(without(name.substr(kPack.size()), ".parquet"));
+}
+
+bool isStorageName(std::string_view name) {
+  return isPackName(name) || parquet::growingPackNumber(name) || isNumber(name) ||
+         isNumber(without(name, ".copy"));
 }
 
 std::vector<std::string> unnamedIn(const Folder& storage, const RecordingInfo& info) {
   std::set<std::string> named;
-  for (const FileInfo& file : info.files) named.insert(std::to_string(file.storageId));
+  for (const FileInfo& file : info.files) {
+    if (!file.pack) named.insert(std::to_string(file.storageId));
+  }
   for (const PackInfo& pack : info.packs) named.insert(packName(pack.number));
   std::vector<std::string> unnamed;
   for (std::string& name : storage.names()) {

@@ -16,8 +16,11 @@ namespace kyr::recording {
 /// \throws std::runtime_error naming the file; recording.json is as it was then
 void completeRecording(const Folder& folder, RecordingInfo info, bool syncsFiles = true);
 
+/// Whether that is the name of a finished pack.
+bool isPackName(std::string_view name);
+
 /// Whether a file of a storage folder may have that name: a number, with `.copy` behind it while
-/// the file is copied, or that of a pack.
+/// the file is copied, or that of a finished or growing pack.
 bool isStorageName(std::string_view name);
 
 /// The entries of the folder's storage that are no files of \p info, ascending.

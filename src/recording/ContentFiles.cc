@@ -56,9 +56,11 @@ void ContentFiles::describe(std::shared_ptr<const RecordingInfo> info, bool isLi
   if (!isLive || !isLive_) {
     open_.clear();
     byKey_.clear();
+    livePacks_.reset();
   }
   info_ = std::move(info);
   isLive_ = isLive;
+  arePacksKnown_ = false;
   replacement_.reset();
 }
 
@@ -119,14 +121,62 @@ std::shared_ptr<parquet::ContentReader> ContentFiles::open(int storageId) {
       return std::make_shared<parquet::ContentReader>(openPack(*info.pack), storageId,
                                                       info.firstRow, info.rowCount);
     }
-    if (const OpenFile* known = find(storageId)) {
-      if (isLive_ && known->content->rows() < info.rowCount) known->content->grow(info.rowCount);
-      return known->content;
-    }
+    if (isLive_) return openLive(info);
+    if (const OpenFile* known = find(storageId)) return known->content;
     auto content = openFile(info);
     keep(storageId).content = content;
     return content;
   });
+}
+
+bool ContentFiles::extend(parquet::ContentReader& content, const FileInfo& info) {
+  if (content.rows() >= info.rowCount) return true;
+  content.grow(info.rowCount);
+  if (content.ownRows() < info.rowCount) {
+    content.setRuns(livePacks().runsOf(info.storageId, content.ownRows()));
+  }
+  return content.rows() >= info.rowCount;
+}
+
+// A content may have got a file, and a pack another that replaces it, since they were looked at.
+std::shared_ptr<parquet::ContentReader> ContentFiles::openLive(const FileInfo& info) {
+  if (OpenFile* known = find(info.storageId)) {
+    if (known->content->rows() >= info.rowCount || extend(*known->content, info)) {
+      return known->content;
+    }
+    byKey_.erase(known->key);
+    open_.pop_front();
+  }
+  std::shared_ptr<parquet::ContentReader> content = openLiveFile(info);
+  if (content->rows() < info.rowCount) {
+    arePacksKnown_ = false;
+    content = openLiveFile(info);
+  }
+  keep(info.storageId).content = content;
+  return content;
+}
+
+std::shared_ptr<parquet::ContentReader> ContentFiles::openLiveFile(const FileInfo& info) {
+  auto runs = livePacks().runsOf(info.storageId, 0);
+  if (runs.empty() || folder_->hasStored(std::to_string(info.storageId))) {
+    auto content = openFile(info);
+    extend(*content, info);
+    return content;
+  }
+  auto content = std::make_shared<parquet::ContentReader>(runs.front().pack, info.storageId, 0, 0);
+  content->setRuns(std::move(runs));
+  return content;
+}
+
+LivePacks& ContentFiles::livePacks() {
+  if (!livePacks_) {
+    const auto checks = checks_ ? parquet::BatchChecks::yes : parquet::BatchChecks::no;
+    livePacks_ = std::make_unique<LivePacks>(
+        folder_, LivePacks::Options{parquet::BatchChecks::no, checks}, cache_);
+  }
+  if (!arePacksKnown_) livePacks_->refresh();
+  arePacksKnown_ = true;
+  return *livePacks_;
 }
 
 void ContentFiles::requireFile(const FileInfo& info) const {

@@ -15,6 +15,7 @@
 #include "files/ContentReader.h"
 #include "kyr/recording/DamagedError.h"
 #include "kyr/recording/RecordingInfo.h"
+#include "recording/LivePacks.h"
 #include "recording/OpenFolder.h"
 #include "safe/OpenFiles.h"
 
@@ -84,6 +85,13 @@ class ContentFiles {
   std::shared_ptr<parquet::ContentFile> openPack(int number);
   const PackInfo& packInfo(int number) const;
   std::shared_ptr<parquet::ContentReader> openFile(const FileInfo& info);
+  // A content of a live recording, which may have its last rows, or all of them, in growing packs.
+  std::shared_ptr<parquet::ContentReader> openLive(const FileInfo& info);
+  std::shared_ptr<parquet::ContentReader> openLiveFile(const FileInfo& info);
+  LivePacks& livePacks();
+  // Gives it the rows up to those of \p info.
+  // \return whether it has them
+  bool extend(parquet::ContentReader& content, const FileInfo& info);
 
   std::shared_ptr<const OpenFolder> folder_;
   bool checks_;
@@ -93,7 +101,9 @@ class ContentFiles {
   std::shared_ptr<const RecordingInfo> info_;
   std::unique_ptr<const RecordingInfo> replacement_;  // once another recording took the place
   std::shared_ptr<parquet::RowGroupCache> cache_;
-  std::list<OpenFile> open_;  // the last used first
+  std::unique_ptr<LivePacks> livePacks_;  // once a live content was opened
+  bool arePacksKnown_ = false;            // up to what is described
+  std::list<OpenFile> open_;              // the last used first
   std::map<std::int64_t, std::list<OpenFile>::iterator> byKey_;
 };
 
@@ -109,8 +119,7 @@ auto readingContent(std::uint64_t rows, const parquet::ContentReader* content, W
   try {
     return work();
   } catch (const parquet::DamagedBytes& error) {
-    refuse(error.what(),
-           content ? content->rowsIn(error.from(), error.to()) : parquet::RowSpan{0, rows});
+    refuse(error.what(), content ? content->rowsIn(error) : parquet::RowSpan{0, rows});
   } catch (const DamagedError&) {
     throw;
   } catch (const std::system_error&) {

@@ -12,7 +12,7 @@
 /// The two files of a recording that is being written; docs/format.md describes them.
 namespace kyr::recording {
 
-constexpr int kLiveFormatVersion = 1;
+constexpr int kLiveFormatVersion = 2;  // 1 has no growing packs
 
 /// What recording.live.json says.
 struct LiveDescription {

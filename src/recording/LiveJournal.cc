@@ -1,10 +1,12 @@
 #include "recording/LiveJournal.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "recording/RecordingFolder.h"
 
@@ -28,20 +30,36 @@ bool lockPatiently(Lockable& file) {
 }  // namespace
 
 LiveJournal::LiveJournal(const fs::path& folder)
-    : file_(folder / kJournalFile, DiskFile::Mode::createNew) {
-  if (!lockPatiently(file_)) throw std::runtime_error(file_.path().string() + ": is in use");
+    : folder_(folder), file_(folder_.open(kJournalFile, DiskFile::Mode::createNew)) {
+  if (!lockPatiently(*file_)) throw std::runtime_error(file_->path().string() + ": is in use");
 }
 
 void LiveJournal::append(const JournalLine& line, bool syncs) {
+  constexpr std::uint64_t kLong = std::uint64_t{1} << 20U;
+  constexpr std::uint64_t kLines = 64;
   const std::string text = writeJournalLine(line);
+  if (end_ > std::max<std::uint64_t>(kLong, kLines * text.size())) return replace(text, syncs);
   try {
-    file_.writeAt(end_, {text});
+    file_->writeAt(end_, {text});
   } catch (...) {
-    file_.tryTruncate(end_);
+    file_->tryTruncate(end_);
     throw;
   }
   end_ += text.size();
-  if (syncs) file_.syncData();
+  if (syncs) file_->syncData();
+}
+
+void LiveJournal::replace(const std::string& text, bool syncs) {
+  const std::string name = std::string(kJournalFile) + ".new";
+  folder_.remove(name);
+  auto file = folder_.open(name, DiskFile::Mode::createNew);
+  if (!lockPatiently(*file)) throw std::runtime_error(file->path().string() + ": is in use");
+  file->writeAt(0, {text});
+  if (syncs) file->syncAll();
+  folder_.rename(name, folder_, kJournalFile);
+  previous_ = std::exchange(file_, std::move(file));
+  end_ = text.size();
+  if (syncs) folder_.sync();
 }
 
 bool isBeingWritten(const OpenFolder& folder) {
@@ -53,10 +71,16 @@ bool isBeingWritten(const OpenFolder& folder) {
   }
 }
 
+// Who writes may have replaced the journal before the old one could be locked.
+bool RecoveryLock::isNamed() const {
+  return folder_.has(kJournalFile) &&
+         folder_.open(kJournalFile)->state().isSameFile(file_->state());
+}
+
 // A folder without a journal is locked itself.
 RecoveryLock::RecoveryLock(const Folder& folder)
     : file_(folder.has(kJournalFile) ? folder.open(kJournalFile) : nullptr), folder_(folder) {
-  if (file_ ? lockPatiently(*file_) : lockPatiently(folder_)) return;
+  if (file_ ? lockPatiently(*file_) && isNamed() : lockPatiently(folder_)) return;
   throw std::runtime_error(folder.path().string() +
                            ": is still being recorded, or recovered by another");
 }

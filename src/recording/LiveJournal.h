@@ -3,8 +3,10 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <string>
 
 #include "platform/DiskFile.h"
+#include "platform/Folder.h"
 #include "recording/LiveFormat.h"
 #include "recording/OpenFolder.h"
 
@@ -17,11 +19,17 @@ class LiveJournal {
   /// \throws std::system_error if there is one already
   explicit LiveJournal(const std::filesystem::path& folder);
 
-  /// Adds a line; after a failure there may be a part of it, which the next call replaces.
+  /// Adds a line; after a failure there may be a part of it, which the next call replaces. A journal
+  /// that has become long is replaced by one with this line alone.
   void append(const JournalLine& line, bool syncs);
 
  private:
-  DiskFile file_;
+  void replace(const std::string& text, bool syncs);
+
+  Folder folder_;
+  std::unique_ptr<DiskFile> file_;
+  // Stays locked, for those who opened it before it was replaced.
+  std::unique_ptr<DiskFile> previous_;
   std::uint64_t end_ = 0;
 };
 
@@ -35,6 +43,8 @@ class RecoveryLock {
   explicit RecoveryLock(const Folder& folder);
 
  private:
+  bool isNamed() const;
+
   std::unique_ptr<DiskFile> file_;  // null if the folder has no journal
   Folder folder_;
 };

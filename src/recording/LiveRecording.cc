@@ -16,11 +16,14 @@
 #include "recording/FolderFiles.h"
 #include "recording/LiveJournal.h"
 #include "recording/LiveSignal.h"
+#include "recording/PackWriter.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingMembers.h"
 #include "recording/RecordingSnapshot.h"
+#include "safe/Content.h"
 #include "safe/SafeStreamableSignal.h"
+#include "safe/SharedStore.h"
 #include "schema/TypeNames.h"
 #include "signals/SignalPoolImpl.h"
 #include "storage/ParquetStorageRecord.h"
@@ -101,6 +104,7 @@ class LiveRecording::Impl {
     try {
       pool_ = std::make_unique<parquet::SignalPool>(Path::fromFilesystem(folder_ / kStorageFolder),
                                                     storage);
+      store().usePacks();
       writeDescription();
       if (syncs_) syncPath(folder_.parent_path());
     } catch (...) {
@@ -175,14 +179,17 @@ class LiveRecording::Impl {
     // Until recording.json is there, a recovery finds all rows acknowledged.
     flush();
     cutUnpaired();
+    if (hasManySmall()) store().keepFinishedInMemory();
     const std::vector<SignalDescription> descriptions(live_.signals.begin(), live_.signals.end());
     RecordingInfo info = snapshotOf(*pool_, descriptions);
     info.attributes = live_.attributes;
+    pack(info);
     // With a pool that syncs, each file was synced when it was finished.
     completeRecording(open_, info, /*syncsFiles=*/!syncs_);
     syncPath(folder_.parent_path());
     // From here on the folder is a recording.
     *isClosed_ = true;
+    store().noteSaved();
     removeUnnamed(open_, info);
     pool_.reset();
     signals_.clear();
@@ -198,6 +205,35 @@ class LiveRecording::Impl {
     if (known == now) return;
     known = now;
     isChanged_ = true;
+  }
+
+  parquet::SharedStore& store() { return *parquet::PoolAccess::of(*pool_).sharedStore(); }
+
+  // Whether packs are faster than a file for each content that has none.
+  bool hasManySmall() {
+    constexpr std::size_t kFew = 300;
+    std::size_t count = 0;
+    store().forEachContent([&count](parquet::Content& content) {
+      if (!content.hasOwnFile()) ++count;
+    });
+    return count > kFew;
+  }
+
+  // Writes the contents that have no file into packs.
+  void pack(RecordingInfo& info) {
+    const Folder storage = open_.folder(kStorageFolder);
+    for (const std::string& name : storage.names()) {
+      if (isPackName(name)) storage.tryRemove(name);  // from a call that failed
+    }
+    PackWriter packs(folder_ / kStorageFolder, store().options().encodings);
+    for (FileInfo& file : info.files) {
+      const auto content = store().find(file.storageId);
+      if (!content || content->hasOwnFile()) continue;
+      packs.add(file, content->schema(), elementBytes(content->schema()), content->codec(),
+                content->allRows().rows);
+    }
+    info.packs = packs.finish();
+    if (!info.packs.empty()) info.formatVersion = kFormatVersion;
   }
 
   // Cuts times and samples of each signal that has both to the shorter of the two.

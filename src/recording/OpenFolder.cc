@@ -67,6 +67,10 @@ std::string OpenFolder::readText(const std::string& name) const {
   return text;
 }
 
+bool OpenFolder::hasStored(const std::string& name) const {
+  return storage_ && storage_->has(name);
+}
+
 std::uint64_t OpenFolder::sizeOfStored(const std::string& name) const {
   return openStored(name)->size();
 }

@@ -33,6 +33,8 @@ class OpenFolder {
   bool isReplaced() const;
   /// Which folder it is.
   FileState state() const { return folder_.state(); }
+  /// Whether the storage folder has anything of that name.
+  bool hasStored(const std::string& name) const;
   /// The size of a file of the storage folder.
   /// \throws std::system_error naming the file if there is no such regular file
   std::uint64_t sizeOfStored(const std::string& name) const;

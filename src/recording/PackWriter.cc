@@ -11,10 +11,10 @@
 #include <stdexcept>
 #include <utility>
 
-#include "files/ContentReader.h"
 #include "files/FileSink.h"
 #include "files/NumberFile.h"
 #include "files/TableWriter.h"
+#include "files/pack/PackSchema.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "platform/DiskFile.h"
 #include "recording/Checksum.h"
@@ -36,16 +36,6 @@ constexpr std::size_t kPackBytes = std::size_t{64} << 20U;
 // suit is not compressed.
 constexpr auto kChosenCodec = ::arrow::Compression::ZSTD;
 
-// Columns that are no lists need no levels: nothing of theirs is ever null.
-std::shared_ptr<::arrow::Schema> packSchema(const ::arrow::Schema& contents) {
-  std::vector<std::shared_ptr<::arrow::Field>> fields;
-  for (const auto& field : contents.fields()) {
-    fields.push_back(field->WithNullable(field->type()->id() == ::arrow::Type::LIST));
-  }
-  fields.push_back(::arrow::field(parquet::kPackColumn, ::arrow::int32(), /*nullable=*/false));
-  return ::arrow::schema(std::move(fields));
-}
-
 std::shared_ptr<::parquet::WriterProperties> packProperties(::arrow::Compression::type codec) {
   ::parquet::WriterProperties::Builder builder(
       *parquet::ParquetWriterOptions().buildWriterProperties(codec));
@@ -65,7 +55,7 @@ class PackWriter::Pack {
        ::arrow::Compression::type codec, Encodings encodings)
       : number_(number),
         path_(storage / packName(number)),
-        schema_(packSchema(*schema.schema)),
+        schema_(parquet::packSchema(*schema.schema)),
         choice_{encodings != Encodings::options, codec == ::arrow::Compression::UNCOMPRESSED,
                 encodings == Encodings::smallest},
         codec_(codec),

@@ -9,11 +9,13 @@
 #include <utility>
 
 #include "files/ContentReader.h"
+#include "files/pack/PackSchema.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "kyr/recording/Recovery.h"
 #include "recording/CompleteRecording.h"
 #include "recording/ContentChecks.h"
 #include "recording/ContentFaults.h"
+#include "recording/ExpandPacks.h"
 #include "recording/FolderFiles.h"
 #include "recording/LiveFormat.h"
 #include "recording/LiveJournal.h"
@@ -81,6 +83,7 @@ class Recovery {
     if (isComplete()) return std::move(result_);
     if (folder_.entry(kStorageFolder) != Folder::Entry::folder) nothing();
     refusePacks();
+    expand();
     readDescription();
     storage_.emplace(folder_.folder(kStorageFolder), stated_);
     dropMisfits();
@@ -147,10 +150,21 @@ class Recovery {
     return true;
   }
 
-  // Only a saved recording has packs, and only its description says what they hold.
+  // The rows that growing packs have become files, of which the rest is made.
+  void expand() {
+    for (const DamagedPack& pack : expandPacks(folder_)) {
+      keepAside(pack.name);
+      note("{}/{} is damaged, and is kept in {}: {}", kStorageFolder, pack.name, kLostFolder,
+           pack.damage);
+    }
+  }
+
+  // Only a finished recording has packs of this kind, and only its description says what they hold.
+  // Where there is none yet, a finish() was interrupted that had written them.
   void refusePacks() const {
+    if (!folder_.has(kDescriptionFile) && folder_.has(kLiveFile)) return;
     for (const std::string& name : folder_.folder(kStorageFolder).names()) {
-      if (name.rfind("pack-", 0) != 0) continue;
+      if (!isPackName(name)) continue;
       throw std::runtime_error(fmt::format(
           "{}: the recording is packed, and without its {} nothing says to which signal the rows "
           "of {}/{} belong: they cannot be recovered, but any program that reads Parquet can read "
@@ -344,14 +358,14 @@ class Recovery {
       const auto used = most.find(id);
       if (!file.damage.empty()) {
         if (isCertain && named_.count(id) == 0) continue;  // nobody was promised anything of it
-        keepAside(id);
+        keepAside(std::to_string(id));
         note("{} is damaged, and is kept in {}: {}", name, kLostFolder, file.damage);
       } else if (doubtful_.count(id) > 0 || (used == most.end() && !isCertain && file.rows > 0)) {
-        keepAside(id);
+        keepAside(std::to_string(id));
         note("{}, of which nothing says for certain what it holds, is kept in {}", name,
              kLostFolder);
       } else if (used != most.end() && used->second < file.rows && !isCertain) {
-        keepAside(id);
+        keepAside(std::to_string(id));
         note("{} has {} rows behind those that are kept. It is in {} as it was", name,
              file.rows - used->second, kLostFolder);
       }
@@ -359,8 +373,7 @@ class Recovery {
   }
 
   // Nothing is written in place into a file that has two names.
-  void keepAside(int id) const {
-    const std::string name = std::to_string(id);
+  void keepAside(const std::string& name) const {
     const Folder storage = folder_.folder(kStorageFolder);
     const Folder lost = folder_.makeFolder(kLostFolder);
     const auto file = storage.open(name);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "files/ContentReader.h"
+#include "files/pack/PackSchema.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "recording/ContentChecks.h"

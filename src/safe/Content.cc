@@ -68,11 +68,10 @@ std::shared_ptr<Content> Content::makeChild(const ContentKey& key, const AskedCo
   constexpr std::uint64_t kPieceRows = 65536;
   for (std::uint64_t row = 0; row < key.row;) {
     const std::uint64_t count = std::min(kPieceRows, key.row - row);
-    for (const auto& table : read(row, row + count)) {
-      RowStore rows(schema(), width());
-      rows.append(*table);
-      child->growing()->append(rows.slice(), batchRows);
-    }
+    // An append may take rows of this content out of memory.
+    RowStore rows(schema(), width());
+    for (const auto& table : read(row, row + count)) rows.append(*table);
+    child->growing()->append(rows.slice(), batchRows);
     row += count;
   }
   child->node_.attachTo(node_, key);

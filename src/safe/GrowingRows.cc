@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "safe/BatchLength.h"
+#include "safe/GrowingPacks.h"
 #include "safe/MemoryRows.h"
 #include "safe/StoredRows.h"
 #include "storage/WriteTrace.h"
@@ -19,6 +20,13 @@ GrowingRows::GrowingRows(ContentName& name, const SampleSchema& schema, std::siz
       width_(width),
       codec_(codec),
       memory_(schema, width) {}
+
+GrowingRows::~GrowingRows() {
+  SharedStore& store = name_.store();
+  store.forgetBatches(*this);
+  if (waits_) store.packs()->forget(*this);
+  store.takeFromGrowing(bytes_);
+}
 
 ::arrow::Compression::type GrowingRows::codec() {
   return name_.store().layouts().codec(schema().schema, codec_);
@@ -45,6 +53,7 @@ Tables GrowingRows::read(std::uint64_t from, std::uint64_t to) {
 }
 
 void GrowingRows::append(const RowSlice& rows, std::size_t batchRows) {
+  name_.store().makeRoomFor(rows.bytes);
   if (memory_.rows() > 0) {
     if (mayHaveBatch(batchRows)) writeFullBatches(batchRows);
     if (diskRows_ > memoryStart_) {
@@ -52,6 +61,8 @@ void GrowingRows::append(const RowSlice& rows, std::size_t batchRows) {
     }
   }
   memory_.append(rows);
+  bytes_ += rows.bytes;
+  name_.store().addToGrowing(rows.bytes);
 }
 
 // Runs at each append. Rules out without a division what batchLength() tells exactly.
@@ -91,9 +102,11 @@ void GrowingRows::writeRows(std::size_t count) {
 void GrowingRows::createFile() {
   const FileLayout& layout = name_.store().layouts().layout(schema().schema, codec_);
   std::unique_ptr<GrowingFile> file;
+  const int id = name_.id();
   OwnedFile name = name_.createFile([&](const std::filesystem::path& path) {
     file = GrowingFile::create(path, layout, name_.labels().metadata());
   });
+  if (name_.id() != id) packedRows_ = 0;  // they are there under the other id
   if (!options_.publishesBatches) file->publishOnlyWhenAsked();
   disk_.emplace(std::move(name), std::move(file));
   name_.store().noteNewFile();
@@ -105,18 +118,63 @@ void GrowingRows::spareDescriptor() {
 
 void GrowingRows::dropFront(std::size_t rows, std::size_t batches) {
   if (rows == 0) return;
-  digests_.keepHead(schema(), width_, memory_.slice(0, rows));
+  const RowSlice dropped = memory_.slice(0, rows);
+  digests_.keepHead(schema(), width_, dropped);
+  bytes_ -= dropped.bytes;
+  name_.store().takeFromGrowing(dropped.bytes);
   memory_.dropFront(rows, batches);
   memoryStart_ += rows;
 }
 
 std::unique_ptr<ContentRows> GrowingRows::flush() {
-  writeAll();
+  if (mayGoToPack()) {
+    if (!waits_ && unpacked().count > 0) {
+      name_.store().packs()->add(*this);
+      waits_ = true;
+    }
+    if (!disk_ || disk_->file->isPublished()) return nullptr;
+  } else {
+    writeAll();
+  }
   if (disk_) {
     disk_->file->publish();
     spareDescriptor();
   }
   return nullptr;
+}
+
+bool GrowingRows::mayGoToPack() const {
+  constexpr std::size_t kShare = 4;  // of a batch
+  if (name_.store().packs() == nullptr || memory_.schema().dataIndex != 0 ||
+      memory_.schema().kind == ColumnKind::unsupported) {
+    return false;
+  }
+  const PackRun run = unpacked();
+  return run.count < std::min(options_.batchRows, kMaxBatchRows) / kShare &&
+         bytesIn(slice(run)) < options_.batchBytes / kShare;
+}
+
+PackRun GrowingRows::unpacked() const {
+  const std::uint64_t first = std::max(diskRows_, packedRows_);
+  return {name_.id(), first, memoryStart_ + memory_.rows() - first};
+}
+
+PackRun GrowingRows::packed() const {
+  return {name_.id(), diskRows_, packedRows_ > diskRows_ ? packedRows_ - diskRows_ : 0};
+}
+
+void GrowingRows::notePacked(std::uint64_t end, int number) {
+  packedRows_ = end;
+  packNumber_ = number;
+}
+
+std::shared_ptr<const ::arrow::KeyValueMetadata> GrowingRows::notes() const {
+  return name_.labels().metadata();
+}
+
+void GrowingRows::spill() {
+  writeAll();
+  dropFront(memory_.rows(), 0);
 }
 
 void GrowingRows::sync() {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "files/growing/GrowingFile.h"
+#include "files/pack/PackRuns.h"
 #include "safe/BatchDigests.h"
 #include "safe/ContentName.h"
 #include "safe/ContentRows.h"
@@ -22,7 +23,7 @@ class GrowingRows final : public ContentRows {
   /// \param name  outlives the object
   GrowingRows(ContentName& name, const SampleSchema& schema, std::size_t width,
               const AskedCodec& codec);
-  ~GrowingRows() override { name_.store().forgetBatches(*this); }
+  ~GrowingRows() override;
 
   std::uint64_t count() override { return memoryStart_ + memory_.rows(); }
   const SampleSchema& schema() override { return memory_.schema(); }
@@ -55,6 +56,29 @@ class GrowingRows final : public ContentRows {
   /// Waits until all batches are on the disk.
   void sync();
 
+  /// Takes rows out of memory that are in the content's file, after writing those that are not.
+  void spill();
+  /// Bytes of the elements in memory.
+  std::size_t memoryBytes() const { return bytes_; }
+
+  // What GrowingPacks asks, which takes the rows between two flushes.
+
+  const SampleSchema& sampleSchema() const { return memory_.schema(); }
+  /// Rows that are neither in the file nor in a pack.
+  PackRun unpacked() const;
+  /// Rows that are in a pack, and not in the file.
+  PackRun packed() const;
+  RowSlice slice(const PackRun& run) const {
+    return slice(run.first, static_cast<std::size_t>(run.count));
+  }
+  /// Notes that the rows before \p end are in pack \p number.
+  void notePacked(std::uint64_t end, int number);
+  /// Whether the pack must say whose content this is, because no file does.
+  bool needsNotes(int number) const { return !disk_ && packNumber_ != number; }
+  std::shared_ptr<const ::arrow::KeyValueMetadata> notes() const;
+  /// Notes whether the content waits for the packs to be written.
+  void noteWaiting(bool waits) { waits_ = waits; }
+
  private:
   struct OnDisk {
     OnDisk(OwnedFile owned, std::unique_ptr<GrowingFile> grown)
@@ -69,6 +93,8 @@ class GrowingRows final : public ContentRows {
     return static_cast<std::size_t>(memoryStart_ + memory_.rows() - diskRows_);
   }
   bool mayHaveBatch(std::size_t batchRows) const;
+  // Whether the rows since the last flush are too few for a batch of the content's file.
+  bool mayGoToPack() const;
   void writeFullBatches(std::size_t batchRows);
   void writeAll();
   // Writes the first rows that are not on disk.
@@ -87,7 +113,11 @@ class GrowingRows final : public ContentRows {
   std::optional<OnDisk> disk_;  // from the first batch on
   std::uint64_t diskRows_ = 0;
   std::uint64_t memoryStart_ = 0;
+  std::uint64_t packedRows_ = 0;  // all before are in a pack or in the file
+  int packNumber_ = -1;           // the pack that has the last of them
+  bool waits_ = false;
   RowStore memory_;
+  std::size_t bytes_ = 0;  // of the memory, as the store counts it
 };
 
 }  // namespace kyr::parquet

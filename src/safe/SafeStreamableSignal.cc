@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "safe/GrowingPacks.h"
 #include "storage/ParquetStorageRecord.h"
 
 namespace kyr::parquet {
@@ -128,6 +129,7 @@ void SafeStreamableSignal::write() {
 
 void SafeStreamableSignal::flush() {
   write();
+  if (store_->packs() != nullptr) store_->packs()->write();
   if (store_->options().sync != SafeStorage::Sync::never) store_->sync();
 }
 

@@ -9,6 +9,7 @@
 #include "files/ContentReader.h"
 #include "platform/DiskFile.h"
 #include "safe/Content.h"
+#include "safe/GrowingPacks.h"
 #include "safe/GrowingRows.h"
 
 namespace kyr::parquet {
@@ -79,6 +80,24 @@ std::optional<BorrowedContent> SharedStore::takeOffer(int id) {
   return std::move(node.mapped());
 }
 
+void SharedStore::usePacks() { packs_ = std::make_unique<GrowingPacks>(*this); }
+
+// Half of the memory becomes free, so that this is rare.
+void SharedStore::spill() {
+  std::vector<std::pair<std::size_t, std::shared_ptr<Content>>> contents;
+  forEachContent([&](Content& content) {
+    GrowingRows* rows = content.growing();
+    if (rows == nullptr || rows->memoryBytes() == 0) return;
+    contents.emplace_back(rows->memoryBytes(), content.shared_from_this());
+  });
+  std::sort(contents.begin(), contents.end(),
+            [](const auto& a, const auto& b) { return a.first > b.first; });
+  for (const auto& [bytes, content] : contents) {
+    if (bytesGrowing_ <= options_.memoryTotal / 2) break;
+    content->growing()->spill();
+  }
+}
+
 void SharedStore::noteBatch(GrowingRows& rows) {
   if (options_.sync != SafeStorage::Sync::never) unsynced_.insert(&rows);
 }
@@ -95,6 +114,7 @@ void SharedStore::sync() {
     (*first)->sync();
     unsynced_.erase(first);
   }
+  if (packs_) packs_->sync();
   if (hasNewFiles_) syncDirectoryOf(fileOf(0));
   hasNewFiles_ = false;
   lastSync_ = std::chrono::steady_clock::now();
@@ -103,7 +123,7 @@ void SharedStore::sync() {
 void SharedStore::removeFile(int id) noexcept {
   if (keepsAllFiles_) return;
   if (options_.keepsFiles) {
-    unused_.push_back(id);
+    removeLater(fileOf(id));
     return;
   }
   std::error_code ignored;
@@ -112,7 +132,7 @@ void SharedStore::removeFile(int id) noexcept {
 
 void SharedStore::noteFlush() noexcept {
   std::error_code ignored;
-  for (const int id : unusedBefore_) std::filesystem::remove(fileOf(id), ignored);
+  for (const auto& path : unusedBefore_) std::filesystem::remove(path, ignored);
   unusedBefore_ = std::move(unused_);
   unused_.clear();
 }

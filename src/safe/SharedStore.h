@@ -22,6 +22,7 @@
 namespace kyr::parquet {
 
 class Content;
+class GrowingPacks;
 class GrowingRows;
 class ContentReader;
 
@@ -92,12 +93,28 @@ class SharedStore {
 
   /// Whether a finished content of so many bytes may stay in memory.
   bool mayStayInMemory(std::size_t bytes) const {
-    return bytes < options_.holdBelow && bytesInMemory_ + bytes <= options_.holdTotal;
+    return keepsFinished_ ||
+           (bytes < options_.holdBelow && bytesInMemory_ + bytes <= options_.holdTotal);
   }
   /// Counts bytes of finished contents that are in memory only.
   void addToMemory(std::size_t bytes) { bytesInMemory_ += bytes; }
   void takeFromMemory(std::size_t bytes) { bytesInMemory_ -= bytes; }
   bool hasContentsInMemory() const { return bytesInMemory_ > 0; }
+
+  /// Lets the few rows that contents get between two flushes go to packs.
+  void usePacks();
+  /// The packs; null if there are none.
+  GrowingPacks* packs() const { return packs_.get(); }
+  /// Finished contents that have no file yet stay in memory, whatever their size.
+  void keepFinishedInMemory() { keepsFinished_ = true; }
+
+  /// Called before so many bytes of rows come to memory that more rows will follow. If that is more
+  /// than the options allow, the contents with the most rows are written, and leave memory.
+  void makeRoomFor(std::size_t bytes) {
+    if (bytesGrowing_ + bytes > options_.memoryTotal) spill();
+  }
+  void addToGrowing(std::size_t bytes) { bytesGrowing_ += bytes; }
+  void takeFromGrowing(std::size_t bytes) { bytesGrowing_ -= bytes; }
 
   /// Notes a new name in the directory.
   void noteNewFile() { hasNewFiles_ = true; }
@@ -118,11 +135,18 @@ class SharedStore {
   bool makeDirectory();
 
   void removeFile(int id) noexcept;
+  /// Removes a file at the second flush from now on.
+  void removeLater(std::filesystem::path path) { unused_.push_back(std::move(path)); }
   void noteFlush() noexcept;
   /// From now on no file is deleted.
   void keepAllFiles() { keepsAllFiles_ = true; }
+  /// Notes that all rows are in a recording. From now on no file is made or deleted.
+  void noteSaved() { isSaved_ = keepsAllFiles_ = true; }
+  bool isSaved() const { return isSaved_; }
 
  private:
+  void spill();
+
   Path directory_;
   SafeStorage options_;
   std::shared_ptr<int> nextId_;
@@ -134,12 +158,16 @@ class SharedStore {
   std::unordered_map<int, BorrowedContent> offers_;
   std::shared_ptr<Lender> lender_;
   std::size_t bytesInMemory_ = 0;
+  std::size_t bytesGrowing_ = 0;
+  bool keepsFinished_ = false;
+  std::unique_ptr<GrowingPacks> packs_;
 
   bool ownsDirectory_ = false;
   bool makesDirectory_ = false;
   bool keepsAllFiles_ = false;
-  std::vector<int> unused_;        // files without a content since the last flush
-  std::vector<int> unusedBefore_;  // those between the last two flushes
+  bool isSaved_ = false;
+  std::vector<std::filesystem::path> unused_;        // nobody needs them since the last flush
+  std::vector<std::filesystem::path> unusedBefore_;  // those between the last two flushes
 
   std::unordered_set<GrowingRows*> unsynced_;  // unless files are never synced
   bool hasNewFiles_ = false;

@@ -7,6 +7,7 @@
 
 #include "kyr/platform/FileSystem.h"
 #include "safe/Content.h"
+#include "safe/GrowingPacks.h"
 #include "safe/SafeStreamableSignal.h"
 #include "safe/SafeWholeSignal.h"
 
@@ -92,6 +93,7 @@ void SafeBackend::flush(const PoolSignals& signals) {
       if (content.growing() == nullptr) content.flush();
     });
   }
+  if (store_->packs() != nullptr) store_->packs()->write();
   if (store_->options().sync != SafeStorage::Sync::never) store_->sync();
   store_->noteFlush();
 }
@@ -102,7 +104,7 @@ bool SafeBackend::writeFiles() {
 }
 
 void SafeBackend::leave(const PoolSignals& signals) noexcept {
-  if (!store_->options().keepsFiles) return;
+  if (!store_->options().keepsFiles || store_->isSaved()) return;
   store_->keepAllFiles();
   try {
     flush(signals);

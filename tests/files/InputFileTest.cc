@@ -400,7 +400,7 @@ TEST_F(CheckedFiles, DamageIsToldByRowGroup) {
         reader.read(first, 20'000);
       } catch (const DamagedBytes& error) {
         ++damaged;
-        const RowSpan rows = reader.rowsIn(error.from(), error.to());
+        const RowSpan rows = reader.rowsIn(error);
         EXPECT_LE(rows.from, first);
         EXPECT_GE(rows.to, first + 20'000);
         EXPECT_LT(rows.to - rows.from, kRows);

@@ -49,6 +49,9 @@ struct SafeStorage {
   Encodings encodings = Encodings::smallest;
   std::size_t batchRows = 65536;                  ///< rows of a batch at the most, 1 or more
   std::size_t batchBytes = std::size_t{8} << 20;  ///< bytes of a batch in memory at the most
+  /// Bytes of appended rows that the pool keeps in memory at the most, whatever the number of
+  /// signals. Where more would gather, the largest batches are written before they are full.
+  std::size_t memoryTotal = std::size_t{256} << 20;
   Sync sync = Sync::never;
   double syncSeconds = 1;  ///< [s]
   /// Whether files outlive the pool. A file that no signal has any more is deleted at the second

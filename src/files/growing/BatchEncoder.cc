@@ -79,7 +79,9 @@ EncodedBatch BatchEncoder::encodeEmpty(
   return written(0, 0, [&](const auto& sink) { layout_.write(sink, keyValues, {}); });
 }
 
-EncodedBatch BatchEncoder::encode(const ::arrow::Table& table, std::uint64_t offset) {
+EncodedBatch BatchEncoder::encode(
+    const ::arrow::Table& table, std::uint64_t offset,
+    const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) {
   if (encodingUses_ == 0) {
     encoding_ = layout_.encodingFor(table);
     encodingUses_ = kEncodingUses;
@@ -87,7 +89,7 @@ EncodedBatch BatchEncoder::encode(const ::arrow::Table& table, std::uint64_t off
   --encodingUses_;
   EncodedBatch batch =
       written(offset, lastBytes_ + lastBytes_ / 8 + kMargin,
-              [&](const auto& sink) { layout_.write(sink, nullptr, {&table}, encoding_); });
+              [&](const auto& sink) { layout_.write(sink, keyValues, {&table}, encoding_); });
   lastBytes_ = batch.payload().size();
   return batch;
 }

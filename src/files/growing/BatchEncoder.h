@@ -45,10 +45,12 @@ class BatchEncoder {
   /// A batch without a row group.
   EncodedBatch encodeEmpty(const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) const;
 
-  /// A batch of one row group, without key-value metadata.
+  /// A batch of one row group.
   /// \param offset  of the row group's first byte in the file that it is made for
+  /// \param keyValues  of the batch; may be null
   /// \throws ::parquet::ParquetException if \p table cannot be encoded
-  EncodedBatch encode(const ::arrow::Table& table, std::uint64_t offset);
+  EncodedBatch encode(const ::arrow::Table& table, std::uint64_t offset,
+                      const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues = nullptr);
 
  private:
   FileLayout layout_;

@@ -109,7 +109,8 @@ void GrowingFile::checkBatch(const ::arrow::Table& table) const {
   }
 }
 
-void GrowingFile::appendBatch(const ::arrow::Table& table, bool publish) {
+void GrowingFile::appendBatch(const ::arrow::Table& table, bool publish,
+                              const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues) {
   requireGrowing();
   checkBatch(table);
   if (table.num_rows() == 0) {
@@ -117,7 +118,7 @@ void GrowingFile::appendBatch(const ::arrow::Table& table, bool publish) {
     return;
   }
   const EncodedBatch batch = naming(path_, [&] {
-    EncodedBatch encoded = encoder_.encode(table, records_->end + kBatchHeaderBytes);
+    EncodedBatch encoded = encoder_.encode(table, records_->end + kBatchHeaderBytes, keyValues);
     records_->index.append(encoded.metadata());
     return encoded;
   });

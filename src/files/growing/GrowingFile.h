@@ -34,8 +34,8 @@ namespace kyr::parquet {
 ///     "PAR1"
 ///
 /// A record is a header, in a batch record the bytes of one row group, and serialized Parquet
-/// metadata (FileMetaData). Those of a batch record hold the schema and this one row group with
-/// its offsets in the file, those of a footer record all row groups:
+/// metadata (FileMetaData). Those of a batch record hold the schema, this one row group with its
+/// offsets in the file and key-value metadata of the batch, those of a footer record all row groups:
 ///
 ///     offset  bytes
 ///          0      8  8F 'K' 'Y' 'R' 'B' 'A' 'T' 0A
@@ -96,8 +96,10 @@ class GrowingFile {
 
   /// Appends a batch as one row group. A table without rows appends nothing.
   /// \param publish  whether to publish the file in any case
+  /// \param keyValues  of the metadata in the batch's record, which no footer repeats; may be null
   /// \throws std::invalid_argument if the table has another schema or more than maxRows() rows
-  void appendBatch(const ::arrow::Table& table, bool publish = false);
+  void appendBatch(const ::arrow::Table& table, bool publish = false,
+                   const std::shared_ptr<const ::arrow::KeyValueMetadata>& keyValues = nullptr);
 
   /// Writes a footer behind the last batch, which completes the file.
   void publish();

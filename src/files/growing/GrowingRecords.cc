@@ -118,6 +118,7 @@ void readOn(GrowingRecords& records, const ByteSource& file, const RecordLimits&
     ++records.count;
     records.end = next->header.end();
     records.isPublished = false;
+    if (limits.taken) limits.taken(*next);
   }
 }
 

@@ -3,6 +3,7 @@
 #include <parquet/metadata.h>
 
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
@@ -40,6 +41,8 @@ struct RecordLimits {
   std::uint64_t wantedRows = kAll;  ///< once they have so many rows, no more are looked for
   /// Whether their checksums are compared. Otherwise only headers and metadata are read.
   bool checks = true;
+  /// Called with each batch record that is taken; may be empty.
+  std::function<void(const WholeRecord&)> taken = {};
 };
 
 /// The batches that the footer names; none if the file does not end in a footer whose checksum

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <arrow/type_fwd.h>
+
+#include <memory>
+#include <string>
+
+namespace kyr::parquet {
+
+/// The column of a pack that says to which storage id each row belongs.
+extern const std::string kPackColumn;
+
+/// The columns of a pack: those of its contents, and behind them the storage ids. Columns that are
+/// no lists need no levels, because nothing of theirs is ever null.
+std::shared_ptr<::arrow::Schema> packSchema(const ::arrow::Schema& contents);
+
+/// The columns of the contents of a pack.
+std::shared_ptr<::arrow::Schema> contentSchema(const ::arrow::Schema& pack);
+
+/// Whether the last column, and not the only one, is that of storage ids.
+bool isPackSchema(const ::arrow::Schema& schema);
+
+}  // namespace kyr::parquet

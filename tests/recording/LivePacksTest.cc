@@ -1,0 +1,267 @@
+#include <fmt/format.h>
+
+#include <set>
+
+#include "files/pack/GrowingPack.h"
+#include "kyr/recording/LiveRecording.h"
+#include "kyr/recording/RecordingReader.h"
+#include "kyr/recording/Recovery.h"
+#include "platform/DiskFile.h"
+#include "recording/RecordingTest.h"
+#include "recording/SampleSignals.h"
+
+// Rows of many signals between two flushes lie together in growing packs.
+
+namespace kyr::recording {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using Values = std::vector<double>;
+
+class LivePacksTest : public test::RecordingTest {
+ protected:
+  LivePacksTest() { options.storage.batchRows = 1000; }
+
+  Path path() const { return Path::fromFilesystem(rec); }
+
+  void begin(int count) {
+    live = std::make_unique<LiveRecording>(path(), options);
+    for (int id = 1; id <= count; ++id) add(id);
+  }
+  void add(int id) {
+    streams.push_back(live->addSignal({id, fmt::format("s{}", id), "V", "", {}}, Double, Scalar));
+  }
+  static double valueOf(int id, int row) { return id * 1e6 + row; }
+  void append(std::size_t signal, int from, int to) {
+    std::vector<double> times;
+    std::vector<double> values;
+    for (int i = from; i < to; ++i) {
+      times.push_back(i);
+      values.push_back(valueOf(int(signal) + 1, i));
+    }
+    streams[signal]->appendTime(times.data(), times.size());
+    streams[signal]->appendData(values.data(), values.size() * sizeof(double), {}, {});
+  }
+  void appendAll(int from, int to) {
+    for (std::size_t i = 0; i < streams.size(); ++i) append(i, from, to);
+  }
+  // Leaves the folder as a crash now would.
+  void crash() {
+    const fs::path copy = temp.file("crashed");
+    fs::copy(rec, copy, fs::copy_options::recursive);
+    streams.clear();
+    live.reset();
+    fs::remove_all(rec);
+    fs::rename(copy, rec);
+  }
+  test::Names stored() const { return test::Folder(rec / "storage").names(); }
+
+  static void expectRows(RecordingReader& reader, int id, std::uint64_t rows) {
+    ASSERT_EQ(reader.sampleCount(id), rows) << id;
+    Values values(rows);
+    ASSERT_EQ(reader.readElements(id, {0, rows}, values.data(), rows * sizeof(double)), rows);
+    for (std::uint64_t i = 0; i < rows; ++i) {
+      ASSERT_EQ(values[i], valueOf(id, int(i))) << id << " at " << i;
+    }
+    ASSERT_EQ(reader.timeCount(id), rows);
+    const auto times = reader.times(id, {0, rows});
+    for (std::uint64_t i = 0; i < rows; ++i) ASSERT_EQ(times[i], double(i));
+  }
+
+  LiveOptions options;
+  std::unique_ptr<LiveRecording> live;
+  std::vector<std::shared_ptr<parquet::StreamableSignal>> streams;
+};
+
+// Few rows go to the pack, full batches to files, and the packs that most rows have left are
+// replaced. A reader that is open all the while, and a new one, see every row after each flush.
+TEST_F(LivePacksTest, EveryRowIsReadWhereverItIs) {
+  begin(60);
+  RecordingReader along(path());
+  std::set<std::string> packs;
+  constexpr int kRows = 150;
+  std::vector<int> rows(streams.size(), 0);
+  for (int flush = 0; flush < 260; ++flush) {
+    for (std::size_t i = 0; i < streams.size(); ++i) {
+      if (i % 7 == 3 && flush % 3 != 0) continue;  // some are slower
+      append(i, rows[i], rows[i] + kRows);
+      rows[i] += kRows;
+    }
+    live->flush();
+    for (const auto& name : stored()) {
+      if (parquet::growingPackNumber(name)) packs.insert(name);
+    }
+    if (flush % 37 != 1) continue;
+    ASSERT_TRUE(along.refresh());
+    RecordingReader fresh(path());
+    for (const int id : {1, 4, 30, 60}) {
+      expectRows(along, id, std::uint64_t(rows[std::size_t(id) - 1]));
+      expectRows(fresh, id, std::uint64_t(rows[std::size_t(id) - 1]));
+    }
+    const double t = rows[0] - 1.0;
+    EXPECT_THAT(along.rowsBetween(1, t, t + 10),
+                ElementsAre(RowRange{std::uint64_t(rows[0] - 1), std::uint64_t(rows[0])}));
+  }
+  EXPECT_GT(packs.size(), 1U);
+  crash();
+  const RecoveryResult result = recoverRecording(path());
+  EXPECT_FALSE(result.hasLosses());
+  EXPECT_EQ(faults(rec), "");
+  RecordingReader recovered(path());
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    expectRows(recovered, int(i) + 1, std::uint64_t(rows[i]));
+  }
+}
+
+// Every type and category, also those with samples of many sizes.
+TEST_F(LivePacksTest, EveryKindOfSampleGoesThroughPacks) {
+  const auto signals = test::sampleSignals();
+  options.storage.batchRows = 1 << 20U;
+  for (const bool isFinished : {true, false}) {
+    live = std::make_unique<LiveRecording>(path(), options);
+    std::vector<const test::SampleSignal*> taken;
+    for (const test::SampleSignal& signal : signals) {
+      if (signal.samples.data.empty()) continue;
+      SignalDescription description;
+      description.signalId = int(taken.size()) + 1;
+      const auto stream = live->addSignal(description, signal.type, signal.category);
+      const test::Samples& samples = signal.samples;
+      stream->appendTime(samples.time.data(), samples.time.size());
+      stream->appendData(samples.data.data(), samples.data.size(), samples.dims, samples.lengths);
+      taken.push_back(&signal);
+      live->flush();
+    }
+    for (const std::string& name : stored()) EXPECT_TRUE(parquet::growingPackNumber(name)) << name;
+    const auto expectAll = [&] {
+      RecordingReader reader(path());
+      for (std::size_t i = 0; i < taken.size(); ++i) {
+        const SampleRows rows = reader.read(int(i) + 1, {0, 1U << 30U});
+        EXPECT_EQ(rows.bytes, taken[i]->samples.data) << i;
+        EXPECT_EQ(reader.times(int(i) + 1, {0, 1U << 30U}), taken[i]->samples.time) << i;
+      }
+    };
+    expectAll();
+    if (isFinished) {
+      live->finish();
+    } else {
+      crash();
+      EXPECT_FALSE(recoverRecording(path()).hasLosses());
+    }
+    EXPECT_EQ(faults(rec), "");
+    expectAll();
+    live.reset();
+    fs::remove_all(rec);
+  }
+}
+
+// Wherever a pack is cut off or damaged, what is recovered is right, and what is lost is told.
+TEST_F(LivePacksTest, DamagedPacksAreNeverTakenForSound) {
+  begin(3);
+  for (int flush = 0; flush < 4; ++flush) {
+    appendAll(flush * 5, flush * 5 + 5);
+    live->flush();
+  }
+  crash();
+  const fs::path sound = temp.file("sound");
+  fs::rename(rec, sound);
+  const fs::path pack = rec / "storage" / "live-0.parquet";
+  const auto size = std::size_t(fs::file_size(sound / "storage" / "live-0.parquet"));
+  ASSERT_EQ(test::Folder(sound / "storage").names(), test::Names{"live-0.parquet"});
+  for (std::size_t at = 0; at < size; at += 61) {
+    for (const bool isCut : {true, false}) {
+      fs::copy(sound, rec, fs::copy_options::recursive);
+      if (isCut) {
+        fs::resize_file(pack, at);
+      } else {
+        DiskFile file(pack, DiskFile::Mode::readWrite);
+        char byte = 0;
+        file.readAt(at, &byte, 1);
+        byte = char(byte ^ 0x20);
+        file.writeAt(at, {{&byte, 1}});
+      }
+      std::uint64_t kept = 0;
+      bool isTold = true;
+      try {
+        const RecoveryResult result = recoverRecording(path());
+        kept = result.signals.at(0).rowsKept;
+        EXPECT_EQ(result.signals.at(0).rowsLost, 20 - kept);
+        isTold = result.hasLosses();
+        RecordingReader reader(path());
+        for (const int id : {1, 2, 3}) expectRows(reader, id, kept);
+        EXPECT_EQ(faults(rec), "") << at;
+      } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr("no recording to be had")) << at;
+      }
+      EXPECT_EQ(kept % 5, 0U);
+      EXPECT_TRUE(isTold || kept == 20) << at;
+      fs::remove_all(rec);
+    }
+  }
+}
+
+// The packs alone tell the names, and how many rows there are.
+TEST_F(LivePacksTest, RecoversWithoutTheListOfSignals) {
+  begin(5);
+  appendAll(0, 8);
+  live->flush();
+  crash();
+  fs::remove(rec / "recording.live.json");
+  fs::remove(rec / "recording.journal");
+  EXPECT_TRUE(recoverRecording(path()).hasLosses());
+  RecordingReader reader(path());
+  EXPECT_EQ(reader.idOf("s3"), 3);
+  EXPECT_EQ(reader.signal(5).unit, "V");
+  for (int id = 1; id <= 5; ++id) expectRows(reader, id, 8);
+}
+
+// Many small contents are finished in packs, and an interrupted finish() is recovered.
+TEST_F(LivePacksTest, ManySignalsAreFinishedInPacks) {
+  const auto expectAll = [&] {
+    EXPECT_EQ(faults(rec), "");
+    RecordingReader reader(path());
+    for (const int id : {1, 77, 400}) expectRows(reader, id, 5);
+  };
+  fs::path copy;
+  for (const bool fails : {false, true}) {
+    begin(400);
+    appendAll(0, 3);
+    live->flush();
+    appendAll(3, 5);
+    if (fails) {
+      fs::create_directory(rec / "recording.json.new");
+      EXPECT_THROW(live->finish(), std::exception);
+      copy = temp.file("interrupted");
+      fs::copy(rec, copy, fs::copy_options::recursive);
+      fs::remove(rec / "recording.json.new");
+    }
+    live->finish();
+    if (!fails) {
+      EXPECT_EQ(stored(), test::Names{"pack-0.parquet"});
+    }
+    expectAll();
+    streams.clear();
+    fs::remove_all(rec);
+  }
+  fs::rename(copy, rec);
+  fs::remove(rec / "recording.json.new");
+  EXPECT_FALSE(recoverRecording(path()).hasLosses());
+  expectAll();
+}
+
+// The pool's memory is bounded whatever the number of signals; what leaves it is read from disk.
+TEST_F(LivePacksTest, MemoryIsBoundedForAllSignalsTogether) {
+  options.storage.memoryTotal = 100'000;
+  options.storage.batchRows = 1 << 20U;
+  begin(10);
+  for (int from = 0; from < 5000; from += 50) appendAll(from, from + 50);
+  EXPECT_GE(stored().size(), 5U);
+  live->flush();
+  RecordingReader reader(path());
+  for (int id = 1; id <= 10; ++id) expectRows(reader, id, 5000);
+  live->finish();
+  EXPECT_EQ(faults(rec), "");
+}
+
+}  // namespace
+}  // namespace kyr::recording
