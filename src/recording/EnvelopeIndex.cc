@@ -126,6 +126,21 @@ void merge(EnvelopeColumn& column, const EnvelopeColumn& later) {
   }
 }
 
+EnvelopeColumn oneRow(std::uint64_t row, double time, double value) {
+  EnvelopeColumn column;
+  column.firstRow = row;
+  column.rows = 1;
+  column.firstTime = column.lastTime = time;
+  column.first = column.last = value;
+  if (std::isnan(value)) {
+    column.nans = 1;
+  } else {
+    column.min = column.max = value;
+    column.minTime = column.maxTime = time;
+  }
+  return column;
+}
+
 // Buckets of consecutive rows, which begin with a multiple of the bucket's size.
 struct Buckets {
   std::vector<EnvelopeColumn> all;
@@ -175,6 +190,36 @@ class EnvelopeIndex::Columns {
     } else {
       merge(columns_[column], rows);
     }
+  }
+
+  // Adds a bucket that lies in two columns from what is known of it: its first and last row, and
+  // its smallest and largest value, each to the column that it lies in. Returns false, and adds
+  // nothing, if that is too little: if an extreme would begin the second column, whose first row
+  // would not be known then, or if the first column has NaN alone.
+  bool addAcross(const EnvelopeColumn& bucket) {
+    const std::size_t column = of(bucket.firstTime);
+    const EnvelopeColumn end =
+        oneRow(bucket.firstRow + bucket.rows - 1, bucket.lastTime, bucket.last);
+    EnvelopeColumn start = oneRow(bucket.firstRow, bucket.firstTime, bucket.first);
+    if (bucket.nans < bucket.rows) {
+      const EnvelopeColumn& next = columns_[column + 1];
+      const bool isMinNew = bucket.min != bucket.last && !(next.min <= bucket.min);
+      const bool isMaxNew = bucket.max != bucket.last && !(next.max >= bucket.max);
+      if (isMinNew && of(bucket.minTime) != column) return false;
+      if (isMaxNew && of(bucket.maxTime) != column) return false;
+      EnvelopeColumn extremes[] = {oneRow(bucket.firstRow, bucket.minTime, bucket.min),
+                                   oneRow(bucket.firstRow, bucket.maxTime, bucket.max)};
+      if (bucket.maxTime < bucket.minTime) std::swap(extremes[0], extremes[1]);
+      for (const EnvelopeColumn& extreme : extremes) {
+        if (of(extreme.firstTime) == column) merge(start, extreme);
+      }
+      if (start.nans == start.rows) return false;
+    }
+    start.rows = bucket.rows - 1;
+    start.nans = bucket.nans - end.nans;
+    add(column, start);
+    add(column + 1, end);
+    return true;
   }
 
   // Adds those rows of a block that lie in the window.
@@ -350,8 +395,8 @@ std::vector<std::size_t> EnvelopeIndex::addInnerBuckets(const RowRange& rows,
 void EnvelopeIndex::lookUp(NumberSource& source, const RowRange& rows, Columns& columns) const {
   const std::vector<std::size_t> atBorders = addInnerBuckets(rows, columns);
   const bool readsAll = atBorders.size() <= limits_.borderReads;
-  // A bucket whose rows are few beside those of its columns belongs to the first of them as a
-  // whole. To read all of these would mean to decode a row group for each column.
+  // A bucket whose rows are few beside those of its columns is not read where that can be avoided.
+  // To read all of these would mean to decode a row group for each column.
   constexpr std::uint64_t kFew = 8;
   for (const std::size_t i : atBorders) {
     const EnvelopeColumn& bucket = buckets_[i];
@@ -361,9 +406,9 @@ void EnvelopeIndex::lookUp(NumberSource& source, const RowRange& rows, Columns& 
     const auto isFewBeside = [&](std::size_t column) {
       return columns.rowsOf(column) >= kFew * bucket.rows;
     };
-    if (!readsAll && isInside && last - first <= 1 && isFewBeside(first) && isFewBeside(last)) {
-      columns.add(first, bucket);
-    } else {
+    const bool isKnown = !readsAll && isInside && last - first == 1 && isFewBeside(first) &&
+                         isFewBeside(last) && columns.addAcross(bucket);
+    if (!isKnown) {
       source.read(
           {std::max(rows.from, bucket.firstRow), std::min(rows.to, bucket.firstRow + bucket.rows)},
           [&](const NumberBlock& block) { columns.add(block); });

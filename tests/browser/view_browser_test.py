@@ -120,6 +120,7 @@ class BrowserTest(ToolTest):
             page.mouse.move(box["x"] + box["width"] / 2, box["y"] + 30)
             value = page.locator(".plot").first.locator(".value").inner_text()
             self.assertLessEqual(max(abs(float(each)) for each in value.split("…")), 90)
+            page.locator("#reading", has_text="car.torque").wait_for(state="attached")
             before = self.state(page)["t"]
             for _ in range(3):
                 page.mouse.wheel(0, -300)
@@ -212,6 +213,12 @@ class BrowserTest(ToolTest):
             page.locator(".legend input").press("Enter")
             self.assertEqual([s[2] for s in self.state(page)["p"][0]["s"]], [0, 1])
             self.assertEqual(page.locator(".legend li").count(), 2)
+            varying = page.evaluate("""async () => {
+              const [run] = await (await fetch("runs")).json();
+              return run.signals.find((each) => each.category === "variable matrix").name;
+            }""")
+            self.add(page, varying)
+            self.assertEqual(page.locator(".legend input").count(), 3, "no choice of elements")
         self.store(rows_text(2000))
         with self.page("rec", "--signal", "car.speed") as page:
             page.locator(".leaf", has_text="torque").drag_to(page.locator(".plot").first)
@@ -220,6 +227,13 @@ class BrowserTest(ToolTest):
             self.assertEqual(self.state(page)["p"][0]["x"], 1)
             self.assertGreater(self.inked(page), 500)
             self.shoot(page, "x-y")
+        os.rename(self.folder / "rec", self.folder / "other")
+        self.store("time,slow\n0,1\n9,2\n")
+        self.run_tool("merge", "other", "rec", "both")
+        with self.page("both", "--signal", "car.speed") as page:
+            page.locator(".leaf", has_text="slow").drag_to(page.locator(".plot").first)
+            page.get_by_role("button", name="x-y").click()
+            page.locator(".legend", has_text="interpolated").wait_for()
 
     def test_follows_a_live_recording_and_pauses(self):
         writer = subprocess.Popen([KYR, "record", "-", "live", "--flush-seconds", "0.05"],
@@ -265,6 +279,20 @@ class BrowserTest(ToolTest):
         lines = contents["CSV"].decode().splitlines()
         self.assertEqual(lines[0], "recording,signal,unit,element,time,value")
         self.assertEqual(len(lines), 1001)
+
+    def test_saves_all_rows_or_tells_that_it_does_not(self):
+        self.store("time,x\n" + "".join(f"{i},{i % 2}\n" for i in range(1_000_002)))
+        with self.page("rec", "--signal", "x") as page:
+            page.wait_for_timeout(400)
+            for name, lines in [("plot-points.csv", range(100, 20_000)),
+                                ("plot.csv", range(500_000, 900_000))]:
+                with page.expect_download() as download:
+                    page.get_by_role("button", name="as CSV").click()
+                self.assertEqual(download.value.suggested_filename, name)
+                content = pathlib.Path(download.value.path()).read_text()
+                self.assertIn(content.count("\n"), lines)
+                page.locator("#message", has_text="1,000,002 rows").wait_for()
+                page.get_by_role("button", name="Zoom in").click()
 
     def test_a_report_needs_no_server(self):
         self.store(rows_text())

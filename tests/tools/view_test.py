@@ -1,14 +1,17 @@
 """kyr view: what the server answers and refuses, and the report; kyr plot."""
 
 import base64
+import fcntl
 import json
 import math
 import os
 import pathlib
+import pty
 import re
 import socket
 import struct
 import subprocess
+import termios
 import unittest
 import xml.etree.ElementTree as ET
 
@@ -67,12 +70,50 @@ class ServerTest(ToolTest):
             ids = {signal["name"]: signal["id"] for signal in before["signals"]}
             window = {"from": 0, "to": 2, "columns": 100}
             pairs = server.numbers("pairs", run=0, id=ids["x"], y=ids["y"], **window)
-            self.assertEqual(pairs, (1, 5, 2, 6, 3, 7))
+            self.assertEqual(pairs, (3, 0, 1, 5, 2, 6, 3, 7))
+            window["columns"] = 2
+            few = server.numbers("pairs", run=0, id=ids["x"], y=ids["y"], **window)
+            self.assertEqual(few, (3, 0, 1, 5, 3, 7))
             flag = next(each for each in after["signals"] if each["name"] == "on")
             self.assertEqual(flag["kind"], "boolean")
             spans = server.json("spans", run=1, id=flag["id"], to=3, columns=100, **{"from": 0})
             self.assertEqual([(s["from"], s["to"], s["value"]) for s in spans],
                              [(0, 3, 1), (3, 3, 0)])
+
+    def test_pairs_signals_with_different_times(self):
+        self.store("time,fine\n" + "".join(f"{i},{i * i}\n" for i in range(7)))
+        os.rename(self.folder / "rec", self.folder / "a")
+        self.store("time,coarse,step,note\n1,10,1,x\n5,50,2,y\n", "--type", "step=int32",
+                   "--type", "coarse=double")
+        self.run_tool("merge", "a", "rec", "both")
+        nan = math.nan
+        with self.serve("both") as server:
+            ids = {each["name"]: each["id"] for each in server.json("runs")[0]["signals"]}
+            for x, y, window, expected in [
+                    ("coarse", "fine", (0, 6), [(nan, 0), (10, 1), (20, 4), (30, 9), (40, 16),
+                                                (50, 25), (nan, 36)]),
+                    ("fine", "step", (0, 6), [(0, nan), (1, 1), (4, 1), (9, 1), (16, 1), (25, 2),
+                                              (36, nan)]),
+                    ("fine", "coarse", (2, 4), [(4, 20), (9, 30), (16, 40)]),
+                    ("fine", "coarse", (2.1, 2.9), []),
+                    ("fine", "coarse", (7, 9), [])]:
+                with self.subTest(x=x, y=y, window=window):
+                    numbers = server.numbers("pairs", run=0, id=ids[x], y=ids[y], columns=100,
+                                             to=window[1], **{"from": window[0]})
+                    self.assertEqual(numbers[:2], (len(expected), 1))
+                    self.assertEqual(str(list(zip(numbers[2::2], numbers[3::2]))),
+                                     str([(float(a), float(b)) for a, b in expected]))
+            path = f"pairs?run=0&id={ids['fine']}&y={ids['note']}&from=0&to=6&columns=9"
+            self.assertEqual(server.ask(path)[0], 400)
+
+    def test_hands_out_all_rows_of_a_window_where_they_are_few(self):
+        self.store("time,on\n" + "".join(f"{i},{i % 3 == 0}\n" for i in range(1_000_001)))
+        with self.serve("rec") as server:
+            def rows(start, end):
+                return server.numbers("rows", run=0, id=0, to=end, **{"from": start})
+            self.assertEqual(rows(1.5, 3), (2, 2, 0, 3, 1))
+            self.assertEqual(len(rows(1, 1e9)), 1 + 2 * 1_000_000)
+            self.assertEqual(rows(0, math.inf), (1_000_001,), "too many are handed out")
 
     def test_follows_a_live_recording(self):
         writer = subprocess.Popen([KYR, "record", "-", "live", "--flush-seconds", "0.05"],
@@ -174,8 +215,10 @@ class ServerTest(ToolTest):
                         self.assertTrue(not answer or b" 40" in answer, answer)
                     except OSError:
                         pass  # refused before it had sent all
-            idle = [socket.create_connection(("127.0.0.1", server.port)) for _ in range(20)]
-            self.assertEqual(server.ask()[0], 200)
+            idle = [socket.create_connection(("127.0.0.1", server.port)) for _ in range(40)]
+            for client in idle[-10:]:
+                client.sendall(b"GET /")
+            self.assertEqual(server.ask()[0], 200, "strangers keep the page waiting")
             for client in idle:
                 client.close()
             with socket.create_connection(("127.0.0.1", server.port)) as client:
@@ -250,6 +293,16 @@ class PlotTest(ToolTest):
     def dots(self, text):
         return sum(bin(ord(c) - 0x2800).count("1") for c in text if 0x2800 <= ord(c) < 0x2900)
 
+    def in_terminal(self, columns, rows, *arguments):
+        near, far = pty.openpty()
+        try:
+            fcntl.ioctl(far, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+            subprocess.run([KYR, *arguments], stdout=far, cwd=self.folder, timeout=20, check=True)
+            return os.read(near, 65_536).decode()
+        finally:
+            os.close(near)
+            os.close(far)
+
     def test_draws_in_the_terminal(self):
         self.store("time,up [m],down [m],flat [V]\n" +
                    "".join(f"{i},{i},{99 - i},7\n" for i in range(100)))
@@ -271,12 +324,35 @@ class PlotTest(ToolTest):
             with self.subTest(name):
                 self.store(text)
                 self.assertGreaterEqual(self.dots(self.run_tool("plot", "rec", "x").stdout), dots)
+        # Numbers so close to each other, or so far, that steps between ticks are none.
+        for name, text in [("neighbours", "0,1e17\n1,100000000000000016\n"),
+                           ("late times", "1.7e18,1\n1.7000000000000003e18,2\n"),
+                           ("largest", "0,-1.7e308\n1,1.7e308\n"),
+                           ("least", "0,0\n5e-324,5e-324\n"),
+                           ("far", "1e300,1\n")]:
+            with self.subTest(name):
+                self.store("time,x\n" + text)
+                self.assertGreaterEqual(self.dots(self.run_tool("plot", "rec", "x").stdout), 1)
+                self.assertGreaterEqual(self.dots(self.in_terminal(5, 3, "plot", "rec", "x")), 1)
         self.store("time,x\n0,1\n1,nan\n2,1\n")
         self.assertEqual(self.dots(self.run_tool("plot", "rec", "x").stdout), 2,
                          "the line goes on over NaN")
         self.store("time,x,note\n")
         self.fails("plot", "rec", "x", says=["no rows"])
         self.fails("plot", "rec", "y", says=['"y"'])
+
+    def test_draws_text_as_bands(self):
+        self.store("time,x [m],note\n0,1,idle\n5,2,<b>run\uffff</b>\n10,3,end\n")
+        rows = self.run_tool("plot", "rec", "x", "note").stdout.splitlines()
+        band = next(row for row in rows if "idle" in row)
+        self.assertLess(band.index("▏idle"), band.index("▏<b>run"))
+        self.assertAlmostEqual(band.index("▏<b>run") - 12, 34, delta=2)
+        self.assertEqual(len(self.run_tool("plot", "rec", "note").stdout.splitlines()), 3)
+        self.run_tool("plot", "rec", "note", "-o", "plot.svg")
+        svg = ET.parse(self.folder / "plot.svg").getroot()
+        texts = [each.text for each in svg.findall(".//{*}text")]
+        self.assertIn("<b>run\ufffd</b>", texts)
+        self.assertEqual(len(svg.findall("{*}rect")), 1 + 3)
 
     def test_writes_svg_files(self):
         self.store("time,x [m],on\n" + "".join(f"{i},{i % 10}.5,{i % 2 == 1}\n" for i in range(50)))

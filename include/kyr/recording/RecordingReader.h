@@ -236,10 +236,12 @@ class KYR_PARQUET_EXPORT RecordingReader {
   /// Values become float64, truth values 0 and 1; a signal with times alone has NaN. A signal
   /// without times has its row numbers in place of times. Rows whose time is NaN are in no column.
   ///
-  /// Each row of the window is in one column. Up to 4,194,304 rows the columns are exact. Beyond
-  /// that, a bucket of 256 consecutive rows (more from 134 million rows on: 1/524,288 of all) may
-  /// be counted in one column although some of it lies in the next, if that column and the next
-  /// have at least 8 times as many rows as the bucket. The times that are told are exact always.
+  /// All values and times that are told of a column are those of rows in it. Up to 4,194,304 rows
+  /// the columns are exact. Beyond that, a bucket of 256 consecutive rows (more from 134 million
+  /// rows on: 1/524,288 of all) may lie in two columns that have at least 8 times as many rows.
+  /// Of such a bucket, the first and last row and the smallest and largest value are told in their
+  /// columns, so that no peak gets lost. Its other rows are counted in the first of the two, and
+  /// need not be the last of that column, or the first, smallest or largest of the next one.
   ///
   /// **Cost.** A window of up to 4,194,304 rows is read. The first larger one reads all rows of the
   /// signal, in as many threads as the machine has, at most 8, and keeps 88 bytes for each bucket,

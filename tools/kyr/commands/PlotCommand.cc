@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
@@ -77,7 +78,8 @@ int runPlot(const PlotOptions& options) {
   request.from = options.from;
   request.to = options.to;
   request.element = options.element;
-  if (options.file.empty()) request.columns = 2 * size.columns;
+  constexpr std::size_t kMostColumns = 8'000;  // of terminals that tell nonsense, too
+  if (options.file.empty()) request.columns = std::min(kMostColumns, 2 * size.columns);
   const PlotPicture picture = readPicture(reader, request);
   if (!options.file.empty()) {
     writeSvg(picture, options);
@@ -110,7 +112,7 @@ void addPlotCommand(CLI::App& app, Action& action) {
   command->footer(R"help(
 Each unit has its own axis. A plot shows the smallest and largest value at each place across, so
 that no peak is lost however many rows there are. The terminal gets as much as fits into it, in
-colours unless the variable NO_COLOR is set.
+colours unless the variable NO_COLOR is set. Signals of text are drawn as bands.
 
 Examples:
   kyr plot run speed

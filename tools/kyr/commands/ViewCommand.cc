@@ -91,6 +91,10 @@ HttpResponse respond(ViewedRuns& runs, const ViewOptions& options, const HttpReq
     return {200, kBytes,
             runs.pairs(signal(), signalOf(request, "y", "yElement"), windowOf(request))};
   }
+  if (request.path == "rows") {
+    return {200, kBytes,
+            runs.rows(signal(), queryNumber(request, "from"), queryNumber(request, "to"))};
+  }
   return fileResponse(request.path);
 }
 

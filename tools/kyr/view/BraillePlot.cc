@@ -150,6 +150,43 @@ std::string cut(const std::string& text, std::size_t columns) {
   return result;
 }
 
+// The text of each span behind a mark where it begins, and dots for several values.
+std::string bandRow(const PlotBand& band, const PlotPicture& picture, std::size_t columns) {
+  std::vector<std::string> cells(columns, " ");
+  const auto cellOf = [&](double time) {
+    const int place = placeOf(partOf(time, picture.from, picture.to), static_cast<int>(columns));
+    return std::min(columns - 1, static_cast<std::size_t>(std::max(0, place)));
+  };
+  for (const recording::ValueSpan& span : band.spans) {
+    std::size_t cell = cellOf(span.from);
+    const std::size_t end = cellOf(span.to);
+    std::fill(cells.begin() + static_cast<std::ptrdiff_t>(cell), cells.end(), " ");
+    if (span.isMixed) {
+      while (cell < end) cells[cell++] = "░";
+    }
+    cells[cell] = span.isMixed ? "░" : "▏";
+    for (std::size_t i = 0; i < span.text.size(); ++i) {
+      const bool isStart = (static_cast<unsigned char>(span.text[i]) & 0xc0U) != 0x80U;
+      if (!isStart) {
+        cells[cell] += span.text[i];
+      } else if (++cell < columns) {
+        cells[cell] = span.text[i];
+      } else {
+        break;
+      }
+    }
+  }
+  std::string row;
+  for (const std::string& cell : cells) row += cell;
+  return row.substr(0, row.find_last_not_of(' ') + 1);
+}
+
+std::string legendOf(const std::string& label, std::size_t curve, const TerminalSize& size,
+                     bool hasColors) {
+  const std::string mark = hasColors ? Screen::colorOf(curve) + "──\033[0m" : "──";
+  return fmt::format("{} {}\n", mark, cut(label, std::max<std::size_t>(size.columns, 8) - 4));
+}
+
 }  // namespace
 
 std::string braillePlot(const PlotPicture& picture, const TerminalSize& size, bool hasColors) {
@@ -157,14 +194,14 @@ std::string braillePlot(const PlotPicture& picture, const TerminalSize& size, bo
       std::max<std::size_t>(size.columns, kLabelWidth + 20) - kLabelWidth - 2;
   std::size_t legend = 0;
   for (const PlotPanel& panel : picture.panels) legend += panel.curves.size();
-  const std::size_t others = legend + 3;
+  const std::size_t others = legend + 2 * picture.bands.size() + 3;
   const std::size_t space = size.rows > others ? size.rows - others : 0;
-  const std::size_t rows = std::max<std::size_t>(4, space / picture.panels.size());
+  const std::size_t rows =
+      std::max<std::size_t>(4, space / std::max<std::size_t>(1, picture.panels.size()));
   std::string text;
   for (const PlotPanel& panel : picture.panels) {
     for (const PlotCurve& curve : panel.curves) {
-      const std::string mark = hasColors ? Screen::colorOf(curve.number) + "──\033[0m" : "──";
-      text += fmt::format("{} {}\n", mark, cut(curve.label, size.columns - 4));
+      text += legendOf(curve.label, curve.number, size, hasColors);
     }
     Screen screen(columns, rows);
     for (const PlotCurve& curve : panel.curves) draw(screen, curve, panel, picture);
@@ -173,6 +210,10 @@ std::string braillePlot(const PlotPicture& picture, const TerminalSize& size, bo
       text += fmt::format("{:>{}}{}{}\n", labels[row], kLabelWidth, labels[row].empty() ? "│" : "┤",
                           screen.row(row, hasColors));
     }
+  }
+  for (const PlotBand& band : picture.bands) {
+    text += legendOf(band.label, band.number, size, hasColors);
+    text += fmt::format("{:>{}}│{}\n", "", kLabelWidth, bandRow(band, picture, columns));
   }
   return text + timeLabels(picture, columns);
 }

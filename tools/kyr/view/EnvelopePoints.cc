@@ -47,6 +47,15 @@ std::uint64_t rowsOf(const recording::Envelope& envelope) {
   return rows;
 }
 
+bool isText(const recording::SignalInfo& signal) {
+  return signal.dataType == ByteString || signal.dataType == Binary || signal.category == Bus ||
+         signal.category == VarDimBus;
+}
+
+bool hasFractions(const recording::SignalInfo& signal) {
+  return signal.dataType == Double || signal.dataType == Single;
+}
+
 std::optional<recording::TimeSpan> shownSpan(const recording::RecordingReader& reader,
                                              const recording::SignalInfo& signal) {
   if (const auto span = reader.timeSpan(signal.signalId)) return span;

@@ -20,6 +20,12 @@ std::vector<PlotPoint> pointsOf(const recording::Envelope& envelope);
 /// Rows in the columns of an envelope.
 std::uint64_t rowsOf(const recording::Envelope& envelope);
 
+/// Whether the samples of a signal are blobs, which are drawn as spans of text.
+bool isText(const recording::SignalInfo& signal);
+/// Whether there are values between two others. A signal of integers or truth values keeps its
+/// value until the next one.
+bool hasFractions(const recording::SignalInfo& signal);
+
 /// Smallest and largest time of a signal [s]; first and last row number of a signal without times.
 /// Empty if there is nothing to draw.
 std::optional<recording::TimeSpan> shownSpan(const recording::RecordingReader& reader,

@@ -14,7 +14,9 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "cli/Errors.h"
@@ -27,6 +29,7 @@ namespace {
 constexpr std::size_t kMostBytes = 16'384;
 constexpr std::size_t kMostConnections = 32;
 constexpr int kIdleSeconds = 20;
+constexpr int kStrangerSeconds = 5;  // for a request of whom we do not know yet
 
 std::string randomToken() {
   std::array<unsigned char, 16> bytes{};
@@ -110,6 +113,20 @@ std::string_view withoutBlanks(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
   while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
   return text;
+}
+
+using Clock = std::chrono::steady_clock;
+
+// Whether there is something to read before it is too late.
+bool isReadable(int socket, Clock::time_point deadline) {
+  for (;;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) return false;
+    pollfd waiting{socket, POLLIN, 0};
+    const int ready = ::poll(&waiting, 1, static_cast<int>(left.count()));
+    if (ready >= 0 || errno != EINTR) return ready > 0;
+  }
 }
 
 using Headers = std::map<std::string, std::string>;
@@ -275,23 +292,47 @@ void HttpServer::run() {
 }
 
 void HttpServer::accept() {
+  constexpr int kPauseMs = 50;
   const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-  if (socket < 0) return;
-  if (connections_.size() >= kMostConnections) {
+  if (socket < 0) {
+    (void)::poll(nullptr, 0, kPauseMs);  // there may be no more descriptors for a while
+    return;
+  }
+  if (!makeRoom()) {
     ::close(socket);
     return;
   }
   const timeval idle{kIdleSeconds, 0};
-  (void)::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &idle, sizeof(idle));
   (void)::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &idle, sizeof(idle));
   const int on = 1;
   (void)::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
   Connection& connection = connections_.emplace_back();
   connection.socket = socket;
-  connection.thread = std::thread([this, &connection] {
-    serve(connection);
-    connection.isDone = true;
-  });
+  try {
+    connection.thread = std::thread([this, &connection] {
+      serve(connection);
+      connection.isDone = true;
+    });
+  } catch (const std::system_error&) {  // there are no more threads
+    connections_.pop_back();
+    ::close(socket);
+  }
+}
+
+// Another program of this machine must not keep the page waiting with connections that say nothing:
+// the oldest one of these gives way. Returns false if there is none.
+bool HttpServer::makeRoom() {
+  closeFinished();
+  if (connections_.size() < kMostConnections) return true;
+  const auto stranger =
+      std::find_if(connections_.begin(), connections_.end(),
+                   [](const Connection& connection) { return !connection.isTrusted; });
+  if (stranger == connections_.end()) return false;
+  ::shutdown(stranger->socket, SHUT_RDWR);
+  stranger->thread.join();
+  ::close(stranger->socket);
+  connections_.erase(stranger);
+  return true;
 }
 
 void HttpServer::closeFinished() {
@@ -309,17 +350,24 @@ void HttpServer::closeFinished() {
 void HttpServer::serve(Connection& connection) const {
   std::string buffer;
   std::array<char, 4096> piece{};
+  const auto deadline = [&] {
+    return Clock::now() +
+           std::chrono::seconds(connection.isTrusted ? kIdleSeconds : kStrangerSeconds);
+  };
+  auto requestDeadline = deadline();
   while (!isStopping_) {
     const std::size_t end = buffer.find("\r\n\r\n");
     if (end <= kMostBytes) {
-      if (!answer(connection.socket, std::string_view(buffer).substr(0, end))) break;
+      if (!answer(connection, std::string_view(buffer).substr(0, end))) break;
       buffer.erase(0, end + 4);
+      requestDeadline = deadline();
       continue;
     }
     if (buffer.size() > kMostBytes) {
       (void)send(connection.socket, refusal(400, "The request is too long."), true, false);
       break;
     }
+    if (!isReadable(connection.socket, requestDeadline)) break;
     const ssize_t got = ::recv(connection.socket, piece.data(), piece.size(), 0);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
@@ -328,14 +376,14 @@ void HttpServer::serve(Connection& connection) const {
   ::shutdown(connection.socket, SHUT_RDWR);
 }
 
-bool HttpServer::answer(int socket, std::string_view head) const {
+bool HttpServer::answer(Connection& connection, std::string_view head) const {
   const std::size_t lineEnd = std::min(head.find("\r\n"), head.size());
   const std::string_view line = head.substr(0, lineEnd);
   const std::size_t first = line.find(' ');
   const std::size_t last = line.rfind(' ');
   const auto headers = parseHeaders(head.substr(std::min(lineEnd + 2, head.size())));
   const auto refuse = [&](int status, std::string why) {
-    (void)send(socket, refusal(status, std::move(why)), true, false);
+    (void)send(connection.socket, refusal(status, std::move(why)), true, false);
     return false;
   };
   if (first == std::string_view::npos || first == last || !headers ||
@@ -350,14 +398,15 @@ bool HttpServer::answer(int socket, std::string_view head) const {
   if (method != "GET" && method != "HEAD") return refuse(405, "Only GET and HEAD are answered.");
   const std::string why = whyRefused(*headers);
   if (!why.empty()) return refuse(403, why);
-  const HttpResponse response = respond(line.substr(first + 1, last - first - 1));
-  const auto connection = headers->find("connection");
+  const HttpResponse response = respond(connection, line.substr(first + 1, last - first - 1));
+  const auto wish = headers->find("connection");
   const bool staysOpen = line.substr(last + 1) == "HTTP/1.1" &&
-                         (connection == headers->end() || lowered(connection->second) != "close");
-  return send(socket, response, method == "GET", staysOpen) && staysOpen;
+                         (wish == headers->end() || lowered(wish->second) != "close") &&
+                         connection.isTrusted;
+  return send(connection.socket, response, method == "GET", staysOpen) && staysOpen;
 }
 
-HttpResponse HttpServer::respond(std::string_view target) const {
+HttpResponse HttpServer::respond(Connection& connection, std::string_view target) const {
   std::optional<HttpRequest> request = parseTarget(target);
   if (!request) return refusal(400, "The address is malformed.");
   const std::string_view path = request->path;
@@ -366,6 +415,7 @@ HttpResponse HttpServer::respond(std::string_view target) const {
       !isSameSecret(path.substr(1, slash - 1), token_)) {
     return refusal(403, "The address lacks the token that kyr view printed.");
   }
+  connection.isTrusted = true;
   request->path.erase(0, slash + 1);
   try {
     return handler_(*request);

@@ -35,7 +35,8 @@ std::optional<HttpRequest> parseTarget(std::string_view target);
 ///
 /// It listens on 127.0.0.1 only. A request must name this machine as its host, which keeps out
 /// pages that had their own name resolved to it, and must not come from a page of another origin.
-/// Requests have 16 KiB at most, connections are 32 at most, and each is closed when it is idle.
+/// Requests have 16 KiB at most, and arrive within 20 seconds. Connections are 32 at most. One that
+/// has not shown the token has 5 seconds, and gives way when there are too many.
 class HttpServer {
  public:
   /// It is called in several threads at once. What it throws is answered with status 400.
@@ -57,16 +58,18 @@ class HttpServer {
  private:
   struct Connection {
     int socket = -1;
+    std::atomic<bool> isTrusted = false;  // a request had the token
     std::atomic<bool> isDone = false;
     std::thread thread;
   };
 
   void accept();
+  bool makeRoom();
   void closeFinished();
   void serve(Connection& connection) const;
   // Answers the request in \p head. Returns whether the connection stays open.
-  bool answer(int socket, std::string_view head) const;
-  HttpResponse respond(std::string_view target) const;
+  bool answer(Connection& connection, std::string_view head) const;
+  HttpResponse respond(Connection& connection, std::string_view target) const;
 
   Handler handler_;
   std::string token_;

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 
 #include "cli/Text.h"
-#include "print/SampleNumbers.h"
 
 namespace kyr::tool {
 
@@ -29,7 +29,11 @@ void chooseWindow(PlotPicture& picture, const RecordingReader& reader, const Plo
     picture.from = std::clamp(span->from, -kMost, picture.from);
     picture.to = std::clamp(span->to, picture.to, kMost);
   }
-  if (picture.from > picture.to) throw std::runtime_error("the signals have no rows to draw");
+  const bool isKnown = request.from && request.to;
+  if (picture.from > picture.to && !isKnown) {
+    throw std::runtime_error(
+        "the signals have no rows with finite times to draw; --from and --to choose a window");
+  }
   picture.from = request.from.value_or(picture.from);
   picture.to = request.to.value_or(picture.to);
   if (picture.from > picture.to) throw std::runtime_error("there are no rows in that window");
@@ -71,6 +75,23 @@ PlotPanel& panelOf(PlotPicture& picture, const std::string& unit) {
   return panel;
 }
 
+// Blobs may be no text at all. JSON replaces bytes that are no UTF-8.
+std::string shownText(const std::string& bytes) {
+  using nlohmann::json;
+  const auto replace = json::error_handler_t::replace;
+  return singleLine(
+      json::parse(json(bytes).dump(-1, ' ', /*ensure_ascii=*/false, replace)).get<std::string>());
+}
+
+std::vector<recording::ValueSpan> textsOf(const RecordingReader& reader, int id,
+                                          const PlotPicture& picture, std::size_t columns) {
+  auto spans = reader.spans(id, picture.from, picture.to, columns);
+  for (recording::ValueSpan& span : spans) {
+    span.text = span.isMixed ? "" : shownText(span.text);
+  }
+  return spans;
+}
+
 }  // namespace
 
 PlotPicture readPicture(const RecordingReader& reader, const PlotRequest& request) {
@@ -78,16 +99,17 @@ PlotPicture readPicture(const RecordingReader& reader, const PlotRequest& reques
   chooseWindow(picture, reader, request);
   std::size_t number = 0;
   for (const SignalInfo& signal : request.signals) {
-    if (toDoublesFor(signal.dataType) == nullptr) {
-      throw std::runtime_error(
-          fmt::format("signal {}, {}, has no numbers", signal.signalId, inQuotes(signal.name)));
+    if (isText(signal)) {
+      picture.bands.push_back({singleLine(signal.name), number++,
+                               textsOf(reader, signal.signalId, picture, request.columns)});
+      continue;
     }
     PlotCurve curve;
     curve.label = singleLine(signal.name);
     if (signal.category != Scalar) curve.label += fmt::format("[{}]", request.element);
     if (!signal.unit.empty()) curve.label += fmt::format(" [{}]", singleLine(signal.unit));
     curve.number = number++;
-    curve.isSteps = signal.dataType != Double && signal.dataType != Single;
+    curve.isSteps = !hasFractions(signal);
     const std::uint64_t element = signal.category == Scalar ? 0 : request.element;
     curve.points = pointsOf(
         reader.envelope(signal.signalId, picture.from, picture.to, request.columns, element));

@@ -26,10 +26,18 @@ struct PlotPanel {
   std::vector<PlotCurve> curves;
 };
 
+/// The texts of a signal, one beside the other.
+struct PlotBand {
+  std::string label;
+  std::size_t number = 0;
+  std::vector<recording::ValueSpan> spans;  ///< their texts are on one line
+};
+
 struct PlotPicture {
   double from = 0;  ///< ends of the axis of times [s]
   double to = 1;
   std::vector<PlotPanel> panels;
+  std::vector<PlotBand> bands;
 };
 
 struct PlotRequest {
@@ -41,7 +49,7 @@ struct PlotRequest {
 };
 
 /// Reads what a plot of some signals shows.
-/// \throws std::runtime_error if a signal has no numbers, or there are no rows at all
+/// \throws std::runtime_error if there are no rows at all
 PlotPicture readPicture(const recording::RecordingReader& reader, const PlotRequest& request);
 
 /// Where a value lies between two others: 0 at the first, 1 at the second.

@@ -118,7 +118,7 @@ ordered_json dataOf(ViewedRuns& viewed, const ReportOptions& options) {
         const ViewedSignal viewedSignal{run, signal["id"], 0};
         const double from = signal["from"];
         const double end = signal["to"];
-        const double to = end > from ? end : from + 1;
+        const double to = end > from ? end : from + std::max(1.0, std::abs(from) * 1e-9);
         const std::string key = fmt::format("{}/{}", run, signal["id"].get<int>());
         const bool isBand = signal["kind"] == "boolean" || signal["kind"] == "text";
         if (isBand) {

@@ -13,6 +13,7 @@ namespace kyr::tool {
 namespace {
 
 constexpr double kPanelHeight = 200;
+constexpr double kBandHeight = 22;
 constexpr double kLeft = 70;
 constexpr double kRight = 16;
 constexpr double kHead = 24;    // names above a panel
@@ -22,7 +23,7 @@ constexpr double kBottom = 30;  // times below all panels
 constexpr const char* kColors[] = {"#0072b2", "#d55e00", "#00805f", "#b0568a",
                                    "#8a6d00", "#2f8fc4", "#5a4fcf", "#3d3d3d"};
 
-const char* colorOf(const PlotCurve& curve) { return kColors[curve.number % std::size(kColors)]; }
+const char* colorOf(std::size_t number) { return kColors[number % std::size(kColors)]; }
 
 std::string escaped(const std::string& text, std::size_t most) {
   std::string result;
@@ -42,6 +43,12 @@ std::string escaped(const std::string& text, std::size_t most) {
         break;
       default:
         result += c;
+    }
+    // XML has neither U+FFFE nor U+FFFF.
+    const std::size_t end = result.size();
+    if (end >= 3 && result.compare(end - 3, 2, "\xef\xbf") == 0) {
+      const auto last = static_cast<unsigned char>(result.back());
+      if (last >= 0xbe) result.replace(end - 3, 3, "\xef\xbf\xbd");
     }
   }
   return result;
@@ -109,7 +116,7 @@ void drawNames(SvgText& svg, const PlotPanel& panel, const Place& place) {
     const double free = place.x + place.width - x - 30;
     const auto most = static_cast<std::size_t>(std::max(0.0, free / kCharacter));
     if (most < 3) break;
-    svg.path(fmt::format("M{:.1f} {:.1f}h16", x, place.y - 10), colorOf(curve), 3);
+    svg.path(fmt::format("M{:.1f} {:.1f}h16", x, place.y - 10), colorOf(curve.number), 3);
     svg.text(x + 22, place.y - 6, "start", "#1c2127", escaped(curve.label, most));
     x += 42 + kCharacter * static_cast<double>(std::min(most, curve.label.size()));
   }
@@ -134,18 +141,45 @@ void drawPanel(SvgText& svg, const PlotPanel& panel, const PlotPicture& picture,
                   "height=\"{4:.1f}\"/></clipPath>\n<g clip-path=\"url(#panel{0})\">\n",
                   number, place.x, place.y - 1, place.width, place.height + 2));
   for (const PlotCurve& curve : panel.curves) {
-    svg.path(cornersOf(curve, panel, picture, place), colorOf(curve), 1.5);
+    svg.path(cornersOf(curve, panel, picture, place), colorOf(curve.number), 1.5);
   }
   svg.append("</g>\n");
   svg.path(fmt::format("M{:.1f} {:.1f}v{:.1f}h{:.1f}", place.x, place.y, place.height, place.width),
            "#9aa5b1", 1);
 }
 
+void drawBand(SvgText& svg, const PlotBand& band, const PlotPicture& picture, const Place& place) {
+  constexpr double kCharacter = 7;
+  const auto mostOf = [](double width) {
+    return static_cast<std::size_t>(std::max(0.0, width / kCharacter));
+  };
+  svg.path(fmt::format("M{:.1f} {:.1f}h16", place.x, place.y - 10), colorOf(band.number), 3);
+  svg.text(place.x + 22, place.y - 6, "start", "#1c2127",
+           escaped(band.label, mostOf(place.width - 30)));
+  const auto xOf = [&](double time) {
+    return place.x + std::clamp(partOf(time, picture.from, picture.to), 0.0, 1.0) * place.width;
+  };
+  for (const recording::ValueSpan& span : band.spans) {
+    const double x = xOf(span.from);
+    const double width = std::max(1.0, xOf(span.to) - x);
+    svg.append(fmt::format(
+        "<rect x=\"{:.1f}\" y=\"{:.1f}\" width=\"{:.1f}\" height=\"{:.1f}\" fill=\"{}\" "
+        "fill-opacity=\"{}\"/>\n",
+        x, place.y, width, kBandHeight - 4, colorOf(band.number), span.isMixed ? 0.45 : 0.22));
+    svg.path(fmt::format("M{:.1f} {:.1f}v{:.1f}", x, place.y, kBandHeight - 4),
+             colorOf(band.number), 1);
+    if (const std::size_t most = mostOf(width - 8); most > 1 && !span.text.empty()) {
+      svg.text(x + 4, place.y + 13, "start", "#1c2127", escaped(span.text, most));
+    }
+  }
+}
+
 }  // namespace
 
 std::string svgPlot(const PlotPicture& picture, double width) {
   const auto count = static_cast<double>(picture.panels.size());
-  const double height = count * (kHead + kPanelHeight) + kBottom;
+  const auto bands = static_cast<double>(picture.bands.size());
+  const double height = count * (kHead + kPanelHeight) + bands * (kHead + kBandHeight) + kBottom;
   SvgText svg;
   svg.append(fmt::format(
       "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"{0}\" height=\"{1}\" "
@@ -157,6 +191,10 @@ std::string svgPlot(const PlotPicture& picture, double width) {
   for (const PlotPanel& panel : picture.panels) {
     drawPanel(svg, panel, picture, place, number++);
     place.y += kHead + kPanelHeight;
+  }
+  for (const PlotBand& band : picture.bands) {
+    drawBand(svg, band, picture, place);
+    place.y += kHead + kBandHeight;
   }
   for (const AxisTick& tick : axisTicks(picture.from, picture.to, place.width / 90)) {
     const double x = place.x + partOf(tick.value, picture.from, picture.to) * place.width;

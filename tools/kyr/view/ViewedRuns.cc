@@ -12,10 +12,9 @@
 #include <utility>
 
 #include "cli/Text.h"
-#include "print/SampleCursor.h"
-#include "print/SampleNumbers.h"
 #include "print/SignalJson.h"
 #include "view/EnvelopePoints.h"
+#include "view/SignalPairs.h"
 
 namespace kyr::tool {
 
@@ -24,23 +23,13 @@ namespace {
 using nlohmann::ordered_json;
 using recording::RecordingReader;
 using recording::RecordingState;
-using recording::RowRange;
 using recording::SignalInfo;
 
 // How the page draws it.
 std::string_view kindOf(const SignalInfo& signal) {
-  switch (signal.dataType) {
-    case Double:
-    case Single:
-      return "number";
-    case Boolean:
-      return "boolean";
-    case ByteString:
-    case Binary:
-      return "text";
-    default:
-      return signal.category == Bus || signal.category == VarDimBus ? "text" : "integer";
-  }
+  if (isText(signal)) return "text";
+  if (signal.dataType == Boolean) return "boolean";
+  return hasFractions(signal) ? "number" : "integer";
 }
 
 std::string_view nameOf(RecordingState state) {
@@ -59,7 +48,8 @@ ordered_json signalJson(const RecordingReader& reader, const SignalInfo& signal)
       std::accumulate(signal.dimensions.begin(), signal.dimensions.end(), std::uint64_t{1},
                       [](std::uint64_t product, std::size_t extent) { return product * extent; });
   ordered_json json = tool::signalJson(signal);
-  json["elements"] = signal.category == Scalar ? 1 : elements;
+  const bool varies = signal.dimensions.empty() && signal.category != Scalar;
+  json["elements"] = varies ? 0 : elements;
   json["rows"] = signal.rowCount;
   json["kind"] = kindOf(signal);
   try {
@@ -99,29 +89,8 @@ void put(std::string& bytes, Number number) {
   bytes.append(reinterpret_cast<const char*>(&value), sizeof(value));
 }
 
-// Every row that is a multiple of the stride after the first one.
-std::vector<double> valuesOf(const RecordingReader& reader, const ViewedSignal& signal,
-                             const RowRange& rows, std::uint64_t stride) {
-  const SignalInfo& info = reader.signal(signal.id);
-  const ToDoubles convert = toDoublesFor(info.dataType);
-  if (convert == nullptr) {
-    throw std::runtime_error(fmt::format("{} has no numbers", inQuotes(info.name)));
-  }
-  const std::size_t width = reader.elementBytes(signal.id);
-  std::vector<double> values;
-  recording::SampleBlocks blocks = reader.blocks(signal.id, rows);
-  while (const recording::SampleBlock* block = blocks.next()) {
-    const auto* const bytes = static_cast<const char*>(block->elements);
-    for (std::size_t row = 0; bytes != nullptr && row < block->rows; ++row) {
-      if ((block->firstRow + row - rows.from) % stride != 0) continue;
-      const auto [begin, end] = elementsOf(*block, row);
-      double value = recording::EnvelopeColumn::kNone;
-      if (signal.element < end - begin)
-        convert(bytes + (begin + signal.element) * width, 1, &value);
-      values.push_back(value);
-    }
-  }
-  return values;
+void putAll(std::string& bytes, const std::vector<double>& numbers) {
+  bytes.append(reinterpret_cast<const char*>(numbers.data()), numbers.size() * sizeof(double));
 }
 
 std::size_t readersOfRun() {
@@ -250,28 +219,24 @@ ordered_json ViewedRuns::spans(const ViewedSignal& signal, const ViewedWindow& w
 
 std::string ViewedRuns::pairs(const ViewedSignal& x, const ViewedSignal& y,
                               const ViewedWindow& window) {
+  if (x.run != y.run) throw std::runtime_error("x-y plots are of signals of one recording");
   LockedReader& from = run(x.run).readerFor(x.id);
   const std::lock_guard lock(from.mutex);
-  const RecordingReader& reader = from.reader;
-  const std::vector<int>& alike = reader.withSameTimes(x.id);
-  if (x.run != y.run ||
-      (x.id != y.id && std::find(alike.begin(), alike.end(), y.id) == alike.end())) {
-    throw std::runtime_error(fmt::format(
-        "{} and {} do not have the same times", inQuotes(reader.signal(x.id).name),
-        y.run == x.run ? inQuotes(reader.signal(y.id).name) : "a signal of another recording"));
-  }
-  const std::uint64_t end = std::min(reader.pairCount(x.id), reader.pairCount(y.id));
-  const std::vector<RowRange> ranges = reader.rowsBetween(x.id, window.from, window.to);
+  const SignalPairs pairs = pairsOf(from.reader, {x.id, x.element}, {y.id, y.element}, window.from,
+                                    window.to, window.columns);
   std::string bytes;
-  if (ranges.empty()) return bytes;
-  const RowRange rows{std::min(ranges.front().from, end), std::min(ranges.back().to, end)};
-  const std::uint64_t stride = (rows.to - rows.from) / std::max<std::size_t>(1, window.columns) + 1;
-  const std::vector<double> xs = valuesOf(reader, x, rows, stride);
-  const std::vector<double> ys = valuesOf(reader, y, rows, stride);
-  for (std::size_t i = 0; i < std::min(xs.size(), ys.size()); ++i) {
-    put(bytes, xs[i]);
-    put(bytes, ys[i]);
-  }
+  put(bytes, pairs.rows);
+  put(bytes, pairs.isInterpolated ? 1 : 0);
+  putAll(bytes, pairs.values);
+  return bytes;
+}
+
+std::string ViewedRuns::rows(const ViewedSignal& signal, double from, double to) {
+  constexpr std::uint64_t kMost = 1'000'000;
+  LockedReader& locked = run(signal.run).readerFor(signal.id);
+  const std::lock_guard lock(locked.mutex);
+  std::string bytes;
+  putAll(bytes, rowsOf(locked.reader, {signal.id, signal.element}, from, to, kMost));
   return bytes;
 }
 

@@ -43,10 +43,12 @@ class ViewedRuns {
   std::string points(const ViewedSignal& signal, const ViewedWindow& window);
   /// Spans of equal values.
   nlohmann::ordered_json spans(const ViewedSignal& signal, const ViewedWindow& window);
-  /// Pairs of the values that two signals of one recording have at the same times, as float64. Of
-  /// too many rows, equally distant ones are taken.
-  /// \throws std::runtime_error if the signals have different times
+  /// The number of rows in the window, 1 if the times of the signals differ and 0 otherwise, and
+  /// then pairs of their values as float64; see pairsOf().
   std::string pairs(const ViewedSignal& x, const ViewedSignal& y, const ViewedWindow& window);
+  /// The number of rows in [from, to], and behind it their times and values unless they are more
+  /// than 1,000,000, as float64.
+  std::string rows(const ViewedSignal& signal, double from, double to);
 
  private:
   struct LockedReader {

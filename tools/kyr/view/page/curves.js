@@ -22,11 +22,11 @@ export class Curves {
     });
   }
 
-  // {pairs, fault} of two elements.
+  // {pairs, rows, isInterpolated, fault} of two elements.
   getPairs(x, y, pixels) {
     const key = `${x.run}/${x.id}/${x.element}/${y.id}/${y.element}`;
-    return this.fetched(key, x.run, pixels, async (window) => (
-      {pairs: await this.runs.source.pairs(x, y, {...window, columns: 20000})}), 0);
+    return this.fetched(key, x.run, pixels, (window) =>
+      this.runs.source.pairs(x, y, {...window, columns: 20000}), 0);
   }
 
   fetched(key, run, pixels, fetchIt, extra = margin) {

@@ -1,7 +1,7 @@
 // Saves what is seen as PNG, SVG or CSV.
 
 import {themeColor} from "./colors.js";
-import {download, shortened} from "./elements.js";
+import {download, shortened, tell} from "./elements.js";
 import {SvgPainter} from "./painters.js";
 
 const headHeight = 22;
@@ -56,26 +56,52 @@ function cell(text) {
   return /[",\n\r]/.test(safe) ? `"${safe.replaceAll("\"", "\"\"")}"` : safe;
 }
 
-// One line for each point that is drawn.
-export function csvOf(plots, view) {
-  const lines = ["recording,signal,unit,element,time,value"];
-  for (const plot of plots) {
-    for (const curve of plot.filledCurves()) {
-      const head = [plot.page.runs.all[curve.run].name, curve.series.name, curve.unit].map(cell);
-      const start = [...head, curve.series.element].join(",");
-      const isSeen = (time) => time >= view.from && time <= view.to;
-      for (let i = 0; curve.points && i < curve.points.length; i += 2) {
-        if (isSeen(curve.points[i])) lines.push(`${start},${curve.points[i]},${curve.points[i + 1]}`);
-      }
-      for (const span of curve.spans ?? []) {
-        if (span.to < view.from || span.from > view.to || span.mixed) continue;
-        lines.push(`${start},${span.from},${span.text === undefined ? span.value : cell(span.text)}`);
-      }
-    }
+// [time, value] of what is drawn.
+function drawnRows({points, spans}, {from, to}) {
+  const rows = [];
+  for (let i = 0; points && i < points.length; i += 2) {
+    if (points[i] >= from && points[i] <= to) rows.push([points[i], points[i + 1]]);
   }
-  return lines.join("\n") + "\n";
+  for (const span of spans ?? []) {
+    if (span.to < from || span.from > to || span.mixed) continue;
+    rows.push([span.from, span.text === undefined ? span.value : cell(span.text)]);
+  }
+  return rows;
 }
 
-export function exportCsv(plots, view) {
-  download("plot.csv", new Blob([csvOf(plots, view)], {type: "text/csv"}));
+// [time, value] of all rows in the window; text only where it changes.
+async function allRows(curve, source, {from, to}) {
+  if (curve.kind === "text") {
+    if (curve.spans?.some((span) => span.mixed)) throw new Error("Text changes too often.");
+    return drawnRows(curve, {from, to});
+  }
+  const {run, signal, series} = curve;
+  const numbers = await source.rows({run, id: signal.id, element: series.element}, {from, to});
+  return Array.from({length: numbers.length / 2}, (_, i) => [numbers[2 * i], numbers[2 * i + 1]]);
+}
+
+// One line for each row in the window. Of a signal with too many of them, the points that are
+// drawn; `why` tells that.
+async function csvOf(plots, {from, to}) {
+  const lines = ["recording,signal,unit,element,time,value"];
+  let why = "";
+  for (const plot of plots) {
+    const {runs} = plot.page;
+    for (const curve of plot.filledCurves()) {
+      const head = [runs.all[curve.run].name, curve.series.name, curve.unit].map(cell);
+      const start = [...head, curve.series.element].join(",");
+      const rows = await allRows(curve, runs.source, {from, to}).catch((error) => {
+        why = error.message;
+        return drawnRows(curve, {from, to});
+      });
+      for (const [time, value] of rows) lines.push(`${start},${time},${value}`);
+    }
+  }
+  return {text: lines.join("\n") + "\n", why};
+}
+
+export async function exportCsv(plots, {from, to}) {
+  const {text, why} = await csvOf(plots, {from, to});
+  download(why ? "plot-points.csv" : "plot.csv", new Blob([text], {type: "text/csv"}));
+  if (why) tell(`Saved are the points that are drawn, not all rows: ${why}`);
 }

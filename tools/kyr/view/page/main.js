@@ -7,6 +7,7 @@ import {exportCsv, exportPng, exportSvg} from "./exporting.js";
 import {Plot} from "./plot.js";
 import {Runs} from "./runs.js";
 import {openSource} from "./source.js";
+import {valueText} from "./ticks.js";
 import {Tree} from "./tree.js";
 import {View} from "./view.js";
 
@@ -94,7 +95,19 @@ class Page {
   onChange(what) {
     if (what === "plots") this.arrange();
     if (what !== "cursor") this.writeAddress();
+    else this.announce();
     this.paint();
+  }
+
+  // Tells screen readers what the cursor reads, once it rests.
+  announce() {
+    clearTimeout(this.announcing);
+    this.announcing = setTimeout(() => {
+      const {cursor} = this.view;
+      const readings = [...this.plots.values()].map((plot) => plot.reading()).filter(Boolean);
+      document.getElementById("reading").textContent =
+        cursor === null ? "" : `At ${valueText(cursor)} s: ${readings.join(", ")}`;
+    }, 500);
   }
 
   // Makes the plots that are new and removes those that are gone.
@@ -171,7 +184,7 @@ class Page {
       button("All", "Show all times", () => this.reset()),
       button("PNG", "Save the plots as PNG", saving(exportPng)),
       button("SVG", "Save the plots as SVG", saving(exportSvg)),
-      button("CSV", "Save the points that are drawn as CSV", saving(exportCsv)),
+      button("CSV", "Save the rows of the window as CSV", saving(exportCsv)),
       button("◐", "Light or dark", () => {
         setTheme(document.documentElement.dataset.theme === "dark" ? "light" : "dark");
         this.rebuild();
@@ -218,8 +231,9 @@ class Page {
       try {
         await this.lookForNews();
         this.isLost = false;
-      } catch {
-        if (!this.isLost) tell("kyr view does not answer. Was it ended?");
+      } catch (error) {
+        const isGone = error instanceof TypeError;  // of fetch()
+        if (!this.isLost) tell(isGone ? "kyr view does not answer. Was it ended?" : error.message);
         this.isLost = true;
       }
       if (!this.runs.isLive) break;

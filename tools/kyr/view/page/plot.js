@@ -99,7 +99,8 @@ export class Plot {
       if (!x) return {...y, fault: "The recording does not have the signal of the x axis."};
       const id = (each) => ({run: each.run, id: each.signal.id, element: each.series.element});
       const got = this.page.curves.getPairs(id(x), id(y), y.pixels);
-      return {...y, pairs: got.pairs, fault: got.fault, xLabel: labelOf(x), yLabel: labelOf(y)};
+      return {...y, pairs: got.pairs, fault: got.fault, note: noteOf(got),
+              xLabel: labelOf(x), yLabel: labelOf(y)};
     }));
   }
 
@@ -232,12 +233,19 @@ export class Plot {
     return input;
   }
 
+  // What the cursor reads, as a sentence.
+  reading() {
+    return this.places.filter(({value}) => value.textContent).map(
+      ({value, curve}) => `${shortened(labelOf(curve), 60)} ${value.textContent}`).join(", ");
+  }
+
   showValues(curves) {
     const {cursor} = this.page.view;
     for (const {value, curve} of this.places) {
       const found = curves.find((each) => each.series === curve.series && each.run === curve.run);
       const text = found?.fault ? `⚠ ${shortened(found.fault, 160)}`
-        : cursor === null || !found || this.model.xy ? "" : readOut(found, cursor, this.pixelTime() / 2);
+        : this.model.xy ? found?.note ?? ""
+        : cursor === null || !found ? "" : readOut(found, cursor, this.pixelTime() / 2);
       if (value.textContent !== text) value.textContent = text;
       value.classList.toggle("fault", Boolean(found?.fault));
     }
@@ -249,6 +257,13 @@ function pick({points, spans, rows, fault}) { return {points, spans, rows, fault
 function labelOf({series, signal}) {
   const part = signal.elements === 1 || signal.kind === "text" ? "" : `[${series.element}]`;
   return `${series.name}${part}${signal.unit ? ` [${signal.unit}]` : ""}`;
+}
+
+// How pairs were made of rows, if they are not the rows themselves.
+function noteOf({pairs, rows, isInterpolated}) {
+  if (!pairs) return "";
+  const thinned = rows > pairs.length / 2 ? [`${pairs.length / 2} of ${rows} rows`] : [];
+  return [...isInterpolated ? ["interpolated: the times differ"] : [], ...thinned].join(", ");
 }
 
 // The value at a time; where a pixel has many rows, the smallest and largest one.

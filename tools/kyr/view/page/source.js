@@ -24,7 +24,18 @@ class ServerSource {
   async pairs(x, y, window) {
     const query = {run: x.run, id: x.id, element: x.element, y: y.id, yElement: y.element,
                    ...window};
-    return new Float64Array(await (await ask("pairs", query)).arrayBuffer());
+    const numbers = new Float64Array(await (await ask("pairs", query)).arrayBuffer());
+    return {rows: numbers[0], isInterpolated: numbers[1] === 1, pairs: numbers.subarray(2)};
+  }
+  // Times and values of all rows by turns. It fails if they are too many.
+  async rows(signal, window) {
+    const query = {...signal, ...window};
+    const numbers = new Float64Array(await (await ask("rows", query)).arrayBuffer());
+    if (numbers.length < 1 + 2 * numbers[0]) {
+      const count = numbers[0].toLocaleString("en");
+      throw new Error(`a signal has ${count} rows in the window. kyr cat prints them.`);
+    }
+    return numbers.subarray(1);
   }
 }
 
@@ -58,6 +69,7 @@ class ReportSource {
     return stored;
   }
   async pairs() { throw new Error("A report has no x-y plots."); }
+  async rows() { throw new Error("A report has no more than these."); }
 }
 
 export function openSource() {

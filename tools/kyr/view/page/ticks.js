@@ -2,10 +2,13 @@
 
 // Returns {step, values}: about `count` multiples of 1, 2 or 5 times a power of ten in [from, to].
 export function ticks(from, to, count) {
-  const rough = (to / 2 - from / 2) / Math.max(1, count) * 2;
-  if (!(rough > 0) || !isFinite(rough)) return {step: 1, values: [from]};
+  // Not so small that neighbouring multiples of the step are the same number.
+  const least = Math.max(Math.abs(from), Math.abs(to)) * 1e-15;
+  const rough = Math.max((to / 2 - from / 2) / Math.max(1, count / 2), least);
+  if (!(rough > 1e-307)) return {step: 1, values: [from]};
   const power = Math.pow(10, Math.floor(Math.log10(rough)));
-  const step = power * [1, 2, 5, 10].find((factor) => factor * power >= rough * 0.999);
+  const factor = [1, 2, 5, 10].find((each) => each * power >= rough * 0.999);
+  const step = isFinite(factor * power) ? factor * power : power;
   const values = [];
   const first = Math.ceil(from / step - 1e-9);
   const last = Math.floor(to / step + 1e-9);
