@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import collections
 import math
+import operator
 
 from ._types import Kind
 
@@ -30,7 +31,10 @@ class Envelope(collections.namedtuple("Envelope", "t min max first last rows nan
 def element_number(signal: Signal, element: int | tuple[int, ...]) -> int:
     """The place of an element in memory, where the first index runs fastest."""
     if not isinstance(element, tuple):
-        return element
+        number = operator.index(element)
+        if number < 0:
+            raise IndexError(f"element {number} of signal {signal.name!r}: they count from 0")
+        return number
     shape = signal.shape
     if shape is None or len(element) != len(shape):
         raise IndexError(f"element {element} of signal {signal.name!r}, whose shape is {shape}")

@@ -8,6 +8,7 @@ import os
 import pathlib
 import pty
 import re
+import shutil
 import socket
 import struct
 import subprocess
@@ -129,7 +130,9 @@ class ServerTest(ToolTest):
         write("time,speed", "0,1", "1,2")
         while not (self.folder / "live").exists() or "speed" not in self.run_any("info", "live"):
             self.assertIsNone(writer.poll())
-        with self.serve("live") as server:
+        shutil.copytree(self.folder / "live", self.folder / "lost")
+        with self.serve("live", "lost") as server:
+            shutil.rmtree(self.folder / "lost")
             def wait_for(end):
                 while server.json("states")[0].get("to") != end:
                     self.assertIsNone(writer.poll())

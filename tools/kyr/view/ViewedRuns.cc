@@ -165,9 +165,14 @@ ordered_json ViewedRuns::states() {
   ordered_json all = ordered_json::array();
   for (Run& each : runs_) {
     bool isNew = false;
-    for (LockedReader& locked : each.readers) {
-      const std::lock_guard lock(locked.mutex);
-      isNew |= locked.reader.refresh();
+    std::string fault;
+    try {
+      for (LockedReader& locked : each.readers) {
+        const std::lock_guard lock(locked.mutex);
+        isNew |= locked.reader.refresh();
+      }
+    } catch (const std::exception& error) {
+      fault = error.what();  // the other recordings are followed nevertheless
     }
     if (isNew) ++each.revision;
     LockedReader& first = each.readers.front();
@@ -176,6 +181,7 @@ ordered_json ViewedRuns::states() {
                          {"revision", each.revision.load()},
                          {"signals", first.reader.signals().size()}};
     addSpan(json, first.reader);
+    if (!fault.empty()) json["fault"] = fault;
     all.push_back(std::move(json));
   }
   return all;

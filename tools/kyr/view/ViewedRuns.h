@@ -35,7 +35,8 @@ class ViewedRuns {
 
   /// Names of all recordings, and for each its signals, state and revision.
   nlohmann::ordered_json runs();
-  /// State, revision and last time of each recording, after live ones were refreshed.
+  /// State, revision and span of each recording, after live ones were refreshed, and the fault of
+  /// one that can be read no more.
   nlohmann::ordered_json states();
 
   /// The number of rows in the window and 0, and then times and values of the points to draw, as

@@ -230,15 +230,20 @@ class Page {
       if (document.hidden) continue;
       try {
         await this.lookForNews();
-        this.isLost = false;
+        this.tellFault(this.runs.fault);
       } catch (error) {
         const isGone = error instanceof TypeError;  // of fetch()
-        if (!this.isLost) tell(isGone ? "kyr view does not answer. Was it ended?" : error.message);
-        this.isLost = true;
+        this.tellFault(isGone ? "kyr view does not answer. Was it ended?" : error.message);
       }
       if (!this.runs.isLive) break;
     }
     this.showRuns();
+  }
+
+  // Once, while it lasts.
+  tellFault(fault) {
+    if (fault && fault !== this.fault) tell(fault);
+    this.fault = fault;
   }
 
   async lookForNews() {

@@ -48,6 +48,7 @@ export class Runs {
       Object.assign(run, {revision: state.revision, state: state.state, from: state.from,
                           to: state.to});
     });
+    this.fault = states.find((state) => state.fault)?.fault;
     if (news === "signals") await this.load();
     return news;
   }

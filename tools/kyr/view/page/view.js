@@ -86,14 +86,16 @@ export class View {
     try {
       const {t, p, h, f} = JSON.parse(decodeURIComponent(text));
       if (!t.every((time) => typeof time === "number")) return false;
-      this.plots = p.map(({s, m, x}) => ({
+      const count = (number) => (Number.isSafeInteger(number) && number >= 0 ? number : 0);
+      const plots = p.map(({s, m, x}) => ({
         series: s.map(([name, nth, element]) => ({
-          name: String(name), nth: Number(nth) || 0, element: Number(element) || 0,
+          name: String(name), nth: count(nth), element: count(element),
         })),
         style: ["line", "steps", "points"].includes(m) ? m : "auto",
         xy: x === 1,
       }));
       this.hidden = new Set(h);
+      this.plots = plots;
       this.follows = f === 1;
       this.setWindow(t[0], t[1]);
       return true;
