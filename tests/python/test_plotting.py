@@ -54,6 +54,8 @@ def test_elements_of_matrices_count_as_numpy_does(tmp_path):
             assert r["m"].envelope(element=index).line[1].tolist() == y[(slice(None), *index)].tolist()
         with pytest.raises(IndexError):
             r["m"].envelope(element=(2, 0))
+        with pytest.raises(IndexError, match="from 0"):
+            r["m"].envelope(element=-1)
         with pytest.raises(ValueError, match="6 elements"):
             r["m"].envelope(element=6)
 

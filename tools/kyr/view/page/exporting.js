@@ -83,7 +83,7 @@ async function allRows(curve, source, {from, to}) {
 // One line for each row in the window. Of a signal with too many of them, the points that are
 // drawn; `why` tells that.
 async function csvOf(plots, {from, to}) {
-  const lines = ["recording,signal,unit,element,time,value"];
+  const parts = ["recording,signal,unit,element,time,value\n"];  // one text might become too long
   let why = "";
   for (const plot of plots) {
     const {runs} = plot.page;
@@ -94,14 +94,14 @@ async function csvOf(plots, {from, to}) {
         why = error.message;
         return drawnRows(curve, {from, to});
       });
-      for (const [time, value] of rows) lines.push(`${start},${time},${value}`);
+      parts.push(rows.map(([time, value]) => `${start},${time},${value}\n`).join(""));
     }
   }
-  return {text: lines.join("\n") + "\n", why};
+  return {parts, why};
 }
 
 export async function exportCsv(plots, {from, to}) {
-  const {text, why} = await csvOf(plots, {from, to});
-  download(why ? "plot-points.csv" : "plot.csv", new Blob([text], {type: "text/csv"}));
+  const {parts, why} = await csvOf(plots, {from, to});
+  download(why ? "plot-points.csv" : "plot.csv", new Blob(parts, {type: "text/csv"}));
   if (why) tell(`Saved are the points that are drawn, not all rows: ${why}`);
 }
