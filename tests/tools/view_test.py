@@ -19,7 +19,7 @@ import xml.etree.ElementTree as ET
 from tool import KYR, ToolTest
 from view_server import ViewServer
 
-HOSTILE = "<script>alert(1)</script>\"'&\x1b[31m"
+HOSTILE = "<script>alert(1)</script>\"'&\x1b[31m\x9b31m\u202e"
 
 
 class ServerTest(ToolTest):
@@ -284,7 +284,8 @@ class ReportTest(ToolTest):
         svg = ET.parse(self.folder / "plot.svg").getroot()
         self.assertFalse(svg.findall(".//{*}script"))
         self.assertTrue(any("<script>" in (each.text or "") for each in svg.findall(".//{*}text")))
-        self.assertNotIn("\x1b", self.run_tool("plot", "rec", "0").stdout)
+        self.assertFalse(set("\x1b\x9b\u202e") & set(self.run_tool("plot", "rec", "0").stdout))
+        self.assertFalse(set("\x1b\x9b\u202e") & set(self.run_tool("info", "rec").stdout))
         with ViewServer("rec", cwd=self.folder) as server:
             self.assertEqual(server.json("runs")[0]["signals"][0]["name"], stored)
             count, points = server.points(0, 5, 100)

@@ -10,6 +10,23 @@ namespace {
 
 bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
 
+// Bytes of the control character that the text begins with; 0 if that is none. In UTF-8 there are
+// further ones that terminals obey, and marks that turn the direction of the text around them.
+std::size_t controlBytes(std::string_view text) {
+  if (isControl(text.front())) return 1;
+  const auto byteAt = [&](std::size_t i) {
+    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+  };
+  const auto isIn = [](unsigned byte, unsigned least, unsigned most) {
+    return byte >= least && byte <= most;
+  };
+  if (byteAt(0) == 0xc2 && isIn(byteAt(1), 0x80, 0x9f)) return 2;  // U+0080 to U+009F
+  if (byteAt(0) != 0xe2) return 0;
+  const bool turns = (byteAt(1) == 0x80 && isIn(byteAt(2), 0xaa, 0xae)) ||  // U+202A to U+202E
+                     (byteAt(1) == 0x81 && isIn(byteAt(2), 0xa6, 0xa9));    // U+2066 to U+2069
+  return turns ? 3 : 0;
+}
+
 // The text, which may lose its end.
 std::string cutTo(const std::string& text, std::size_t width) {
   if (displayWidth(text) <= width) return text;
@@ -48,8 +65,12 @@ std::string inQuotes(std::string_view text) {
 }
 
 std::string singleLine(std::string_view text) {
-  std::string line(text);
-  std::replace_if(line.begin(), line.end(), isControl, '?');
+  std::string line;
+  while (!text.empty()) {
+    const std::size_t bytes = controlBytes(text);
+    line += bytes > 0 ? '?' : text.front();
+    text.remove_prefix(std::max<std::size_t>(1, bytes));
+  }
   return line;
 }
 

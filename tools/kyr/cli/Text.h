@@ -18,7 +18,7 @@ std::string inQuotes(std::string_view text);
 /// The columns that a text takes on a terminal.
 std::size_t displayWidth(const std::string& text);
 
-/// The text on one line: control characters become "?".
+/// The text on one line: control characters, and marks of the direction of text, become "?".
 std::string singleLine(std::string_view text);
 
 /// The text as a CSV cell, in quotation marks if it needs them.
