@@ -172,7 +172,7 @@ class Signal:
         value of each column, so that no peak is lost. See `Envelope`.
 
         Only windows of up to 4 million rows are read. The first longer one reads all rows and keeps
-        up to 46 MB for the signal, the next ones take milliseconds.
+        up to 50 MB for the signal, the next ones take milliseconds.
 
         :param start, stop: the window [s], both ends included; all rows without them. Row numbers
             for a signal without times

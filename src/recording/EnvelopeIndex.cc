@@ -81,10 +81,11 @@ Extremes extremesOf(const double* values, std::size_t count) {
 }
 
 // Rows [from, to) of a block, of which there is at least one.
-EnvelopeColumn summary(const NumberBlock& block, std::size_t from, std::size_t to) {
+EnvelopeBucket summary(const NumberBlock& block, std::size_t from, std::size_t to) {
   const double* const values = block.values;
   const Extremes extremes = extremesOf(values + from, to - from);
-  EnvelopeColumn column;
+  EnvelopeBucket bucket;
+  EnvelopeColumn& column = bucket.sum;
   column.firstRow = block.firstRow + from;
   column.rows = to - from;
   column.nans = extremes.nans;
@@ -92,7 +93,7 @@ EnvelopeColumn summary(const NumberBlock& block, std::size_t from, std::size_t t
   column.first = values[from];
   column.lastTime = block.times[to - 1];
   column.last = values[to - 1];
-  if (column.nans == column.rows) return column;
+  if (column.nans == column.rows) return bucket;
   const auto placeOf = [&](double value) {
     return static_cast<std::size_t>(std::find(values + from, values + to, value) - values);
   };
@@ -102,7 +103,9 @@ EnvelopeColumn summary(const NumberBlock& block, std::size_t from, std::size_t t
   column.minTime = block.times[min];
   column.max = values[max];
   column.maxTime = block.times[max];
-  return column;
+  bucket.minAt = static_cast<std::uint32_t>(min - from);
+  bucket.maxAt = static_cast<std::uint32_t>(max - from);
+  return bucket;
 }
 
 // Adds rows that come later.
@@ -126,6 +129,21 @@ void merge(EnvelopeColumn& column, const EnvelopeColumn& later) {
   }
 }
 
+void merge(EnvelopeBucket& bucket, const EnvelopeBucket& later) {
+  if (bucket.sum.rows == 0) {
+    bucket = later;
+    return;
+  }
+  const auto rowsBefore = static_cast<std::uint32_t>(later.sum.firstRow - bucket.sum.firstRow);
+  if (later.sum.min < bucket.sum.min || std::isnan(bucket.sum.min)) {
+    bucket.minAt = rowsBefore + later.minAt;
+  }
+  if (later.sum.max > bucket.sum.max || std::isnan(bucket.sum.max)) {
+    bucket.maxAt = rowsBefore + later.maxAt;
+  }
+  merge(bucket.sum, later.sum);
+}
+
 EnvelopeColumn oneRow(std::uint64_t row, double time, double value) {
   EnvelopeColumn column;
   column.firstRow = row;
@@ -143,7 +161,7 @@ EnvelopeColumn oneRow(std::uint64_t row, double time, double value) {
 
 // Buckets of consecutive rows, which begin with a multiple of the bucket's size.
 struct Buckets {
-  std::vector<EnvelopeColumn> all;
+  std::vector<EnvelopeBucket> all;
   bool ascends = true;
 };
 
@@ -192,31 +210,28 @@ class EnvelopeIndex::Columns {
     }
   }
 
-  // Adds a bucket that lies in two columns from what is known of it: its first and last row, and
-  // its smallest and largest value, each to the column that it lies in. Returns false, and adds
-  // nothing, if that is too little: if an extreme would begin the second column, whose first row
-  // would not be known then, or if the first column has NaN alone.
-  bool addAcross(const EnvelopeColumn& bucket) {
-    const std::size_t column = of(bucket.firstTime);
-    const EnvelopeColumn end =
-        oneRow(bucket.firstRow + bucket.rows - 1, bucket.lastTime, bucket.last);
-    EnvelopeColumn start = oneRow(bucket.firstRow, bucket.firstTime, bucket.first);
-    if (bucket.nans < bucket.rows) {
-      const EnvelopeColumn& next = columns_[column + 1];
-      const bool isMinNew = bucket.min != bucket.last && !(next.min <= bucket.min);
-      const bool isMaxNew = bucket.max != bucket.last && !(next.max >= bucket.max);
-      if (isMinNew && of(bucket.minTime) != column) return false;
-      if (isMaxNew && of(bucket.maxTime) != column) return false;
-      EnvelopeColumn extremes[] = {oneRow(bucket.firstRow, bucket.minTime, bucket.min),
-                                   oneRow(bucket.firstRow, bucket.maxTime, bucket.max)};
-      if (bucket.maxTime < bucket.minTime) std::swap(extremes[0], extremes[1]);
+  // Adds a bucket that lies in two columns from the rows that are known of it: the first, smallest,
+  // largest and last one, each to its own column. All others are counted in the first column.
+  // Returns false, and adds nothing, if only NaN is known of the rows in that.
+  bool addAcross(const EnvelopeBucket& bucket) {
+    const EnvelopeColumn& all = bucket.sum;
+    const std::size_t column = of(all.firstTime);
+    EnvelopeColumn start = oneRow(all.firstRow, all.firstTime, all.first);
+    EnvelopeColumn end;
+    if (all.nans < all.rows) {
+      EnvelopeColumn extremes[] = {oneRow(all.firstRow + bucket.minAt, all.minTime, all.min),
+                                   oneRow(all.firstRow + bucket.maxAt, all.maxTime, all.max)};
+      if (bucket.maxAt < bucket.minAt) std::swap(extremes[0], extremes[1]);
       for (const EnvelopeColumn& extreme : extremes) {
-        if (of(extreme.firstTime) == column) merge(start, extreme);
+        merge(of(extreme.firstTime) == column ? start : end, extreme);
       }
       if (start.nans == start.rows) return false;
     }
-    start.rows = bucket.rows - 1;
-    start.nans = bucket.nans - end.nans;
+    merge(end, oneRow(all.firstRow + all.rows - 1, all.lastTime, all.last));
+    end.nans = std::isnan(all.last) ? 1 : 0;
+    end.rows = end.nans + (std::isnan(end.min) ? 0 : 1);
+    start.nans = all.nans - end.nans;
+    start.rows = all.rows - end.rows;
     add(column, start);
     add(column + 1, end);
     return true;
@@ -232,7 +247,7 @@ class EnvelopeIndex::Columns {
       }
       const std::size_t column = of(block.times[begin]);
       const std::size_t end = endOf(column, block, begin, ascends);
-      add(column, summary(block, begin, end));
+      add(column, summary(block, begin, end).sum);
       begin = end;
     }
   }
@@ -352,9 +367,9 @@ void EnvelopeIndex::extend(NumberSource& source) {
   if (!ascends_) buckets_ = {};
 }
 
-void EnvelopeIndex::append(std::vector<EnvelopeColumn> buckets) {
+void EnvelopeIndex::append(std::vector<EnvelopeBucket> buckets) {
   if (buckets.empty()) return;
-  ascends_ = buckets_.empty() || buckets_.back().lastTime <= buckets.front().firstTime;
+  ascends_ = buckets_.empty() || buckets_.back().sum.lastTime <= buckets.front().sum.firstTime;
   if (buckets_.empty()) {
     buckets_ = std::move(buckets);
   } else {
@@ -365,7 +380,7 @@ void EnvelopeIndex::append(std::vector<EnvelopeColumn> buckets) {
 void EnvelopeIndex::widenBuckets() {
   for (std::size_t i = 0; i < buckets_.size(); ++i) {
     if (i % 2 == 0) {
-      buckets_[i / 2] = EnvelopeColumn(buckets_[i]);
+      buckets_[i / 2] = EnvelopeBucket(buckets_[i]);
     } else {
       merge(buckets_[i / 2], buckets_[i]);
     }
@@ -380,7 +395,7 @@ std::vector<std::size_t> EnvelopeIndex::addInnerBuckets(const RowRange& rows,
   std::vector<std::size_t> atBorders;
   const auto last = static_cast<std::size_t>((rows.to - 1) / bucketRows_);
   for (auto i = static_cast<std::size_t>(rows.from / bucketRows_); i <= last; ++i) {
-    const EnvelopeColumn& bucket = buckets_[i];
+    const EnvelopeColumn& bucket = buckets_[i].sum;
     const std::size_t column = columns.of(bucket.firstTime);
     if (bucket.firstRow >= rows.from && bucket.firstRow + bucket.rows <= rows.to &&
         column == columns.of(bucket.lastTime)) {
@@ -399,7 +414,7 @@ void EnvelopeIndex::lookUp(NumberSource& source, const RowRange& rows, Columns& 
   // To read all of these would mean to decode a row group for each column.
   constexpr std::uint64_t kFew = 8;
   for (const std::size_t i : atBorders) {
-    const EnvelopeColumn& bucket = buckets_[i];
+    const EnvelopeColumn& bucket = buckets_[i].sum;
     const std::size_t first = columns.of(bucket.firstTime);
     const std::size_t last = columns.of(bucket.lastTime);
     const bool isInside = bucket.firstRow >= rows.from && bucket.firstRow + bucket.rows <= rows.to;
@@ -407,7 +422,7 @@ void EnvelopeIndex::lookUp(NumberSource& source, const RowRange& rows, Columns& 
       return columns.rowsOf(column) >= kFew * bucket.rows;
     };
     const bool isKnown = !readsAll && isInside && last - first == 1 && isFewBeside(first) &&
-                         isFewBeside(last) && columns.addAcross(bucket);
+                         isFewBeside(last) && columns.addAcross(buckets_[i]);
     if (!isKnown) {
       source.read(
           {std::max(rows.from, bucket.firstRow), std::min(rows.to, bucket.firstRow + bucket.rows)},

@@ -34,6 +34,13 @@ class NumberSource {
   virtual std::unique_ptr<NumberSource> copy() = 0;
 };
 
+/// Consecutive rows that are summed up together.
+struct EnvelopeBucket {
+  EnvelopeColumn sum;
+  std::uint32_t minAt = 0;  ///< row of the smallest value, counted from the first one
+  std::uint32_t maxAt = 0;  ///< likewise of the largest one
+};
+
 struct EnvelopeLimits {
   std::uint64_t exactRows = 4'194'304;  ///< windows of so many rows are read, not looked up
   std::uint64_t bucketRows = 256;       ///< rows that are summed up together, at first
@@ -52,13 +59,13 @@ class EnvelopeIndex {
   /// \throws std::invalid_argument as RecordingReader::envelope()
   Envelope envelope(NumberSource& source, double from, double to, std::size_t columns);
 
-  std::size_t bytes() const { return buckets_.capacity() * sizeof(EnvelopeColumn); }
+  std::size_t bytes() const { return buckets_.capacity() * sizeof(EnvelopeBucket); }
 
  private:
   class Columns;
 
   void extend(NumberSource& source);
-  void append(std::vector<EnvelopeColumn> buckets);
+  void append(std::vector<EnvelopeBucket> buckets);
   void widenBuckets();
   void lookUp(NumberSource& source, const RowRange& rows, Columns& columns) const;
   std::vector<std::size_t> addInnerBuckets(const RowRange& rows, Columns& columns) const;
@@ -67,7 +74,7 @@ class EnvelopeIndex {
   std::uint64_t bucketRows_;
   std::uint64_t rows_ = 0;  // in buckets_; the last one may have fewer rows
   bool ascends_ = true;     // all times, without NaN; there are no buckets otherwise
-  std::vector<EnvelopeColumn> buckets_;
+  std::vector<EnvelopeBucket> buckets_;
 };
 
 /// The spans of an envelope: columns of one value are joined while the value stays the same.

@@ -217,6 +217,7 @@ TEST(Envelope, OfManyRowsTellsOfAColumnWhatLiesInItAndReadsFewRows) {
       EXPECT_EQ(column.nans == column.rows, std::isnan(column.min));
       nextRow += column.rows;
       EXPECT_EQ(rows.times[column.firstRow], column.firstTime);
+      EXPECT_PRED2(same, rows.values[column.firstRow], column.first);
       for (const auto& [when, value] :
            {std::pair(column.firstTime, column.first), std::pair(column.lastTime, column.last),
             std::pair(column.minTime, column.min), std::pair(column.maxTime, column.max)}) {
@@ -244,7 +245,7 @@ TEST(Envelope, GrowsWithTheRowsAndKeepsItsMemory) {
     SCOPED_TRACE(count);
     expectColumns(index.envelope(source, -10, 30'000, 25).columns,
                   expectedColumns(rows, -10, 30'000, 25));
-    EXPECT_LE(index.bytes(), 2 * kTiny.maxBuckets * sizeof(EnvelopeColumn));
+    EXPECT_LE(index.bytes(), 2 * kTiny.maxBuckets * sizeof(EnvelopeBucket));
   }
 }
 

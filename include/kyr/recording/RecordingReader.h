@@ -244,8 +244,8 @@ class KYR_PARQUET_EXPORT RecordingReader {
   /// need not be the last of that column, or the first, smallest or largest of the next one.
   ///
   /// **Cost.** A window of up to 4,194,304 rows is read. The first larger one reads all rows of the
-  /// signal, in as many threads as the machine has, at most 8, and keeps 88 bytes for each bucket,
-  /// so at most 46 MB per signal and element; later ones take a time that does not depend on
+  /// signal, in as many threads as the machine has, at most 8, and keeps 96 bytes for each bucket,
+  /// so at most 50 MB per signal and element; later ones take a time that does not depend on
   /// their length. After refresh() only new rows are read. Where times do not ascend, all rows
   /// between the first and the last one of the window are read at each call.
   /// \param from, to  [s], finite
