@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 #include <unordered_map>
@@ -39,6 +40,10 @@ class Descriptor {
       data += done;
       size -= static_cast<std::size_t>(done);
     }
+  }
+
+  void sync() const {
+    if (fdatasync(fd_) != 0) throw std::system_error(errno, std::generic_category(), "fdatasync");
   }
 
   void seek(std::size_t offset) const { lseek(fd_, static_cast<off_t>(offset), SEEK_SET); }
@@ -216,13 +221,90 @@ class DedupFloorStore : public Store {
   std::vector<std::size_t> files_;
 };
 
+/// One file for a live recording, with one write(2) per flush: the new rows of the time, and then
+/// those of one signal after the other.
+class LiveFloorStore : public LiveStore {
+ public:
+  /// \param syncs  whether a flush waits for the disk, and finish() writes and syncs as many bytes
+  ///        once more, which is what a store may take that orders them anew
+  LiveFloorStore(const fs::path& folder, bool syncs) : LiveStore(folder), syncs_(syncs) {}
+
+  void start(const Workload& workload) override {
+    file_ = std::make_unique<Descriptor>(stored("all"), kCreate);
+    signals_ = workload.signals;
+    blockRows_ = workload.flushRows;
+    block_.resize(blockRows_ * (signals_ + 1));
+  }
+
+  void appendStep(double time, const double* samples) override {
+    double* next = &block_[rows_++ % blockRows_];
+    *next = time;
+    for (std::size_t i = 0; i < signals_; ++i) *(next += blockRows_) = samples[i];
+  }
+
+  void flush() override {
+    file_->write(reinterpret_cast<const char*>(block_.data()), block_.size() * sizeof(double));
+    if (syncs_) file_->sync();
+  }
+
+  void finish() override {
+    if (syncs_) {
+      const Descriptor again(notes("again"), kCreate);
+      for (std::size_t row = 0; row < rows_; row += blockRows_) {
+        again.write(reinterpret_cast<const char*>(block_.data()), block_.size() * sizeof(double));
+      }
+      again.sync();
+    }
+    file_.reset();
+  }
+
+  void read(const Workload& workload, ReadBack& values) override {
+    const Descriptor file(stored("all"), O_RDONLY);
+    const std::size_t size = workload.rows * sizeof(double);
+    std::vector<char*> next{values.time.allocate(size)};
+    for (Bytes& signal : values.signals) next.push_back(signal.allocate(size));
+    const std::size_t run = workload.flushRows * sizeof(double);
+    std::vector<char> block(run * next.size());
+    for (std::size_t row = 0; row < workload.rows; row += workload.flushRows) {
+      file.read(block.data(), block.size());
+      for (std::size_t i = 0; i < next.size(); ++i) {
+        std::memcpy(next[i], &block[i * run], run);
+        next[i] += run;
+      }
+    }
+  }
+
+  void refresh() override { window_ = std::make_unique<Descriptor>(stored("all"), O_RDONLY); }
+
+  void readWindow(std::size_t signal, std::size_t from, std::size_t count, Bytes& values) override {
+    char* next = values.allocate(count * sizeof(double));
+    for (const std::size_t end = from + count; from < end;) {
+      const std::size_t inBlock = from % blockRows_;
+      const std::size_t rows = std::min(blockRows_ - inBlock, end - from);
+      const std::size_t column = (from / blockRows_ * (signals_ + 1) + signal + 1) * blockRows_;
+      window_->seek((column + inBlock) * sizeof(double));
+      window_->read(next, rows * sizeof(double));
+      next += rows * sizeof(double);
+      from += rows;
+    }
+  }
+
+ private:
+  bool syncs_;
+  std::unique_ptr<Descriptor> file_;
+  std::unique_ptr<Descriptor> window_;
+  std::size_t signals_ = 0;
+  std::size_t blockRows_ = 0;
+  std::size_t rows_ = 0;
+  std::vector<double> block_;
+};
+
 namespace {
 
 [[maybe_unused]] const bool kAdded[] = {
-    addStore<FloorStore>("floor", false),
-    addStore<FloorStore>("floor:pairs", true),
-    addStore<OneFileFloorStore>("floor:one"),
-    addStore<DedupFloorStore>("floor:dedup"),
+    addStore<FloorStore>("floor", false),         addStore<LiveFloorStore>("floor", false),
+    addStore<LiveFloorStore>("floor:sync", true), addStore<FloorStore>("floor:pairs", true),
+    addStore<OneFileFloorStore>("floor:one"),     addStore<DedupFloorStore>("floor:dedup"),
 };
 
 }  // namespace

@@ -38,9 +38,17 @@ double memoryStatus(const std::string& name) {
 }
 
 struct Times {
+  Times& operator+=(const Times& other) {
+    elapsed += other.elapsed;
+    cpu += other.cpu;
+    return *this;
+  }
+
   double elapsed = 0;
   double cpu = 0;
 };
+
+Json toJson(const Times& times) { return {{"elapsed", times.elapsed}, {"cpu", times.cpu}}; }
 
 template <typename Work>
 Times timed(Work&& work) {
@@ -85,9 +93,9 @@ template <typename Work>
 Json measured(Work&& work) {
   std::ofstream("/proc/self/clear_refs") << 5;  // the peak begins anew
   const double before = memoryStatus("VmRSS");
-  const Times times = timed(work);
-  return {
-      {"elapsed", times.elapsed}, {"cpu", times.cpu}, {"memory", memoryStatus("VmHWM") - before}};
+  Json result = toJson(timed(work));
+  result["memory"] = memoryStatus("VmHWM") - before;
+  return result;
 }
 
 void compare(const Bytes& read, const char* expected, std::size_t size, const std::string& what) {
@@ -159,19 +167,70 @@ Json readWindows(const Workload& workload, Store& store) {
     compare(values, window.expected.data(), window.expected.size(),
             "window of signal " + std::to_string(window.signal));
   }
-  const Times open = median(opened);
-  const Times again = median(known);
-  return {{"opened", {{"elapsed", open.elapsed}, {"cpu", open.cpu}}},
-          {"known", {{"elapsed", again.elapsed}, {"cpu", again.cpu}}}};
+  return {{"opened", toJson(median(opened))}, {"known", toJson(median(known))}};
+}
+
+// The last rows that were flushed of one signal after the other, while all are recorded.
+Json readLiveWindows(const Workload& workload, LiveStore& store) {
+  constexpr std::size_t kFlushesBetween = 5;
+  const Data data(workload);
+  std::vector<Times> refreshed;
+  std::vector<Times> opened;
+  std::vector<Times> known;
+  Bytes values;
+  const auto readWindow = [&](std::size_t signal, std::size_t end) {
+    const std::size_t from = end - workload.windowRows;
+    const Times taken = timed([&] { store.readWindow(signal, from, workload.windowRows, values); });
+    compare(values, &data.signals[signal][from * workload.sampleSize()],
+            workload.windowRows * workload.sampleSize(),
+            "window of signal " + std::to_string(signal) + " up to row " + std::to_string(end));
+    return taken;
+  };
+  store.start(workload);
+  store.appendAll(workload, data, [&](std::size_t rows) {
+    store.flush();
+    const std::size_t flushes = rows / workload.flushRows;
+    if (rows <= workload.windowRows || flushes % kFlushesBetween != 0) return;
+    refreshed.push_back(timed([&] { store.refresh(); }));
+    const std::size_t signal = 37 * flushes % workload.signals;
+    opened.push_back(readWindow(signal, rows));
+    known.push_back(readWindow(signal, rows - workload.flushRows / 2));
+  });
+  return {{"refresh", toJson(median(refreshed))},
+          {"opened", toJson(median(opened))},
+          {"known", toJson(median(known))}};
+}
+
+// With times of their own for what comes before and after the appends, and for the flushes.
+Json writeLive(const Workload& workload, const Data& data, LiveStore& store) {
+  Times start;
+  Times append;
+  Times flush;
+  Times finish;
+  Json result = measured([&] {
+    start = timed([&] { store.start(workload); });
+    append = timed([&] {
+      store.appendAll(workload, data, [&](std::size_t) { flush += timed([&] { store.flush(); }); });
+    });
+    finish = timed([&] { store.finish(); });
+  });
+  result.update(toJson(append));
+  result["values"] = workload.rows * workload.signals;
+  result["start"] = toJson(start);
+  result["flush"] = toJson(flush);
+  result["finish"] = toJson(finish);
+  return result;
 }
 
 Json runPhase(const Workload& workload, const std::string& phase, const StoreFactory& make,
               const fs::path& folder) {
   // Never destroyed: some stores would delete what they have written.
   Store& store = *make(folder).release();
+  auto* live = dynamic_cast<LiveStore*>(&store);
   if (phase == "write") {
     const Data data(workload);
     writeInChild(make, workload, data, folder / "warm");
+    if (live) return writeLive(workload, data, *live);
     Json result = measured([&] { store.write(workload, data); });
     result["values"] = workload.rows * data.columns();
     store.leave();
@@ -183,32 +242,41 @@ Json runPhase(const Workload& workload, const std::string& phase, const StoreFac
     warmMemory(3 * workload.signals * workload.rows * workload.sampleSize());
     Json result = measured([&] { store.read(workload, values); });
     compareAll(workload, values);
+    store.verify(workload);
     return result;
   }
-  if (phase == "window") return readWindows(workload, store);
+  if (phase == "window") {
+    return live ? readLiveWindows(workload, *live) : readWindows(workload, store);
+  }
   throw std::invalid_argument("no phase is called " + phase);
 }
 
 Json listStores() {
   Json result;
   for (const auto& [name, make] : stores()) {
-    Json& taken = result[name] = Json::array();
     const auto store = make({});
     for (const std::string& workload : workloadNames()) {
-      if (store->supports(findWorkload(workload, 1))) taken.push_back(workload);
+      if (store->takes(findWorkload(workload, 1))) result[name].push_back(workload);
     }
   }
   return result;
 }
 
+const StoreFactory& findStore(const std::string& name, const Workload& workload) {
+  const auto [first, last] = stores().equal_range(name);
+  const auto found = std::find_if(
+      first, last, [&](const auto& store) { return store.second({})->takes(workload); });
+  if (found == last) throw std::invalid_argument(name + " does not store " + workload.name);
+  return found->second;
+}
+
 Json run(const std::vector<std::string>& arguments) {
   if (arguments == std::vector<std::string>{"list"}) return listStores();
   if (arguments.size() != 5) throw std::invalid_argument("STORE WORKLOAD PHASE FOLDER SCALE");
-  const auto found = stores().find(arguments[0]);
-  if (found == stores().end()) throw std::invalid_argument("no store is called " + arguments[0]);
   const Workload workload = findWorkload(arguments[1], std::stod(arguments[4]));
+  const StoreFactory& make = findStore(arguments[0], workload);
   fs::create_directories(fs::path(arguments[3]) / "stored");
-  return runPhase(workload, arguments[2], found->second, arguments[3]);
+  return runPhase(workload, arguments[2], make, arguments[3]);
 }
 
 }  // namespace

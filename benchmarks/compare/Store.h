@@ -61,12 +61,20 @@ class Store {
   Store& operator=(const Store&) = delete;
 
   virtual bool supports(const Workload& workload) const = 0;
+  /// As supports(), for workloads that are recorded live.
+  virtual bool supportsLive(const Workload& /*workload*/) const { return false; }
+  bool takes(const Workload& workload) const {
+    return workload.isLive() ? supportsLive(workload) : supports(workload);
+  }
 
   /// Store all of it. When the call returns, the system has every byte.
   virtual void write(const Workload& workload, const Data& data) = 0;
 
   /// After the clock has stopped: notes that only reading in another process needs.
   virtual void leave() {}
+
+  /// After the clock has stopped: throws if read() left something out that its values do not show.
+  virtual void verify(const Workload& /*workload*/) {}
 
   /// Open what was written and read every column. \p values has an entry for each signal.
   virtual void read(const Workload& workload, ReadBack& values) = 0;
@@ -93,21 +101,56 @@ class Store {
   fs::path folder_;
 };
 
+/// A store that gets a sample of each signal per step, and brings what it has to the system now and
+/// then. Windows are read while it is written.
+class LiveStore : public Store {
+ public:
+  using Store::Store;
+
+  bool supports(const Workload&) const override { return false; }
+  bool supportsLive(const Workload&) const override { return true; }
+
+  /// Make the files, and make the signals known.
+  virtual void start(const Workload& workload) = 0;
+  /// \param samples  one of each signal, all at \p time
+  virtual void appendStep(double time, const double* samples) = 0;
+  /// When the call returns, the system has every step, so that the end of the process loses none.
+  virtual void flush() = 0;
+  /// Nothing is appended any more.
+  virtual void finish() {}
+  /// Let windows see what was flushed.
+  virtual void refresh() {}
+
+  /// Appends all steps and calls flushDue(rows so far) when a flush is due.
+  template <typename FlushDue>
+  void appendAll(const Workload& workload, const Data& data, FlushDue&& flushDue) {
+    for (std::size_t row = 0; row < workload.rows; ++row) {
+      appendStep(data.time[row], &data.steps[row * workload.signals]);
+      if ((row + 1) % workload.flushRows == 0) flushDue(row + 1);
+    }
+  }
+
+  void write(const Workload& workload, const Data& data) override {
+    start(workload);
+    appendAll(workload, data, [&](std::size_t) { flush(); });
+    finish();
+  }
+};
+
 using StoreFactory = std::function<std::unique_ptr<Store>(const fs::path& folder)>;
 
-/// The stores of this program by name.
-inline std::map<std::string, StoreFactory>& stores() {
-  static std::map<std::string, StoreFactory> all;
+/// The stores of this program by name. Those that have the same name take different workloads.
+inline std::multimap<std::string, StoreFactory>& stores() {
+  static std::multimap<std::string, StoreFactory> all;
   return all;
 }
 
 /// Adds `Made(folder, options...)` to them.
 template <typename Made, typename... Options>
 bool addStore(const std::string& name, Options... options) {
-  return stores()
-      .emplace(name,
-               [=](const fs::path& folder) { return std::make_unique<Made>(folder, options...); })
-      .second;
+  stores().emplace(
+      name, [=](const fs::path& folder) { return std::make_unique<Made>(folder, options...); });
+  return true;
 }
 
 }  // namespace kyr::compare

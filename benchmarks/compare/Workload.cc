@@ -19,6 +19,9 @@ const std::vector<Workload>& workloads() {
       {"W3", 5, 1'000'000, Values::noise, 1},
       {"W4", 5'000, 200},
       {"W5", 200, 100'000, Values::noise, 0, 0, 1, 20},
+      {"W7", 1'000, 1'000, Values::noise, 0, 0, 1, 0, 100},
+      {"W7l", 10'000, 1'000, Values::noise, 0, 0, 1, 0, 100},
+      {"W7w", 100, 20'000, Values::noise, 0, 10'000, 1, 0, 100},
   };
   return all;
 }
@@ -61,9 +64,10 @@ std::vector<char> makeBytes(std::size_t count, Make&& make) {
 Workload findWorkload(const std::string& name, double scale) {
   for (Workload workload : workloads()) {
     if (workload.name != name) continue;
-    std::size_t& size = name == "W4" ? workload.signals : workload.rows;
+    const bool hasFewRows = name == "W4" || workload.isLive();
+    std::size_t& size = hasFewRows ? workload.signals : workload.rows;
     size = scaled(size, scale);
-    workload.windowRows = std::min(workload.windowRows, workload.rows / 4);
+    if (!workload.isLive()) workload.windowRows = std::min(workload.windowRows, workload.rows / 4);
     return workload;
   }
   throw std::invalid_argument("no workload is called " + name);
@@ -102,6 +106,14 @@ std::vector<char> makeSignal(const Workload& workload, std::size_t signal) {
 Data::Data(const Workload& workload) : time(makeTime(workload)) {
   signals.reserve(workload.signals);
   for (std::size_t i = 0; i < workload.signals; ++i) signals.push_back(makeSignal(workload, i));
+  if (!workload.isLive()) return;
+  steps.resize(workload.rows * workload.signals);
+  for (std::size_t i = 0; i < workload.signals; ++i) {
+    for (std::size_t row = 0; row < workload.rows; ++row) {
+      std::memcpy(&steps[row * workload.signals + i], &signals[i][row * sizeof(double)],
+                  sizeof(double));
+    }
+  }
 }
 
 }  // namespace kyr::compare

@@ -14,7 +14,7 @@ enum class Values {
   counts,     ///< the same converter's numbers, int16
 };
 
-/// Signals over one time vector.
+/// Signals over one time vector. They are stored whole, appended in chunks, or recorded live.
 struct Workload {
   std::string name;
   std::size_t signals;
@@ -24,8 +24,11 @@ struct Workload {
   std::size_t windowRows = 0;  ///< rows of a window; 0: no windows are read
   std::size_t elements = 1;    ///< of a sample; 9 stands for a 3x3 matrix
   std::size_t distinct = 0;    ///< signals of different content; 0: all of them
+  std::size_t flushRows = 0;   ///< steps between two flushes; 0: nothing is recorded live
 
   bool isWhole() const { return chunkRows == 0; }
+  /// Each step appends a sample of every signal.
+  bool isLive() const { return flushRows > 0; }
   std::size_t elementSize() const { return values == Values::counts ? 2 : 8; }
   std::size_t sampleSize() const { return elements * elementSize(); }
 };
@@ -49,6 +52,7 @@ struct Data {
 
   std::vector<double> time;
   std::vector<std::vector<char>> signals;
+  std::vector<double> steps;  ///< live workloads: a sample of each signal, step after step
 };
 
 /// Calls sink(column, rows, count) for the chunks of all columns in turn.
