@@ -249,7 +249,7 @@ class LiveFloorStore : public LiveStore {
 
   void finish() override {
     if (syncs_) {
-      const Descriptor again(notes("again"), kCreate);
+      const Descriptor again(notes("rewritten"), kCreate);
       for (std::size_t row = 0; row < rows_; row += blockRows_) {
         again.write(reinterpret_cast<const char*>(block_.data()), block_.size() * sizeof(double));
       }

@@ -56,7 +56,9 @@ class KyrStore : public Store {
 
   bool supports(const Workload&) const override { return true; }
   // Whole vectors, to be compared with what a live recording leaves.
-  bool supportsLive(const Workload&) const override { return options_.isPacked; }
+  bool supportsLive(const Workload& workload) const override {
+    return options_.isPacked && workload.windowRows == 0;
+  }
 
   void write(const Workload& workload, const Data& data) override {
     openPool(workload, options_.isSaved ? notes("pool") : stored());

@@ -170,7 +170,7 @@ Json readWindows(const Workload& workload, Store& store) {
   return {{"opened", toJson(median(opened))}, {"known", toJson(median(known))}};
 }
 
-// The last rows that were flushed of one signal after the other, while all are recorded.
+// The last rows that were flushed of one signal after the other, while all are recorded once more.
 Json readLiveWindows(const Workload& workload, LiveStore& store) {
   constexpr std::size_t kFlushesBetween = 5;
   const Data data(workload);
@@ -245,9 +245,12 @@ Json runPhase(const Workload& workload, const std::string& phase, const StoreFac
     store.verify(workload);
     return result;
   }
-  if (phase == "window") {
-    return live ? readLiveWindows(workload, *live) : readWindows(workload, store);
+  if (phase == "window" && live) {
+    const fs::path again = folder / "again";
+    fs::create_directories(again / "stored");
+    return readLiveWindows(workload, dynamic_cast<LiveStore&>(*make(again).release()));
   }
+  if (phase == "window") return readWindows(workload, store);
   throw std::invalid_argument("no phase is called " + phase);
 }
 

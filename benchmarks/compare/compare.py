@@ -23,7 +23,16 @@ TITLES = {
     "W4": "5,000 signals of 200 float64 over one time vector, stored whole",
     "W5": "W1 with 20 distinct signals",
     "W6": "recorded CSV files into a recording, and back to CSV",
+    "W7": "1,000 signals of 1,000 float64 and their time, recorded live: a sample of each per "
+          "step, flushed every 100 steps",
+    "W7l": "W7 with 10,000 signals",
+    "W7w": "W7 with 100 signals of 20,000 float64; windows of the last 10,000 rows while they are "
+           "recorded",
 }
+LIVE = ("W7", "W7l", "W7w")
+WITH_WINDOWS = ("W2", "W7w")
+# What ours costs beyond the other store, which does the least that ours has to do.
+PAIRS = (("kyr:default", "bare:dedup"), ("kyr:live+sync", "floor:sync"))
 
 
 def parse_options():
@@ -88,9 +97,10 @@ def measure(program, store, workload, folder, scale):
     def phase(name):
         return run_json(program + [store, workload, name, folder, str(scale)], environment(folder))
 
-    result = {"write": phase("write"), "disk": count_files(folder / "stored")}
-    result["read"] = phase("read")
-    if workload == "W2":
+    written = phase("write")
+    result = {name: written.pop(name) for name in ("start", "flush", "finish") if name in written}
+    result.update(write=written, disk=count_files(folder / "stored"), read=phase("read"))
+    if workload in WITH_WINDOWS:
         result.update(phase("window"))
     return result
 
@@ -100,11 +110,16 @@ def table_row(store, workload, results, base, summary):
         return [store, f"FAILED: {results}"]
     row = [store] + [cell(summary.ratio(results, base, phase), ".2f")
                      for phase in ("write", "read")]
-    if workload == "W2":
+    if workload in LIVE:
+        row += [cell(summary.time(results, phase), ".1f", 1e3)
+                for phase in ("start", "flush", "finish")]
+    if workload in WITH_WINDOWS:
         row += [cell(summary.time(results, phase), ".3f", 1e3) for phase in ("known", "opened")]
-    if workload == "W3":
-        row.append(cell(summary.time(results, "write"), ".1f",
-                        1e9 / summary.median(results, "write", "values")))
+    if workload == "W7w":
+        row.append(cell(summary.time(results, "refresh"), ".3f", 1e3))
+    if workload == "W3" or workload in LIVE:
+        values = summary.median(results, "write", "values")
+        row.append(cell(summary.time(results, "write"), ".1f", 1e9 / values) if values else "")
     row += [cell(summary.median(results, "disk", "size"), ".1f", 1e-6),
             cell(summary.median(results, "disk", "allocated"), ".1f", 1e-6),
             cell(summary.median(results, "disk", "files"), ".0f")]
@@ -117,9 +132,13 @@ def workload_table(workload, results, options):
     base = results.get(options.base)
     base = [] if base is None or isinstance(base, Failure) else base
     header = ["store", "write", "read"]
-    if workload == "W2":
+    if workload in LIVE:
+        header += ["start [ms]", "flushes [ms]", "finish [ms]"]
+    if workload in WITH_WINDOWS:
         header += ["window known [ms]", "window opened [ms]"]
-    if workload == "W3":
+    if workload == "W7w":
+        header.append("refresh [ms]")
+    if workload == "W3" or workload in LIVE:
         header.append("ns per append")
     header += ["MB", "MB on disk", "files", "peak MB writing", "peak MB reading"]
     lines = [f"## {workload}: {TITLES[workload]}", ""]
@@ -133,12 +152,14 @@ def workload_table(workload, results, options):
 
 
 def own_cost(results, summary):
-    """What kyr's default pool costs beyond a program that writes the same tables by itself."""
-    ours, bare = results.get("kyr:default"), results.get("bare:dedup")
-    if not isinstance(ours, list) or not isinstance(bare, list):
-        return []
-    write, read = (summary.ratio(ours, bare, phase) for phase in ("write", "read"))
-    return ["", f"kyr:default in units of bare:dedup: write {write:.2f}, read {read:.2f}."]
+    """Ratios of kyr's stores to others than the base."""
+    lines = []
+    for ours, other in PAIRS:
+        if isinstance(results.get(ours), list) and isinstance(results.get(other), list):
+            ratios = (f"{phase} {ratio:.2f}" for phase in ("write", "finish", "read")
+                      if (ratio := summary.ratio(results[ours], results[other], phase)))
+            lines += ["", f"{ours} in units of {other}: {', '.join(ratios)}."]
+    return lines
 
 
 def main():

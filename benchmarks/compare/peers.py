@@ -146,6 +146,62 @@ class Mcap:
         return columns[0], columns[1:]
 
 
+class McapSamples:
+    """MCAP recorded live, a message for each sample, as a signal is read alone."""
+    module, takes = "mcap", ("W7", "W7w")
+
+    def start(self, workload, folder):
+        from mcap.writer import CompressionType, Writer
+        self.stream = open(folder / "signals.mcap", "wb")
+        self.writer = Writer(self.stream, compression=CompressionType.NONE, enable_crcs=False)
+        self.writer.start()
+        schema = self.writer.register_schema("samples", "none", b"")
+        self.channels = [self.writer.register_channel(f"s{i}", "raw", schema)
+                         for i in range(self.count_channels(workload))]
+
+    def count_channels(self, workload):
+        return workload.signals + 1
+
+    def append_step(self, step, time_bytes, samples):
+        add = self.writer.add_message
+        add(self.channels[0], step, time_bytes, step)
+        for i, channel in enumerate(self.channels[1:]):
+            add(channel, step, samples[8 * i:8 * i + 8], step)
+
+    def flush(self):
+        self.stream.flush()
+
+    def finish(self):
+        self.writer.finish()
+        self.stream.close()
+
+    def read(self, workload, folder):
+        return Mcap().read(workload, folder)
+
+
+class McapSteps(McapSamples):
+    """MCAP recorded live, a message for each step."""
+    takes = ("W7", "W7l", "W7w")
+
+    def count_channels(self, workload):
+        return 2
+
+    def append_step(self, step, time_bytes, samples):
+        self.writer.add_message(self.channels[0], step, time_bytes, step)
+        self.writer.add_message(self.channels[1], step, samples, step)
+
+    def read(self, workload, folder):
+        from mcap.reader import make_reader
+        times, steps = [], np.empty((workload.rows, workload.signals))
+        with open(folder / "signals.mcap", "rb") as stream:
+            for _, channel, message in make_reader(stream).iter_messages():
+                if channel.topic == "s0":
+                    times.append(message.data)
+                else:
+                    steps[message.log_time] = np.frombuffer(message.data)
+        return np.frombuffer(b"".join(times)), np.ascontiguousarray(steps.T)
+
+
 class DuckDB:
     """DuckDB, a table with a column for each signal, inserted from NumPy; W4 a row for each."""
     module, takes = "duckdb", ("W1", "W1q", "W1i", "W4", "W5")
@@ -205,7 +261,8 @@ class Zarr:
 
 
 STORES = {"py:kyr": Kyr, "py:h5py": H5py, "py:pyarrow": PyArrow, "py:asammdf": Asammdf,
-          "py:mcap": Mcap, "py:duckdb": DuckDB, "py:zarr": Zarr}
+          "py:mcap": Mcap, "py:mcap:samples": McapSamples, "py:mcap:steps": McapSteps,
+          "py:duckdb": DuckDB, "py:zarr": Zarr}
 
 
 def memory_status(name):
@@ -228,6 +285,26 @@ def measured(work):
     before = memory_status("VmRSS")
     result, times = timed(work)
     return result, {**times, "memory": memory_status("VmHWM") - before}
+
+
+def write_live(store, workload, folder, times, steps):
+    """As Main.cc: with times of their own for start, all flushes and finish."""
+    flushed = []
+
+    def append_all():
+        for step, (time_bytes, samples) in enumerate(rows):
+            store.append_step(step, time_bytes, samples)
+            if (step + 1) % workload.flush_rows == 0:
+                flushed.append(timed(store.flush)[1])
+
+    def phases():
+        return {"start": timed(lambda: store.start(workload, folder))[1],
+                "append": timed(append_all)[1], "finish": timed(store.finish)[1]}
+
+    rows = [(each.tobytes(), samples.tobytes()) for each, samples in zip(times, steps)]
+    result, whole = measured(phases)
+    result["flush"] = {clock: sum(each[clock] for each in flushed) for clock in ("elapsed", "cpu")}
+    return {**whole, **result.pop("append"), **result, "values": steps.size}
 
 
 def compare(read, expected, what):
@@ -258,13 +335,13 @@ def read_windows(store, workload, folder):
                    for clock in ("elapsed", "cpu")} for name, taken in times.items()}
 
 
-def write_in_child(store, workload, folder, times, signals):
+def write_in_child(write, folder):
     """Once before the clock starts, as Main.cc does it."""
     folder.mkdir(parents=True)
     child = os.fork()
     if child == 0:
         try:
-            store.write(workload, folder, times, signals)
+            write(folder)
         finally:
             os._exit(0)
     os.waitpid(child, 0)
@@ -275,8 +352,14 @@ def write_in_child(store, workload, folder, times, signals):
 
 def run_phase(store, workload, phase, folder):
     if phase == "write":
-        times, signals = workload.time(), workload.all_signals()
-        write_in_child(store, workload, folder.parent / "warm", times, signals)
+        times = workload.time()
+        warm = folder.parent / "warm"
+        if workload.flush_rows:
+            steps = workload.steps()
+            write_in_child(lambda to: write_live(store, workload, to, times, steps), warm)
+            return write_live(store, workload, folder, times, steps)
+        signals = workload.all_signals()
+        write_in_child(lambda to: store.write(workload, to, times, signals), warm)
         return measured(lambda: store.write(workload, folder, times, signals))[1]
     if phase == "read":
         (times, signals), result = measured(lambda: store.read(workload, folder))

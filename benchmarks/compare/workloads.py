@@ -14,6 +14,7 @@ class Workload:
     chunk_rows: int = 0  # 0: each vector is stored whole
     window_rows: int = 0
     distinct: int = 0  # 0: all of them
+    flush_rows: int = 0  # 0: nothing is recorded live
 
     def time(self):
         return 0.001 * np.arange(self.rows, dtype=np.float64)
@@ -29,6 +30,10 @@ class Workload:
 
     def all_signals(self):
         return [self.signal(number) for number in range(self.signals)]
+
+    def steps(self):
+        """A sample of each signal, step after step."""
+        return np.ascontiguousarray(np.transpose(self.all_signals()))
 
     def windows(self, signal):
         """First rows of the windows to read, the first of which opens the file."""
@@ -59,14 +64,18 @@ ALL = [
     Workload("W2", 20, 1_000_000, chunk_rows=1_000, window_rows=10_000),
     Workload("W4", 5_000, 200),
     Workload("W5", 200, 100_000, distinct=20),
+    Workload("W7", 1_000, 1_000, flush_rows=100),
+    Workload("W7l", 10_000, 1_000, flush_rows=100),
+    Workload("W7w", 100, 20_000, window_rows=10_000, flush_rows=100),
 ]
 
 
 def find(name, scale):
     workload = next(dataclasses.replace(each) for each in ALL if each.name == name)
-    if name == "W4":
+    if name == "W4" or workload.flush_rows:
         workload.signals = max(100, round(workload.signals * scale))
     else:
         workload.rows = max(100, round(workload.rows * scale))
-    workload.window_rows = min(workload.window_rows, workload.rows // 4)
+    if not workload.flush_rows:
+        workload.window_rows = min(workload.window_rows, workload.rows // 4)
     return workload
