@@ -148,7 +148,7 @@ class Mcap:
 
 class McapSamples:
     """MCAP recorded live, a message for each sample, as a signal is read alone."""
-    module, takes = "mcap", ("W7", "W7w")
+    module, takes = "mcap", ("W7",)
 
     def start(self, workload, folder):
         from mcap.writer import CompressionType, Writer
