@@ -147,6 +147,12 @@ class Usage(ToolTest):
             (self.folder / "script").write_text(script)
             if shutil.which(shell):
                 subprocess.run([shell, "-n", "script"], cwd=self.folder, check=True)
+        if shutil.which("fish"):
+            for line, words in (("kyr help st", "stats"), ("kyr completion z", "zsh"),
+                                ("kyr import --ragged p", "pad"), ("kyr appe", "append")):
+                found = subprocess.run(["fish", "-c", f"source script; complete -C'{line}'"],
+                                       cwd=self.folder, check=True, capture_output=True, text=True)
+                self.assertEqual(found.stdout.split("\t")[0].strip(), words)
         self.fails("completion", "tcsh", says=["tcsh", "bash", "zsh"], exit_code=2)
 
     def test_trace(self):

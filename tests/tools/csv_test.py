@@ -1,5 +1,6 @@
 """CSV as loggers, spreadsheets and simulators write it, compared with what Python's csv reads."""
 
+import base64
 import csv
 import datetime
 import gzip
@@ -31,6 +32,16 @@ def seconds(cell):
 def since_ten(cell):
     moment = datetime.datetime.strptime(cell, "%d.%m.%Y %H:%M:%S.%f")
     return (moment - datetime.datetime(2024, 5, 1, 10)).total_seconds()
+
+
+def zstd(content):
+    """A zstd frame of blocks that are not compressed."""
+    size = 1 << 17
+    blocks = [content[i:i + size] for i in range(0, len(content), size)]
+    frame = b"\x28\xb5\x2f\xfd\x00\x58"
+    for i, block in enumerate(blocks):
+        frame += (len(block) << 3 | (i + 1 == len(blocks))).to_bytes(3, "little") + block
+    return frame
 
 
 class Kind:
@@ -65,6 +76,7 @@ class Kind:
 
 KINDS = {
     "spreadsheet.csv": Kind(delimiter=";", says='separated by ";", and numbers have a decimal'),
+    "quoted.csv": Kind(says='separated by ",", and numbers have a decimal comma'),
     "tabs.csv": Kind(delimiter="\t", quotechar="'", says="separated by tabs"),
     "blanks.dat": Kind(delimiter=" ", skipinitialspace=True, says="separated by blanks"),
     "headless.csv": Kind(skip=0, names=["time", "column 2", "column 3"],
@@ -123,6 +135,8 @@ class Kinds(ToolTest):
                 ("gzip", gzip.compress(long.encode()), []),
                 ("two gzip files", gzip.compress(content.encode()) +
                  gzip.compress(long[len(content):].encode()), []),
+                ("zstd", zstd(long.encode()), []),
+                ("two zstd files", zstd(content.encode()) + zstd(long[len(content):].encode()), []),
                 ("latin1", long.encode("latin-1"), ["--encoding", "latin1"]),
                 ("latin1 in gzip", gzip.compress(long.encode("latin-1")), ["--encoding", "latin1"]),
                 ("utf-16 with mark", long.encode("utf-16"), []),
@@ -134,7 +148,14 @@ class Kinds(ToolTest):
                         self.run_tool_on(data if source == "-" else b"", command, source, "rec",
                                          "--force", *options)
                         self.assertEqual(self.cat(), long)
+        packed = ("KLUv/SBxzQEAlAJ0aW1lLFQgW8KwQ10KMTAwMCwxLjI1CjEwMDEyMzQ1Njc4OSwxLjI1CggEBkDAAQYE"
+                  "HGBA3DIG")
+        self.store(base64.b64decode(packed))
+        self.assertEqual(self.cat(), "time,T [°C]\n" + "".join(f"{i},1.25\n"
+                                                              for i in range(1000, 1010)))
         for name, data, options, says in (
+                ("cut zstd", zstd(long.encode())[:-9], [], "its end is missing"),
+                ("damaged zstd", zstd(long.encode())[:9] + b"x" * 99, [], "unpacked"),
                 ("cut", gzip.compress(long.encode())[:-9], [], "its end is missing"),
                 ("damaged", gzip.compress(long.encode())[:900] + b"x" * 99, [], "unpacked"),
                 ("no such", b"time,a\n", ["--encoding", "klingon"], "no such encoding")):
@@ -162,8 +183,8 @@ class Kinds(ToolTest):
                     scale = 1000 if "e3" in content else 1
                     self.assertEqual(found, [[0, scale], [1, 2 * scale]])
         for options, says in ((["--delimiter", "ab"], "one character"),
-                              (["--delimiter", ",", "--decimal", ","], "same character"),
-                              (["--decimal", "x"], "give"), (["--no-time", "--time", "t"], "not both"),
+                              (["--decimal", "x"], "give"),
+                              (["--no-time", "--time", "t"], "not both"),
                               (["--ragged", "x"], "give"), (["--time-unit", "year"], "give")):
             self.fails("import", "in.csv", "new", *options, says=[says], exit_code=2)
 
@@ -196,6 +217,30 @@ class Kinds(ToolTest):
         self.store(given, "--type", "a=text")
         self.assertEqual(self.cat(), given)
 
+    def test_texts_that_may_be_meant_as_numbers_are_told(self):
+        for content, says, values, options in (
+                ('time,a\n0,"1,234"\n1,999\n', ["line 2", '"1,234"', "--decimal"],
+                 ["1,234", "999"], ["--decimal", ","]),
+                ("time;a\n0,5;1.234,5\n1;9,5\n", ["line 2", '"1.234,5"', "thousands"],
+                 ["1.234,5", "9,5"], []),
+                ("time,a\n0,1'000\n1,x\n", ["line 2", '"1\'000"', "thousands"],
+                 ["1'000", "x"], []),
+                ("time,a\n0,n.d.\n1,5\n", ['"n.d."', "--missing"], ["n.d.", "5"],
+                 ["--missing", "n.d."])):
+            file = self.write(content)
+            for command in ("import", "record"):
+                with self.subTest(content, command=command):
+                    told = self.run_tool(command, file, "rec", "--force").stderr.splitlines()[-1]
+                    for part in ("warning", '"a"', "text", *says):
+                        self.assertIn(part, told)
+                    self.assertEqual([row[1] for row in rows_of(self.cat())[1:]], values)
+                    if options:
+                        told = self.run_tool(command, file, "rec", "--force", *options).stderr
+                        self.assertNotIn("warning", told)
+                        self.assertIn(self.signals()["a"]["type"], ("double", "int64"))
+        self.store("time,a\n0,v1.2\n1,192.168.0.1\n2,x-1\n")
+        self.assertEqual(self.run_tool("record", "in.csv", "new").stderr, "")
+
     def test_columns_of_missing_values_that_become_text(self):
         rows = "".join(f"{i},NA\n" for i in range(300_000))
         content = f"time,a\n{rows}300000,x\n"
@@ -203,7 +248,8 @@ class Kinds(ToolTest):
         self.assertEqual(self.cat(), content)
 
     def test_a_text_that_ends_early(self):
-        for content, line in (("time,a\n0,1\n1,2\n2\n3,4\n", 4), ('time,a\n0,1\n1,2\n"2,3\n4,5\n', 4)):
+        for content, line in (("time,a\n0,1\n1,2\n2\n3,4\n", 4),
+                              ('time,a\n0,1\n1,2\n"2,3\n4,5\n', 4)):
             for command in ("import", "record"):
                 with self.subTest(content, command=command):
                     said = self.run_tool(command, self.write(content), "rec", "--force", "--ragged",

@@ -57,7 +57,7 @@ class Record(RecordTest):
 
     def test_roundings_are_told_once(self):
         for text, line, column, cell in (
-                ("t,a,b\n0,1,9007199254740993\n1,9007199254740993,1\n2,9007199254740993,2\n", 3,
+                ("t,a,b\n0,0.5,9007199254740993\n1,9007199254740993,1\n2,9007199254740993,2\n", 3,
                  "a", "9007199254740993"),
                 ("t,a\n0,1\n9007199254740993,1\n9007199254740995,1\n", 3, "t", "9007199254740993"),
                 ("t,a\n0.1234567890123456789,1\n0.12345678901234567891,2\n", 3, "t",
@@ -74,6 +74,29 @@ class Record(RecordTest):
                 for part in (f"line {line}:", "--strict", f"{line - 2} row"):
                     self.assertIn(part, result.stderr)
                 self.assertEqual(len(rows_of(self.cat())), line - 1)
+
+    def test_types_of_the_first_rows(self):
+        large = 2**53 + 1
+        later = "".join(f"{i},0\n" for i in range(3, 100))
+        for cells, kind, says in (
+                (["1", "2.5", "3"], "double", []), (["", "NA", "3"], "double", []),
+                (["0", str(large), "-5"], "int64", []), (["1", str(2**64 - 1), "5"], "uint64", []),
+                (["0.5", str(large), "1"], "double", ["rounded", "line 3"]),
+                (["0", "true", "FALSE"], "boolean", []), (["", "idle", "NA"], "text", []),
+                (["x", "5", "7"], "text", ["line 3", '"5"', "begins with"]),
+                (["5", "x", "7"], None, ["line 3", '"x"', "does not fit double", "--type"]),
+                ([*"123", later, str(large)], "double", ["line 102", "rounded", "a=int64"]),
+                ([str(large), *"23", later, "0.5"], None, ["line 102", "does not fit int64"])):
+            rows = [cell if "\n" in cell else f"{i + (i > 3) * 96},{cell}\n"
+                    for i, cell in enumerate(cells)]
+            with self.subTest(cells[0] + cells[1], kind=kind):
+                told = self.run_tool("record", self.write("t,a\n" + "".join(rows)), "rec",
+                                     "--force", expect=0 if kind else 1).stderr
+                self.assertEqual(told.count("\n"), 1 if says else 0, told)
+                for part in says:
+                    self.assertIn(part, told)
+                if kind:
+                    self.assertEqual(self.signals()["a"]["type"], kind)
 
     def test_a_failed_recording_is_replaced_by_force(self):
         text = "time,a,note\n0,1,5\n1,2,y\n"

@@ -13,8 +13,7 @@ namespace {
 std::string inSingleQuotes(const std::string& text) {
   std::string result = "'";
   for (const char c : text) {
-    if (c == '\'') result += '\\';
-    result += c;
+    result += c == '\'' ? "'\\''" : std::string(1, c);
   }
   return result + "'";
 }
@@ -56,6 +55,15 @@ std::string zshOption(const CLI::Option& option) {
   return lines;
 }
 
+// The words that a command takes in place of a file; empty for other commands.
+std::string wordsOf(const CLI::App& app, const CLI::App& command) {
+  if (command.get_name() == "completion") return "bash zsh fish";
+  std::string names;
+  if (command.get_name() != "help") return names;
+  for (const CLI::App* each : commandsOf(app)) names += each->get_name() + " ";
+  return names;
+}
+
 }  // namespace
 
 std::string fishCompletion(const CLI::App& app) {
@@ -69,6 +77,9 @@ std::string fishCompletion(const CLI::App& app) {
                           inSingleQuotes(command->get_description()));
     const std::string condition = fmt::format(" -n '__fish_seen_subcommand_from {}'", name);
     for (const CLI::Option* option : optionsOf(*command)) script += fishOption(*option, condition);
+    if (const std::string words = wordsOf(app, *command); !words.empty()) {
+      script += "complete -c kyr" + condition + " -f -a " + inSingleQuotes(words) + "\n";
+    }
   }
   return script;
 }
@@ -81,22 +92,29 @@ std::string zshCompletion(const CLI::App& app) {
     commands += "    " + inSingleQuotes(name + ":" + command->get_description()) + "\n";
     cases += fmt::format("    {})\n      _arguments \\\n", name);
     for (const CLI::Option* option : optionsOf(*command)) cases += zshOption(*option);
-    cases += "      '*:file:_files' ;;\n";
+    cases += wordsOf(app, *command).empty()
+                 ? "      '*:file:_files' ;;\n"
+                 : fmt::format("      '1:word:({})' ;;\n", wordsOf(app, *command));
   }
+  std::string options;
+  for (const CLI::Option* option : optionsOf(app)) options += zshOption(*option);
   return fmt::format(
       "#compdef kyr\n"
       "# Completion of kyr for zsh, made by: kyr completion zsh\n"
       "_kyr() {{\n"
+      "  local context state state_descr line\n"
+      "  local -A opt_args\n"
       "  local -a commands\n"
       "  commands=(\n{}  )\n"
-      "  if (( CURRENT == 2 )); then\n"
+      "  _arguments -C \\\n{}"
+      "      '1:command:->command' \\\n"
+      "      '*::argument:->argument'\n"
+      "  if [[ $state == command ]]; then\n"
       "    _describe command commands\n"
       "    return\n"
       "  fi\n"
-      "  local command=$words[2]\n"
-      "  shift words\n"
-      "  (( CURRENT-- ))\n"
-      "  case $command in\n{}"
+      "  [[ $state == argument ]] || return\n"
+      "  case $words[1] in\n{}"
       "  esac\n"
       "}}\n"
       "if [[ $funcstack[1] == _kyr ]]; then\n"
@@ -104,7 +122,7 @@ std::string zshCompletion(const CLI::App& app) {
       "else\n"
       "  compdef _kyr kyr\n"
       "fi\n",
-      commands, cases);
+      commands, options, cases);
 }
 
 }  // namespace kyr::tool

@@ -241,8 +241,9 @@ void addInfoCommand(CLI::App& app, Action& action) {
   command->add_flag("--all", options->showsAll, "Show all signals on a terminal, too");
   command->footer(R"help(
 Only recording.json of a finished recording is read, unless signals are named: then their times are
-read for the largest gap. While a recording is being written, the rows that are durable are shown.
-The rate is the number of samples for each second between the first time and the last.
+read, too, for the largest gap (kyr stats shows it in a table). While a recording is being written,
+the rows that are durable are shown. The rate is the number of samples for each second between the
+first time and the last.
 
 The columns "time file" and "data file" name files in FOLDER/storage. If several signals share a
 file, their number stands behind it in parentheses. Without a time file, the times, if there are
@@ -253,6 +254,7 @@ FOLDER/storage/pack-*.parquet.
 Examples:
   kyr info run
   kyr info run speed 'g*'
+  kyr info run '*'
   kyr info run --names
   kyr info run --json | jq .totals)help");
   setAction(*command, action, options, runInfo);

@@ -25,6 +25,7 @@
 #include "csv/CsvMessages.h"
 #include "csv/CsvStream.h"
 #include "csv/RowRecorder.h"
+#include "csv/SampledType.h"
 #include "kyr/recording/LiveRecording.h"
 #include "print/RecordingSummary.h"
 
@@ -217,7 +218,6 @@ std::string recordRows(CsvStream& stream, RowRecorder& recorder, recording::Live
   } catch (const std::runtime_error& error) {
     failure = error.what();
   }
-  recorder.begin();
   live.finish();
   if (options.acknowledges) flusher.acknowledge(recorder.rows());
   return failure;
@@ -240,6 +240,9 @@ int runRecord(const RecordOptions& options) {
   CsvStream stream(options.source, options.csv, options.follows);
   const CsvLayout layout = stream.layout();
   CsvHeader header = describeColumns(stream.name(), layout, options.csv);
+  for (CsvColumn& column : header.columns) {
+    if (!column.isGiven) column.type = sampledType(layout, column.place);
+  }
   tellNotes(header.notes, options.isQuiet);
   if (!layout.isHeaderEnded) {
     warnOfUnendedLine(stream.name(), stream.line(), "so a name may be cut off");
@@ -311,10 +314,12 @@ void addRecordCommand(CLI::App& app, Action& action) {
   const auto options = std::make_shared<RecordOptions>();
   addRecordOptions(*command, *options);
   command->footer(R"help(
-The first line names the columns, as for kyr import. The first row decides on the types, unless
---type gives them: true and false make a column boolean, integers of 2^53 or more make it int64 or
-uint64, other numbers make it double, and everything else makes it text. A warning names the first
-number of a column that is rounded. At an empty cell a signal has no sample.
+The first line names the columns, as for kyr import. The rows that have come when the recording
+begins, 100 at most, decide on the types, unless --type gives them. A column is text if its first
+value is one, boolean if it holds true and false, int64 or uint64 if it holds integers alone and one
+of 2^53 or more, and otherwise double. What comes later and does not fit stops the recording with
+its line. A warning names the first number of a column that is rounded, or that is stored as text.
+At an empty cell a signal has no sample.
 
 Rows become durable every second. If the process crashes, kyr recover saves the durable rows. The
 end of the input, Ctrl-C and SIGTERM finish the recording. A last line without a line feed is kept,

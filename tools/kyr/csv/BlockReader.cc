@@ -32,7 +32,8 @@ class BlockReader {
         plans_(plans),
         values_(values),
         text_(values.block.text),
-        tokens_(text_, dialect, 0) {
+        tokens_(text_, dialect, 0),
+        bareMark_(dialect.delimiter == dialect.decimalMark ? '\0' : dialect.decimalMark) {
     for (std::size_t i = 0; i < plans.size(); ++i) {
       ways_.push_back(plans[i].isRead ? wayFor(i) : Way::skip);
       if (plans[i].isTime) timeColumn_ = i;
@@ -173,7 +174,7 @@ class BlockReader {
 
   // Returns the end of a number without quotes and blanks, or null if the cell is something else.
   const char* readReal(const char* at, CellValues& cells) {
-    const ShortDecimal number = readShortDecimal(at, tokens_.end(), dialect_.decimalMark);
+    const ShortDecimal number = readShortDecimal(at, tokens_.end(), bareMark_);
     if (number.end == nullptr || !tokens_.isCellEnd(number.end)) return nullptr;
     if (number.isExact) {
       cells.words.push_back(bitsOf(number.value));
@@ -221,6 +222,11 @@ class BlockReader {
     }
   }
 
+  bool isNumber(std::string_view text) const {
+    double value = 0;
+    return parseReal(text, dialect_.decimalMark, value) != CellFit::none;
+  }
+
   // Returns the end of a cell of text.
   const char* keepText(const char* at, std::size_t column) {
     const char* const end = tokens_.skipCell(at);
@@ -231,6 +237,7 @@ class BlockReader {
       cells.missing.push_back(values_.rows);
       return end;
     }
+    cells.hadNumbers = cells.hadNumbers || isNumber(trimmed(text));
     if (!isUtf8(text) && !values_.noUtf8) values_.noUtf8.emplace(values_.rows, column);
     cells.bytes.insert(cells.bytes.end(), text.begin(), text.end());
     cells.words.push_back(text.size());
@@ -312,6 +319,7 @@ class BlockReader {
   BlockValues& values_;
   std::string_view text_;
   CsvTokenizer tokens_;
+  char bareMark_;  // the decimal mark of numbers without quotes, which the delimiter ends
   std::vector<Way> ways_;
   std::size_t timeColumn_ = kNone;
   const char* cut_ = nullptr;

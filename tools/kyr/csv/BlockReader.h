@@ -35,7 +35,7 @@ struct CellValues {
   std::vector<std::uint32_t> missing;  ///< rows whose cells are empty, ascending
   std::vector<std::uint64_t> words;    ///< integers and doubles, as their bits; lengths of texts
   std::vector<char> bytes;             ///< booleans, texts, and values of a given type
-  bool hadNumbers = false;             ///< whether other cells than the misfit are no texts
+  bool hadNumbers = false;             ///< in a column of texts, whether some cells are none
 
   /// The first row whose cell does not fit the given type, behind which nothing is read, or any
   /// kind of number.

@@ -29,6 +29,10 @@ std::string_view withoutLeadingZeros(std::string_view digits) {
   return digits.substr(std::min(digits.find_first_not_of('0'), digits.size()));
 }
 
+std::string_view withoutDigits(std::string_view text) {
+  return text.substr(std::min(text.find_first_not_of("0123456789"), text.size()));
+}
+
 template <typename ArrowType>
 bool parseWhole(std::string_view text, typename ArrowType::c_type& value) {
   return ::arrow::internal::StringConverter<ArrowType>().Convert(ArrowType(), text.data(),
@@ -167,6 +171,34 @@ bool parseTruthValue(std::string_view text, bool& value) {
 
 CellFit parseReal(std::string_view text, char decimalMark, double& value) {
   return parseAsReal(text, decimalMark, value);
+}
+
+bool hasThousands(std::string_view text) {
+  constexpr std::size_t kGroup = 3;
+  const auto takeDigits = [&] {
+    const std::size_t count = text.size() - withoutDigits(text).size();
+    text.remove_prefix(count);
+    return count;
+  };
+  text = withoutSign(text);
+  if (text.empty() || text[0] == '0') return false;
+  const std::size_t first = takeDigits();
+  if (first == 0 || first > kGroup || text.empty()) return false;
+  const char separator = text[0];
+  if (std::string_view(",.' ").find(separator) == std::string_view::npos) return false;
+  while (!text.empty() && text[0] == separator) {
+    text.remove_prefix(1);
+    if (takeDigits() != kGroup) return false;
+  }
+  if (text.empty()) return true;
+  const bool hasMark = text[0] == '.' || text[0] == ',';
+  return hasMark && withoutDigits(text.substr(1)).empty();
+}
+
+bool isOtherNumber(std::string_view text, char decimalMark) {
+  double value = 0;
+  return hasThousands(text) ||
+         parseReal(text, decimalMark == ',' ? '.' : ',', value) != CellFit::none;
 }
 
 bool isExactInDouble(std::uint64_t number) {

@@ -155,7 +155,9 @@ bool hasUnits(const SampleRows& rows, const CsvDialect& dialect) {
 
 void noteDialect(const std::string& source, const CsvOptions& options, CsvLayout& layout) {
   const CsvDialect& dialect = layout.dialect;
-  if (!options.delimiter.empty() || (dialect.delimiter == ',' && dialect.quote == '"')) return;
+  const bool isUsual =
+      dialect.delimiter == ',' && dialect.quote == '"' && dialect.decimalMark == '.';
+  if (!options.delimiter.empty() || isUsual) return;
   const std::string delimiter = dialect.delimiter == '\t'  ? "tabs"
                                 : dialect.delimiter == ' ' ? "blanks"
                                                            : inQuotes({&dialect.delimiter, 1});

@@ -51,6 +51,13 @@ std::string roundedNumber(std::string_view cell, char decimalMark, KYRSignalData
       inQuotes(cell), typeName(type), type == Single ? 24 : 53);
 }
 
+std::string otherNumber(std::string_view cell) {
+  return fmt::format(
+      "holds {}, so the column is stored as text (--decimal sets the decimal mark; separators of "
+      "thousands are not read)",
+      inQuotes(cell));
+}
+
 std::string wrongTime(std::string_view cell, const TimeForm& form) {
   constexpr const char* kHint =
       "(--time NAME takes the times from another column, --no-time numbers the rows)";

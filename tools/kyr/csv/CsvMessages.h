@@ -32,6 +32,7 @@ inline constexpr const char* kRaggedHint =
 std::string wrongType(std::string_view cell, KYRSignalDataType type);
 /// \param type  one of fractions
 std::string roundedNumber(std::string_view cell, char decimalMark, KYRSignalDataType type);
+std::string otherNumber(std::string_view cell);
 inline constexpr const char* kNoUtf8 =
     "holds text that is not UTF-8 (--encoding latin1, or the name of another encoding, converts "
     "it)";

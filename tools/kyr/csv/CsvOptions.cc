@@ -113,11 +113,6 @@ CsvDialect givenDialect(const CsvOptions& options) {
   if (!options.delimiter.empty()) dialect.delimiter = delimiterCalled(options.delimiter);
   if (!options.decimal.empty()) dialect.decimalMark = options.decimal.front();
   if (!options.quote.empty()) dialect.quote = options.quote.front();
-  const bool isAmbiguous = !options.delimiter.empty() && dialect.delimiter == dialect.decimalMark;
-  if (isAmbiguous) {
-    throw UsageError(
-        fmt::format("--decimal {}: the same character separates the cells", dialect.decimalMark));
-  }
   dialect.missing = options.missing;
   if (options.ragged == "pad") dialect.ragged = RaggedRows::pad;
   if (options.ragged == "stop") dialect.ragged = RaggedRows::stop;

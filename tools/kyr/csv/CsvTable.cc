@@ -151,8 +151,11 @@ void CsvTable::takeCells(Column& column, const BlockValues& block, SampleSink& s
     column.misfit = placed(*cells.misfit);
     return;
   }
-  const bool hadNumbers = cells.hadNumbers || column.plan.kind > CellKind::empty;
-  if (cells.misfit && hadNumbers && !column.firstText) column.firstText = placed(*cells.misfit);
+  column.hasNumbers = column.hasNumbers || cells.hadNumbers;
+  if (cells.misfit && !column.firstText) {
+    column.hasNumbers = column.hasNumbers || column.plan.kind > CellKind::empty;
+    column.firstText = placed(*cells.misfit);
+  }
   changeKind(column, cells.kind, sink);
   if (column.isStale) return;
   if (cells.rounded && column.loss.empty()) {
@@ -225,19 +228,27 @@ void CsvTable::acceptColumns() {
       }
       continue;
     }
-    if (isText && column.firstText) {
-      header_.notes.push_back(fmt::format(
-          "warning: {} holds {}, which is no number, so the column is stored as text (--missing {} "
-          "takes it for an empty cell)",
-          describe(*column.firstText, described), inQuotes(column.firstText->cell),
-          inQuotes(column.firstText->cell)));
-    }
+    if (isText) noteText(column);
     if (!column.loss.empty()) losses_.push_back(column.loss);
     // A comma at the end of every line makes a column without name and content.
     const bool isNothing = !described.isGiven && column.plan.kind == CellKind::empty &&
                            text_.layout().names[described.place].empty();
     if (!isNothing) columns_.push_back(described);
   }
+}
+
+// Tells of a column that the user may take for one of numbers.
+void CsvTable::noteText(const Column& column) {
+  if (!column.firstText) return;
+  const std::string_view cell = trimmed(column.firstText->cell);
+  const bool isOther = isOtherNumber(cell, text_.dialect().decimalMark);
+  if (!isOther && !column.hasNumbers) return;
+  header_.notes.push_back(fmt::format(
+      "warning: {} {}", describe(*column.firstText, column.described),
+      isOther ? otherNumber(cell)
+              : fmt::format("holds {0}, which is no number, so the column is stored as text "
+                            "(--missing {0} takes it for an empty cell)",
+                            inQuotes(cell))));
 }
 
 void CsvTable::checkTypes() const {

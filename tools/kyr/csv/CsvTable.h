@@ -83,7 +83,8 @@ class CsvTable {
     bool isStale = false;     ///< whether they were of another type and dropped
     std::string loss;
     std::optional<CsvPlace> misfit;
-    std::optional<CsvPlace> firstText;  ///< of a column that holds numbers, too
+    bool hasNumbers = false;  ///< in a column of texts, whether some cells are none
+    std::optional<CsvPlace> firstText;
   };
 
   void readBlocks(SampleSink& sink, const Progress& progress);
@@ -99,6 +100,7 @@ class CsvTable {
   void startAgain(Column& column, SampleSink& sink);
   bool planNextPass();
   void acceptColumns();
+  void noteText(const Column& column);
   std::string describe(const CsvPlace& place, const CsvColumn& column) const;
 
   CsvText text_;

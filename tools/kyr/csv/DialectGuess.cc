@@ -38,22 +38,6 @@ double scoreOf(std::string_view text, const CsvDialect& dialect) {
   return share + (first == common ? 1 : 0);
 }
 
-// Semicolons and tabs hardly occur otherwise. Blanks do, so they come last.
-char guessDelimiter(std::string_view text, CsvDialect dialect) {
-  char best = dialect.decimalMark == ',' ? ';' : ',';
-  double most = 0;
-  for (const char delimiter : {';', '\t', '|', ','}) {
-    if (delimiter == dialect.decimalMark) continue;
-    dialect.delimiter = delimiter;
-    const double score = scoreOf(text, dialect);
-    if (score <= most) continue;
-    most = score;
-    best = delimiter;
-  }
-  dialect.delimiter = ' ';
-  return most == 0 && scoreOf(text, dialect) > 1 ? ' ' : best;
-}
-
 // Cells in single quotation marks, as many of which begin as end, in a text without any others.
 char guessQuote(std::string_view text) {
   if (text.find('"') != std::string_view::npos) return '"';
@@ -70,10 +54,12 @@ char guessQuote(std::string_view text) {
   return begins > 0 && begins == ends ? '\'' : '"';
 }
 
+// Where commas separate the cells, numbers with a decimal comma are in quotation marks. The comma
+// in "1,234" may separate thousands there, so it does not count.
 char guessDecimalMark(std::string_view text, const CsvDialect& dialect) {
-  if (dialect.delimiter == ',') return '.';
   CsvDialect german = dialect;
   german.decimalMark = ',';
+  const bool isUnclear = dialect.delimiter == ',' && dialect.decimalMark != ',';
   std::size_t commas = 0;
   std::size_t points = 0;
   std::vector<std::string> cells;
@@ -84,11 +70,29 @@ char guessDecimalMark(std::string_view text, const CsvDialect& dialect) {
     for (const std::string& cell : cells) {
       const bool hasComma = cell.find(',') != std::string::npos;
       const bool hasPoint = cell.find('.') != std::string::npos;
-      if (hasComma && isNumberCell(cell, german)) ++commas;
+      const bool isClear = !isUnclear || !hasThousands(trimmed(cell));
+      if (hasComma && isClear && isNumberCell(cell, german)) ++commas;
       if (hasPoint && isNumberCell(cell, dialect)) ++points;
     }
   }
   return commas > points ? ',' : '.';
+}
+
+// Semicolons and tabs hardly occur otherwise. Blanks do, so they come last.
+char guessDelimiter(std::string_view text, CsvDialect dialect) {
+  char best = dialect.decimalMark == ',' ? ';' : ',';
+  double most = 0;
+  for (const char delimiter : {';', '\t', '|', ','}) {
+    const bool isDecimal = delimiter == dialect.decimalMark;
+    dialect.delimiter = delimiter;
+    if (isDecimal && guessDecimalMark(text, dialect) != delimiter) continue;
+    const double score = scoreOf(text, dialect);
+    if (score <= most) continue;
+    most = score;
+    best = delimiter;
+  }
+  dialect.delimiter = ' ';
+  return most == 0 && scoreOf(text, dialect) > 1 ? ' ' : best;
 }
 
 }  // namespace

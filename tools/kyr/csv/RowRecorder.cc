@@ -9,6 +9,7 @@
 #include "cli/Output.h"
 #include "cli/Text.h"
 #include "csv/CsvMessages.h"
+#include "csv/DialectGuess.h"
 
 namespace kyr::tool {
 
@@ -19,17 +20,14 @@ RowRecorder::RowRecorder(recording::LiveRecording& live, std::string source, Csv
       dialect_(std::move(dialect)),
       header_(std::move(header)),
       storesTexts_(storesTexts),
-      strictness_(strictness) {}
-
-void RowRecorder::begin() {
-  if (columns_.empty()) makeSignals();
+      strictness_(strictness) {
+  makeSignals();
 }
 
 void RowRecorder::makeSignals() {
   for (CsvColumn& described : header_.columns) {
     if (isLeftOut(described)) continue;
     Column& column = columns_.emplace_back();
-    described.type = typeOf(described);
     if (described.type != ByteString) column.parser.emplace(described.type, dialect_.decimalMark);
     column.width = parquet::elementWidth(described.type);
     recording::SignalDescription description;
@@ -44,27 +42,10 @@ void RowRecorder::makeSignals() {
 }
 
 bool RowRecorder::isLeftOut(const CsvColumn& column) const {
-  if (storesTexts_ || column.isGiven || typeOf(column) != ByteString) return false;
+  if (storesTexts_ || column.isGiven || column.type != ByteString) return false;
   tell(fmt::format("{}: column {} is left out, because it holds text", source_,
                    inQuotes(column.name)));
   return true;
-}
-
-KYRSignalDataType RowRecorder::typeOf(const CsvColumn& column) const {
-  if (column.isGiven || column.place >= cells_.size()) return column.type;
-  const std::string_view cell = trimmed(cells_[column.place]);
-  if (isMissing(dialect_, cell)) return Double;
-  constexpr std::int64_t kExactEnd = std::int64_t{1} << 53U;
-  std::int64_t number = 0;
-  if (parseInteger(cell, number)) {
-    return number > -kExactEnd && number < kExactEnd ? Double : Int64;
-  }
-  std::uint64_t positive = 0;
-  if (parseInteger(cell, positive)) return UInt64;
-  bool isTrue = false;
-  if (parseTruthValue(cell, isTrue)) return Boolean;
-  double value = 0;
-  return parseReal(cell, dialect_.decimalMark, value) == CellFit::none ? ByteString : Double;
 }
 
 // Fills rows up that are to be padded.
@@ -91,7 +72,6 @@ bool RowRecorder::add(const CsvRow& row) {
     refuse(row.isUnclosed ? line : line + kRaggedHint, skippedRows_);
     return true;
   }
-  begin();
   if (!takeTime(row)) return true;
   for (Column& column : columns_) takeCell(row, column);
   for (Column& column : columns_) {
@@ -182,8 +162,30 @@ void RowRecorder::takeText(const CsvRow& row, Column& column) {
     const std::string place = describePlace(source_, row.line, column.described.name) + " ";
     return refuse(place + kNoUtf8, skippedCells_);
   }
+  noteNumber(row, column);
   column.sample.assign(cell.begin(), cell.end());
   column.hasSample = true;
+}
+
+// The user may have wanted numbers, of which the first rows have none.
+void RowRecorder::noteNumber(const CsvRow& row, Column& column) const {
+  const std::string_view cell = trimmed(cells_[column.described.place]);
+  if (column.described.isGiven || column.isNumberTold || isMissing(dialect_, cell)) return;
+  const bool isNumber = isNumberCell(cell, dialect_);
+  const bool isFirst = column.firstText.empty();
+  if (isFirst) column.firstText = cell;
+  const bool isOther = !isNumber && isFirst && isOtherNumber(cell, dialect_.decimalMark);
+  if (!isNumber && !isOther) return;
+  const std::string& name = column.described.name;
+  const std::string first = inQuotes(column.firstText);
+  tell(fmt::format(
+      "warning: {} {}", describePlace(source_, row.line, name),
+      isOther ? otherNumber(cell)
+              : fmt::format("holds the number {}, but the column is stored as text, because it "
+                            "begins with {} (--missing {} takes that for an empty cell, --type "
+                            "{}=double wants numbers)",
+                            inQuotes(cell), first, first, name)));
+  column.isNumberTold = true;
 }
 
 // Counts what cannot be stored, or throws.

@@ -17,9 +17,9 @@ namespace kyr::tool {
 
 /// Appends CSV rows to a live recording, sample by sample.
 ///
-/// A column without a given type gets its type from the first row, because its samples are stored
-/// at once: boolean for true and false, int64 or uint64 for an integer of 2^53 or more, ByteString
-/// for a text, else double. The first number of a column that is rounded is told on standard error.
+/// Samples are stored at once, so the columns have their types before the first row. The first
+/// number of a column that is rounded is told on standard error, and so is the first number of a
+/// column whose first values are texts.
 class RowRecorder {
  public:
   enum class Strictness {
@@ -28,7 +28,9 @@ class RowRecorder {
     exact,     ///< throw for numbers that are rounded, too
   };
 
+  /// Makes the signals.
   /// \param source  what messages call the input
+  /// \param header  with the types of all columns
   RowRecorder(recording::LiveRecording& live, std::string source, CsvDialect dialect,
               CsvHeader header, bool storesTexts, Strictness strictness);
 
@@ -36,9 +38,6 @@ class RowRecorder {
   /// \return false if the text ends before the row, because it has another number of cells
   /// \throws std::runtime_error naming line and column of what cannot be stored
   bool add(const CsvRow& row);
-
-  /// Makes the signals if no row has come so far.
-  void begin();
 
   std::uint64_t rows() const { return rows_; }
 
@@ -52,18 +51,20 @@ class RowRecorder {
     std::shared_ptr<parquet::StreamableSignal> signal;
     std::size_t width = 0;
     bool isRoundingTold = false;
+    bool isNumberTold = false;  ///< whether a number in a column of texts was told
+    std::string firstText;
     bool hasSample = false;
     std::vector<char> sample;
   };
 
   void makeSignals();
-  KYRSignalDataType typeOf(const CsvColumn& column) const;
   bool isLeftOut(const CsvColumn& column) const;
   bool hasRightWidth(const CsvRow& row);
   bool takeTime(const CsvRow& row);
   std::optional<double> readTime(const CsvRow& row, std::string_view cell);
   void takeCell(const CsvRow& row, Column& column);
   void takeText(const CsvRow& row, Column& column);
+  void noteNumber(const CsvRow& row, Column& column) const;
   void refuse(const std::string& what, std::uint64_t& count);
   void noteRounding(const std::string& what, bool& isTold) const;
 
