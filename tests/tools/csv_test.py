@@ -195,6 +195,21 @@ class Kinds(ToolTest):
             self.assertEqual((result.stdout, result.stderr.count("\n")), ("", 1))
             self.assertIn("infinite", result.stderr)
 
+    def test_unusual_numbers(self):
+        for content, values in (("time,a\n0,0x1F\n1,0xFFFFFFFFFFFFFFFF\n", ["31", str(2**64 - 1)]),
+                                ("time,a,\n0,+1,\n1,.5,\n2,5.,\n3,1E-3,\n",
+                                 ["1", "0.5", "5", "0.001"])):
+            for command in ("import", "record"):
+                told = self.run_tool(command, self.write(content), "rec", "--force").stderr
+                self.assertEqual(told, "")
+                self.assertEqual([row[1:] for row in rows_of(self.cat())[1:]],
+                                 [[value] for value in values])
+        rows = "".join(f"{i},1,\n" for i in range(150))
+        self.fails("record", self.write(f"time,a,\n{rows}150,2,5\n"), "rec", "-f",
+                   says=["line 152", '"5"', "column 3=double"])
+        told = self.store("time,a\n1700000000123,1\n").stderr
+        self.assertIn("1700000000123 s (--time-unit ms", told)
+
     def test_names_in_a_comment(self):
         for content in ("# time, a\n0,1\n1,2\n", "% time a\n0 1\n1 2\n"):
             self.assertIn("comment", self.store(content).stderr)
@@ -287,6 +302,14 @@ class Refusals(ToolTest):
                 ("time [ms],a\n0,1\nx,2\n", [], ["line 3", '"time"', "--time-format"]),
                 ("time,a\n3024-05-01,1\n", ["--time-format", "iso"], ["line 2", "1678 to 2261"]),
                 ("time,a\n10:00:00,1\n10:60:00,2\n", [], ["line 3", "hh:mm:ss"]),
+                ("time,a\n2024-05-01T10:00:00Z,1\n2024-05-01T10:00:01,2\n", [],
+                 ["line 3", '"time"', "no zone"]),
+                ("Run 5, of May\n\ntime,a\n0,1\n1,2\n", [], ["line 3", '"time"', "--header"]),
+                ("time,a\n0,1\n1,2\n".encode("utf-16-le"), [], ["line 1", "--encoding"]),
+                ("time,a\n0,1\n", ["--time", "t"], ["no column", '"t"', '"time", "a"']),
+                ("time,a\n0,1\n", ["--type", "b=int8"], ["no signal", '"b"', '"a"']),
+                ("time,a\n0,1\ninf,2\n", [], ["line 3", '"time"', "finite", "--no-time"]),
+                ("\n\n", [], ["in.csv is empty"]),
                 ("time,a\n01.02.2024,1\n", ["--time-format", "%Y-%m-%d"], ["line 2", "%Y-%m-%d"]),
                 ("time,a\n1,1\n0,2\n", [], ["line 3", "decrease", "--no-time"]),
                 ("time,a\n1,1\n,2\n", [], ["line 3", "needs a time", "--time"]),
@@ -301,11 +324,19 @@ class Refusals(ToolTest):
                     for part in says:
                         self.assertIn(part, result.stderr)
 
+        self.fails("import", self.write('time,a\n0,1\n1,"2\n'), "other",
+                   says=["line 3", "not closed"])
+        self.fails("record", self.write('time,a\n0,1\n1,"2' + "x" * (17 << 20)), "new", "-f",
+                   says=["line 3", "16 MiB", "kyr import"])
+
     def test_losses_are_told_and_refused_by_strict(self):
         for content, says in (
                 ("time,a\n0,1e400\n1,2\n", ["line 2", '"a"', "infinite"]),
                 ("time_ns,a\n1700000000000000000,1\n1900000000000000001,2\n",
                  ["line 3", '"time_ns"', "rounded"]),
+                ("time,a\n0,1\n1,1e-400\n", ["line 3", '"a"', "stored as 0"]),
+                ("time,a\n1700000000.123456789,1\n1700000000.2,2\n",
+                 ["line 2", '"time"', "rounded", "--time-format unix"]),
                 ("time,a\n0,0.5\n1,9007199254740993\n", ["line 3", '"a"', "rounded"])):
             for command in ("import", "record"):
                 with self.subTest(content, command=command):

@@ -243,6 +243,9 @@ int runRecord(const RecordOptions& options) {
   for (CsvColumn& column : header.columns) {
     if (!column.isGiven) column.type = sampledType(layout, column.place);
   }
+  if (header.columns.size() > 1 && !header.columns.back().isGiven && isLastColumnNothing(layout)) {
+    header.columns.pop_back();
+  }
   tellNotes(header.notes, options.isQuiet);
   if (!layout.isHeaderEnded) {
     warnOfUnendedLine(stream.name(), stream.line(), "so a name may be cut off");

@@ -308,6 +308,10 @@ class BlockReader {
       values_.times.indistinct = values_.rows;
     }
     lastTime_ = cell;
+    const bool isRounded = cells.kind == CellKind::real && !cells.rounded &&
+                           plans_[timeColumn_].timeForm == nullptr &&
+                           isRoundedSecond(cell, dialect_.decimalMark);
+    if (isRounded) cells.rounded = values_.rows;
   }
 
   std::string textOf(std::string_view cell) {

@@ -55,7 +55,10 @@ CellFit parseAsReal(std::string_view text, char decimalMark, T& value) {
   }
   // Arrow takes numbers that are too large for infinite ones, which have no digits.
   if (std::isinf(value) && std::any_of(text.begin(), text.end(), isDigit)) return CellFit::tooLarge;
-  return isRoundedInteger(text, value) ? CellFit::rounded : CellFit::exact;
+  const bool isTooSmall =
+      value == 0 &&
+      text.substr(0, text.find_first_of("eE")).find_first_of("123456789") != std::string_view::npos;
+  return isTooSmall || isRoundedInteger(text, value) ? CellFit::rounded : CellFit::exact;
 }
 
 bool equalsIgnoringCase(std::string_view text, std::string_view lower) {

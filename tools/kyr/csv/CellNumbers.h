@@ -12,7 +12,7 @@ namespace kyr::tool {
 /// How a type holds the number in a cell.
 enum class CellFit {
   exact,     ///< also for fractions: they have the nearest value
-  rounded,   ///< an integer to which the nearest value of the type is not equal
+  rounded,   ///< an integer that the type does not have, or a number so small that 0 is nearest
   tooLarge,  ///< a number beyond a type of fractions; its value is infinite
   none,      ///< the cell holds no value of the type
 };

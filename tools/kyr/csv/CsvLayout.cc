@@ -10,6 +10,7 @@
 #include "csv/CsvMessages.h"
 #include "csv/CsvTokenizer.h"
 #include "csv/DialectGuess.h"
+#include "csv/TimeColumn.h"
 #include "csv/TimeStamps.h"
 #include "kyr/platform/Path.h"
 
@@ -118,6 +119,11 @@ SampleRows readRows(std::string_view text, bool isWhole, const CsvDialect& diale
 void requireReadable(const std::string& source, const CsvRow& row) {
   const std::string line = describeLine(source, row.line);
   if (row.isUnclosed) throw std::runtime_error(line + ": " + kUnclosedQuote);
+  if (row.text.find('\0') != std::string_view::npos) {
+    throw std::runtime_error(line +
+                             ": the header holds zero bytes, as those of UTF-16 do "
+                             "(--encoding utf-16le, or the name of another encoding, converts it)");
+  }
   try {
     static_cast<void>(toUtf16(row.text));
   } catch (const std::invalid_argument&) {
@@ -142,7 +148,8 @@ bool hasUnits(const SampleRows& rows, const CsvDialect& dialect) {
   const std::vector<std::string>& cells = rows[1].cells;
   if (hasValue(rows[1], dialect) || !hasValue(rows[2], dialect)) return false;
   const auto isUnit = [](const std::string& cell) {
-    return cell.size() <= kLongestUnit && cell.find_first_of(",;\"") == std::string::npos;
+    return !isTimeName(cell) && cell.size() <= kLongestUnit &&
+           cell.find_first_of(",;\"") == std::string::npos;
   };
   // A column of text has text in both rows.
   for (std::size_t i = 0; i < cells.size() && i < rows[2].cells.size(); ++i) {

@@ -8,6 +8,7 @@
 
 #include "cli/Text.h"
 #include "csv/CellNumbers.h"
+#include "csv/TimeStamps.h"
 #include "print/TypeNames.h"
 
 namespace kyr::tool {
@@ -46,6 +47,14 @@ std::string roundedNumber(std::string_view cell, char decimalMark, KYRSignalData
     return fmt::format("holds {}, which is stored as infinite, because {} has no number so large",
                        inQuotes(cell), typeName(type));
   }
+  if (value == 0 || (type == Single && static_cast<float>(value) == 0)) {
+    return fmt::format("holds {}, which is stored as 0, because {} has no number so small",
+                       inQuotes(cell), typeName(type));
+  }
+  constexpr double kModern = 1e9;  // [s], in September 2001
+  if (cell.find(decimalMark) != std::string_view::npos) {
+    return roundedTime(cell) + (value >= kModern ? " (--time-format unix keeps them)" : "");
+  }
   return fmt::format(
       "holds {}, which is rounded, because {} holds integers exactly up to 2^{} only",
       inQuotes(cell), typeName(type), type == Single ? 24 : 53);
@@ -60,9 +69,14 @@ std::string otherNumber(std::string_view cell) {
 
 std::string wrongTime(std::string_view cell, const TimeForm& form) {
   constexpr const char* kHint =
-      "(--time NAME takes the times from another column, --no-time numbers the rows)";
+      "(--time NAME takes the times from another column, --no-time numbers the rows, --header LINE "
+      "tells which line has the names)";
   switch (form.kind) {
     case TimeForm::Kind::iso:
+      if (parseIso(cell)) {
+        return fmt::format("holds {}, which has {} zone, other than the first time", inQuotes(cell),
+                           form.hasZone ? "no" : "a");
+      }
       return fmt::format(
           "holds {}, which is no time as ISO 8601 has it, of the years 1678 to 2261 (--time-format "
           "reads others)",

@@ -83,11 +83,10 @@ bool CsvStream::takeRow(CsvRow& row) {
 }
 
 std::optional<std::int64_t> CsvStream::unfinishedLine() const {
-  CsvRow row;
-  if (!CsvRows(std::string_view(buffer_).substr(begin_), dialect_, line_).next(row)) {
-    return std::nullopt;
-  }
-  return row.line;
+  CsvRows rows(std::string_view(buffer_).substr(begin_), dialect_, line_);
+  std::optional<std::int64_t> line;
+  for (CsvRow row; rows.next(row);) line = row.line;
+  return line;
 }
 
 // Returns whether there is more to look at.
@@ -95,7 +94,10 @@ bool CsvStream::fill(std::chrono::milliseconds patience) {
   buffer_.erase(0, begin_);
   begin_ = 0;
   if (buffer_.size() > kMaxRowBytes) {
-    throw std::runtime_error(describeLine(name_, line_) + ": the row has no end");
+    throw std::runtime_error(describeLine(name_, unfinishedLine().value_or(line_)) +
+                             ": a row is longer than 16 MiB, the most that kyr record takes (a "
+                             "quotation mark may not be "
+                             "closed; kyr import takes longer rows)");
   }
   if (!waitForMore(patience)) return false;
   piece_.resize(kPieceBytes);

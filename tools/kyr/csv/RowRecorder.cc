@@ -20,7 +20,9 @@ RowRecorder::RowRecorder(recording::LiveRecording& live, std::string source, Csv
       dialect_(std::move(dialect)),
       header_(std::move(header)),
       storesTexts_(storesTexts),
-      strictness_(strictness) {
+      strictness_(strictness),
+      isLastUnknown_(header_.timePlace != header_.width - 1 &&
+                     header_.columns.back().place != header_.width - 1) {
   makeSignals();
 }
 
@@ -72,6 +74,12 @@ bool RowRecorder::add(const CsvRow& row) {
     refuse(row.isUnclosed ? line : line + kRaggedHint, skippedRows_);
     return true;
   }
+  if (isLastUnknown_ && !trimmed(cells_.back()).empty()) {
+    refuse(fmt::format("{}: the last cell holds {}, but its column has no name, and was empty in "
+                       "the first rows (--type \"column {}=double\" records it)",
+                       describeLine(source_, row.line), inQuotes(cells_.back()), header_.width),
+           skippedCells_);
+  }
   if (!takeTime(row)) return true;
   for (Column& column : columns_) takeCell(row, column);
   for (Column& column : columns_) {
@@ -121,7 +129,7 @@ std::optional<double> RowRecorder::readTime(const CsvRow& row, std::string_view 
     double time = 0;
     const CellFit fit = parseReal(cell, dialect_.decimalMark, time);
     if (fit == CellFit::none) return std::nullopt;
-    if (fit == CellFit::rounded) {
+    if (fit == CellFit::rounded || isRoundedSecond(cell, dialect_.decimalMark)) {
       noteRounding(place + roundedNumber(cell, dialect_.decimalMark, Double), isTimeRoundingTold_);
     }
     return time;

@@ -30,7 +30,7 @@ class RowRecorder {
 
   /// Makes the signals.
   /// \param source  what messages call the input
-  /// \param header  with the types of all columns
+  /// \param header  with the types of all columns; the last column may be left out if it is empty
   RowRecorder(recording::LiveRecording& live, std::string source, CsvDialect dialect,
               CsvHeader header, bool storesTexts, Strictness strictness);
 
@@ -74,6 +74,7 @@ class RowRecorder {
   CsvHeader header_;
   bool storesTexts_;
   Strictness strictness_;
+  bool isLastUnknown_;  // whether the last column was left out
   std::vector<Column> columns_;
   std::vector<std::string> cells_;
   double time_ = 0;

@@ -30,27 +30,40 @@ bool isTruthValue(const std::string& cell) {
   return parseTruthValue(cell, isTrue);
 }
 
-}  // namespace
-
-KYRSignalDataType sampledType(const CsvLayout& layout, std::size_t place) {
+std::vector<std::string> valuesOf(const CsvLayout& layout, std::size_t place) {
   std::vector<std::string> cells;
   for (const std::vector<std::string>& row : layout.rows) {
     if (place < row.size() && !isMissing(layout.dialect, row[place])) cells.push_back(row[place]);
   }
-  const auto isNumber = [&](const std::string& cell) { return isNumberCell(cell, layout.dialect); };
+  return cells;
+}
+
+}  // namespace
+
+KYRSignalDataType sampledType(const CsvLayout& layout, std::size_t place) {
+  std::vector<std::string> cells = valuesOf(layout, place);
   const auto all = [&](const auto& holds) {
     return std::all_of(cells.begin(), cells.end(), holds);
   };
-  if (!cells.empty() && !isNumber(cells[0]) && !isTruthValue(cells[0])) return ByteString;
-  // A text further down is refused when its row comes.
-  const auto isOther = [&](const std::string& cell) {
-    return !isNumber(cell) && !isTruthValue(cell);
+  const auto isDecimal = [&](const std::string& cell) {
+    return isNumberCell(cell, layout.dialect);
   };
-  cells.erase(std::remove_if(cells.begin(), cells.end(), isOther), cells.end());
-  if (all(isSmallInteger)) return Double;
+  // Integers may be hexadecimal, too.
+  const auto isText = [&](const std::string& cell) {
+    return !isDecimal(cell) && !isInteger<std::int64_t>(cell) && !isInteger<std::uint64_t>(cell) &&
+           !isTruthValue(cell);
+  };
+  if (!cells.empty() && isText(cells[0])) return ByteString;
+  // A text further down is refused when its row comes.
+  cells.erase(std::remove_if(cells.begin(), cells.end(), isText), cells.end());
+  if (all(isSmallInteger) && all(isDecimal)) return Double;
   if (all(isInteger<std::int64_t>)) return Int64;
   if (all(isInteger<std::uint64_t>)) return UInt64;
   return all(isTruthValue) ? Boolean : Double;
+}
+
+bool isLastColumnNothing(const CsvLayout& layout) {
+  return layout.names.back().empty() && valuesOf(layout, layout.names.size() - 1).empty();
 }
 
 }  // namespace kyr::tool

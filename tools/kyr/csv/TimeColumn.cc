@@ -138,16 +138,33 @@ void chooseUnit(const std::string& source, const std::string& given, const CsvOp
   }
 }
 
+// Tells of seconds that are moments of this century if they are taken for a smaller unit.
+void noteLargeTimes(const std::string& source, const CsvLayout& layout, const TimeForm& form,
+                    const std::string& cell, std::vector<std::string>& notes) {
+  constexpr double kFirst = 1e9;   // [s], in September 2001
+  constexpr double kLast = 4.1e9;  // [s], in December 2099
+  const auto first = form.seconds(cell, layout.dialect.decimalMark);
+  if (!form.isPlain() || !first) return;
+  double scale = 1;
+  for (const char* unit : {"ms", "us", "ns"}) {
+    scale *= 1000;
+    if (*first < kFirst * scale || *first > kLast * scale) continue;
+    notes.push_back(fmt::format(
+        "warning: {}: the times begin at {} s (--time-unit {} reads them as times since 1970)",
+        source, cell, unit));
+  }
+}
+
 // The origin is the whole second of the first time.
 void chooseOrigin(const CsvLayout& layout, std::size_t place, TimeForm& form) {
   if (!form.isAbsolute()) return;
   for (const std::vector<std::string>& row : layout.rows) {
     if (place >= row.size()) continue;
+    if (const auto stamp = parseIso(row[place])) form.hasZone = stamp->hasZone;
     const auto first = form.nanoseconds(row[place], layout.dialect.decimalMark);
     if (!first) continue;
     const std::int64_t fraction = *first % kNanoseconds;
     form.origin = *first - fraction - (fraction < 0 ? kNanoseconds : 0);
-    if (form.kind == TimeForm::Kind::iso) form.hasZone = parseIso(row[place])->hasZone;
     break;
   }
   if (form.kind == TimeForm::Kind::sinceUnix) form.hasZone = true;
@@ -157,6 +174,12 @@ void chooseOrigin(const CsvLayout& layout, std::size_t place, TimeForm& form) {
 }
 
 }  // namespace
+
+bool isTimeName(const std::string& header) {
+  constexpr int kSure = 2;
+  std::string unit;
+  return rankOf(header, unit) >= kSure;
+}
 
 TimeColumn findTimeColumn(const std::string& source, const CsvLayout& layout,
                           const CsvOptions& options, std::vector<std::string>& notes) {
@@ -182,6 +205,9 @@ TimeColumn findTimeColumn(const std::string& source, const CsvLayout& layout,
   const bool isFree = options.timeFormat.empty() && column.form.kind == TimeForm::Kind::number;
   if (isFree && isMoment(column.form, cell, layout.dialect.decimalMark)) {
     column.form.kind = TimeForm::Kind::sinceUnix;
+  }
+  if (isFree && options.timeUnit.empty() && unit.empty()) {
+    noteLargeTimes(source, layout, column.form, cell, notes);
   }
   chooseOrigin(layout, column.place, column.form);
   if (column.form.isAbsolute()) {

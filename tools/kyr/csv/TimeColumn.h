@@ -17,6 +17,9 @@ struct TimeColumn {
   TimeForm form;
 };
 
+/// Whether a header surely names a column of times.
+bool isTimeName(const std::string& header);
+
 /// Finds the time column of a text.
 /// \param notes  gets a sentence each on what the user may not expect
 /// \throws std::runtime_error if there is no column as the options name it

@@ -98,6 +98,7 @@ std::optional<std::int64_t> TimeForm::nanoseconds(std::string_view text, char de
   switch (kind) {
     case Kind::iso:
       stamp = parseIso(text);
+      if (stamp && stamp->hasZone != hasZone) return std::nullopt;
       break;
     case Kind::pattern:
       stamp = parseByPattern(std::string(text), pattern);
@@ -154,6 +155,14 @@ bool TimeForm::isExact(std::int64_t nanoseconds) const {
   return std::round(read * static_cast<long double>(scale)) ==
          static_cast<long double>(whole) * static_cast<long double>(scale) +
              static_cast<long double>(digits);
+}
+
+bool isRoundedSecond(std::string_view text, char decimalMark) {
+  constexpr std::size_t kExact = 16;  // characters, with the decimal mark
+  if (text.size() <= kExact) return false;
+  const TimeForm plain;
+  const auto nanoseconds = plain.nanoseconds(text, decimalMark);
+  return nanoseconds && !plain.isExact(*nanoseconds);
 }
 
 std::string TimeForm::start() const { return formatIso({origin, hasZone}); }

@@ -60,4 +60,8 @@ struct TimeForm {
   std::string start() const;
 };
 
+/// Whether no double has all digits of a number of seconds with a fraction of nine digits or less.
+/// Longer fractions are those of doubles that were printed with more digits than they have.
+bool isRoundedSecond(std::string_view text, char decimalMark);
+
 }  // namespace kyr::tool
