@@ -183,7 +183,7 @@ class Kinds(ToolTest):
                     scale = 1000 if "e3" in content else 1
                     self.assertEqual(found, [[0, scale], [1, 2 * scale]])
         for options, says in ((["--delimiter", "ab"], "one character"),
-                              (["--decimal", "x"], "give"),
+                              (["--decimal", "x"], "give"), (["--skip", "-1"], "from 0 on"),
                               (["--no-time", "--time", "t"], "not both"),
                               (["--ragged", "x"], "give"), (["--time-unit", "year"], "give")):
             self.fails("import", "in.csv", "new", *options, says=[says], exit_code=2)

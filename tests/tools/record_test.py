@@ -216,6 +216,7 @@ class WhileItRuns(RecordTest):
         self.fails("export", "rec", "out.csv", says=["still being recorded"])
         process.kill()
         process.wait()
+        self.fails("import", "in.csv", "rec", "--force", says=["not finished", "kyr recover rec"])
         self.assertIn("not finished: kyr recover rec", self.run_tool("info", "rec").stdout)
         self.assertEqual(self.cat(), "time,a [m],b\n0,1,\n1,2,3\n")
         self.fails("cat", "rec", "--follow", says=["kyr recover rec"])

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <set>
 #include <system_error>
 
@@ -56,6 +57,17 @@ CLI::Validator isAboveZero() {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     const bool isNumber = error == std::errc() && end == text.data() + text.size();
     return isNumber && number > 0 ? std::string() : "give a number above 0, not " + text;
+  };
+  return {check, ""};
+}
+
+// CLI11 takes -1 for the largest number without a sign.
+CLI::Validator isCount() {
+  const auto check = [](const std::string& text) {
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool isNumber = error == std::errc() && end == text.data() + text.size();
+    return isNumber ? std::string() : "give a whole number from 0 on, not " + text;
   };
   return {check, ""};
 }

@@ -56,6 +56,15 @@ void checkNewRecording(const std::string& folder, bool replaces) {
   }
 }
 
+void checkSavedRecording(const std::string& folder, bool replaces) {
+  checkNewRecording(folder, replaces);
+  if (!recording::isLiveRecording(Path::fromFilesystem(wholePath(folder)))) return;
+  throw std::runtime_error(
+      fmt::format("{} is a recording that is not finished, and is not replaced (kyr recover {} "
+                  "finishes it): {}",
+                  folder, folder, kChooseAnother));
+}
+
 std::vector<fs::path> replacedRecordings(const std::string& folder) {
   const fs::path path = wholePath(folder);
   const std::string start = path.filename().string() + kReplacedInfix;

@@ -15,6 +15,10 @@ bool isRecording(const std::filesystem::path& folder);
 /// \throws UsageError, std::runtime_error if no recording can be made there
 void checkNewRecording(const std::string& folder, bool replaces);
 
+/// The same for commands that save a finished recording, which takes the place of no other than a
+/// finished one.
+void checkSavedRecording(const std::string& folder, bool replaces);
+
 /// The older recordings that processes left beside \p folder when they were killed while a
 /// ReplacedRecording lived.
 std::vector<std::filesystem::path> replacedRecordings(const std::string& folder);

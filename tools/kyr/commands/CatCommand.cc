@@ -97,9 +97,11 @@ void addCatCommand(CLI::App& app, Action& action) {
   addWindowOptions(*command, options->window)->excludes(follow);
   CLI::Option* head = command->add_option("-n,--head", options->head, "Print the first N rows")
                           ->type_name("N")
+                          ->check(isCount())
                           ->excludes(follow);
   command->add_option("--tail", options->tail, "Print the last N rows")
       ->type_name("N")
+      ->check(isCount())
       ->excludes(head)
       ->excludes(follow);
   command

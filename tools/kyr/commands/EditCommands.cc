@@ -82,7 +82,7 @@ bool isWhole(const RecordingReader& reader, int id, const std::vector<RowRange>&
 int runCut(const EditOptions& options) {
   const Window window = windowOf(options.window);
   const bool hasWindow = options.window.from || options.window.to;
-  checkNewRecording(options.folder, options.replaces);
+  checkSavedRecording(options.folder, options.replaces);
   allowManyFiles();
   const RecordingReader reader = openFinished(options.first);
   const auto signals = chosenSignals(reader, options.signals, options.first);
@@ -120,7 +120,7 @@ void requireSameKindOfTimes(const RecordingReader& first, const RecordingReader&
 }
 
 int runMerge(const EditOptions& options) {
-  checkNewRecording(options.folder, options.replaces);
+  checkSavedRecording(options.folder, options.replaces);
   allowManyFiles();
   const RecordingReader first = openFinished(options.first);
   const RecordingReader second = openFinished(options.second);
@@ -172,7 +172,7 @@ void requireLater(const RecordingReader& first, int id, const RecordingReader& s
 }
 
 int runAppend(const EditOptions& options) {
-  checkNewRecording(options.folder, options.replaces);
+  checkSavedRecording(options.folder, options.replaces);
   allowManyFiles();
   const RecordingReader first = openFinished(options.first);
   const RecordingReader second = openFinished(options.second);

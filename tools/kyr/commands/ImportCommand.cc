@@ -59,7 +59,7 @@ void importCsv(const ImportOptions& options) {
   applySettings(options.settings);
   requireSharedTimes();
   const Path folder = Path::fromNarrow(options.folder);
-  checkNewRecording(options.folder, options.replaces);
+  checkSavedRecording(options.folder, options.replaces);
   CsvTable table(options.file, options.csv);
   // Beside the recording, which can then share the files.
   const auto storage = recording::WorkingFolder::beside(folder);

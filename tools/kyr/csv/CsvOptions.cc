@@ -54,6 +54,7 @@ void addLayoutOptions(CLI::App& command, CsvOptions& options) {
       ->excludes(header);
   command.add_option("--skip", options.skippedLines, "Leave out the first N lines")
       ->type_name("N")
+      ->check(isCount())
       ->excludes(header);
 }
 
