@@ -22,6 +22,11 @@ class Selection(ToolTest):
                 self.assertEqual(self.cat(*arguments).splitlines()[0], "time," + header)
         self.fails("cat", "rec", "a", "c", says=['"c"', "kyr info"])
 
+    def test_no_key_of_an_object_is_there_twice(self):
+        self.store("time,time,a\n0,1,2\n")
+        self.assertEqual(self.cat(), "time,time,a\n0,1,2\n")
+        self.assertEqual(self.cat("--format", "ndjson"), '{"time":0,"time (id 0)":1,"a":2}\n')
+
     def test_only_the_files_of_the_signals_are_read(self):
         files = {s["name"]: s["dataFile"] for s in self.info()["signals"]}
         (self.folder / "rec" / "storage" / str(files["b"])).unlink()
@@ -47,7 +52,7 @@ class Windows(ToolTest):
         self.store("time,a\n0,1\n")
         for arguments in (("--rows", "1"), ("--rows", "2:1"), ("--rows", "-1:2"), ("--rows", "a:b"),
                           ("--from", "2", "--to", "1"), ("--from", "nan"), ("--from", "x"),
-                          ("--from", "1", "--rows", "1:2")):
+                          ("--from", "1", "--rows", "1:2"), ("--head", "-1"), ("--tail", "1.5")):
             with self.subTest(arguments):
                 self.fails("cat", "rec", *arguments, says=[arguments[0]], exit_code=2)
 

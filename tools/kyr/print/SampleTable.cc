@@ -146,7 +146,8 @@ std::vector<TimeWalk> SampleTable::walks(const Window& window, std::size_t block
   return walks;
 }
 
-// Signals of the same name get their ids behind it.
+// Signals of the same name get their ids behind it. So does a signal called time, where its name is
+// a key in JSON. In CSV its column comes back as it was imported.
 std::vector<std::string> SampleTable::headerNames() const {
   std::vector<std::string> names{hasCounts_ ? "row" : "time"};
   std::map<std::string, std::set<int>> users;
@@ -155,7 +156,8 @@ std::vector<std::string> SampleTable::headerNames() const {
   }
   for (const SignalInfo& signal : signals_) {
     std::string name = joinHeader(signal.name, signal.unit);
-    if (users[name].size() > 1) name = fmt::format("{} (id {})", name, signal.signalId);
+    if (users[name].size() > 1 || (format_ && name == names.front()))
+      name = fmt::format("{} (id {})", name, signal.signalId);
     names.push_back(isTerminal() ? singleLine(name) : name);
   }
   return names;
