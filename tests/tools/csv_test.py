@@ -310,6 +310,7 @@ class Refusals(ToolTest):
                 ("time,a\n0,1\n", ["--type", "b=int8"], ["no signal", '"b"', '"a"']),
                 ("time,a\n0,1\ninf,2\n", [], ["line 3", '"time"', "finite", "--no-time"]),
                 ("\n\n", [], ["in.csv is empty"]),
+                ("time,a\n0,x\n", ["--text", "skip"], ["no column is left", "--text store"]),
                 ("time,a\n01.02.2024,1\n", ["--time-format", "%Y-%m-%d"], ["line 2", "%Y-%m-%d"]),
                 ("time,a\n1,1\n0,2\n", [], ["line 3", "decrease", "--no-time"]),
                 ("time,a\n1,1\n,2\n", [], ["line 3", "needs a time", "--time"]),

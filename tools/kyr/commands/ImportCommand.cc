@@ -19,6 +19,7 @@
 #include "cli/Text.h"
 #include "commands/Commands.h"
 #include "csv/ColumnStore.h"
+#include "csv/CsvMessages.h"
 #include "kyr/parquet/SignalPool.h"
 #include "kyr/recording/Recording.h"
 #include "kyr/recording/WorkingFolder.h"
@@ -71,8 +72,7 @@ void importCsv(const ImportOptions& options) {
   bar.hide();
   tellAll(table, options);
   if (table.columns().empty()) {
-    throw std::runtime_error(options.file +
-                             ": no column is left to store (--text store keeps columns of text)");
+    throw std::runtime_error(options.file + kNothingLeft);
   }
   table.checkTypes();
   std::vector<recording::SignalDescription> descriptions;

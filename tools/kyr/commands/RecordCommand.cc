@@ -233,6 +233,21 @@ std::unique_ptr<recording::LiveRecording> startRecording(const RecordOptions& op
   return live;
 }
 
+// The first rows decide on what the user did not give.
+void chooseTypes(const std::string& source, const CsvLayout& layout, const CsvOptions& options,
+                 CsvHeader& header) {
+  bool hasSignals = false;
+  for (CsvColumn& column : header.columns) {
+    if (!column.isGiven) column.type = sampledType(layout, column.place);
+    hasSignals = hasSignals || options.storesTexts() || column.isGiven || column.type != ByteString;
+  }
+  if (!hasSignals) throw std::runtime_error(source + kNothingLeft);
+  const bool isAlone = header.columns.size() == 1;
+  if (!isAlone && !header.columns.back().isGiven && isLastColumnNothing(layout)) {
+    header.columns.pop_back();
+  }
+}
+
 int runRecord(const RecordOptions& options) {
   applySettings(options.settings);
   checkUsage(options);
@@ -240,13 +255,8 @@ int runRecord(const RecordOptions& options) {
   CsvStream stream(options.source, options.csv, options.follows);
   const CsvLayout layout = stream.layout();
   CsvHeader header = describeColumns(stream.name(), layout, options.csv);
-  for (CsvColumn& column : header.columns) {
-    if (!column.isGiven) column.type = sampledType(layout, column.place);
-  }
-  if (header.columns.size() > 1 && !header.columns.back().isGiven && isLastColumnNothing(layout)) {
-    header.columns.pop_back();
-  }
   tellNotes(header.notes, options.isQuiet);
+  chooseTypes(stream.name(), layout, options.csv, header);
   if (!layout.isHeaderEnded) {
     warnOfUnendedLine(stream.name(), stream.line(), "so a name may be cut off");
   }

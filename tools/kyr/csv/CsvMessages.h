@@ -19,6 +19,10 @@ std::string describePlace(const std::string& source, std::int64_t line, const st
 /// The first names of a header, to show a user who mistyped one.
 std::string firstNames(const std::vector<std::string>& names);
 
+/// If all columns are left out.
+inline constexpr const char* kNothingLeft =
+    ": no column is left to store (--text store keeps columns of text)";
+
 /// \name What is wrong with a row
 /// @{
 inline constexpr const char* kUnclosedQuote = "a quotation mark is not closed";
