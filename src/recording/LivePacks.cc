@@ -49,8 +49,9 @@ void LivePacks::refresh() {
 std::vector<ContentRun> LivePacks::runsOf(int storageId, std::uint64_t from) const {
   std::vector<ContentRun> all;
   for (const auto& [name, pack] : packs_) {
+    const auto& content = pack->content();
     pack->index().forEachRun(storageId, [&](std::uint64_t row, const parquet::PackRun& run) {
-      if (run.first + run.count > from) all.push_back({run.first, run.count, row, pack->content()});
+      if (run.first + run.count > from) all.push_back({run.first, run.count, row, content});
     });
   }
   const auto isBefore = [](const ContentRun& a, const ContentRun& b) { return a.first < b.first; };

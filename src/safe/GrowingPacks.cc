@@ -25,8 +25,6 @@ namespace {
 
 // Bytes of a batch at the most, unless a single content has more.
 constexpr std::size_t kBatchBytes = std::size_t{16} << 20U;
-// A smaller pack is never replaced.
-constexpr std::uint64_t kLeastReplaced = std::uint64_t{16} << 20U;
 
 // Rows are written again soon, so that the fastest encoding is the best: plain and uncompressed.
 FileLayout layoutOf(const ::arrow::Schema& schema) {
@@ -162,7 +160,9 @@ void GrowingPacks::writeBatch(Pack& pack, const std::vector<Waiting>& batch) {
 
 // What is needed is counted again only when the pack has grown by half since the last time.
 void GrowingPacks::replaceIfMostlyUnneeded(std::unique_ptr<Pack>& pack) {
-  if (pack->bytes < std::max(kLeastReplaced, pack->checkedBytes + pack->checkedBytes / 2)) return;
+  constexpr std::uint64_t kLeastBatches = 2;  // a smaller pack is never replaced
+  const std::uint64_t least = kLeastBatches * store_.options().batchBytes;
+  if (pack->bytes < std::max(least, pack->checkedBytes + pack->checkedBytes / 2)) return;
   std::vector<Waiting> needed;
   std::uint64_t bytes = 0;
   store_.forEachContent([&](Content& content) {

@@ -96,11 +96,13 @@ void twice(const std::function<void()>& work) {
 }
 
 void recordTakes(const Path& folder, parquet::SafeStorage::Sync sync) {
-  constexpr std::size_t kTakes = 5;
+  constexpr std::size_t kTakes = 12;
   constexpr std::size_t kRows = 3;
   LiveOptions options;
   options.storage.sync = sync;
-  options.storage.batchRows = 4;
+  // Takes go to growing packs, batches to files, and packs are replaced.
+  options.storage.batchRows = 16;
+  options.storage.batchBytes = 200;
   std::unique_ptr<LiveRecording> live;
   twice([&] { live = std::make_unique<LiveRecording>(folder, options); });
   std::vector<std::shared_ptr<StreamableSignal>> signals;

@@ -415,6 +415,9 @@ TEST_F(LiveRecordings, CrashAtAnyMomentKeepsEveryAcknowledgedRow) {
   for (unsigned round = 0; round < 40; ++round) {
     SCOPED_TRACE(round);
     std::minstd_rand random(round + 1);
+    // Rows that are flushed are batches of files, or too few for them.
+    options.storage.batchRows = 16U << (round % 3 * 2);
+    if (round % 2 == 1) options.storage.batchBytes = 512;
     live = std::make_unique<LiveRecording>(path(), options);
     std::vector<std::shared_ptr<parquet::StreamableSignal>> signals;
     std::vector<Values> times;
