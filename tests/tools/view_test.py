@@ -245,6 +245,7 @@ class ServerTest(ToolTest):
         self.store("time,x\n0,1\n")
         self.fails("view", "nothing", says=["nothing"])
         self.fails("view", "rec", "--signal", "y", says=['"y"'])
+        self.fails("view", "rec", "--port", "70000", says=["70000", "65535"], exit_code=2)
         self.fails("view", "rec", "--no-open", "--html", "a.html", says=["--html"], exit_code=2)
 
 

@@ -166,6 +166,7 @@ void addViewCommand(CLI::App& app, Action& action) {
                      ->type_name("FILE");
   command->add_option("--port", options->port, "Port to serve at; any that is free unless given")
       ->type_name("PORT")
+      ->check(CLI::Range(0, 65'535).description(""))
       ->excludes(report);
   command->add_flag("--no-open", options->staysClosed, "Print the address and open no browser")
       ->excludes(report);
