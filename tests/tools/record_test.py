@@ -108,6 +108,10 @@ class Record(RecordTest):
         self.assertEqual(self.cat(), "time,a,note\n0,1,5\n1,2,\n")
         self.assertEqual(sorted(os.listdir(self.folder)), ["in.csv", "rec", "tmp"])
         self.fails("record", "missing.csv", "rec", "--force", says=["missing.csv"])
+        self.fails("record", self.write("time,a\nx,1\n", "bad.csv"), "rec", "--force",
+                   says=["line 2", "rec is left as it was"])
+        self.assertEqual(sorted(os.listdir(self.folder)), ["bad.csv", "in.csv", "rec", "tmp"])
+        self.run_tool("verify", "rec")
         (self.folder / "rec" / "notes").touch()
         self.fails("record", "in.csv", "rec", "--force", says=["other files"])
         self.assertEqual(self.cat("a"), "time,a\n0,1\n1,2\n")

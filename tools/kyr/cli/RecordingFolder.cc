@@ -103,6 +103,14 @@ ReplacedRecording::~ReplacedRecording() {
   if (!aside_.empty()) fs::rename(aside_, folder_, ignored);
 }
 
+bool ReplacedRecording::restore() {
+  if (aside_.empty()) return false;
+  fs::remove_all(folder_);
+  fs::rename(aside_, folder_);
+  aside_.clear();
+  return true;
+}
+
 void ReplacedRecording::remove() {
   if (!aside_.empty()) fs::remove_all(aside_);
   aside_.clear();

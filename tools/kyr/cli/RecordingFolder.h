@@ -38,6 +38,10 @@ class ReplacedRecording {
 
   void remove();
 
+  /// Moves the recording back to the place of the new one, which is removed.
+  /// \return false if there is none to move back; the new one stays
+  bool restore();
+
  private:
   std::filesystem::path folder_;
   std::filesystem::path aside_;  ///< empty if there is nothing to move back

@@ -10,6 +10,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli/CommandLine.h"
@@ -167,7 +168,8 @@ void addLastRow(RowRecorder& recorder, const CsvRow& row, const std::string& sou
 
 class Recording {
  public:
-  Recording(CsvStream& stream, RowRecorder& recorder) : stream_(stream), recorder_(recorder) {}
+  Recording(CsvStream& stream, RowRecorder& recorder, ReplacedRecording* replaced)
+      : stream_(stream), recorder_(recorder), replaced_(replaced) {}
 
   // Records until the input ends or the user stops it.
   void run(Flusher& flusher, StatusLine& status) {
@@ -195,42 +197,38 @@ class Recording {
     }
   }
 
-  // Returns whether the text goes on.
+  // Returns whether the text goes on. The older recording is of no use once there is a row.
   bool add() {
-    if (row_.isEnded) return recorder_.add(row_);
-    addLastRow(recorder_, row_, stream_.name());
-    return true;
+    bool goesOn = true;
+    if (row_.isEnded) {
+      goesOn = recorder_.add(row_);
+    } else {
+      addLastRow(recorder_, row_, stream_.name());
+    }
+    if (replaced_ != nullptr && recorder_.rows() > 0) std::exchange(replaced_, nullptr)->remove();
+    return goesOn;
   }
 
   CsvStream& stream_;
   RowRecorder& recorder_;
+  ReplacedRecording* replaced_;  // null if there is none any more
   CsvRow row_;
 };
 
 // Returns why recording ended early; empty if it did not.
 std::string recordRows(CsvStream& stream, RowRecorder& recorder, recording::LiveRecording& live,
-                       const RecordOptions& options) {
+                       ReplacedRecording* replaced, const RecordOptions& options) {
   std::string failure;
   Flusher flusher(live, options);
   StatusLine status(options.folder);
   try {
-    Recording(stream, recorder).run(flusher, status);
+    Recording(stream, recorder, replaced).run(flusher, status);
   } catch (const std::runtime_error& error) {
     failure = error.what();
   }
   live.finish();
   if (options.acknowledges) flusher.acknowledge(recorder.rows());
   return failure;
-}
-
-std::unique_ptr<recording::LiveRecording> startRecording(const RecordOptions& options,
-                                                         const TimeForm& times) {
-  std::optional<ReplacedRecording> replaced;
-  if (options.replaces) replaced.emplace(options.folder);
-  auto live = std::make_unique<recording::LiveRecording>(Path::fromNarrow(options.folder),
-                                                         liveOptions(options, times));
-  if (replaced) replaced->remove();
-  return live;
 }
 
 // The first rows decide on what the user did not give.
@@ -260,17 +258,28 @@ int runRecord(const RecordOptions& options) {
   if (!layout.isHeaderEnded) {
     warnOfUnendedLine(stream.name(), stream.line(), "so a name may be cut off");
   }
-  const auto live = startRecording(options, header.timeForm);
-  RowRecorder recorder(*live, stream.name(), stream.dialect(), std::move(header),
+  std::optional<ReplacedRecording> replaced;
+  if (options.replaces) replaced.emplace(options.folder);
+  recording::LiveRecording live(Path::fromNarrow(options.folder),
+                                liveOptions(options, header.timeForm));
+  RowRecorder recorder(live, stream.name(), stream.dialect(), std::move(header),
                        options.csv.storesTexts(), strictnessOf(options));
-  const std::string failure = recordRows(stream, recorder, *live, options);
+  const std::string failure =
+      recordRows(stream, recorder, live, replaced ? &*replaced : nullptr, options);
   if (const std::string skipped = recorder.skipped(); !skipped.empty()) tell("warning: " + skipped);
   const std::string rows = counted(recorder.rows(), "row");
   if (!failure.empty()) {
+    if (replaced && replaced->restore()) {
+      throw std::runtime_error(
+          fmt::format("{}; the recording in {} is left as it was, because "
+                      "there is no row before",
+                      failure, options.folder));
+    }
     throw std::runtime_error(
         fmt::format("{}; the {} before are in {}, which --force replaces in the next try", failure,
                     rows, options.folder));
   }
+  if (replaced) replaced->remove();
   if (!options.acknowledges && !options.isQuiet) {
     const RecordingSummary summary(recording::describeRecording(Path::fromNarrow(options.folder)));
     const std::string line = fmt::format("{}: {} of {}\n", options.folder, rows, summary.text());
