@@ -11,7 +11,10 @@ namespace kyr::recording {
 
 LiveSignal::LiveSignal(std::shared_ptr<parquet::StreamableSignal> signal,
                        const SignalDescription& description, std::shared_ptr<const bool> isClosed)
-    : signal_(std::move(signal)), description_(description), isClosed_(std::move(isClosed)) {}
+    : signal_(std::move(signal)),
+      isClosed_(std::move(isClosed)),
+      hasDimensions_(!description.dimensions.empty()),
+      description_(description) {}
 
 std::string LiveSignal::name() const {
   return fmt::format("signal {} \"{}\"", description_.signalId, description_.name);
@@ -30,7 +33,7 @@ void LiveSignal::appendData(const void* data, unsigned long size,
                             const std::vector<std::vector<unsigned long>>& dimensions,
                             const std::vector<int>& extra) {
   requireOpen();
-  if (!description_.dimensions.empty()) requireShape(dimensions);
+  if (hasDimensions_) requireShape(dimensions);
   signal_->appendData(data, size, dimensions, extra);
 }
 

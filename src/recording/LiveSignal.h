@@ -70,8 +70,9 @@ class LiveSignal : public parquet::StreamableSignal {
   void requireNoSamples(const char* what) const;
 
   std::shared_ptr<parquet::StreamableSignal> signal_;
-  SignalDescription description_;
   std::shared_ptr<const bool> isClosed_;
+  bool hasDimensions_;
+  SignalDescription description_;
 };
 
 }  // namespace kyr::recording

@@ -96,10 +96,10 @@ class Content : public std::enable_shared_from_this<Content> {
   // Takes the rows that follow from an operation, if there are any.
   void replaceRows(std::unique_ptr<ContentRows> next);
 
+  GrowingRows* growing_ = nullptr;  // rows_->growing(), which each append asks for
   ContentName name_;
   ContentNode node_{*this};
   std::unique_ptr<ContentRows> rows_;  // uses the name
-  GrowingRows* growing_ = nullptr;     // rows_->growing(), which each append asks for
 };
 
 }  // namespace kyr::parquet

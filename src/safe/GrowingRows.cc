@@ -15,21 +15,21 @@ namespace kyr::parquet {
 
 GrowingRows::GrowingRows(ContentName& name, const SampleSchema& schema, std::size_t width,
                          const AskedCodec& codec)
-    : name_(name),
-      options_(name.store().options()),
+    : store_(name.store()),
+      options_(store_.options()),
+      memory_(schema, width),
+      name_(name),
       width_(width),
-      codec_(codec),
-      memory_(schema, width) {}
+      codec_(codec) {}
 
 GrowingRows::~GrowingRows() {
-  SharedStore& store = name_.store();
-  store.forgetBatches(*this);
-  if (waits_) store.packs()->forget(*this);
-  store.takeFromGrowing(bytes_);
+  store_.forgetBatches(*this);
+  if (waits_) store_.packs()->forget(*this);
+  store_.takeFromGrowing(bytes_);
 }
 
 ::arrow::Compression::type GrowingRows::codec() {
-  return name_.store().layouts().codec(schema().schema, codec_);
+  return store_.layouts().codec(schema().schema, codec_);
 }
 
 std::optional<HeldRows> GrowingRows::inMemory(std::uint64_t from, std::uint64_t to) {
@@ -53,7 +53,7 @@ Tables GrowingRows::read(std::uint64_t from, std::uint64_t to) {
 }
 
 void GrowingRows::append(const RowSlice& rows, std::size_t batchRows) {
-  name_.store().makeRoomFor(rows.bytes);
+  store_.makeRoomFor(rows.bytes);
   if (memory_.rows() > 0) {
     if (mayHaveBatch(batchRows)) writeFullBatches(batchRows);
     if (diskRows_ > memoryStart_) {
@@ -62,7 +62,7 @@ void GrowingRows::append(const RowSlice& rows, std::size_t batchRows) {
   }
   memory_.append(rows);
   bytes_ += rows.bytes;
-  name_.store().addToGrowing(rows.bytes);
+  store_.addToGrowing(rows.bytes);
 }
 
 // Runs at each append. Rules out without a division what batchLength() tells exactly.
@@ -94,13 +94,13 @@ void GrowingRows::writeRows(std::size_t count) {
   disk_->file->appendBatch(*memory_.table(from, count));
   digests_.add(memory_.slice(from, count));
   diskRows_ += count;
-  name_.store().noteBatch(*this);
+  store_.noteBatch(*this);
   spareDescriptor();
-  name_.store().syncIfDue();
+  store_.syncIfDue();
 }
 
 void GrowingRows::createFile() {
-  const FileLayout& layout = name_.store().layouts().layout(schema().schema, codec_);
+  const FileLayout& layout = store_.layouts().layout(schema().schema, codec_);
   std::unique_ptr<GrowingFile> file;
   const int id = name_.id();
   OwnedFile name = name_.createFile([&](const std::filesystem::path& path) {
@@ -109,11 +109,11 @@ void GrowingRows::createFile() {
   if (name_.id() != id) packedRows_ = 0;  // they are there under the other id
   if (!options_.publishesBatches) file->publishOnlyWhenAsked();
   disk_.emplace(std::move(name), std::move(file));
-  name_.store().noteNewFile();
+  store_.noteNewFile();
 }
 
 void GrowingRows::spareDescriptor() {
-  if (!name_.store().openFiles().mayGrowingStayOpen()) disk_->file->suspend();
+  if (!store_.openFiles().mayGrowingStayOpen()) disk_->file->suspend();
 }
 
 void GrowingRows::dropFront(std::size_t rows, std::size_t batches) {
@@ -121,7 +121,7 @@ void GrowingRows::dropFront(std::size_t rows, std::size_t batches) {
   const RowSlice dropped = memory_.slice(0, rows);
   digests_.keepHead(schema(), width_, dropped);
   bytes_ -= dropped.bytes;
-  name_.store().takeFromGrowing(dropped.bytes);
+  store_.takeFromGrowing(dropped.bytes);
   memory_.dropFront(rows, batches);
   memoryStart_ += rows;
 }
@@ -129,7 +129,7 @@ void GrowingRows::dropFront(std::size_t rows, std::size_t batches) {
 std::unique_ptr<ContentRows> GrowingRows::flush() {
   if (mayGoToPack()) {
     if (!waits_ && unpacked().count > 0) {
-      name_.store().packs()->add(*this);
+      store_.packs()->add(*this);
       waits_ = true;
     }
     if (!disk_ || disk_->file->isPublished()) return nullptr;
@@ -145,7 +145,7 @@ std::unique_ptr<ContentRows> GrowingRows::flush() {
 
 bool GrowingRows::mayGoToPack() const {
   constexpr std::size_t kShare = 4;  // of a batch
-  if (name_.store().packs() == nullptr || memory_.schema().dataIndex != 0 ||
+  if (store_.packs() == nullptr || memory_.schema().dataIndex != 0 ||
       memory_.schema().kind == ColumnKind::unsupported) {
     return false;
   }
@@ -183,9 +183,8 @@ void GrowingRows::sync() {
 }
 
 std::unique_ptr<ContentRows> GrowingRows::finish() {
-  SharedStore& store = name_.store();
   if (!disk_) {
-    if (store.mayStayInMemory(bytesIn(memory_.slice()))) {
+    if (store_.mayStayInMemory(bytesIn(memory_.slice()))) {
       return std::make_unique<MemoryRows>(name_, std::move(memory_), width_, codec_);
     }
     return StoredRows::write(name_, memory_.slice(), {schema(), width_, count()}, codec_);
@@ -204,8 +203,7 @@ std::unique_ptr<ContentRows> GrowingRows::finish() {
 }
 
 std::unique_ptr<ContentRows> GrowingRows::finishWith(const RowSlice& rows) {
-  SharedStore& store = name_.store();
-  if (store.mayStayInMemory(bytesIn(rows))) {
+  if (store_.mayStayInMemory(bytesIn(rows))) {
     memory_.append(rows);
     return finish();
   }

@@ -105,19 +105,21 @@ class GrowingRows final : public ContentRows {
   // Removes the first rows from memory.
   void dropFront(std::size_t rows, std::size_t batches);
 
-  ContentName& name_;
+  // What each append needs comes first; see Part.
+  SharedStore& store_;
   const SafeStorage& options_;  // the store's
-  std::size_t width_;
-  AskedCodec codec_;
-  BatchDigests digests_;        // of the rows on disk
-  std::optional<OnDisk> disk_;  // from the first batch on
   std::uint64_t diskRows_ = 0;
   std::uint64_t memoryStart_ = 0;
+  std::size_t bytes_ = 0;  // of the memory, as the store counts it
+  RowStore memory_;
+  ContentName& name_;
+  std::size_t width_;
+  AskedCodec codec_;
+  BatchDigests digests_;          // of the rows on disk
+  std::optional<OnDisk> disk_;    // from the first batch on
   std::uint64_t packedRows_ = 0;  // all before are in a pack or in the file
   int packNumber_ = -1;           // the pack that has the last of them
   bool waits_ = false;
-  RowStore memory_;
-  std::size_t bytes_ = 0;  // of the memory, as the store counts it
 };
 
 }  // namespace kyr::parquet

@@ -130,7 +130,7 @@ void Part::appendRows(const RowSlice& rows) {
     const bool mustQueue = pendingRows() > 0;
     const std::size_t placed = mustQueue ? 0 : place(rows, /*isLast=*/false);
     if (placed == rows.rows) return;
-    if (!pending_) pending_.emplace(content_->schema(), content_->width());
+    if (!pending_) pending_ = std::make_unique<RowStore>(content_->schema(), content_->width());
     pending_->append(subSlice(rows, placed, rows.rows - placed));
     if (mustQueue) placePending(/*isLast=*/false);
   });

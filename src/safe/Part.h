@@ -111,14 +111,16 @@ class Part {
   // Follows another content from here on, in which what the key says comes next.
   void leave(const ContentKey& key);
 
-  std::shared_ptr<SharedStore> store_;
-  std::unique_ptr<PartLabel> label_;
+  // What each append needs comes first. Of thousands of signals that get a sample each in turn,
+  // nothing stays in the processor's cache.
   std::shared_ptr<Content> content_;
   std::uint64_t shared_ = 0;                        // first rows of the content that are the part's
-  std::optional<RowStore> pending_;                 // rows behind them
+  std::unique_ptr<RowStore> pending_;               // rows behind them; null if there were none
   std::shared_ptr<::arrow::Schema> checkedSchema_;  // the last one that is the content's
-  RowShapes shapes_;                                // of the last chunk; reused for its memory
   std::size_t batchRows_ = 0;
+  std::shared_ptr<SharedStore> store_;
+  std::unique_ptr<PartLabel> label_;
+  RowShapes shapes_;  // of the last chunk; reused for its memory
   AskedCodec codec_;
 };
 

@@ -49,10 +49,10 @@ PartRows readRows(Part& part, const SampleSchema& schema, std::uint64_t from, st
 SafeStreamableSignal::SafeStreamableSignal(std::shared_ptr<SharedStore> store,
                                            std::shared_ptr<SignalLabel> label, int timeId,
                                            int dataId)
-    : store_(std::move(store)),
-      label_(std::move(label)),
-      time_(store_, {label_, parquet::SignalPart::time}),
-      data_(store_, {label_, parquet::SignalPart::data}) {
+    : label_(std::move(label)),
+      store_(std::move(store)),
+      data_(store_, {label_, parquet::SignalPart::data}),
+      time_(store_, {label_, parquet::SignalPart::time}) {
   if (timeId != kNoStorage) time_.takeOver(timeId);
   if (dataId != kNoStorage) data_.takeOver(dataId);
 }

@@ -57,16 +57,15 @@ class SafeStreamableSignal final : public StreamableSignal {
  private:
   const SampleSchema& dataSchema();
 
-  std::shared_ptr<SharedStore> store_;
   std::shared_ptr<SignalLabel> label_;
-  Part time_;
-  Part data_;
-
   // The data schema that was used last, and the type and category that it belongs to.
-  SampleSchema schema_;
-  std::size_t width_ = sizeof(double);
   KYRSignalDataType schemaType_ = Double;
   KYRSignalCategory schemaCategory_ = Scalar;
+  std::size_t width_ = sizeof(double);
+  SampleSchema schema_;
+  std::shared_ptr<SharedStore> store_;
+  Part data_;
+  Part time_;
 };
 
 }  // namespace kyr::parquet

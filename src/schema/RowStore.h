@@ -146,10 +146,10 @@ class RowStore {
   void truncate(std::size_t rows);
 
  private:
-  SampleSchema schema_;
-  std::size_t width_ = 1;  // bytes of an element; 1 for blobs, whose elements are their bytes
   std::size_t rows_ = 0;
   ByteBuffer elements_;
+  SampleSchema schema_;
+  std::size_t width_ = 1;  // bytes of an element; 1 for blobs, whose elements are their bytes
   RowShapes shapes_;
 };
 

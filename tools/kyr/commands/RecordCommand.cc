@@ -96,15 +96,15 @@ class StatusLine {
 // Flushes a recording as often as the user wants.
 class Flusher {
  public:
-  Flusher(recording::LiveRecording& live, const RecordOptions& options)
-      : live_(live), options_(options) {}
+  Flusher(RowRecorder& recorder, const RecordOptions& options)
+      : recorder_(recorder), options_(options) {}
 
   void flushIfDue(std::uint64_t rows) {
     if (rows == flushed_) return;
     const std::chrono::duration<double> passed = Clock::now() - last_;
     const bool isFull = options_.flushRows > 0 && rows - flushed_ >= options_.flushRows;
     if (!isFull && passed.count() < options_.flushSeconds) return;
-    live_.flush();
+    recorder_.flush();
     flushed_ = rows;
     last_ = Clock::now();
     if (options_.acknowledges) acknowledge(rows);
@@ -119,7 +119,7 @@ class Flusher {
   }
 
  private:
-  recording::LiveRecording& live_;
+  RowRecorder& recorder_;
   const RecordOptions& options_;
   std::uint64_t flushed_ = 0;
   bool isAbandoned_ = false;
@@ -219,13 +219,14 @@ class Recording {
 std::string recordRows(CsvStream& stream, RowRecorder& recorder, recording::LiveRecording& live,
                        ReplacedRecording* replaced, const RecordOptions& options) {
   std::string failure;
-  Flusher flusher(live, options);
+  Flusher flusher(recorder, options);
   StatusLine status(options.folder);
   try {
     Recording(stream, recorder, replaced).run(flusher, status);
   } catch (const std::runtime_error& error) {
     failure = error.what();
   }
+  recorder.store();
   live.finish();
   if (options.acknowledges) flusher.acknowledge(recorder.rows());
   return failure;

@@ -81,16 +81,63 @@ bool RowRecorder::add(const CsvRow& row) {
            skippedCells_);
   }
   if (!takeTime(row)) return true;
-  for (Column& column : columns_) takeCell(row, column);
-  for (Column& column : columns_) {
-    if (!column.hasSample) continue;
-    std::vector<int> lengths;
-    if (!column.parser) lengths.push_back(static_cast<int>(column.sample.size()));
-    column.signal->appendTime(&time_, 1);
-    column.signal->appendData(column.sample.data(), column.sample.size(), {}, lengths);
-  }
+  takeCells(row);
+  times_.push_back(time_);
   ++rows_;
+  constexpr std::size_t kBlockRows = 256;
+  if (times_.size() == kBlockRows) store();
   return true;
+}
+
+void RowRecorder::takeCells(const CsvRow& row) {
+  for (Column& column : columns_) {
+    column.bytesBefore = column.samples.size();
+    column.countBefore = column.count;
+  }
+  try {
+    for (Column& column : columns_) takeCell(row, column);
+  } catch (...) {
+    for (Column& column : columns_) {
+      column.samples.resize(column.bytesBefore);
+      column.count = column.countBefore;
+      if (!column.parser) column.lengths.resize(column.count);
+      if (!column.times.empty()) column.times.resize(column.count);
+    }
+    throw;
+  }
+}
+
+// Notes a sample whose bytes were added. Most columns have one in each row.
+void RowRecorder::addSample(Column& column) const {
+  if (column.count < times_.size() && column.times.size() != column.count) {
+    column.times.assign(times_.begin(), times_.begin() + static_cast<std::ptrdiff_t>(column.count));
+  }
+  if (column.count < times_.size()) column.times.push_back(time_);
+  if (!column.parser) {
+    column.lengths.push_back(static_cast<int>(column.samples.size() - column.bytesBefore));
+  }
+  ++column.count;
+}
+
+void RowRecorder::store() {
+  for (Column& column : columns_) {
+    if (column.count == 0) continue;
+    const std::vector<double>& times = column.times.empty() ? times_ : column.times;
+    if (!column.areTimesStored) column.signal->appendTime(times.data(), column.count);
+    column.areTimesStored = true;
+    column.signal->appendData(column.samples.data(), column.samples.size(), {}, column.lengths);
+    column.areTimesStored = false;
+    column.samples.clear();
+    column.lengths.clear();
+    column.times.clear();
+    column.count = 0;
+  }
+  times_.clear();
+}
+
+void RowRecorder::flush() {
+  store();
+  live_.flush();
 }
 
 bool RowRecorder::takeTime(const CsvRow& row) {
@@ -141,17 +188,16 @@ std::optional<double> RowRecorder::readTime(const CsvRow& row, std::string_view 
 }
 
 void RowRecorder::takeCell(const CsvRow& row, Column& column) {
-  column.sample.clear();
-  column.hasSample = false;
   if (!column.parser) return takeText(row, column);
   const std::string_view cell = trimmed(cells_[column.described.place]);
   if (isMissing(dialect_, cell)) return;
-  const CellFit fit = column.parser->append(cell, column.sample);
-  column.hasSample = !column.sample.empty();
+  const CellFit fit = column.parser->append(cell, column.samples);
+  const bool hasSample = column.samples.size() > column.bytesBefore;
+  if (hasSample) addSample(column);
   if (fit == CellFit::exact) return;
   const KYRSignalDataType type = column.described.type;
   const std::string place = describePlace(source_, row.line, column.described.name) + " ";
-  if (!column.hasSample) return refuse(place + wrongType(cell, type), skippedCells_);
+  if (!hasSample) return refuse(place + wrongType(cell, type), skippedCells_);
   std::string what = place + roundedNumber(cell, dialect_.decimalMark, type);
   std::int64_t number = 0;
   std::uint64_t positive = 0;
@@ -171,8 +217,8 @@ void RowRecorder::takeText(const CsvRow& row, Column& column) {
     return refuse(place + kNoUtf8, skippedCells_);
   }
   noteNumber(row, column);
-  column.sample.assign(cell.begin(), cell.end());
-  column.hasSample = true;
+  column.samples.insert(column.samples.end(), cell.begin(), cell.end());
+  addSample(column);
 }
 
 // The user may have wanted numbers, of which the first rows have none.

@@ -17,7 +17,8 @@ namespace kyr::tool {
 
 /// Appends CSV rows to a live recording, sample by sample.
 ///
-/// Samples are stored at once, so the columns have their types before the first row. The first
+/// Samples are appended in blocks of a few hundred rows: thousands of signals that get a sample each
+/// in turn cost several times as much. The columns have their types before the first row. The first
 /// number of a column that is rounded is told on standard error, and so is the first number of a
 /// column whose first values are texts.
 class RowRecorder {
@@ -34,12 +35,17 @@ class RowRecorder {
   RowRecorder(recording::LiveRecording& live, std::string source, CsvDialect dialect,
               CsvHeader header, bool storesTexts, Strictness strictness);
 
-  /// Appends a row, or nothing of it.
+  /// Takes a row, or nothing of it.
   /// \return false if the text ends before the row, because it has another number of cells
   /// \throws std::runtime_error naming line and column of what cannot be stored
   bool add(const CsvRow& row);
 
   std::uint64_t rows() const { return rows_; }
+
+  /// Appends the rows that were taken to the signals. A call that throws may be repeated.
+  void store();
+  /// Does so, and flushes the recording.
+  void flush();
 
   /// One sentence on what was left out; empty if nothing was.
   std::string skipped() const;
@@ -53,8 +59,14 @@ class RowRecorder {
     bool isRoundingTold = false;
     bool isNumberTold = false;  ///< whether a number in a column of texts was told
     std::string firstText;
-    bool hasSample = false;
-    std::vector<char> sample;
+    // The samples of the block, and where the row that is being taken began.
+    std::vector<char> samples;
+    std::vector<int> lengths;   ///< of texts
+    std::vector<double> times;  ///< of the samples, if a row of the block has none
+    std::size_t count = 0;
+    bool areTimesStored = false;  ///< a call failed before the samples were
+    std::size_t bytesBefore = 0;
+    std::size_t countBefore = 0;
   };
 
   void makeSignals();
@@ -62,7 +74,10 @@ class RowRecorder {
   bool hasRightWidth(const CsvRow& row);
   bool takeTime(const CsvRow& row);
   std::optional<double> readTime(const CsvRow& row, std::string_view cell);
+  // Takes a cell of each column. Leaves nothing of the row if that throws.
+  void takeCells(const CsvRow& row);
   void takeCell(const CsvRow& row, Column& column);
+  void addSample(Column& column) const;
   void takeText(const CsvRow& row, Column& column);
   void noteNumber(const CsvRow& row, Column& column) const;
   void refuse(const std::string& what, std::uint64_t& count);
@@ -77,6 +92,7 @@ class RowRecorder {
   bool isLastUnknown_;  // whether the last column was left out
   std::vector<Column> columns_;
   std::vector<std::string> cells_;
+  std::vector<double> times_;  ///< of the block's rows
   double time_ = 0;
   std::string timeCell_;
   bool isTimeRoundingTold_ = false;
