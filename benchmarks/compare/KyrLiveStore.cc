@@ -8,26 +8,34 @@
 
 namespace kyr::compare {
 
-/// A live recording. Every signal appends its time and its sample; the library stores equal times
-/// once.
+using Sync = parquet::SafeStorage::Sync;
+
+/// A live recording. Every signal appends its time and its sample, and the library stores equal
+/// times once; or all signals are a group, to which a step is appended as one array.
 class KyrLiveStore : public LiveStore {
  public:
-  KyrLiveStore(const fs::path& folder, parquet::SafeStorage::Sync sync)
-      : LiveStore(folder), sync_(sync) {}
+  KyrLiveStore(const fs::path& folder, Sync sync, bool isGroup)
+      : LiveStore(folder), sync_(sync), isGroup_(isGroup) {}
 
   void start(const Workload& workload) override {
     recording::LiveOptions options;
     options.storage.sync = sync_;
     live_.emplace(path(), options);
-    signals_.reserve(workload.signals);
+    std::vector<recording::SignalDescription> descriptions;
     for (std::size_t i = 0; i < workload.signals; ++i) {
-      const recording::SignalDescription description{
-          static_cast<int>(i), "signal " + std::to_string(i), "m/s", "", {}};
+      descriptions.push_back({static_cast<int>(i), "signal " + std::to_string(i), "m/s", "", {}});
+    }
+    if (isGroup_) {
+      group_ = live_->addGroup(descriptions, Double);
+      return;
+    }
+    for (const auto& description : descriptions) {
       signals_.push_back(live_->addSignal(description, Double, Scalar));
     }
   }
 
   void appendStep(double time, const double* samples) override {
+    if (group_) return group_->append(&time, 1, samples, group_->signals() * sizeof(double));
     for (const auto& signal : signals_) {
       signal->appendTime(&time, 1);
       signal->appendData(samples++, sizeof(double), noDimensions_, noSizes_);
@@ -69,17 +77,21 @@ class KyrLiveStore : public LiveStore {
 
   const std::vector<std::vector<unsigned long>> noDimensions_;
   const std::vector<int> noSizes_;
-  parquet::SafeStorage::Sync sync_;
+  Sync sync_;
+  bool isGroup_;
   std::optional<recording::LiveRecording> live_;
   std::vector<std::shared_ptr<parquet::StreamableSignal>> signals_;
+  std::shared_ptr<recording::SignalGroup> group_;
   std::optional<recording::RecordingReader> reader_;
 };
 
 namespace {
 
 [[maybe_unused]] const bool kAdded[] = {
-    addStore<KyrLiveStore>("kyr:live", parquet::SafeStorage::Sync::never),
-    addStore<KyrLiveStore>("kyr:live+sync", parquet::SafeStorage::Sync::flush),
+    addStore<KyrLiveStore>("kyr:live", Sync::never, false),
+    addStore<KyrLiveStore>("kyr:live+sync", Sync::flush, false),
+    addStore<KyrLiveStore>("kyr:group", Sync::never, true),
+    addStore<KyrLiveStore>("kyr:group+sync", Sync::flush, true),
 };
 
 }  // namespace

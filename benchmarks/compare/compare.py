@@ -32,7 +32,8 @@ TITLES = {
 LIVE = ("W7", "W7l", "W7w")
 WITH_WINDOWS = ("W2", "W7w")
 # What ours costs beyond the other store, which does the least that ours has to do.
-PAIRS = (("kyr:default", "bare:dedup"), ("kyr:live+sync", "floor:sync"))
+PAIRS = (("kyr:default", "bare:dedup"), ("kyr:live+sync", "floor:sync"),
+         ("kyr:group+sync", "floor:sync"))
 
 
 def parse_options():

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -21,6 +22,7 @@
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingMembers.h"
 #include "recording/RecordingSnapshot.h"
+#include "recording/SignalGroup.h"
 #include "safe/Content.h"
 #include "safe/SafeStreamableSignal.h"
 #include "safe/SharedStore.h"
@@ -44,6 +46,10 @@ fs::path wholePath(const Path& folder) {
 std::optional<int> storageIdOf(const parquet::StreamableSignal& signal, Part part) {
   const int id = signal.getStorageId(part);
   return id == parquet::kNoStorage ? std::nullopt : std::optional(id);
+}
+
+bool isNumber(KYRSignalDataType type) {
+  return !dataTypeName(type).empty() && type != Null && type != ByteString && type != Binary;
 }
 
 // What recording.json and the list of signals can hold, told before there are samples.
@@ -116,12 +122,12 @@ class LiveRecording::Impl {
 
   ~Impl() {
     if (!pool_) return;
-    *isClosed_ = true;
     try {
       flush();
     } catch (const std::exception&) {
-      return;  // a host that wants to know flushes by itself
+      // A host that wants to know flushes by itself.
     }
+    *isClosed_ = true;
   }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
@@ -136,15 +142,7 @@ class LiveRecording::Impl {
   std::shared_ptr<parquet::StreamableSignal> addSignal(const SignalDescription& description,
                                                        KYRSignalDataType type,
                                                        KYRSignalCategory category) {
-    SignalInfo info;
-    static_cast<SignalDescription&>(info) = description;
-    info.dataType = type;
-    info.category = category;
-    if (info.name.empty()) info.name = fmt::format("signal {}", info.signalId);
-    if (pool().checkSignalExists(info.signalId)) {
-      throw std::invalid_argument(fmt::format("signal {} is there already", info.signalId));
-    }
-    requireWritable(info);
+    SignalInfo info = requireNew(description, type, category);
     pool_->describeSignal(info.signalId, info.name, info.unit);
     auto inner = pool_->getStreamableSignal(info.signalId);
     inner->setDataType(type);
@@ -155,8 +153,34 @@ class LiveRecording::Impl {
     return signals_.back();
   }
 
+  std::shared_ptr<SignalGroup::Impl> addGroup(const std::vector<SignalDescription>& descriptions,
+                                              KYRSignalDataType type) {
+    if (descriptions.empty()) throw std::invalid_argument("a group without signals");
+    if (!isNumber(type)) {
+      throw std::invalid_argument(
+          fmt::format("a group of signals of the type {}: only numbers can be appended as an array",
+                      dataTypeName(type)));
+    }
+    std::set<int> ids;
+    for (const SignalDescription& description : descriptions) {
+      requireNew(description, type, Scalar);
+      if (ids.insert(description.signalId).second) continue;
+      throw std::invalid_argument(
+          fmt::format("signal {} is twice in a group", description.signalId));
+    }
+    std::vector<std::shared_ptr<parquet::StreamableSignal>> signals;
+    signals.reserve(descriptions.size());
+    for (const SignalDescription& description : descriptions) {
+      signals.push_back(addSignal(description, type, Scalar));
+    }
+    groups_.push_back(std::make_shared<SignalGroup::Impl>(std::move(signals),
+                                                          parquet::elementWidth(type), isClosed_));
+    return groups_.back();
+  }
+
   // Writes the rows first, then to which signals they belong, then that they are there.
   void flush() {
+    for (const auto& group : groups_) group->store();
     pool().flush();
     for (std::size_t i = 0; i < signals_.size(); ++i) {
       SignalInfo& info = live_.signals[i];
@@ -193,6 +217,7 @@ class LiveRecording::Impl {
     removeUnnamed(open_, info);
     pool_.reset();
     signals_.clear();
+    groups_.clear();
     removeLiveFiles(open_);
     journal_.reset();
   }
@@ -200,6 +225,21 @@ class LiveRecording::Impl {
   const FinishReport& report() const { return report_; }
 
  private:
+  // What the list will say of a new signal.
+  SignalInfo requireNew(const SignalDescription& description, KYRSignalDataType type,
+                        KYRSignalCategory category) {
+    SignalInfo info;
+    static_cast<SignalDescription&>(info) = description;
+    info.dataType = type;
+    info.category = category;
+    if (info.name.empty()) info.name = fmt::format("signal {}", info.signalId);
+    if (pool().checkSignalExists(info.signalId)) {
+      throw std::invalid_argument(fmt::format("signal {} is there already", info.signalId));
+    }
+    requireWritable(info);
+    return info;
+  }
+
   template <typename Value>
   void note(Value& known, const Value& now) {
     if (known == now) return;
@@ -269,6 +309,7 @@ class LiveRecording::Impl {
   Folder open_;  // the folder
   std::unique_ptr<parquet::SignalPool> pool_;
   std::vector<std::shared_ptr<LiveSignal>> signals_;
+  std::vector<std::shared_ptr<SignalGroup::Impl>> groups_;
   std::shared_ptr<bool> isClosed_ = std::make_shared<bool>(false);
   FinishReport report_;
   LiveDescription live_;
@@ -285,6 +326,11 @@ parquet::SignalPool& LiveRecording::pool() { return impl_->pool(); }
 std::shared_ptr<parquet::StreamableSignal> LiveRecording::addSignal(
     const SignalDescription& description, KYRSignalDataType type, KYRSignalCategory category) {
   return impl_->addSignal(description, type, category);
+}
+
+std::shared_ptr<SignalGroup> LiveRecording::addGroup(
+    const std::vector<SignalDescription>& descriptions, KYRSignalDataType type) {
+  return std::shared_ptr<SignalGroup>(new SignalGroup(impl_->addGroup(descriptions, type)));
 }
 
 void LiveRecording::flush() { impl_->flush(); }

@@ -49,9 +49,6 @@ struct SafeStorage {
   Encodings encodings = Encodings::smallest;
   std::size_t batchRows = 65536;                  ///< rows of a batch at the most, 1 or more
   std::size_t batchBytes = std::size_t{8} << 20;  ///< bytes of a batch in memory at the most
-  /// Bytes of appended rows that the pool keeps in memory at the most, whatever the number of
-  /// signals. Where more would gather, the largest batches are written before they are full.
-  std::size_t memoryTotal = std::size_t{256} << 20;
   Sync sync = Sync::never;
   double syncSeconds = 1;  ///< [s]
   /// Whether files outlive the pool. A file that no signal has any more is deleted at the second
@@ -67,6 +64,9 @@ struct SafeStorage {
   /// what is finished is in its file. Many small signals are stored several times faster so.
   std::size_t holdBelow = 0;
   std::size_t holdTotal = std::size_t{64} << 20;  ///< bytes of all contents in memory at the most
+  /// Bytes of appended rows that the pool keeps in memory at the most, whatever the number of
+  /// signals. Where more would gather, the largest batches are written before they are full.
+  std::size_t memoryTotal = std::size_t{256} << 20;
 };
 
 }  // namespace kyr::parquet

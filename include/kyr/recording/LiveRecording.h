@@ -11,6 +11,7 @@
 #include "kyr/platform/Path.h"
 #include "kyr/platform/export.h"
 #include "kyr/recording/RecordingInfo.h"
+#include "kyr/recording/SignalGroup.h"
 
 namespace kyr::recording {
 
@@ -81,6 +82,15 @@ class KYR_PARQUET_EXPORT LiveRecording {
   std::shared_ptr<parquet::StreamableSignal> addSignal(const SignalDescription& description,
                                                        KYRSignalDataType type,
                                                        KYRSignalCategory category);
+
+  /// \brief New signals that get one number each at the same times. To be taken where there are
+  /// many of them.
+  /// \param type  of all samples, which are scalars
+  /// \throws std::invalid_argument as addSignal(), if there are no descriptions, and for a type that
+  ///         is no number; no signal is added then
+  /// \throws std::logic_error after finish()
+  std::shared_ptr<SignalGroup> addGroup(const std::vector<SignalDescription>& descriptions,
+                                        KYRSignalDataType type);
 
   /// \brief Bring all rows to disk. When the call returns, they are acknowledged.
   /// \throws std::exception naming the file if one cannot be written; the rows acknowledged before
