@@ -130,6 +130,17 @@ std::shared_ptr<ContentReader> ContentReader::viewOf(const ContentReader& conten
   return result;
 }
 
+void ContentReader::setRuns(int storageId, std::vector<ContentRun> runs) {
+  for (const ContentRun& run : runs) {
+    if (run.pack == file_ || haveSameTypes(*run.pack->schema().schema, *columns())) continue;
+    fail(run.pack->input(),
+         fmt::format("rows of storage id {} have the columns {}, others of them {}", storageId,
+                     run.pack->schema().schema->ToString(), columns()->ToString()));
+  }
+  storageId_ = storageId;
+  runs_ = std::move(runs);
+}
+
 void ContentReader::grow(std::uint64_t rows) {
   if (!isPacked()) file_->input().grow(rows);
 }

@@ -100,8 +100,9 @@ class ContentReader {
   /// Rows that are in no run.
   std::uint64_t ownRows() const { return isPacked() ? count_ : file().rows(); }
   /// Replaces the runs that follow the other rows.
-  /// \param runs  of the content, each beginning where the one before ends
-  void setRuns(std::vector<ContentRun> runs) { runs_ = std::move(runs); }
+  /// \param runs  of the content \p storageId, each beginning where the one before ends
+  /// \throws std::runtime_error naming a pack whose columns are not those of the content
+  void setRuns(int storageId, std::vector<ContentRun> runs);
   /// Takes note of rows that a growing file got meanwhile, up to \p rows.
   void grow(std::uint64_t rows);
 
@@ -158,8 +159,8 @@ class ContentReader {
 
   std::shared_ptr<ContentFile> file_;
   View view_ = View::all;
-  int storageId_ = 0;  // this and the next two are of rows of a pack
-  std::uint64_t first_ = 0;
+  int storageId_ = 0;        // of rows in packs
+  std::uint64_t first_ = 0;  // this and the next are of rows of one pack
   std::uint64_t count_ = 0;
   std::vector<ContentRun> runs_;
 };

@@ -14,6 +14,11 @@ namespace {
 
 std::int64_t keyOfPack(int number) { return -1 - std::int64_t{number}; }
 
+// The content's row behind its runs.
+std::uint64_t endOf(const std::vector<parquet::ContentRun>& runs) {
+  return runs.empty() ? 0 : runs.back().first + runs.back().count;
+}
+
 [[noreturn]] void refuse(const std::filesystem::path& file, const std::string& what) {
   throw std::runtime_error(fmt::format("{}: {}", file.string(), what));
 }
@@ -132,9 +137,13 @@ std::shared_ptr<parquet::ContentReader> ContentFiles::open(int storageId) {
 bool ContentFiles::extend(parquet::ContentReader& content, const FileInfo& info) {
   if (content.rows() >= info.rowCount) return true;
   content.grow(info.rowCount);
-  if (content.ownRows() < info.rowCount) {
-    content.setRuns(livePacks().runsOf(info.storageId, content.ownRows()));
+  if (content.ownRows() >= info.rowCount) {
+    content.setRuns(info.storageId, {});
+    return true;
   }
+  // Those who look at an earlier flush may still need the runs that are there.
+  auto runs = livePacks().runsOf(info.storageId, content.ownRows());
+  if (endOf(runs) > content.rows()) content.setRuns(info.storageId, std::move(runs));
   return content.rows() >= info.rowCount;
 }
 
@@ -159,12 +168,19 @@ std::shared_ptr<parquet::ContentReader> ContentFiles::openLive(const FileInfo& i
 std::shared_ptr<parquet::ContentReader> ContentFiles::openLiveFile(const FileInfo& info) {
   auto runs = livePacks().runsOf(info.storageId, 0);
   if (runs.empty() || folder_->hasStored(std::to_string(info.storageId))) {
-    auto content = openFile(info);
-    extend(*content, info);
-    return content;
+    try {
+      auto content = openFile(info);
+      extend(*content, info);
+      return content;
+    } catch (const std::system_error&) {
+      throw;
+    } catch (const std::runtime_error&) {
+      // The file is being written, or its writer ended before it was whole.
+      if (runs.empty() || endOf(runs) < info.rowCount) throw;
+    }
   }
   auto content = std::make_shared<parquet::ContentReader>(runs.front().pack, info.storageId, 0, 0);
-  content->setRuns(std::move(runs));
+  content->setRuns(info.storageId, std::move(runs));
   return content;
 }
 

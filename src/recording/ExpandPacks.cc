@@ -4,14 +4,17 @@
 #include <arrow/util/key_value_metadata.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <charconv>
 #include <memory>
-#include <optional>
 #include <set>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "files/growing/FileRecovery.h"
 #include "files/growing/GrowingFile.h"
+#include "files/pack/PackSchema.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "recording/LivePacks.h"
@@ -27,103 +30,177 @@ using parquet::ContentRun;
 
 class Expansion {
  public:
-  explicit Expansion(const Folder& folder)
+  Expansion(const Folder& folder, const KeepDamaged& keep)
       : storage_(folder.folder(kStorageFolder)),
+        keep_(keep),
         cache_(std::make_shared<parquet::RowGroupCache>()),
         packs_(std::make_shared<const OpenFolder>(folder),
                {parquet::BatchChecks::yes, parquet::BatchChecks::no}, cache_) {
     packs_.refresh();
   }
 
-  std::vector<DamagedPack> run() {
-    std::vector<DamagedPack> damaged;
-    for (const std::string& name : packs_.unreadable()) {
-      damaged.push_back({name, "it cannot be read"});
-    }
-    std::set<int> ids;
+  void run() {
+    for (const std::string& name : packs_.unreadable()) keep_(name, "it cannot be read");
+    std::set<int> ids = idsOfFiles();
     for (const auto& [name, pack] : packs_.packs()) {
       const auto report = parquet::inspectFile(storage_, name);
       if (report.losesBatches) {
-        damaged.push_back(
-            {name, fmt::format("the batch behind row {} is damaged", report.rowsKept)});
+        keep_(name, fmt::format("the batch behind row {} is damaged", report.rowsKept));
       }
-      pack->index().forEachIdRange([&](int from, int to) {
-        for (int id = from; id <= to; ++id) ids.insert(id);
-      });
+      for (const auto& [id, notes] : pack->notes()) ids.insert(id);
     }
-    for (const int id : ids) expand(id);
-    if (!ids.empty()) storage_.sync();
-    return damaged;
-  }
-
- private:
-  // The rows that a content has in its file; none if the file is damaged.
-  std::shared_ptr<ContentReader> ownRows(const std::string& name) const {
-    const parquet::RecoveryReport report = parquet::inspectFile(storage_, name);
-    if (report.losesBatches || (report.hasFooter && !report.isComplete)) return nullptr;
-    return std::make_shared<ContentReader>(
-        parquet::openAnyFile(storage_.open(name), parquet::RecordLimits::kAll,
-                             parquet::BatchChecks::no),
-        cache_);
-  }
-
-  void expand(int id) {
-    const std::string name = std::to_string(id);
-    std::shared_ptr<ContentReader> own;
-    if (storage_.has(name)) {
+    for (const int id : ids) {
       try {
-        own = ownRows(name);
+        expand(id);
       } catch (const std::system_error&) {
         throw;
       } catch (const std::runtime_error&) {
-        return;
+        // Its rows lie in files of other columns, or cannot be read. Its file is as it was.
+        storage_.remove(copyOf(id));
       }
-      if (!own) return;
     }
-    const std::vector<ContentRun> runs = packs_.runsOf(id, own ? own->rows() : 0);
-    if (runs.empty()) return;
-    const std::string copy = name + ".copy";
+    if (!ids.empty()) storage_.sync();
+  }
+
+ private:
+  // The file of a content.
+  struct Own {
+    std::shared_ptr<ContentReader> rows;  // null if not all of them can be read
+    std::uint64_t soundRows = 0;          // if so
+    std::string damage;                   // empty for a file whose writing was interrupted
+  };
+
+  static std::string copyOf(int id) { return fmt::format("{}.copy", id); }
+
+  // Contents without a file are named by the notes of packs, so that others need not be looked for.
+  std::set<int> idsOfFiles() const {
+    std::set<int> ids;
+    for (const std::string& name : storage_.names()) {
+      int id = 0;
+      const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
+      if (error == std::errc() && std::to_string(id) == name) ids.insert(id);
+    }
+    return ids;
+  }
+
+  Own lookAt(const std::string& name, ContentReader* packed) const {
+    Own own;
+    const parquet::RecoveryReport report = parquet::inspectFile(storage_, name);
+    const std::shared_ptr<const DiskFile> file = storage_.open(name);
+    own.soundRows = report.rowsKept;
+    if (report.losesBatches || (report.hasFooter && !report.isComplete)) {
+      own.damage = "batches are damaged";
+      return own;
+    }
+    try {
+      own.rows = std::make_shared<ContentReader>(
+          parquet::openAnyFile(file, parquet::RecordLimits::kAll, parquet::BatchChecks::no),
+          cache_);
+      if (report.isComplete || packed == nullptr || agree(*own.rows, *packed)) return own;
+      own.damage = "its rows are not those that were flushed";
+    } catch (const std::system_error&) {
+      throw;
+    } catch (const std::runtime_error& error) {
+      if (endsAsParquet(*file)) own.damage = error.what();
+    }
+    own.rows.reset();
+    return own;
+  }
+
+  static bool endsAsParquet(const DiskFile& file) {
+    constexpr std::string_view kMagic = "PAR1";
+    constexpr std::uint64_t kLeastBytes = 12;
+    std::string end(kMagic.size(), '\0');
+    const std::uint64_t size = file.size();
+    return size >= kLeastBytes &&
+           file.readAt(size - end.size(), end.data(), end.size()) == end.size() && end == kMagic;
+  }
+
+  // Whole Parquet files have no checksums, and those that were not synced may have wrong rows.
+  static bool agree(ContentReader& own, ContentReader& packed) {
+    constexpr std::uint64_t kPieceRows = 65'536;
+    const std::uint64_t rows = packed.rows();
+    if (own.rows() < rows || !parquet::haveSameTypes(*own.columns(), *packed.columns())) {
+      return false;
+    }
+    for (std::uint64_t row = 0; row < rows; row += kPieceRows) {
+      const std::uint64_t count = std::min(kPieceRows, rows - row);
+      if (!parquet::areEqual(own.read(row, count).rows, packed.read(row, count).rows)) return false;
+    }
+    return true;
+  }
+
+  // All rows of a content that packs have, if its first row is among them.
+  std::shared_ptr<ContentReader> packedRows(int id) const {
+    auto runs = packs_.runsOf(id, 0);
+    if (runs.empty()) return nullptr;
+    auto packed = std::make_shared<ContentReader>(runs.front().pack, id, 0, 0);
+    packed->setRuns(id, std::move(runs));
+    return packed;
+  }
+
+  bool isInPacks(int id) const {
+    bool isThere = false;
+    for (const auto& [name, pack] : packs_.packs()) {
+      pack->index().forEachRun(id, [&](auto&&...) { isThere = true; });
+    }
+    return isThere;
+  }
+
+  void expand(int id) {
+    if (!isInPacks(id)) return;
+    const std::string name = std::to_string(id);
+    auto all = packedRows(id);
+    std::uint64_t ownRows = 0;
+    std::shared_ptr<const ::arrow::KeyValueMetadata> notes = notesOf(id);
+    if (storage_.has(name)) {
+      Own own = lookAt(name, all.get());
+      if (own.rows) {
+        all = std::move(own.rows);
+        notes = all->file().keyValueMetadata();
+        ownRows = all->rows();
+        all->setRuns(id, packs_.runsOf(id, ownRows));
+      } else if (!all || all->rows() <= own.soundRows) {
+        return;
+      } else if (!own.damage.empty()) {
+        keep_(name, own.damage);
+      }
+    }
+    if (!all || all->rows() == ownRows) return;
+    const std::string copy = copyOf(id);
     storage_.remove(copy);
-    std::shared_ptr<DiskFile> file = storage_.open(copy, DiskFile::Mode::createNew);
-    write(file, id, own, runs);
+    write(storage_.open(copy, DiskFile::Mode::createNew), *all, ownRows, notes);
     const auto written = storage_.open(copy, DiskFile::Mode::readWrite);
     written->syncAll();
     written->close();
     storage_.rename(copy, storage_, name);
   }
 
-  void write(std::shared_ptr<DiskFile> file, int id, const std::shared_ptr<ContentReader>& own,
-             const std::vector<ContentRun>& runs) const {
-    const auto schema = own ? own->columns() : runs.front().pack->schema().schema;
+  static void write(std::shared_ptr<DiskFile> file, ContentReader& rows, std::uint64_t ownRows,
+                    const std::shared_ptr<const ::arrow::KeyValueMetadata>& notes) {
     const parquet::FileLayout layout(
-        *schema,
-        own ? parquet::ParquetWriterOptions().buildWriterProperties(own->codec())
-            : parquet::ParquetWriterOptions().buildWriterProperties(),
+        *rows.columns(),
+        ownRows > 0 ? parquet::ParquetWriterOptions().buildWriterProperties(rows.codec())
+                    : parquet::ParquetWriterOptions().buildWriterProperties(),
         {});
-    const auto to = parquet::GrowingFile::createIn(std::move(file), layout, notesOf(id, own.get()));
-    const auto append = [&](ContentReader& from, std::uint64_t begin, std::uint64_t count) {
-      const parquet::HeldRows held = from.read(begin, count);
-      const auto table = parquet::tableOf(from.schema(), held.rows);
+    const auto to = parquet::GrowingFile::createIn(std::move(file), layout, notes);
+    const auto append = [&](std::uint64_t begin, std::uint64_t end) {
+      const parquet::HeldRows held = rows.read(begin, end - begin);
+      const auto table = parquet::tableOf(rows.schema(), held.rows);
       to->appendBatch(*::arrow::Table::Make(layout.schema(), table->columns()));
     };
-    for (std::size_t part = 0; own && part < own->parts(); ++part) {
-      append(*own, own->partStart(part), own->partStart(part + 1) - own->partStart(part));
+    for (std::size_t part = 0; rows.partStart(part) < ownRows; ++part) {
+      append(rows.partStart(part), rows.partStart(part + 1));
     }
-    const std::uint64_t first = own ? own->rows() : 0;
-    ContentReader packed(runs.front().pack, id, 0, 0);
-    packed.setRuns(runs);
     // A recording has no more rows in packs than a batch has.
     const std::uint64_t most = static_cast<std::uint64_t>(to->maxRows());
-    for (std::uint64_t row = first; row < packed.rows();) {
-      const std::uint64_t count = std::min(most, packed.rows() - row);
-      append(packed, row, count);
-      row += count;
+    for (std::uint64_t row = ownRows; row < rows.rows(); row += most) {
+      append(row, std::min(rows.rows(), row + most));
     }
     to->finish();
   }
 
-  std::shared_ptr<const ::arrow::KeyValueMetadata> notesOf(int id, const ContentReader* own) const {
-    if (own != nullptr) return own->file().keyValueMetadata();
+  std::shared_ptr<const ::arrow::KeyValueMetadata> notesOf(int id) const {
     for (const auto& [name, pack] : packs_.packs()) {
       const auto notes = pack->notes().find(id);
       if (notes == pack->notes().end()) continue;
@@ -133,17 +210,17 @@ class Expansion {
   }
 
   Folder storage_;
+  const KeepDamaged& keep_;
   std::shared_ptr<parquet::RowGroupCache> cache_;
   LivePacks packs_;
 };
 
 }  // namespace
 
-std::vector<DamagedPack> expandPacks(const Folder& folder) {
+void expandPacks(const Folder& folder, const KeepDamaged& keep) {
   for (const std::string& name : folder.folder(kStorageFolder).names()) {
-    if (parquet::growingPackNumber(name)) return Expansion(folder).run();
+    if (parquet::growingPackNumber(name)) return Expansion(folder, keep).run();
   }
-  return {};
 }
 
 }  // namespace kyr::recording

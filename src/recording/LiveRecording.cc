@@ -197,6 +197,7 @@ class LiveRecording::Impl {
       line.rows.push_back(signal->rowCount(Part::data));
     }
     journal_->append(line, syncs_);
+    store().noteFlush();
   }
 
   void finish() {

@@ -152,11 +152,10 @@ class Recovery {
 
   // The rows that growing packs have become files, of which the rest is made.
   void expand() {
-    for (const DamagedPack& pack : expandPacks(folder_)) {
-      keepAside(pack.name);
-      note("{}/{} is damaged, and is kept in {}: {}", kStorageFolder, pack.name, kLostFolder,
-           pack.damage);
-    }
+    expandPacks(folder_, [this](const std::string& name, const std::string& damage) {
+      keepAside(name);
+      note("{}/{} is damaged, and is kept in {}: {}", kStorageFolder, name, kLostFolder, damage);
+    });
   }
 
   // Only a finished recording has packs of this kind, and only its description says what they hold.

@@ -95,7 +95,8 @@ void SafeBackend::flush(const PoolSignals& signals) {
   }
   if (store_->packs() != nullptr) store_->packs()->write();
   if (store_->options().sync != SafeStorage::Sync::never) store_->sync();
-  store_->noteFlush();
+  // A live recording notes it when its journal tells of the flush.
+  if (store_->packs() == nullptr) store_->noteFlush();
 }
 
 bool SafeBackend::writeFiles() {

@@ -1,23 +1,29 @@
+#include <arrow/api.h>
+#include <arrow/util/key_value_metadata.h>
 #include <fmt/format.h>
+#include <parquet/properties.h>
 
-#include <algorithm>
-#include <functional>
+#include <fstream>
 #include <set>
 
+#include "files/growing/GrowingFile.h"
 #include "files/pack/GrowingPack.h"
+#include "files/pack/PackSchema.h"
 #include "kyr/recording/LiveRecording.h"
 #include "kyr/recording/RecordingReader.h"
 #include "kyr/recording/Recovery.h"
 #include "platform/DiskFile.h"
+#include "recording/LiveFormat.h"
 #include "recording/RecordingTest.h"
 #include "recording/SampleSignals.h"
-#include "support/FaultyDisk.h"
 
 // Rows of many signals between two flushes lie together in growing packs.
 
 namespace kyr::recording {
 namespace {
 
+using test::bytesOf;
+using test::errorOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Values = std::vector<double>;
@@ -266,87 +272,117 @@ TEST_F(LivePacksTest, MemoryIsBoundedForAllSignalsTogether) {
   EXPECT_EQ(faults(rec), "");
 }
 
-template <typename T>
-void expectGroup(RecordingReader& reader, int signals, std::size_t steps) {
-  for (int id = 1; id <= signals; ++id) {
-    std::vector<T> found(steps);
-    ASSERT_EQ(reader.readElements(id, {0, steps}, found.data(), steps * sizeof(T)), steps);
-    for (std::size_t i = 0; i < steps; ++i) ASSERT_EQ(found[i], T(id * 7 + int(i))) << id;
-    ASSERT_EQ(reader.timeCount(id), steps);
-  }
-  EXPECT_EQ(reader.withSameTimes(1).size(), std::size_t(signals));
-}
-
-// Steps of many signals as arrays are what the signals would have got one by one, also where a call
-// of the system fails in between and the same call is made again.
-TEST_F(LivePacksTest, GroupsAppendStepsOfAllSignals) {
-  constexpr int kSignals = 37;
-  constexpr std::size_t kSteps = 700;
-  std::vector<SignalDescription> descriptions;
-  for (int id = 1; id <= kSignals; ++id) descriptions.push_back({id, "", "", "", {}});
-  options.storage.batchRows = 300;
-  const auto record = [&](auto zero, KYRSignalDataType type, int failAt) {
-    using T = decltype(zero);
-    live = std::make_unique<LiveRecording>(path(), options);
-    const auto group = live->addGroup(descriptions, type);
-    EXPECT_EQ(group->signals(), std::size_t(kSignals));
-    const auto retried = [](const std::function<void()>& call) {
-      try {
-        call();
-      } catch (const std::exception&) {
-        call();
-      }
-    };
-    test::faultyDisk::Plan plan;
-    plan.failAt = failAt;
-    test::faultyDisk::start(plan);
-    for (std::size_t step = 0; step < kSteps;) {
-      const std::size_t steps = std::min<std::size_t>(1 + step % 13, kSteps - step);
-      std::vector<double> times;
-      std::vector<T> samples;
-      for (std::size_t end = step + steps; step < end; ++step) {
-        times.push_back(double(step));
-        for (int id = 1; id <= kSignals; ++id) samples.push_back(T(id * 7 + int(step)));
-      }
-      retried(
-          [&] { group->append(times.data(), steps, samples.data(), samples.size() * sizeof(T)); });
-      if (step % 11 == 0) retried([&] { live->flush(); });
+// Samples of many sizes are read across the end of the file and the packs behind it.
+TEST_F(LivePacksTest, ListsAreReadBehindTheirFile) {
+  options.storage.batchRows = 40;
+  begin(2);
+  const auto stream = live->addSignal({3, "lists", "", "", {}}, Double, VarDim);
+  Values all;
+  const auto appendLists = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      const Values sample(all.size() % 3 + 1, double(all.size()));
+      stream->appendData(sample.data(), sample.size() * sizeof(double), {{sample.size()}}, {});
+      all.insert(all.end(), sample.begin(), sample.end());
     }
-    retried([&] { live->finish(); });
-    const int calls = test::faultyDisk::stop();
-    EXPECT_EQ(faults(rec), "");
-    RecordingReader reader(path());
-    expectGroup<T>(reader, kSignals, kSteps);
-    EXPECT_THROW(group->append(nullptr, 0, "", 1), std::logic_error);
-    fs::remove_all(rec);
-    return calls;
   };
-  record(std::int8_t(), Int8, 0);
-  record(std::uint16_t(), UInt16, 0);
-  record(float(), Single, 0);
-  const int calls = record(double(), Double, 0);
-  for (int failAt = 1; failAt <= calls; failAt += 19) record(double(), Double, failAt);
+  for (const int count : {45, 5, 6}) {
+    appendLists(count);
+    live->flush();
+  }
+  const auto expectAll = [&] {
+    const SampleRows rows = RecordingReader(path()).read(3);
+    EXPECT_EQ(rows.dimensions.size(), 56U);
+    EXPECT_EQ(rows.bytes, bytesOf(all));
+  };
+  expectAll();
+  crash();
+  EXPECT_FALSE(recoverRecording(path()).hasLosses());
+  expectAll();
 }
 
-TEST_F(LivePacksTest, GroupsRefuseWhatMakesNoSteps) {
-  begin(1);
-  const auto group = live->addGroup({{5, "", "", "", {}}, {6, "", "", "", {}}}, Int16);
-  const double time = 0;
-  const short samples[] = {1, 2};
-  EXPECT_THROW(group->append(&time, 1, samples, 3), std::invalid_argument);
-  EXPECT_THROW(group->append(&time, 1, samples, 8), std::invalid_argument);
-  EXPECT_THROW(group->append(nullptr, 1, samples, 4), std::invalid_argument);
-  EXPECT_THROW(group->append(&time, 1, nullptr, 4), std::invalid_argument);
-  const SignalDescription seven{7, "", "", "", {}};
-  for (const Descriptions& refused :
-       {Descriptions{}, Descriptions{seven, seven}, Descriptions{seven, {5, "", "", "", {}}}}) {
-    EXPECT_THROW(live->addGroup(refused, Double), std::invalid_argument);
+// A crash while a content gets its file leaves its rows in the packs.
+TEST_F(LivePacksTest, InterruptedFilesTakeNothingFromThePacks) {
+  begin(2);
+  streams[1]->appendTime(Values(7).data(), 7);  // as many zeros as a cut of the power may leave
+  streams[1]->finish(parquet::StreamableSignal::SignalPart::time);
+  streams[1]->resetData();
+  const auto zeros = test::Folder(rec / "storage").contents("0");
+  appendAll(0, 5);
+  live->flush();
+  crash();
+  const fs::path sound = temp.file("sound");
+  fs::rename(rec, sound);
+  const auto file =
+      std::to_string(*RecordingReader(Path::fromFilesystem(sound)).signal(2).dataStorageId);
+  for (const bool isWhole : {false, true}) {
+    for (const std::string& left :
+         {zeros, zeros.substr(0, zeros.size() / 2), std::string("PAR1"), std::string()}) {
+      if (isWhole != (left.size() == zeros.size())) continue;
+      fs::copy(sound, rec, fs::copy_options::recursive);
+      std::ofstream(rec / "storage" / file, std::ios::binary) << left;
+      if (!isWhole) {
+        RecordingReader reader(path());
+        expectRows(reader, 2, 5);
+      }
+      EXPECT_EQ(recoverRecording(path()).hasLosses(), isWhole) << left.size();
+      EXPECT_EQ(faults(rec), "");
+      RecordingReader reader(path());
+      for (const int id : {1, 2}) expectRows(reader, id, 5);
+      fs::remove_all(rec);
+    }
   }
-  EXPECT_THROW(live->addGroup({seven}, ByteString), std::invalid_argument);
-  group->append(&time, 1, samples, 4);
-  live->finish();
-  EXPECT_EQ(RecordingReader(path()).signals().size(), 3U);
-  EXPECT_THROW(group->append(&time, 1, samples, 4), std::logic_error);
+}
+
+// What is reset stays until the journal says so, however often a flush fails before.
+TEST_F(LivePacksTest, FailedFlushesKeepWhatIsAcknowledged) {
+  options.storage.batchRows = 8;
+  begin(2);
+  appendAll(0, 20);
+  live->flush();
+  streams[1]->resetData();
+  const fs::path obstacle = rec / "recording.live.json.new";
+  fs::create_directory(obstacle);
+  for (int i = 0; i < 3; ++i) EXPECT_THROW(live->flush(), std::exception);
+  crash();
+  fs::remove(obstacle);
+  EXPECT_FALSE(recoverRecording(path()).hasLosses());
+  RecordingReader reader(path());
+  for (const int id : {1, 2}) expectRows(reader, id, 20);
+}
+
+// Packs that were made to harm say that they have more rows of a content, in other columns.
+TEST_F(LivePacksTest, RowsOfOtherColumnsAreRefused) {
+  constexpr int kForged = 50'000;
+  for (const bool hasFile : {false, true}) {
+    live = std::make_unique<LiveRecording>(path(), options);
+    const auto stream = live->addSignal({1, "bytes", "", "", {}}, Int8, Scalar);
+    const std::string bytes(hasFile ? 600 : 5, 'x');
+    stream->appendData(bytes.data(), bytes.size(), {}, {});
+    live->flush();
+    EXPECT_EQ(fs::exists(rec / "storage" / "0"), hasFile);
+    crash();
+    const auto schema =
+        parquet::packSchema(*::arrow::schema({::arrow::field("data", ::arrow::float64())}));
+    const auto forged = parquet::GrowingFile::create(rec / "storage" / "live-9.parquet", schema,
+                                                     ::parquet::default_writer_properties());
+    ::arrow::DoubleBuilder data;
+    ASSERT_TRUE(data.AppendValues(Values(kForged, 1)).ok());
+    ::arrow::Int32Builder ids;
+    ASSERT_TRUE(ids.AppendValues(std::vector<int>(kForged, 0)).ok());
+    forged->appendBatch(
+        *::arrow::Table::Make(schema, {*data.Finish(), *ids.Finish()}), /*publish=*/true,
+        ::arrow::key_value_metadata({parquet::kPackRunsKey},
+                                    {fmt::format("{}+{} 0;", bytes.size(), kForged)}));
+    std::ofstream(rec / "recording.journal", std::ios::app)
+        << writeJournalLine({2, {0, bytes.size() + kForged}});
+    EXPECT_THAT(errorOf([&] { RecordingReader(path()).read(1); }), HasSubstr("have the columns"));
+    if (hasFile) {
+      EXPECT_EQ(recoverRecording(path()).signals.at(0).rowsKept, bytes.size());
+    } else {
+      EXPECT_THROW(recoverRecording(path()), std::runtime_error);
+    }
+    fs::remove_all(rec);
+  }
 }
 
 }  // namespace

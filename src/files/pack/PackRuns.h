@@ -65,13 +65,6 @@ class PackIndex {
       }
     }
   }
-  /// Calls \p visit(first id, last id) with ids that have runs; an id may come more than once.
-  template <typename Visit>
-  void forEachIdRange(Visit&& visit) const {
-    for (const Placed& placed : groups_) {
-      for (const auto& [from, to] : placed.group.ids) visit(from, to);
-    }
-  }
 
  private:
   struct Placed {

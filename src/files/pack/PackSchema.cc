@@ -31,4 +31,15 @@ bool isPackSchema(const ::arrow::Schema& schema) {
          schema.field(ids)->type()->id() == ::arrow::Type::INT32;
 }
 
+bool haveSameTypes(const ::arrow::Schema& a, const ::arrow::Schema& b) {
+  if (a.num_fields() != b.num_fields()) return false;
+  for (int i = 0; i < a.num_fields(); ++i) {
+    if (a.field(i)->name() != b.field(i)->name() ||
+        !a.field(i)->type()->Equals(b.field(i)->type())) {
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace kyr::parquet

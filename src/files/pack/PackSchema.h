@@ -20,4 +20,8 @@ std::shared_ptr<::arrow::Schema> contentSchema(const ::arrow::Schema& pack);
 /// Whether the last column, and not the only one, is that of storage ids.
 bool isPackSchema(const ::arrow::Schema& schema);
 
+/// Whether columns have the same names and types. Those of a pack and of a file differ in which can
+/// have no nulls.
+bool haveSameTypes(const ::arrow::Schema& a, const ::arrow::Schema& b);
+
 }  // namespace kyr::parquet
