@@ -1,6 +1,7 @@
 #include "recording/CompleteRecording.h"
 
 #include <set>
+#include <system_error>
 #include <utility>
 
 #include "files/pack/GrowingPack.h"
@@ -61,11 +62,20 @@ std::vector<std::string> unnamedIn(const Folder& storage, const RecordingInfo& i
   return unnamed;
 }
 
-void removeUnnamed(const Folder& folder, const RecordingInfo& info) {
+bool removeUnnamed(const Folder& folder, const RecordingInfo& info) {
   const Folder storage = folder.folder(kStorageFolder);
+  bool areGone = true;
   for (const std::string& name : unnamedIn(storage, info)) {
-    if (isStorageName(name) && storage.entry(name) == Folder::Entry::file) storage.tryRemove(name);
+    if (!isStorageName(name) || storage.entry(name) != Folder::Entry::file) continue;
+    storage.tryRemove(name);
+    areGone = areGone && !storage.has(name);
   }
+  try {
+    storage.sync();
+  } catch (const std::system_error&) {
+    return false;
+  }
+  return areGone;
 }
 
 void removeLiveFiles(const Folder& folder) {

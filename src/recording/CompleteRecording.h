@@ -26,8 +26,10 @@ bool isStorageName(std::string_view name);
 /// The entries of the folder's storage that are no files of \p info, ascending.
 std::vector<std::string> unnamedIn(const Folder& storage, const RecordingInfo& info);
 
-/// Removes the files that unnamedIn() tells and that kyr may have made, as far as that is possible.
-void removeUnnamed(const Folder& folder, const RecordingInfo& info);
+/// Removes the files that unnamedIn() tells and that kyr may have made, as far as that is possible,
+/// and syncs the storage folder.
+/// \return whether all of them are gone, also after a power cut
+bool removeUnnamed(const Folder& folder, const RecordingInfo& info);
 
 /// Removes the files of a live recording, the journal last, and syncs the folder.
 void removeLiveFiles(const Folder& folder);

@@ -14,6 +14,7 @@
 
 #include "files/growing/FileRecovery.h"
 #include "files/growing/GrowingFile.h"
+#include "files/growing/GrowingRecords.h"
 #include "files/pack/PackSchema.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
@@ -40,7 +41,10 @@ class Expansion {
   }
 
   void run() {
-    for (const std::string& name : packs_.unreadable()) keep_(name, "it cannot be read");
+    for (const std::string& name : packs_.unreadable()) {
+      // A pack that was just being made has no rows.
+      if (parquet::inspectFile(storage_, name).losesBatches) keep_(name, "it cannot be read");
+    }
     std::set<int> ids = idsOfFiles();
     for (const auto& [name, pack] : packs_.packs()) {
       const auto report = parquet::inspectFile(storage_, name);
@@ -65,9 +69,9 @@ class Expansion {
  private:
   // The file of a content.
   struct Own {
-    std::shared_ptr<ContentReader> rows;  // null if not all of them can be read
-    std::uint64_t soundRows = 0;          // if so
-    std::string damage;                   // empty for a file whose writing was interrupted
+    std::shared_ptr<ContentReader> rows;  // the first ones that can be relied on; null for none
+    std::uint64_t soundRows = 0;
+    std::string damage;  // empty for a file that is sound, or whose writing was interrupted
   };
 
   static std::string copyOf(int id) { return fmt::format("{}.copy", id); }
@@ -83,20 +87,28 @@ class Expansion {
     return ids;
   }
 
+  // The footer of a growing file may be on the disk without the batches that it names, so that only
+  // batches that are there count.
   Own lookAt(const std::string& name, ContentReader* packed) const {
     Own own;
     const parquet::RecoveryReport report = parquet::inspectFile(storage_, name);
     const std::shared_ptr<const DiskFile> file = storage_.open(name);
     own.soundRows = report.rowsKept;
-    if (report.losesBatches || (report.hasFooter && !report.isComplete)) {
-      own.damage = "batches are damaged";
+    if (report.isComplete) {
+      own.rows = std::make_shared<ContentReader>(soundBatches(file), cache_);
+      if (report.losesBatches) own.damage = "batches are damaged";
+      return own;
+    }
+    if (report.hasFooter) {
+      own.damage = "its first record is damaged";
       return own;
     }
     try {
-      own.rows = std::make_shared<ContentReader>(
-          parquet::openAnyFile(file, parquet::RecordLimits::kAll, parquet::BatchChecks::no),
-          cache_);
-      if (report.isComplete || packed == nullptr || agree(*own.rows, *packed)) return own;
+      own.rows =
+          std::make_shared<ContentReader>(std::make_shared<parquet::InputFile>(file), cache_);
+      own.soundRows = own.rows->rows();
+      if (packed == nullptr || agree(*own.rows, *packed)) return own;
+      own.soundRows = 0;
       own.damage = "its rows are not those that were flushed";
     } catch (const std::system_error&) {
       throw;
@@ -105,6 +117,17 @@ class Expansion {
     }
     own.rows.reset();
     return own;
+  }
+
+  static std::shared_ptr<parquet::InputFile> soundBatches(
+      const std::shared_ptr<const DiskFile>& file) {
+    parquet::RecordLimits limits;
+    limits.end = file->size();
+    auto records = parquet::recordsFromStart(*file, limits);
+    if (!records) throw std::runtime_error(file->path().string() + ": was changed meanwhile");
+    return std::make_shared<parquet::InputFile>(
+        file, std::make_shared<parquet::GrowingRecords>(*std::move(records)),
+        parquet::BatchChecks::no);
   }
 
   static bool endsAsParquet(const DiskFile& file) {
@@ -151,22 +174,21 @@ class Expansion {
     if (!isInPacks(id)) return;
     const std::string name = std::to_string(id);
     auto all = packedRows(id);
+    auto notes = notesOf(id);
     std::uint64_t ownRows = 0;
-    std::shared_ptr<const ::arrow::KeyValueMetadata> notes = notesOf(id);
     if (storage_.has(name)) {
       Own own = lookAt(name, all.get());
-      if (own.rows) {
+      const std::uint64_t packed = all ? all->rows() : 0;
+      if (own.rows) own.rows->setRuns(id, packs_.runsOf(id, own.soundRows));
+      if (own.rows && own.rows->rows() >= packed) {
+        notes = own.rows->file().keyValueMetadata();
+        ownRows = own.soundRows;
         all = std::move(own.rows);
-        notes = all->file().keyValueMetadata();
-        ownRows = all->rows();
-        all->setRuns(id, packs_.runsOf(id, ownRows));
-      } else if (!all || all->rows() <= own.soundRows) {
-        return;
-      } else if (!own.damage.empty()) {
-        keep_(name, own.damage);
       }
+      if (std::max(own.soundRows, all ? all->rows() : 0) == own.soundRows) return;
+      if (!own.damage.empty()) keep_(name, own.damage);
     }
-    if (!all || all->rows() == ownRows) return;
+    if (!all) return;
     const std::string copy = copyOf(id);
     storage_.remove(copy);
     write(storage_.open(copy, DiskFile::Mode::createNew), *all, ownRows, notes);

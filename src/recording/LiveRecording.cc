@@ -215,11 +215,12 @@ class LiveRecording::Impl {
     // From here on the folder is a recording.
     *isClosed_ = true;
     store().noteSaved();
-    removeUnnamed(open_, info);
+    // As long as files are left that it does not name, a recovery is to remove them.
+    const bool isClean = removeUnnamed(open_, info);
     pool_.reset();
     signals_.clear();
     groups_.clear();
-    removeLiveFiles(open_);
+    if (isClean) removeLiveFiles(open_);
     journal_.reset();
   }
 

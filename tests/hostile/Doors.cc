@@ -1,5 +1,5 @@
-// --make OUT writes the recordings OUT/finished, OUT/packed and OUT/live, which are the same but
-// for the way in which they are stored. Otherwise:
+// --make OUT writes the recordings OUT/finished and OUT/packed, which are the same but for the way
+// in which they are stored, and OUT/live, which has files and growing packs. Otherwise:
 //
 // Opens folders in every way that the library has, and reads all that they hold. Takes the names of
 // folders from standard input, a line each, and prints a line for each of them: how many ways led
@@ -183,11 +183,20 @@ void makeRecordings(const std::filesystem::path& out) {
   packing.packBelow = 1000;
   saveRecording(pool, descriptions, pathOf("packed"), packing);
 
-  LiveRecording live(pathOf("recorded"));
+  LiveOptions options;
+  options.storage.batchRows = 32;  // the first flush goes to files, the second to packs
+  LiveRecording live(pathOf("recorded"), options);
   Rows recorded([&](const SignalDescription& signal, KYRSignalDataType type,
                     KYRSignalCategory category) { return live.addSignal(signal, type, category); });
-  for (int flush = 0; flush < 2; ++flush) {
-    recorded.append(10);
+  for (const int count : {10, 5}) {
+    recorded.append(count);
+    live.flush();
+  }
+  SignalDescription small;
+  small.signalId = 5;  // is in a pack alone
+  const auto packed = live.addSignal(small, Int16, Scalar);
+  for (std::int16_t value = 1; value <= 3; ++value) {
+    packed->appendData(&value, sizeof(value), {}, {});
     live.flush();
   }
   std::filesystem::copy(out / "recorded", out / "live", std::filesystem::copy_options::recursive);

@@ -12,6 +12,7 @@ import pathlib
 import random
 import re
 import shutil
+import struct
 import subprocess
 import sys
 import tempfile
@@ -85,6 +86,36 @@ def fitted(folder):
 
 def written(name, text):
     return lambda folder: (folder / name).write_text(text, errors="surrogatepass")
+
+
+RECORD = "<8sIIQQQQQQ16s"
+BATCH_HEADER = 88
+
+
+def records(content):
+    """Offset, header, row group and metadata of the batch records of a growing file."""
+    at = 4
+    while content[at:at + 8] == b"\x8fKYRBAT\n":
+        header = struct.unpack_from(RECORD, content, at)
+        group, metadata = at + BATCH_HEADER, at + BATCH_HEADER + header[7]
+        if header[2] != 0:
+            return
+        yield at, header, content[group:metadata], content[metadata:metadata + header[8]]
+        at = metadata + header[8]
+
+
+def with_runs(content, index, change):
+    """The growing pack up to a batch that says that it has other rows, with a checksum that fits."""
+    at, header, group, metadata = list(records(content))[index]
+    key = metadata.index(b"kyr.runs") + len(b"kyr.runs")
+    length = metadata[key + 1]  # behind the type of the field; longer texts have more bytes of it
+    assert length < 128
+    text = change(metadata[key + 2:key + 2 + length].decode()).encode()
+    size = bytes([len(text) & 0x7F | 0x80, len(text) >> 7]) if len(text) > 127 else bytes([len(text)])
+    metadata = metadata[:key + 1] + size + text + metadata[key + 2 + length:]
+    start = struct.pack(RECORD, *header[:8], len(metadata), b"")[:64]
+    digest = xxhash.xxh3_128_digest(group + metadata + start)
+    return content[:at] + start + digest + content[at + 80:at + BATCH_HEADER] + group + metadata
 
 
 class Corpus:
@@ -184,6 +215,37 @@ class Corpus:
                         if (folder / "recording.json").exists():
                             fitted(folder)
                     yield f"{base} {file.name} holds {name}", base, write
+
+    def packs(self):
+        """Growing packs that say that they have other rows, with rows of other contents, or too many of them."""
+        storage = self.bases / "live" / "storage"
+        packs = sorted(path.name for path in storage.iterdir() if path.name.startswith("live-"))
+        ids = range(12)
+        texts = {"no rows": "", "all ids": f"0+1 0-{2**31 - 1};", "too many": f"0+{2**64 - 1} 0;", "far": f"{2**64 - 6}+5 0;",
+                 "negative": "-1+5 0;", "none": "0+0 0;", "twice": "0+5 0,0;", "down": "0+1 5-1;", "long": "0+1 0;" * 700}
+        changes = {name: lambda old, text=text: text for name, text in texts.items()}
+        for id in ids:
+            changes[f"of {id}"] = lambda old, id=id: re.sub(r" [^;]*;", f" {id};", old)
+        for first in (0, 5, 9, 11, 14, 2**40, 2**64 - 2):
+            changes[f"from {first}"] = lambda old, first=first: re.sub(r"\d+\+", f"{first}+", old)
+        for name in packs:
+            content = (storage / name).read_bytes()
+            for index in range(1, len(list(records(content)))):
+                for what, change in changes.items():
+                    forged = with_runs(content, index, change)
+                    for place in (name, "live-77.parquet"):
+                        yield f"live {name} {what} as {place}", "live", lambda folder, f=forged, p=place: (folder / "storage" / p).write_bytes(f)
+            for other in packs:
+                yield f"live {name} is {other}", "live", lambda folder, n=name, o=other: shutil.copy(storage / o, folder / "storage" / n)
+
+            def many(folder, name=name):
+                for number in range(100, 700):
+                    os.link(folder / "storage" / name, folder / "storage" / f"live-{number}.parquet")
+            yield f"live {name} 600 times", "live", many
+        lines = [f"2 {parts} {rows} " for parts in (2, 12, 2**26) for rows in (5, 100, 2**40, 2**63, 2**64 - 1)]
+        for line in lines:
+            whole = line + xxhash.xxh3_128_hexdigest(line.encode())[:16] + "\n"
+            yield f"live {line}", "live", lambda folder, w=whole: (folder / "recording.journal").write_text(w)
 
     def bytes(self):
         """Bytes of files changed at random, without end."""
@@ -304,10 +366,10 @@ def main():
         corpus = Corpus(bases, outside)
         if len(sys.argv) > 3:
             doors = Commands(sys.argv[3], temp)
-            made = list(corpus.places()) + [case for case in corpus.documents() if "nested" in case[0]]
+            made = list(corpus.places()) + list(corpus.packs()) + [case for case in corpus.documents() if "nested" in case[0]]
         else:
             doors = Doors(program)
-            made = list(corpus.documents()) + list(corpus.places()) + list(corpus.columns())
+            made = list(corpus.documents()) + list(corpus.places()) + list(corpus.columns()) + list(corpus.packs())
         corpus.random.shuffle(made)
         end = time.monotonic() + seconds
         entered, faults = 0, []

@@ -310,6 +310,7 @@ TEST_F(LivePacksTest, InterruptedFilesTakeNothingFromThePacks) {
   appendAll(0, 5);
   live->flush();
   crash();
+  test::Folder(rec / "storage").touch("live-5.parquet", "PAR1");  // nor does a pack cut short
   const fs::path sound = temp.file("sound");
   fs::rename(rec, sound);
   const auto file =
@@ -331,6 +332,29 @@ TEST_F(LivePacksTest, InterruptedFilesTakeNothingFromThePacks) {
       fs::remove_all(rec);
     }
   }
+}
+
+// A power cut may keep the end of a file and not the batch before it.
+TEST_F(LivePacksTest, BatchesThatAreNotThereTakeNothingFromThePacks) {
+  options.storage.batchRows = 40;
+  begin(1);
+  for (int from = 0; from < 36; from += 4) {
+    appendAll(from, from + 4);
+    live->flush();
+  }
+  appendAll(36, 40);
+  appendAll(40, 41);  // writes the batch
+  crash();
+  const fs::path file = rec / "storage" / "1";
+  ASSERT_TRUE(fs::exists(file));
+  std::string bytes = test::Folder(rec / "storage").contents("1");
+  const std::size_t batch = bytes.find("\x8FKYRBAT\n", 100);
+  ASSERT_LT(batch, bytes.size());
+  std::fill_n(bytes.begin() + std::ptrdiff_t(batch), 88, '\0');
+  std::ofstream(file, std::ios::binary) << bytes;
+  EXPECT_FALSE(recoverRecording(path()).hasLosses());
+  RecordingReader reader(path());
+  expectRows(reader, 1, 36);
 }
 
 // What is reset stays until the journal says so, however often a flush fails before.

@@ -57,7 +57,10 @@ Inspection inspect(const std::shared_ptr<const DiskFile>& file, std::uint64_t ma
   found.records = recordsFromStart(*file, limits);
   if (!found.records) {
     auto published = recordsFromFooter(*file, found.size);
-    if (!published) return found;
+    if (!published) {
+      report.losesBatches = holdsRecordsBehind(*file, kParquetMagic.size());
+      return found;
+    }
     report.hasFooter = true;
     const auto batches = std::make_shared<GrowingRecords>(*std::move(published));
     report.rowsKept = InputFile(file, batches, BatchChecks::yes).soundRows();
