@@ -250,10 +250,11 @@ void Part::flush() {
 void Part::finish() {
   if (!content_ || shared_ == kAllRows) return;
   guarded([&] { placePending(/*isLast=*/true); });
+  // A content that ends here must not be left growing.
   guarded([&] {
-    if (shared_ < content_->rows()) leave(ContentKey::endAt(shared_));
+    while (shared_ < content_->rows()) leave(ContentKey::endAt(shared_));
+    content_->finish();
   });
-  content_->finish();
 }
 
 void Part::cut(std::uint64_t rows) {

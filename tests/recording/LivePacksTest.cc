@@ -357,6 +357,26 @@ TEST_F(LivePacksTest, BatchesThatAreNotThereTakeNothingFromThePacks) {
   expectRows(reader, 1, 36);
 }
 
+// A content that ends where a part ended does not grow behind that, also if its file failed.
+TEST_F(LivePacksTest, AppendingGoesOnBehindAFinishThatFailed) {
+  begin(2);
+  appendAll(0, 8);
+  append(0, 8, 10);
+  live->flush();
+  fs::rename(rec / "storage", rec / "away");
+  EXPECT_THROW(streams[1]->finish(), std::exception);
+  fs::rename(rec / "away", rec / "storage");
+  append(1, 8, 20);
+  append(0, 10, 12);
+  streams[1]->finish();
+  append(1, 20, 25);
+  live->finish();
+  EXPECT_EQ(faults(rec), "");
+  RecordingReader reader(path());
+  expectRows(reader, 1, 12);
+  expectRows(reader, 2, 25);
+}
+
 // What is reset stays until the journal says so, however often a flush fails before.
 TEST_F(LivePacksTest, FailedFlushesKeepWhatIsAcknowledged) {
   options.storage.batchRows = 8;
