@@ -59,7 +59,7 @@ class ManySignals {
   std::size_t rows_ = 0;
 };
 
-// As many bytes as a flush has to bring to disk, with one write(2).
+// Writes as many bytes as a flush has to bring to disk, with one write(2).
 class OneFile {
  public:
   OneFile(const fs::path& file, bool syncs)

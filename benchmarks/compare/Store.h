@@ -61,7 +61,7 @@ class Store {
   Store& operator=(const Store&) = delete;
 
   virtual bool supports(const Workload& workload) const = 0;
-  /// As supports(), for workloads that are recorded live.
+  /// Does what supports() does, for workloads that are recorded live.
   virtual bool supportsLive(const Workload& /*workload*/) const { return false; }
   bool takes(const Workload& workload) const {
     return workload.isLive() ? supportsLive(workload) : supports(workload);

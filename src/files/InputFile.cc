@@ -394,15 +394,6 @@ RowSpan InputFile::rowsIn(std::uint64_t from, std::uint64_t to) const {
   return span.from < span.to ? span : RowSpan{0, rows()};
 }
 
-void InputFile::grow(std::uint64_t rows) {
-  if (records_->count == 0) return;  // no growing file
-  RecordLimits limits;
-  limits.end = file_->size();
-  limits.wantedRows = rows;
-  limits.checks = false;
-  readOn(limits);
-}
-
 void InputFile::readOn(const RecordLimits& limits) {
   kyr::parquet::readOn(*records_, *file_, limits);
   if (checked_) checked_->resize(rowGroups(), false);

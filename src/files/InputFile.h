@@ -114,7 +114,13 @@ class InputFile {
   std::uint64_t soundRows();
 
   /// Takes note of batches that a growing file got since it was opened, up to \p rows rows.
-  void grow(std::uint64_t rows);
+  void grow(std::uint64_t rows) {
+    RecordLimits limits;
+    limits.end = file_->size();
+    limits.wantedRows = rows;
+    limits.checks = false;
+    if (records_->count > 0) readOn(limits);  // else it is no growing file
+  }
   /// The same, up to the limits.
   void readOn(const RecordLimits& limits);
 

@@ -1,5 +1,7 @@
 #include "recording/LiveJournal.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <chrono>
 #include <stdexcept>
@@ -60,6 +62,30 @@ void LiveJournal::replace(const std::string& text, bool syncs) {
   previous_ = std::exchange(file_, std::move(file));
   end_ = text.size();
   if (syncs) folder_.sync();
+}
+
+JournalEnd readJournal(const Folder& folder, std::uint64_t sequence) {
+  JournalEnd end;
+  if (!folder.has(kJournalFile)) {
+    end.fault = fmt::format("{} is missing", kJournalFile);
+    return end;
+  }
+  const auto file = folder.open(kJournalFile);
+  const DiskFile& journal = *file;
+  end.line = lastJournalLine(journal, sequence);
+  if (journal.size() == 0) {
+    end.fault = fmt::format("{} is empty", kJournalFile);
+  } else if (!end.line) {
+    end.fault = fmt::format("{} has no line that is whole", kJournalFile);
+  } else {
+    const std::string text = writeJournalLine(*end.line);
+    std::string last(text.size(), '\0');
+    const std::uint64_t from =
+        journal.size() - std::min<std::uint64_t>(journal.size(), text.size());
+    last.resize(journal.readAt(from, last.data(), last.size()));
+    if (last != text) end.fault = fmt::format("the end of {} is damaged", kJournalFile);
+  }
+  return end;
 }
 
 bool isBeingWritten(const OpenFolder& folder) {

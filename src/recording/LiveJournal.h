@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/DiskFile.h"
@@ -32,6 +33,16 @@ class LiveJournal {
   std::unique_ptr<DiskFile> previous_;
   std::uint64_t end_ = 0;
 };
+
+/// What the journal says, and whether that is the last that was written to it.
+struct JournalEnd {
+  std::optional<JournalLine> line;
+  std::string fault;  ///< empty if the journal is sound
+};
+
+/// \param sequence  that of recording.live.json
+/// \throws std::system_error if the journal cannot be read
+JournalEnd readJournal(const Folder& folder, std::uint64_t sequence);
 
 /// Whether a process writes the recording in \p folder.
 bool isBeingWritten(const OpenFolder& folder);

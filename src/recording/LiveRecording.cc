@@ -215,7 +215,7 @@ class LiveRecording::Impl {
     // From here on the folder is a recording.
     *isClosed_ = true;
     store().noteSaved();
-    // As long as files are left that it does not name, a recovery is to remove them.
+    // A recovery is to remove the files that are left and that it does not name.
     const bool isClean = removeUnnamed(open_, info);
     pool_.reset();
     signals_.clear();

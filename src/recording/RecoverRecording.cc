@@ -43,36 +43,6 @@ struct Salvage {
   RecoveredSignal result;
 };
 
-// What the journal says, and whether that is the last that was written to it.
-struct JournalEnd {
-  std::optional<JournalLine> line;
-  std::string fault;  // empty if the journal is sound
-};
-
-JournalEnd readJournal(const Folder& folder, std::uint64_t sequence) {
-  JournalEnd end;
-  if (!folder.has(kJournalFile)) {
-    end.fault = fmt::format("{} is missing", kJournalFile);
-    return end;
-  }
-  const auto file = folder.open(kJournalFile);
-  const DiskFile& journal = *file;
-  end.line = lastJournalLine(journal, sequence);
-  if (journal.size() == 0) {
-    end.fault = fmt::format("{} is empty", kJournalFile);
-  } else if (!end.line) {
-    end.fault = fmt::format("{} has no line that is whole", kJournalFile);
-  } else {
-    const std::string text = writeJournalLine(*end.line);
-    std::string last(text.size(), '\0');
-    const std::uint64_t from =
-        journal.size() - std::min<std::uint64_t>(journal.size(), text.size());
-    last.resize(journal.readAt(from, last.data(), last.size()));
-    if (last != text) end.fault = fmt::format("the end of {} is damaged", kJournalFile);
-  }
-  return end;
-}
-
 // Looks at everything before it changes anything. Then it keeps aside what is damaged or doubtful,
 // and makes the recording of the rest.
 class Recovery {

@@ -239,7 +239,7 @@ class KYR_PARQUET_EXPORT RecordingReader {
   /// All values and times that are told of a column are those of rows in it. Up to 4,194,304 rows
   /// the columns are exact. Beyond that, a bucket of 256 consecutive rows (more from 134 million
   /// rows on: 1/524,288 of all) may lie in two columns that have at least 8 times as many rows.
-  /// Of such a bucket, the first and last row and the smallest and largest value are told in their
+  /// The first and last row and the smallest and largest value of such a bucket are told in their
   /// columns, so that no peak gets lost. Its other rows are counted in the first of the two, and
   /// need not be the last of that column, or the first, smallest or largest of the next one.
   ///
