@@ -205,7 +205,7 @@ void ContentReader::forEachRun(std::uint64_t first, std::uint64_t count, Visit&&
 void ContentReader::readNumbers(const std::string& column, std::uint64_t first, std::uint64_t count,
                                 char* out) {
   requireRows(first, count);
-  const std::uint64_t own = std::min(count, ownRows() - std::min(first, ownRows()));
+  const std::uint64_t own = ownAmong(first, count);
   if (own > 0) readOwnNumbers(column, first, own, out);
   out += own * width();
   // The runs were told with the batch, under its checksum, so that no storage id is looked at.
@@ -245,7 +245,7 @@ HeldRows ContentReader::read(std::uint64_t first, std::uint64_t count) {
     if (count > 0) readNumbers(columnNames::data, first, count, rows->values());
     return {rows->slice(), rows};
   }
-  const std::uint64_t own = std::min(count, ownRows() - std::min(first, ownRows()));
+  const std::uint64_t own = ownAmong(first, count);
   if (own == count) return readOwn(first, count);
   const auto joined = std::make_shared<RowStore>(schema(), width());
   if (own > 0) joined->append(readOwn(first, own).rows);

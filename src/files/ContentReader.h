@@ -152,6 +152,10 @@ class ContentReader {
   template <typename Visit>
   void forEachRun(std::uint64_t first, std::uint64_t count, Visit&& visit) const;
   std::size_t ownParts() const;
+  // How many of rows [first, first + count) are in no run.
+  std::uint64_t ownAmong(std::uint64_t first, std::uint64_t count) const {
+    return std::min(count, ownRows() - std::min(first, ownRows()));
+  }
   HeldRows readGroup(std::size_t group, std::size_t from, std::size_t count);
   void requireOwnRows(const DecodedGroup& group, std::size_t index, std::size_t from,
                       std::size_t count) const;

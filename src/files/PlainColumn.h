@@ -11,8 +11,8 @@
 
 namespace kyr::parquet {
 
-/// Where the numbers of the first column of a file lie, in row groups whose pages are plain and hold
-/// no nulls. They are read from there straight into the caller's memory.
+/// Where the numbers of the first column of a file lie, in row groups whose pages are plain and
+/// hold no nulls. They are read from there straight into the caller's memory.
 ///
 /// Other row groups, damaged ones included, are not read here. The caller then decodes them with
 /// Parquet's readers, which say what is wrong with them.

@@ -5,13 +5,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
 #include <memory>
 #include <set>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "files/ParquetTail.h"
 #include "files/growing/FileRecovery.h"
 #include "files/growing/GrowingFile.h"
 #include "files/growing/GrowingRecords.h"
@@ -20,6 +20,7 @@
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "recording/LivePacks.h"
 #include "recording/RecordingFolder.h"
+#include "recording/StorageFiles.h"
 #include "safe/PartNotes.h"
 
 namespace kyr::recording {
@@ -45,6 +46,7 @@ class Expansion {
       // A pack that was just being made has no rows.
       if (parquet::inspectFile(storage_, name).losesBatches) keep_(name, "it cannot be read");
     }
+    // Contents without a file are named by the notes of packs, so that no others need be looked for.
     std::set<int> ids = idsOfFiles();
     for (const auto& [name, pack] : packs_.packs()) {
       const auto report = parquet::inspectFile(storage_, name);
@@ -76,13 +78,10 @@ class Expansion {
 
   static std::string copyOf(int id) { return fmt::format("{}.copy", id); }
 
-  // Contents without a file are named by the notes of packs, so that others need not be looked for.
   std::set<int> idsOfFiles() const {
     std::set<int> ids;
     for (const std::string& name : storage_.names()) {
-      int id = 0;
-      const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-      if (error == std::errc() && std::to_string(id) == name) ids.insert(id);
+      if (const auto id = storageIdOf(name)) ids.insert(*id);
     }
     return ids;
   }
@@ -131,12 +130,12 @@ class Expansion {
   }
 
   static bool endsAsParquet(const DiskFile& file) {
-    constexpr std::string_view kMagic = "PAR1";
     constexpr std::uint64_t kLeastBytes = 12;
-    std::string end(kMagic.size(), '\0');
+    std::string end(parquet::kParquetMagic.size(), '\0');
     const std::uint64_t size = file.size();
     return size >= kLeastBytes &&
-           file.readAt(size - end.size(), end.data(), end.size()) == end.size() && end == kMagic;
+           file.readAt(size - end.size(), end.data(), end.size()) == end.size() &&
+           end == parquet::kParquetMagic;
   }
 
   // Whole Parquet files have no checksums, and those that were not synced may have wrong rows.

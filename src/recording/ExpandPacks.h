@@ -11,10 +11,10 @@ namespace kyr::recording {
 using KeepDamaged = std::function<void(const std::string& name, const std::string& damage)>;
 
 /// Gives the contents of a live recording that nobody writes any more files of their own, with the
-/// rows that growing packs have and their files do not. The packs stay. A file that is damaged stays
-/// as it is, unless packs have more rows of its content from the first one on. A file whose writing
-/// was interrupted is one of these, and is not kept. Contents of which rows are missing in between
-/// stay as they are.
+/// rows that growing packs have and their files do not. The packs stay. A file that is damaged
+/// stays as it is, unless packs have more rows of its content from the first one on. A file whose
+/// writing was interrupted is one of these, and is not kept. Contents of which rows are missing in
+/// between stay as they are.
 ///
 /// If it is interrupted, it can be called again.
 /// \param folder  of the recording

@@ -20,8 +20,8 @@ class LiveJournal {
   /// \throws std::system_error if there is one already
   explicit LiveJournal(const std::filesystem::path& folder);
 
-  /// Adds a line; after a failure there may be a part of it, which the next call replaces. A journal
-  /// that has become long is replaced by one with this line alone.
+  /// Adds a line; after a failure there may be a part of it, which the next call replaces. A
+  /// journal that has become long is replaced by one with this line alone.
   void append(const JournalLine& line, bool syncs);
 
  private:

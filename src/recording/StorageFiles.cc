@@ -35,17 +35,23 @@ PartClaim claimOf(const parquet::PartNote& note) {
 
 }  // namespace
 
+std::optional<int> storageIdOf(const std::string& name) {
+  int id = 0;
+  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
+  if (error != std::errc() || std::to_string(id) != name) return std::nullopt;
+  return id;
+}
+
 StorageFiles::StorageFiles(Folder folder, const std::vector<FileInfo>& stated)
     : folder_(std::move(folder)) {
   for (const FileInfo& file : stated) {
     if (!file.pack) checksums_[file.storageId] = file.checksum;
   }
   for (const std::string& name : folder_.names()) {
-    int id = 0;
-    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-    if (error != std::errc() || std::to_string(id) != name) continue;
-    if (folder_.entry(name) == Folder::Entry::file) ids_.push_back(id);
-    nextId_ = std::max(nextId_, id);
+    const auto id = storageIdOf(name);
+    if (!id) continue;
+    if (folder_.entry(name) == Folder::Entry::file) ids_.push_back(*id);
+    nextId_ = std::max(nextId_, *id);
   }
   std::sort(ids_.begin(), ids_.end());
   if (nextId_ > std::numeric_limits<int>::max() / 2) {

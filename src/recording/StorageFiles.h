@@ -35,6 +35,9 @@ struct PartClaim {
   bool isTime = false;
 };
 
+/// The storage id whose file has that name in a storage folder; none for other names.
+std::optional<int> storageIdOf(const std::string& name);
+
 /// The files of a storage folder. Looking at them changes nothing; withRows() does.
 ///
 /// What the system reports is a std::system_error that names the file. It is no damage: the next

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <system_error>
-#include <tuple>
 #include <utility>
 
 #include "files/FileLayout.h"
@@ -102,10 +101,9 @@ void GrowingPacks::write() {
 }
 
 void GrowingPacks::write(Pack& pack, std::vector<Waiting>& waiting) {
-  const auto key = [](const Waiting& one) {
-    return std::make_tuple(one.run.first, one.run.count, one.run.storageId);
+  const auto isBefore = [](const Waiting& a, const Waiting& b) {
+    return comesBefore(a.run, b.run);
   };
-  const auto isBefore = [&](const Waiting& a, const Waiting& b) { return key(a) < key(b); };
   if (!std::is_sorted(waiting.begin(), waiting.end(), isBefore)) {
     std::sort(waiting.begin(), waiting.end(), isBefore);
   }

@@ -8,7 +8,8 @@
 //                    "rows" and how many rows each signal has, "refused" and why, or "wrong" and
 //                    what
 //
-// Row i of a signal is the same in all recordings, so that a row that is not what was written shows.
+// Row i of a signal is the same in all recordings, so that a row that is not what was written
+// shows.
 #include <unistd.h>
 
 #include <cstring>

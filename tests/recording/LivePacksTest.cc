@@ -57,12 +57,10 @@ class LivePacksTest : public test::RecordingTest {
   }
   // Leaves the folder as a crash now would.
   void crash() {
-    const fs::path copy = temp.file("crashed");
-    fs::copy(rec, copy, fs::copy_options::recursive);
-    streams.clear();
-    live.reset();
-    fs::remove_all(rec);
-    fs::rename(copy, rec);
+    crashBefore([this] {
+      streams.clear();
+      live.reset();
+    });
   }
   test::Names stored() const { return test::Folder(rec / "storage").names(); }
 

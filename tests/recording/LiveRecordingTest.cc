@@ -58,13 +58,11 @@ class LiveRecordings : public test::RecordingTest {
   // The folder as a crash now would leave it, at the place where recordings are recovered.
   void crash(bool flushesFirst = false) {
     if (flushesFirst) live->flush();
-    const fs::path copy = temp.file("crashed");
-    fs::copy(rec, copy, fs::copy_options::recursive);
-    a.reset();
-    b.reset();
-    live.reset();
-    fs::remove_all(rec);
-    fs::rename(copy, rec);
+    crashBefore([this] {
+      a.reset();
+      b.reset();
+      live.reset();
+    });
   }
 
   void expectSignal(int id, int count, double slope) {

@@ -73,6 +73,16 @@ class RecordingTest : public StorageTest {
     return lines;
   }
 
+  /// Leaves the recording as a crash of its writer now would.
+  /// \param endWriter  closes it, and what it writes then is not there
+  void crashBefore(const std::function<void()>& endWriter) {
+    const fs::path copy = temp.file("crashed");
+    fs::copy(rec, copy, fs::copy_options::recursive);
+    endWriter();
+    fs::remove_all(rec);
+    fs::rename(copy, rec);
+  }
+
   /// Gives a recording files that no pool shares, so that a test may damage them.
   static void unshare(const fs::path& folder) {
     const fs::path copy = folder.string() + ".copy";

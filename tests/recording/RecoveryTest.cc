@@ -52,12 +52,10 @@ class Recoveries : public test::RecordingTest {
   }
   // Leaves the folder as a crash now would.
   void crash() {
-    const fs::path copy = temp.file("crashed");
-    fs::copy(rec, copy, fs::copy_options::recursive);
-    streams.clear();
-    live.reset();
-    fs::remove_all(rec);
-    fs::rename(copy, rec);
+    crashBefore([this] {
+      streams.clear();
+      live.reset();
+    });
   }
   std::string storageOf(int signal, bool isTime) const {
     const RecordingReader reader(Path::fromFilesystem(rec));

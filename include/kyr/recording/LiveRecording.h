@@ -86,8 +86,8 @@ class KYR_PARQUET_EXPORT LiveRecording {
   /// \brief New signals that get one number each at the same times. To be taken where there are
   /// many of them.
   /// \param type  of all samples, which are scalars
-  /// \throws std::invalid_argument as addSignal(), if there are no descriptions, and for a type that
-  ///         is no number; no signal is added then
+  /// \throws std::invalid_argument as addSignal(), if there are no descriptions, and for a type
+  ///         that is no number; no signal is added then
   /// \throws std::logic_error after finish()
   std::shared_ptr<SignalGroup> addGroup(const std::vector<SignalDescription>& descriptions,
                                         KYRSignalDataType type);

@@ -35,7 +35,8 @@ namespace kyr::parquet {
 ///
 /// A record is a header, in a batch record the bytes of one row group, and serialized Parquet
 /// metadata (FileMetaData). Those of a batch record hold the schema, this one row group with its
-/// offsets in the file and key-value metadata of the batch, those of a footer record all row groups:
+/// offsets in the file and key-value metadata of the batch, those of a footer record all row
+/// groups:
 ///
 ///     offset  bytes
 ///          0      8  8F 'K' 'Y' 'R' 'B' 'A' 'T' 0A

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <charconv>
 #include <iterator>
 #include <limits>
@@ -52,12 +51,8 @@ std::optional<std::uint64_t> rowsOf(const PackRunGroup& group, std::uint64_t mos
 
 }  // namespace
 
-void sortRuns(std::vector<PackRun>& runs) {
-  const auto key = [](const PackRun& run) { return std::tie(run.first, run.count, run.storageId); };
-  const auto isBefore = [&](const PackRun& a, const PackRun& b) { return key(a) < key(b); };
-  if (!std::is_sorted(runs.begin(), runs.end(), isBefore)) {
-    std::sort(runs.begin(), runs.end(), isBefore);
-  }
+bool comesBefore(const PackRun& a, const PackRun& b) {
+  return std::tie(a.first, a.count, a.storageId) < std::tie(b.first, b.count, b.storageId);
 }
 
 std::string writeRuns(const std::vector<PackRun>& runs) {

@@ -27,13 +27,13 @@ struct PackRunGroup {
   std::vector<std::pair<int, int>> ids;
 };
 
-/// Puts runs into the order in which a batch has them: contents that grow side by side, and so add
-/// the same rows each time, follow each other by their ids.
-void sortRuns(std::vector<PackRun>& runs);
+/// The order in which a batch has its runs: contents that grow side by side, and so add the same
+/// rows each time, follow each other by their ids.
+bool comesBefore(const PackRun& a, const PackRun& b);
 
 /// The runs of a batch as text: "<first>+<count> <id>-<id>,<id>;" for each group. Its length grows
 /// with the number of groups, and not with that of contents, where contents grow side by side.
-/// \param runs  in the order of sortRuns()
+/// \param runs  in the order of comesBefore()
 std::string writeRuns(const std::vector<PackRun>& runs);
 
 /// \param rows  of the batch

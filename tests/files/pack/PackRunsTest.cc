@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 #include "files/pack/PackRuns.h"
 
 namespace kyr::parquet {
@@ -19,7 +21,7 @@ TEST(PackRuns, ContentsThatGrowSideBySideAreOneRange) {
   std::vector<PackRun> runs;
   for (const int id : {9, 4, 3, 5, 2147483647}) runs.push_back({id, 100, 10});
   runs.push_back({7, 0, 3});
-  sortRuns(runs);
+  std::sort(runs.begin(), runs.end(), comesBefore);
   const std::string text = writeRuns(runs);
   EXPECT_EQ(text, "0+3 7;100+10 3-5,9,2147483647;");
   auto groups = readRuns(text, 53);

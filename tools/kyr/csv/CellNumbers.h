@@ -27,7 +27,8 @@ bool parseTruthValue(std::string_view text, bool& value);
 /// \param decimalMark  "." or ","
 CellFit parseReal(std::string_view text, char decimalMark, double& value);
 
-/// Whether a text is a number whose digits are in groups of three, such as "1,234" or "1.234.567,5".
+/// Whether a text is a number whose digits are in groups of three, such as "1,234" or
+/// "1.234.567,5".
 bool hasThousands(std::string_view text);
 
 /// Whether a text that is no number may be meant as one: it has another decimal mark, or separators

@@ -15,12 +15,12 @@
 
 namespace kyr::tool {
 
-/// Appends CSV rows to a live recording, sample by sample.
+/// Appends CSV rows to a live recording.
 ///
-/// Samples are appended in blocks of a few hundred rows: thousands of signals that get a sample each
-/// in turn cost several times as much. The columns have their types before the first row. The first
-/// number of a column that is rounded is told on standard error, and so is the first number of a
-/// column whose first values are texts.
+/// Samples are appended in blocks of a few hundred rows: thousands of signals that get a sample
+/// each in turn cost several times as much. The columns have their types before the first row. The
+/// first number of a column that is rounded is told on standard error, and so is the first number
+/// of a column whose first values are texts.
 class RowRecorder {
  public:
   enum class Strictness {
