@@ -11,7 +11,8 @@ import unittest
 from tool import KYR, ToolTest
 
 # Programs in the examples that are not ours, as far as the machine lacks them.
-STANDINS = {"simulator": "cat run.csv", "jq": "cat > /dev/null", "man": "cat > /dev/null"}
+STANDINS = {"duckdb": "cat > /dev/null", "simulator": "cat run.csv", "jq": "cat > /dev/null",
+            "man": "cat > /dev/null"}
 
 
 def examples_in(text):

@@ -42,6 +42,7 @@ void addCommands(CLI::App& app, Action& action) {
   addMergeCommand(app, action);
   addAppendCommand(app, action);
   addRepackCommand(app, action);
+  addSqlCommand(app, action);
   addVerifyCommand(app, action);
   addGcCommand(app, action);
   addOptionsCommand(app, action);

@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <map>
-#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -12,6 +10,7 @@
 #include "cli/Output.h"
 #include "cli/SignalSelection.h"
 #include "cli/Text.h"
+#include "cli/UniqueNames.h"
 #include "csv/CsvTokenizer.h"
 #include "csv/HeaderNames.h"
 #include "export/HivePath.h"
@@ -70,47 +69,11 @@ std::string obstacle(const SignalInfo& signal, const recording::RecordingReader&
   return "";
 }
 
-// Gives each signal a name that no other has. Signals of the same name get their units behind it,
-// or else their ids.
-class UniqueNames {
- public:
-  UniqueNames(const std::vector<ExportSignal>& signals, bool hasTimeColumn) {
-    if (hasTimeColumn) ++uses_[parquet::columnNames::time];
-    for (const ExportSignal& signal : signals) {
-      ++uses_[signal.info.name];
-      ++spellings_[withUnit(signal.info)];
-    }
-  }
-
-  std::string nameOf(const SignalInfo& signal) {
-    const bool isItsAlone = !signal.name.empty() && uses_[signal.name] == 1;
-    std::string name = isItsAlone ? signal.name : withUnit(signal);
-    const auto isFree = [&] {
-      return given_.count(name) == 0 && (isItsAlone || uses_.count(name) == 0);
-    };
-    const bool isToldApart =
-        isItsAlone || (!signal.name.empty() && !signal.unit.empty() && spellings_[name] == 1);
-    if (!isToldApart || !isFree()) {
-      name = signal.name.empty() ? "signal" : signal.name;
-      do name += fmt::format(" ({})", signal.signalId);
-      while (!isFree());
-    }
-    given_.insert(name);
-    return name;
-  }
-
-  static std::string withUnit(const SignalInfo& signal) {
-    return signal.name + " [" + signal.unit + "]";
-  }
-
- private:
-  std::map<std::string, int> uses_;
-  std::map<std::string, int> spellings_;
-  std::set<std::string> given_;
-};
-
 void nameColumns(std::vector<ExportSignal>& signals, bool hasTimeColumn) {
-  UniqueNames names(signals, hasTimeColumn);
+  std::vector<std::string> taken;
+  if (hasTimeColumn) taken.emplace_back(parquet::columnNames::time);
+  UniqueNames names(taken, UniqueNames::Letters::differByCase);
+  for (const ExportSignal& signal : signals) names.add(signal.info);
   for (ExportSignal& signal : signals) {
     signal.column = names.nameOf(signal.info);
     if (signal.column == signal.info.name) continue;
@@ -123,8 +86,7 @@ void nameColumns(std::vector<ExportSignal>& signals, bool hasTimeColumn) {
 }  // namespace
 
 std::string csvHeader(const ExportSignal& signal) {
-  const bool hasUnit =
-      signal.column != signal.info.name && signal.column == UniqueNames::withUnit(signal.info);
+  const bool hasUnit = signal.column != signal.info.name && signal.column == withUnit(signal.info);
   return hasUnit ? signal.column : joinHeader(signal.column, signal.info.unit);
 }
 

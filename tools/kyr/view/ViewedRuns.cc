@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <numeric>
@@ -11,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include "cli/Files.h"
 #include "cli/Text.h"
 #include "print/SignalJson.h"
 #include "view/EnvelopePoints.h"
@@ -121,17 +121,8 @@ ViewedRuns::LockedReader& ViewedRuns::Run::readerFor(int id) {
 }
 
 ViewedRuns::ViewedRuns(const std::vector<std::string>& folders, Links links) {
-  const auto shortNameOf = [](const std::string& folder) {
-    const auto path = std::filesystem::absolute(folder).lexically_normal();
-    return (path.has_filename() ? path.filename() : path.parent_path().filename()).string();
-  };
-  for (const std::string& folder : folders) {
-    const std::string name = shortNameOf(folder);
-    const auto uses = std::count_if(folders.begin(), folders.end(), [&](const std::string& other) {
-      return shortNameOf(other) == name;
-    });
-    runs_.emplace_back(folder, uses > 1 ? folder : name, links);
-  }
+  const std::vector<std::string> names = namesOfRuns(folders);
+  for (std::size_t i = 0; i < folders.size(); ++i) runs_.emplace_back(folders[i], names[i], links);
 }
 
 ViewedRuns::Run& ViewedRuns::run(std::size_t index) {
