@@ -1,5 +1,7 @@
 #include "platform/Digest.h"
 
+#include <fmt/format.h>
+
 namespace kyr {
 
 XXH128_hash_t digestOfBytes(const void* bytes, std::size_t size) {
@@ -9,6 +11,10 @@ XXH128_hash_t digestOfBytes(const void* bytes, std::size_t size) {
   if (hasAvx2 && size >= kWorthACall) return digestWithAvx2(bytes, size);
 #endif
   return XXH3_128bits(bytes, size);
+}
+
+std::string digitsOf(const XXH128_hash_t& digest) {
+  return fmt::format("{:016x}{:016x}", digest.high64, digest.low64);
 }
 
 }  // namespace kyr

@@ -3,6 +3,7 @@
 #include <xxhash.h>
 
 #include <cstddef>
+#include <string>
 
 namespace kyr {
 
@@ -11,5 +12,8 @@ XXH128_hash_t digestOfBytes(const void* bytes, std::size_t size);
 
 /// Does the same, but only on processors with AVX2.
 XXH128_hash_t digestWithAvx2(const void* bytes, std::size_t size);
+
+/// 32 lower-case hexadecimal digits, the high half first.
+std::string digitsOf(const XXH128_hash_t& digest);
 
 }  // namespace kyr

@@ -1,6 +1,5 @@
 #include "recording/Checksum.h"
 
-#include <fmt/format.h>
 #include <xxhash.h>
 
 #include <algorithm>
@@ -9,14 +8,6 @@
 #include "platform/Digest.h"
 
 namespace kyr::recording {
-
-namespace {
-
-std::string digitsOf(const XXH128_hash_t& hash) {
-  return fmt::format("{:016x}{:016x}", hash.high64, hash.low64);
-}
-
-}  // namespace
 
 struct FileDigester::State {
   XXH3_state_t whole;

@@ -25,13 +25,14 @@ bool areDigits(std::string_view text) {
                      [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
-double readTime(JsonReader& in) {
+// \param what  it is, such as "time"
+double readFinite(JsonReader& in, const char* what, const char* expected) {
   std::string_view text;
-  if (!in.takeNumber(text)) refuseValue(in, "a time in seconds");
+  if (!in.takeNumber(text)) refuseValue(in, expected);
   double value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error == std::errc() && std::isfinite(value)) return value;
-  throw JsonValueError("", fmt::format("has the time {}, which is out of range", text));
+  throw JsonValueError("", fmt::format("has the {} {}, which is out of range", what, text));
 }
 
 }  // namespace
@@ -42,7 +43,7 @@ void JsonTimeSpan::read(JsonReader& in, std::optional<TimeSpan>& span) {
   std::size_t count = 0;
   double times[2]{};
   const bool isArray = in.takeArray([&] {
-    const double time = readTime(in);
+    const double time = readFinite(in, "time", "a time in seconds");
     if (count < 2) times[count] = time;
     ++count;
   });
@@ -60,6 +61,26 @@ void JsonTimeSpan::write(JsonWriter& out, const std::optional<TimeSpan>& span) {
   out.number(span->from);
   out.number(span->to);
   out.endArray();
+}
+
+void JsonBound::read(JsonReader& in, std::optional<double>& bound) {
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  std::string text;
+  if (!in.takeText(text)) {
+    bound = readFinite(in, "value", "a number");
+  } else if (text == "inf" || text == "-inf") {
+    bound = text == "inf" ? kInfinity : -kInfinity;
+  } else {
+    throw JsonValueError("", fmt::format("is \"{}\", expected a number", text));
+  }
+}
+
+void JsonBound::write(JsonWriter& out, const std::optional<double>& bound) {
+  if (std::isfinite(*bound)) {
+    out.number(*bound);
+  } else {
+    out.text(*bound > 0 ? "inf" : "-inf");
+  }
 }
 
 void JsonBlocks::read(JsonReader& in, std::vector<std::uint64_t>& blocks) {

@@ -25,6 +25,12 @@ struct JsonBlocks {
   static void write(JsonWriter& out, const std::vector<std::uint64_t>& blocks);
 };
 
+/// A number, or the text "inf" or "-inf", for which JSON has no numbers.
+struct JsonBound {
+  static void read(JsonReader& in, std::optional<double>& bound);
+  static void write(JsonWriter& out, const std::optional<double>& bound);
+};
+
 /// 32 hexadecimal digits.
 struct JsonChecksum {
   static void read(JsonReader& in, std::string& checksum);
@@ -63,12 +69,18 @@ struct JsonObject<recording::FileInfo> {
   static constexpr bool isPacked(const T& file) { return file.pack.has_value(); }
   static constexpr bool isWhole(const T& file) { return !file.pack; }
   static bool hasBlocks(const T& file) { return !file.blocks.empty(); }
-  static constexpr auto members =
-      std::make_tuple(member<T, recording::JsonBlocks>("blocks_xxh3_64", &T::blocks, hasBlocks),
-                      member<T>("firstRow", &T::firstRow, isPacked),
-                      member<T>("pack", &T::pack, isPacked), member<T>("rowCount", &T::rowCount),
-                      member<T>("size", &T::size, isWhole), member<T>("storageId", &T::storageId),
-                      member<T, recording::JsonChecksum>("xxh3_128", &T::checksum, isWhole));
+  static bool hasDigest(const T& file) { return !file.contentDigest.empty(); }
+  static constexpr bool hasMinimum(const T& file) { return file.minimum.has_value(); }
+  static constexpr bool hasMaximum(const T& file) { return file.maximum.has_value(); }
+  static constexpr auto members = std::make_tuple(
+      member<T, recording::JsonBlocks>("blocks_xxh3_64", &T::blocks, hasBlocks),
+      member<T, recording::JsonChecksum>("content_xxh3_128", &T::contentDigest, hasDigest),
+      member<T>("firstRow", &T::firstRow, isPacked),
+      member<T, recording::JsonBound>("maximum", &T::maximum, hasMaximum),
+      member<T, recording::JsonBound>("minimum", &T::minimum, hasMinimum),
+      member<T>("pack", &T::pack, isPacked), member<T>("rowCount", &T::rowCount),
+      member<T>("size", &T::size, isWhole), member<T>("storageId", &T::storageId),
+      member<T, recording::JsonChecksum>("xxh3_128", &T::checksum, isWhole));
 };
 
 template <>

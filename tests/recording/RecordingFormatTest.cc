@@ -49,9 +49,15 @@ RecordingInfo sample(int version) {
   file.rowCount = 5;
   file.checksum = checksumOf("file");
   file.blocks = {1, 0xFEDCBA9876543210U, 0};
+  file.contentDigest = checksumOf("content");
+  file.minimum = -std::numeric_limits<double>::infinity();
+  file.maximum = 0.1;
   info.files.push_back(file);
   file.storageId = 4;
   file.blocks.clear();
+  file.contentDigest.clear();
+  file.minimum.reset();
+  file.maximum.reset();
   file.size = 10;
   if (version > 1) {
     file.pack = 3;
@@ -142,6 +148,9 @@ const Fault kFaults[]{
     {R"({"files/0/blocks_xxh3_64": "00000000000000000000000000000000"})",
      "of storage/0 has 2 digests, expected 3 for 600000 bytes"},
     {R"({"packs/0/size": 262144})", "of storage/pack-3.parquet has 2 digests, expected 1"},
+    {R"({"files/0/content_xxh3_128": ""})", "files[0].content_xxh3_128 is no checksum"},
+    {R"({"files/0/minimum": "1"})", R"(files[0].minimum is "1", expected a number)"},
+    {R"({"files/0/maximum": []})", "files[0].maximum is an array, expected a number"},
     {R"({"signals/0/unit": "-"})", R"(signals[0] has no "unit")"},
     {R"({"files/0/size": "-"})", R"(files[0] has no "size")"},
     {R"({"files/1/firstRow": "-"})", R"(files[1] has no "firstRow")"},

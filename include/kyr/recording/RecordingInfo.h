@@ -59,6 +59,14 @@ struct FileInfo {
   /// XXH3 with 64 bits of each block of 262,144 bytes of the file, of which the last may be
   /// shorter. Empty for a file of one block, a packed content, and recordings of older versions.
   std::vector<std::uint64_t> blocks = {};
+
+  /// Digest of columns and rows, in 32 lower-case hex digits: contents with equal digests are
+  /// equal, wherever they lie. Empty if it is not known, as in recordings of older versions.
+  std::string contentDigest = {};
+  /// Smallest and largest element of numbers; NaN does not count. Empty without one, and where it
+  /// is not known.
+  std::optional<double> minimum = std::nullopt;
+  std::optional<double> maximum = std::nullopt;
 };
 
 /// \brief A Parquet file with many small contents: `storage/pack-<number>.parquet`.
