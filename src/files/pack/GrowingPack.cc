@@ -75,7 +75,7 @@ void GrowingPack::take(const WholeRecord& record) {
   }
   isBroken_ = !groups;
   if (isBroken_) return;
-  index_.add(*std::move(groups), record.header.rows);
+  index_.add(*groups, record.header.rows);
   const std::string prefix = std::string(kPackNotesKey) + ".";
   for (std::int64_t i = 0; i < pairs->size(); ++i) {
     const std::string_view key = pairs->key(i);

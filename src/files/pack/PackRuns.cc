@@ -98,14 +98,24 @@ std::optional<std::vector<PackRunGroup>> readRuns(std::string_view text, std::ui
   return groups;
 }
 
-void PackIndex::add(std::vector<PackRunGroup> groups, std::uint64_t rows) {
+void PackIndex::add(const std::vector<PackRunGroup>& groups, std::uint64_t rows) {
   std::uint64_t row = rows_;
-  for (PackRunGroup& group : groups) {
+  for (const PackRunGroup& group : groups) {
+    const auto index = static_cast<std::uint32_t>(groups_.size());
+    groups_.push_back({row, group.first, group.count, ids_.size(), group.ids.size()});
+    ids_.insert(ids_.end(), group.ids.begin(), group.ids.end());
     std::uint64_t contents = 0;
     for (const auto& [from, to] : group.ids) contents += static_cast<std::uint64_t>(to - from) + 1;
-    const std::uint64_t before = row;
     row += contents * group.count;
-    groups_.push_back({before, std::move(group)});
+    if (contents > kSmall) {
+      large_.push_back(index);
+      continue;
+    }
+    for (const auto& [from, to] : group.ids) {
+      for (std::int64_t id = from; id <= to; ++id) {
+        groupsOf_[static_cast<int>(id)].push_back(index);
+      }
+    }
   }
   rows_ += rows;
 }

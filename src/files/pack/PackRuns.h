@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -41,11 +43,12 @@ std::string writeRuns(const std::vector<PackRun>& runs);
 std::optional<std::vector<PackRunGroup>> readRuns(std::string_view text, std::uint64_t rows);
 
 /// Where the rows of each content lie in a pack that grows, batch by batch. Its memory grows with
-/// the number of groups of runs.
+/// the number of groups of runs, and finding a content with the number of its own runs, and of
+/// groups of very many contents.
 class PackIndex {
  public:
   /// \param rows  of the batch, which are the sum of those of the groups
-  void add(std::vector<PackRunGroup> groups, std::uint64_t rows);
+  void add(const std::vector<PackRunGroup>& groups, std::uint64_t rows);
 
   /// Rows of the pack.
   std::uint64_t rows() const { return rows_; }
@@ -53,26 +56,46 @@ class PackIndex {
   /// the run begins.
   template <typename Visit>
   void forEachRun(int storageId, Visit&& visit) const {
-    for (const Placed& placed : groups_) {
-      std::uint64_t row = placed.row;
-      for (const auto& [from, to] : placed.group.ids) {
-        if (storageId >= from && storageId <= to) {
-          row += static_cast<std::uint64_t>(storageId - from) * placed.group.count;
-          visit(row, PackRun{storageId, placed.group.first, placed.group.count});
-          break;
-        }
-        row += (static_cast<std::uint64_t>(to - from) + 1) * placed.group.count;
-      }
+    const auto found = groupsOf_.find(storageId);
+    const std::vector<std::uint32_t>& own = found == groupsOf_.end() ? none_ : found->second;
+    for (auto large = large_.begin(), small = own.begin();
+         large != large_.end() || small != own.end();) {
+      const bool isLarge = small == own.end() || (large != large_.end() && *large < *small);
+      visitRunIn(groups_[isLarge ? *large++ : *small++], storageId, visit);
     }
   }
 
  private:
-  struct Placed {
+  // Groups of more contents are not noted for each of them.
+  static constexpr std::uint64_t kSmall = 256;
+
+  struct Group {
     std::uint64_t row;
-    PackRunGroup group;
+    std::uint64_t first;
+    std::uint64_t count;
+    std::size_t ids;  // where they begin in ids_
+    std::size_t idCount;
   };
 
-  std::vector<Placed> groups_;
+  template <typename Visit>
+  void visitRunIn(const Group& group, int storageId, Visit& visit) const {
+    std::uint64_t row = group.row;
+    for (std::size_t i = group.ids; i < group.ids + group.idCount; ++i) {
+      const auto& [from, to] = ids_[i];
+      if (storageId >= from && storageId <= to) {
+        row += static_cast<std::uint64_t>(storageId - from) * group.count;
+        visit(row, PackRun{storageId, group.first, group.count});
+        return;
+      }
+      row += (static_cast<std::uint64_t>(to - from) + 1) * group.count;
+    }
+  }
+
+  std::vector<Group> groups_;
+  std::vector<std::pair<int, int>> ids_;
+  std::vector<std::uint32_t> large_;  // indices of groups
+  std::unordered_map<int, std::vector<std::uint32_t>> groupsOf_;
+  std::vector<std::uint32_t> none_;
   std::uint64_t rows_ = 0;
 };
 

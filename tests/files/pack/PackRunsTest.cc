@@ -1,6 +1,9 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <map>
+#include <tuple>
+#include <vector>
 
 #include "files/pack/PackRuns.h"
 
@@ -28,7 +31,7 @@ TEST(PackRuns, ContentsThatGrowSideBySideAreOneRange) {
   ASSERT_TRUE(groups);
   PackIndex index;
   index.add(*groups, 53);
-  index.add(*std::move(groups), 53);
+  index.add(*groups, 53);
   EXPECT_EQ(index.rows(), 106U);
   using ::testing::ElementsAre;
   EXPECT_THAT(runsOf(index, 7),
@@ -38,6 +41,30 @@ TEST(PackRuns, ContentsThatGrowSideBySideAreOneRange) {
   EXPECT_THAT(runsOf(index, 9),
               ElementsAre(std::tuple(33, Found(9, 100, 10)), std::tuple(86, Found(9, 100, 10))));
   EXPECT_THAT(runsOf(index, 6), ElementsAre());
+}
+
+// Contents of large groups and of small ones are found in the order of the batches.
+TEST(PackRuns, FindsContentsInGroupsOfAllSizes) {
+  PackIndex index;
+  std::map<int, std::vector<std::tuple<std::uint64_t, Found>>> expected;
+  std::uint64_t row = 0;
+  for (const int last : {1000, 8, 255, 256, 7, 400, 300, 9}) {
+    const std::uint64_t before = row;
+    std::vector<PackRunGroup> groups;
+    for (const std::uint64_t count : {1, 3}) {
+      const int from = count == 1 ? 7 : last + 2;
+      groups.push_back({before, count, {{from, last + from - 7}, {5000, 5000}}});
+      for (int id = from; id <= last + from - 7; ++id, row += count) {
+        expected[id].emplace_back(row, Found(id, before, count));
+      }
+      expected[5000].emplace_back(row, Found(5000, before, count));
+      row += count;
+    }
+    index.add(groups, row - before);
+  }
+  EXPECT_EQ(index.rows(), row);
+  for (const auto& [id, runs] : expected) EXPECT_EQ(runsOf(index, id), runs) << id;
+  EXPECT_TRUE(runsOf(index, 6).empty());
 }
 
 // A batch says which rows it has. What does not add up to its rows is no such text.
