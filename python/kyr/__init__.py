@@ -36,7 +36,16 @@ from __future__ import annotations
 import os as _os
 
 from . import _core
-from ._core import DamagedError, Error, GroupWriter, Recovery, SignalWriter
+from ._core import (
+    ComparedSample,
+    DamagedError,
+    Error,
+    GroupWriter,
+    Recovery,
+    SignalComparison,
+    SignalWriter,
+)
+from ._diff import Comparison, diff
 from ._envelope import Envelope
 from ._recording import Recording
 from ._samples import Samples
@@ -49,6 +58,8 @@ from ._writing import Recorder
 __version__ = _core.version
 
 __all__ = [
+    "ComparedSample",
+    "Comparison",
     "DamagedError",
     "Envelope",
     "Error",
@@ -58,8 +69,10 @@ __all__ = [
     "Recovery",
     "Samples",
     "Signal",
+    "SignalComparison",
     "SignalWriter",
     "Table",
+    "diff",
     "import_csv",
     "open",
     "record",

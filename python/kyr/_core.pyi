@@ -4,7 +4,7 @@ What the package kyr is made of: readers and writers over kyr's library.
 Private. Programs use the package, whose classes stand on these.
 """
 
-from collections.abc import Sequence
+from collections.abc import Mapping, Sequence
 from typing import Annotated, overload
 
 import numpy
@@ -119,6 +119,138 @@ def stream_of_columns(columns: Sequence[tuple[str, str, Annotated[NDArray, dict(
     Arrays as a capsule of Arrow's C stream interface. Each column is a tuple: name, unit,
     elements, elements of each sample (None, a number, or offsets), which samples there
     are (None for all), whether samples are bytes.
+    """
+
+class ComparedSample:
+    """An element of a sample, and what the other curve has there."""
+
+    @property
+    def time(self) -> float:
+        """[s]; the row number for signals without times."""
+
+    @property
+    def row(self) -> int:
+        """Of the reference, the latest at or before the time."""
+
+    @property
+    def other_row(self) -> int:
+        """Of the other signal, likewise."""
+
+    @property
+    def element(self) -> int:
+        """In the order of memory."""
+
+    @property
+    def reference(self) -> float:
+        """NaN for blobs."""
+
+    @property
+    def other(self) -> float:
+        """NaN for blobs."""
+
+    @property
+    def error(self) -> float:
+        """Infinite if one of both is no finite number."""
+
+    @property
+    def tolerance(self) -> float:
+        """The one that holds there."""
+
+    @property
+    def excess(self) -> float:
+        """
+        Error over tolerance: above 1 if it is out; infinite without tolerance.
+        """
+
+class SignalComparison:
+    """What became of a signal."""
+
+    @property
+    def name(self) -> str: ...
+
+    @property
+    def other_name(self) -> str:
+        """Empty if it is not there."""
+
+    @property
+    def id(self) -> int | None: ...
+
+    @property
+    def other_id(self) -> int | None:
+        """None if it is only in the reference."""
+
+    @property
+    def verdict(self) -> str:
+        """
+        "equal", "differs", "not comparable", "only in reference", "only in other".
+        """
+
+    @property
+    def differences(self) -> dict[str, tuple[str, str]]:
+        """
+        What is said of the signal and differs, such as its unit: reference and other.
+        """
+
+    @property
+    def is_known_equal(self) -> bool:
+        """Nothing had to be read."""
+
+    @property
+    def is_by_row(self) -> bool:
+        """Rows were compared one by one."""
+
+    @property
+    def rows(self) -> int:
+        """Of the reference."""
+
+    @property
+    def other_rows(self) -> int:
+        """Of the other signal."""
+
+    @property
+    def rows_compared(self) -> int:
+        """Places where either signal has a sample."""
+
+    @property
+    def rows_out(self) -> int:
+        """Of these."""
+
+    @property
+    def rows_only_in_reference(self) -> int:
+        """Times that only the reference has."""
+
+    @property
+    def rows_only_in_other(self) -> int:
+        """Times that only the other signal has."""
+
+    @property
+    def worst(self) -> ComparedSample | None:
+        """Largest error over tolerance; None if equal."""
+
+    @property
+    def first_out(self) -> float | None:
+        """[s], or a row number."""
+
+    @property
+    def span(self) -> tuple[float, float] | None:
+        """First and last time of the reference [s]."""
+
+    @property
+    def other_span(self) -> tuple[float, float] | None:
+        """Of the other signal."""
+
+    @property
+    def compared_span(self) -> tuple[float, float] | None:
+        """What both have."""
+
+    @property
+    def ends_differ(self) -> bool:
+        """Whether spans or numbers of rows differ."""
+
+def compare(reference: bytes, other: bytes, tolerances: tuple[float, float, float, float], same_ends: bool, names: Mapping[str, str], signals: Sequence[str], ignored: Sequence[str], follow_links: bool) -> list[SignalComparison]:
+    """
+    Compares the signals of two recordings, those that differ first. The tolerances are
+    those of values, absolute, relative and by range, and that of times.
     """
 
 class RecoveredSignal:

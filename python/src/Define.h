@@ -11,6 +11,7 @@ void defineErrors(nb::module_& module);
 void defineSignalInfo(nb::module_& module);
 void defineReader(nb::module_& module);
 void defineColumns(nb::module_& module);
+void defineComparison(nb::module_& module);
 void defineRepair(nb::module_& module);
 void defineResampling(nb::module_& module);
 void defineSignalWriter(nb::module_& module);

@@ -12,6 +12,7 @@ NB_MODULE(_core, module) {
   kyr::python::defineReader(module);
   kyr::python::defineResampling(module);
   kyr::python::defineColumns(module);
+  kyr::python::defineComparison(module);
   kyr::python::defineRepair(module);
   kyr::python::defineWriting(module);
 }

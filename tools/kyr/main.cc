@@ -37,6 +37,7 @@ void addCommands(CLI::App& app, Action& action) {
   addPlotCommand(app, action);
   addStatsCommand(app, action);
   addExportCommand(app, action);
+  addDiffCommand(app, action);
   addSetCommand(app, action);
   addCutCommand(app, action);
   addMergeCommand(app, action);
@@ -67,6 +68,7 @@ int run(int argc, char** argv) {
       ->type_name("FILE");
   app.footer(R"help(
 Exit codes: 0 done, 1 failed, 2 wrong usage. kyr recover: 3 if something is lost.
+kyr diff: 0 equal, 1 different, 2 wrong usage, 3 failed.
 
 Examples:
   kyr demo

@@ -20,6 +20,7 @@ void addRecoverCommand(CLI::App& app, Action& action);
 void addInfoCommand(CLI::App& app, Action& action);
 void addCatCommand(CLI::App& app, Action& action);
 void addStatsCommand(CLI::App& app, Action& action);
+void addDiffCommand(CLI::App& app, Action& action);
 void addSetCommand(CLI::App& app, Action& action);
 void addCutCommand(CLI::App& app, Action& action);
 void addMergeCommand(CLI::App& app, Action& action);

@@ -4,7 +4,6 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -14,7 +13,6 @@
 #include "cli/CommandLine.h"
 #include "cli/Errors.h"
 #include "cli/Output.h"
-#include "cli/PendingOutput.h"
 #include "cli/Process.h"
 #include "cli/Text.h"
 #include "commands/Commands.h"
@@ -121,22 +119,12 @@ void requireSignals(const ordered_json& runs, const std::vector<std::string>& na
   }
 }
 
-void writeReport(ViewedRuns& runs, const ViewOptions& options) {
-  PendingOutput file(options.report, PendingOutput::Kind::file, options.replaces);
-  const std::string page = reportPage(runs, {options.signals});
-  std::ofstream out(file.path(), std::ios::binary);
-  out.write(page.data(), static_cast<std::streamsize>(page.size()));
-  out.close();
-  if (!out) throw std::runtime_error(options.report + " cannot be written");
-  file.publish();
-}
-
 int runView(const ViewOptions& options) {
   allowManyFiles();
   ViewedRuns runs(options.folders, options.links);
   requireSignals(runs.runs(), options.signals);
   if (!options.report.empty()) {
-    writeReport(runs, options);
+    writeReport(runs, {options.signals}, options.report, options.replaces);
     return 0;
   }
   HttpServer server(options.port,

@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "cli/PendingOutput.h"
 #include "cli/Text.h"
 #include "view/PageFiles.h"
 #include "view/PlotPanels.h"
@@ -70,6 +72,35 @@ ordered_json packed(const std::string& points, double from, double to) {
           {"points", base64(bytes)}};
 }
 
+// The tolerance around the points of a curve, packed as they are.
+ordered_json packedBand(const std::string& points, double from, double to, std::size_t columns,
+                        const Tolerance& tolerance, bool holds) {
+  std::vector<double> numbers(points.size() / sizeof(double));
+  std::memcpy(numbers.data(), points.data(), numbers.size() * sizeof(double));
+  std::vector<PlotPoint> corners;
+  for (std::size_t i = 2; i + 1 < numbers.size(); i += 2) {
+    corners.push_back({numbers[i], numbers[i + 1]});
+  }
+  std::string bytes;
+  put<double>(bytes, 0);
+  put<double>(bytes, 0);
+  for (const PlotPoint& point : toleranceBand(corners, from, to, columns, tolerance, holds)) {
+    put<double>(bytes, point.time);
+    put<double>(bytes, point.value);
+  }
+  return packed(bytes, from, to);
+}
+
+// Signals get the names that they are shown by.
+void rename(ordered_json& runs, const std::map<std::string, std::string>& otherNames) {
+  for (std::size_t run = 1; run < runs.size(); ++run) {
+    for (ordered_json& signal : runs[run]["signals"]) {
+      const auto found = otherNames.find(signal["name"].get<std::string>());
+      if (found != otherNames.end()) signal["name"] = found->second;
+    }
+  }
+}
+
 // Text is cut, because a report is bounded.
 ordered_json cut(ordered_json spans) {
   constexpr std::size_t kMostBytes = 48;
@@ -102,6 +133,7 @@ std::vector<std::string> namesOf(const ordered_json& runs, const ReportOptions& 
 
 ordered_json dataOf(ViewedRuns& viewed, const ReportOptions& options) {
   ordered_json runs = viewed.runs();
+  rename(runs, options.otherNames);
   const std::vector<std::string> names = namesOf(runs, options);
   ordered_json points = ordered_json::object();
   ordered_json spans = ordered_json::object();
@@ -124,7 +156,14 @@ ordered_json dataOf(ViewedRuns& viewed, const ReportOptions& options) {
         if (isBand) {
           spans[key] = cut(viewed.spans(viewedSignal, {from, to, options.columns}));
         } else {
-          points[key] = packed(viewed.points(viewedSignal, {from, to, options.columns}), from, to);
+          const std::string read = viewed.points(viewedSignal, {from, to, options.columns});
+          points[key] = packed(read, from, to);
+          const auto tolerance = options.tolerances.find(viewedSignal.id);
+          if (run == 0 && tolerance != options.tolerances.end()) {
+            points[key]["tolerance"] =
+                packedBand(read, from, to, options.columns, tolerance->second,
+                           /*holds=*/signal["kind"] == "integer");
+          }
         }
       }
       kept.push_back(signal);
@@ -197,6 +236,17 @@ std::string reportPage(ViewedRuns& runs, const ReportOptions& options) {
                       "<script type=\"module\">\n{}</script>",
                       harmless(dataOf(runs, options)), allModules()));
   return page;
+}
+
+void writeReport(ViewedRuns& runs, const ReportOptions& options, const std::string& file,
+                 bool replaces) {
+  PendingOutput output(file, PendingOutput::Kind::file, replaces);
+  const std::string page = reportPage(runs, options);
+  std::ofstream out(output.path(), std::ios::binary);
+  out.write(page.data(), static_cast<std::streamsize>(page.size()));
+  out.close();
+  if (!out) throw std::runtime_error(file + " cannot be written");
+  output.publish();
 }
 
 }  // namespace kyr::tool

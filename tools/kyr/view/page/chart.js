@@ -109,6 +109,24 @@ function piecesOf(points, toX, toY, steps) {
   return pieces;
 }
 
+// Fills what is between the lower and upper ends of a tolerance, which come by turns.
+function paintTolerance(painter, {tolerance, color}, toX, toY) {
+  let corners = [];
+  const fill = () => {
+    const upper = corners.map(([x, , high]) => [x, high]).reverse();
+    painter.area([...corners.map(([x, low]) => [x, low]), ...upper].flat(), color, 0.18);
+    corners = [];
+  };
+  for (let i = 0; i < tolerance.length; i += 4) {
+    if (isFinite(tolerance[i + 1])) {
+      corners.push([toX(tolerance[i]), toY(tolerance[i + 1]), toY(tolerance[i + 3])]);
+    } else if (corners.length > 0) {
+      fill();
+    }
+  }
+  if (corners.length > 0) fill();
+}
+
 function paintCurve(painter, layout, curve, toX, toY) {
   const {points, color, style} = curve;
   const pieces = piecesOf(points, toX, toY, style === "steps");
@@ -162,9 +180,9 @@ export function paintChart(painter, layout, curves, view, ranges) {
   for (const curve of lines) {
     const [low, high] = ranges[curve.axis];
     painter.clip(x, y - 1, plotWidth, plotHeight + 2);
-    if (curve.points) {
-      paintCurve(painter, layout, curve, toX, scale(low, high, y + plotHeight, -plotHeight));
-    }
+    const toY = scale(low, high, y + plotHeight, -plotHeight);
+    if (curve.tolerance) paintTolerance(painter, curve, toX, toY);
+    if (curve.points) paintCurve(painter, layout, curve, toX, toY);
     painter.unclip();
   }
   curves.filter((curve) => curve.isBand).forEach((curve, place) => {

@@ -29,6 +29,19 @@ export class CanvasPainter {
     context.setLineDash([]);
   }
 
+  // The inside of a line that ends where it begins.
+  area(coordinates, color, opacity) {
+    const {context} = this;
+    context.beginPath();
+    for (let i = 0; i < coordinates.length; i += 2) {
+      context.lineTo(coordinates[i], coordinates[i + 1]);
+    }
+    context.globalAlpha = opacity;
+    context.fillStyle = color;
+    context.fill();
+    context.globalAlpha = 1;
+  }
+
   dots(coordinates, color, size) {
     this.context.fillStyle = color;
     for (let i = 0; i < coordinates.length; i += 2) {
@@ -94,6 +107,11 @@ export class SvgPainter {
     const dashes = dash.length ? ` stroke-dasharray="${dash.join(" ")}"` : "";
     this.parts.push(`<path d="${path}" fill="none" stroke="${color}" stroke-width="${width}" ` +
                     `stroke-linejoin="round" stroke-linecap="round"${dashes}/>`);
+  }
+
+  area(coordinates, color, opacity) {
+    this.parts.push(`<polygon points="${coordinates.map(rounded).join(" ")}" fill="${color}" ` +
+                    `fill-opacity="${opacity}"/>`);
   }
 
   dots(coordinates, color, size) {

@@ -252,7 +252,9 @@ export class Plot {
   }
 }
 
-function pick({points, spans, rows, fault}) { return {points, spans, rows, fault}; }
+function pick({points, spans, rows, fault, tolerance}) {
+  return {points, spans, rows, fault, tolerance};
+}
 
 function labelOf({series, signal}) {
   const part = signal.elements === 1 || signal.kind === "text" ? "" : `[${series.element}]`;

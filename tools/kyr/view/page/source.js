@@ -60,7 +60,11 @@ class ReportSource {
     const key = `${signal.run}/${signal.id}`;
     const stored = this.data.points[key];
     if (!stored || signal.element > 0) throw new Error("This signal is not in the report.");
-    if (!this.decoded.has(key)) this.decoded.set(key, decoded(stored));
+    if (!this.decoded.has(key)) {
+      const {tolerance} = stored;
+      this.decoded.set(key, {...decoded(stored),
+                             tolerance: tolerance && decoded(tolerance).points});
+    }
     return this.decoded.get(key);
   }
   async spans(signal) {

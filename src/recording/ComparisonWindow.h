@@ -1,0 +1,154 @@
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <iterator>
+#include <limits>
+#include <map>
+#include <vector>
+
+#include "recording/ComparisonRows.h"
+
+namespace kyr::recording {
+
+/// The number at a time between two samples, on the straight line.
+template <typename Number>
+Number numberBetween(Number before, Number after, Number part) {
+  if (before == after) return before;
+  // before + (after - before) * part may be infinite in between.
+  return before * (1 - part) + after * part;
+}
+
+/// The values that a curve has within a time before and after another one, which moves on. The
+/// times of its rows must ascend.
+///
+/// A curve of straight lines has all values between the smallest and the largest one, jumps
+/// included. One that holds its values has no others than these.
+template <typename Number>
+class ComparisonWindow {
+ public:
+  ComparisonWindow(ComparisonRows<Number>& rows, double reach, bool holds)
+      : rows_(rows), reach_(reach), holds_(holds), elements_(rows.elements()) {}
+
+  /// To a time that is not before the last one, nor outside of the curve.
+  void moveTo(double time) {
+    from_ = time - reach_;
+    to_ = time + reach_;
+    while (!rows_.isAtEnd(end_) && rows_.time(end_) <= to_) push(end_++);
+    // A value that is held goes on until the next one.
+    const std::uint64_t kept = holds_ ? 1 : 0;
+    while (begin_ + kept < end_ && rows_.time(begin_ + kept) < from_) pop(begin_++);
+  }
+
+  /// The value in the window that is nearest to another one.
+  Number nearest(Number value, std::size_t element) const {
+    return holds_ ? nearestHeld(value, elements_[element]) : nearestOnLines(value, element);
+  }
+
+  /// The first row that is needed still.
+  std::uint64_t firstRow() const { return begin_ > 0 ? begin_ - 1 : 0; }
+
+ private:
+  static constexpr Number kNone = std::numeric_limits<Number>::quiet_NaN();
+
+  struct Element {
+    std::deque<std::uint64_t> smallest;  // rows: the smallest value, then the smallest behind it
+    std::deque<std::uint64_t> largest;
+    std::map<Number, std::uint64_t> held;  // how often
+    std::uint64_t nans = 0;
+  };
+
+  Number valueOf(std::uint64_t row, std::size_t element) const {
+    return rows_.values(row)[element];
+  }
+
+  void push(std::uint64_t row) {
+    for (std::size_t i = 0; i < elements_.size(); ++i) {
+      Element& element = elements_[i];
+      const Number value = valueOf(row, i);
+      if (std::isnan(value)) {
+        ++element.nans;
+      } else if (holds_) {
+        ++element.held[value];
+      } else {
+        auto& [smallest, largest, held, nans] = element;
+        while (!smallest.empty() && valueOf(smallest.back(), i) >= value) smallest.pop_back();
+        while (!largest.empty() && valueOf(largest.back(), i) <= value) largest.pop_back();
+        smallest.push_back(row);
+        largest.push_back(row);
+      }
+    }
+  }
+
+  void pop(std::uint64_t row) {
+    for (std::size_t i = 0; i < elements_.size(); ++i) {
+      Element& element = elements_[i];
+      const Number value = valueOf(row, i);
+      if (std::isnan(value)) {
+        --element.nans;
+      } else if (holds_) {
+        const auto found = element.held.find(value);
+        if (--found->second == 0) element.held.erase(found);
+      } else {
+        if (element.smallest.front() == row) element.smallest.pop_front();
+        if (element.largest.front() == row) element.largest.pop_front();
+      }
+    }
+  }
+
+  static Number nearestHeld(Number value, const Element& element) {
+    const auto& held = element.held;
+    if (std::isnan(value) && element.nans > 0) return kNone;
+    if (held.empty()) return kNone;
+    if (std::isnan(value)) return held.begin()->first;
+    const auto above = held.lower_bound(value);
+    if (above == held.begin()) return above->first;
+    const auto below = std::prev(above);
+    if (above == held.end()) return below->first;
+    return above->first - value < value - below->first ? above->first : below->first;
+  }
+
+  // Where the line from a row to the next one is at a time.
+  Number onLine(std::uint64_t row, double time, std::size_t element) const {
+    const double before = rows_.time(row);
+    const double part = (time - before) / (rows_.time(row + 1) - before);
+    return numberBetween(valueOf(row, element), valueOf(row + 1, element),
+                         static_cast<Number>(part));
+  }
+
+  Number nearestOnLines(Number value, std::size_t at) const {
+    const Element& element = elements_[at];
+    Number smallest = std::numeric_limits<Number>::infinity();
+    Number largest = -smallest;
+    bool hasNaN = element.nans > 0;
+    if (!element.smallest.empty()) {
+      smallest = valueOf(element.smallest.front(), at);
+      largest = valueOf(element.largest.front(), at);
+    }
+    const auto add = [&](Number end) {
+      hasNaN |= std::isnan(end);
+      smallest = std::isnan(end) ? smallest : std::min(smallest, end);
+      largest = std::isnan(end) ? largest : std::max(largest, end);
+    };
+    const bool goesOn = end_ < rows_.end();
+    if (begin_ > 0 && (begin_ < end_ || goesOn)) add(onLine(begin_ - 1, from_, at));
+    if (end_ > 0 && goesOn) add(onLine(end_ - 1, to_, at));
+    if (std::isnan(value)) return hasNaN ? kNone : smallest;
+    if (smallest > largest) return kNone;
+    return std::clamp(value, smallest, largest);
+  }
+
+  ComparisonRows<Number>& rows_;
+  double reach_;
+  bool holds_;
+  double from_ = 0;
+  double to_ = 0;
+  std::uint64_t begin_ = 0;  // rows in the window, and one before it that is held
+  std::uint64_t end_ = 0;
+  std::vector<Element> elements_;
+};
+
+}  // namespace kyr::recording
