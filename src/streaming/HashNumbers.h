@@ -3,50 +3,58 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <stdexcept>
+#include <optional>
 #include <vector>
+
+#include "platform/ZeroedMemory.h"
+#include "schema/ByteBuffer.h"
 
 namespace kyr::parquet::RedundancyChecker {
 
 /// The numbers of 64-bit hashes.
 ///
-/// An open hash table. One byte for each slot holds a piece of the hash, so that bytes that stay in
-/// the processor's cache mostly tell a new hash from all others, however many there are.
+/// An open hash table that never waits for memory to learn that a hash is new, which most are:
+/// about one byte for each hash, which the processor's caches mostly have, tells that nearly
+/// always. The table gets a new hash a few calls later, when its place in memory has arrived.
 class HashNumbers {
  public:
-  std::size_t size() const noexcept { return hashes_.size(); }
+  HashNumbers() = default;
+  HashNumbers(const HashNumbers& other);
+  HashNumbers& operator=(const HashNumbers& other);
+
+  std::size_t size() const noexcept { return hashes_.size() / sizeof(std::uint64_t); }
 
   /// The number of \p hash. If it has none yet, it gets \p next, which goes up by one.
   /// \param expected  a number that the hash probably has, which saves a search then
   unsigned long of(std::uint64_t hash, unsigned long& next, unsigned long expected = 0) {
-    if (expected < hashes_.size() && hashes_[expected] == hash) return numberAt(expected);
-    if (hashes_.size() >= tags_.size() / 4 * 3) grow();
-    return probe(
-        hash, [this](std::size_t index) { return numberAt(index); },
-        [&](std::size_t slot) {
-          const std::size_t index = hashes_.size();
-          if (next != numberAt(index)) jumps_.push_back({index, next});
-          put(slot, hash, index);
-          hashes_.push_back(hash);
-          return next++;
-        });
+    const std::size_t index = size();
+    if (expected < index && hashAt(expected) == hash) return numberAt(expected);
+    if (index == capacity_) grow();
+    const std::uint32_t place = placeOf(hash);
+    std::uint64_t& word = filterWord(place);
+    if ((word & filterBits(place)) == filterBits(place)) {
+      if (const auto known = find(hash, place)) return numberAt(*known);
+    }
+    if (next != numberAt(index)) jumps_.push_back({index, next});
+    hashes_.append(&hash, sizeof(hash));
+    word |= filterBits(place);
+    __builtin_prefetch(&slots()[slotOf(place)], /*write*/ 1);
+    if (size() - inserted_ > kPending) insertNext();
+    return next++;
   }
 
-  bool contains(std::uint64_t hash) const {
-    const auto yes = [](std::size_t) { return true; };
-    return !tags_.empty() && probe(hash, yes, [](std::size_t) { return false; });
-  }
-  std::uint64_t at(std::uint64_t hash) const {
-    if (!contains(hash)) throw std::out_of_range("the hash has no number");
-    const auto number = [this](std::size_t index) { return numberAt(index); };
-    return probe(hash, number, [](std::size_t) { return std::uint64_t{0}; });
-  }
+  bool contains(std::uint64_t hash) const { return find(hash, placeOf(hash)).has_value(); }
+  /// \throws std::out_of_range if the hash has no number
+  std::uint64_t at(std::uint64_t hash) const;
 
  private:
-  // Eight slots whose tags are looked at together. A slot that is taken has the high bit set.
-  static constexpr std::size_t kGroup = 8;
-  static constexpr std::uint64_t kOnes = 0x0101010101010101;
-  static constexpr std::uint64_t kHighs = 0x8080808080808080;
+  // New hashes wait for this many others before they get into the table.
+  static constexpr std::size_t kPending = 8;
+
+  struct Slot {
+    std::uint32_t place;
+    std::uint32_t end;  // the hash's index + 1; 0 if the slot is free
+  };
 
   // The numbers of the hashes from \p index on are \p number and those that follow it.
   struct Jump {
@@ -62,66 +70,38 @@ class HashNumbers {
     return index;
   }
 
-  // Hashes of single numbers differ in a few bits only, high or low ones.
-  static std::uint64_t spread(std::uint64_t hash) {
-    return (hash ^ (hash >> 32U)) * 0x9e3779b97f4a7c15;
-  }
-  static std::uint64_t tagOf(std::uint64_t hash) { return 0x80 | (spread(hash) >> 20U & 0x7f); }
-  std::size_t groups() const { return tags_.size() / kGroup; }
-  std::size_t groupOf(std::uint64_t hash) const { return spread(hash) >> shift_; }
-
-  std::uint64_t load(std::size_t group) const {
-    std::uint64_t tags;
-    std::memcpy(&tags, &tags_[group * kGroup], kGroup);
-    return tags;
-  }
-  // The high bits of the bytes that are 0, and perhaps of some behind them.
-  static std::uint64_t zeroBytes(std::uint64_t word) { return (word - kOnes) & ~word & kHighs; }
-  static std::size_t firstByte(std::uint64_t highs) {
-#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-    highs = __builtin_bswap64(highs);
-#endif
-    return static_cast<std::size_t>(__builtin_ctzll(highs)) / 8;
+  std::uint64_t hashAt(std::size_t index) const {
+    std::uint64_t hash;
+    std::memcpy(&hash, hashes_.data() + index * sizeof(hash), sizeof(hash));
+    return hash;
   }
 
-  // Calls \p found with the index of a hash, or \p isNew with the free slot for it.
-  template <typename Found, typename New>
-  std::uint64_t probe(std::uint64_t hash, Found&& found, New&& isNew) const {
-    const std::uint64_t tag = tagOf(hash);
-    for (std::size_t group = groupOf(hash);; group = (group + 1) & (groups() - 1)) {
-      const std::uint64_t tags = load(group);
-      for (std::uint64_t same = zeroBytes(tags ^ (tag * kOnes)); same != 0; same &= same - 1) {
-        const std::uint32_t index = indices_[group * kGroup + firstByte(same)];
-        if (hashes_[index] == hash) return found(index);
-      }
-      if (const std::uint64_t empty = ~tags & kHighs) {
-        return isNew(group * kGroup + firstByte(empty));
-      }
-    }
+  // Where a hash belongs, in parts of 2^32 of the table. Hashes of single numbers differ in a few
+  // bits only, high or low ones.
+  static std::uint32_t placeOf(std::uint64_t hash) {
+    return static_cast<std::uint32_t>((hash ^ (hash >> 32U)) * 0x9e3779b97f4a7c15 >> 32U);
   }
-
-  void put(std::size_t slot, std::uint64_t hash, std::size_t index) {
-    tags_[slot] = static_cast<unsigned char>(tagOf(hash));
-    indices_[slot] = static_cast<std::uint32_t>(index);
+  static std::uint64_t filterBits(std::uint32_t place) {
+    return std::uint64_t{1} << (place & 63U) | std::uint64_t{1} << (place >> 6U & 63U);
   }
-
-  void grow() {
-    if (hashes_.size() > UINT32_MAX / 2) throw std::length_error("too many different chunks");
-    const std::size_t slots = tags_.empty() ? 16 * kGroup : 2 * tags_.size();
-    shift_ = 64 - __builtin_ctzll(slots / kGroup);
-    tags_.assign(slots, 0);
-    indices_.assign(slots, 0);
-    for (std::size_t index = 0; index < hashes_.size(); ++index) {
-      std::size_t group = groupOf(hashes_[index]);
-      while ((~load(group) & kHighs) == 0) group = (group + 1) & (groups() - 1);
-      put(group * kGroup + firstByte(~load(group) & kHighs), hashes_[index], index);
-    }
+  std::uint64_t& filterWord(std::uint32_t place) const {
+    return reinterpret_cast<std::uint64_t*>(filter_.data())[place * filterWords_ >> 32U];
   }
+  Slot* slots() const { return reinterpret_cast<Slot*>(slots_.data()); }
+  std::size_t slotOf(std::uint32_t place) const { return place * slotCount_ >> 32U; }
 
-  int shift_ = 0;
-  std::vector<unsigned char> tags_;
-  std::vector<std::uint32_t> indices_;
-  std::vector<std::uint64_t> hashes_;  // in order of first appearance
+  std::optional<std::size_t> find(std::uint64_t hash, std::uint32_t place) const;
+  void insertNext();
+  void put(Slot slot);
+  void grow();
+
+  ByteBuffer hashes_;         // in order of first appearance
+  std::size_t inserted_ = 0;  // as many of them are in the table
+  std::size_t capacity_ = 0;  // as many may come before it grows
+  std::uint64_t slotCount_ = 0;
+  std::uint64_t filterWords_ = 0;
+  platform::ZeroedMemory slots_;   // in the order of places, but for hashes that found theirs taken
+  platform::ZeroedMemory filter_;  // two bits for each hash
   std::vector<Jump> jumps_;
 };
 

@@ -97,6 +97,17 @@ TEST(HashNumbersTest, NumbersHashesOfAllKindsAsAMapDoes) {
     }
   }
   EXPECT_EQ(table.size(), model.size());
+
+  // A copy knows the same hashes, and both go on by themselves.
+  HashNumbers copy;
+  copy.of(12345, next, 0);
+  copy = table;
+  for (const auto& [hash, number] : model) ASSERT_EQ(copy.at(hash), number) << hash;
+  unsigned long nextOfCopy = next;
+  const unsigned long fresh = random();
+  EXPECT_EQ(copy.of(fresh, nextOfCopy), next);
+  EXPECT_FALSE(table.contains(fresh));
+  EXPECT_THROW(table.at(fresh), std::out_of_range);
 }
 
 TEST_F(RedundancyCheckerTest, HashAloneDecidesWhatIsEqual) {

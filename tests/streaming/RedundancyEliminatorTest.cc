@@ -4,6 +4,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "kyr/parquet/RedundancyEliminator.h"
 
@@ -279,6 +280,33 @@ void onSmallStack(void* (*work)(void*), void* argument) {
   ASSERT_EQ(pthread_create(&thread, &attributes, work, argument), 0);
   pthread_join(thread, nullptr);
   pthread_attr_destroy(&attributes);
+}
+
+TEST(FileNodes, ChainsOfManyThreadsGoOnAndEndInOthers) {
+  constexpr unsigned long kNodes = 20'000;
+  std::vector<std::unique_ptr<FileNode>> heads(4);
+  const auto inThreads = [&](auto&& work) {
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < heads.size(); ++i) threads.emplace_back(work, i);
+    for (std::thread& thread : threads) thread.join();
+  };
+  for (int round = 0; round < 3; ++round) {
+    inThreads([&](std::size_t i) {
+      heads[i] = CreateNewFileNode(i, static_cast<int>(i), 0, 1);
+      FileNode* last = heads[i].get();
+      for (unsigned long n = 1; n < kNodes; ++n) {
+        AppendToFile(last, CreateNewFileNode(i + n, static_cast<int>(i), n, n + 1));
+      }
+    });
+    inThreads([&](std::size_t i) {
+      unsigned long n = 0;
+      for (const FileNode* node = heads[i ^ 1U].get(); node; node = node->next.get(), ++n) {
+        if (node->contentNumber != (i ^ 1U) + n || node->first != n) break;
+      }
+      EXPECT_EQ(n, kNodes) << "chain " << (i ^ 1U) << " in round " << round;
+      heads[i ^ 1U].reset();
+    });
+  }
 }
 
 TEST(FileNodes, ChainsOfMillionsNeedNeitherStackNorMoreThanLinearTime) {

@@ -24,6 +24,10 @@ struct KYR_PARQUET_EXPORT FileNode {
   /// Destroys the chain node by node: its length does not show on the stack.
   ~FileNode();
 
+  /// Nodes come from slabs, which are given back as a whole.
+  static void* operator new(std::size_t size);
+  static void operator delete(void* node, std::size_t size) noexcept;
+
   unsigned long contentNumber = 0;
   int storageId = 0;         ///< file that holds the chunk
   unsigned long first = 0;   ///< first row of the chunk, as the signal that stored it counts rows
