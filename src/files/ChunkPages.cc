@@ -53,13 +53,15 @@ std::string dictionaryHeader(std::int64_t uncompressed, std::int64_t stored, std
   return header.bytes();
 }
 
-std::string dataHeader(const ChunkPages::DataPage& page, std::int64_t uncompressed,
+std::string dataHeader(const ColumnPage& page, Encoding::type encoding, std::int64_t uncompressed,
                        std::int64_t stored, bool isCompressed) {
   constexpr int kDataPageV2 = 3;
   const auto levels = static_cast<std::int64_t>(page.levels.size());
   Header header{kDataPageV2, levels + uncompressed, levels + stored};
   header.next(CompactReader::structure, 5);
-  header.add({page.rows, page.nulls, page.rows, page.encoding, levels, 0});
+  const auto repetitions = static_cast<std::int64_t>(page.repetitionBytes);
+  header.add(
+      {page.entries(), page.missing, page.rows, encoding, levels - repetitions, repetitions});
   header.next(isCompressed ? CompactReader::yes : CompactReader::no);
   header.next(CompactReader::structure);  // statistics, which are empty
   header.endStructures(3);
@@ -87,7 +89,7 @@ void ChunkPages::addDictionary(std::string_view values, std::size_t count) {
   ++dictionaryPages_[Encoding::PLAIN];
 }
 
-void ChunkPages::addData(const DataPage& page, const Pieces& values) {
+void ChunkPages::addData(const ColumnPage& page, Encoding::type encoding, const Pieces& values) {
   const auto size = std::accumulate(
       values.begin(), values.end(), std::int64_t{0},
       [](std::int64_t sum, std::string_view piece) { return sum + std::int64_t(piece.size()); });
@@ -98,7 +100,7 @@ void ChunkPages::addData(const DataPage& page, const Pieces& values) {
   }
   const bool isCompressed = codec_ && isWorthwhile_;
   const auto storedSize = isCompressed ? static_cast<std::int64_t>(stored.size()) : size;
-  const std::string header = dataHeader(page, size, storedSize, isCompressed);
+  const std::string header = dataHeader(page, encoding, size, storedSize, isCompressed);
   if (dataPages_.empty()) {
     PARQUET_ASSIGN_OR_THROW(dataOffset_, sink_.Tell());
   }
@@ -111,8 +113,8 @@ void ChunkPages::addData(const DataPage& page, const Pieces& values) {
   }
   const auto levels = static_cast<std::int64_t>(page.levels.size());
   count(header, levels + size, levels + storedSize);
-  values_ += page.rows;
-  ++dataPages_[page.encoding];
+  values_ += page.entries();
+  ++dataPages_[encoding];
 }
 
 std::int64_t ChunkPages::finish() {

@@ -13,6 +13,8 @@
 #include <string_view>
 #include <vector>
 
+#include "files/ColumnPages.h"
+
 namespace kyr::parquet {
 
 /// Writes the pages of one column chunk: their headers, their codec, and the metadata of the chunk.
@@ -28,19 +30,14 @@ class ChunkPages {
   ChunkPages(const ChunkPages&) = delete;
   ChunkPages& operator=(const ChunkPages&) = delete;
 
-  struct DataPage {
-    std::int64_t rows = 0;
-    std::int64_t nulls = 0;
-    ::parquet::Encoding::type encoding = ::parquet::Encoding::PLAIN;
-    std::string levels;  ///< definition levels; none for a required column
-  };
   using Pieces = std::vector<std::string_view>;
 
   /// Comes before all data pages.
   /// \param values  plain
   void addDictionary(std::string_view values, std::size_t count);
+  /// \param page  whose rows and levels are taken
   /// \param values  encoded, one piece after the other
-  void addData(const DataPage& page, const Pieces& values);
+  void addData(const ColumnPage& page, ::parquet::Encoding::type encoding, const Pieces& values);
 
   /// Writes the metadata that end a chunk.
   /// \return bytes of the pages before compression

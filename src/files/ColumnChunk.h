@@ -4,25 +4,17 @@
 #include <parquet/schema.h>
 #include <parquet/types.h>
 
-#include <cstdint>
-
 #include "files/ChunkPages.h"
+#include "files/ColumnPages.h"
 
 namespace kyr::parquet {
 
-/// How a column chunk is divided into pages: a page ends behind the batch of values with which it
-/// has \p bytes bytes. A batch begins where an array of the column does.
-struct PageSize {
-  std::int64_t batchRows;
-  std::int64_t bytes;
-};
-
-/// Writes all values of a column of numbers as the data pages of \p pages.
+/// Writes all values of a column of numbers, or of lists of numbers, as the data pages of \p pages.
 ///
 /// Where an encoding does not save what it promised, values are stored plain: a chunk is never
 /// larger than a plain one by more than the headers of its pages. Plain values go to the sink as
 /// they lie in memory.
-/// \param column  says whether values may be missing; such columns take the plain encoding only
+/// \param column  says whether values may be missing, or make lists
 /// \throws std::invalid_argument if \p values are no numbers
 /// \throws ::parquet::ParquetException as \p pages does
 void writeColumnChunk(ChunkPages& pages, const ::arrow::ChunkedArray& values,

@@ -6,7 +6,9 @@
 #include <utility>
 
 #include "files/BatchSize.h"
+#include "files/ColumnPages.h"
 #include "files/PhysicalTypes.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::parquet {
 
@@ -18,6 +20,10 @@ bool isPlain(const ::parquet::ColumnProperties& column) {
          column.compression() == ::parquet::Compression::UNCOMPRESSED &&
          (column.encoding() == ::parquet::Encoding::PLAIN ||
           column.encoding() == ::parquet::Encoding::UNKNOWN);
+}
+
+bool isNumberList(const ::arrow::DataType& type) {
+  return type.id() == ::arrow::Type::LIST && isNumber(*type.field(0)->type());
 }
 
 // Null if NumberFile does not write such columns with such properties.
@@ -33,8 +39,9 @@ std::shared_ptr<::parquet::SchemaDescriptor> numberColumns(
   for (int i = 0; i < schema.num_fields(); ++i) {
     const auto* column = columns->Column(i);
     const auto numbers = numberTypeOf(*column);
-    if (!numbers || !numbers->Equals(*schema.field(i)->type()) ||
-        !isPlain(properties.column_properties(column->path()))) {
+    const bool fits = numbers ? numbers->Equals(*schema.field(i)->type())
+                              : isListOfNumbers(*column) && isNumberList(*schema.field(i)->type());
+    if (!fits || !isPlain(properties.column_properties(column->path()))) {
       return nullptr;
     }
   }

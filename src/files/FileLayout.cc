@@ -37,6 +37,8 @@ FileLayout::FileLayout(const ::arrow::Schema& schema,
   const auto stored =
       isFlat_ && !isPack_ ? ::arrow::schema({schema_->field(0)->WithNullable(false)}) : schema_;
   PARQUET_THROW_NOT_OK(::parquet::arrow::ToParquetSchema(stored.get(), *properties_, &columns_));
+  areNumbers_ = isFlat_ || (choice.encoding && schema.num_fields() == 1 &&
+                            columns_->num_columns() == 1 && isListOfNumbers(*columns_->Column(0)));
 }
 
 ColumnEncoding FileLayout::encodingFor(const ::arrow::Table& rows) const {
@@ -59,7 +61,7 @@ void FileLayout::write(const std::shared_ptr<::arrow::io::OutputStream>& sink,
                         : isAsBefore ? encodings.back()
                                      : encodingFor(*rowGroups[i]));
   }
-  if (isFlat_) {
+  if (areNumbers_) {
     writeNumbers(sink, keyValues, rowGroups, encodings);
   } else {
     writeAny(sink, keyValues, rowGroups, encodings.empty() ? ColumnEncoding() : encodings.front());

@@ -60,9 +60,10 @@ class FileLayout {
 
   std::shared_ptr<::arrow::Schema> schema_;
   bool isPack_;
-  bool isFlat_;  // whether samples are numbers, which NumberFile writes
+  bool isFlat_;  // whether samples are numbers
   std::shared_ptr<::parquet::WriterProperties> properties_;
   std::shared_ptr<::parquet::SchemaDescriptor> columns_;
+  bool areNumbers_;  // whether samples are numbers or lists of them, which NumberFile writes
   EncodingChoice choice_;
 };
 

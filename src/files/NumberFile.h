@@ -14,8 +14,9 @@
 
 namespace kyr::parquet {
 
-/// Writes a Parquet file of columns of numbers, each of whose chunks has an encoding of its own.
-/// Levels are made only for columns that may hold nulls. Arrow's writer makes a level for every
+/// Writes a Parquet file of columns of numbers or of lists of numbers, each of whose chunks has an
+/// encoding of its own. Levels are made only where values may be missing or make lists, and where
+/// none is missing they are made without looking at values. Arrow's writer makes a level for every
 /// value and encodes it, which takes longer than to write the value.
 ///
 /// What the sink says is a ::parquet::ParquetException.

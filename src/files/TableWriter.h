@@ -16,7 +16,7 @@
 namespace kyr::parquet {
 
 /// Writes tables as the row groups of a Parquet file. The bytes are those that
-/// parquet::arrow::FileWriter writes; for columns of numbers with nulls, equivalent ones.
+/// parquet::arrow::FileWriter writes; for numbers with nulls and for lists, equivalent ones.
 ///
 /// Like that writer it takes nothing more once a write failed.
 class TableWriter {

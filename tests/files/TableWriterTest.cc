@@ -3,6 +3,7 @@
 #include <parquet/arrow/reader.h>
 
 #include <limits>
+#include <random>
 
 #include "files/TableWriter.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
@@ -93,20 +94,34 @@ TEST_F(TableWriterTest, WritesTheBytesThatArrowWrites) {
   }
 }
 
+std::shared_ptr<::arrow::Table> readBack(const std::string& file) {
+  std::unique_ptr<::parquet::arrow::FileReader> reader;
+  must(::parquet::arrow::OpenFile(
+      std::make_shared<::arrow::io::BufferReader>(::arrow::Buffer::FromString(file)),
+      ::arrow::default_memory_pool(), &reader));
+  std::shared_ptr<::arrow::Table> table;
+  must(reader->ReadTable(&table));
+  return table;
+}
+
 TEST_F(TableWriterTest, NullsComeBack) {
+  const auto lists = ::arrow::list(::arrow::field("element", ::arrow::int16()));
   const auto table = test::tableOf(
       {{"data", test::column(::arrow::float64(), {"[null, 1, 2, null]", "[null]", "[3, 4]"})},
-       {"b", test::column(::arrow::int16(), {"[1, 2, 3, 4, 5, -6, null]"})}});
-  const auto file = ::arrow::Buffer::FromString(ours(*table, 5, properties(), 1));
-  std::unique_ptr<::parquet::arrow::FileReader> reader;
-  must(::parquet::arrow::OpenFile(std::make_shared<::arrow::io::BufferReader>(file),
-                                  ::arrow::default_memory_pool(), &reader));
-  std::shared_ptr<::arrow::Table> read;
-  must(reader->ReadTable(&read));
-  EXPECT_TRUE(read->Equals(*table)) << read->ToString();
+       {"b", test::column(::arrow::int16(), {"[1, 2, 3, 4, 5, -6, null]"})},
+       {"full", test::column(lists, {"[[1], [2, 3], [4, 5, 6], [7], [8]]", "[[9], [-10]]"})},
+       {"c", test::column(lists, {"[[1, 2], [], null]", "[]", "[[null], [3, null], [4], []]"})}});
+  for (const std::int64_t groupRows : {5, 2, 100}) {
+    const auto read = readBack(ours(*table, groupRows, properties(), 1));
+    EXPECT_TRUE(read->Equals(*table)) << read->ToString();
+  }
+  // Pieces of arrays, whose offsets do not begin at 0.
+  EXPECT_TRUE(readBack(ours(*table->Slice(1, 5), 9, properties(), 1))->Equals(*table->Slice(1, 5)));
 
   const auto required =
-      ::arrow::schema({::arrow::field("data", ::arrow::float64(), false), table->field(1)});
+      table->schema()
+          ->SetField(0, ::arrow::field("data", ::arrow::float64(), /*nullable=*/false))
+          .ValueOrDie();
   const auto writer = TableWriter::open(std::make_shared<FileFormat>(required, properties()),
                                         ::arrow::io::BufferOutputStream::Create().ValueOrDie())
                           .ValueOrDie();
@@ -115,13 +130,46 @@ TEST_F(TableWriterTest, NullsComeBack) {
   EXPECT_FALSE(writer->write(*empty, 9).ok());  // nothing more once a write failed
 }
 
+// Lists of equal and of random lengths, some of which are empty or null.
+TEST_F(TableWriterTest, ListsOfManyPagesComeBack) {
+  const auto type = ::arrow::list(::arrow::field("element", ::arrow::float64()));
+  std::mt19937 random(1);
+  for (const int batchSize : {1, 100, 4096}) {
+    for (const unsigned spread : {0U, 1U, 5U, 100U}) {
+      serialization_options::batchSize = batchSize;
+      const bool hasNulls = batchSize == 100;
+      Chunks arrays;
+      for (const std::int64_t rows : {3, 20'000, 0, 1'000}) {
+        const auto values = std::make_shared<::arrow::DoubleBuilder>();
+        ::arrow::ListBuilder builder(::arrow::default_memory_pool(), values, type);
+        for (std::int64_t row = 0; row < rows; ++row) {
+          const bool isNull = hasNulls && random() % 50 == 0;
+          must(isNull ? builder.AppendNull() : builder.Append());
+          std::uint32_t length = spread == 0 ? 9 : 1;
+          if (spread > 1) length = static_cast<std::uint32_t>(random()) % spread;
+          for (unsigned i = 0; i < length && !isNull; ++i) {
+            must(values->Append(static_cast<double>(random())));
+          }
+        }
+        arrays.push_back(builder.Finish().ValueOrDie());
+      }
+      const auto table = test::tableOf({{"data", std::make_shared<::arrow::ChunkedArray>(arrays)}});
+      const auto read = readBack(ours(*table, 15'000, properties(), 2));
+      const auto twice = ::arrow::ConcatenateTables({table, table}).ValueOrDie();
+      EXPECT_TRUE(read->Equals(*twice)) << "spread " << spread << ", batch " << batchSize;
+    }
+  }
+}
+
 TEST_F(TableWriterTest, OtherFilesAreLeftToArrow) {
   const auto isLeft = [](const auto& type, const auto& properties) {
     const auto schema = ::arrow::schema({::arrow::field("data", type)});
     return FileFormat(schema, properties).numberColumns() == nullptr;
   };
   EXPECT_FALSE(isLeft(::arrow::float64(), properties()));
-  for (const auto& type : {::arrow::binary(), ::arrow::boolean(), ::arrow::list(::arrow::int8()),
+  for (const auto& type : {::arrow::binary(), ::arrow::boolean(), ::arrow::list(::arrow::utf8()),
+                           ::arrow::list(::arrow::list(::arrow::int8())),
+                           ::arrow::list(::arrow::field("element", ::arrow::int8(), false)),
                            ::arrow::timestamp(::arrow::TimeUnit::NANO)}) {
     EXPECT_TRUE(isLeft(type, properties()));
   }
