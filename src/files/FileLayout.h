@@ -24,7 +24,8 @@ constexpr std::size_t kEncodingUses = 4;
 ///
 /// Samples are never null. So where encodings are chosen, and in packs (files/pack/PackSchema.h), a
 /// single column of numbers is written as a required column, which all readers read several times
-/// as fast as one that may have nulls. Row groups of a float64 column whose values ascend are marked then; see NumberFile::Options.
+/// as fast as one that may have nulls. Row groups of a float64 column whose values ascend are
+/// marked then; see NumberFile::Options.
 class FileLayout {
  public:
   /// \throws ::parquet::ParquetException if Parquet has no such schema

@@ -28,8 +28,8 @@ class DiskFile final : public ByteSource {
   /// ordinary open would wait for its other end.
   DiskFile(std::filesystem::path path, Mode mode);
   enum class Entry { file, folder };
-  /// Opens the entry \p name of an open folder, also if the folder was renamed. The object cannot be
-  /// suspended.
+  /// Opens the entry \p name of an open folder, also if the folder was renamed. The object cannot
+  /// be suspended.
   DiskFile(const DiskFile& folder, const std::string& name, Entry entry, Mode mode, Links links);
   /// Closes the file and ignores a failure to do so.
   ~DiskFile() override;

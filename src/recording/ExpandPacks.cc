@@ -46,7 +46,7 @@ class Expansion {
       // A pack that was just being made has no rows.
       if (parquet::inspectFile(storage_, name).losesBatches) keep_(name, "it cannot be read");
     }
-    // Contents without a file are named by the notes of packs, so that no others need be looked for.
+    // The notes of packs name contents without a file, so that no others need be looked for.
     std::set<int> ids = idsOfFiles();
     for (const auto& [name, pack] : packs_.packs()) {
       const auto report = parquet::inspectFile(storage_, name);

@@ -51,8 +51,8 @@ bool isTemporaryName(std::string_view name, std::string_view prefix) {
          areAll(name.substr(prefix.size()), "0123456789abcdef");
 }
 
-// Whether generateTempDirectoryName() may have made the name for a pool. The name ends in 32 bytes in
-// base64, with "_" in place of "/".
+// Whether generateTempDirectoryName() may have made the name for a pool. The name ends in 32 bytes
+// in base64, with "_" in place of "/".
 bool isPoolName(std::string_view name) {
   constexpr std::string_view kPrefix = "parquetStorage_";
   constexpr std::string_view kLetters =

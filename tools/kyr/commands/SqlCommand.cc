@@ -47,6 +47,7 @@ class DuckDb {
     std::vector<std::string> words{"duckdb", "-bail", "-batch"};
     if (format != "table") words.push_back("-" + format);
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     errno = ::posix_spawnp(&process_, "duckdb", &actions, nullptr, arguments.data(), environ);
@@ -109,7 +110,7 @@ int runSql(const SqlOptions& options) {
   DuckDb duckDb(options.format);
   duckDb.run(text);
   duckDb.run(options.query + "\n;\n");
-  return duckDb.finish() ? 0 : 3;
+  return duckDb.finish() ? 0 : 1;
 }
 
 }  // namespace

@@ -262,7 +262,7 @@ std::map<int, std::string> SqlViews::addTables(const Run& run,
     std::string key;
     for (const SignalInfo* signal : group) {
       const std::string kind = kindOf(*signal);
-      const std::string name = run.columnOf(*signal);
+      const std::string& name = run.columnOf(*signal);
       // The time has its name, whatever signals are called.
       const std::string column = identifier(lowerCase(name) == "time" || lowerCase(name) == "run"
                                                 ? fmt::format("{} ({})", name, signal->signalId)

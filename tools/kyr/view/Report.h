@@ -20,8 +20,8 @@ struct ReportOptions {
 
 /// The page and what it shows in one HTML file, which needs no server.
 ///
-/// Each signal of each recording takes at most 43 kB for 1,000 columns, twice that if its values are
-/// beyond float32, and 400 kB if it is text. At most 200 signals are inside.
+/// Each signal of each recording takes at most 43 kB for 1,000 columns, twice that if its values
+/// are beyond float32, and 400 kB if it is text. At most 200 signals are inside.
 /// \throws std::runtime_error if a name is unknown, or there are too many signals
 std::string reportPage(ViewedRuns& runs, const ReportOptions& options);
 
