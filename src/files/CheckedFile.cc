@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/Digest.h"
+
 namespace kyr::parquet {
 
 DamagedBytes::DamagedBytes(const std::filesystem::path& file, std::uint64_t from, std::uint64_t to,
@@ -83,11 +85,10 @@ void CheckedFile::checkWhole() const {
   for (std::uint64_t at = 0; at < size_;) {
     const auto size = std::min<std::uint64_t>(piece.size(), size_ - at);
     readExactly(at, piece.data(), size);
-    XXH3_128bits_update(&state, piece.data(), static_cast<std::size_t>(size));
+    addToDigest(state, piece.data(), static_cast<std::size_t>(size));
     at += size;
   }
-  const XXH128_hash_t hash = XXH3_128bits_digest(&state);
-  const std::string found = fmt::format("{:016x}{:016x}", hash.high64, hash.low64);
+  const std::string found = digitsOf(XXH3_128bits_digest(&state));
   if (found != expected_.whole) {
     throw DamagedBytes(path(), 0, size_,
                        fmt::format("their checksum is {}, expected {}", found, expected_.whole));

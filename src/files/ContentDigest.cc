@@ -1,7 +1,5 @@
 #include "files/ContentDigest.h"
 
-#include "schema/ContentDigester.h"
-
 namespace kyr::parquet {
 
 std::string digestOf(ContentReader& content) {
@@ -10,6 +8,14 @@ std::string digestOf(ContentReader& content) {
     digester.add(rows, times);
   });
   return digester.digest();
+}
+
+ContentSummary summaryOf(ContentReader& content) {
+  ContentSummarizer summarizer(content.schema(), content.hasTimes());
+  forEachPiece(content, [&](std::uint64_t /*first*/, const RowSlice& rows, const double* times) {
+    summarizer.add(rows, times);
+  });
+  return summarizer.summary();
 }
 
 }  // namespace kyr::parquet

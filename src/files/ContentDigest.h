@@ -7,11 +7,14 @@
 
 #include "files/ContentReader.h"
 #include "kyr/parquet/ColumnNames.h"
+#include "schema/ContentSummary.h"
 
 namespace kyr::parquet {
 
 /// The digest of the content's columns and rows, as ContentDigester makes it.
 std::string digestOf(ContentReader& content);
+/// The digest and more.
+ContentSummary summaryOf(ContentReader& content);
 
 /// Calls visit(first, rows, times) with all rows of a content, in order, in pieces that need little
 /// memory. The times are null if there is no column of them.

@@ -1,20 +1,43 @@
 #include "platform/Digest.h"
 
-#include <fmt/format.h>
-
 namespace kyr {
 
-XXH128_hash_t digestOfBytes(const void* bytes, std::size_t size) {
+namespace {
+
+// Whether so many bytes are taken with AVX2.
+bool takesAvx2([[maybe_unused]] std::size_t size) {
 #ifdef KYR_HAS_AVX2_DIGEST
   static const bool hasAvx2 = __builtin_cpu_supports("avx2") != 0;
   constexpr std::size_t kWorthACall = 1024;
-  if (hasAvx2 && size >= kWorthACall) return digestWithAvx2(bytes, size);
+  return hasAvx2 && size >= kWorthACall;
+#else
+  return false;
 #endif
-  return XXH3_128bits(bytes, size);
+}
+
+}  // namespace
+
+XXH128_hash_t digestOfBytes(const void* bytes, std::size_t size) {
+  return takesAvx2(size) ? digestWithAvx2(bytes, size) : XXH3_128bits(bytes, size);
+}
+
+// The state of a digest is the same with all instructions, and for 64 and 128 bits.
+void addToDigest(XXH3_state_t& state, const void* bytes, std::size_t size) {
+  if (size == 0) return;
+  if (takesAvx2(size)) return addWithAvx2(state, bytes, size);
+  XXH3_128bits_update(&state, bytes, size);
 }
 
 std::string digitsOf(const XXH128_hash_t& digest) {
-  return fmt::format("{:016x}{:016x}", digest.high64, digest.low64);
+  constexpr char kDigits[] = "0123456789abcdef";
+  XXH128_canonical_t bytes;
+  XXH128_canonicalFromHash(&bytes, digest);
+  std::string digits(2 * sizeof(bytes.digest), '0');
+  for (std::size_t i = 0; i < sizeof(bytes.digest); ++i) {
+    digits[2 * i] = kDigits[bytes.digest[i] >> 4U];
+    digits[2 * i + 1] = kDigits[bytes.digest[i] & 0xFU];
+  }
+  return digits;
 }
 
 }  // namespace kyr

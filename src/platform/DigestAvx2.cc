@@ -8,4 +8,8 @@ XXH128_hash_t digestWithAvx2(const void* bytes, std::size_t size) {
   return XXH3_128bits(bytes, size);
 }
 
+void addWithAvx2(XXH3_state_t& state, const void* bytes, std::size_t size) {
+  XXH3_128bits_update(&state, bytes, size);
+}
+
 }  // namespace kyr

@@ -3,10 +3,32 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
 namespace kyr {
+
+namespace {
+
+// As short as it can be read back, with a decimal point or an exponent, so that readers take it for
+// a number with a fraction.
+std::string textOf(double value) {
+  constexpr double kLeastFixed = 1e-4;
+  constexpr double kMostFixed = 1e15;
+  const double size = std::abs(value);
+  const bool isFixed = size == 0 || (size >= kLeastFixed && size < kMostFixed);
+  char digits[32];
+  const char* const end =
+      std::to_chars(digits, digits + sizeof(digits), value,
+                    isFixed ? std::chars_format::fixed : std::chars_format::scientific)
+          .ptr;
+  std::string text(digits, static_cast<std::size_t>(end - digits));
+  if (isFixed && text.find('.') == std::string::npos) text += ".0";
+  return text;
+}
+
+}  // namespace
 
 std::size_t plainLength(std::string_view text) {
   static constexpr auto kIsPlain = [] {
@@ -82,7 +104,7 @@ void JsonWriter::number(double value) {
   }
   KnownNumber& known = known_[oldest_];
   oldest_ = 1 - oldest_;
-  known = {value, nlohmann::json(value).dump()};
+  known = {value, textOf(value)};
   raw(known.text);
 }
 

@@ -26,8 +26,8 @@ void FileDigester::add(const void* data, std::size_t size) {
   const auto* bytes = static_cast<const char*>(data);
   while (size > 0) {
     const std::size_t count = std::min(size, kBlockBytes - state_->blockBytes);
-    XXH3_128bits_update(&state_->whole, bytes, count);
-    XXH3_64bits_update(&state_->block, bytes, count);
+    addToDigest(state_->whole, bytes, count);
+    addToDigest(state_->block, bytes, count);
     state_->blockBytes += count;
     digest_.size += count;
     bytes += count;
@@ -53,6 +53,16 @@ void describeFile(FileInfo& file, FileDigest digest) {
   file.size = digest.size;
   file.checksum = std::move(digest.checksum);
   file.blocks = std::move(digest.blocks);
+}
+
+parquet::ContentSummary summaryOf(const FileInfo& file) {
+  return {file.contentDigest, file.minimum, file.maximum};
+}
+
+void describeRows(FileInfo& file, parquet::ContentSummary summary) {
+  file.contentDigest = std::move(summary.digest);
+  file.minimum = summary.minimum;
+  file.maximum = summary.maximum;
 }
 
 std::string checksumOf(std::string_view text) {

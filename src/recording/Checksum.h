@@ -9,6 +9,7 @@
 
 #include "files/CheckedFile.h"
 #include "kyr/recording/RecordingInfo.h"
+#include "schema/ContentSummary.h"
 
 namespace kyr::recording {
 
@@ -25,6 +26,10 @@ struct FileDigest {
 
 /// Puts size and digests into what recording.json says of the file.
 void describeFile(FileInfo& file, FileDigest digest);
+
+/// What recording.json says of the file's rows.
+parquet::ContentSummary summaryOf(const FileInfo& file);
+void describeRows(FileInfo& file, parquet::ContentSummary summary);
 
 /// Takes the digests of a file's bytes, which are given in pieces of any size, in order.
 class FileDigester {

@@ -1,5 +1,6 @@
 #include "recording/CompleteRecording.h"
 
+#include <memory>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -29,8 +30,9 @@ void completeRecording(const Folder& folder, RecordingInfo info, bool syncsFiles
   const Folder storage = folder.folder(kStorageFolder);
   for (FileInfo& file : info.files) {
     if (file.pack) continue;
-    const auto stored = storage.open(std::to_string(file.storageId));
+    const std::shared_ptr<DiskFile> stored = storage.open(std::to_string(file.storageId));
     describeFile(file, digestOf(*stored));
+    describeRowsIn(stored, file);
     if (syncsFiles) stored->syncAll();
   }
   for (const PackInfo& pack : info.packs) storage.open(packName(pack.number))->syncAll();

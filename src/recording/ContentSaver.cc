@@ -52,9 +52,16 @@ void ContentSaver::save(FileInfo& file) {
   const auto content = store_ ? store_->find(file.storageId) : nullptr;
   const bool isMissing = content && !content->hasOwnFile();
   if (isMissing ? pack(file, *content) : packFile(file)) return;
-  if (isMissing && linkLent(file)) return;
+  if (!isMissing || !linkLent(file)) saveFile(file, isMissing ? content.get() : nullptr);
+  if (!file.contentDigest.empty()) return;
+  describeRowsIn(std::make_shared<const DiskFile>(storage_ / std::to_string(file.storageId),
+                                                  DiskFile::Mode::readOnly),
+                 file);
+}
+
+void ContentSaver::saveFile(FileInfo& file, Content* content) const {
   const std::string name = std::to_string(file.storageId);
-  if (isMissing) {
+  if (content != nullptr) {
     content->writeCopy(storage_ / name, /*sync=*/false);
     describeFile(file, digestFile(storage_ / name));
   } else {

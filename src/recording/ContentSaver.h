@@ -35,6 +35,8 @@ class ContentSaver {
   std::vector<PackInfo> finish();
 
  private:
+  // \param content  that has no file in the pool's directory; else null
+  void saveFile(FileInfo& file, parquet::Content* content) const;
   bool linkLent(FileInfo& file) const;
   bool pack(FileInfo& file, parquet::Content& content);
   bool packFile(FileInfo& file);

@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "files/ContentDigest.h"
+
 namespace kyr::recording {
 
 namespace fs = std::filesystem;
@@ -18,6 +20,13 @@ FileDigest digestOf(const ByteSource& file) {
     digester.add(piece.data(), piece.size());
   });
   return digester.finish();
+}
+
+void describeRowsIn(std::shared_ptr<const DiskFile> stored, FileInfo& file) {
+  if (!file.contentDigest.empty()) return;
+  parquet::ContentReader content(std::make_shared<parquet::InputFile>(std::move(stored)),
+                                 std::make_shared<parquet::RowGroupCache>());
+  if (makesSamples(content.schema())) describeRows(file, summaryOf(content));
 }
 
 FileDigest copyFile(const fs::path& from, const fs::path& to) {

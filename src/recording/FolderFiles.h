@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,10 @@ namespace kyr::recording {
 /// Size and checksums of a file.
 FileDigest digestFile(const std::filesystem::path& file);
 FileDigest digestOf(const ByteSource& file);
+
+/// Tells of the rows of a finished Parquet file what recording.json says, unless that is known
+/// already, or the columns make no samples.
+void describeRowsIn(std::shared_ptr<const DiskFile> stored, FileInfo& file);
 
 /// Copies \p from to the new file \p to. Size and checksums are those of the bytes that were
 /// copied.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "recording/Checksum.h"
 #include "recording/ContentChecks.h"
 
 namespace kyr::recording {
@@ -55,9 +56,10 @@ void LentFolder::offer(parquet::SharedStore& store, int storageId, const SignalI
   const FileInfo& file =
       files_->fileInfo(column == timeColumns_.end() ? storageId : column->second);
   if (!file.pack || packs_.insert(*file.pack).second) files_->requireFile(file);
-  store.offer(storageId, {file.rowCount, [lent = shared_from_this(), storageId] {
-                            return lent->open(storageId);
-                          }});
+  const bool isAsRecorded = column == timeColumns_.end() && splitFiles_.count(storageId) == 0;
+  store.offer(storageId,
+              {file.rowCount, isAsRecorded ? summaryOf(file) : parquet::ContentSummary(),
+               [lent = shared_from_this(), storageId] { return lent->open(storageId); }});
 }
 
 std::shared_ptr<parquet::ContentReader> LentFolder::open(int storageId) {

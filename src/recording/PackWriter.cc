@@ -197,6 +197,7 @@ void PackWriter::add(FileInfo& file, const parquet::SampleSchema& schema, std::s
     lastCodec_ = codec;
   }
   if (!*last_) *last_ = std::make_unique<Pack>(next_++, storage_, schema, width, codec, encodings_);
+  if (file.contentDigest.empty()) describeRows(file, parquet::summaryOf(schema, rows));
   (*last_)->add(file, rows);
   if ((*last_)->isFull()) {
     done_.push_back((*last_)->finish());

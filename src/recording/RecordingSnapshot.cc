@@ -11,6 +11,7 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetSignal.h"
 #include "kyr/parquet/StreamableSignal.h"
+#include "recording/Checksum.h"
 #include "recording/TimeSpans.h"
 #include "safe/Content.h"
 #include "schema/TypeNames.h"
@@ -63,15 +64,28 @@ void takeTypes(parquet::SignalPoolImpl& pool, SignalInfo& signal) {
   }
 }
 
+bool isKnown(const parquet::ContentSummary* summary) {
+  return summary != nullptr && !summary->digest.empty();
+}
+
+// \param times  the summary of a column "data" of times
+std::optional<TimeSpan> spanOf(const parquet::ContentSummary& times) {
+  if (!times.minimum || !times.maximum) return std::nullopt;
+  return TimeSpan{*times.minimum, *times.maximum};
+}
+
 // Smallest and largest of a column of times that has no file in the pool's directory.
-std::optional<TimeSpan> spanOf(parquet::Content& content, const std::string& column) {
+std::optional<TimeSpan> spanOf(parquet::Content& content, const std::string& column,
+                               const parquet::ContentSummary* summary) {
+  if (isKnown(summary)) return spanOf(*summary);
+  if (content.schema().schema->GetFieldIndex(column) < 0) return std::nullopt;
   constexpr std::uint64_t kPieceRows = 65536;
   std::optional<TimeSpan> span;
   for (std::uint64_t from = 0; from < content.rows(); from += kPieceRows) {
     const auto to = std::min(content.rows(), from + kPieceRows);
     for (const auto& table : content.read(from, to)) {
       const auto times = table->GetColumnByName(column);
-      if (!times || times->type()->id() != ::arrow::Type::DOUBLE) return {};
+      if (times->type()->id() != ::arrow::Type::DOUBLE) return {};
       for (const auto& chunk : times->chunks()) {
         const auto& values = static_cast<const ::arrow::DoubleArray&>(*chunk);
         for (std::int64_t i = 0; i < values.length(); ++i) noteTime(span, values.Value(i));
@@ -100,20 +114,26 @@ const InfoBuilder::FileFacts& InfoBuilder::factsOf(int signalId, int storageId, 
   const auto known = facts_.find(key);
   if (known != facts_.end()) return known->second;
   const auto content = store_ ? store_->find(storageId) : nullptr;
+  const parquet::ContentSummary* const summary = content ? content->summary() : nullptr;
   FileFacts facts;
   if (content && !content->hasOwnFile()) {
     facts.rowCount = content->rows();
     facts.compression = ::arrow::util::Codec::GetCodecAsString(content->codec());
-    facts.timeSpan =
-        spanOf(*content, isTime ? parquet::columnNames::data : parquet::columnNames::time);
+    facts.timeSpan = isTime ? spanOf(*content, parquet::columnNames::data, summary)
+                            : spanOf(*content, parquet::columnNames::time, nullptr);
   } else {
-    facts = factsOfFile(signalId, storageId, isTime);
+    facts = factsOfFile(signalId, storageId, isTime, summary);
   }
-  files_.emplace_hint(files_.end(), storageId, facts.rowCount);
+  FileInfo file;
+  file.storageId = storageId;
+  file.rowCount = facts.rowCount;
+  if (summary != nullptr) describeRows(file, *summary);
+  files_.emplace_hint(files_.end(), storageId, std::move(file));
   return facts_.emplace(key, std::move(facts)).first->second;
 }
 
-InfoBuilder::FileFacts InfoBuilder::factsOfFile(int signalId, int storageId, bool isTime) const {
+InfoBuilder::FileFacts InfoBuilder::factsOfFile(int signalId, int storageId, bool isTime,
+                                                const parquet::ContentSummary* summary) const {
   const fs::path path = directory_ / std::to_string(storageId);
   if (!fs::exists(path)) {
     throw std::runtime_error(
@@ -125,7 +145,11 @@ InfoBuilder::FileFacts InfoBuilder::factsOfFile(int signalId, int storageId, boo
   facts.rowCount = file->rows();
   facts.compression =
       ::arrow::util::Codec::GetCodecAsString(file->codec(parquet::columnNames::data));
-  if (file->hasColumn(timeColumn)) facts.timeSpan = spanOf(*file, timeColumn);
+  if (isTime && isKnown(summary)) {
+    facts.timeSpan = spanOf(*summary);
+  } else if (file->hasColumn(timeColumn)) {
+    facts.timeSpan = spanOf(*file, timeColumn);
+  }
   return facts;
 }
 
@@ -135,11 +159,7 @@ RecordingInfo InfoBuilder::take() {
   info.signals.reserve(signals_.size());
   for (auto& [id, signal] : signals_) info.signals.push_back(std::move(signal));
   info.files.reserve(files_.size());
-  for (const auto& [id, rows] : files_) {
-    FileInfo& file = info.files.emplace_back();
-    file.storageId = id;
-    file.rowCount = rows;
-  }
+  for (auto& [id, file] : files_) info.files.push_back(std::move(file));
   return info;
 }
 

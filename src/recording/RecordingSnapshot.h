@@ -28,7 +28,8 @@ class InfoBuilder {
   /// \throws std::runtime_error naming a file that is missing or no Parquet file
   void add(SignalInfo signal);
 
-  /// Sizes and checksums of the files, and the records, are left out.
+  /// Sizes and checksums of the files are left out, and so are digests of contents whose rows
+  /// nobody has looked at.
   RecordingInfo take();
 
  private:
@@ -39,13 +40,15 @@ class InfoBuilder {
   };
 
   const FileFacts& factsOf(int signalId, int storageId, bool isTime);
-  FileFacts factsOfFile(int signalId, int storageId, bool isTime) const;
+  // \param summary  of the rows; null if it is not known
+  FileFacts factsOfFile(int signalId, int storageId, bool isTime,
+                        const parquet::ContentSummary* summary) const;
 
   std::filesystem::path directory_;
   std::shared_ptr<parquet::SharedStore> store_;
   std::map<int, SignalInfo> signals_;
   std::unordered_map<std::int64_t, FileFacts> facts_;  // by storage id, and whether it is of times
-  std::map<int, std::uint64_t> files_;                 // rows by storage id
+  std::map<int, FileInfo> files_;                      // by storage id
 };
 
 /// What a recording of the pool says, without sizes and checksums of its files. Finishes all

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "files/ContentDigest.h"
 #include "files/ContentReader.h"
 #include "files/pack/PackSchema.h"
 #include "kyr/parquet/ColumnNames.h"
@@ -253,34 +254,37 @@ class Verifier {
   void readThrough(const SignalInfo& signal, Known& known, int storageId) {
     const auto& shape = signal.dimensions;
     using Shape = std::vector<std::uint64_t>;
+    const bool isFirst = known.read.empty();
     if (!known.read.insert(known.isShaped ? Shape(shape.begin(), shape.end()) : Shape()).second) {
       return;
     }
     const auto content = contents_.open(storageId);
-    for (std::size_t part = 0; part < content->parts(); ++part) {
-      const std::uint64_t end = content->partStart(part + 1);
-      for (std::uint64_t first = content->partStart(part); first < end;) {
-        const std::uint64_t count =
-            content->isFlat() ? std::min(end - first, kPieceRows) : end - first;
-        if (content->isFlat()) readNumbers(*content, parquet::columnNames::data, first, count);
-        if (content->hasTimes()) readNumbers(*content, parquet::columnNames::time, first, count);
-        if (!content->isFlat()) checkSamples(signal, *content, first, count);
-        first += count;
-      }
+    const FileInfo& file = contents_.fileInfo(storageId);
+    const bool isSummarized = isFirst && !file.contentDigest.empty();
+    parquet::ContentSummarizer summarizer(content->schema(), content->hasTimes());
+    forEachPiece(*content,
+                 [&](std::uint64_t first, const parquet::RowSlice& rows, const double* times) {
+                   const std::string wrong =
+                       content->isFlat() ? "" : sampleFault(signal, content->schema(), rows, first);
+                   if (!wrong.empty()) throw std::runtime_error(wrong);
+                   if (isSummarized) summarizer.add(rows, times);
+                 });
+    if (isSummarized) checkSummary(file, summarizer.summary());
+  }
+
+  void checkSummary(const FileInfo& file, const parquet::ContentSummary& found) {
+    if (found.digest != file.contentDigest) {
+      fault("{}: its rows have the digest {}, expected {}", label(file.storageId), found.digest,
+            file.contentDigest);
+    } else if (found.minimum != file.minimum || found.maximum != file.maximum) {
+      fault("{}: its values are {}, expected {}", label(file.storageId),
+            rangeText(found.minimum, found.maximum), rangeText(file.minimum, file.maximum));
     }
   }
 
-  void readNumbers(parquet::ContentReader& content, const std::string& column, std::uint64_t first,
-                   std::uint64_t count) {
-    numbers_.resize(static_cast<std::size_t>(count * sizeof(double)));
-    content.readNumbers(column, first, count, numbers_.data());
-  }
-
-  static void checkSamples(const SignalInfo& signal, parquet::ContentReader& content,
-                           std::uint64_t first, std::uint64_t count) {
-    const parquet::HeldRows rows = content.read(first, count);
-    const std::string wrong = sampleFault(signal, content.schema(), rows.rows, first);
-    if (!wrong.empty()) throw std::runtime_error(wrong);
+  static std::string rangeText(const std::optional<double>& from, const std::optional<double>& to) {
+    if (!from || !to) return "no numbers";
+    return fmt::format("{} to {}", *from, *to);
   }
 
   void checkNamed() {
@@ -302,8 +306,6 @@ class Verifier {
     }
   }
 
-  static constexpr std::uint64_t kPieceRows = 65'536;
-
   bool tellsFailures_;
   std::shared_ptr<const OpenFolder> folder_;
   std::shared_ptr<const RecordingInfo> info_;
@@ -311,7 +313,6 @@ class Verifier {
   std::map<int, std::map<int, Run>> runs_;  // by pack and storage id
   std::set<int> sound_;
   std::unordered_map<int, Known> known_;  // by storage id
-  std::vector<char> numbers_;             // memory for them
   std::vector<std::string> faults_;
 };
 

@@ -5,9 +5,11 @@
 
 namespace kyr::parquet {
 
-void BatchDigests::add(const RowSlice& batch) {
+std::optional<XXH128_hash_t> BatchDigests::add(const RowSlice& batch) {
   const std::uint64_t begin = rows();
   batches_.push_back({begin, begin + batch.rows, digestOf(batch)});
+  if (batch.ends) return std::nullopt;
+  return batches_.back().digest;
 }
 
 void BatchDigests::keepHead(const SampleSchema& schema, std::size_t width, const RowSlice& rows) {

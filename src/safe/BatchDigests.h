@@ -21,7 +21,8 @@ class BatchDigests {
   };
 
   /// Adds the batch that follows.
-  void add(const RowSlice& batch);
+  /// \return the digest of its elements, if it has no other values
+  std::optional<XXH128_hash_t> add(const RowSlice& batch);
   /// Keeps copies of the first few rows, if there are none yet: most contents that begin alike
   /// differ soon.
   /// \param rows  from row 0 on

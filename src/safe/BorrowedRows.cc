@@ -14,7 +14,7 @@
 namespace kyr::parquet {
 
 const SampleSchema& BorrowedRows::schema() {
-  if (!schema_) schema_ = content_.open()->schema();
+  if (!schema_) schema_.emplace(content_.open()->columns());
   return *schema_;
 }
 
@@ -71,8 +71,9 @@ std::unique_ptr<ContentRows> BorrowedRows::moveToOwnFile() {
       copyToNewFile(reader->file().bytes(), path, syncs);
     });
     name_.store().noteNewFile();
-    return std::make_unique<StoredRows>(
-        name_, std::move(file), StoredRows::Shape{schema(), width(), count()}, BatchDigests());
+    return std::make_unique<StoredRows>(name_, std::move(file),
+                                        StoredRows::Shape{schema(), width(), count()},
+                                        BatchDigests(), std::move(content_.summary));
   }
   constexpr std::uint64_t kPieceRows = 65'536;
   GrowingRows copy(name_, schema(), width(), askedCodec());

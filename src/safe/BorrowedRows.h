@@ -32,6 +32,7 @@ class BorrowedRows final : public ContentRows {
   bool readTimes(std::vector<double>& times) override;
   bool readElements(const ::arrow::DataType& type, std::vector<char>& elements) override;
   const BatchDigests* digests() const override { return &digests_; }
+  const ContentSummary* summary() const override { return &content_.summary; }
   std::unique_ptr<ContentRows> moveToOwnFile() override;
   bool copyFile(const std::filesystem::path& path, bool sync) override;
 

@@ -55,6 +55,8 @@ class Content : public std::enable_shared_from_this<Content> {
   GrowingRows* growing() { return growing_; }
   /// What is known of rows that are not in memory; null if nothing is.
   const BatchDigests* digests() const { return rows_->digests(); }
+  /// What is known of all rows; null if nothing is, or if more rows can follow.
+  const ContentSummary* summary() const { return rows_->summary(); }
 
   // Each as in ContentRows.
   std::optional<HeldRows> inMemory(std::uint64_t from, std::uint64_t to) {

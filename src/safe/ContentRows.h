@@ -16,6 +16,7 @@
 namespace kyr::parquet {
 
 class BatchDigests;
+struct ContentSummary;
 class GrowingRows;
 
 using Tables = std::vector<std::shared_ptr<::arrow::Table>>;
@@ -62,6 +63,8 @@ class ContentRows {
 
   /// What is known of rows that are not in memory; null if nothing is.
   virtual const BatchDigests* digests() const { return nullptr; }
+  /// What is known of all rows; null if nothing is, or if more rows can follow.
+  virtual const ContentSummary* summary() const { return nullptr; }
   /// The rows themselves, if they take more rows; else null.
   virtual GrowingRows* growing() { return nullptr; }
 

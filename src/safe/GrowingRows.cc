@@ -92,7 +92,9 @@ void GrowingRows::writeRows(std::size_t count) {
   if (!disk_) createFile();
   const std::size_t from = memory_.rows() - unwritten();
   disk_->file->appendBatch(*memory_.table(from, count));
-  digests_.add(memory_.slice(from, count));
+  const RowSlice batch = memory_.slice(from, count);
+  if (!summary_) summary_.emplace(schema());
+  summary_->add(batch, nullptr, digests_.add(batch));
   diskRows_ += count;
   store_.noteBatch(*this);
   spareDescriptor();
@@ -199,7 +201,7 @@ std::unique_ptr<ContentRows> GrowingRows::finish() {
   dropFront(memory_.rows(), 0);
   return std::make_unique<StoredRows>(name_, std::move(disk_->name),
                                       StoredRows::Shape{schema(), width_, count()},
-                                      std::move(digests_));
+                                      std::move(digests_), summary_->summary());
 }
 
 std::unique_ptr<ContentRows> GrowingRows::finishWith(const RowSlice& rows) {

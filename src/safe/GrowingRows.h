@@ -11,6 +11,7 @@
 #include "safe/BatchDigests.h"
 #include "safe/ContentName.h"
 #include "safe/ContentRows.h"
+#include "schema/ContentSummary.h"
 
 namespace kyr::parquet {
 
@@ -115,7 +116,8 @@ class GrowingRows final : public ContentRows {
   ContentName& name_;
   std::size_t width_;
   AskedCodec codec_;
-  BatchDigests digests_;          // of the rows on disk
+  BatchDigests digests_;  // this and the next are of the rows on disk
+  std::optional<ContentSummarizer> summary_;
   std::optional<OnDisk> disk_;    // from the first batch on
   std::uint64_t packedRows_ = 0;  // all before are in a pack or in the file
   int packNumber_ = -1;           // the pack that has the last of them

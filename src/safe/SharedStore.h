@@ -18,6 +18,7 @@
 #include "safe/FileLayouts.h"
 #include "safe/OpenFiles.h"
 #include "safe/RecentTimes.h"
+#include "schema/ContentSummary.h"
 
 namespace kyr::parquet {
 
@@ -29,6 +30,7 @@ class ContentReader;
 /// Rows of a saved recording that a pool reads where they lie, and never changes or deletes.
 struct BorrowedContent {
   std::uint64_t rows = 0;
+  ContentSummary summary;  ///< as far as the recording tells it
   /// Opens the content, or returns it again if it is still open.
   std::function<std::shared_ptr<ContentReader>()> open;
 };

@@ -38,12 +38,14 @@ void writeRows(ContentName& name, const std::filesystem::path& path, const RowSl
                  batches, sync);
 }
 
-StoredRows::StoredRows(ContentName& name, OwnedFile file, Shape shape, BatchDigests digests)
+StoredRows::StoredRows(ContentName& name, OwnedFile file, Shape shape, BatchDigests digests,
+                       ContentSummary summary)
     : name_(name),
       origin_(Origin::written),
       owned_(std::move(file)),
       shape_(std::move(shape)),
-      digests_(std::move(digests)) {}
+      digests_(std::move(digests)),
+      summary_(std::move(summary)) {}
 
 StoredRows::StoredRows(ContentName& name)
     : name_(name), origin_(Origin::found), owned_(name.store(), name.id()) {}
@@ -57,10 +59,19 @@ std::unique_ptr<StoredRows> StoredRows::write(ContentName& name, const RowSlice&
               store.options().sync != SafeStorage::Sync::never);
   });
   BatchDigests digests;
-  forEachBatch(store.options(), rows, [&](const RowSlice& batch) { digests.add(batch); });
+  ContentSummarizer summarizer(shape.schema);
+  forEachBatch(store.options(), rows, [&](const RowSlice& batch) {
+    const auto known = digests.add(batch);
+    if (digests.rows() == rows.rows) {
+      summarizer.addLast(batch, known);
+    } else {
+      summarizer.add(batch, nullptr, known);
+    }
+  });
   digests.keepHead(shape.schema, shape.width, rows);
   store.noteNewFile();
-  return std::make_unique<StoredRows>(name, std::move(file), std::move(shape), std::move(digests));
+  return std::make_unique<StoredRows>(name, std::move(file), std::move(shape), std::move(digests),
+                                      summarizer.summary());
 }
 
 std::shared_ptr<FinishedFile> StoredRows::file() {

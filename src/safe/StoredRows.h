@@ -11,6 +11,7 @@
 #include "safe/ContentName.h"
 #include "safe/ContentRows.h"
 #include "safe/OpenFiles.h"
+#include "schema/ContentSummary.h"
 
 namespace kyr::parquet {
 
@@ -36,7 +37,8 @@ class StoredRows final : public ContentRows {
   };
 
   /// Over a file that the pool has written.
-  StoredRows(ContentName& name, OwnedFile file, Shape shape, BatchDigests digests);
+  StoredRows(ContentName& name, OwnedFile file, Shape shape, BatchDigests digests,
+             ContentSummary summary);
   /// Over the file of the content's id, which was found in the pool's directory.
   explicit StoredRows(ContentName& name);
 
@@ -57,6 +59,9 @@ class StoredRows final : public ContentRows {
   bool readTimes(std::vector<double>& times) override;
   bool readElements(const ::arrow::DataType& type, std::vector<char>& elements) override;
   const BatchDigests* digests() const override { return &digests_; }
+  const ContentSummary* summary() const override {
+    return origin_ == Origin::written ? &summary_ : nullptr;
+  }
   bool hasOwnFile() const override { return true; }
   bool copyFile(const std::filesystem::path& path, bool sync) override;
 
@@ -77,6 +82,7 @@ class StoredRows final : public ContentRows {
   std::optional<Shape> shape_;      // none before somebody asks for it
   std::optional<FileState> state_;  // when the file was opened last
   BatchDigests digests_;
+  ContentSummary summary_;  // of rows that were written
   OpenFiles::Handle handle_;
 };
 

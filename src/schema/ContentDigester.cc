@@ -1,11 +1,10 @@
 #include "schema/ContentDigester.h"
 
 #include <arrow/api.h>
-#include <fmt/format.h>
 #include <xxhash.h>
 
 #include <algorithm>
-#include <string_view>
+#include <utility>
 
 #include "kyr/parquet/ColumnNames.h"
 #include "platform/Digest.h"
@@ -15,142 +14,128 @@ namespace kyr::parquet {
 namespace {
 
 // Lists of one type differ in the names of their items.
-std::string nameOf(const ::arrow::DataType& type) {
-  if (type.id() != ::arrow::Type::LIST) return type.ToString();
-  return fmt::format("list<{}>", type.field(0)->type()->ToString());
+void appendType(std::string& text, const ::arrow::DataType& type) {
+  if (type.id() == ::arrow::Type::LIST) {
+    text.append("list<").append(type.field(0)->type()->name()).append(">");
+  } else {
+    text.append(type.name());
+  }
 }
 
 }  // namespace
 
-// Values of a column: the digests of their blocks, one after the other.
-class ContentDigester::Stream {
- public:
-  // \param known  the digest of the values, if it is known
-  void addBlock(const void* values, std::size_t bytes,
-                const std::optional<XXH128_hash_t>& known = std::nullopt) {
-    push(known ? *known : digestOfBytes(values, bytes));
-  }
+void ContentDigester::Stream::addBlock(const void* values, std::size_t bytes,
+                                       const std::optional<XXH128_hash_t>& known) {
+  XXH128_canonical_t digest;
+  XXH128_canonicalFromHash(&digest, known ? *known : digestOfBytes(values, bytes));
+  blocks_.append(reinterpret_cast<const char*>(digest.digest), sizeof(digest.digest));
+}
 
-  void add(const void* values, std::size_t bytes) {
-    if (!state_) {
-      state_ = std::make_unique<XXH3_state_t>();
-      XXH3_128bits_reset(state_.get());
-    }
-    if (bytes > 0) XXH3_128bits_update(state_.get(), values, bytes);
-  }
-
-  void finishBlock() {
-    push(XXH3_128bits_digest(state_.get()));
+void ContentDigester::Stream::add(const void* values, std::size_t bytes) {
+  if (!state_) {
+    state_ = std::make_unique<XXH3_state_t>();
     XXH3_128bits_reset(state_.get());
   }
-
-  // \param isOpen  whether values were added since the last block
-  std::string digest(bool isOpen) const {
-    Stream all;
-    all.blocks_ = blocks_;
-    if (isOpen) all.push(XXH3_128bits_digest(state_.get()));
-    return digitsOf(digestOfBytes(all.blocks_.data(), all.blocks_.size()));
-  }
-
- private:
-  void push(const XXH128_hash_t& digest) {
-    XXH128_canonical_t bytes;
-    XXH128_canonicalFromHash(&bytes, digest);
-    blocks_.append(reinterpret_cast<const char*>(bytes.digest), sizeof(bytes.digest));
-  }
-
-  std::string blocks_;
-  std::unique_ptr<XXH3_state_t> state_;  // of a block that comes in pieces
-};
-
-struct ContentDigester::Column {
-  std::string name;  // and type
-  bool hasLengths = false;
-  Stream values;
-  Stream lengths;  // of lists and blobs
-};
-
-ContentDigester::~ContentDigester() = default;
-ContentDigester::ContentDigester(ContentDigester&&) noexcept = default;
-ContentDigester& ContentDigester::operator=(ContentDigester&&) noexcept = default;
-
-ContentDigester::ContentDigester(const SampleSchema& schema, bool hasTimes) {
-  const auto describe = [&](const std::string& name, const ::arrow::DataType& type) {
-    Column column;
-    column.name = fmt::format("{} {}", name, nameOf(type));
-    column.hasLengths = type.id() == ::arrow::Type::LIST || type.id() == ::arrow::Type::BINARY;
-    columns_.push_back(std::move(column));
-  };
-  columns_.reserve(3);
-  if (hasTimes) describe(columnNames::time, *::arrow::float64());
-  for (const int index : {schema.dataIndex, schema.dimensionIndex}) {
-    if (index < 0) continue;
-    const ::arrow::Field& field = *schema.schema->field(index);
-    describe(field.name(), *field.type());
-  }
-  if (hasTimes) times_ = &columns_.front();
-  if (schema.dataIndex >= 0) data_ = &columns_[hasTimes ? 1 : 0];
-  if (schema.dimensionIndex >= 0) dimensions_ = &columns_.back();
+  addToDigest(*state_, values, bytes);
 }
+
+void ContentDigester::Stream::finishBlock() {
+  addBlock(nullptr, 0, XXH3_128bits_digest(state_.get()));
+  XXH3_128bits_reset(state_.get());
+}
+
+std::string ContentDigester::Stream::digest(bool isOpen) const {
+  if (!isOpen) return digitsOf(digestOfBytes(blocks_.data(), blocks_.size()));
+  Stream all;
+  all.blocks_ = blocks_;
+  all.addBlock(nullptr, 0, XXH3_128bits_digest(state_.get()));
+  return all.digest(/*isOpen=*/false);
+}
+
+ContentDigester::ContentDigester(SampleSchema schema, bool hasTimes)
+    : schema_(std::move(schema)), hasTimes_(hasTimes) {}
 
 void ContentDigester::add(const RowSlice& rows, const double* times,
                           const std::optional<XXH128_hash_t>& known) {
-  if (rows.rows == kBlockRows && rows_ % kBlockRows == 0) return addPiece(rows, times, known);
+  if (rows.rows == kBlockRows && !isOpen_) return addPiece(rows, times, known, /*isBlock=*/true);
   for (std::size_t from = 0; from < rows.rows;) {
     const auto inBlock = static_cast<std::size_t>(rows_ % kBlockRows);
     const std::size_t count = std::min(rows.rows - from, kBlockRows - inBlock);
-    addPiece(subSlice(rows, from, count), times == nullptr ? nullptr : times + from, std::nullopt);
+    addPiece(subSlice(rows, from, count), times == nullptr ? nullptr : times + from, std::nullopt,
+             count == kBlockRows);
     from += count;
   }
 }
 
+void ContentDigester::addLast(const RowSlice& rows, const std::optional<XXH128_hash_t>& known) {
+  const std::size_t whole = rows.rows - rows.rows % kBlockRows;
+  if (isOpen_ || hasTimes_ || whole == rows.rows) return add(rows, nullptr, known);
+  if (whole > 0) add(subSlice(rows, 0, whole));
+  addPiece(whole > 0 ? subSlice(rows, whole, rows.rows - whole) : rows, nullptr,
+           whole > 0 ? std::nullopt : known, /*isBlock=*/true);
+}
+
+template <typename Visit>
+void ContentDigester::forEachStream(Visit&& visit) {
+  if (hasTimes_) visit(times_);
+  visit(elements_);
+  if (schema_.kind != ColumnKind::flat) visit(lengths_);
+  if (schema_.dimensionIndex < 0) return;
+  visit(extents_);
+  visit(extentCounts_);
+}
+
 void ContentDigester::addPiece(const RowSlice& rows, const double* times,
-                               const std::optional<XXH128_hash_t>& known) {
-  isBlock_ = rows.rows == kBlockRows;
-  const auto add = [&](Stream& stream, const void* values, std::size_t bytes) {
-    isBlock_ ? stream.addBlock(values, bytes) : stream.add(values, bytes);
+                               const std::optional<XXH128_hash_t>& known, bool isBlock) {
+  const auto add = [isBlock](Stream& stream, const void* values, std::size_t bytes) {
+    isBlock ? stream.addBlock(values, bytes) : stream.add(values, bytes);
   };
-  if (times_ != nullptr) add(times_->values, times, rows.rows * sizeof(double));
-  if (data_ != nullptr) {
-    if (isBlock_) {
-      data_->values.addBlock(rows.elements, rows.bytes, known);
-    } else {
-      data_->values.add(rows.elements, rows.bytes);
-    }
-    if (data_->hasLengths) addLengths(data_->lengths, rows.ends, rows.begin, rows.rows);
+  if (hasTimes_) add(times_, times, rows.rows * sizeof(double));
+  if (isBlock) {
+    elements_.addBlock(rows.elements, rows.bytes, known);
+  } else {
+    elements_.add(rows.elements, rows.bytes);
   }
-  if (dimensions_ != nullptr) {
+  if (schema_.kind != ColumnKind::flat) {
+    addLengths(lengths_, rows.ends, rows.begin, rows.rows, isBlock);
+  }
+  if (schema_.dimensionIndex >= 0) {
     const std::uint64_t extents = rows.extentEnds[rows.rows - 1] - rows.extentBegin;
-    add(dimensions_->values, rows.extents, extents * sizeof(std::uint64_t));
-    addLengths(dimensions_->lengths, rows.extentEnds, rows.extentBegin, rows.rows);
+    add(extents_, rows.extents, extents * sizeof(std::uint64_t));
+    addLengths(extentCounts_, rows.extentEnds, rows.extentBegin, rows.rows, isBlock);
   }
   rows_ += rows.rows;
-  if (isBlock_ || rows_ % kBlockRows != 0) return;
-  for (Column& column : columns_) {
-    column.values.finishBlock();
-    if (column.hasLengths) column.lengths.finishBlock();
-  }
+  isOpen_ = !isBlock;
+  if (isBlock || rows_ % kBlockRows != 0) return;
+  forEachStream([](Stream& stream) { stream.finishBlock(); });
+  isOpen_ = false;
 }
 
 void ContentDigester::addLengths(Stream& stream, const std::uint64_t* ends, std::uint64_t begin,
-                                 std::size_t count) {
-  lengths_.resize(count);
+                                 std::size_t count, bool isBlock) {
+  counts_.resize(count);
   for (std::size_t i = 0; i < count; ++i) {
-    lengths_[i] = ends[i] - begin;
+    counts_[i] = ends[i] - begin;
     begin = ends[i];
   }
   const std::size_t bytes = count * sizeof(std::uint64_t);
-  isBlock_ ? stream.addBlock(lengths_.data(), bytes) : stream.add(lengths_.data(), bytes);
+  isBlock ? stream.addBlock(counts_.data(), bytes) : stream.add(counts_.data(), bytes);
 }
 
 std::string ContentDigester::digest() const {
-  const bool isOpen = rows_ % kBlockRows != 0;
-  std::string text = fmt::format("rows {}\n", rows_);
-  for (const Column& column : columns_) {
-    text += fmt::format("{} {}", column.name, column.values.digest(isOpen));
-    if (column.hasLengths) text += ' ' + column.lengths.digest(isOpen);
-    text += '\n';
+  std::string text;
+  text.reserve(256);
+  text.append("rows ").append(std::to_string(rows_));
+  if (hasTimes_) text.append("\ntime double ").append(times_.digest(isOpen_));
+  text.append("\n").append(columnNames::data).append(" ");
+  appendType(text, *schema_.schema->field(schema_.dataIndex)->type());
+  text.append(" ").append(elements_.digest(isOpen_));
+  if (schema_.kind != ColumnKind::flat) text.append(" ").append(lengths_.digest(isOpen_));
+  if (schema_.dimensionIndex >= 0) {
+    text.append("\n").append(columnNames::dimension).append(" list<uint64> ");
+    text.append(extents_.digest(isOpen_)).append(" ").append(extentCounts_.digest(isOpen_));
   }
+  text.append("\n");
   return digitsOf(digestOfBytes(text.data(), text.size()));
 }
 

@@ -25,38 +25,58 @@ class ContentDigester {
 
   /// \param schema  of the columns "data" and "dimension"
   /// \param hasTimes  whether there is a column "time" before them
-  explicit ContentDigester(const SampleSchema& schema, bool hasTimes = false);
-  ~ContentDigester();
-  ContentDigester(ContentDigester&&) noexcept;
-  ContentDigester& operator=(ContentDigester&&) noexcept;
+  explicit ContentDigester(SampleSchema schema, bool hasTimes = false);
 
   /// Adds the rows that follow.
   /// \param times  of the rows, if there is a column of them
   /// \param known  the digest of the rows' elements, if the caller has it
   void add(const RowSlice& rows, const double* times = nullptr,
            const std::optional<XXH128_hash_t>& known = std::nullopt);
+  /// Adds the rows that follow, behind which there are no more. That is faster than add().
+  void addLast(const RowSlice& rows, const std::optional<XXH128_hash_t>& known = std::nullopt);
 
   std::uint64_t rows() const { return rows_; }
-  /// The digest of the rows that were added, as 32 lower-case hexadecimal digits. More may follow.
+  /// The digest of the rows that were added, as 32 lower-case hexadecimal digits.
   std::string digest() const;
 
  private:
-  class Stream;
-  struct Column;
+  // Values of a column: the digests of their blocks, one after the other.
+  class Stream {
+   public:
+    /// \param known  the digest of the values, if it is known
+    void addBlock(const void* values, std::size_t bytes,
+                  const std::optional<XXH128_hash_t>& known = std::nullopt);
+    /// Adds a part of a block.
+    void add(const void* values, std::size_t bytes);
+    void finishBlock();
+    /// \param isOpen  whether there are parts of a block that is not finished
+    std::string digest(bool isOpen) const;
 
+   private:
+    std::string blocks_;
+    std::unique_ptr<XXH3_state_t> state_;  // of a block that comes in parts
+  };
+
+  // Adds rows of one block.
+  // \param isBlock  whether they are all of the block
   void addPiece(const RowSlice& rows, const double* times,
-                const std::optional<XXH128_hash_t>& known);
+                const std::optional<XXH128_hash_t>& known, bool isBlock);
   // Adds the lengths of rows that end there.
-  void addLengths(Stream& stream, const std::uint64_t* ends, std::uint64_t begin,
-                  std::size_t count);
+  void addLengths(Stream& stream, const std::uint64_t* ends, std::uint64_t begin, std::size_t count,
+                  bool isBlock);
+  template <typename Visit>
+  void forEachStream(Visit&& visit);
 
-  std::vector<Column> columns_;
-  Column* times_ = nullptr;  // this and the next two are among the columns
-  Column* data_ = nullptr;
-  Column* dimensions_ = nullptr;
+  SampleSchema schema_;
+  bool hasTimes_;
+  Stream times_;
+  Stream elements_;
+  Stream lengths_;  // of lists and blobs
+  Stream extents_;  // this and the next are of the column "dimension"
+  Stream extentCounts_;
   std::uint64_t rows_ = 0;
-  bool isBlock_ = false;                // whether the rows that are being added are a whole block
-  std::vector<std::uint64_t> lengths_;  // memory for them
+  bool isOpen_ = false;                // whether rows of a block were added that is not finished
+  std::vector<std::uint64_t> counts_;  // memory for lengths
 };
 
 }  // namespace kyr::parquet

@@ -54,7 +54,7 @@ class BorrowedFiles : public test::RecordingTest {
           std::make_shared<ContentReader>(std::make_shared<InputFile>(std::make_shared<DiskFile>(
                                               others.file(id), DiskFile::Mode::readOnly)),
                                           std::make_shared<RowGroupCache>());
-      impl.sharedStore()->offer(id, {reader->rows(), [reader] { return reader; }});
+      impl.sharedStore()->offer(id, {reader->rows(), {}, [reader] { return reader; }});
     }
     impl.adopt({signalId, 4, 9});
     impl.sharedStore()->dropOffers();

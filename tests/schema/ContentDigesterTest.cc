@@ -74,6 +74,13 @@ TEST(ContentDigester, TheDigestDoesNotDependOnHowTheRowsComeInPieces) {
         for (std::size_t cut = kBlock; cut < count; cut += kBlock) blocks.insert(cut);
         EXPECT_EQ(digestOf(rows, some, time), expected) << schema.schema->ToString() << count;
         EXPECT_EQ(digestOf(rows, blocks, time), expected) << schema.schema->ToString() << count;
+        if (time != nullptr) continue;
+        for (const std::size_t first : {std::size_t{0}, count / 2}) {
+          ContentDigester digester(schema);
+          digester.add(rows.slice(0, first));
+          digester.addLast(rows.slice(first));
+          EXPECT_EQ(digester.digest(), expected) << schema.schema->ToString() << count;
+        }
       }
     }
   }

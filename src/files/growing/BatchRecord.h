@@ -10,6 +10,7 @@
 
 #include "files/ParquetTail.h"
 #include "platform/ByteSource.h"
+#include "platform/Digest.h"
 
 /// The records of a growing file; GrowingFile.h describes the layout.
 namespace kyr::parquet {
@@ -39,7 +40,7 @@ constexpr std::size_t kFooterHeaderBytes = 80;
 class RecordHash {
  public:
   RecordHash() { XXH3_128bits_reset(&state_); }
-  void add(std::string_view bytes) { XXH3_128bits_update(&state_, bytes.data(), bytes.size()); }
+  void add(std::string_view bytes) { addToDigest(state_, bytes.data(), bytes.size()); }
   /// Most significant byte first, as the digits of a checksum are written.
   std::string digest() const;
 
