@@ -19,21 +19,10 @@ using parquet::Content;
 
 namespace {
 
-// \return whether a regular file has a second name now
-bool linkFile(const fs::path& from, const fs::path& to) {
-  std::error_code error;
-  if (!fs::is_regular_file(fs::symlink_status(from, error))) return false;
-  fs::create_hard_link(from, to, error);
-  return !error;
-}
-
 // A finished file of a pool never changes any more: the recording can share it. Whoever writes to a
 // name that other names share the file of gives it a file of its own first (platform/FileLinks.h).
 FileDigest linkOrCopy(const fs::path& from, const fs::path& to) {
-  linkFile(from, to);
-  // Other file systems, or the limits of this one.
-  if (!fs::exists(to)) return copyFile(from, to);
-  return digestFile(to);
+  return shareFile(from, to) == Sharing::none ? copyFile(from, to) : digestFile(to);
 }
 
 }  // namespace
@@ -76,7 +65,8 @@ bool ContentSaver::linkLent(FileInfo& file) const {
   if (listed == nullptr || listed->rowCount != file.rowCount) return false;
   const std::string name = std::to_string(file.storageId);
   const fs::path to = storage_ / name;
-  if (!linkFile(lent_->path() / kStorageFolder / name, to)) return false;
+  const fs::path from = lent_->path() / kStorageFolder / name;
+  if (shareFile(from, to) == Sharing::none) return false;
   FileDigest digest = digestFile(to);
   if (digest.checksum != listed->checksum) {
     fs::remove(to);

@@ -1,5 +1,8 @@
 #include "recording/FolderFiles.h"
 
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -39,6 +42,19 @@ FileDigest copyFile(const fs::path& from, const fs::path& to) {
   });
   out.close();
   return digester.finish();
+}
+
+Sharing shareFile(const fs::path& from, const fs::path& to) {
+  std::error_code error;
+  if (!fs::is_regular_file(fs::symlink_status(from, error))) return Sharing::none;
+  fs::create_hard_link(from, to, error);
+  if (!error) return Sharing::linked;
+  // The limit of links, or another volume of the same file system.
+  const DiskFile in(from, DiskFile::Mode::readOnly);
+  const DiskFile out(to, DiskFile::Mode::createNew);
+  if (::ioctl(out.descriptor(), FICLONE, in.descriptor()) == 0) return Sharing::cloned;
+  fs::remove(to);
+  return Sharing::none;
 }
 
 void replaceTextFile(const Folder& folder, const std::string& name, const std::string& text,

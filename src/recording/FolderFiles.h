@@ -25,6 +25,17 @@ void describeRowsIn(std::shared_ptr<const DiskFile> stored, FileInfo& file);
 /// copied.
 FileDigest copyFile(const std::filesystem::path& from, const std::filesystem::path& to);
 
+/// How a file came to be at a second place without a copy of its bytes.
+enum class Sharing {
+  none,    ///< it did not
+  linked,  ///< the file has two names
+  cloned   ///< there are two files, which share blocks of the disk
+};
+
+/// Lets \p to be the regular file \p from, as far as the file system can. A symbolic link is no
+/// regular file.
+Sharing shareFile(const std::filesystem::path& from, const std::filesystem::path& to);
+
 /// Puts \p text in the place of a file of the folder in one step. It is on disk when the call
 /// returns if \p syncs.
 void replaceTextFile(const Folder& folder, const std::string& name, const std::string& text,

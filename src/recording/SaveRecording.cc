@@ -11,10 +11,10 @@
 #include "recording/FolderFiles.h"
 #include "recording/LentFolder.h"
 #include "recording/LockedFolder.h"
+#include "recording/PublishRecording.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingSnapshot.h"
-#include "recording/ReplaceFolder.h"
 #include "signals/SignalPoolImpl.h"
 
 namespace kyr::recording {
@@ -67,20 +67,6 @@ void linkForeign(const fs::path& folder, const fs::path& fresh) {
   });
 }
 
-void disposeOf(const fs::path& old, const fs::path& folder) {
-  std::error_code ignored;
-  forEachForeign(old, [&](const fs::path& name) {
-    if (fs::exists(fs::symlink_status(folder / name, ignored))) {
-      fs::remove_all(old / name, ignored);
-    } else {
-      fs::rename(old / name, folder / name, ignored);
-    }
-  });
-  fs::remove_all(old / kStorageFolder, ignored);
-  fs::remove(old / kDescriptionFile, ignored);
-  fs::remove(old, ignored);
-}
-
 // Called when all is written, so that the disk can write the files together.
 void syncAll(const fs::path& folder, const RecordingInfo& info) {
   for (const FileInfo& file : info.files) {
@@ -114,6 +100,32 @@ void keepUnsaved(parquet::SharedStore& store, const RecordingInfo& info) {
 
 }  // namespace
 
+fs::path publishRecording(LockedFolder& fresh, RecordingInfo info, const fs::path& target,
+                          const ReplaceOptions& options) {
+  info.formatVersion = info.packs.empty() ? 1 : kFormatVersion;
+  writeNewFile(descriptionPath(fresh.path()), writeRecordingJson(info));
+  if (fs::exists(target)) {
+    linkForeign(target, fresh.path());
+    fs::permissions(fresh.path(), fs::status(target).permissions());
+  }
+  if (options.sync) syncAll(fresh.path(), info);
+  return replaceFolder(fresh, target, options);
+}
+
+void disposeOf(const fs::path& old, const fs::path& folder) {
+  std::error_code ignored;
+  forEachForeign(old, [&](const fs::path& name) {
+    if (fs::exists(fs::symlink_status(folder / name, ignored))) {
+      fs::remove_all(old / name, ignored);
+    } else {
+      fs::rename(old / name, folder / name, ignored);
+    }
+  });
+  fs::remove_all(old / kStorageFolder, ignored);
+  fs::remove(old / kDescriptionFile, ignored);
+  fs::remove(old, ignored);
+}
+
 void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescription>& descriptions,
                    const Path& folder) {
   saveRecording(pool, descriptions, folder, SaveOptions());
@@ -138,16 +150,8 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
   if (lent && !lent->isAt(target)) lent = nullptr;
   if (lent) keepUnsaved(*parquet::PoolAccess::of(pool).sharedStore(), info);
   info.packs = saver.finish();
-  info.formatVersion = info.packs.empty() ? 1 : kFormatVersion;
-  writeNewFile(descriptionPath(fresh.path()), writeRecordingJson(info));
-
-  if (fs::exists(target)) {
-    linkForeign(target, fresh.path());
-    fs::permissions(fresh.path(), fs::status(target).permissions());
-  }
-
-  if (options.sync) syncAll(fresh.path(), info);
-  const fs::path old = replaceFolder(fresh, target, {options.replaces, options.sync});
+  const fs::path old =
+      publishRecording(fresh, std::move(info), target, {options.replaces, options.sync});
   if (lent) lent->follow();
   if (!old.empty()) disposeOf(old, target);
 }

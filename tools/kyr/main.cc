@@ -43,6 +43,7 @@ void addCommands(CLI::App& app, Action& action) {
   addMergeCommand(app, action);
   addAppendCommand(app, action);
   addRepackCommand(app, action);
+  addDedupCommand(app, action);
   addSqlCommand(app, action);
   addVerifyCommand(app, action);
   addGcCommand(app, action);

@@ -29,6 +29,7 @@ void addRepackCommand(CLI::App& app, Action& action);
 void addExportCommand(CLI::App& app, Action& action);
 void addViewCommand(CLI::App& app, Action& action);
 void addPlotCommand(CLI::App& app, Action& action);
+void addDedupCommand(CLI::App& app, Action& action);
 void addSqlCommand(CLI::App& app, Action& action);
 void addVerifyCommand(CLI::App& app, Action& action);
 void addGcCommand(CLI::App& app, Action& action);

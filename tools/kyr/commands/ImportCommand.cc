@@ -11,6 +11,7 @@
 #include "cli/CommandLine.h"
 #include "cli/Errors.h"
 #include "cli/GivenAttributes.h"
+#include "cli/LikeOption.h"
 #include "cli/Losses.h"
 #include "cli/Output.h"
 #include "cli/ProgressBar.h"
@@ -45,11 +46,14 @@ std::size_t packBelowFor(const ImportOptions& options, std::size_t columns) {
 }
 
 int runImport(const ImportOptions& options) {
+  LikeOption like(options.like, options.folder);
   importCsv(options);
+  // The files of the import have gone, so that nobody else has those that are shared now.
+  const std::string shared = like.share();
   if (options.isQuiet) return 0;
   const RecordingSummary summary(recording::describeRecording(Path::fromNarrow(options.folder)));
   Output out;
-  out.print("{}: {}\n", options.folder, summary.text());
+  out.print("{}: {}\n{}", options.folder, summary.text(), shared);
   out.flush();
   return 0;
 }
@@ -133,6 +137,7 @@ void addImportOptions(CLI::App& command, ImportOptions& options) {
                 "quicker and smaller for many small signals, and done unasked for more than 300")
       ->type_name("[=BYTES]");
   command.add_flag("--no-pack", options.hasNoPacks, "Give each signal a file of its own");
+  addLikeOption(command, options.like);
   addAttributeOption(command, options.attributes);
   addSetOption(command, options.settings);
   command.add_flag("--strict", options.isStrict,
@@ -167,6 +172,7 @@ Examples:
   kyr import run.csv run --time "Time (s)" --type gear=int8
   kyr import run.csv run --compression zstd --force --attribute "model=pump 7"
   kyr import - run --no-pack < run.csv
+  kyr import run.csv run2 --like run42
   kyr import run.csv run --stream --batch 16384 --set Dictionary=false)help");
   setAction(*command, action, options, runImport);
 }

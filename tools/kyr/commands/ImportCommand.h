@@ -18,6 +18,7 @@ struct ImportOptions {
   StreamOptions stream;
   std::size_t packBelow = 0;  ///< see recording::SaveOptions; 0 if it is not given
   bool hasNoPacks = false;
+  std::string like;                     ///< the recording whose files are to be shared, if any
   std::vector<std::string> attributes;  ///< "NAME=VALUE"
   bool isQuiet = false;                 ///< whether only warnings are told
   bool isStrict = false;                ///< whether a loss is an error

@@ -18,6 +18,7 @@
 #include "cli/Files.h"
 #include "cli/GivenAttributes.h"
 #include "cli/Interrupt.h"
+#include "cli/LikeOption.h"
 #include "cli/Output.h"
 #include "cli/RecordingFolder.h"
 #include "cli/Settings.h"
@@ -53,6 +54,7 @@ struct RecordOptions {
   bool skipsBad = false;
   bool isStrict = false;
   bool isQuiet = false;
+  std::string like;
   std::vector<std::string> attributes;
   bool acknowledges = false;
   bool replaces = false;
@@ -259,6 +261,7 @@ int runRecord(const RecordOptions& options) {
   if (!layout.isHeaderEnded) {
     warnOfUnendedLine(stream.name(), stream.line(), "so a name may be cut off");
   }
+  LikeOption like(options.like, options.folder);
   std::optional<ReplacedRecording> replaced;
   if (options.replaces) replaced.emplace(options.folder);
   recording::LiveRecording live(Path::fromNarrow(options.folder),
@@ -281,9 +284,11 @@ int runRecord(const RecordOptions& options) {
                     rows, options.folder));
   }
   if (replaced) replaced->remove();
+  const std::string shared = like.share();
   if (!options.acknowledges && !options.isQuiet) {
     const RecordingSummary summary(recording::describeRecording(Path::fromNarrow(options.folder)));
-    const std::string line = fmt::format("{}: {} of {}\n", options.folder, rows, summary.text());
+    const std::string line =
+        fmt::format("{}: {} of {}\n{}", options.folder, rows, summary.text(), shared);
     // Output would take the signal that ended the recording as a wish to stop the output, too.
     std::fputs(line.c_str(), stdout);
     std::fflush(stdout);
@@ -323,6 +328,7 @@ void addRecordOptions(CLI::App& command, RecordOptions& options) {
                        "stopping there");
   command.add_flag("--strict", options.isStrict, "Stop at a number that would be rounded")
       ->excludes(skipsBad);
+  addLikeOption(command, options.like);
   addAttributeOption(command, options.attributes);
   addCompressionOption(command, options.settings);
   addSetOption(command, options.settings);

@@ -1,0 +1,288 @@
+#include "kyr/recording/Deduplication.h"
+
+#include <arrow/util/compression.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "files/ContentDigest.h"
+#include "kyr/recording/DamagedError.h"
+#include "kyr/recording/Recording.h"
+#include "recording/ContentFiles.h"
+#include "recording/DeduplicationPlan.h"
+#include "recording/FolderFiles.h"
+#include "recording/OpenFolder.h"
+#include "recording/PackWriter.h"
+#include "recording/PublishRecording.h"
+#include "recording/RecordingFolder.h"
+
+namespace kyr::recording {
+
+namespace fs = std::filesystem;
+using parquet::ContentReader;
+
+namespace {
+
+// Whether the file has no other name.
+bool isAlone(const fs::path& file) { return fs::hard_link_count(file) == 1; }
+
+bool haveEqualRows(ContentReader& a, ContentReader& b) {
+  if (a.rows() != b.rows() || !a.columns()->Equals(*b.columns(), /*check_metadata=*/false)) {
+    return false;
+  }
+  bool areEqual = true;
+  std::vector<char> numbers;
+  const auto areNumbers = [&](const std::string& column, std::uint64_t first, std::size_t rows,
+                              const void* expected, std::size_t bytes) {
+    numbers.resize(bytes);
+    b.readNumbers(column, first, rows, numbers.data());
+    return bytes == 0 || std::memcmp(numbers.data(), expected, bytes) == 0;
+  };
+  parquet::forEachPiece(
+      a, [&](std::uint64_t first, const parquet::RowSlice& rows, const double* times) {
+        if (!areEqual) return;
+        areEqual = a.isFlat() ? areNumbers(parquet::columnNames::data, first, rows.rows,
+                                           rows.elements, rows.bytes)
+                              : parquet::areEqual(b.read(first, rows.rows).rows, rows);
+        if (times) {
+          areEqual = areEqual && areNumbers(parquet::columnNames::time, first, rows.rows, times,
+                                            rows.rows * sizeof(double));
+        }
+      });
+  return areEqual;
+}
+
+}  // namespace
+
+/// Makes the recording that shares files beside the one that does not yet.
+class SharedRecording {
+ public:
+  SharedRecording(std::shared_ptr<const OpenFolder> folder,
+                  std::shared_ptr<const RecordingInfo> info, const DeduplicationPlan& plan)
+      : target_(folder->path()),
+        old_(std::move(info)),
+        plan_(plan),
+        folder_(std::move(folder)),
+        contents_(folder_, /*checks=*/true, /*maxOpenFiles=*/8),
+        fresh_(target_.string() + kSavingInfix) {
+    contents_.describe(old_, /*isLive=*/false);
+    fs::create_directory(fresh_.path() / kStorageFolder);
+    info_.attributes = old_->attributes;
+    info_.signals = old_->signals;
+    makePacks();
+    linkFiles();
+    std::sort(info_.files.begin(), info_.files.end(),
+              [](const FileInfo& a, const FileInfo& b) { return a.storageId < b.storageId; });
+    describeSignals();
+    compare();
+  }
+
+  const RecordingInfo& info() const { return info_; }
+
+  /// Bytes that are free once the old recording has gone, less those that are written.
+  std::int64_t savedBytes() const {
+    // Files that stay have two names now.
+    std::int64_t bytes = -writtenBytes_;
+    for (const FileInfo& file : old_->files) {
+      const fs::path path = storagePath(target_, file.storageId);
+      if (!file.pack && isAlone(path)) bytes += static_cast<std::int64_t>(file.size);
+    }
+    for (const PackInfo& pack : old_->packs) {
+      if (isAlone(packPath(target_, pack.number))) bytes += static_cast<std::int64_t>(pack.size);
+    }
+    return bytes;
+  }
+
+  /// Takes the place of the old recording.
+  void publish() {
+    if (folder_->isReplaced()) {
+      throw std::runtime_error(target_.string() + ": was replaced meanwhile, and is left as it is");
+    }
+    const fs::path old = publishRecording(fresh_, info_, target_, ReplaceOptions());
+    if (!old.empty()) disposeOf(old, target_);
+  }
+
+ private:
+  // New packs come first: their numbers begin at 0.
+  void makePacks() {
+    PackWriter packs(fresh_.path() / kStorageFolder, SaveOptions().encodings);
+    for (const DeduplicationPlan::Content& content : plan_.contents()) {
+      if (!content.isRepacked || !given_.insert(content.id).second) continue;
+      const auto reader = contents_.open(content.old->storageId);
+      const parquet::HeldRows held = reader->read(0, reader->rows());
+      FileInfo file = *content.old;
+      file.storageId = content.id;
+      packs.add(file, reader->schema(), reader->width(), reader->codec(), held.rows);
+      info_.files.push_back(std::move(file));
+      changed_.push_back(&content);
+    }
+    info_.packs = packs.finish();
+    for (const PackInfo& pack : info_.packs) {
+      writtenBytes_ += static_cast<std::int64_t>(pack.size);
+    }
+  }
+
+  void linkFiles() {
+    for (const DeduplicationPlan::Content& content : plan_.contents()) {
+      if (content.isRepacked) continue;
+      const bool isShared = content.place != nullptr;
+      if (isShared) changed_.push_back(&content);
+      if (!given_.insert(content.id).second) continue;
+      FileInfo file = isShared ? *content.place->file : *content.old;
+      const fs::path& from = isShared ? content.place->run->folder : target_;
+      if (file.pack) {
+        const auto& packs = isShared ? content.place->run->packs : old_->packs;
+        file.pack = linkPack(from, *file.pack, packs);
+      } else {
+        link(storagePath(from, file.storageId), storagePath(fresh_.path(), content.id), file);
+      }
+      file.storageId = content.id;
+      info_.files.push_back(std::move(file));
+    }
+  }
+
+  // \return the pack's new number
+  int linkPack(const fs::path& folder, int number, const std::vector<PackInfo>& packs) {
+    const auto [known, isNew] =
+        linked_.try_emplace({folder, number}, static_cast<int>(info_.packs.size()));
+    if (!isNew) return known->second;
+    PackInfo pack = *std::find_if(packs.begin(), packs.end(),
+                                  [&](const PackInfo& each) { return each.number == number; });
+    pack.number = known->second;
+    link(packPath(folder, number), packPath(fresh_.path(), pack.number), pack);
+    info_.packs.push_back(std::move(pack));
+    return known->second;
+  }
+
+  // Puts a file into the new recording. It stays what its recording says.
+  template <typename Info>
+  static void link(const fs::path& from, const fs::path& to, const Info& info) {
+    if (shareFile(from, to) == Sharing::none) {
+      throw std::runtime_error(from.string() + ": the file system does not let files be shared");
+    }
+    if (digestFile(to).checksum != info.checksum) {
+      throw DamagedError(from.string() + ": its checksum is wrong");
+    }
+  }
+
+  void describeSignals() {
+    for (SignalInfo& signal : info_.signals) {
+      if (signal.timeStorageId) signal.timeStorageId = plan_.idOf(*signal.timeStorageId);
+      if (signal.dataStorageId) signal.dataStorageId = plan_.idOf(*signal.dataStorageId);
+    }
+  }
+
+  // A digest tells which contents may be equal, and this tells that they are.
+  void compare() {
+    ContentFiles fresh(std::make_shared<const OpenFolder>(fresh_.path()), /*checks=*/false,
+                       /*maxOpenFiles=*/8);
+    fresh.describe(std::make_shared<const RecordingInfo>(info_), /*isLive=*/false);
+    std::map<int, std::string> codecs;
+    for (const DeduplicationPlan::Content* content : changed_) {
+      const auto before = contents_.open(content->old->storageId);
+      const auto after = fresh.open(content->id);
+      if (!haveEqualRows(*before, *after)) {
+        throw std::runtime_error(fmt::format(
+            "{}: storage id {} has the digest of other rows, which are in {}", target_.string(),
+            content->old->storageId,
+            content->place ? content->place->path().string() : std::string("a new pack")));
+      }
+      codecs[content->id] = ::arrow::util::Codec::GetCodecAsString(after->codec());
+    }
+    for (SignalInfo& signal : info_.signals) {
+      const auto codec = signal.dataStorageId ? codecs.find(*signal.dataStorageId) : codecs.end();
+      if (codec != codecs.end()) signal.compression = codec->second;
+    }
+  }
+
+  fs::path target_;
+  std::shared_ptr<const RecordingInfo> old_;
+  const DeduplicationPlan& plan_;
+  std::shared_ptr<const OpenFolder> folder_;
+  ContentFiles contents_;  // of the old recording
+  LockedFolder fresh_;
+  RecordingInfo info_;
+  std::int64_t writtenBytes_ = 0;
+  std::set<int> given_;                             // ids that have their rows
+  std::map<std::pair<fs::path, int>, int> linked_;  // new numbers of packs
+  std::vector<const DeduplicationPlan::Content*> changed_;
+};
+
+class Deduplicator::Impl {
+ public:
+  void add(const Path& folder) {
+    const fs::path path = canonicalFolder(folder.toFilesystem());
+    index_.add(path, describeRecording(OpenFolder(path)));
+  }
+
+  DeduplicationReport deduplicate(const Path& folder) {
+    const fs::path path = canonicalFolder(folder.toFilesystem());
+    const auto open = std::make_shared<const OpenFolder>(path);
+    const auto info = std::make_shared<const RecordingInfo>(describeRecording(*open));
+    DeduplicationReport report;
+    report.contents = info->files.size();
+    const bool hasDigests =
+        std::all_of(info->files.begin(), info->files.end(),
+                    [](const FileInfo& file) { return !file.contentDigest.empty(); });
+    if (!hasDigests) {
+      report.leftAlone = "it has no digests of its contents, as older versions wrote it";
+      return report;
+    }
+    const DeduplicationPlan plan(*info, index_);
+    bool isNew = false;
+    for (const DeduplicationPlan::Content& content : plan.contents()) {
+      if (!content.place) continue;
+      ++report.sharedContents;
+      isNew = isNew || !fs::equivalent(pathOf(path, *content.old), content.place->path());
+    }
+    if (isNew) {
+      share(open, info, plan, report);
+    } else {
+      report.leftAlone = report.sharedContents > 0 ? "it shares what it can already"
+                                                   : "it has nothing in common with the others";
+      index_.add(path, *info);
+    }
+    return report;
+  }
+
+ private:
+  static fs::path pathOf(const fs::path& folder, const FileInfo& file) {
+    return file.pack ? packPath(folder, *file.pack) : storagePath(folder, file.storageId);
+  }
+
+  void share(const std::shared_ptr<const OpenFolder>& folder,
+             const std::shared_ptr<const RecordingInfo>& info, const DeduplicationPlan& plan,
+             DeduplicationReport& report) {
+    SharedRecording shared(folder, info, plan);
+    const std::int64_t saved = shared.savedBytes();
+    if (saved <= 0) {
+      report.sharedContents = 0;
+      report.leftAlone = "sharing would save nothing";
+      index_.add(folder->path(), *info);
+      return;
+    }
+    shared.publish();
+    report.savedBytes = static_cast<std::uint64_t>(saved);
+    index_.add(folder->path(), shared.info());
+  }
+
+  ContentIndex index_;
+};
+
+Deduplicator::Deduplicator() : impl_(std::make_unique<Impl>()) {}
+Deduplicator::~Deduplicator() = default;
+
+void Deduplicator::add(const Path& folder) { impl_->add(folder); }
+
+DeduplicationReport Deduplicator::deduplicate(const Path& folder) {
+  return impl_->deduplicate(folder);
+}
+
+}  // namespace kyr::recording
