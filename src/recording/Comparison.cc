@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <thread>
 #include <tuple>
+#include <unordered_map>
 #include <utility>
 
 #include "recording/ComparisonPairs.h"
@@ -29,24 +30,29 @@ struct EqualFiles {
   bool samples = false;
 };
 
-// Tells which files of two recordings are equal.
-class FileDigests {
+// What recording.json says of the contents of a recording, by storage id.
+class ContentInfos {
  public:
-  explicit FileDigests(const RecordingInfo& info) {
-    for (const FileInfo& file : info.files) digests_.emplace(file.storageId, digestOf(file));
+  explicit ContentInfos(const RecordingInfo& info) {
+    for (const FileInfo& file : info.files) files_.emplace(file.storageId, &file);
   }
 
-  const std::string& of(const std::optional<int>& storageId) const {
-    static const std::string kUnknown;
-    const auto found = storageId ? digests_.find(*storageId) : digests_.end();
-    return found == digests_.end() ? kUnknown : found->second;
+  // Null if there is none.
+  const FileInfo* of(const std::optional<int>& storageId) const {
+    const auto found = storageId ? files_.find(*storageId) : files_.end();
+    return found == files_.end() ? nullptr : found->second;
   }
 
  private:
-  static std::string digestOf(const FileInfo& file) { return file.pack ? "" : file.checksum; }
-
-  std::map<int, std::string> digests_;
+  std::unordered_map<int, const FileInfo*> files_;
 };
+
+// Whether two contents are known to be equal. Older recordings have checksums of files alone.
+bool areKnownEqual(const FileInfo* one, const FileInfo* other) {
+  if (!one || !other) return false;
+  if (!one->contentDigest.empty() && one->contentDigest == other->contentDigest) return true;
+  return !one->pack && !other->pack && !one->checksum.empty() && one->checksum == other->checksum;
+}
 
 // A recording that is compared.
 struct Side {
@@ -55,7 +61,7 @@ struct Side {
         options(readerOptions),
         reader(path, readerOptions),
         info(reader.info()),
-        digests(info) {}
+        contents(info) {}
 
   // Another reader of the same recording, for another thread.
   std::unique_ptr<RecordingReader> open() const {
@@ -66,7 +72,7 @@ struct Side {
   ReaderOptions options;
   RecordingReader reader;
   RecordingInfo info;
-  FileDigests digests;
+  ContentInfos contents;
 };
 
 bool isFloating(const SignalInfo& signal) {
@@ -97,19 +103,27 @@ std::string shapeText(const SignalInfo& signal) {
   }
 }
 
+// A pair of signals whose rows are compared.
+struct Task {
+  SignalComparison* result = nullptr;
+  EqualFiles equal;
+  const FileInfo* known = nullptr;  // of the reference's samples
+  std::uint64_t rows = 0;
+};
+
 // Compares one pair of signals, for one thread.
 class PairComparison {
  public:
   PairComparison(const RecordingReader& reference, const RecordingReader& other,
-                 const ComparisonOptions& options, const EqualFiles& equal,
-                 SignalComparison& result)
+                 const ComparisonOptions& options, const Task& task)
       : reference_(reference),
         other_(other),
-        a_(reference.signal(*result.referenceId)),
-        b_(other.signal(*result.otherId)),
+        a_(reference.signal(*task.result->referenceId)),
+        b_(other.signal(*task.result->otherId)),
         options_(options),
-        equal_(equal),
-        result_(result) {}
+        equal_(task.equal),
+        known_(task.known),
+        result_(*task.result) {}
 
   void run() {
     describeTimes();
@@ -190,6 +204,14 @@ class PairComparison {
             ComparisonRows<Number>(other_, b_.signalId, hasTimes_ && readsOthersTimes)};
   }
 
+  // Smallest and largest value of scalars, unless these must be read.
+  std::optional<std::pair<double, double>> knownRange() const {
+    const bool isKnown = known_ && known_->minimum && known_->maximum && a_.category == Scalar &&
+                         std::isfinite(*known_->minimum) && std::isfinite(*known_->maximum);
+    if (!isKnown) return std::nullopt;
+    return std::pair(*known_->minimum, *known_->maximum);
+  }
+
   // What the values of each element may differ by wherever they are.
   template <typename Number>
   std::vector<Number> floorsOf() const {
@@ -197,6 +219,10 @@ class PairComparison {
     const ComparedKind kind = comparedKindOf(a_);
     if (kind == ComparedKind::blobs) return {Number(0)};
     if (options_.rangeTol == 0 || kind == ComparedKind::none) return {atol};
+    if (const auto range = knownRange()) {
+      const double room = options_.rangeTol * range->second - options_.rangeTol * range->first;
+      return {std::max(atol, static_cast<Number>(room))};
+    }
     ComparisonRows<Number> rows(reference_, a_.signalId, /*hasTimes=*/false);
     // The elements of varying shapes are taken together.
     const std::size_t elements = std::max<std::size_t>(1, rows.elements());
@@ -260,15 +286,9 @@ class PairComparison {
   const SignalInfo& b_;
   const ComparisonOptions& options_;
   EqualFiles equal_;
+  const FileInfo* known_;
   SignalComparison& result_;
   bool hasTimes_ = false;
-};
-
-// A pair of signals whose rows are compared.
-struct Task {
-  SignalComparison* result = nullptr;
-  EqualFiles equal;
-  std::uint64_t rows = 0;
 };
 
 class RecordingComparison {
@@ -314,7 +334,8 @@ class RecordingComparison {
       result.comparedSpan = result.referenceSpan;
       return;
     }
-    tasks_.push_back({&result, equal, a->rowCount + b->rowCount});
+    tasks_.push_back(
+        {&result, equal, reference_.contents.of(a->dataStorageId), a->rowCount + b->rowCount});
   }
 
   static void describe(const SignalInfo& a, const SignalInfo& b, SignalComparison& result) {
@@ -339,9 +360,8 @@ class RecordingComparison {
 
   EqualFiles equalFilesOf(const SignalInfo& a, const SignalInfo& b) const {
     const auto areSame = [this](const std::optional<int>& one, const std::optional<int>& another) {
-      const std::string& digest = reference_.digests.of(one);
-      return one && another ? !digest.empty() && digest == other_.digests.of(another)
-                            : one.has_value() == another.has_value();
+      if (!one || !another) return one.has_value() == another.has_value();
+      return areKnownEqual(reference_.contents.of(one), other_.contents.of(another));
     };
     EqualFiles equal;
     equal.samples = areSame(a.dataStorageId, b.dataStorageId);
@@ -397,7 +417,7 @@ class RecordingComparison {
         requireSame(reference, reference_.reader.signal(*task.result->referenceId),
                     reference_.folder);
         requireSame(other, other_.reader.signal(*task.result->otherId), other_.folder);
-        PairComparison(reference, other, options_, task.equal, *task.result).run();
+        PairComparison(reference, other, options_, task).run();
       }
     } catch (...) {
       next_ = tasks_.size();  // the other threads need not go on

@@ -1,4 +1,5 @@
 #include <cctype>
+#include <cmath>
 #include <limits>
 #include <optional>
 #include <sstream>
@@ -45,9 +46,7 @@ struct Curve {
 
 template <typename T>
 std::vector<char> converted(const std::vector<double>& values) {
-  std::vector<T> all;
-  for (const double value : values) all.push_back(static_cast<T>(value));
-  return bytesOf(all);
+  return bytesOf(std::vector<T>(values.begin(), values.end()));
 }
 
 std::vector<char> bytesOfCurve(const Curve& curve) {
@@ -80,7 +79,7 @@ class ComparisonTest : public test::RecordingTest {
 
   // Makes the recording anew. Ids count from 1.
   fs::path record(const std::string& name, std::vector<Signal> signals) const {
-    const fs::path folder = temp.file(name);
+    fs::path folder = temp.file(name);
     fs::remove_all(folder);
     parquet::SignalPool own{parquet::SafeStorage()};
     Descriptions descriptions;
@@ -443,7 +442,7 @@ TEST_F(ComparisonTest, LongSignalsAreReadInBlocks) {
   constexpr int kRows = 200'000;
   Curve reference("");
   for (int i = 0; i < kRows; ++i) {
-    reference.times.push_back(i / 4);  // each time four times
+    reference.times.push_back(std::floor(i / 4.0));  // each time four times
     reference.values.push_back(i % 1000);
   }
   Curve other = reference;

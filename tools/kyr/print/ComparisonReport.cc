@@ -41,8 +41,8 @@ std::string endsText(const SignalComparison& signal) {
 
 std::string noteOf(const SignalComparison& signal) {
   std::vector<std::string> notes;
-  if (signal.verdict == SignalVerdict::onlyInReference) notes.push_back("only in A");
-  if (signal.verdict == SignalVerdict::onlyInOther) notes.push_back("only in B");
+  if (signal.verdict == SignalVerdict::onlyInReference) notes.emplace_back("only in A");
+  if (signal.verdict == SignalVerdict::onlyInOther) notes.emplace_back("only in B");
   if (signal.verdict == SignalVerdict::notComparable && signal.differences.empty()) {
     notes.emplace_back("other samples");
   }
