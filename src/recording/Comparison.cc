@@ -159,6 +159,9 @@ class PairComparison {
 
   void requireEqualShapes() {
     if (comparedKindOf(b_) != ComparedKind::numbers) return;
+    // A damaged recording may tell of shapes that no memory holds. Its samples do not.
+    if (a_.category == FixedDim) reference_.blocks(a_.signalId, {0, 1}).next();
+    if (b_.category == FixedDim) other_.blocks(b_.signalId, {0, 1}).next();
     const std::uint64_t elements = reference_.elementsPerSample(a_.signalId);
     const std::uint64_t others = other_.elementsPerSample(b_.signalId);
     if (elements == others) return;

@@ -49,15 +49,28 @@ class SampleJudge {
         floors_(std::move(floors)) {}
 
   bool isExact() const { return isExact_; }
+  Number rtol() const { return rtol_; }
   std::optional<ComparedSample>& worst() { return worst_; }
+
+  /// Whether the values pass and are no worse than what was seen.
+  bool areClear(const Number* reference, const Number* other, std::size_t elements) const {
+    for (std::size_t i = 0; i < elements; ++i) {
+      if (!isClear(reference[i], other[i], floorOf(i))) return false;
+    }
+    return true;
+  }
+
+  /// What another value may differ by from a reference value, which is a finite number.
+  Number allowedAt(Number reference, std::size_t element) const {
+    return std::max(floorOf(element), rtol_ * std::abs(reference));
+  }
 
   bool passes(const RowPlace& at, const Number* reference, const Number* other,
               std::size_t elements) {
     bool areIn = true;
     for (std::size_t i = 0; i < elements; ++i) {
-      const Number floor = i < floors_.size() ? floors_[i] : floors_.back();
-      if (!isClear(reference[i], other[i], floor)) {
-        areIn &= judge(at, i, reference[i], other[i], floor);
+      if (!isClear(reference[i], other[i], floorOf(i))) {
+        areIn &= judge(at, i, reference[i], other[i]);
       }
     }
     return areIn;
@@ -72,7 +85,11 @@ class SampleJudge {
  private:
   static constexpr double kInfinite = std::numeric_limits<double>::infinity();
 
-  // Whether the values pass and are no worse than what was seen. Most values are.
+  Number floorOf(std::size_t element) const {
+    return element < floors_.size() ? floors_[element] : floors_.back();
+  }
+
+  // Most values are.
   bool isClear(Number reference, Number other, Number floor) const {
     if (isExact_) return reference == other && std::signbit(reference) == std::signbit(other);
     if (reference == other) return true;
@@ -81,14 +98,12 @@ class SampleJudge {
            error <= std::numeric_limits<Number>::max();
   }
 
-  bool judge(const RowPlace& at, std::size_t element, Number reference, Number other,
-             Number floor) {
+  bool judge(const RowPlace& at, std::size_t element, Number reference, Number other) {
     if (std::isnan(reference) && std::isnan(other)) return true;
     const bool areFinite = std::isfinite(reference) && std::isfinite(other);
     Number error = std::abs(reference - other);
     if (!areFinite || (areHashes_ && error > 0)) error = std::numeric_limits<Number>::infinity();
-    const Number tolerance =
-        isExact_ || !areFinite ? 0 : std::max(floor, rtol_ * std::abs(reference));
+    const Number tolerance = isExact_ || !areFinite ? 0 : allowedAt(reference, element);
     const bool isIn = !isExact_ && areFinite && error <= tolerance;
     const double none = std::numeric_limits<double>::quiet_NaN();
     keepIfWorse({at.time, at.row, at.otherRow, element,

@@ -35,7 +35,8 @@ class ComparisonRows {
 
   /// All rows of the signal.
   std::uint64_t count() const { return count_; }
-  /// The row behind those in memory.
+  /// The first row in memory, and the one behind the last.
+  std::uint64_t begin() const { return begin_; }
   std::uint64_t end() const { return end_; }
   bool isAtEnd(std::uint64_t row) { return row == end_ && !load(); }
   /// Reads more rows; false behind the last.

@@ -127,6 +127,8 @@ struct Curve {
   ComparisonWindow<Number> window;
   std::uint64_t at = 0;   // the next row
   std::uint64_t end = 0;  // behind the rows with the same time
+  // The latest row that is too early to count at the time; the first one if there is none.
+  std::uint64_t before = 0;
   // What the curve comes from and goes on with.
   std::vector<Number> left;
   std::vector<Number> right;
@@ -140,6 +142,7 @@ class CurveWalk {
       : curves_{Curve<Number>(reference, timeTolerance, holds),
                 Curve<Number>(other, timeTolerance, holds)},
         judge_(judge),
+        reach_(timeTolerance),
         hasReach_(timeTolerance > 0),
         holds_(holds),
         scratch_(reference.elements()) {}
@@ -150,13 +153,12 @@ class CurveWalk {
       const double from = std::max(a.rows.time(0), b.rows.time(0));
       for (auto& curve : curves_) skipTo(curve, from);
       while (!a.rows.isAtEnd(a.at) && !b.rows.isAtEnd(b.at) && isSuitable()) {
-        if (!hasReach_) compareSameTimes();
+        compareSameTimes();
+        if (a.rows.isAtEnd(a.at) || b.rows.isAtEnd(b.at)) break;
         if (!findGroup()) return std::nullopt;
+        for (auto& curve : curves_) dropRows(curve, time_);
         compareGroup();
-        for (auto& curve : curves_) {
-          curve.at = curve.end;
-          dropRows(curve);
-        }
+        for (auto& curve : curves_) curve.at = curve.end;
       }
     }
     if (!isSuitable()) return std::nullopt;
@@ -167,34 +169,62 @@ class CurveWalk {
  private:
   bool isSuitable() const { return curves_[0].rows.ascends() && curves_[1].rows.ascends(); }
 
-  void dropRows(Curve<Number>& curve) {
-    std::uint64_t first = curve.at > 0 ? curve.at - 1 : 0;
-    if (hasReach_) first = std::min(first, curve.window.firstRow());
-    curve.rows.drop(first);
+  // Forgets rows that are too early for all that is compared from a time on.
+  void dropRows(Curve<Number>& curve, double time) {
+    const auto isTooEarly = [&](std::uint64_t row) {
+      return row < curve.at && curve.rows.time(row) < time - reach_;
+    };
+    while (isTooEarly(curve.before + 1)) ++curve.before;
+    curve.rows.drop(curve.before);
   }
 
   // To the first row that is not before the time.
   void skipTo(Curve<Number>& curve, double time) {
     while (!curve.rows.isAtEnd(curve.at) && curve.rows.time(curve.at) < time) {
-      if (hasReach_) curve.window.moveTo(curve.rows.time(curve.at));
       ++curve.at;
-      dropRows(curve);
+      dropRows(curve, curve.rows.time(curve.at - 1));
     }
   }
 
   // Compares the next rows as long as both signals have the same times, except for those with the
-  // last of these times: there may be more of them.
+  // last of these times: there may be more of them. If the other curve may have a value at another
+  // time, only values that need not look for it.
   void compareSameTimes() {
     auto& [a, b] = curves_;
     const std::uint64_t most = std::min(a.rows.end() - a.at, b.rows.end() - b.at);
     std::uint64_t rows = 0;
-    while (rows < most && a.rows.time(a.at + rows) == b.rows.time(b.at + rows)) ++rows;
+    while (rows < most && a.rows.time(a.at + rows) == b.rows.time(b.at + rows) &&
+           (!hasReach_ || isClear(a.at + rows, b.at + rows))) {
+      ++rows;
+    }
     if (rows == 0) return;
     const double last = a.rows.time(a.at + rows - 1);
     while (rows > 0 && a.rows.time(a.at + rows - 1) == last) --rows;
-    comparePairs(rows);
+    if (hasReach_) {
+      findings_.compared += rows;
+    } else {
+      comparePairs(rows);
+    }
     a.at += rows;
     b.at += rows;
+  }
+
+  // Whether two samples at one time are so much alike that values at other times change nothing.
+  // With a relative tolerance above 1, these may make it worse.
+  bool isClear(std::uint64_t i, std::uint64_t j) const {
+    const auto& [a, b] = curves_;
+    return judge_.rtol() <= 1 &&
+           judge_.areClear(a.rows.values(i), b.rows.values(j), scratch_.size());
+  }
+
+  // Whether that holds for all samples at the time.
+  bool isGroupClear() const {
+    const auto& [a, b] = curves_;
+    if (a.samples() != b.samples()) return false;
+    for (std::uint64_t k = 0; k < a.samples(); ++k) {
+      if (!isClear(a.at + k, b.at + k)) return false;
+    }
+    return true;
   }
 
   // Finds the next time that either signal has, and the rows with it.
@@ -212,14 +242,18 @@ class CurveWalk {
   void compareGroup() {
     auto& [a, b] = curves_;
     if (!hasReach_ && a.samples() == b.samples()) return comparePairs(a.samples());
+    findings_.compared += std::max(a.samples(), b.samples());
+    if (hasReach_ && isGroupClear()) return;
     std::array<std::uint64_t, 2> out{0, 0};
-    for (auto& curve : curves_) hasReach_ ? curve.window.moveTo(time_) : findEnds(curve);
+    for (auto& curve : curves_) {
+      if (hasReach_) curve.window.moveTo(time_, curve.before);
+      if (!hasReach_) findEnds(curve);
+    }
     for (std::size_t side = 0; side < 2; ++side) {
       for (std::uint64_t k = 0; k < curves_[side].samples(); ++k) {
         if (!isSampleIn(side, k)) ++out[side];
       }
     }
-    findings_.compared += std::max(a.samples(), b.samples());
     if (out[0] + out[1] > 0) findings_.addOut(time_, std::max(out[0], out[1]));
   }
 
@@ -262,12 +296,15 @@ class CurveWalk {
     const Curve<Number>& own = curves_[side];
     const Curve<Number>& other = curves_[1 - side];
     const Number* const values = own.rows.values(own.at + k);
+    const bool isReference = side == 0;
     for (std::size_t i = 0; i < scratch_.size(); ++i) {
-      scratch_[i] = hasReach_ ? other.window.nearest(values[i], i)
+      const auto allowed = [&](Number found) {
+        return judge_.allowedAt(isReference ? values[i] : found, i);
+      };
+      scratch_[i] = hasReach_ ? other.window.nearest(values[i], i, allowed)
                               : partner(other, k, own.samples(), values[i], i);
     }
     const std::uint64_t row = own.at + k;
-    const bool isReference = side == 0;
     const RowPlace at{time_, isReference ? row : other.latest(),
                       isReference ? other.latest() : row};
     return judge_.passes(at, isReference ? values : scratch_.data(),
@@ -290,6 +327,7 @@ class CurveWalk {
 
   std::array<Curve<Number>, 2> curves_;
   SampleJudge<Number>& judge_;
+  double reach_;
   bool hasReach_;
   bool holds_;
   double time_ = 0;  // of the samples that are compared

@@ -34,27 +34,42 @@ class ComparisonWindow {
       : rows_(rows), reach_(reach), holds_(holds), elements_(rows.elements()) {}
 
   /// To a time that is not before the last one, nor outside of the curve.
-  void moveTo(double time) {
+  /// \param before  the latest row that is earlier than the window, or the first one of the signal
+  void moveTo(double time, std::uint64_t before) {
     from_ = time - reach_;
     to_ = time + reach_;
-    while (!rows_.isAtEnd(end_) && rows_.time(end_) <= to_) push(end_++);
+    const bool isInside = !(rows_.time(before) < from_);
     // A value that is held goes on until the next one.
-    const std::uint64_t kept = holds_ ? 1 : 0;
-    while (begin_ + kept < end_ && rows_.time(begin_ + kept) < from_) pop(begin_++);
+    const std::uint64_t first = holds_ || isInside ? before : before + 1;
+    // Rows may have come and gone unseen, and be in memory no more.
+    if (first >= end_ || begin_ < rows_.begin()) {
+      for (Element& element : elements_) element.clear();
+      begin_ = end_ = first;
+    }
+    while (begin_ < first) pop(begin_++);
+    while (!rows_.isAtEnd(end_) && rows_.time(end_) <= to_) push(end_++);
   }
 
-  /// The value in the window that is nearest to another one.
-  Number nearest(Number value, std::size_t element) const {
-    return holds_ ? nearestHeld(value, elements_[element]) : nearestOnLines(value, element);
+  /// The value in the window that is nearest to another one. Where tolerances differ, it is the one
+  /// that the other is nearest to in terms of them.
+  /// \param allowed  the tolerance at a value of the window
+  template <typename Allowed>
+  Number nearest(Number value, std::size_t element, const Allowed& allowed) const {
+    return holds_ ? nearestHeld(value, elements_[element], allowed)
+                  : nearestOnLines(value, element);
   }
-
-  /// The first row that is needed still.
-  std::uint64_t firstRow() const { return begin_ > 0 ? begin_ - 1 : 0; }
 
  private:
   static constexpr Number kNone = std::numeric_limits<Number>::quiet_NaN();
 
   struct Element {
+    void clear() {
+      smallest.clear();
+      largest.clear();
+      held.clear();
+      nans = 0;
+    }
+
     std::deque<std::uint64_t> smallest;  // rows: the smallest value, then the smallest behind it
     std::deque<std::uint64_t> largest;
     std::map<Number, std::uint64_t> held;  // how often
@@ -99,7 +114,8 @@ class ComparisonWindow {
     }
   }
 
-  static Number nearestHeld(Number value, const Element& element) {
+  template <typename Allowed>
+  static Number nearestHeld(Number value, const Element& element, const Allowed& allowed) {
     const auto& held = element.held;
     if (std::isnan(value) && element.nans > 0) return kNone;
     if (held.empty()) return kNone;
@@ -108,7 +124,12 @@ class ComparisonWindow {
     if (above == held.begin()) return above->first;
     const auto below = std::prev(above);
     if (above == held.end()) return below->first;
-    return above->first - value < value - below->first ? above->first : below->first;
+    const Number up = above->first - value;
+    const Number down = value - below->first;
+    const Number upOfDown = up * allowed(below->first);
+    const Number downOfUp = down * allowed(above->first);
+    const bool isAbove = upOfDown == downOfUp ? up < down : upOfDown < downOfUp;
+    return isAbove ? above->first : below->first;
   }
 
   // Where the line from a row to the next one is at a time.

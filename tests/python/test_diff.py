@@ -13,6 +13,10 @@ import kyr
 NAN = math.nan
 
 
+def ratio(error, allowed):
+    return error / allowed if allowed > 0 else math.inf if error > 0 else 0.0
+
+
 class Curve:
     """One of two curves: what it has at a time, and within a time of it."""
 
@@ -39,8 +43,9 @@ class Curve:
             return self.values[first], self.values[end - 1]
         return (self.line(first - 1, time),) * 2
 
-    def nearest(self, value, time, reach):
-        """The value within a time before and after that is nearest to a value."""
+    def nearest(self, value, time, reach, allowed):
+        """The value within a time before and after that is nearest to a value. Where the tolerance
+        depends on it, the one that is nearest in terms of that."""
         start, stop = time - reach, time + reach
         first = int(np.searchsorted(self.times, start))
         end = int(np.searchsorted(self.times, stop, side="right"))
@@ -53,8 +58,13 @@ class Curve:
         known = [each for each in values if not math.isnan(each)]
         if math.isnan(value) and len(known) < len(values) or not known:
             return NAN
-        if self.holds:
-            return NAN if math.isnan(value) else min(known, key=lambda each: abs(each - value))
+        if self.holds and not math.isnan(value):
+            above, below = (
+                [each for each in known if (each >= value) == is_above] for is_above in (True, False)
+            )
+            sides = ([min(above)] if above else []) + ([max(below)] if below else [])
+            distance = lambda each: abs(each - value)
+            return min(sides, key=lambda each: (ratio(distance(each), allowed(each)), distance(each)))
         return min(known) if math.isnan(value) else min(max(value, min(known)), max(known))
 
     def partner(self, k, count, value, time):
@@ -89,7 +99,8 @@ def brute(a, b, atol, rtol, range_tol, time_tol):
             for k in range(counts[side]):
                 value = own.values[begin + k]
                 if reach > 0:
-                    found = other.nearest(value, time, reach)
+                    allowed_at = lambda x: max(floor, rtol * abs(value if side == 0 else x))
+                    found = other.nearest(value, time, reach, allowed_at)
                 elif counts[0] == counts[1]:
                     found = other.values[(j, i)[side] + k]
                 else:
@@ -101,7 +112,7 @@ def brute(a, b, atol, rtol, range_tol, time_tol):
                 if not math.isfinite(error):
                     error, allowed = math.inf, 0.0
                 outs[side] += error > allowed
-                worst = max(worst, error / allowed if allowed > 0 else math.inf)
+                worst = max(worst, ratio(error, allowed))
         compared += max(counts)
         out += max(outs)
         first = time if first is None and max(outs) else first
