@@ -1,7 +1,7 @@
 // Saves a recording of what `kyr import` cannot make, for the tests of the tool:
 // OddRecording FOLDER
-// Beside it FOLDER.apart, whose signals have their times beside their samples, and FOLDER.hollow, a
-// signal whose samples have no elements.
+// Beside it FOLDER.apart, whose signals have their times beside their samples, FOLDER.hollow, a
+// signal whose samples have no elements, and FOLDER.sparse, whose signals lack times or samples.
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -51,6 +51,15 @@ class Writer {
   std::vector<kyr::recording::SignalDescription> descriptions_;
 };
 
+void recordSparse(const kyr::Path& working, const kyr::Path& folder) {
+  Writer writer(working);
+  writer.add<double>("times alone", kyr::Double, kyr::Scalar, {0, 0.5}, {});
+  writer.add<float>("samples alone", kyr::Single, kyr::FixedDim, {}, {1, 2, 3, 4}, {{2}});
+  writer.add<double>("more samples", kyr::Double, kyr::Scalar, {0, 0.5}, {1, 2, 3});
+  writer.add<std::uint64_t>("more times", kyr::UInt64, kyr::Scalar, {0, 1, 2}, {~0ULL, 2});
+  writer.save(folder);
+}
+
 void recordHollow(const kyr::Path& folder) {
   kyr::recording::LiveRecording live(folder);
   kyr::recording::SignalDescription description;
@@ -88,6 +97,7 @@ int main(int argc, char** argv) {
     writer.add<double>("late", kyr::Double, kyr::Scalar, {5, 6}, {1, 2});
     writer.save(folder);
   }
+  recordSparse(working, kyr::Path::fromNarrow(std::string(argv[1]) + ".sparse"));
   kyr::parquet::serialization_options::bSharedTimeColumn = false;
   {
     Writer writer(working);

@@ -84,6 +84,13 @@ std::string csvCell(std::string_view text) {
   return cell + '"';
 }
 
+std::string lowerCase(std::string text) {
+  for (char& letter : text) {
+    if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
+  }
+  return text;
+}
+
 std::string counted(std::uint64_t count, std::string_view noun) {
   return fmt::format("{} {}{}", grouped(count), noun, count == 1 ? "" : "s");
 }

@@ -24,6 +24,9 @@ std::string singleLine(std::string_view text);
 /// The text as a CSV cell, in quotation marks if it needs them.
 std::string csvCell(std::string_view text);
 
+/// The text with the letters A to Z as a to z.
+std::string lowerCase(std::string text);
+
 /// "1 signal", "2 signals".
 std::string counted(std::uint64_t count, std::string_view noun);
 

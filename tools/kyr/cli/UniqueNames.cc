@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "cli/Text.h"
+
 namespace kyr::tool {
 
 using recording::SignalInfo;
@@ -38,13 +40,7 @@ std::string UniqueNames::nameOf(const SignalInfo& signal) {
 }
 
 std::string UniqueNames::key(const std::string& name) const {
-  std::string folded = name;
-  if (letters_ == Letters::equalInAnyCase) {
-    for (char& letter : folded) {
-      if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
-    }
-  }
-  return folded;
+  return letters_ == Letters::equalInAnyCase ? lowerCase(name) : name;
 }
 
 int UniqueNames::usesOf(const std::string& name) const {

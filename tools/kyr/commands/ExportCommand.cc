@@ -54,8 +54,7 @@ ExportFormat formatOf(const GivenOptions& given, const ExportOptions& options) {
   if (given.format == "csv") return ExportFormat::csv;
   if (options.writesToStandardOutput()) return ExportFormat::csv;
   if (!given.partition.empty()) return ExportFormat::parquet;
-  std::string suffix = fs::path(options.out).extension().string();
-  for (char& c : suffix) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  const std::string suffix = lowerCase(fs::path(options.out).extension().string());
   if (suffix.size() <= 1 || suffix == ".parquet") return ExportFormat::parquet;
   if (suffix == ".arrow" || suffix == ".feather") return ExportFormat::arrow;
   if (suffix == ".csv") return ExportFormat::csv;

@@ -6,15 +6,18 @@
 #include <CLI/CLI.hpp>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "cli/CommandLine.h"
+#include "cli/Errors.h"
 #include "cli/Files.h"
+#include "cli/Interrupt.h"
 #include "cli/Output.h"
 #include "cli/SignalSelection.h"
 #include "commands/Commands.h"
@@ -34,31 +37,22 @@ struct SqlOptions {
   std::string format = "table";
 };
 
-// Runs DuckDB, which reads the statements from its standard input.
+// DuckDB in a process of its own, which reads the statements from its standard input.
 class DuckDb {
  public:
   explicit DuckDb(const std::string& format) {
     std::array<int, 2> pipe{};
-    if (::pipe2(pipe.data(), O_CLOEXEC) != 0) throwError("a pipe");
+    if (::pipe2(pipe.data(), O_CLOEXEC) != 0) throw systemError("a pipe", "made", errno);
     input_ = pipe[1];
-    posix_spawn_file_actions_t actions;
-    ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, pipe[0], STDIN_FILENO);
-    std::vector<std::string> words{"duckdb", "-bail", "-batch"};
-    if (format != "table") words.push_back("-" + format);
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (std::string& word : words) arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-    errno = ::posix_spawnp(&process_, "duckdb", &actions, nullptr, arguments.data(), environ);
-    ::posix_spawn_file_actions_destroy(&actions);
+    letSignalsEndCalls();
+    const int error = start(format, pipe[0]);
     ::close(pipe[0]);
-    if (errno == 0) return;
+    if (error == 0) return;
     ::close(input_);
-    throwError("duckdb, which has to be installed for --command, cannot be run");
+    throw systemError("duckdb, the program that --command needs,", "run", error);
   }
   ~DuckDb() {
-    if (input_ >= 0) ::close(input_);
+    closeInput();
     if (process_ > 0) ::waitpid(process_, nullptr, 0);
   }
   DuckDb(const DuckDb&) = delete;
@@ -67,25 +61,72 @@ class DuckDb {
   void run(std::string_view statements) {
     while (!statements.empty()) {
       const ssize_t written = ::write(input_, statements.data(), statements.size());
-      if (written < 0 && errno == EINTR) continue;
-      if (written < 0) return;  // it has ended, and said why
+      if (written < 0 && errno == EINTR && !isInterrupted()) continue;
+      if (written < 0) return;  // It has ended and said why, or is to end.
       statements.remove_prefix(static_cast<std::size_t>(written));
     }
   }
 
   /// \return whether all statements were right
+  /// \throws OutputClosed, Interrupted
   bool finish() {
-    ::close(std::exchange(input_, -1));
-    int status = 0;
-    while (::waitpid(process_, &status, 0) < 0 && errno == EINTR) {
-    }
-    process_ = -1;
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    closeInput();
+    const std::optional<int> status = end();
+    stopIfInterrupted();
+    if (status && WIFSIGNALED(*status) && WTERMSIG(*status) == SIGPIPE) throw OutputClosed();
+    return status && WIFEXITED(*status) && WEXITSTATUS(*status) == 0;
   }
 
  private:
-  [[noreturn]] static void throwError(const std::string& what) {
-    throw std::system_error(errno, std::generic_category(), what);
+  // A signal ends write() and waitpid(), which would go on otherwise.
+  static void letSignalsEndCalls() {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+      struct sigaction action {};
+      ::sigaction(signal, nullptr, &action);
+      action.sa_flags &= ~SA_RESTART;
+      ::sigaction(signal, &action, nullptr);
+    }
+  }
+
+  // Returns a value of errno, 0 for success.
+  int start(const std::string& format, int input) {
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    // This process ignores some signals, and DuckDB is to end by them.
+    posix_spawnattr_t attributes;
+    ::posix_spawnattr_init(&attributes);
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (const int signal : {SIGPIPE, SIGXFSZ}) ::sigaddset(&signals, signal);
+    ::posix_spawnattr_setsigdefault(&attributes, &signals);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    std::vector<std::string> words{"duckdb", "-bail", "-batch"};
+    if (format != "table") words.push_back("-" + format);
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    const int error =
+        ::posix_spawnp(&process_, "duckdb", &actions, &attributes, arguments.data(), environ);
+    ::posix_spawnattr_destroy(&attributes);
+    ::posix_spawn_file_actions_destroy(&actions);
+    return error;
+  }
+
+  void closeInput() {
+    if (input_ >= 0) ::close(std::exchange(input_, -1));
+  }
+
+  // Waits for the end of the process. It is told of a signal that only this one got.
+  std::optional<int> end() {
+    int status = 0;
+    while (::waitpid(process_, &status, 0) < 0) {
+      if (errno != EINTR) return std::nullopt;
+      if (isInterrupted()) ::kill(process_, SIGTERM);
+    }
+    process_ = -1;
+    return status;
   }
 
   pid_t process_ = -1;
@@ -109,6 +150,7 @@ int runSql(const SqlOptions& options) {
   }
   DuckDb duckDb(options.format);
   duckDb.run(text);
+  // The line feed ends a comment.
   duckDb.run(options.query + "\n;\n");
   return duckDb.finish() ? 0 : 1;
 }
@@ -138,10 +180,13 @@ Prints SQL that gives DuckDB views of the recordings, which read their files whe
   samples    run, id, signal, time, value of all scalar numbers, as float64
   table_1    and so on, one for each time vector: run, time, and a column for each signal;
              up to 500 signals share a table
-  signals    a table: name, unit, description, type, rows and times of each signal
-What several recordings have alike is one view; run is the name of the folder. DuckDB takes upper
-and lower case as equal; names that differ in nothing else get their unit or id behind them. DuckDB
-compares nothing with checksums: kyr verify does.
+  signals    a table: name, unit, description, type, rows and times of each signal, and the names
+             of the views that have it
+What several recordings have alike is one view; run is the name of the folder. Numbers of different
+types become float64 there if one of them is floating-point.
+DuckDB takes upper and lower case as equal. Names that differ in nothing else get their unit or id
+behind them, and so do signals called run, time, samples, signals or table_1.
+DuckDB compares nothing with checksums: kyr verify does.
 
 Examples:
   kyr sql run > views.sql

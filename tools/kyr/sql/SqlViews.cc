@@ -3,13 +3,16 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
+#include <array>
 #include <iterator>
 #include <stdexcept>
+#include <string_view>
+#include <type_traits>
 
 #include "cli/Files.h"
 #include "cli/Text.h"
 #include "cli/UniqueNames.h"
+#include "csv/CsvTokenizer.h"
 #include "print/TypeFunctions.h"
 #include "print/TypeNames.h"
 
@@ -22,8 +25,9 @@ using recording::RecordingReader;
 using recording::SignalInfo;
 
 std::string quoted(const std::string& text, char quote) {
-  if (text.find('\0') != std::string::npos) {
-    throw std::runtime_error(inQuotes(text) + " has a zero byte, which SQL cannot tell");
+  if (text.find('\0') != std::string::npos || !isUtf8(text)) {
+    throw std::runtime_error(inQuotes(text) +
+                             " has a zero byte or is not UTF-8, which SQL cannot express");
   }
   std::string result(1, quote);
   for (const char letter : text) result.append(letter == quote ? 2 : 1, letter);
@@ -33,58 +37,73 @@ std::string quoted(const std::string& text, char quote) {
 std::string literal(const std::string& text) { return quoted(text, '\''); }
 std::string identifier(const std::string& name) { return quoted(name, '"'); }
 
-// A file as an argument of read_parquet(), which takes names for patterns.
-std::string fileLiteral(const std::string& path) {
+// A double, exactly: DuckDB would take a number with a point for a decimal one and round it twice.
+std::string literal(double number) { return fmt::format("'{}'", number); }
+
+// A call of read_parquet(). Left alone, it takes names for patterns, and a folder called "data=3" for
+// a column.
+std::string readParquet(const std::string& path, const char* options = "") {
+  constexpr std::string_view kSpecial = "*?[";
   std::string pattern;
   for (const char letter : path) {
-    const bool isSpecial = letter == '*' || letter == '?' || letter == '[';
+    const bool isSpecial = kSpecial.find(letter) != std::string_view::npos;
     pattern += isSpecial ? std::string{'[', letter, ']'} : std::string(1, letter);
   }
-  return literal(pattern);
+  if (pattern != path && path.find('\\') != std::string::npos) {
+    throw std::runtime_error(path +
+                             " cannot be read by DuckDB: it has a backslash beside one of * ? [");
+  }
+  return fmt::format("read_parquet({}, hive_partitioning = false{})", literal(pattern), options);
 }
 
-std::string lowerCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-  return text;
-}
+/// What the samples are to SQL.
+struct ValueType {
+  std::string kind;  ///< the same for all samples of a view
+  std::string name;
+  bool hasShape = false;
+
+  bool isNumber() const { return kind == "numbers" || kind == "truth values"; }
+
+  std::string of(const std::string& column) const {
+    // A byte string need not be UTF-8. DuckDB shows other bytes as it shows those of blobs.
+    if (kind == "texts") return fmt::format("coalesce(try(decode({0})), {0}::VARCHAR)", column);
+    return name.rfind("BOOLEAN", 0) == 0 ? fmt::format("{}::{}", column, name) : column;
+  }
+};
 
 struct NumberTypes {
   template <typename Number>
   const char* number() const {
-    return "number";
+    if (std::is_same_v<Number, double>) return "DOUBLE";
+    if (std::is_floating_point_v<Number>) return "FLOAT";
+    constexpr std::array<const char*, 4> kSigned{"TINYINT", "SMALLINT", "INTEGER", "BIGINT"};
+    constexpr std::array<const char*, 4> kUnsigned{"UTINYINT", "USMALLINT", "UINTEGER", "UBIGINT"};
+    constexpr std::size_t kSize = sizeof(Number) == 8 ? 3 : sizeof(Number) / 2;
+    return (std::is_signed_v<Number> ? kSigned : kUnsigned)[kSize];
   }
-  const char* boolean() const { return "truth"; }
+  const char* boolean() const { return "BOOLEAN"; }
 };
 
-// What the samples are to SQL. Views have samples of one kind.
-std::string kindOf(const SignalInfo& signal) {
-  if (signal.category == Bus || signal.dataType == Binary) return "blob";
-  if (signal.category == VarDimBus) return "blob with shape";
-  if (signal.dataType == ByteString && signal.category == Scalar) return "text";
-  const std::string element(
-      signal.dataType == ByteString ? "blob" : functionFor(signal.dataType, NumberTypes()));
-  if (signal.category == FixedDim) return element + " list";
-  return signal.category == VarDim ? element + " list with shape" : element;
+ValueType valueTypeOf(const SignalInfo& signal) {
+  if (signal.category == Scalar && signal.dataType == ByteString) return {"texts", "VARCHAR"};
+  const char* const element = functionFor(signal.dataType, NumberTypes());
+  const bool isBlob = signal.category == Bus || signal.category == VarDimBus ||
+                      signal.dataType == ByteString || signal.dataType == Binary;
+  if (isBlob) return {"blobs", "BLOB"};
+  if (element == nullptr) {
+    if (!signal.dataStorageId) return {"numbers", "DOUBLE"};
+    throw std::runtime_error(fmt::format("signal {}, {}, has samples of an unknown type",
+                                         signal.signalId, inQuotes(signal.name)));
+  }
+  const std::string kind = signal.dataType == Boolean ? "truth values" : "numbers";
+  if (signal.category == Scalar) return {kind, element};
+  const bool hasShape = signal.category == VarDim;
+  return {fmt::format("lists of {}{}", kind, hasShape ? " with shapes" : ""),
+          fmt::format("{}[]", element), hasShape};
 }
 
-bool isNumber(const std::string& kind) { return kind == "number" || kind == "truth"; }
-bool hasShape(const std::string& kind) { return kind.find("shape") != std::string::npos; }
-
-std::string valueOf(const std::string& kind, const std::string& column) {
-  if (kind == "text") return "decode(" + column + ")";
-  if (kind == "truth") return column + "::BOOLEAN";
-  return kind.rfind("truth", 0) == 0 ? column + "::BOOLEAN[]" : column;
-}
-
-std::string emptyQuery(const std::string& run, const std::string& kind) {
-  const char* const type = kind.find("list") != std::string::npos ? "DOUBLE[]"
-                           : kind == "truth"                      ? "BOOLEAN"
-                           : kind == "text"                       ? "VARCHAR"
-                           : kind == "number"                     ? "DOUBLE"
-                                                                  : "BLOB";
-  return fmt::format("SELECT {} AS run, NULL::DOUBLE AS time, NULL::{} AS value{} WHERE false", run,
-                     type, hasShape(kind) ? ", NULL::UBIGINT[] AS shape" : "");
+bool isFloating(const std::string& type) {
+  return type.rfind("DOUBLE", 0) == 0 || type.rfind("FLOAT", 0) == 0;
 }
 
 std::string joined(const std::vector<std::string>& texts, std::string_view between) {
@@ -100,6 +119,19 @@ std::string besideEachOther(const std::string* first, const std::string* last) {
                      besideEachOther(middle, last));
 }
 
+// Names that no signal has, neither as a view nor as a column.
+std::vector<std::string> takenNames(const std::vector<SignalInfo>& signals) {
+  constexpr std::string_view kTable = "table_";
+  std::vector<std::string> taken{"samples", "signals", "run", "time"};
+  for (const SignalInfo& signal : signals) {
+    const std::string name = lowerCase(signal.name);
+    const bool isTable = name.rfind(kTable, 0) == 0 &&
+                         name.find_first_not_of("0123456789", kTable.size()) == std::string::npos;
+    if (isTable) taken.push_back(name);
+  }
+  return taken;
+}
+
 }  // namespace
 
 /// A recording whose files the queries read.
@@ -110,7 +142,7 @@ class SqlViews::Run {
       : name(literal(run)),
         reader(from),
         storage_((wholePath(folder) / "storage").string()),
-        names_({"samples", "signals"}, UniqueNames::Letters::equalInAnyCase) {
+        names_(takenNames(from.signals()), UniqueNames::Letters::equalInAnyCase) {
     if (reader.state() != recording::RecordingState::finished) {
       throw std::runtime_error(folder +
                                " is not finished, and other programs cannot read its files yet");
@@ -125,20 +157,26 @@ class SqlViews::Run {
     return columns_.at(signal.signalId);
   }
 
-  std::string packOf(const FileInfo& file) const {
-    return fileLiteral(fmt::format("{}/pack-{}.parquet", storage_, *file.pack));
+  /// Whether both times and samples lie in packs.
+  bool isPacked(const SignalInfo& signal) const {
+    return signal.timeStorageId && signal.dataStorageId && content(*signal.timeStorageId).pack &&
+           content(*signal.dataStorageId).pack;
   }
 
-  // The rows of a content, as a relation.
-  std::string rowsOf(int storageId) const {
+  std::string packOf(const FileInfo& file) const {
+    return readParquet(fmt::format("{}/pack-{}.parquet", storage_, *file.pack),
+                       ", file_row_number = true");
+  }
+
+  /// The first rows of a content, as a relation.
+  std::string rowsOf(int storageId, std::uint64_t count) const {
     const FileInfo& file = content(storageId);
-    if (!file.pack) {
-      return fmt::format("read_parquet({})",
-                         fileLiteral(fmt::format("{}/{}", storage_, storageId)));
-    }
-    return fmt::format(
-        "(FROM read_parquet({}, file_row_number = true) WHERE file_row_number BETWEEN {} AND {})",
-        packOf(file), file.firstRow, file.firstRow + file.rowCount - 1);
+    const std::string path = fmt::format("{}/{}", storage_, storageId);
+    if (!file.pack && count >= file.rowCount) return readParquet(path);
+    const std::string all =
+        file.pack ? packOf(file) : readParquet(path, ", file_row_number = true");
+    return fmt::format("(FROM {} WHERE file_row_number >= {} AND file_row_number < {})", all,
+                       file.firstRow, file.firstRow + std::min(count, file.rowCount));
   }
 
   const std::string name;
@@ -150,6 +188,33 @@ class SqlViews::Run {
   UniqueNames names_;
   std::map<int, std::string> columns_;
 };
+
+void SqlViews::View::add(const std::vector<Column>& given, std::string query) {
+  if (columns.empty()) columns = given;
+  for (std::size_t i = 0; i < given.size(); ++i) {
+    std::string& type = columns[i].type;
+    // DuckDB would make floats of floats and integers of 32 bits. It finds a type for integers.
+    if (type == given[i].type || !(isFloating(type) || isFloating(given[i].type))) continue;
+    type = type.back() == ']' ? "DOUBLE[]" : "DOUBLE";
+    isMixed = true;
+  }
+  if (!query.empty()) queries.push_back(std::move(query));
+}
+
+std::string SqlViews::View::text() const {
+  std::vector<std::string> all;
+  // Without rows, it says what the types are.
+  if (isMixed || queries.empty()) {
+    std::vector<std::string> nulls;
+    for (const Column& column : columns) {
+      nulls.push_back(fmt::format("NULL::{} AS {}", column.type, identifier(column.name)));
+    }
+    all.push_back(fmt::format("SELECT {} WHERE false", joined(nulls, ", ")));
+  }
+  all.insert(all.end(), queries.begin(), queries.end());
+  return fmt::format("CREATE OR REPLACE VIEW {} AS\n{};\n", identifier(name),
+                     joined(all, "\nUNION ALL\n"));
+}
 
 void SqlViews::add(const std::string& run, const std::string& folder, const RecordingReader& reader,
                    const std::vector<SignalInfo>& signals) {
@@ -163,46 +228,46 @@ void SqlViews::add(const std::string& run, const std::string& folder, const Reco
 }
 
 SqlViews::View& SqlViews::viewOf(const std::string& wanted, const std::string& kind) {
-  const bool isNameOfTable = lowerCase(wanted).rfind("table_", 0) == 0;
-  const std::string name = isNameOfTable ? wanted + " (signal)" : wanted;
-  const auto [found, isNew] = kinds_.try_emplace(lowerCase(name), kind, views_.size());
-  if (isNew) views_.push_back({name, {}});
-  if (found->second.first == kind) return views_[found->second.second];
-  return viewOf(fmt::format("{} ({})", wanted, kind), kind);
+  const auto [found, isNew] = viewOfSignals_.try_emplace({lowerCase(wanted), kind}, views_.size());
+  if (!isNew) return views_[found->second];
+  std::string name = wanted;
+  while (!viewNames_.insert(lowerCase(name)).second) name += fmt::format(" ({})", kind);
+  views_.push_back({name, {}, {}});
+  return views_.back();
 }
 
 void SqlViews::addSignal(const Run& run, const SignalInfo& signal, const std::string& table) {
-  const std::string kind = kindOf(signal);
-  View& view = viewOf(run.columnOf(signal), kind);
+  const ValueType type = valueTypeOf(signal);
+  View& view = viewOf(run.columnOf(signal), type.kind);
   const std::string number = fmt::format("{}", signal.signalId);
-  signals_.push_back(fmt::format(
-      "({}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {})", run.name, number, literal(view.name),
-      literal(signal.name), literal(signal.unit), literal(signal.description),
-      literal(std::string(typeName(signal.dataType))), signal.rowCount,
-      signal.timeSpan ? fmt::format("{}::DOUBLE", signal.timeSpan->from) : "NULL",
-      signal.timeSpan ? fmt::format("{}::DOUBLE", signal.timeSpan->to) : "NULL", table));
-  if (!signal.dataStorageId) {
-    view.queries.push_back(emptyQuery(run.name, kind));
-    return;
-  }
-  std::string time = "NULL::DOUBLE";
-  std::string from = run.rowsOf(*signal.dataStorageId) + " d";
-  if (signal.timeStorageId) {
-    time = "t.data";
-    from = run.rowsOf(*signal.timeStorageId) + " t POSITIONAL JOIN " + from;
-  } else if (run.reader.timeCount(signal.signalId) > 0) {
-    time = "d.time";
-  }
-  view.queries.push_back(fmt::format("SELECT {} AS run, {} AS time, {} AS value{}\nFROM {}",
-                                     run.name, time, valueOf(kind, "d.data"),
-                                     hasShape(kind) ? ", d.dimension AS shape" : "", from));
-  const bool isPacked = run.content(*signal.dataStorageId).pack && signal.timeStorageId &&
-                        run.content(*signal.timeStorageId).pack;
-  if (!isNumber(kind) || isPacked) return;
-  samples_.queries.push_back(
-      fmt::format("SELECT {} AS run, {} AS id, {} AS signal, {} AS time, d.data::DOUBLE AS value\n"
-                  "FROM {}",
-                  run.name, number, literal(view.name), time, from));
+  signals_.push_back(fmt::format("({}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {})", run.name, number,
+                                 literal(view.name), literal(signal.name), literal(signal.unit),
+                                 literal(signal.description),
+                                 literal(std::string(typeName(signal.dataType))), signal.rowCount,
+                                 signal.timeSpan ? literal(signal.timeSpan->from) : "NULL",
+                                 signal.timeSpan ? literal(signal.timeSpan->to) : "NULL", table));
+  std::vector<Column> columns{{"run", "VARCHAR"}, {"time", "DOUBLE"}, {"value", type.name}};
+  if (type.hasShape) columns.push_back({"shape", "UBIGINT[]"});
+  const std::uint64_t rows = run.reader.pairCount(signal.signalId);
+  const std::string samples =
+      signal.dataStorageId ? run.rowsOf(*signal.dataStorageId, rows) + " d" : "";
+  const std::string times =
+      signal.timeStorageId ? run.rowsOf(*signal.timeStorageId, rows) + " t" : "";
+  if (rows == 0 || (samples.empty() && times.empty())) return view.add(columns, "");
+
+  const bool hasTimes = run.reader.timeCount(signal.signalId) > 0;
+  const char* const time = !times.empty() ? "t.data" : hasTimes ? "d.time" : "NULL::DOUBLE";
+  const std::string from =
+      times.empty() || samples.empty() ? times + samples : times + " POSITIONAL JOIN " + samples;
+  const std::string value = samples.empty() ? "NULL::" + type.name : type.of("d.data");
+  const char* const shape =
+      samples.empty() ? ", NULL::UBIGINT[] AS shape" : ", d.dimension AS shape";
+  view.add(columns, fmt::format("SELECT {} AS run, {} AS time, {} AS value{}\nFROM {}", run.name,
+                                time, value, type.hasShape ? shape : "", from));
+  if (!type.isNumber() || samples.empty() || run.isPacked(signal)) return;
+  samples_.add({}, fmt::format("SELECT {} AS run, {} AS id, {} AS signal, {} AS time, "
+                               "d.data::DOUBLE AS value\nFROM {}",
+                               run.name, number, literal(view.name), time, from));
 }
 
 // Packs are read once for all signals.
@@ -210,15 +275,15 @@ void SqlViews::addPackedSamples(const Run& run, const std::vector<SignalInfo>& s
   std::vector<std::string> packed;
   std::map<std::string, std::map<int, std::uint64_t>> packs;
   for (const SignalInfo& signal : signals) {
-    if (!isNumber(kindOf(signal)) || !signal.dataStorageId || !signal.timeStorageId) continue;
+    const ValueType type = valueTypeOf(signal);
+    if (!type.isNumber() || !run.isPacked(signal)) continue;
     const int parts[] = {*signal.timeStorageId, *signal.dataStorageId};
-    if (!run.content(parts[0]).pack || !run.content(parts[1]).pack) continue;
     for (const int part : parts) {
       packs[run.packOf(run.content(part))][part] = run.content(part).firstRow;
     }
     packed.push_back(fmt::format("({}, {}, {}, {})", signal.signalId,
-                                 literal(viewOf(run.columnOf(signal), kindOf(signal)).name),
-                                 parts[0], parts[1]));
+                                 literal(viewOf(run.columnOf(signal), type.kind).name), parts[0],
+                                 parts[1]));
   }
   if (packed.empty()) return;
   std::vector<std::string> rows;
@@ -227,16 +292,15 @@ void SqlViews::addPackedSamples(const Run& run, const std::vector<SignalInfo>& s
     for (const auto& [id, first] : contents) places.push_back(fmt::format("({}, {})", id, first));
     rows.push_back(
         fmt::format("SELECT storage, file_row_number - first_row AS row, data::DOUBLE AS data\n"
-                    "FROM read_parquet({}, file_row_number = true)\n"
-                    "JOIN (VALUES {}) places(storage, first_row) USING (storage)",
+                    "FROM {}\nJOIN (VALUES {}) places(storage, first_row) USING (storage)",
                     pack, joined(places, ", ")));
   }
   const std::string relation = joined(rows, "\nUNION ALL\n");
-  samples_.queries.push_back(
-      fmt::format("SELECT {} AS run, id, signal, t.data AS time, d.data AS value\n"
-                  "FROM (VALUES {}) s(id, signal, times, samples)\nJOIN (\n{}\n) d ON d.storage = "
-                  "s.samples\nLEFT JOIN (\n{}\n) t ON t.storage = s.times AND t.row = d.row",
-                  run.name, joined(packed, ", "), relation, relation));
+  samples_.add({}, fmt::format("SELECT {} AS run, id, signal, t.data AS time, d.data AS value\n"
+                               "FROM (VALUES {}) s(id, signal, times, samples)\n"
+                               "JOIN (\n{}\n) d ON d.storage = s.samples\n"
+                               "JOIN (\n{}\n) t ON t.storage = s.times AND t.row = d.row",
+                               run.name, joined(packed, ", "), relation, relation));
 }
 
 std::map<int, std::string> SqlViews::addTables(const Run& run,
@@ -245,7 +309,7 @@ std::map<int, std::string> SqlViews::addTables(const Run& run,
   constexpr std::size_t kMostColumns = 500;
   std::multimap<int, std::vector<const SignalInfo*>> groups;
   for (const SignalInfo& signal : signals) {
-    const bool fits = signal.timeStorageId && signal.dataStorageId && !hasShape(kindOf(signal));
+    const bool fits = signal.timeStorageId && signal.dataStorageId && !valueTypeOf(signal).hasShape;
     if (!fits) continue;
     const auto [first, last] = groups.equal_range(*signal.timeStorageId);
     const bool isFull = first == last || std::prev(last)->second.size() == kMostColumns;
@@ -256,28 +320,27 @@ std::map<int, std::string> SqlViews::addTables(const Run& run,
   }
   std::map<int, std::string> tables;
   for (const auto& [times, group] : groups) {
+    const std::uint64_t rows = run.content(times).rowCount;
     std::vector<std::string> sources{
-        fmt::format("(SELECT data AS time FROM {} t)", run.rowsOf(times))};
-    std::vector<std::string> columns;
+        fmt::format("(SELECT data AS time FROM {} t)", run.rowsOf(times, rows))};
+    std::vector<Column> columns{{"run", "VARCHAR"}, {"time", "DOUBLE"}};
+    std::string names;
     std::string key;
     for (const SignalInfo* signal : group) {
-      const std::string kind = kindOf(*signal);
+      const ValueType type = valueTypeOf(*signal);
       const std::string& name = run.columnOf(*signal);
-      // The time has its name, whatever signals are called.
-      const std::string column = identifier(lowerCase(name) == "time" || lowerCase(name) == "run"
-                                                ? fmt::format("{} ({})", name, signal->signalId)
-                                                : name);
-      sources.push_back(fmt::format("(SELECT {} AS {} FROM {} d)", valueOf(kind, "d.data"), column,
-                                    run.rowsOf(*signal->dataStorageId)));
-      columns.push_back(column);
-      key += column + kind + ";";
+      columns.push_back({name, type.name});
+      sources.push_back(fmt::format("(SELECT {} AS {} FROM {} d)", type.of("d.data"),
+                                    identifier(name), run.rowsOf(*signal->dataStorageId, rows)));
+      names += ", " + identifier(name);
+      key += identifier(lowerCase(name)) + type.kind;
     }
     const auto [found, isNew] = tableOf_.try_emplace(key, tables_.size());
-    if (isNew) tables_.push_back({fmt::format("table_{}", tables_.size() + 1), {}});
+    if (isNew) tables_.push_back({fmt::format("table_{}", tables_.size() + 1), {}, {}});
     View& table = tables_[found->second];
-    table.queries.push_back(
-        fmt::format("SELECT {} AS run, time, {}\nFROM {}", run.name, joined(columns, ", "),
-                    besideEachOther(sources.data(), sources.data() + sources.size())));
+    table.add(columns,
+              fmt::format("SELECT {} AS run, time{}\nFROM {}", run.name, names,
+                          besideEachOther(sources.data(), sources.data() + sources.size())));
     for (const SignalInfo* signal : group) tables[signal->signalId] = table.name;
   }
   return tables;
@@ -285,27 +348,28 @@ std::map<int, std::string> SqlViews::addTables(const Run& run,
 
 std::string SqlViews::text(const std::string& query) const {
   const std::string asked = lowerCase(query);
-  std::string text;
+  const auto isIn = [&](std::string_view word) { return asked.find(word) != std::string::npos; };
+  constexpr std::array<std::string_view, 7> kForNames{
+      "show", "duckdb_", "information_schema", "pragma", "sqlite_", ".tables", ".schema"};
+  const bool isForAll = asked.empty() || std::any_of(kForNames.begin(), kForNames.end(), isIn);
+  // A query has quotation marks in a name twice.
   const auto isAsked = [&](const std::string& name) {
-    // A name in quotation marks has its own ones twice.
-    return asked.empty() || asked.find(lowerCase(name)) != std::string::npos ||
-           name.find('"') != std::string::npos;
+    return isForAll || isIn(lowerCase(name)) || name.find('"') != std::string::npos;
   };
-  const auto addView = [&](const View& view) {
-    if (view.queries.empty() || !isAsked(view.name)) return;
-    text += fmt::format("CREATE OR REPLACE VIEW {} AS\n{};\n", identifier(view.name),
-                        joined(view.queries, "\nUNION ALL\n"));
-  };
-  for (const View& view : views_) addView(view);
-  for (const View& table : tables_) addView(table);
-  addView(samples_);
-  if (!signals_.empty() && isAsked("signals")) {
-    text += fmt::format(
-        "CREATE OR REPLACE TABLE signals AS\nFROM (VALUES\n{}\n) signals(run, id, signal, name, "
-        "unit, description, type, \"rows\", first_time, last_time, in_table);\n",
-        joined(signals_, ",\n"));
+  std::string text;
+  for (const std::vector<View>* views : {&views_, &tables_}) {
+    for (const View& view : *views) {
+      if (isAsked(view.name)) text += view.text();
+    }
   }
-  return text;
+  if (isAsked("samples")) text += samples_.text();
+  if (!isAsked("signals")) return text;
+  text +=
+      "CREATE OR REPLACE TABLE signals(run VARCHAR, id INTEGER, signal VARCHAR, name VARCHAR, "
+      "unit VARCHAR, description VARCHAR, type VARCHAR, \"rows\" UBIGINT, first_time DOUBLE, "
+      "last_time DOUBLE, in_table VARCHAR);\n";
+  if (signals_.empty()) return text;
+  return text + fmt::format("INSERT INTO signals VALUES\n{};\n", joined(signals_, ",\n"));
 }
 
 }  // namespace kyr::tool
