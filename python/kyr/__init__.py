@@ -50,6 +50,7 @@ from ._envelope import Envelope
 from ._recording import Recording
 from ._samples import Samples
 from ._saving import recover, save
+from ._scan import Scan, scan
 from ._signal import Signal
 from ._table import Table
 from ._tool import import_csv
@@ -68,6 +69,7 @@ __all__ = [
     "Recording",
     "Recovery",
     "Samples",
+    "Scan",
     "Signal",
     "SignalComparison",
     "SignalWriter",
@@ -78,6 +80,7 @@ __all__ = [
     "record",
     "recover",
     "save",
+    "scan",
     "verify",
 ]
 

@@ -300,6 +300,15 @@ def verify(folder: bytes) -> list[str]:
 def recover(folder: bytes) -> Recovery:
     """Makes a recording of what its writer left."""
 
+def scan(runs: Sequence[tuple[str, bytes]], names: Sequence[str] | None) -> CapsuleType:
+    """
+    The scalar numbers of recordings as a capsule of Arrow's C stream interface. A
+    recording is a name and a folder; names are those of signals, or patterns, or None.
+    """
+
+def is_recording(folder: bytes) -> bool:
+    """Whether a folder holds a recording, finished or not."""
+
 class SignalWriter:
     """A signal that is being recorded. `Recorder.add()` makes it."""
 

@@ -11,6 +11,7 @@ from . import _core, _show
 from ._plot import plot_signals
 from ._signal import Signal
 from ._table import Table, chosen, table_of
+from ._tool import run
 from ._types import Kind
 
 TYPE_CHECKING = False  # Importing the module typing takes long.
@@ -177,6 +178,38 @@ class Recording(collections.abc.Mapping):
         from ._xarray import dataset
 
         return dataset(self, is_lazy=False)
+
+    def duckdb(self, connection: Any = None) -> Any:
+        """A connection to DuckDB with views of the signals, which read the files where they are.
+
+        ::
+
+            r.duckdb().sql("select max(value) from speed where time < 10")
+
+        Each signal has a view under its name, with the columns run, time and value; `samples` has
+        all scalar numbers, `table_1` and so on the signals that share times, and `signals` tells of
+        each signal. `kyr sql --help` has the rest. DuckDB compares nothing with checksums.
+
+        :param connection: gets the views and is returned; a new one without it
+        """
+        if connection is None:
+            try:
+                import duckdb
+            except ImportError as error:
+                text = "Recording.duckdb() needs the module duckdb, which pip installs"
+                raise ImportError(text, name="duckdb") from error
+            connection = duckdb.connect()
+        infos = {info.id: info for info in self._reader.signals()}
+        options = []
+        if self._ids is not None:
+            # A number may be the name of another signal.
+            names = {info.name for info in infos.values()}
+            texts = [infos[i].name if str(i) in names else str(i) for i in self._ids]
+            options = [f"--signal={text}" for text in texts]
+            if not options:
+                raise ValueError(f"{self._path}: no signal is selected")
+        connection.execute(run("sql", *options, "--", self._path).stdout)
+        return connection
 
     # ---- the whole recording -------------------------------------------------------------------
 

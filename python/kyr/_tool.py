@@ -25,6 +25,29 @@ def main() -> None:
         sys.exit(f"kyr: the tool is missing from this installation: {error}")
 
 
+def run(*arguments: Any) -> Any:
+    """Runs the tool in a process of its own. What it printed is in `stdout` and `stderr`.
+
+    :raises Error: with the tool's own words
+    """
+    import subprocess
+
+    try:
+        result = subprocess.run(
+            [program(), *arguments], capture_output=True, encoding="utf-8", errors="replace"
+        )
+    except OSError as error:
+        raise Error(f"the tool cannot be started: {error}") from None
+    if result.returncode != 0:
+        messages = _messages(result.stderr)
+        raise Error("\n".join(messages) or f"the tool ended with {result.returncode}")
+    return result
+
+
+def _messages(text):
+    return [line.removeprefix("kyr: ") for line in text.splitlines() if line.strip()]
+
+
 def import_csv(
     file: str | os.PathLike[str],
     path: str | os.PathLike[str],
@@ -40,15 +63,6 @@ def import_csv(
     :param options: further ones of `kyr import`, such as ["--time", "t", "--delimiter", ";"]
     :return: the tool's warnings, such as columns that hold no numbers
     """
-    import subprocess
-
-    arguments = [program(), "import", *map(os.fspath, options)]
-    arguments += ["--pack"] * pack + ["--force"] * replace + ["--", os.fspath(file), os.fspath(path)]
-    try:
-        result = subprocess.run(arguments, capture_output=True, text=True, errors="replace")
-    except OSError as error:
-        raise Error(f"the tool cannot be started: {error}") from None
-    lines = [line.removeprefix("kyr: ") for line in result.stderr.splitlines() if line.strip()]
-    if result.returncode != 0:
-        raise Error("\n".join(lines) or f"the tool ended with {result.returncode}")
-    return lines
+    arguments = ["import", *map(os.fspath, options), *["--pack"] * pack, *["--force"] * replace]
+    warnings = run(*arguments, "--", os.fspath(file), os.fspath(path)).stderr
+    return _messages(warnings)

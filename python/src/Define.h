@@ -14,6 +14,7 @@ void defineColumns(nb::module_& module);
 void defineComparison(nb::module_& module);
 void defineRepair(nb::module_& module);
 void defineResampling(nb::module_& module);
+void defineScan(nb::module_& module);
 void defineSignalWriter(nb::module_& module);
 void defineWriting(nb::module_& module);
 

@@ -14,5 +14,6 @@ NB_MODULE(_core, module) {
   kyr::python::defineColumns(module);
   kyr::python::defineComparison(module);
   kyr::python::defineRepair(module);
+  kyr::python::defineScan(module);
   kyr::python::defineWriting(module);
 }

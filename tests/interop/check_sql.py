@@ -283,7 +283,7 @@ def check_queries(kyr, out):
     check("format alone", run(kyr, "sql", out / "names", "--format", "csv", expect=2).stdout, "")
 
     only = query("SELECT signal FROM signals ORDER BY ALL", "--format", "csv", "--signal", "table*",
-                 "--signal", "[b]*").stdout
+                 "--signal", "[b]*", "--signal", "blob").stdout
     check("patterns", only.split(), ["signal", "blob", "table_x"])
     assert "no_such" in run(kyr, "sql", out / "names", "--signal", "no_such", expect=1).stderr
     with package.record(out / "live") as recorder:

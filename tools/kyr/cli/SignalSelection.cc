@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <set>
 #include <stdexcept>
 
 #include "cli/Text.h"
@@ -50,6 +51,15 @@ std::vector<SignalInfo> chosenSignals(const recording::RecordingReader& reader,
     for (const int id : ids) signals.push_back(reader.signal(id));
     if (ids.empty()) signals.push_back(signalCalled(all, name, folder));
   }
+  return signals;
+}
+
+std::vector<SignalInfo> distinctSignals(std::vector<SignalInfo> signals) {
+  std::set<int> ids;
+  const auto isRepeated = [&](const SignalInfo& signal) {
+    return !ids.insert(signal.signalId).second;
+  };
+  signals.erase(std::remove_if(signals.begin(), signals.end(), isRepeated), signals.end());
   return signals;
 }
 

@@ -20,4 +20,7 @@ std::vector<recording::SignalInfo> chosenSignals(const recording::RecordingReade
                                                  const std::vector<std::string>& names,
                                                  const std::string& folder);
 
+/// Each signal once, however often it was named.
+std::vector<recording::SignalInfo> distinctSignals(std::vector<recording::SignalInfo> signals);
+
 }  // namespace kyr::tool

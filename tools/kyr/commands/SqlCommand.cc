@@ -139,7 +139,8 @@ int runSql(const SqlOptions& options) {
   for (std::size_t i = 0; i < names.size(); ++i) {
     const std::string& folder = options.folders[i];
     const recording::RecordingReader reader(Path::fromNarrow(folder));
-    views.add(names[i], folder, reader, chosenSignals(reader, options.signals, folder));
+    views.add(names[i], folder, reader,
+              distinctSignals(chosenSignals(reader, options.signals, folder)));
   }
   const std::string text = views.text(options.query);
   if (options.query.empty()) {

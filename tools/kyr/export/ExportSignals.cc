@@ -23,16 +23,6 @@ using recording::SignalInfo;
 
 namespace {
 
-// A table has a signal once, however often it is named.
-std::vector<SignalInfo> distinctSignals(std::vector<SignalInfo> signals) {
-  std::set<int> ids;
-  const auto isRepeated = [&](const SignalInfo& signal) {
-    return !ids.insert(signal.signalId).second;
-  };
-  signals.erase(std::remove_if(signals.begin(), signals.end(), isRepeated), signals.end());
-  return signals;
-}
-
 // A byte string need not be a text: the table says that it is one only where all samples are.
 bool holdsTexts(const SignalInfo& signal, const recording::RecordingReader& reader) {
   if (signal.category != Scalar || signal.dataType != ByteString) return false;
