@@ -131,6 +131,8 @@ class RowEnds {
         ends_.back() = ++items_;
       } else if (definitions[i] != emptyLevel_) {
         refuse("holds nulls");
+      } else if (repetitions[i] != 0) {
+        refuse("has an empty list within a row");
       }
     }
   }

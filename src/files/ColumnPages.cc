@@ -88,7 +88,7 @@ class ListPages {
     std::string definitions;
     if (isComplete_) {
       page_.levels = rowStarts();
-      putLevel(definitions, page_.values, kItem);
+      definitions = levelsOfFullLists(static_cast<std::uint64_t>(page_.values));
     } else {
       std::vector<std::uint32_t> repetitionLevels;
       std::vector<std::uint32_t> definitionLevels;
@@ -180,6 +180,12 @@ class ListPages {
 bool isListOfNumbers(const ::parquet::ColumnDescriptor& column) {
   return column.max_repetition_level() == 1 && column.max_definition_level() == kItem &&
          physicalWidth(column.physical_type()) > 0;
+}
+
+std::string levelsOfFullLists(std::uint64_t count) {
+  std::string levels;
+  putLevel(levels, static_cast<std::int64_t>(count), kItem);
+  return levels;
 }
 
 void forEachPage(const ::arrow::ChunkedArray& values, const ::parquet::ColumnDescriptor& column,

@@ -40,6 +40,9 @@ struct ColumnPage {
 /// Whether a column holds lists of numbers; lists and numbers may both be null.
 bool isListOfNumbers(const ::parquet::ColumnDescriptor& column);
 
+/// The definition levels of so many numbers in such lists, none of which is missing.
+std::string levelsOfFullLists(std::uint64_t count);
+
 /// Divides a column of numbers, or of lists of numbers, into pages.
 /// \param width  bytes of a value in a page
 /// \param visit  gets one page after the other

@@ -19,6 +19,13 @@ namespace {
   throw std::runtime_error(fmt::format("{}: {}", file.path().string(), what));
 }
 
+ItemMemory endOf(ByteBuffer& buffer) {
+  return [&buffer](std::size_t bytes, std::size_t) {
+    buffer.extend(bytes);
+    return buffer.data() + buffer.size() - bytes;
+  };
+}
+
 std::shared_ptr<::arrow::Schema> withoutTimes(const ::arrow::Schema& schema) {
   ::arrow::FieldVector fields;
   for (const auto& field : schema.fields()) {
@@ -90,11 +97,11 @@ void ContentFile::decode(std::size_t index, DecodedGroup& group) {
       elements.extend(static_cast<std::size_t>(count) * width_);
       file_->readNumbers(columnNames::data, first, count, elements.data());
     } else {
-      file_->readGroup(columnNames::data, index, elements, shapes.rowEnds);
+      file_->readGroup(columnNames::data, index, endOf(elements), shapes.rowEnds);
     }
     if (schema_.dimensionIndex < 0) return;
     ByteBuffer extents;
-    file_->readGroup(columnNames::dimension, index, extents, shapes.extentEnds);
+    file_->readGroup(columnNames::dimension, index, endOf(extents), shapes.extentEnds);
     shapes.extents.resize(extents.size() / sizeof(std::uint64_t));
     std::memcpy(shapes.extents.data(), extents.data(), extents.size());
   });

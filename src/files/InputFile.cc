@@ -8,6 +8,7 @@
 #include <parquet/statistics.h>
 
 #include <algorithm>
+#include <cstring>
 #include <numeric>
 #include <stdexcept>
 #include <system_error>
@@ -131,6 +132,7 @@ struct InputFile::Window {
   std::size_t count = 0;
   std::shared_ptr<::parquet::FileMetaData> metadata;  // of these row groups only
   std::unique_ptr<PlainColumn> plain;                 // if the first column is one of numbers
+  std::unique_ptr<PlainLists> lists;                  // or of lists of them
 
  private:
   std::unique_ptr<ColumnDecoder> decoder_;
@@ -168,6 +170,7 @@ InputFile::Window& InputFile::openGroups(std::size_t first, std::size_t count) c
   window->count = count;
   window->metadata = parseMetadata(records_->index.metadata(first, count));
   window->plain = PlainColumn::make(*window->metadata, file_->size());
+  if (!window->plain) window->lists = PlainLists::make(*window->metadata, file_->size());
   window_ = std::move(window);
   return *window_;
 }
@@ -242,6 +245,13 @@ bool InputFile::holdsOnlyNumbers(const ::arrow::DataType* type) const {
   if (storedSchema().num_fields() != 1 || leaves_[0].width == 0) return false;
   const ::arrow::Field& field = *stored_->field(0);
   return field.name() == columnNames::data && (!type || field.type()->Equals(*type));
+}
+
+bool InputFile::holdsOnlyLists(const ::arrow::DataType& itemType) const {
+  if (storedSchema().num_fields() != 1 || leaves_[0].itemWidth == 0) return false;
+  const ::arrow::Field& field = *stored_->field(0);
+  return field.name() == columnNames::data && field.type()->id() == ::arrow::Type::LIST &&
+         field.type()->field(0)->type()->Equals(itemType);
 }
 
 const InputFile::Leaves& InputFile::leavesOf(const std::string& column) const {
@@ -362,7 +372,7 @@ void InputFile::readNumbers(const std::string& column, std::uint64_t first, std:
   });
 }
 
-void InputFile::readGroup(const std::string& column, std::size_t group, ByteBuffer& items,
+void InputFile::readGroup(const std::string& column, std::size_t group, const ItemMemory& items,
                           std::vector<std::uint64_t>& ends) {
   const Leaves& leaves = leavesOf(column);
   if (leaves.itemWidth == 0) {
@@ -373,8 +383,16 @@ void InputFile::readGroup(const std::string& column, std::size_t group, ByteBuff
   checkBatches(rowStart(group), rows);
   naming([&] {
     Window& window = openRows(rowStart(group), rows);
-    window.decoder().readRows(static_cast<int>(group - window.first), leaves.first,
-                              leaves.itemWidth, items, ends);
+    const std::size_t opened = group - window.first;
+    if (window.lists && leaves.first == 0 &&
+        window.lists->readGroup(*file_, opened, leaves.itemWidth, items, ends)) {
+      return;
+    }
+    ByteBuffer decoded;
+    window.decoder().readRows(static_cast<int>(opened), leaves.first, leaves.itemWidth, decoded,
+                              ends);
+    if (decoded.size() == 0) return;
+    std::memcpy(items(decoded.size(), /*rest=*/0), decoded.data(), decoded.size());
   });
 }
 
@@ -438,59 +456,6 @@ void InputFile::checkBatch(std::size_t batch) {
                        fmt::format("the checksum of batch {} does not fit them", batch));
   }
   (*checked_)[batch] = true;
-}
-
-bool isGrowingFile(const ByteSource& file) {
-  RecordLimits limits;
-  limits.end = file.size();
-  limits.wantedRows = 0;
-  return recordsFromStart(file, limits).has_value();
-}
-
-namespace {
-
-std::optional<GrowingRecords> growingRecords(const ByteSource& file, std::uint64_t rows,
-                                             bool checks) {
-  // A file that is being written may get another end between two looks at it.
-  constexpr int kAttempts = 4;
-  RecordLimits limits;
-  for (int attempt = 0; attempt < kAttempts && file.size() != limits.end; ++attempt) {
-    limits.end = file.size();
-    if (auto records = recordsFromFooter(file, limits.end)) return records;
-  }
-  // Batch records never change, so that those that are whole can be relied on.
-  limits.end = file.size();
-  limits.wantedRows = rows;
-  limits.checks = checks;
-  return recordsFromStart(file, limits);
-}
-
-std::shared_ptr<InputFile> opened(std::shared_ptr<const ByteSource> file,
-                                  std::optional<GrowingRecords> records, BatchChecks checks) {
-  if (!records) throw std::runtime_error(file->path().string() + ": no growing file");
-  return std::make_shared<InputFile>(std::move(file),
-                                     std::make_shared<GrowingRecords>(*std::move(records)), checks);
-}
-
-}  // namespace
-
-std::shared_ptr<InputFile> openGrowingFile(std::shared_ptr<const ByteSource> file,
-                                           std::uint64_t rows, BatchChecks checks) {
-  auto records = growingRecords(*file, rows, /*checks=*/false);
-  return opened(std::move(file), std::move(records), checks);
-}
-
-std::shared_ptr<InputFile> openGrowingFile(const std::filesystem::path& path) {
-  auto file = std::make_shared<const DiskFile>(path, DiskFile::Mode::readOnly);
-  auto records = growingRecords(*file, RecordLimits::kAll, /*checks=*/true);
-  return opened(std::move(file), std::move(records), BatchChecks::no);
-}
-
-std::shared_ptr<InputFile> openAnyFile(std::shared_ptr<const ByteSource> file, std::uint64_t rows,
-                                       BatchChecks checks) {
-  auto records = growingRecords(*file, rows, /*checks=*/false);
-  if (!records) return std::make_shared<InputFile>(std::move(file));
-  return opened(std::move(file), std::move(records), checks);
 }
 
 }  // namespace kyr::parquet

@@ -15,10 +15,10 @@
 #include <utility>
 #include <vector>
 
+#include "files/PlainLists.h"
 #include "files/growing/GrowingRecords.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "platform/ByteSource.h"
-#include "schema/ByteBuffer.h"
 
 namespace kyr::parquet {
 
@@ -97,11 +97,14 @@ class InputFile {
   /// \param column  of numbers, none of which is null
   void readNumbers(const std::string& column, std::uint64_t first, std::uint64_t count, char* out);
 
-  /// Appends all rows of a row group, decoded page by page.
+  /// Whether a column "data" of lists of numbers is the only one.
+  bool holdsOnlyLists(const ::arrow::DataType& itemType) const;
+  /// Appends all rows of a row group. Plain pages go straight from the file to the caller's memory,
+  /// others are decoded.
   /// \param column  of lists of numbers, or of blobs; neither rows nor items may be null
-  /// \param items  receives the numbers, or the bytes
+  /// \param items  gives memory for the numbers, or the bytes
   /// \param ends  receives where the items of each row end, counted on from the last end
-  void readGroup(const std::string& column, std::size_t group, ByteBuffer& items,
+  void readGroup(const std::string& column, std::size_t group, const ItemMemory& items,
                  std::vector<std::uint64_t>& ends);
 
   /// The rows of the row groups that have some of the bytes [from, to); all rows if those bytes
@@ -215,6 +218,38 @@ bool readOnlyColumn(std::shared_ptr<const ByteSource> file, const ::arrow::DataT
     input.metadata();
     const std::size_t width = input.numberWidth(columnNames::data);
     readColumn(input, columnNames::data, width, 0, input.rows(), out);
+    return true;
+  } catch (const std::system_error&) {
+    throw;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+/// Replaces \p items and \p ends by all lists of a file that holds nothing else.
+/// \param ends  receives where the items of each row end
+/// \return whether it is such a file, and a sound one; the others are overwritten in any case
+/// \throws std::system_error naming the file if it cannot be read
+template <typename T>
+bool readOnlyLists(std::shared_ptr<const ByteSource> file, const ::arrow::DataType& itemType,
+                   std::vector<T>& items, std::vector<std::uint64_t>& ends) {
+  const ItemMemory memory = [&items](std::size_t bytes, std::size_t rest) {
+    const std::size_t had = items.size();
+    if (items.capacity() - had < (bytes + rest) / sizeof(T)) {
+      items.reserve(had + (bytes + rest) / sizeof(T));
+    }
+    items.resize(had + bytes / sizeof(T));
+    return reinterpret_cast<char*>(items.data() + had);
+  };
+  try {
+    InputFile input(std::move(file));
+    if (!input.holdsOnlyLists(itemType)) return false;
+    input.metadata();
+    items.clear();
+    ends.clear();
+    for (std::size_t group = 0; group < input.rowGroups(); ++group) {
+      input.readGroup(columnNames::data, group, memory, ends);
+    }
     return true;
   } catch (const std::system_error&) {
     throw;

@@ -51,8 +51,6 @@ class PlainColumn {
 
   void add(const ::parquet::RowGroupMetaData& group, std::uint64_t fileSize);
   bool findNextPage(const ByteSource& file, Group& group) const;
-  bool readValues(const ByteSource& file, std::uint64_t offset, std::uint64_t count,
-                  char* out) const;
 
   std::size_t width_;   // of a value in memory
   std::size_t stored_;  // in the file

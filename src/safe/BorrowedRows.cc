@@ -52,9 +52,11 @@ bool BorrowedRows::readTimes(std::vector<double>& times) {
   return true;
 }
 
-bool BorrowedRows::readElements(const ::arrow::DataType& type, std::vector<char>& elements) {
+bool BorrowedRows::readElements(const ::arrow::DataType& type, std::vector<char>& elements,
+                                std::vector<int>& sizes) {
   const auto reader = content_.open();
   if (!holdsNumbers(*reader, type)) return false;
+  sizes.clear();
   readColumn(*reader, columnNames::data, reader->width(), 0, count(), elements);
   return true;
 }

@@ -30,7 +30,8 @@ class BorrowedRows final : public ContentRows {
   std::optional<HeldRows> inMemory(std::uint64_t from, std::uint64_t to) override;
   Tables read(std::uint64_t from, std::uint64_t to) override;
   bool readTimes(std::vector<double>& times) override;
-  bool readElements(const ::arrow::DataType& type, std::vector<char>& elements) override;
+  bool readElements(const ::arrow::DataType& type, std::vector<char>& elements,
+                    std::vector<int>& sizes) override;
   const BatchDigests* digests() const override { return &digests_; }
   const ContentSummary* summary() const override { return &content_.summary; }
   std::unique_ptr<ContentRows> moveToOwnFile() override;

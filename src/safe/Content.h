@@ -64,8 +64,9 @@ class Content : public std::enable_shared_from_this<Content> {
   }
   Tables read(std::uint64_t from, std::uint64_t to) { return rows_->read(from, to); }
   bool readTimes(std::vector<double>& times) { return rows_->readTimes(times); }
-  bool readElements(const ::arrow::DataType& type, std::vector<char>& elements) {
-    return rows_->readElements(type, elements);
+  bool readElements(const ::arrow::DataType& type, std::vector<char>& elements,
+                    std::vector<int>& sizes) {
+    return rows_->readElements(type, elements, sizes);
   }
 
   /// All rows in memory, where they are read to if they are not there.

@@ -54,10 +54,12 @@ class ContentRows {
   /// The times that were read last are kept for others who read the same file.
   /// \return whether they are
   virtual bool readTimes(std::vector<double>& /*times*/) { return false; }
-  /// Replaces \p elements by all rows, if they are numbers of \p type in a file that can be read
-  /// without tables.
+  /// Replaces \p elements by all rows, if they are numbers of \p type, or lists of them, in a file
+  /// that can be read without tables.
+  /// \param sizes  receives the numbers in each list; none if the rows are numbers
   /// \return whether they are
-  virtual bool readElements(const ::arrow::DataType& /*type*/, std::vector<char>& /*elements*/) {
+  virtual bool readElements(const ::arrow::DataType& /*type*/, std::vector<char>& /*elements*/,
+                            std::vector<int>& /*sizes*/) {
     return false;
   }
 

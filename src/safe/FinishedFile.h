@@ -45,6 +45,20 @@ class FinishedFile {
   bool readNumbers(const ::arrow::DataType& type, std::vector<T>& out) const {
     return readOnlyColumn(file_, &type, out);
   }
+  /// The same for a column of lists of \p type.
+  /// \param sizes  receives the numbers in each list
+  bool readLists(const ::arrow::DataType& type, std::vector<char>& out,
+                 std::vector<int>& sizes) const {
+    std::vector<std::uint64_t> ends;
+    if (!readOnlyLists(file_, type, out, ends)) return false;
+    sizes.clear();
+    sizes.reserve(ends.size());
+    std::uint64_t begin = 0;
+    for (const std::uint64_t end : ends) {
+      sizes.push_back(static_cast<int>(end - std::exchange(begin, end)));
+    }
+    return true;
+  }
 
  private:
   FinishedFile(std::shared_ptr<const DiskFile> file, std::int64_t now)

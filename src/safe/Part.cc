@@ -299,8 +299,9 @@ bool Part::readTimes(std::vector<double>& times) {
   return isAllOfContent() && content_->readTimes(times);
 }
 
-bool Part::readElements(const ::arrow::DataType& type, std::vector<char>& elements) {
-  return isAllOfContent() && content_->readElements(type, elements);
+bool Part::readElements(const ::arrow::DataType& type, std::vector<char>& elements,
+                        std::vector<int>& sizes) {
+  return isAllOfContent() && content_->readElements(type, elements, sizes);
 }
 
 }  // namespace kyr::parquet

@@ -73,7 +73,8 @@ class Part {
 
   /// As ContentRows::readTimes() and readElements(), if the part is all of a content.
   bool readTimes(std::vector<double>& times);
-  bool readElements(const ::arrow::DataType& type, std::vector<char>& elements);
+  bool readElements(const ::arrow::DataType& type, std::vector<char>& elements,
+                    std::vector<int>& sizes);
 
   void setBatchRows(std::size_t rows) { batchRows_ = rows; }
   void setCodec(const AskedCodec& codec) { codec_ = codec; }

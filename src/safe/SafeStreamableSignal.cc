@@ -21,8 +21,9 @@ PartRows readRows(Part& part, const SampleSchema& schema, std::uint64_t from, st
   constexpr std::uint64_t kSlice = 131'072;
   if (const auto there = part.inMemory(from, to)) return PartRows(there->rows);
   PartRows rows;
-  if (from == 0 && schema.kind == ColumnKind::flat && to >= part.rows()) {
-    if (part.readElements(*schema.elementType, reused)) {
+  const bool isSingleColumn = schema.kind != ColumnKind::blob && schema.dimensionIndex < 0;
+  if (from == 0 && isSingleColumn && to >= part.rows()) {
+    if (part.readElements(*schema.elementType, reused, rows.sizes)) {
       rows.bytes.swap(reused);
       return rows;
     }

@@ -94,10 +94,8 @@ void SafeWholeSignal::getData(std::vector<double>& time, std::vector<char>& data
   if (!data_.id()) return;
   const auto there = data_.inMemory(0, kAll);
   const SampleSchema& schema = store_->layouts().sampleSchema(label_->category, label_->dataType);
-  if (!there && schema.kind == ColumnKind::flat && data_.readElements(*schema.elementType, data)) {
-    lengths.clear();
-    return;
-  }
+  const bool isSingleColumn = schema.kind != ColumnKind::blob && schema.dimensionIndex < 0;
+  if (!there && isSingleColumn && data_.readElements(*schema.elementType, data, lengths)) return;
   PartRows rows;
   if (there) {
     rows = PartRows(there->rows);

@@ -142,10 +142,15 @@ bool StoredRows::readTimes(std::vector<double>& times) {
   });
 }
 
-bool StoredRows::readElements(const ::arrow::DataType& type, std::vector<char>& elements) {
+bool StoredRows::readElements(const ::arrow::DataType& type, std::vector<char>& elements,
+                              std::vector<int>& sizes) {
   const auto open = currentFile();
-  return open->readNumbers(type, elements) &&
-         (!shape_ || elements.size() == shape_->count * shape_->width);
+  sizes.clear();
+  const bool areLists = shape_ && shape_->schema.kind == ColumnKind::list;
+  if (!areLists && open->readNumbers(type, elements)) {
+    return !shape_ || elements.size() == shape_->count * shape_->width;
+  }
+  return open->readLists(type, elements, sizes) && (!shape_ || sizes.size() == shape_->count);
 }
 
 bool StoredRows::copyFile(const std::filesystem::path& path, bool sync) {

@@ -57,7 +57,8 @@ class StoredRows final : public ContentRows {
   }
   Tables read(std::uint64_t from, std::uint64_t to) override;
   bool readTimes(std::vector<double>& times) override;
-  bool readElements(const ::arrow::DataType& type, std::vector<char>& elements) override;
+  bool readElements(const ::arrow::DataType& type, std::vector<char>& elements,
+                    std::vector<int>& sizes) override;
   const BatchDigests* digests() const override { return &digests_; }
   const ContentSummary* summary() const override {
     return origin_ == Origin::written ? &summary_ : nullptr;

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -102,6 +103,24 @@ class ParquetSerializerWorker::Impl {
     }
   }
 
+  // The same for a file whose only column is one of lists of \p type.
+  template <typename T>
+  bool readLists(int id, const ::arrow::DataType& type, std::vector<T>& values,
+                 std::vector<int>& offsets) const {
+    std::vector<std::uint64_t> ends;
+    try {
+      const auto path = filePath(id).toFilesystem();
+      const auto file = std::make_shared<const DiskFile>(path, DiskFile::Mode::readOnly);
+      if (!readOnlyLists(file, type, values, ends)) return false;
+    } catch (const std::exception&) {
+      return false;
+    }
+    if (!ends.empty() && ends.back() > std::numeric_limits<std::int32_t>::max()) return false;
+    offsets.assign(1, 0);
+    offsets.insert(offsets.end(), ends.begin(), ends.end());
+    return true;
+  }
+
   std::string existingFile(int id) const {
     const Path path = filePath(id);
     if (!fileSystem::exists(path)) throw std::runtime_error(path.toNarrow() + " does not exists.");
@@ -135,6 +154,7 @@ class ParquetSerializerWorker::Impl {
   void readTyped(int id, const std::shared_ptr<::arrow::DataType>& type, std::vector<double>* time,
                  std::vector<V>& values, std::vector<int>& offsets, Dimensions& dimensions) const {
     if (!time && readFlat(id, *type, values)) return offsets.clear();
+    if (!time && readLists(id, *type, values, offsets)) return;
     const StoredTable stored = readStored(id, /*withTime=*/time != nullptr);
     if (time) stored.readTime(*time);
     stored.readValues(type, values, offsets);
