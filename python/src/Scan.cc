@@ -235,6 +235,7 @@ class Scan final : public ::arrow::RecordBatchReader {
 nb::capsule scanStream(const std::vector<std::pair<std::string, nb::bytes>>& runs,
                        std::optional<std::vector<std::string>> names) {
   std::vector<Run> found;
+  found.reserve(runs.size());
   for (const auto& [name, folder] : runs) {
     found.push_back({name, std::string(folder.c_str(), folder.size())});
   }

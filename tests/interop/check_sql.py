@@ -218,8 +218,8 @@ def check_files(kyr, sample_writer, odd_recording, out):
 
 
 def check_folders(kyr, out):
-    # What the first name would match as a pattern.
-    for index, name in enumerate(["a1xx", *ODD_FOLDERS]):
+    # What others would match as patterns comes first.
+    for index, name in enumerate(["a1xx", "{x,y}zz", *ODD_FOLDERS]):
         (out / name).mkdir(parents=True)
         package.save(out / name / "run", {"x": ([0.0], [float(index)])})
         for ask in map(lambda f: f(run_sql(kyr, out / name / "run")), (by_module, by_program)):

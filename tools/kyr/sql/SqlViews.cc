@@ -56,6 +56,8 @@ std::string readParquet(const std::string& path, const char* options = "") {
   return fmt::format("read_parquet({}, hive_partitioning = false{})", literal(pattern), options);
 }
 
+constexpr const char* kRowNumbers = ", file_row_number = true";
+
 /// What the samples are to SQL.
 struct ValueType {
   std::string kind;  ///< the same for all samples of a view
@@ -163,20 +165,18 @@ class SqlViews::Run {
            content(*signal.dataStorageId).pack;
   }
 
-  std::string packOf(const FileInfo& file) const {
-    return readParquet(fmt::format("{}/pack-{}.parquet", storage_, *file.pack),
-                       ", file_row_number = true");
+  std::string fileOf(const FileInfo& content) const {
+    return content.pack ? fmt::format("{}/pack-{}.parquet", storage_, *content.pack)
+                        : fmt::format("{}/{}", storage_, content.storageId);
   }
 
   /// The first rows of a content, as a relation.
   std::string rowsOf(int storageId, std::uint64_t count) const {
     const FileInfo& file = content(storageId);
-    const std::string path = fmt::format("{}/{}", storage_, storageId);
-    if (!file.pack && count >= file.rowCount) return readParquet(path);
-    const std::string all =
-        file.pack ? packOf(file) : readParquet(path, ", file_row_number = true");
-    return fmt::format("(FROM {} WHERE file_row_number >= {} AND file_row_number < {})", all,
-                       file.firstRow, file.firstRow + std::min(count, file.rowCount));
+    if (!file.pack && count >= file.rowCount) return readParquet(fileOf(file));
+    return fmt::format("(FROM {} WHERE file_row_number >= {} AND file_row_number < {})",
+                       readParquet(fileOf(file), kRowNumbers), file.firstRow,
+                       file.firstRow + std::min(count, file.rowCount));
   }
 
   const std::string name;
@@ -279,7 +279,8 @@ void SqlViews::addPackedSamples(const Run& run, const std::vector<SignalInfo>& s
     if (!type.isNumber() || !run.isPacked(signal)) continue;
     const int parts[] = {*signal.timeStorageId, *signal.dataStorageId};
     for (const int part : parts) {
-      packs[run.packOf(run.content(part))][part] = run.content(part).firstRow;
+      const FileInfo& content = run.content(part);
+      packs[readParquet(run.fileOf(content), kRowNumbers)][part] = content.firstRow;
     }
     packed.push_back(fmt::format("({}, {}, {}, {})", signal.signalId,
                                  literal(viewOf(run.columnOf(signal), type.kind).name), parts[0],
