@@ -59,7 +59,7 @@ class Examples(ToolTest):
         folder.mkdir()
         for name in ("run.csv", "log.csv"):
             shutil.copy(self.folder / name, folder)
-        if not re.search(r"kyr (import|record|demo)", example):
+        if "--like" in example or not re.search(r"kyr (import|record|demo)", example):
             for name in ("run", "run42"):
                 shutil.copytree(self.folder / name, folder / name)
         process = self.start(example, folder)

@@ -64,8 +64,8 @@ links). They are compared bit by bit first. Each recording is replaced in one st
 and stays as it was for all who read it. It may be changed, saved again or deleted without regard to
 the others. All must be on one file system, and finished.
 
-The programs rsync and tar keep what is shared if they are told to: rsync --hard-links, and tar as it
-is for all recordings in one archive.
+Copies keep what is shared only if they are told to: rsync --hard-links, or one archive of tar with
+all recordings.
 
 Examples:
   kyr dedup run run42)help");
