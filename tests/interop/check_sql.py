@@ -172,6 +172,13 @@ def check_alike(kyr, out):
         check("views", [len(views), len({*views.values()})], [4, 3])
         check("other", ask(f"SELECT value FROM {quoted(views['run1kind'])}"), [(1.5,)])
         check("rows", ask("SELECT run, value FROM rows"), [("run1", 1.5)])
+    for run, values in enumerate((np.array([2**31 - 1], "int32"), np.array([0.5], "float32"))):
+        package.save(out / f"table{run}", {"x": ([0.0], values), "same": ([0.0], [1.0])})
+    for ask in map(lambda f: f(run_sql(kyr, out / "table0", out / "table1")),
+                   (by_module, by_program)):
+        check("table", ask("SELECT x, run FROM table_1"),
+              [(2.0**31 - 1, "table0"), (0.5, "table1")])
+        check("tables", ask("SELECT DISTINCT in_table FROM signals"), [("table_1",)])
 
 
 def run_sql(kyr, *arguments):
