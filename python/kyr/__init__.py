@@ -39,6 +39,7 @@ from . import _core
 from ._core import (
     ComparedSample,
     DamagedError,
+    Deduplication,
     Error,
     GroupWriter,
     Recovery,
@@ -49,7 +50,7 @@ from ._diff import Comparison, diff
 from ._envelope import Envelope
 from ._recording import Recording
 from ._samples import Samples
-from ._saving import recover, save
+from ._saving import dedup, recover, save
 from ._scan import Scan, scan
 from ._signal import Signal
 from ._table import Table
@@ -62,6 +63,7 @@ __all__ = [
     "ComparedSample",
     "Comparison",
     "DamagedError",
+    "Deduplication",
     "Envelope",
     "Error",
     "GroupWriter",
@@ -74,6 +76,7 @@ __all__ = [
     "SignalComparison",
     "SignalWriter",
     "Table",
+    "dedup",
     "diff",
     "import_csv",
     "open",

@@ -294,6 +294,29 @@ class Recovery:
 
     def __repr__(self) -> str: ...
 
+class Deduplication:
+    """What a recording shares with others."""
+
+    @property
+    def contents(self) -> int:
+        """Contents of the recording."""
+
+    @property
+    def shared(self) -> int:
+        """Of these, the ones in files that others have, too."""
+
+    @property
+    def saved_bytes(self) -> int: ...
+
+    @property
+    def left_alone(self) -> str:
+        """Why the recording stayed as it was; empty if it did not."""
+
+    def __repr__(self) -> str: ...
+
+def deduplicate(like: Sequence[bytes], folders: Sequence[bytes]) -> list[Deduplication]:
+    """Lets the folders share files with those of like, and with each other."""
+
 def verify(folder: bytes) -> list[str]:
     """One line per fault; none for a sound recording."""
 

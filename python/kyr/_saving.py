@@ -10,7 +10,7 @@ from ._writing import Recorder
 
 TYPE_CHECKING = False  # Importing the module typing takes long.
 if TYPE_CHECKING:
-    from typing import Any, Mapping
+    from typing import Any, Iterable, Mapping
 
 
 _PACK_BELOW = 1 << 20  # bytes of a signal
@@ -24,6 +24,7 @@ def save(
     descriptions: Mapping[str, str] | None = None,
     pack: bool = False,
     replace: bool = False,
+    like: str | os.PathLike[str] | None = None,
 ) -> None:
     """Saves arrays as a recording, in one step: afterwards it is there, or nothing is.
 
@@ -32,11 +33,14 @@ def save(
     :param units: by name
     :param pack: many small signals share files, which is smaller and quicker
     :param replace: a recording that is there is replaced
+    :param like: a recording whose files are shared where samples or times are equal; see `dedup()`
     """
     for given, what in ((units, "units"), (descriptions, "descriptions")):
         unknown = sorted(set(given or {}) - set(signals))
         if unknown:
             raise ValueError(f"{what} of unknown signals: {', '.join(map(repr, unknown))}")
+    likes = [] if like is None else [os.fsencode(like)]
+    _core.deduplicate(likes, [])  # tells before the work what is wrong with them
     folder = _core.WorkingFolder(os.fsencode(path))
     try:
         pack_below = _PACK_BELOW if pack else 0
@@ -56,6 +60,8 @@ def save(
             recorder.abandon()
     finally:
         folder.remove()
+    if likes:
+        _core.deduplicate(likes, [os.fsencode(path)])
 
 
 def _described(name, pair):
@@ -82,3 +88,15 @@ def _described(name, pair):
 def recover(path: str | os.PathLike[str]) -> _core.Recovery:
     """Makes a recording of what its writer left. Tells what is there and what was lost."""
     return _core.recover(os.fsencode(path))
+
+
+def dedup(paths: Iterable[str | os.PathLike[str]]) -> list[_core.Deduplication]:
+    """Lets recordings share the files of what they have in common. The first ones keep theirs.
+
+    Each recording is replaced in one step, or left as it was. It may be changed or deleted without
+    regard to the others. What went wrong is raised; recordings before the one that failed are done.
+
+    :param paths: folders of finished recordings on one file system
+    :return: what became of each of them
+    """
+    return _core.deduplicate([], [os.fsencode(path) for path in paths])

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Define.h"
+#include "kyr/recording/Deduplication.h"
 #include "kyr/recording/RecordingInfo.h"
 #include "kyr/recording/Recovery.h"
 
@@ -27,6 +28,39 @@ recording::RecoveryResult recover(const nb::bytes& folder) {
   const Path path = pathOf(folder);
   const nb::gil_scoped_release release;
   return recording::recoverRecording(path);
+}
+
+std::vector<recording::DeduplicationReport> deduplicate(const std::vector<nb::bytes>& like,
+                                                        const std::vector<nb::bytes>& folders) {
+  std::vector<Path> known;
+  std::vector<Path> paths;
+  for (const nb::bytes& folder : like) known.push_back(pathOf(folder));
+  for (const nb::bytes& folder : folders) paths.push_back(pathOf(folder));
+  const nb::gil_scoped_release release;
+  recording::Deduplicator deduplicator;
+  for (const Path& path : known) deduplicator.add(path);
+  std::vector<recording::DeduplicationReport> reports;
+  for (const Path& path : paths) reports.push_back(deduplicator.deduplicate(path));
+  return reports;
+}
+
+void defineDeduplication(nb::module_& module) {
+  using namespace nb::literals;
+  using recording::DeduplicationReport;
+  nb::class_<DeduplicationReport>(module, "Deduplication", "What a recording shares with others.")
+      .def_ro("contents", &DeduplicationReport::contents, "Contents of the recording.")
+      .def_ro("shared", &DeduplicationReport::sharedContents,
+              "Of these, the ones in files that others have, too.")
+      .def_ro("saved_bytes", &DeduplicationReport::savedBytes)
+      .def_ro("left_alone", &DeduplicationReport::leftAlone,
+              "Why the recording stayed as it was; empty if it did not.")
+      .def("__repr__", [](const DeduplicationReport& report) {
+        return "<kyr.Deduplication: " + std::to_string(report.sharedContents) + " of " +
+               std::to_string(report.contents) + " contents shared, " +
+               std::to_string(report.savedBytes) + " bytes saved>";
+      });
+  module.def("deduplicate", deduplicate, "like"_a, "folders"_a,
+             "Lets the folders share files with those of like, and with each other.");
 }
 
 }  // namespace
@@ -58,6 +92,7 @@ void defineRepair(nb::module_& module) {
         return "<kyr.Recovery: " + std::to_string(result.signals.size()) + " signals, " +
                std::to_string(kept) + " rows kept, " + std::to_string(lost) + " lost>";
       });
+  defineDeduplication(module);
   module.def("verify", verify, "folder"_a, "One line per fault; none for a sound recording.");
   module.def("recover", recover, "folder"_a, "Makes a recording of what its writer left.");
 }

@@ -168,3 +168,26 @@ def test_csv_is_imported_by_the_tool(tmp_path):
         kyr.import_csv(tmp_path / "in.csv", tmp_path / "run")
     with pytest.raises(kyr.Error, match="no such file|none.csv"):
         kyr.import_csv(tmp_path / "none.csv", tmp_path / "other")
+
+
+def test_equal_samples_share_files(tmp_path):
+    t = np.arange(5000.0)
+
+    def signals(changed):
+        return {"a": (t, np.sin(t)), "b": (t, np.cos(t) + changed), "c": (t, t > 7)}
+
+    for i in range(3):
+        kyr.save(tmp_path / f"run{i}", signals(i), like=tmp_path / "run0" if i == 2 else None)
+    _, second = kyr.dedup([tmp_path / "run0", tmp_path / "run1"])
+    assert (second.contents, second.shared, second.left_alone) == (4, 3, "")
+    assert second.saved_bytes > 0
+    for i in range(3):
+        recording = kyr.open(tmp_path / f"run{i}")
+        for name, (times, values) in signals(i).items():
+            np.testing.assert_array_equal(recording[name].read()[0], times)
+            np.testing.assert_array_equal(recording[name].read()[1], values)
+        files = [path.stat().st_nlink for path in (tmp_path / f"run{i}" / "storage").iterdir()]
+        assert sorted(files) == [1, 3, 3, 3]
+    with pytest.raises(kyr.Error, match="nowhere"):
+        kyr.save(tmp_path / "run4", signals(4), like=tmp_path / "nowhere")
+    assert not (tmp_path / "run4").exists()
