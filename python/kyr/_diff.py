@@ -105,10 +105,12 @@ def _line(signal):
         if what != "description"
     ]
     if signal.rows_out:
-        parts.append(f"{signal.rows_out} of {signal.rows_compared} rows from {signal.first_out:g} on")
+        rows = f"{signal.rows_out} of {signal.rows_compared} rows"
+        parts.append(f"{rows} from {signal.first_out:g} on")
     if signal.worst is not None:
         worst = signal.worst
-        parts.append(f"error {worst.error:g} at {worst.time:g}: {worst.reference!r}, {worst.other!r}")
+        values = f"{worst.reference!r}, {worst.other!r}"
+        parts.append(f"error {worst.error:g} at {worst.time:g}: {values}")
     for rows, where in (
         (signal.rows_only_in_reference, "reference"),
         (signal.rows_only_in_other, "other"),

@@ -46,6 +46,11 @@ std::vector<SignalComparison> compare(const nb::bytes& reference, const nb::byte
   options.signals = std::move(signals);
   options.ignored = std::move(ignored);
   if (followLinks) options.reader.links = Links::followed;
+  // Ctrl-C, which Python shows to its first thread only.
+  options.checkpoint = [] {
+    const nb::gil_scoped_acquire acquire;
+    if (PyErr_CheckSignals() != 0) throw nb::python_error();
+  };
   const nb::gil_scoped_release release;
   return recording::compareRecordings(one, another, options).signals;
 }

@@ -203,8 +203,9 @@ class PairComparison {
 
   template <typename Number>
   std::pair<ComparisonRows<Number>, ComparisonRows<Number>> bothRows(bool readsOthersTimes) const {
-    return {ComparisonRows<Number>(reference_, a_.signalId, hasTimes_),
-            ComparisonRows<Number>(other_, b_.signalId, hasTimes_ && readsOthersTimes)};
+    return {ComparisonRows<Number>(reference_, a_.signalId, hasTimes_, options_.checkpoint),
+            ComparisonRows<Number>(other_, b_.signalId, hasTimes_ && readsOthersTimes,
+                                   options_.checkpoint)};
   }
 
   // Smallest and largest value of scalars, unless these must be read.
@@ -226,7 +227,7 @@ class PairComparison {
       const double room = options_.rangeTol * range->second - options_.rangeTol * range->first;
       return {std::max(atol, static_cast<Number>(room))};
     }
-    ComparisonRows<Number> rows(reference_, a_.signalId, /*hasTimes=*/false);
+    ComparisonRows<Number> rows(reference_, a_.signalId, /*hasTimes=*/false, options_.checkpoint);
     // The elements of varying shapes are taken together.
     const std::size_t elements = std::max<std::size_t>(1, rows.elements());
     const Number most = std::numeric_limits<Number>::infinity();

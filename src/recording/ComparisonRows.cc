@@ -49,8 +49,10 @@ bool needsLongDouble(const SignalInfo& signal) {
 }
 
 template <typename Number>
-ComparisonRows<Number>::ComparisonRows(const RecordingReader& reader, int id, bool hasTimes)
+ComparisonRows<Number>::ComparisonRows(const RecordingReader& reader, int id, bool hasTimes,
+                                       const std::function<void()>& checkpoint)
     : reader_(reader),
+      checkpoint_(&checkpoint),
       id_(id),
       kind_(comparedKindOf(reader.signal(id))),
       hasTimes_(hasTimes),
@@ -67,6 +69,7 @@ ComparisonRows<Number>::ComparisonRows(const RecordingReader& reader, int id, bo
 template <typename Number>
 bool ComparisonRows<Number>::load() {
   if (end_ >= count_) return false;
+  if (*checkpoint_) (*checkpoint_)();
   const std::size_t known = times_.size();
   if (blocks_) {
     const SampleBlock* const block = blocks_->next();

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -31,7 +32,9 @@ class ComparisonRows {
  public:
   /// \param reader  must outlive the object
   /// \param hasTimes  whether times are read
-  ComparisonRows(const RecordingReader& reader, int id, bool hasTimes);
+  /// \param checkpoint  called before rows are read; may be empty, and must outlive the object
+  ComparisonRows(const RecordingReader& reader, int id, bool hasTimes,
+                 const std::function<void()>& checkpoint);
 
   /// All rows of the signal.
   std::uint64_t count() const { return count_; }
@@ -74,6 +77,7 @@ class ComparisonRows {
   void noteTimes(std::size_t from);
 
   const RecordingReader& reader_;
+  const std::function<void()>* checkpoint_;
   int id_;
   ComparedKind kind_;
   bool hasTimes_;

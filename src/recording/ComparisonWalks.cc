@@ -217,12 +217,27 @@ class CurveWalk {
            judge_.areClear(a.rows.values(i), b.rows.values(j), scratch_.size());
   }
 
-  // Whether that holds for all samples at the time.
-  bool isGroupClear() const {
+  // Whether that holds for all samples at the time, and what the other curve has there.
+  bool isGroupClear() {
     const auto& [a, b] = curves_;
-    if (a.samples() != b.samples()) return false;
-    for (std::uint64_t k = 0; k < a.samples(); ++k) {
+    if (judge_.rtol() > 1) return false;
+    const bool arePairs = a.samples() == b.samples();
+    for (std::uint64_t k = 0; arePairs && k < a.samples(); ++k) {
       if (!isClear(a.at + k, b.at + k)) return false;
+    }
+    if (arePairs) return true;
+    for (auto& curve : curves_) findEnds(curve);
+    for (std::size_t side = 0; side < 2; ++side) {
+      for (std::uint64_t k = 0; k < curves_[side].samples(); ++k) {
+        findPartner(side, k, /*looksAround=*/false);
+        const Number* const values = curves_[side].rows.values(curves_[side].at + k);
+        const Number* const partner = scratch_.data();
+        const bool isReference = side == 0;
+        if (!judge_.areClear(isReference ? values : partner, isReference ? partner : values,
+                             scratch_.size())) {
+          return false;
+        }
+      }
     }
     return true;
   }
@@ -293,22 +308,27 @@ class CurveWalk {
   }
 
   bool isSampleIn(std::size_t side, std::uint64_t k) {
+    findPartner(side, k, hasReach_);
+    const std::uint64_t row = curves_[side].at + k;
+    const std::uint64_t latest = curves_[1 - side].latest();
+    const Number* const values = curves_[side].rows.values(row);
+    if (side == 0)
+      return judge_.passes({time_, row, latest}, values, scratch_.data(), scratch_.size());
+    return judge_.passes({time_, latest, row}, scratch_.data(), values, scratch_.size());
+  }
+
+  // Finds what a sample is compared with.
+  void findPartner(std::size_t side, std::uint64_t k, bool looksAround) {
     const Curve<Number>& own = curves_[side];
     const Curve<Number>& other = curves_[1 - side];
     const Number* const values = own.rows.values(own.at + k);
-    const bool isReference = side == 0;
     for (std::size_t i = 0; i < scratch_.size(); ++i) {
       const auto allowed = [&](Number found) {
-        return judge_.allowedAt(isReference ? values[i] : found, i);
+        return judge_.allowedAt(side == 0 ? values[i] : found, i);
       };
-      scratch_[i] = hasReach_ ? other.window.nearest(values[i], i, allowed)
-                              : partner(other, k, own.samples(), values[i], i);
+      scratch_[i] = looksAround ? other.window.nearest(values[i], i, allowed)
+                                : partner(other, k, own.samples(), values[i], i);
     }
-    const std::uint64_t row = own.at + k;
-    const RowPlace at{time_, isReference ? row : other.latest(),
-                      isReference ? other.latest() : row};
-    return judge_.passes(at, isReference ? values : scratch_.data(),
-                         isReference ? scratch_.data() : values, scratch_.size());
   }
 
   // What a curve has where the other one has the k-th of its samples at the same time.

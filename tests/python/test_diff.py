@@ -38,7 +38,8 @@ class Curve:
         """What the curve comes from and goes on with."""
         first, end = self.at(time)
         if self.holds:
-            return self.values[first - 1 if end - first < 2 and first else first], self.values[end - 1]
+            left = first - 1 if end - first < 2 and first else first
+            return self.values[left], self.values[end - 1]
         if end > first:
             return self.values[first], self.values[end - 1]
         return (self.line(first - 1, time),) * 2
@@ -59,12 +60,11 @@ class Curve:
         if math.isnan(value) and len(known) < len(values) or not known:
             return NAN
         if self.holds and not math.isnan(value):
-            above, below = (
-                [each for each in known if (each >= value) == is_above] for is_above in (True, False)
-            )
+            above = [each for each in known if each >= value]
+            below = [each for each in known if each < value]
             sides = ([min(above)] if above else []) + ([max(below)] if below else [])
-            distance = lambda each: abs(each - value)
-            return min(sides, key=lambda each: (ratio(distance(each), allowed(each)), distance(each)))
+            far = {each: abs(each - value) for each in sides}
+            return min(sides, key=lambda each: (ratio(far[each], allowed(each)), far[each]))
         return min(known) if math.isnan(value) else min(max(value, min(known)), max(known))
 
     def partner(self, k, count, value, time):
@@ -169,16 +169,16 @@ def random_rounds(tmp_path, seed, rounds, signals, elements):
         for name, (one, other, holds) in pairs.items():
             one, other = (Curve(t, v.astype(float), holds) for t, v in (one, other))
             compared, out, first, worst = brute(one, other, **tolerances)
-            signal = found[name]
+            each = found[name]
             results.append(out > 0)
-            if signal.is_known_equal:
+            if each.is_known_equal:
                 assert out == 0 and worst == 0
                 continue
             where = f"round {round}, {name}: {tolerances}, {pairs[name]}"
-            assert (signal.rows_compared, signal.rows_out) == (compared, out), where
-            assert signal.first_out == first, where
-            assert (signal.verdict == "equal") == (out == 0 and compared > 0), where
-            excess = signal.worst.excess if signal.worst else 0.0
+            assert (each.rows_compared, each.rows_out) == (compared, out), where
+            assert each.first_out == first, where
+            assert (each.verdict == "equal") == (out == 0 and compared > 0), where
+            excess = each.worst.excess if each.worst else 0.0
             assert excess == pytest.approx(worst, rel=1e-12), where
     assert 0.1 < np.mean(results) < 0.9
 

@@ -3,6 +3,7 @@
 #include <limits>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 
 #include "kyr/recording/Comparison.h"
@@ -468,6 +469,12 @@ TEST_F(ComparisonTest, LongSignalsAreReadInBlocks) {
   // Within 1 s, a curve has had all values of that second, but for those beyond its ends.
   EXPECT_EQ(compare(reference, other, within(0.5, 0, 0, 1.0 / 49'999)).rowsOut, 2U);
   EXPECT_EQ(compare(reference, denser, within(0.5, 0, 0, 1.0 / 49'999)).rowsOut, 3U);
+}
+
+TEST_F(ComparisonTest, CanBeStopped) {
+  ComparisonOptions options;
+  options.checkpoint = [] { throw std::runtime_error("stopped"); };
+  EXPECT_EQ(errorOf([&] { compare("0:0 1:1", "0:0 1:2", options); }), "stopped");
 }
 
 TEST_F(ComparisonTest, DamageIsNoDifference) {

@@ -43,12 +43,12 @@ class Diff(ToolTest):
         self.make("b", speed=0.25, rows=80, extra="new", shift=1)
         lines = self.diff("--atol", 0.125, expect=1).splitlines()
         self.assertEqual([line.split()[0] for line in lines[:4]], ["name", "gear", "speed", "new"])
-        # Times over tolerance, error, at, A, B, first out, rows out, compared.
-        self.assertEqual(lines[1].split()[1:9], ["8", "1", "1.9", "0", "1", "1.9", "4", "80"])
-        self.assertEqual(lines[2].split()[1:3] + lines[2].split()[6:9],
-                         ["2", "0.25", "5", "30", "80"])
+        # By how much of the tolerance, error, at, A, B, first out, rows out.
+        self.assertEqual(lines[1].split()[1:10], "8 1 1.9 0 1 1.9 4 of 80".split())
+        self.assertEqual(lines[2].split()[1:3] + lines[2].split()[6:10],
+                         "2 0.25 5 30 of 80".split())
         self.assertIn("only in B", lines[3])
-        self.assertIn("0 to 9.9 s in A, 0 to 7.9 s in B", lines[2])
+        self.assertIn("A to 9.9 s, B to 7.9 s", lines[2])
         self.assertEqual(lines[5], "A is a, B is b. 4 signals: 1 equal, 2 differ, 1 only in B.")
         self.assertIn('Ends differ for 1 equal signal, compared where both are: "text"', lines[6])
         self.assertEqual(lines[7], "Tolerance of values: 0.125; of times: none.")

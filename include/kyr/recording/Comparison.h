@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -41,6 +42,8 @@ struct ComparisonOptions {
   std::vector<std::string> signals;
   std::vector<std::string> ignored;  ///< names and patterns of signals that are left out
   ReaderOptions reader = {};         ///< for both recordings
+  /// Called now and then by each thread that compares. What it throws ends the comparison.
+  std::function<void()> checkpoint = {};
 
   bool hasTolerance() const { return atol > 0 || rtol > 0 || rangeTol > 0 || timeTol > 0; }
 };

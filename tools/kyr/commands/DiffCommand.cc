@@ -78,9 +78,9 @@ int compare(const DiffOptions& options) {
   ComparisonReport report{options.reference, options.other, options.comparison,
                           static_cast<std::size_t>(options.limit), options.showsAll};
   report.options.otherNames = otherNamesOf(options);
+  report.options.checkpoint = stopIfInterrupted;
   const Comparison comparison = recording::compareRecordings(
       Path::fromNarrow(options.reference), Path::fromNarrow(options.other), report.options);
-  stopIfInterrupted();
   if (!options.page.empty()) writePage(comparison, options);
   const int verdict = comparison.isEqual() ? 0 : kDifferent;
   try {

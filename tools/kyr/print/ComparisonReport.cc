@@ -36,7 +36,10 @@ std::string endsText(const SignalComparison& signal) {
     return fmt::format("{} in A, {} in B", counted(signal.referenceRows, "row"),
                        counted(signal.otherRows, "row"));
   }
-  return fmt::format("{} to {} s in A, {} to {} s in B", a->from, a->to, b->from, b->to);
+  std::vector<std::string> ends;
+  if (a->from != b->from) ends.push_back(fmt::format("A from {} s, B from {} s", a->from, b->from));
+  if (a->to != b->to) ends.push_back(fmt::format("A to {} s, B to {} s", a->to, b->to));
+  return fmt::format("{}", fmt::join(ends, ", "));
 }
 
 std::string noteOf(const SignalComparison& signal) {
@@ -88,8 +91,9 @@ std::vector<std::string> cellsOf(const SignalComparison& signal, const Compariso
   }
   cells.push_back(signal.firstOut ? rounded(*signal.firstOut) : "-");
   const bool isRead = signal.rowsCompared + signal.rowsOut > 0;
-  cells.push_back(isRead ? grouped(signal.rowsOut) : "-");
-  cells.push_back(isRead ? grouped(signal.rowsCompared) : "-");
+  cells.push_back(
+      isRead ? fmt::format("{} of {}", grouped(signal.rowsOut), grouped(signal.rowsCompared))
+             : "-");
   cells.push_back(noteOf(signal));
   return cells;
 }
@@ -98,9 +102,8 @@ TextTable tableOf(const ComparisonReport& report) {
   constexpr auto kLeft = TextTable::Align::left;
   constexpr auto kRight = TextTable::Align::right;
   std::vector<TextTable::Column> columns{{"name", kLeft}};
-  if (report.options.hasTolerance()) columns.push_back({"error/tolerance", kRight});
-  for (const char* const title :
-       {"error", "at [s]", "A", "B", "first out [s]", "rows out", "compared"}) {
+  if (report.options.hasTolerance()) columns.push_back({"x tolerance", kRight});
+  for (const char* const title : {"error", "at [s]", "A", "B", "first out [s]", "rows out"}) {
     columns.push_back({title, kRight});
   }
   columns.push_back({"", kLeft});
