@@ -10,6 +10,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "files/DeltaEncoder.h"
 #include "files/PhysicalTypes.h"
 #include "files/ValueDictionary.h"
 #include "schema/ArrayMemory.h"
@@ -79,26 +80,39 @@ class ChunkWriter {
   }
 
   void writePage(const ColumnPage& page, Encoding::type encoding) {
+    const auto encoded = this->encoded(page, encoding);
+    if (encoded && encoded->size() <= page.values * std::int64_t{sizeof(Stored)}) {
+      return addData(page, encoding, {std::string_view(*encoded)});
+    }
     pieces_.clear();
     for (const auto& [values, count] : storedValues(page)) {
       pieces_.push_back(bytesOf(values, count));
     }
-    if (const auto shorter = encoded(encoding, page.values * std::int64_t{sizeof(Stored)})) {
-      return addData(page, encoding, {std::string_view(*shorter)});
-    }
     addData(page, Encoding::PLAIN, pieces_);
   }
 
-  // Encodes the values of runs_. Null if the encoding is not one for this type, or if it takes more
-  // than \p most bytes.
-  std::shared_ptr<::arrow::Buffer> encoded(Encoding::type encoding, std::int64_t most) const {
-    constexpr auto kEncoding = std::is_floating_point_v<Stored> ? Encoding::BYTE_STREAM_SPLIT
-                                                                : Encoding::DELTA_BINARY_PACKED;
-    if (encoding != kEncoding) return nullptr;
-    const auto encoder = ::parquet::MakeTypedEncoder<Type>(encoding);
-    for (const auto& [values, count] : runs_) encoder->Put(values, static_cast<int>(count));
-    auto buffer = encoder->FlushValues();
-    return buffer->size() > most ? nullptr : buffer;
+  // Null if the encoding is not one for this type.
+  std::shared_ptr<::arrow::Buffer> encoded(const ColumnPage& page, Encoding::type encoding) {
+    if constexpr (std::is_floating_point_v<Stored>) {
+      if (encoding != Encoding::BYTE_STREAM_SPLIT) return nullptr;
+      const auto encoder = ::parquet::MakeTypedEncoder<Type>(encoding);
+      for (const auto& [values, count] : storedValues(page)) {
+        encoder->Put(values, static_cast<int>(count));
+      }
+      return encoder->FlushValues();
+    } else {
+      if (encoding != Encoding::DELTA_BINARY_PACKED) return nullptr;
+      DeltaEncoder<Stored> encoder(static_cast<std::size_t>(page.values));
+      if (page.missing == 0) {
+        for (const auto& [array, from, count] : page.runs) {
+          const auto* values = reinterpret_cast<const Value*>(firstValue(*array));
+          encoder.add(values + from, static_cast<std::size_t>(count));
+        }
+      } else {
+        for (const auto& [values, count] : storedValues(page)) encoder.add(values, count);
+      }
+      return ::arrow::Buffer::FromString(encoder.finish());
+    }
   }
 
   // Finds all numbers before it writes anything. Returns false, and has written nothing, if there

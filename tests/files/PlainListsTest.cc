@@ -150,7 +150,7 @@ TEST_F(PlainListsTest, ReadsNoDamagedFileOtherwiseThanArrow) {
     const std::string whole = store.contents("0");
     const auto sound = read(*::arrow::int16());
     for (std::size_t at = 0; at < whole.size(); ++at) {
-      for (const char flip : {'\x01', '\x02', '\x80'}) {
+      for (const char flip : {'\x02', '\x81'}) {
         std::string changed = whole;
         changed[at] = static_cast<char>(changed[at] ^ flip);
         store.touch("0", changed);
