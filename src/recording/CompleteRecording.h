@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "kyr/recording/RecordingInfo.h"
@@ -15,13 +14,6 @@ namespace kyr::recording {
 /// \param syncsFiles  whether the files need to be synced
 /// \throws std::runtime_error naming the file; recording.json is as it was then
 void completeRecording(const Folder& folder, RecordingInfo info, bool syncsFiles = true);
-
-/// Whether that is the name of a finished pack.
-bool isPackName(std::string_view name);
-
-/// Whether a file of a storage folder may have that name: a number, with `.copy` behind it while
-/// the file is copied, or that of a finished or growing pack.
-bool isStorageName(std::string_view name);
 
 /// The entries of the folder's storage that are no files of \p info, ascending.
 std::vector<std::string> unnamedIn(const Folder& storage, const RecordingInfo& info);

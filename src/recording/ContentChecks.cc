@@ -81,7 +81,8 @@ std::string sampleFault(const SignalInfo& signal, const parquet::SampleSchema& s
 std::string countFault(const SignalInfo& signal, std::uint64_t rows) {
   if (rows == signal.rowCount) return "";
   return fmt::format(
-      "{} {} in storage/{}, expected {}", rows, signal.dataStorageId ? "samples" : "times",
+      "{} {} in the file of storage id {}, expected {}", rows,
+      signal.dataStorageId ? "samples" : "times",
       signal.dataStorageId ? *signal.dataStorageId : signal.timeStorageId.value_or(0),
       signal.rowCount);
 }

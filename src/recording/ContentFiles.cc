@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "recording/ContentChecks.h"
+#include "recording/LiveState.h"
 #include "recording/RecordingFolder.h"
 
 namespace kyr::recording {
@@ -31,7 +32,7 @@ std::uint64_t endOf(const std::vector<parquet::ContentRun>& runs) {
 // What a description says of a file; empty if it does not list it.
 std::string checksumOf(const RecordingInfo& info, const std::string& name) {
   for (const FileInfo& file : info.files) {
-    if (!file.pack && std::to_string(file.storageId) == name) return file.checksum;
+    if (!file.pack && fileName(info, file) == name) return file.checksum;
   }
   for (const PackInfo& pack : info.packs) {
     if (packName(pack.number) == name) return pack.checksum;
@@ -167,7 +168,7 @@ std::shared_ptr<parquet::ContentReader> ContentFiles::openLive(const FileInfo& i
 
 std::shared_ptr<parquet::ContentReader> ContentFiles::openLiveFile(const FileInfo& info) {
   auto runs = livePacks().runsOf(info.storageId, 0);
-  if (runs.empty() || folder_->hasStored(std::to_string(info.storageId))) {
+  if (runs.empty() || folder_->hasStored(nameOf(info))) {
     try {
       auto content = openFile(info);
       extend(*content, info);
@@ -195,8 +196,12 @@ LivePacks& ContentFiles::livePacks() {
   return *livePacks_;
 }
 
+std::string ContentFiles::nameOf(const FileInfo& info) const {
+  return isLive_ ? nameOfLiveFile(*folder_, info.storageId) : fileName(*info_, info);
+}
+
 void ContentFiles::requireFile(const FileInfo& info) const {
-  const std::string name = info.pack ? packName(*info.pack) : std::to_string(info.storageId);
+  const std::string name = nameOf(info);
   const std::uint64_t expected = info.pack ? packInfo(*info.pack).size : info.size;
   try {
     const std::uint64_t size = folder_->sizeOfStored(name);
@@ -270,7 +275,7 @@ std::shared_ptr<const ByteSource> ContentFiles::checked(std::shared_ptr<const Di
 // The batches of a growing file have checksums of their own: damage in one place leaves the others
 // readable.
 std::shared_ptr<parquet::InputFile> ContentFiles::openInput(const FileInfo& info) {
-  const std::string name = std::to_string(info.storageId);
+  const std::string name = nameOf(info);
   const auto checks = checks_ ? parquet::BatchChecks::yes : parquet::BatchChecks::no;
   if (isLive_) return parquet::openAnyFile(openDisk(name), info.rowCount, checks);
   const auto disk = openSized(name, info);

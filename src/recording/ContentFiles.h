@@ -54,6 +54,8 @@ class ContentFiles {
   static void requireUse(const parquet::ContentReader& content, const ContentUse& use);
   /// The same with its columns unchecked.
   std::shared_ptr<parquet::ContentReader> open(int storageId);
+  /// The name of the file that has a content, in the storage folder.
+  std::string nameOf(const FileInfo& info) const;
   /// Throws if the file of a content is missing or of another size. It is not opened.
   void requireFile(const FileInfo& info) const;
 

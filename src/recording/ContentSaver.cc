@@ -27,10 +27,10 @@ FileDigest linkOrCopy(const fs::path& from, const fs::path& to) {
 
 }  // namespace
 
-ContentSaver::ContentSaver(fs::path directory, std::shared_ptr<parquet::SharedStore> store,
+ContentSaver::ContentSaver(FileOf fileOf, std::shared_ptr<parquet::SharedStore> store,
                            std::shared_ptr<const LentFolder> lent, fs::path storage,
                            const SaveOptions& options)
-    : directory_(std::move(directory)),
+    : fileOf_(std::move(fileOf)),
       store_(std::move(store)),
       lent_(std::move(lent)),
       storage_(std::move(storage)),
@@ -43,18 +43,18 @@ void ContentSaver::save(FileInfo& file) {
   if (isMissing ? pack(file, *content) : packFile(file)) return;
   if (!isMissing || !linkLent(file)) saveFile(file, isMissing ? content.get() : nullptr);
   if (!file.contentDigest.empty()) return;
-  describeRowsIn(std::make_shared<const DiskFile>(storage_ / std::to_string(file.storageId),
+  describeRowsIn(std::make_shared<const DiskFile>(storage_ / storageName(file.storageId),
                                                   DiskFile::Mode::readOnly),
                  file);
 }
 
 void ContentSaver::saveFile(FileInfo& file, Content* content) const {
-  const std::string name = std::to_string(file.storageId);
+  const fs::path to = storage_ / storageName(file.storageId);
   if (content != nullptr) {
-    content->writeCopy(storage_ / name, /*sync=*/false);
-    describeFile(file, digestFile(storage_ / name));
+    content->writeCopy(to, /*sync=*/false);
+    describeFile(file, digestFile(to));
   } else {
-    describeFile(file, linkOrCopy(directory_ / name, storage_ / name));
+    describeFile(file, linkOrCopy(fileOf_(file.storageId), to));
   }
 }
 
@@ -63,10 +63,8 @@ void ContentSaver::saveFile(FileInfo& file, Content* content) const {
 bool ContentSaver::linkLent(FileInfo& file) const {
   const FileInfo* const listed = lent_ ? lent_->wholeFile(file.storageId) : nullptr;
   if (listed == nullptr || listed->rowCount != file.rowCount) return false;
-  const std::string name = std::to_string(file.storageId);
-  const fs::path to = storage_ / name;
-  const fs::path from = lent_->path() / kStorageFolder / name;
-  if (shareFile(from, to) == Sharing::none) return false;
+  const fs::path to = storage_ / storageName(file.storageId);
+  if (shareFile(lent_->pathOf(*listed), to) == Sharing::none) return false;
   FileDigest digest = digestFile(to);
   if (digest.checksum != listed->checksum) {
     fs::remove(to);
@@ -85,9 +83,8 @@ bool ContentSaver::pack(FileInfo& file, Content& content) {
 }
 
 bool ContentSaver::packFile(FileInfo& file) {
-  const fs::path path = directory_ / std::to_string(file.storageId);
   if (file.rowCount >= packBelow_ || file.rowCount == 0) return false;
-  const auto stored = openFile(path);
+  const auto stored = openFile(fileOf_(file.storageId));
   const auto table = stored->read(0, stored->rows());
   const parquet::SampleSchema schema(table->schema());
   if (schema.dataIndex != 0 || schema.kind == parquet::ColumnKind::unsupported) return false;

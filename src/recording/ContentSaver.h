@@ -11,6 +11,7 @@
 #include "kyr/recording/RecordingInfo.h"
 #include "recording/LentFolder.h"
 #include "recording/PackWriter.h"
+#include "recording/RecordingSnapshot.h"
 #include "safe/Content.h"
 
 namespace kyr::recording {
@@ -19,11 +20,11 @@ namespace kyr::recording {
 /// packs.
 class ContentSaver {
  public:
-  /// \param directory  of the pool
+  /// \param fileOf  where the pool has its files
   /// \param store  of a safe pool, else null
   /// \param lent  the recording that the pool reads in place, if there is one; else null
   /// \param storage  folder of the recording's files
-  ContentSaver(std::filesystem::path directory, std::shared_ptr<parquet::SharedStore> store,
+  ContentSaver(FileOf fileOf, std::shared_ptr<parquet::SharedStore> store,
                std::shared_ptr<const LentFolder> lent, std::filesystem::path storage,
                const SaveOptions& options);
 
@@ -43,7 +44,7 @@ class ContentSaver {
   bool packRows(FileInfo& file, const parquet::SampleSchema& schema,
                 ::arrow::Compression::type codec, const parquet::RowSlice& rows);
 
-  std::filesystem::path directory_;
+  FileOf fileOf_;
   std::shared_ptr<parquet::SharedStore> store_;
   std::shared_ptr<const LentFolder> lent_;
   std::filesystem::path storage_;

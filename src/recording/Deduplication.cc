@@ -229,6 +229,7 @@ class Deduplicator::Impl {
     DeduplicationReport report;
     report.contents = info->files.size();
     const bool hasDigests =
+        info->formatVersion == kFormatVersion &&
         std::all_of(info->files.begin(), info->files.end(),
                     [](const FileInfo& file) { return !file.contentDigest.empty(); });
     if (!hasDigests) {

@@ -20,6 +20,7 @@ std::filesystem::path ContentIndex::Place::path() const {
 }
 
 void ContentIndex::add(const std::filesystem::path& folder, const RecordingInfo& info) {
+  if (info.formatVersion != kFormatVersion) return;  // it has no digests, and other names of files
   auto run = std::make_unique<Run>();
   for (const FileInfo& file : info.files) {
     const bool isNew = !file.contentDigest.empty() &&

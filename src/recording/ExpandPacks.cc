@@ -20,7 +20,7 @@
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "recording/LivePacks.h"
 #include "recording/RecordingFolder.h"
-#include "recording/StorageFiles.h"
+#include "recording/StorageNames.h"
 #include "safe/PartNotes.h"
 
 namespace kyr::recording {
@@ -77,6 +77,10 @@ class Expansion {
   };
 
   static std::string copyOf(int id) { return fmt::format("{}.copy", id); }
+
+  std::string nameOf(int id) const {
+    return storedName(id, [this](const std::string& name) { return storage_.has(name); });
+  }
 
   std::set<int> idsOfFiles() const {
     std::set<int> ids;
@@ -171,7 +175,7 @@ class Expansion {
 
   void expand(int id) {
     if (!isInPacks(id)) return;
-    const std::string name = std::to_string(id);
+    const std::string name = nameOf(id);
     auto all = packedRows(id);
     auto notes = notesOf(id);
     std::uint64_t ownRows = 0;

@@ -85,8 +85,7 @@ bool isTemporary(const fs::path& path) {
 // A file of a storage: named by a number or as a pack, and Parquet, or cut off before it was.
 bool isStorageFile(const fs::path& path) {
   const std::string name = path.filename().string();
-  const bool isPack = name.rfind("pack-", 0) == 0 && endsWith(name, ".parquet");
-  if (!isPack && !areAll(name, "-0123456789")) return false;
+  if (!isPackName(name) && !storageIdOf(name)) return false;
   char magic[4]{};
   const std::size_t size = DiskFile(path, DiskFile::Mode::readOnly).readAt(0, magic, sizeof(magic));
   return std::string_view(magic, size) == std::string_view("PAR1", size);
@@ -94,7 +93,8 @@ bool isStorageFile(const fs::path& path) {
 
 bool isOwnFile(const fs::path& path) {
   const std::string name = path.filename().string();
-  return name == kDescriptionFile || name == kPipeFile || isStorageFile(path);
+  return name == kDescriptionFile || name == kSignalsFile || name == kPipeFile ||
+         isStorageFile(path);
 }
 
 bool isOwnFolder(const std::string& name) {

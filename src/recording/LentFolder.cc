@@ -5,6 +5,7 @@
 
 #include "recording/Checksum.h"
 #include "recording/ContentChecks.h"
+#include "recording/RecordingFolder.h"
 
 namespace kyr::recording {
 
@@ -91,6 +92,10 @@ const FileInfo* LentFolder::wholeFile(int storageId) const {
                        splitFiles_.count(storageId) == 0;
   const FileInfo* const file = isWhole ? &files_->fileInfo(storageId) : nullptr;
   return file != nullptr && !file->pack ? file : nullptr;
+}
+
+std::filesystem::path LentFolder::pathOf(const FileInfo& file) const {
+  return path() / kStorageFolder / files_->nameOf(file);
 }
 
 bool LentFolder::isAt(const std::filesystem::path& folder) const {

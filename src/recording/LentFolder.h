@@ -32,6 +32,8 @@ class LentFolder final : public parquet::Lender, public std::enable_shared_from_
   /// What the recording says of the file that holds a content and nothing else; null if the content
   /// is in a pack, or a column of a file.
   const FileInfo* wholeFile(int storageId) const;
+  /// Where such a file is.
+  std::filesystem::path pathOf(const FileInfo& file) const;
 
   /// Whether \p folder is the recording.
   bool isAt(const std::filesystem::path& folder) const;

@@ -12,7 +12,8 @@
 /// The two files of a recording that is being written; docs/format.md describes them.
 namespace kyr::recording {
 
-constexpr int kLiveFormatVersion = 2;  // 1 has no growing packs
+/// 1 has no growing packs. Before 3 the names of files in the storage folder have no extension.
+constexpr int kLiveFormatVersion = 3;
 
 /// What recording.live.json says.
 struct LiveDescription {

@@ -111,6 +111,7 @@ class LiveRecording::Impl {
       pool_ = std::make_unique<parquet::SignalPool>(Path::fromFilesystem(folder_ / kStorageFolder),
                                                     storage);
       store().usePacks();
+      store().setExtension(kStorageExtension);
       writeDescription();
       if (syncs_) syncPath(folder_.parent_path());
     } catch (...) {
@@ -275,7 +276,6 @@ class LiveRecording::Impl {
                 content->allRows().rows);
     }
     info.packs = packs.finish();
-    if (!info.packs.empty()) info.formatVersion = kFormatVersion;
   }
 
   // Cuts times and samples of each signal that has both to the shorter of the two.

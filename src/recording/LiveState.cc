@@ -45,7 +45,7 @@ Flush readFlush(const OpenFolder& folder) {
 LiveRecordingInfo readLiveState(const OpenFolder& folder) {
   Flush flush = readFlush(folder);
   LiveRecordingInfo info;
-  info.formatVersion = kLiveFormatVersion;
+  info.formatVersion = flush.live.formatVersion;
   info.isBeingWritten = isBeingWritten(folder);
   info.attributes = flush.live.attributes;
   std::map<int, std::uint64_t> rows;
@@ -68,9 +68,13 @@ LiveRecordingInfo readLiveState(const OpenFolder& folder) {
   return info;
 }
 
+std::string nameOfLiveFile(const OpenFolder& folder, int storageId) {
+  return storedName(storageId, [&](const std::string& name) { return folder.hasStored(name); });
+}
+
 std::uint64_t sizeOfLiveFile(const OpenFolder& folder, int storageId) {
   try {
-    return folder.sizeOfStored(std::to_string(storageId));
+    return folder.sizeOfStored(nameOfLiveFile(folder, storageId));
   } catch (const std::system_error&) {
     return 0;
   }

@@ -11,7 +11,7 @@ namespace kyr::recording {
 /// Completes a new recording, whose storage folder is there, and puts it in the place of an older
 /// one or an empty folder, in one step. Entries of the older folder that are not the recording's
 /// get into the new one.
-/// \param info  what recording.json is to say; its version follows from it
+/// \param info  what recording.json is to say, in the newest version
 /// \return where the older recording is now, for disposeOf(); empty if there was none
 /// \throws std::exception naming the file or folder; the target is as it was then
 std::filesystem::path publishRecording(LockedFolder& fresh, RecordingInfo info,

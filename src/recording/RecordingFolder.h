@@ -4,11 +4,13 @@
 #include <string>
 
 #include "kyr/platform/Path.h"
+#include "recording/StorageNames.h"
 
 /// The names of a recording's files and folders.
 namespace kyr::recording {
 
 constexpr const char* kDescriptionFile = "recording.json";
+constexpr const char* kSignalsFile = "signals.parquet";
 constexpr const char* kStorageFolder = "storage";
 
 constexpr const char* kLiveFile = "recording.live.json";
@@ -34,14 +36,12 @@ inline std::filesystem::path descriptionPath(const std::filesystem::path& folder
   return folder / kDescriptionFile;
 }
 
-inline std::string packName(int number) { return "pack-" + std::to_string(number) + ".parquet"; }
-
 inline std::filesystem::path packPath(const std::filesystem::path& folder, int number) {
   return folder / kStorageFolder / packName(number);
 }
 
 inline std::filesystem::path storagePath(const std::filesystem::path& folder, int storageId) {
-  return folder / kStorageFolder / std::to_string(storageId);
+  return folder / kStorageFolder / storageName(storageId);
 }
 
 }  // namespace kyr::recording

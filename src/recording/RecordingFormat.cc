@@ -10,8 +10,6 @@
 #include "recording/JsonDocument.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingMembers.h"
-#include "signals/SignalRecords.h"
-#include "storage/ParquetStorageRecord.h"
 
 namespace kyr::recording {
 
@@ -53,8 +51,9 @@ void checkFileNames(const RecordingInfo& info) {
   for (const SignalInfo& signal : info.signals) {
     for (const auto& id : {signal.timeStorageId, signal.dataStorageId}) {
       if (id && !namesFile(info, *id)) {
-        throw std::runtime_error(fmt::format(
-            "signal {} names the file storage/{}, which is not listed", signal.signalId, *id));
+        throw std::runtime_error(fmt::format("signal {} names the file {}/{}, which is not listed",
+                                             signal.signalId, kStorageFolder,
+                                             storageName(*id, info.formatVersion)));
       }
     }
   }
@@ -92,7 +91,7 @@ void checkFiles(RecordingInfo& info) {
   }
   for (FileInfo& file : info.files) {
     if (!file.pack) {
-      checkBlocks(file.blocks, file.size, std::to_string(file.storageId));
+      checkBlocks(file.blocks, file.size, fileName(info, file));
       continue;
     }
     const auto pack =
@@ -116,16 +115,6 @@ void checkAsAWhole(RecordingInfo& info) {
   checkFiles(info);
 }
 
-std::string recordsOf(const RecordingInfo& info) {
-  std::vector<parquet::SignalRecord> records;
-  for (const SignalInfo& signal : info.signals) {
-    if (!signal.timeStorageId && !signal.dataStorageId) continue;
-    records.push_back({signal.signalId, signal.timeStorageId.value_or(parquet::kNoStorage),
-                       signal.dataStorageId.value_or(parquet::kNoStorage)});
-  }
-  return parquet::writeSignalRecords(records);
-}
-
 }  // namespace
 
 std::string writeRecordingJson(const RecordingInfo& info) {
@@ -133,14 +122,9 @@ std::string writeRecordingJson(const RecordingInfo& info) {
     requireText(signal);
     requireCountable(signal);
   }
-  if (info.formatVersion < 2 && info.records.empty()) {
-    RecordingInfo complete = info;
-    complete.records = recordsOf(info);
-    return writeRecordingJson(complete);
-  }
   // Packed recordings may have very many signals, and white space would be a third of their text.
   const auto layout =
-      info.formatVersion > 1 ? JsonWriter::Layout::compact : JsonWriter::Layout::indented;
+      info.packs.empty() ? JsonWriter::Layout::indented : JsonWriter::Layout::compact;
   JsonWriter out(layout);
   JsonValue<RecordingInfo>::write(out, info);
   return withChecksum(out.take(), layout);

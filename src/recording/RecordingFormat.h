@@ -4,12 +4,10 @@
 #include <string_view>
 
 #include "kyr/recording/RecordingInfo.h"
+#include "recording/StorageNames.h"
 
 /// The text of recording.json; docs/format.md describes it for readers that are not ours.
 namespace kyr::recording {
-
-/// The newest format that this library reads. It writes version 2 if there are packs, else 1.
-constexpr int kFormatVersion = 2;
 
 /// \throws std::invalid_argument naming a signal of which a text is no valid UTF-8, or the bytes
 ///         are more than 64 bits can count

@@ -97,13 +97,15 @@ template <>
 struct JsonObject<recording::RecordingInfo> {
   using T = recording::RecordingInfo;
   static bool hasAttributes(const T& info) { return !info.attributes.empty(); }
-  static bool hasPacks(const T& info) { return info.formatVersion > 1; }
+  static bool hasPacks(const T& info) { return info.formatVersion == 2 || !info.packs.empty(); }
+  static bool hasTable(const T& info) { return !info.signalsChecksum.empty(); }
   static bool hasRecords(const T& info) { return info.formatVersion < 2; }
   static constexpr auto members = std::make_tuple(
       member<T, recording::JsonAttributes>("attributes", &T::attributes, hasAttributes),
       member<T>("files", &T::files), constant("format", recording::kFormatName),
       member<T>("formatVersion", &T::formatVersion), member<T>("packs", &T::packs, hasPacks),
-      member<T>("records", &T::records, hasRecords), member<T>("signals", &T::signals));
+      member<T>("records", &T::records, hasRecords), member<T>("signals", &T::signals),
+      member<T, recording::JsonChecksum>("signals_xxh3_128", &T::signalsChecksum, hasTable));
 };
 
 }  // namespace kyr

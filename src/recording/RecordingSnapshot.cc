@@ -12,6 +12,7 @@
 #include "kyr/parquet/ParquetSignal.h"
 #include "kyr/parquet/StreamableSignal.h"
 #include "recording/Checksum.h"
+#include "recording/StorageNames.h"
 #include "recording/TimeSpans.h"
 #include "safe/Content.h"
 #include "schema/TypeNames.h"
@@ -97,6 +98,15 @@ std::optional<TimeSpan> spanOf(parquet::Content& content, const std::string& col
 
 }  // namespace
 
+FileOf filesOf(parquet::SignalPool& pool) {
+  if (const auto store = parquet::PoolAccess::of(pool).sharedStore()) {
+    return [store](int id) { return store->fileOf(id); };
+  }
+  return [directory = pool.getParquetDirectory().toFilesystem()](int id) {
+    return directory / std::to_string(id);
+  };
+}
+
 void InfoBuilder::add(SignalInfo signal) {
   for (const auto& id : {signal.timeStorageId, signal.dataStorageId}) {
     if (!id) continue;
@@ -134,7 +144,7 @@ const InfoBuilder::FileFacts& InfoBuilder::factsOf(int signalId, int storageId, 
 
 InfoBuilder::FileFacts InfoBuilder::factsOfFile(int signalId, int storageId, bool isTime,
                                                 const parquet::ContentSummary* summary) const {
-  const fs::path path = directory_ / std::to_string(storageId);
+  const fs::path path = fileOf_(storageId);
   if (!fs::exists(path)) {
     throw std::runtime_error(
         fmt::format("signal {}: its file {} is missing", signalId, path.string()));
@@ -155,7 +165,7 @@ InfoBuilder::FileFacts InfoBuilder::factsOfFile(int signalId, int storageId, boo
 
 RecordingInfo InfoBuilder::take() {
   RecordingInfo info;
-  info.formatVersion = 1;  // until something is packed
+  info.formatVersion = kFormatVersion;
   info.signals.reserve(signals_.size());
   for (auto& [id, signal] : signals_) info.signals.push_back(std::move(signal));
   info.files.reserve(files_.size());
@@ -183,7 +193,7 @@ RecordingInfo snapshotOf(parquet::SignalPool& pool,
     signal.timeStorageId = storageIdOf(record.timeStorageId);
     signal.dataStorageId = storageIdOf(record.dataStorageId);
   }
-  InfoBuilder builder(pool.getParquetDirectory().toFilesystem(), impl.sharedStore());
+  InfoBuilder builder(filesOf(pool), impl.sharedStore());
   for (auto& [id, signal] : signals) {
     if (impl.checkSignalExists(id)) takeTypes(impl, signal);
     builder.add(std::move(signal));

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -16,13 +17,18 @@
 
 namespace kyr::recording {
 
-/// Collects what recording.json says of signals over the Parquet files of a directory.
+/// The path of the file of a storage id.
+using FileOf = std::function<std::filesystem::path(int)>;
+
+/// Where a pool has its files.
+FileOf filesOf(parquet::SignalPool& pool);
+
+/// Collects what recording.json says of signals over some Parquet files.
 class InfoBuilder {
  public:
   /// \param store  of a safe pool, whose contents need not be in files; may be null
-  explicit InfoBuilder(std::filesystem::path directory,
-                       std::shared_ptr<parquet::SharedStore> store = nullptr)
-      : directory_(std::move(directory)), store_(std::move(store)) {}
+  explicit InfoBuilder(FileOf fileOf, std::shared_ptr<parquet::SharedStore> store = nullptr)
+      : fileOf_(std::move(fileOf)), store_(std::move(store)) {}
 
   /// Adds a signal and the files that it names, and tells from them what the signal's files tell.
   /// \throws std::runtime_error naming a file that is missing or no Parquet file
@@ -44,7 +50,7 @@ class InfoBuilder {
   FileFacts factsOfFile(int signalId, int storageId, bool isTime,
                         const parquet::ContentSummary* summary) const;
 
-  std::filesystem::path directory_;
+  FileOf fileOf_;
   std::shared_ptr<parquet::SharedStore> store_;
   std::map<int, SignalInfo> signals_;
   std::unordered_map<std::int64_t, FileFacts> facts_;  // by storage id, and whether it is of times

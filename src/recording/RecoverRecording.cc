@@ -23,6 +23,7 @@
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingSnapshot.h"
+#include "recording/SignalTable.h"
 #include "recording/StorageFiles.h"
 
 namespace kyr::recording {
@@ -89,6 +90,10 @@ class Recovery {
     result_.notes.push_back(fmt::format(format, std::forward<Args>(args)...));
   }
 
+  std::string labelOf(int id) const {
+    return fmt::format("{}/{}", kStorageFolder, storage_->nameOf(id));
+  }
+
   // Whether recording.json is in order, and all that it names is there.
   bool isComplete() {
     const bool wasLive = folder_.has(kLiveFile) || folder_.has(kJournalFile);
@@ -114,7 +119,9 @@ class Recovery {
       kept.rowsKept = signal.rowCount;
       result_.signals.push_back(std::move(kept));
     }
-    result_.wasComplete = !wasLive;
+    const bool hasTable = signalTableFault(OpenFolder(folder_), info).empty();
+    if (!hasTable) writeDescription(folder_, info, /*syncs=*/true);
+    result_.wasComplete = !wasLive && hasTable;
     if (wasLive) clearStorage(info);
     removeLiveFiles(folder_);
     return true;
@@ -213,7 +220,7 @@ class Recovery {
     if (!id || !storage_->file(*id).isReadable()) return;
     const std::string fault = columnFault(*storage_->file(*id).schema, category, type);
     if (fault.empty()) return;
-    note("signal {} \"{}\": {} {}", info.signalId, info.name, storagePath("", *id).string(), fault);
+    note("signal {} \"{}\": {} {}", info.signalId, info.name, labelOf(*id), fault);
     doubtful_.insert(*id);
     id.reset();
   }
@@ -323,18 +330,18 @@ class Recovery {
     const bool isCertain = hasJournal_ && isJournalSound_;
     for (const int id : storage_->ids()) {
       const RecoveredStorage& file = storage_->file(id);
-      const std::string name = storagePath("", id).string();
+      const std::string name = labelOf(id);
       const auto used = most.find(id);
       if (!file.damage.empty()) {
         if (isCertain && named_.count(id) == 0) continue;  // nobody was promised anything of it
-        keepAside(std::to_string(id));
+        keepAside(storage_->nameOf(id));
         note("{} is damaged, and is kept in {}: {}", name, kLostFolder, file.damage);
       } else if (doubtful_.count(id) > 0 || (used == most.end() && !isCertain && file.rows > 0)) {
-        keepAside(std::to_string(id));
+        keepAside(storage_->nameOf(id));
         note("{}, of which nothing says for certain what it holds, is kept in {}", name,
              kLostFolder);
       } else if (used != most.end() && used->second < file.rows && !isCertain) {
-        keepAside(std::to_string(id));
+        keepAside(storage_->nameOf(id));
         note("{} has {} rows behind those that are kept. It is in {} as it was", name,
              file.rows - used->second, kLostFolder);
       }
@@ -418,7 +425,8 @@ class Recovery {
   }
 
   void complete() {
-    InfoBuilder builder(folder_.path() / kStorageFolder);
+    forEachPart([&](int& id, std::uint64_t /*rows*/) { storage_->rename(id); });
+    InfoBuilder builder([this](int id) { return storagePath(folder_.path(), id); });
     for (Salvage& signal : signals_) {
       builder.add(signal.info);
       result_.signals.push_back(std::move(signal.result));

@@ -13,8 +13,8 @@
 #include "recording/LockedFolder.h"
 #include "recording/PublishRecording.h"
 #include "recording/RecordingFolder.h"
-#include "recording/RecordingFormat.h"
 #include "recording/RecordingSnapshot.h"
+#include "recording/SignalTable.h"
 #include "signals/SignalPoolImpl.h"
 
 namespace kyr::recording {
@@ -50,7 +50,7 @@ void forEachForeign(const fs::path& folder, Visit&& visit) {
   std::error_code ignored;
   for (fs::directory_iterator it(folder, ignored), end; it != end; it.increment(ignored)) {
     const fs::path name = it->path().filename();
-    if (name != kDescriptionFile && name != kStorageFolder) visit(name);
+    if (name != kDescriptionFile && name != kSignalsFile && name != kStorageFolder) visit(name);
   }
 }
 
@@ -73,7 +73,8 @@ void syncAll(const fs::path& folder, const RecordingInfo& info) {
     if (!file.pack) syncPath(storagePath(folder, file.storageId));
   }
   for (const PackInfo& pack : info.packs) syncPath(packPath(folder, pack.number));
-  for (const fs::path& path : {descriptionPath(folder), folder / kStorageFolder, folder}) {
+  for (const fs::path& path :
+       {descriptionPath(folder), folder / kSignalsFile, folder / kStorageFolder, folder}) {
     syncPath(path);
   }
 }
@@ -102,8 +103,8 @@ void keepUnsaved(parquet::SharedStore& store, const RecordingInfo& info) {
 
 fs::path publishRecording(LockedFolder& fresh, RecordingInfo info, const fs::path& target,
                           const ReplaceOptions& options) {
-  info.formatVersion = info.packs.empty() ? 1 : kFormatVersion;
-  writeNewFile(descriptionPath(fresh.path()), writeRecordingJson(info));
+  info.formatVersion = kFormatVersion;
+  writeDescription(Folder(fresh.path()), info, /*syncs=*/false);
   if (fs::exists(target)) {
     linkForeign(target, fresh.path());
     fs::permissions(fresh.path(), fs::status(target).permissions());
@@ -122,7 +123,7 @@ void disposeOf(const fs::path& old, const fs::path& folder) {
     }
   });
   fs::remove_all(old / kStorageFolder, ignored);
-  fs::remove(old / kDescriptionFile, ignored);
+  for (const char* name : {kDescriptionFile, kSignalsFile}) fs::remove(old / name, ignored);
   fs::remove(old, ignored);
 }
 
@@ -139,11 +140,10 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
   Attributes attributes = attributesFor(options, lent);
   RecordingInfo info = snapshotOf(pool, descriptions);
   info.attributes = std::move(attributes);
-  const fs::path working = pool.getParquetDirectory().toFilesystem();
 
   LockedFolder fresh(target.string() + kSavingInfix);
   fs::create_directory(fresh.path() / kStorageFolder);
-  ContentSaver saver(working, parquet::PoolAccess::of(pool).sharedStore(), lent,
+  ContentSaver saver(filesOf(pool), parquet::PoolAccess::of(pool).sharedStore(), lent,
                      fresh.path() / kStorageFolder, options);
   for (FileInfo& file : info.files) saver.save(file);
   // Only a recording that is being replaced matters from here on.

@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 #include <stdexcept>
 #include <system_error>
@@ -14,6 +13,7 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetWriterOptions.h"
 #include "recording/FolderFiles.h"
+#include "recording/StorageNames.h"
 #include "safe/PartNotes.h"
 
 namespace kyr::recording {
@@ -35,13 +35,6 @@ PartClaim claimOf(const parquet::PartNote& note) {
 
 }  // namespace
 
-std::optional<int> storageIdOf(const std::string& name) {
-  int id = 0;
-  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), id);
-  if (error != std::errc() || std::to_string(id) != name) return std::nullopt;
-  return id;
-}
-
 StorageFiles::StorageFiles(Folder folder, const std::vector<FileInfo>& stated)
     : folder_(std::move(folder)) {
   for (const FileInfo& file : stated) {
@@ -50,14 +43,24 @@ StorageFiles::StorageFiles(Folder folder, const std::vector<FileInfo>& stated)
   for (const std::string& name : folder_.names()) {
     const auto id = storageIdOf(name);
     if (!id) continue;
-    if (folder_.entry(name) == Folder::Entry::file) ids_.push_back(*id);
+    if (folder_.entry(nameOf(*id)) == Folder::Entry::file) ids_.push_back(*id);
     nextId_ = std::max(nextId_, *id);
   }
   std::sort(ids_.begin(), ids_.end());
+  ids_.erase(std::unique(ids_.begin(), ids_.end()), ids_.end());
   if (nextId_ > std::numeric_limits<int>::max() / 2) {
     throw std::runtime_error(folder_.path().string() + ": there are no storage ids left");
   }
   ++nextId_;
+}
+
+std::string StorageFiles::nameOf(int id) const {
+  return storedName(id, [this](const std::string& name) { return folder_.has(name); });
+}
+
+void StorageFiles::rename(int id) {
+  const std::string name = nameOf(id);
+  if (name != storageName(id)) folder_.rename(name, folder_, storageName(id));
 }
 
 const RecoveredStorage& StorageFiles::file(int id) {
@@ -67,7 +70,7 @@ const RecoveredStorage& StorageFiles::file(int id) {
   if (std::binary_search(ids_.begin(), ids_.end(), id)) {
     found = look(id);
   } else {
-    found.damage = folder_.has(std::to_string(id)) ? "it is no regular file" : "missing";
+    found.damage = folder_.has(nameOf(id)) ? "it is no regular file" : "missing";
   }
   return files_.emplace(id, std::move(found)).first->second;
 }
@@ -75,7 +78,7 @@ const RecoveredStorage& StorageFiles::file(int id) {
 RecoveredStorage StorageFiles::look(int id) const {
   RecoveredStorage found;
   try {
-    const parquet::RecoveryReport report = parquet::inspectFile(folder_, std::to_string(id));
+    const parquet::RecoveryReport report = parquet::inspectFile(folder_, nameOf(id));
     found.isGrowing = report.isComplete;
     found.isComplete = report.wasComplete;
     found.rows = report.rowsKept;
@@ -126,7 +129,7 @@ int StorageFiles::withRows(int id, std::uint64_t rows, bool mayCut) {
   if (known != copies_.end()) return known->second;
   const RecoveredStorage& from = file(id);
   if (from.isGrowing && !from.isComplete && (from.rows == rows || !mayCut)) {
-    noteCut(id, parquet::recoverFile(folder_, std::to_string(id)));
+    noteCut(id, parquet::recoverFile(folder_, nameOf(id)));
   }
   const bool isSound = from.damage.empty() || from.isGrowing;
   if (isSound && from.rows == rows) return id;
@@ -151,13 +154,13 @@ bool StorageFiles::cutBehind(int id, std::uint64_t rows) {
     isBoundary = batches->rowStart(batch) == rows;
   }
   if (!isBoundary) return false;
-  noteCut(id, parquet::recoverFile(folder_, std::to_string(id), rows));
+  noteCut(id, parquet::recoverFile(folder_, nameOf(id), rows));
   return file(id).rows == rows;
 }
 
 int StorageFiles::copyRows(int id, std::uint64_t rows) {
   const int copy = nextId_++;
-  const std::string name = std::to_string(copy);
+  const std::string name = storageName(copy);
   std::shared_ptr<DiskFile> file = folder_.open(name, DiskFile::Mode::createNew);
   try {
     copyRows(id, rows, std::move(file));

@@ -35,9 +35,6 @@ struct PartClaim {
   bool isTime = false;
 };
 
-/// The storage id whose file has that name in a storage folder; none for other names.
-std::optional<int> storageIdOf(const std::string& name);
-
 /// The files of a storage folder. Looking at them changes nothing; withRows() does.
 ///
 /// What the system reports is a std::system_error that names the file. It is no damage: the next
@@ -49,6 +46,10 @@ class StorageFiles {
 
   /// The ids of the files, ascending.
   const std::vector<int>& ids() const { return ids_; }
+  /// The name of the file of that id. A recording that an older version wrote has other names.
+  std::string nameOf(int id) const;
+  /// Gives the file the name that it has in recordings of this version.
+  void rename(int id);
 
   /// Reads the whole file: each batch is compared with its checksum, other files with the stated
   /// one. Of files without any checksum, all pages must be readable.
@@ -66,8 +67,8 @@ class StorageFiles {
   int withRows(int id, std::uint64_t rows, bool mayCut);
 
  private:
-  std::string pathOf(int id) const { return (folder_.path() / std::to_string(id)).string(); }
-  std::unique_ptr<DiskFile> open(int id) const { return folder_.open(std::to_string(id)); }
+  std::string pathOf(int id) const { return (folder_.path() / nameOf(id)).string(); }
+  std::unique_ptr<DiskFile> open(int id) const { return folder_.open(nameOf(id)); }
   std::shared_ptr<parquet::InputFile> openAny(int id) const;
   RecoveredStorage look(int id) const;
   void lookAtPages(int id, RecoveredStorage& found) const;

@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 #include "kyr/recording/Recording.h"
 #include "platform/Folder.h"
 #include "recording/Attributes.h"
-#include "recording/FolderFiles.h"
-#include "recording/RecordingFolder.h"
-#include "recording/RecordingFormat.h"
+#include "recording/SignalTable.h"
 
 namespace kyr::recording {
 
@@ -30,8 +29,7 @@ void updateRecording(const Path& folder, const std::vector<SignalDescription>& d
     }
     static_cast<SignalDescription&>(*signal) = description;
   }
-  replaceTextFile(Folder(folder.toFilesystem()), kDescriptionFile, writeRecordingJson(info),
-                  /*syncs=*/true);
+  writeDescription(Folder(folder.toFilesystem()), std::move(info), /*syncs=*/true);
 }
 
 }  // namespace kyr::recording

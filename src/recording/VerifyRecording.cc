@@ -26,6 +26,7 @@
 #include "recording/FolderFiles.h"
 #include "recording/OpenFolder.h"
 #include "recording/RecordingFolder.h"
+#include "recording/SignalTable.h"
 #include "signals/SignalRecords.h"
 #include "storage/ParquetStorageRecord.h"
 
@@ -46,7 +47,7 @@ class Verifier {
     contents_.describe(info_, /*isLive=*/false);
   }
 
-  std::vector<std::string> run(bool checksNames) {
+  void run(bool checksNames) {
     for (const PackInfo& pack : info_->packs) {
       telling([&] { return fmt::format("{}/{}", kStorageFolder, packName(pack.number)); },
               [&] { checkPack(pack); });
@@ -61,8 +62,15 @@ class Verifier {
               [&] { checkSignal(signal); });
     }
     if (checksNames) checkNamed();
-    return std::move(faults_);
   }
+
+  // Readers do without the table, so that it is looked at only where everything is.
+  void checkTable() {
+    const std::string wrong = signalTableFault(*folder_, *info_);
+    if (!wrong.empty()) fault("{}: {}", kSignalsFile, wrong);
+  }
+
+  std::vector<std::string> takeFaults() { return std::move(faults_); }
 
  private:
   template <typename... Args>
@@ -83,10 +91,13 @@ class Verifier {
     }
   }
 
-  static std::string label(int storageId) { return storagePath("", storageId).string(); }
+  std::string nameOf(int storageId) const { return storageName(storageId, info_->formatVersion); }
+  std::string label(int storageId) const {
+    return fmt::format("{}/{}", kStorageFolder, nameOf(storageId));
+  }
 
   void checkFile(const FileInfo& file) {
-    if (isSound(std::to_string(file.storageId), file)) sound_.insert(file.storageId);
+    if (isSound(nameOf(file.storageId), file)) sound_.insert(file.storageId);
   }
 
   // Whether the file is what recording.json says of it. If not, that is told.
@@ -291,13 +302,13 @@ class Verifier {
     std::set<std::string> named;
     for (const SignalInfo& signal : info_->signals) {
       for (const auto& id : {signal.timeStorageId, signal.dataStorageId}) {
-        if (id) named.insert(std::to_string(*id));
+        if (id) named.insert(nameOf(*id));
       }
     }
     for (const FileInfo& file : info_->files) {
-      if (named.count(std::to_string(file.storageId)) == 0) {
+      if (named.count(nameOf(file.storageId)) == 0) {
         fault("{}: no record names it", label(file.storageId));
-        named.insert(std::to_string(file.storageId));
+        named.insert(nameOf(file.storageId));
       }
     }
     for (const PackInfo& pack : info_->packs) named.insert(packName(pack.number));
@@ -319,7 +330,9 @@ class Verifier {
 }  // namespace
 
 std::vector<std::string> contentFaults(const Folder& folder, bool checksNames) {
-  return Verifier(OpenFolder(folder), /*tellsFailures=*/false).run(checksNames);
+  Verifier verifier(OpenFolder(folder), /*tellsFailures=*/false);
+  verifier.run(checksNames);
+  return verifier.takeFaults();
 }
 
 std::vector<std::string> verifyRecording(const Path& folder, Links links) {
@@ -328,8 +341,10 @@ std::vector<std::string> verifyRecording(const Path& folder, Links links) {
   for (int attempt = 1;; ++attempt) {
     const auto [faults, isReplaced] =
         inOpenFolder(folder.toFilesystem(), links, [](const auto& open) {
-          auto found = Verifier(*open, /*tellsFailures=*/true).run(/*checksNames=*/true);
-          return std::pair(std::move(found), open->isReplaced());
+          Verifier verifier(*open, /*tellsFailures=*/true);
+          verifier.run(/*checksNames=*/true);
+          verifier.checkTable();
+          return std::pair(verifier.takeFaults(), open->isReplaced());
         });
     if (faults.empty() || !isReplaced || attempt == kAttempts) return faults;
   }

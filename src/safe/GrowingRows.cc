@@ -8,6 +8,7 @@
 #include "safe/BatchLength.h"
 #include "safe/GrowingPacks.h"
 #include "safe/MemoryRows.h"
+#include "safe/PartNotes.h"
 #include "safe/StoredRows.h"
 #include "storage/WriteTrace.h"
 
@@ -106,7 +107,7 @@ void GrowingRows::createFile() {
   std::unique_ptr<GrowingFile> file;
   const int id = name_.id();
   OwnedFile name = name_.createFile([&](const std::filesystem::path& path) {
-    file = GrowingFile::create(path, layout, name_.labels().metadata());
+    file = GrowingFile::create(path, layout, name_.labels().metadata(kPartsOfGrowing));
   });
   if (name_.id() != id) packedRows_ = 0;  // they are there under the other id
   if (!options_.publishesBatches) file->publishOnlyWhenAsked();
@@ -171,7 +172,7 @@ void GrowingRows::notePacked(std::uint64_t end, int number) {
 }
 
 std::shared_ptr<const ::arrow::KeyValueMetadata> GrowingRows::notes() const {
-  return name_.labels().metadata();
+  return name_.labels().metadata(kPartsOfGrowing);
 }
 
 void GrowingRows::spill() {

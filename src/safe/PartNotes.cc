@@ -39,7 +39,6 @@ namespace kyr::parquet {
 
 namespace {
 
-constexpr std::size_t kMostParts = 32;
 constexpr std::size_t kMostTextBytes = 128;
 
 // The beginning of a text, as many bytes of it as whole letters of UTF-8 have.
@@ -59,12 +58,12 @@ PartNote noteOf(const PartLabel& label) {
 
 }  // namespace
 
-std::string writePartNotes(const PartLabel* first) {
+std::string writePartNotes(const PartLabel* first, std::size_t mostParts) {
   std::vector<const PartLabel*> labels;
   for (const PartLabel* label = first; label != nullptr; label = label->next) {
     labels.push_back(label);
   }
-  const std::size_t listed = std::min(labels.size(), kMostParts);
+  const std::size_t listed = std::min(labels.size(), mostParts);
   std::partial_sort(labels.begin(), labels.begin() + static_cast<std::ptrdiff_t>(listed),
                     labels.end(), [](const PartLabel* a, const PartLabel* b) {
                       return std::make_pair(a->signal->signalId, a->part) <

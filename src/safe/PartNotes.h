@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +12,11 @@ namespace kyr::parquet {
 
 /// The key of a file's metadata under which the notes are.
 constexpr const char* kPartNotesKey = "kyr.signals";
+
+/// How many parts are listed: few where the file is finished, because a list of signals is there for
+/// sure then, and more where it may be needed to recover which signals shared the file.
+constexpr std::size_t kPartsOfFinished = 4;
+constexpr std::size_t kPartsOfGrowing = 32;
 
 /// What a file says of a part of a signal to which it belonged when it was made. This is all that
 /// is known of the signal if the list of signals is lost.
@@ -29,7 +35,8 @@ struct PartNote {
 /// called: names and units are cut, and of many parts only the first few by signal id are listed,
 /// with the number of the others behind them.
 /// \param first  the first of the linked labels of the file's parts
-std::string writePartNotes(const PartLabel* first);
+/// \param mostParts  that are listed
+std::string writePartNotes(const PartLabel* first, std::size_t mostParts);
 
 /// The notes of such a text. Those that cannot be read are left out.
 std::vector<PartNote> readPartNotes(std::string_view text);

@@ -31,7 +31,7 @@ SharedStore::~SharedStore() {
 }
 
 std::filesystem::path SharedStore::fileOf(int id) const {
-  return directory_.toFilesystem() / std::to_string(id);
+  return directory_.toFilesystem() / (std::to_string(id) + extension_);
 }
 
 bool SharedStore::makeDirectory() {

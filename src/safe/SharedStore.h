@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -62,6 +63,8 @@ class SharedStore {
   const Path& directory() const { return directory_; }
   const SafeStorage& options() const { return options_; }
   std::filesystem::path fileOf(int id) const;
+  /// Sets what follows the id in the names of files, before there are any; nothing unless told.
+  void setExtension(std::string extension) { extension_ = std::move(extension); }
 
   /// An id that was never given before.
   /// \throws std::runtime_error if there are none left
@@ -150,6 +153,7 @@ class SharedStore {
   void spill();
 
   Path directory_;
+  std::string extension_;
   SafeStorage options_;
   std::shared_ptr<int> nextId_;
   FileLayouts layouts_;

@@ -18,8 +18,8 @@ void PartLabels::remove(PartLabel& label) noexcept {
   (label.previous != nullptr ? label.previous->next : first_) = label.next;
 }
 
-std::shared_ptr<const ::arrow::KeyValueMetadata> PartLabels::metadata() const {
-  return ::arrow::key_value_metadata({kPartNotesKey}, {writePartNotes(first_)});
+std::shared_ptr<const ::arrow::KeyValueMetadata> PartLabels::metadata(std::size_t mostParts) const {
+  return ::arrow::key_value_metadata({kPartNotesKey}, {writePartNotes(first_, mostParts)});
 }
 
 }  // namespace kyr::parquet

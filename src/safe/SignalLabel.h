@@ -2,6 +2,7 @@
 
 #include <arrow/type_fwd.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -44,7 +45,8 @@ class PartLabels {
 
   /// The labels as the key-value metadata "kyr.signals", so that a folder of files can be
   /// understood without anything else.
-  std::shared_ptr<const ::arrow::KeyValueMetadata> metadata() const;
+  /// \param mostParts  that are listed by name
+  std::shared_ptr<const ::arrow::KeyValueMetadata> metadata(std::size_t mostParts) const;
 
  private:
   PartLabel* first_ = nullptr;

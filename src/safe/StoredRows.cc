@@ -10,6 +10,7 @@
 
 #include "files/PlainFile.h"
 #include "safe/BatchLength.h"
+#include "safe/PartNotes.h"
 #include "schema/PartTables.h"
 #include "storage/WriteTrace.h"
 
@@ -34,8 +35,8 @@ void writeRows(ContentName& name, const std::filesystem::path& path, const RowSl
   Tables batches;
   forEachBatch(store.options(), rows,
                [&](const RowSlice& batch) { batches.push_back(tableOf(schema, batch)); });
-  writePlainFile(path, store.layouts().layout(schema.schema, codec), name.labels().metadata(),
-                 batches, sync);
+  writePlainFile(path, store.layouts().layout(schema.schema, codec),
+                 name.labels().metadata(kPartsOfFinished), batches, sync);
 }
 
 StoredRows::StoredRows(ContentName& name, OwnedFile file, Shape shape, BatchDigests digests,

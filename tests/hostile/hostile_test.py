@@ -73,7 +73,7 @@ def fitted(folder):
     """Makes sizes and checksums of recording.json those of the files that are there."""
     name = folder / "recording.json"
     document = json.loads(name.read_text())
-    listed = [(str(f["storageId"]), f) for f in document["files"] if "pack" not in f]
+    listed = [(f"{f['storageId']}.parquet", f) for f in document["files"] if "pack" not in f]
     listed += [(f"pack-{p['pack']}.parquet", p) for p in document.get("packs", [])]
     for file, member in listed:
         path = folder / "storage" / file
@@ -338,14 +338,14 @@ def make_outside(outside, bases):
     """Files that are not the recording's, but could be: one that is cut off, one that nobody names."""
     shutil.rmtree(outside, ignore_errors=True)
     shutil.copytree(bases / "live" / "storage", outside)
-    shutil.copy(bases / "finished" / "storage" / "0", outside / "77")
+    shutil.copy(bases / "finished" / "storage" / "0.parquet", outside / "77.parquet")
     for name in ("recording.live.json", "recording.journal"):
         shutil.copy(bases / "live" / name, outside)
     for name in ("finished/recording.json", "packed/storage/pack-0.parquet"):
         if (bases / name).exists():
             shutil.copy(bases / name, outside)
     (outside / "file").write_bytes(b"not yours")
-    with open(outside / "0", "ab") as file:
+    with open(outside / "0.parquet", "ab") as file:
         file.write(b"half a batch")
 
 

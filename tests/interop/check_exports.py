@@ -46,8 +46,8 @@ def signals_of(recording):
     found = [signal for signal in document["signals"] if signal["rowCount"] > 0]
     for signal in found:
         def columns(storage_id):
-            return pyarrow.parquet.ParquetFile(recording / "storage" / str(storage_id)).read(
-                ).to_pydict()
+            return pyarrow.parquet.ParquetFile(
+                recording / "storage" / f"{storage_id}.parquet").read().to_pydict()
         signal.update(columns(signal["dataStorageId"]))
         if signal["timeStorageId"] is not None:
             signal["time"] = columns(signal["timeStorageId"])["data"]
@@ -190,7 +190,7 @@ def check_encodings(kyr, folder):
     files["time"] = document["signals"][0]["timeStorageId"]
     encodings = set()
     for column, storage_id in files.items():
-        path = str(recording / "storage" / str(storage_id))
+        path = str(recording / "storage" / f"{storage_id}.parquet")
         chunk = pyarrow.parquet.ParquetFile(path).metadata.row_group(0).column(0)
         encodings.update(chunk.encodings)
         check(f"pyarrow, {column}", pyarrow.parquet.ParquetFile(path).read()["data"].to_pylist(),

@@ -116,7 +116,7 @@ def check_file(path, columns):
             check(f"{path} by {reader}, {name}", found[name], values)
 
 
-def check_storage(folder, records, streamed):
+def check_storage(folder, records, streamed, extension=""):
     files = {}
     for record in records:
         kind, category = KINDS[record["signalId"] - 1]
@@ -126,25 +126,68 @@ def check_storage(folder, records, streamed):
         if shared_time:
             files[time_id] = {"data": ("double", TIME)}
         files[data_id] = expected_columns(kind, category, shared_time)
-    check(f"{folder}", sorted(int(path.name) for path in folder.iterdir()), sorted(files))
+    check(f"{folder}", sorted(path.name for path in folder.iterdir()),
+          sorted(f"{storage_id}{extension}" for storage_id in files))
     for storage_id, columns in files.items():
-        check_file(folder / str(storage_id), columns)
+        check_file(folder / f"{storage_id}{extension}", columns)
 
 
-def check_recording(folder, streamed=False):
-    """Returns the records."""
+def check_table(folder, document):
+    """signals.parquet says what recording.json says, also to those who read many recordings."""
+    path = folder / "signals.parquet"
+    check("table", xxhash.xxh3_128_hexdigest(path.read_bytes()), document["signals_xxh3_128"])
+    files = {file["storageId"]: file for file in document["files"]}
+    wanted = []
+    for signal in document["signals"]:
+        row = {"id": signal["id"], "name": signal["name"], "unit": signal["unit"],
+               "description": signal["description"], "data_type": signal["dataType"],
+               "category": signal["category"], "dimensions": signal["dimensions"],
+               "rows": signal["rowCount"]}
+        row["from"], row["to"] = signal["timeSpan"] or (None, None)
+        for part, prefix in (("data", ""), ("time", "time_")):
+            storage_id = signal[f"{part}StorageId"]
+            file = files.get(storage_id, {})
+            if part == "data":
+                row["min"], row["max"] = (
+                    None if bound not in file else float(file[bound]) for bound in ("minimum", "maximum"))
+            pack = file.get("pack")
+            name = f"pack-{pack}" if pack is not None else str(storage_id)
+            row[f"{prefix}digest"] = file.get("content_xxh3_128")
+            row[f"{prefix}file"] = f"storage/{name}.parquet" if file else None
+            row[f"{prefix}first_row"] = file.get("firstRow", 0) if file else None
+            row[f"{prefix}storage"] = storage_id
+        wanted.append(row)
+    check("table by pyarrow", pyarrow.parquet.read_table(path).to_pylist(), wanted)
+    check("table by polars", polars.read_parquet(path).to_dicts(), wanted)
+    found = duckdb.sql(f"SELECT * EXCLUDE filename FROM "
+                       f"read_parquet('{folder.parent}/*/signals.parquet', filename = true) "
+                       f"WHERE filename = '{path}' ORDER BY id")
+    rows = [dict(zip(found.columns, row)) for row in found.fetchall()]
+    check("table by duckdb", rows, wanted)
+
+
+def check_recording(folder, version, streamed=False):
+    """Returns the records, which only version 1 has."""
     text = (folder / "recording.json").read_text(encoding="utf-8")
     document = json.loads(text)
     compact = re.sub(r'("(?:[^"\\]|\\.)*")|\s+', lambda token: token[1] or "", text)
     body = compact.removesuffix(f',"xxh3_128":"{document["xxh3_128"]}"}}') + "}"
     check("checksum", document["xxh3_128"], xxhash.xxh3_128_hexdigest(body.encode()))
-    check("format", [document["format"], document["formatVersion"]], ["kyr recording", 1])
+    check("format", [document["format"], document["formatVersion"]], ["kyr recording", version])
+    extension = ".parquet" if version > 2 else ""
     for file in document["files"]:
-        content = (folder / "storage" / str(file["storageId"])).read_bytes()
+        content = (folder / "storage" / f"{file['storageId']}{extension}").read_bytes()
         wanted = [len(content), 7, xxhash.xxh3_128_hexdigest(content)]
         check(f"file {file}", [file["size"], file["rowCount"], file["xxh3_128"]], wanted)
 
-    records = json.loads(document["records"])
+    if version == 1:
+        records = json.loads(document["records"])
+    else:
+        records = [{"signalId": signal["id"], "dataStorageId": [signal["dataStorageId"]],
+                    "timeStorageId": [-554114 if signal["timeStorageId"] is None
+                                      else signal["timeStorageId"]]}
+                   for signal in document["signals"] if signal["rowCount"] > 0]
+        check_table(folder, document)
     ids = {record["signalId"]: record for record in records}
     check("signals", [signal["id"] for signal in document["signals"]], [*range(1, 48), 1000])
     empty = document["signals"].pop()
@@ -161,17 +204,17 @@ def check_recording(folder, streamed=False):
             "timeStorageId": time_id if time_id != -554114 else None, "dataStorageId": data_id,
         }  # fmt: skip
         assert signal == wanted, f"{signal}, expected {wanted}"
-    check_storage(folder / "storage", records, streamed)
+    check_storage(folder / "storage", records, streamed, extension)
     return records
 
 
-def check_packed(folder):
+def check_packed(folder, version):
     """Reads a packed recording with programs that only know Parquet."""
     text = (folder / "recording.json").read_text(encoding="utf-8")
     document = json.loads(text)
     body = text.rsplit(',"xxh3_128":', 1)[0] + "}"
     check("checksum", document["xxh3_128"], xxhash.xxh3_128_hexdigest(body.encode()))
-    check("version", document["formatVersion"], 2)
+    check("version", document["formatVersion"], version)
     packs = {}
     for pack in document["packs"]:
         path = folder / "storage" / f"pack-{pack['pack']}.parquet"
@@ -254,18 +297,20 @@ def check_adoption(sample_writer, folder):
 
 
 def main(sample_writer, golden, document):
-    check_recording(golden)
-    check_example(document, golden)
+    check_recording(golden, 1)
+    check_packed(golden.with_name("golden-v2"), 2)
     check_checker(document, golden)
     with tempfile.TemporaryDirectory() as name:
         out = pathlib.Path(name)
         check_adoption(sample_writer, out / "adopted")
         subprocess.run([sample_writer, out], check=True)
         for kind in ("recording", "streamed"):
-            records = check_recording(out / kind, kind == "streamed")
+            records = check_recording(out / kind, 3, kind == "streamed")
             check_storage(out / "storage" / kind, records, kind == "streamed")
-        check_packed(out / "packed")
-        check_example(document, out / "packed")
+        check_packed(out / "packed", 3)
+        check_table(out / "packed", json.loads((out / "packed/recording.json").read_text("utf-8")))
+        for kind in ("recording", "packed"):
+            check_example(document, out / kind)
         check_checker(document, out / "packed")
 
 

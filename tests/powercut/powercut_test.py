@@ -210,7 +210,7 @@ class Test:
         self.run([self.kyr, "import", str(self.temp / "old.csv"), "ROOT/rec"], old, (0,))
         (old / "rec" / "notes.txt").write_text("mine")
         garbage = self.base("garbage", "old")
-        shutil.copy(garbage / "rec/storage/0", garbage / "rec/storage/77")
+        shutil.copy(garbage / "rec/storage/0.parquet", garbage / "rec/storage/77.parquet")
         # What a crash leaves behind the tenth flush, with rows that were not flushed any more.
         journal, live = self.temp / "live.journal", self.base("live")
         disk = Disk(live)
@@ -230,7 +230,7 @@ class Test:
         bare = self.base("no list", "live")
         (bare / "rec/recording.live.json").unlink()
         batch = self.base("damaged batch", "live")
-        grown = min(path for path in (batch / "rec/storage").iterdir() if path.name.isdigit())
+        grown = min(path for path in (batch / "rec/storage").iterdir() if path.stem.isdigit())
         with open(grown, "r+b") as file:
             file.seek(grown.stat().st_size // 2)
             file.write(b"########")

@@ -3,6 +3,7 @@
 
 #include "recording/Checksum.h"
 #include "recording/FolderFiles.h"
+#include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingTest.h"
 
@@ -55,6 +56,23 @@ Damage says(void (*edit)(RecordingInfo& info)) {
   };
 }
 
+// The same of the recording as version 1 has it, with records.
+Damage saysInVersion1(void (*edit)(RecordingInfo& info)) {
+  return [edit](const fs::path& rec) {
+    RecordingInfo info = readRecordingJson(readWholeFile(rec / "recording.json"), "");
+    for (const FileInfo& file : info.files) {
+      fs::rename(storagePath(rec, file.storageId),
+                 rec / kStorageFolder / storageName(file.storageId, 1));
+    }
+    info.formatVersion = 1;
+    info.records = R"([{"dataStorageId":[1],"signalId":1,"timeStorageId":[0]},
+                       {"dataStorageId":[2],"signalId":2,"timeStorageId":[0]},
+                       {"dataStorageId":[3],"signalId":3,"timeStorageId":[-554114]}])";
+    edit(info);
+    test::Folder(rec).touch("recording.json", writeRecordingJson(info));
+  };
+}
+
 using Info = RecordingInfo;
 
 struct Fault {
@@ -78,46 +96,57 @@ const Fault kFaults[]{
     {"empty recording.json", cut("recording.json", 0), "no valid JSON at byte 1"},
     {"garbage", replaced("recording.json", "\xff\x01{"), "no valid JSON"},
     {"other JSON", replaced("recording.json", R"({"format": "x"})"), "not the description of a"},
-    {"newer format", says([](Info& info) { info.formatVersion = 3; }), "version 3 is newer than 2"},
-    {"missing file", removed("storage/1"), "storage/1: missing"},
-    {"no storage", removed("storage"), "storage/0: missing"},
+    {"newer format", says([](Info& info) { info.formatVersion = 4; }), "version 4 is newer than 3"},
+    {"missing file", removed("storage/1.parquet"), "storage/1.parquet: missing"},
+    {"no storage", removed("storage"), "storage/0.parquet: missing"},
     {"folder in place of a file",
      [](const fs::path& rec) {
-       fs::remove(rec / "storage/1");
-       fs::create_directory(rec / "storage/1");
+       fs::remove(rec / "storage/1.parquet");
+       fs::create_directory(rec / "storage/1.parquet");
      },
-     "storage/1"},
-    {"cut file", cut("storage/1", 100), "100 bytes long, expected"},
-    {"longer file", cut("storage/1", 10000), "10000 bytes long, expected"},
+     "storage/1.parquet"},
+    {"cut file", cut("storage/1.parquet", 100), "100 bytes long, expected"},
+    {"longer file", cut("storage/1.parquet", 10000), "10000 bytes long, expected"},
     {"unlisted file", says([](Info& info) { info.files.erase(info.files.begin()); }),
-     "signal 1 names the file storage/0, which is not listed"},
+     "signal 1 names the file storage/0.parquet, which is not listed"},
 
     // No checksum shows these contradictions. Only verifyRecording() finds them.
     {"file that is no Parquet file",
      [](const fs::path& rec) {
-       replaced("storage/1", "text")(rec);
+       replaced("storage/1.parquet", "text")(rec);
        says([](Info& info) {
          info.files[1].size = 4;
          info.files[1].checksum = checksumOf("text");
        })(rec);
      },
-     "storage/1: ", true, "storage/1: "},
+     "storage/1.parquet: ", true, "storage/1.parquet: "},
     {"file that no signal names", says([](Info& info) { info.signals.pop_back(); }),
-     "storage/3: no record names it", true},
+     "storage/3.parquet: no record names it", true},
     {"foreign file", replaced("storage/x", ""), "storage/x: no record names it", true},
-    {"signals without records", says([](Info& info) { info.records = "[]"; }),
+    {"signals without records", saysInVersion1([](Info& info) { info.records = "[]"; }),
      "signal 1 \"signal 1\" and its record name different files", true},
-    {"record of no signal", says([](Info& info) { info.signals.erase(info.signals.begin()); }),
+    {"record of no signal",
+     saysInVersion1([](Info& info) { info.signals.erase(info.signals.begin()); }),
      "a record of signal 1, which is not described", true},
-    {"unreadable records", says([](Info& info) { info.records = "["; }), "records cannot be", true},
+    {"unreadable records", saysInVersion1([](Info& info) { info.records = "["; }),
+     "records cannot be", true},
+    {"other digest of rows",
+     says([](Info& info) { info.files[1].contentDigest = info.files[2].contentDigest; }),
+     "storage/1.parquet: its rows have the digest ", true},
+    {"other bounds", says([](Info& info) { info.files[1].maximum = 7; }),
+     "storage/1.parquet: its values are 1 to 3, expected 1 to 7", true},
+    {"no table of signals", removed("signals.parquet"), "signals.parquet: missing", true},
+    {"older table of signals", replaced("signals.parquet", "PAR1"),
+     "signals.parquet: damaged, or older or newer than recording.json", true},
     {"other rows", says([](Info& info) { info.files[1].rowCount = 4; }),
-     "storage/1: holds 3 rows, expected 4", true, "holds 3 rows, expected 4"},
+     "storage/1.parquet: holds 3 rows, expected 4", true, "holds 3 rows, expected 4"},
     {"other samples", says([](Info& info) { info.signals[0].rowCount = 4; }),
-     "3 samples in storage/1, expected 4", true, "3 samples in storage/1, expected 4"},
+     "3 samples in the file of storage id 1, expected 4", true,
+     "3 samples in the file of storage id 1, expected 4"},
     {"time of another length", says([](Info& info) { info.signals[2].timeStorageId = 0; }),
-     "3 times in storage/0, but 2 samples in storage/3", true},
+     "3 times in storage/0.parquet, but 2 samples in storage/3.parquet", true},
     {"other data type", says([](Info& info) { info.signals[0].dataType = Int8; }),
-     "storage/1 has the columns [data: int16], expected [data: int8]", true,
+     "storage/1.parquet has the columns [data: int16], expected [data: int8]", true,
      "has the columns [data: int16], expected [data: int8]"},
     {"other category", says([](Info& info) { info.signals[1].category = VarDim; }),
      "expected [data: list<item: int8>, dimension: list<item: uint64>]", true,
@@ -152,7 +181,7 @@ TEST_F(DamagedRecording, IsNamedByVerifyAndRefusedByOpen) {
 TEST_F(DamagedRecording, EveryFlippedBitIsFound) {
   put(pool, 1, ramp({1, 2, 3}));
   save(rec);
-  for (const char* name : {"recording.json", "storage/0", "storage/1"}) {
+  for (const char* name : {"recording.json", "storage/0.parquet", "storage/1.parquet"}) {
     const std::string sound = readWholeFile(rec / name);
     for (std::size_t i = 0; i < sound.size(); ++i) {
       std::string flipped = sound;

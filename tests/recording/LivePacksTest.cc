@@ -304,7 +304,7 @@ TEST_F(LivePacksTest, InterruptedFilesTakeNothingFromThePacks) {
   streams[1]->appendTime(Values(7).data(), 7);  // as many zeros as a cut of the power may leave
   streams[1]->finish(parquet::StreamableSignal::SignalPart::time);
   streams[1]->resetData();
-  const auto zeros = test::Folder(rec / "storage").contents("0");
+  const auto zeros = test::Folder(rec / "storage").contents("0.parquet");
   appendAll(0, 5);
   live->flush();
   crash();
@@ -343,9 +343,9 @@ TEST_F(LivePacksTest, BatchesThatAreNotThereTakeNothingFromThePacks) {
   appendAll(36, 40);
   appendAll(40, 41);  // writes the batch
   crash();
-  const fs::path file = rec / "storage" / "1";
+  const fs::path file = rec / "storage" / "1.parquet";
   ASSERT_TRUE(fs::exists(file));
-  std::string bytes = test::Folder(rec / "storage").contents("1");
+  std::string bytes = test::Folder(rec / "storage").contents("1.parquet");
   const std::size_t batch = bytes.find("\x8FKYRBAT\n", 100);
   ASSERT_LT(batch, bytes.size());
   std::fill_n(bytes.begin() + std::ptrdiff_t(batch), 88, '\0');
@@ -401,7 +401,7 @@ TEST_F(LivePacksTest, RowsOfOtherColumnsAreRefused) {
     const std::string bytes(hasFile ? 600 : 5, 'x');
     stream->appendData(bytes.data(), bytes.size(), {}, {});
     live->flush();
-    EXPECT_EQ(fs::exists(rec / "storage" / "0"), hasFile);
+    EXPECT_EQ(fs::exists(rec / "storage" / "0.parquet"), hasFile);
     crash();
     const auto schema =
         parquet::packSchema(*::arrow::schema({::arrow::field("data", ::arrow::float64())}));

@@ -93,7 +93,8 @@ TEST_F(LiveRecordings, FinishedIsAnOrdinaryRecording) {
   EXPECT_THROW(live->addSignal({3, "\xff", "", "", {}}, Double, Scalar), std::invalid_argument);
   live->finish();
   live->finish();
-  EXPECT_EQ(test::Folder(rec).names(), (test::Names{"recording.json", "storage"}));
+  EXPECT_EQ(test::Folder(rec).names(),
+            (test::Names{"recording.json", "signals.parquet", "storage"}));
   EXPECT_EQ(faults(rec), "");
   expectSignal(1, 150, 1);
   expectSignal(2, 100, 2);
@@ -324,7 +325,7 @@ TEST_F(LiveRecordings, LostRowsAreTold) {
   append(*b, 0, 100, 2);
   crash(/*flushesFirst=*/true);
   const auto state = describeLiveRecording(path());
-  const fs::path file = rec / "storage" / std::to_string(*state.signals[1].dataStorageId);
+  const fs::path file = rec / "storage" / storageName(*state.signals[1].dataStorageId);
   fs::resize_file(file, fs::file_size(file) / 2);
   const RecoveryResult result = recover();
   ASSERT_EQ(result.signals.size(), 2U);
@@ -350,10 +351,11 @@ TEST_F(LiveRecordings, RecoveryThatWasKilledIsRepeated) {
   recover();
   test::Folder(rec).touch("recording.live.json", description);
   test::Folder(rec).touch("recording.journal", journal);
-  test::Folder(rec).touch("storage/77", "half a file");
+  test::Folder(rec).touch("storage/77.parquet", "half a file");
   recover();
   EXPECT_EQ(faults(rec), "");
-  EXPECT_EQ(test::Folder(rec).names(), (test::Names{"recording.json", "storage"}));
+  EXPECT_EQ(test::Folder(rec).names(),
+            (test::Names{"recording.json", "signals.parquet", "storage"}));
   expectSignal(1, 50, 1);
   expectSignal(2, 20, 1);
 }
@@ -400,7 +402,7 @@ TEST_F(LiveRecordings, RebuildsWhatFilesTell) {
   fs::create_directories(rec / "storage");
   EXPECT_THROW(recover(), std::runtime_error);
   RecordingInfo newer;
-  newer.formatVersion = 3;
+  newer.formatVersion = 4;
   const std::string text = writeRecordingJson(newer);
   test::Folder(rec).touch("recording.json", text);
   EXPECT_THAT(errorOf([&] { recover(); }), HasSubstr("newer"));

@@ -165,7 +165,7 @@ TEST_F(OpenInPlace, ManySignalsNeedFewDescriptors) {
 // Reading leaves the folder only where that is asked for.
 TEST_F(OpenInPlace, LinksAreFollowedOnRequest) {
   const Path folder = Path::fromFilesystem(rec);
-  for (const char* name : {"storage/1", "storage", "recording.json"}) {
+  for (const char* name : {"storage/1.parquet", "storage", "recording.json"}) {
     SCOPED_TRACE(name);
     fs::rename(rec / name, temp.file("elsewhere"));
     fs::create_symlink(temp.file("elsewhere"), rec / name);

@@ -60,7 +60,7 @@ class DamagedFiles : public ReaderTest {
   }
 
   fs::path dataFile() const {
-    return rec / "storage" / std::to_string(*read().signal(1).dataStorageId);
+    return rec / "storage" / storageName(*read().signal(1).dataStorageId);
   }
 
   const Samples data = large();
@@ -126,12 +126,12 @@ void replace(const fs::path& file, const ::arrow::Table& table) {
   test::writeForeignFile(file, table);
 }
 
-// Whatever storage/1 is, the samples of signal 1 are refused and named, and the others stay.
+// Whatever storage/1.parquet is, the samples of signal 1 are refused and named, and the others stay.
 TEST_F(ReaderTest, FilesThatAreNotAsDescribedAreRefused) {
   const auto& doubles = ::arrow::float64();
   const auto lists = ::arrow::list(::arrow::int8());
   const Fault faults[]{
-      {"missing", [](const fs::path& file) { fs::remove(file); }, "storage/1: missing"},
+      {"missing", [](const fs::path& file) { fs::remove(file); }, "storage/1.parquet: missing"},
       {"shorter", [](const fs::path& file) { fs::resize_file(file, 100); },
        "100 bytes long, expected"},
       {"pipe",
@@ -139,16 +139,16 @@ TEST_F(ReaderTest, FilesThatAreNotAsDescribedAreRefused) {
          fs::remove(file);
          mkfifo(file.c_str(), 0600);
        },
-       "storage/1: is no regular file"},
+       "storage/1.parquet: is no regular file"},
       {"folder",
        [](const fs::path& file) {
          fs::remove(file);
          fs::create_directory(file);
        },
-       "storage/1: is no regular file"},
+       "storage/1.parquet: is no regular file"},
       {"another file of this size",
        [](const fs::path& file) {
-         test::Folder(file.parent_path()).touch("1", std::string(fs::file_size(file), 'x'));
+         test::Folder(file.parent_path()).touch("1.parquet", std::string(fs::file_size(file), 'x'));
        },
        "bytes 0 to"},
   };
@@ -195,18 +195,18 @@ TEST_F(ReaderTest, FilesThatAreNotAsDescribedAreRefused) {
   const auto record = [&] {
     fs::remove_all(rec);
     saveRecording(pool, {{1, "", "", "", {2}}}, Path::fromFilesystem(rec));
-    copyIfLinked(kyr::Folder(rec / "storage"), "1");  // the pool's file is to stay as it is
+    copyIfLinked(kyr::Folder(rec / "storage"), "1.parquet");  // the pool's file is to stay as it is
   };
   for (const Fault& fault : faults) {
     SCOPED_TRACE(fault.name);
     record();
-    fault.damage(rec / "storage/1");
+    fault.damage(rec / "storage/1.parquet");
     expectRefusal(fault.says, true);
   }
   for (const auto& [says, table] : others) {
     SCOPED_TRACE(says);
     record();
-    replace(rec / "storage/1", *table);
+    replace(rec / "storage/1.parquet", *table);
     listFiles(false);
     expectRefusal(says, true);
     expectRefusal(says, false);

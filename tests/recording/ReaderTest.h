@@ -15,6 +15,7 @@
 
 #include "kyr/recording/RecordingReader.h"
 #include "recording/FolderFiles.h"
+#include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingTest.h"
 #include "support/ParquetFiles.h"
@@ -48,10 +49,9 @@ class ReaderTest : public RecordingTest {
   void listFiles(bool withBlocks) const {
     describe([&](recording::RecordingInfo& info) {
       for (recording::FileInfo& file : info.files) {
-        const std::string content = readWholeFile(rec / "storage" / std::to_string(file.storageId));
+        const std::string content = readWholeFile(recording::storagePath(rec, file.storageId));
         file.size = content.size();
-        file.checksum =
-            recording::digestFile(rec / "storage" / std::to_string(file.storageId)).checksum;
+        file.checksum = recording::digestFile(recording::storagePath(rec, file.storageId)).checksum;
         file.blocks.clear();
         for (std::size_t at = 0; withBlocks && content.size() > kBlock && at < content.size();
              at += kBlock) {

@@ -19,7 +19,7 @@ class ReaderWindows : public test::ReaderTest {
   void record(const std::vector<double>& times, std::size_t groupRows, bool marks) {
     put(pool, 1, {times, std::vector<char>(times.size()), {}, {}}, Int8);
     save(rec);
-    if (marks) writeMarked(rec / "storage/0", times, groupRows);
+    if (marks) writeMarked(rec / "storage/0.parquet", times, groupRows);
     listFiles(false);
     pool.getSignal(1)->resetData();
   }
@@ -107,7 +107,7 @@ TEST_F(ReaderWindows, AscendingTimesAreFoundWithTwoRowGroups) {
   for (std::size_t i = 0; i < times.size(); ++i) times[i] = static_cast<double>(i) / 7;
   record(times, 40'000, /*marks=*/true);
   listFiles(/*withBlocks=*/true);
-  DiskFile file(rec / "storage/0", DiskFile::Mode::readWrite);
+  DiskFile file(rec / "storage/0.parquet", DiskFile::Mode::readWrite);
   for (const std::uint64_t row : {20'000U, 180'000U, 220'000U, 380'000U}) {
     file.writeAt(row * sizeof(double), {"damage"});
   }

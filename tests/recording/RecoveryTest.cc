@@ -60,7 +60,7 @@ class Recoveries : public test::RecordingTest {
   std::string storageOf(int signal, bool isTime) const {
     const RecordingReader reader(Path::fromFilesystem(rec));
     const SignalInfo& info = reader.signal(signal);
-    return fmt::format("storage/{}", isTime ? *info.timeStorageId : *info.dataStorageId);
+    return fmt::format("storage/{}.parquet", isTime ? *info.timeStorageId : *info.dataStorageId);
   }
   void flip(const std::string& name, std::uint64_t at) const {
     DiskFile file(rec / name, DiskFile::Mode::readWrite);
@@ -241,22 +241,44 @@ TEST_F(SavedRecoveries, StatedChecksumsAreUsedAlsoOfADamagedDescription) {
   expectSound();
 }
 
+// A crash may leave a table of signals that does not belong to recording.json.
+TEST_F(SavedRecoveries, ATableOfSignalsThatIsMissingOrOldIsWrittenAnew) {
+  const std::string sound = folder().contents("signals.parquet");
+  const std::string description = folder().contents("recording.json");
+  for (const char* left : {"", "PAR1"}) {
+    fs::remove(rec / "signals.parquet");
+    if (*left != '\0') folder().touch("signals.parquet", left);
+    EXPECT_THAT(faults(rec), HasSubstr("signals.parquet: "));
+    EXPECT_EQ(open(rec).info().signals.size(), 2U);
+    EXPECT_FALSE(recover().hasLosses());
+    EXPECT_EQ(folder().contents("signals.parquet"), sound);
+    EXPECT_EQ(folder().contents("recording.json"), description);
+    EXPECT_TRUE(recover().wasComplete);
+  }
+}
+
 TEST_F(SavedRecoveries, FilesThatDoNotSayWhatTheyAreAreKeptAsideAndNamed) {
   test::writeForeignFile(
-      rec / "storage/77",
+      rec / "storage/77.parquet",
       *test::tableOf({{"data", test::column(::arrow::float64(), {"[1, 2, 3]"})}}));
   fs::remove(rec / "recording.json");
   const RecoveryResult result = recover();
   EXPECT_EQ(result.signals.size(), 2U);
-  EXPECT_THAT(textOf(result), HasSubstr("storage/77"));
-  EXPECT_TRUE(fs::exists(rec / "lost/77"));
+  EXPECT_THAT(textOf(result), HasSubstr("storage/77.parquet"));
+  EXPECT_TRUE(fs::exists(rec / "lost/77.parquet"));
   expectSound();
 }
 
 // A read that fails says nothing of the file.
 TEST_F(SavedRecoveries, FailuresOfTheSystemEndTheCallWithNothingChanged) {
   fs::remove(rec / "recording.json");
-  const auto before = everythingIn(rec);
+  // The table comes shortly before the last change, which is recording.json.
+  const auto everything = [this] {
+    auto files = everythingIn(rec);
+    files.erase("signals.parquet");
+    return files;
+  };
+  const auto before = everything();
   int failed = 0;
   for (int call = 1;; ++call) {
     test::faultyDisk::Plan plan;
@@ -280,7 +302,7 @@ TEST_F(SavedRecoveries, FailuresOfTheSystemEndTheCallWithNothingChanged) {
       continue;
     }
     ASSERT_FALSE(fs::exists(rec / "lost")) << call;
-    ASSERT_EQ(everythingIn(rec), before) << call;
+    ASSERT_EQ(everything(), before) << call;
   }
   EXPECT_GT(failed, 20);
   expectSound();
@@ -297,7 +319,7 @@ TEST_F(Recoveries, NothingIsChangedBehindALink) {
   fs::rename(rec, others);
   const auto before = everythingIn(others);
   for (const char* name :
-       {"storage", "storage/1", "lost", "recording.journal", "recording.live.json"}) {
+       {"storage", "storage/1.parquet", "lost", "recording.journal", "recording.live.json"}) {
     SCOPED_TRACE(name);
     fs::remove_all(rec);
     fs::copy(others, rec, fs::copy_options::recursive);
@@ -307,7 +329,7 @@ TEST_F(Recoveries, NothingIsChangedBehindALink) {
       // A link in the place of a file counts as a file that is missing.
       EXPECT_TRUE(recover().hasLosses());
       EXPECT_EQ(faults(rec), "");
-      EXPECT_TRUE(fs::is_symlink(rec / "lost/1"));
+      EXPECT_TRUE(fs::is_symlink(rec / "lost/1.parquet"));
     } catch (const std::runtime_error& error) {
       EXPECT_THAT(error.what(), HasSubstr("is a symbolic link"));
       EXPECT_TRUE(fs::is_symlink(rec / name));

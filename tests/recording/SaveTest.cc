@@ -131,7 +131,7 @@ TEST_F(SaveRecording, SharesTheFilesOfThePoolAndNobodyWritesIntoThem) {
     save(*shared, {}, rec);
     const auto saved = everythingIn(rec);
     for (const auto& file : fs::directory_iterator(rec / "storage")) {
-      EXPECT_TRUE(fs::equivalent(file, directory / file.path().filename()));
+      EXPECT_TRUE(fs::equivalent(file, directory / file.path().stem()));
     }
 
     // The pool goes on, and another one over the same files takes the ids for its own.
@@ -385,7 +385,7 @@ TEST_F(SaveRecording, FolderIsCompleteAtEveryMoment) {
     if (damage.empty()) damage = faults(rec);
     const RecordingReader reader(Path::fromFilesystem(rec));
     EXPECT_EQ(reader.read(1).bytes, test::bytesOf(std::vector<short>{1, 2, 3}));
-    for (const char* name : {"recording.json", "storage/1", "notes.txt"}) {
+    for (const char* name : {"recording.json", "storage/1.parquet", "notes.txt"}) {
       missed += access((rec / name).c_str(), F_OK) == 0 ? 0 : 1;
     }
   }

@@ -99,7 +99,7 @@ TEST_F(BorrowedFiles, AreSavedAsFilesOrIntoPacks) {
     options.packBelow = packBelow;
     recording::saveRecording(*borrower, {}, Path::fromFilesystem(rec), options);
     EXPECT_EQ(faults(rec), "");
-    EXPECT_EQ(test::fs::exists(rec / "storage" / "9"), packBelow == 0);
+    EXPECT_EQ(test::fs::exists(rec / "storage" / "9.parquet"), packBelow == 0);
     const auto info = recording::describeRecording(Path::fromFilesystem(rec));
     ASSERT_TRUE(info.signals.at(0).timeSpan);
     EXPECT_EQ(info.signals.at(0).timeSpan->to, samples.time.back());

@@ -29,7 +29,7 @@ class Selection(ToolTest):
 
     def test_only_the_files_of_the_signals_are_read(self):
         files = {s["name"]: s["dataFile"] for s in self.info()["signals"]}
-        (self.folder / "rec" / "storage" / str(files["b"])).unlink()
+        (self.folder / "rec" / "storage" / f"{files['b']}.parquet").unlink()
         self.assertEqual(self.cat("a"), "time,a [m]\n0,10\n1,11\n")
         self.fails("cat", "rec", says=[f"storage/{files['b']}", "missing"])
 
@@ -95,7 +95,7 @@ class Damage(ToolTest):
         noise = random.Random(1)
         self.store("time,a\n" + "".join(f"{i},{noise.random()!r}\n" for i in range(rows)))
         expected = self.cat("--rows", f"{rows - 2}:")
-        file = self.folder / "rec" / "storage" / str(self.signals()["a"]["dataFile"])
+        file = self.folder / "rec" / "storage" / f"{self.signals()['a']['dataFile']}.parquet"
         content = bytearray(file.read_bytes())
         self.assertGreater(len(content), 4 * 262_144)
         content[len(content) // 2] ^= 1
@@ -104,7 +104,7 @@ class Damage(ToolTest):
         for arguments in (("cat", "rec", "--rows", f"{rows // 2}:{rows // 2 + 1}"), ("cat", "rec"),
                           ("export", "rec", "out")):
             error = self.run_tool(*arguments, expect=1).stderr
-            lost = re.fullmatch(r"kyr: .*storage/\d+: .*rows (\d+) to (\d+) cannot be read\n",
+            lost = re.fullmatch(r"kyr: .*storage/\d+\.parquet: .*rows (\d+) to (\d+) cannot be read\n",
                                 error)
             self.assertIsNotNone(lost, error)
             self.assertLessEqual(int(lost[1]), rows // 2)

@@ -179,7 +179,7 @@ class ExistingFolders(ToolTest):
         self.run_tool("import", "in.csv", "rec/", "--force")
         self.assertEqual(self.cat(), "time,after\n0,1\n")
         self.assertEqual(sorted(os.listdir(self.folder / "rec")),
-                         ["notes", "recording.json", "storage"])
+                         ["notes", "recording.json", "signals.parquet", "storage"])
 
     def test_nothing_else_is_replaced(self):
         self.write("time,a\n0,1\n")

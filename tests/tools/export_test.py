@@ -186,7 +186,7 @@ class Losses(ExportTest):
 
     def test_damage_is_not_exported(self):
         self.store("time,a\n0,1\n1,2\n")
-        file = self.folder / "rec" / "storage" / str(self.signals()["a"]["dataFile"])
+        file = self.folder / "rec" / "storage" / f"{self.signals()['a']['dataFile']}.parquet"
         sound = file.read_bytes()
         middle = len(sound) // 2
         for content in (sound[:-9], sound[:middle] + bytes([sound[middle] ^ 1]) +
@@ -219,7 +219,7 @@ class Outputs(ExportTest):
         (self.folder / "folder" / "mine").touch()
         for out, options in (("folder", partition), ("folder", ()), ("rec", partition),
                              ("file.csv", (*partition, "--format", "parquet")),
-                             ("rec/recording.json", ("--format", "csv")), ("rec/storage/0", ()), ("no/where", ())):
+                             ("rec/recording.json", ("--format", "csv")), ("rec/storage/0.parquet", ()), ("no/where", ())):
             with self.subTest(out=out, options=options):
                 self.fails("export", "rec", out, *options, "--force", says=[out])
         self.run_tool("verify", "rec")

@@ -20,7 +20,7 @@ class Info(ToolTest):
         sizes = {file["id"]: file["bytes"] for file in info["files"]}
         users = {file["id"]: file["signals"] for file in info["files"]}
         storage = self.folder / "rec" / "storage"
-        self.assertEqual(sizes, {int(f.name): f.stat().st_size for f in storage.iterdir()})
+        self.assertEqual(sizes, {int(f.stem): f.stat().st_size for f in storage.iterdir()})
         self.assertEqual(a["dataFile"], b["dataFile"])
         self.assertEqual((users[a["timeFile"]], users[a["dataFile"]], users[c["dataFile"]]),
                          (3, 2, 1))

@@ -281,7 +281,7 @@ class Recover(RecordTest):
 
     def test_garbage_is_removed(self):
         self.store("time,a,b\n0,1,0.5\n1,2,1.5\n")
-        stray = self.folder / "rec" / "storage" / "77"
+        stray = self.folder / "rec" / "storage" / "77.parquet"
         stale = self.folder / "rec.saving-0123"
         for file in (stray, self.folder / "rec" / "notes.txt"):
             file.write_text("text")

@@ -45,8 +45,8 @@ struct SignalInfo : SignalDescription {
   std::optional<int> dataStorageId;  ///< file of the samples (and of time, in a "time" column)
 };
 
-/// \brief One content of a saved recording: a Parquet file `storage/<storageId>`, or rows of a
-/// pack.
+/// \brief One content of a saved recording: a Parquet file `storage/<storageId>.parquet`, or rows
+/// of a pack.
 struct FileInfo {
   int storageId = 0;
   std::uint64_t size = 0;  ///< bytes; for a packed content its share of the pack, by rows
@@ -82,11 +82,18 @@ struct PackInfo {
 struct RecordingInfo {
   int formatVersion = 0;
   Attributes attributes;
-  std::string records;  ///< text for SignalPool::deserializeSignalRecords; none if packed
+  std::string records;  ///< text for SignalPool::deserializeSignalRecords; in version 1 only
   std::vector<SignalInfo> signals;  ///< by ascending signal id
   std::vector<FileInfo> files;      ///< by ascending storage id
   std::vector<PackInfo> packs;      ///< by ascending number
+  /// Checksum of signals.parquet, as that of a file. Empty in versions 1 and 2, which have none.
+  std::string signalsChecksum = {};
 };
+
+/// \brief The file that has the rows of a content, in the folder of the recording: such as
+/// `storage/7.parquet`, or `storage/pack-0.parquet`. Versions 1 and 2 have no extension behind
+/// storage ids.
+KYR_PARQUET_EXPORT std::string pathOf(const RecordingInfo& info, const FileInfo& content);
 
 /// \brief Read what a recording holds from its recording.json alone; no Parquet file is opened.
 /// \throws std::runtime_error naming the file or folder and what is wrong with it: not a recording,

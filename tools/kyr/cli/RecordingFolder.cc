@@ -26,7 +26,8 @@ bool holdsOnlyRecording(const fs::path& folder) {
   return std::all_of(fs::directory_iterator(folder), fs::directory_iterator(),
                      [](const fs::directory_entry& entry) {
                        const std::string name = entry.path().filename().string();
-                       return name == "storage" || name.rfind("recording.", 0) == 0;
+                       return name == "storage" || name == "signals.parquet" ||
+                              name.rfind("recording.", 0) == 0;
                      });
 }
 

@@ -134,7 +134,8 @@ void understand(const GivenOptions& given, ExportOptions& options) {
 void checkApart(const ExportOptions& options) {
   const fs::path recording = fs::weakly_canonical(options.folder);
   const fs::path out = fs::weakly_canonical(fs::absolute(options.out));
-  if (out == recording / "recording.json" || out.parent_path() == recording / "storage") {
+  if (out == recording / "recording.json" || out == recording / "signals.parquet" ||
+      out.parent_path() == recording / "storage") {
     throw std::runtime_error(options.out +
                              " belongs to the recording that is exported; choose another name");
   }

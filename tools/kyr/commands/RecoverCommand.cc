@@ -34,8 +34,8 @@ int runRecover(const std::string& folder) {
               signal.rowsKept);
   }
   for (const recording::RecoveredFile& file : result.filesCut) {
-    out.print("storage/{}: {} after the last row that is kept were cut off\n", file.storageId,
-              byteCount(file.bytesCut));
+    out.print("storage/{}.parquet: {} after the last row that is kept were cut off\n",
+              file.storageId, byteCount(file.bytesCut));
   }
   for (const std::string& note : result.notes) out.print("{}\n", singleLine(note));
   out.print("{}: recovered, {} with {}{}\n", folder, counted(result.signals.size(), "signal"),

@@ -143,18 +143,19 @@ class SqlViews::Run {
       const std::vector<SignalInfo>& signals)
       : name(literal(run)),
         reader(from),
-        storage_((wholePath(folder) / "storage").string()),
+        folder_(wholePath(folder).string()),
+        info_(from.info()),
         names_(takenNames(from.signals()), UniqueNames::Letters::equalInAnyCase) {
     if (reader.state() != recording::RecordingState::finished) {
       throw std::runtime_error(folder +
                                " is not finished, and other programs cannot read its files yet");
     }
-    for (FileInfo& file : from.info().files) files_.emplace(file.storageId, std::move(file));
+    for (const FileInfo& file : info_.files) files_.emplace(file.storageId, &file);
     for (const SignalInfo& signal : from.signals()) names_.add(signal);
     for (const SignalInfo& signal : signals) columns_[signal.signalId] = names_.nameOf(signal);
   }
 
-  const FileInfo& content(int storageId) const { return files_.at(storageId); }
+  const FileInfo& content(int storageId) const { return *files_.at(storageId); }
   const std::string& columnOf(const SignalInfo& signal) const {
     return columns_.at(signal.signalId);
   }
@@ -166,8 +167,7 @@ class SqlViews::Run {
   }
 
   std::string fileOf(const FileInfo& content) const {
-    return content.pack ? fmt::format("{}/pack-{}.parquet", storage_, *content.pack)
-                        : fmt::format("{}/{}", storage_, content.storageId);
+    return fmt::format("{}/{}", folder_, pathOf(info_, content));
   }
 
   /// The first rows of a content, as a relation.
@@ -183,8 +183,9 @@ class SqlViews::Run {
   const RecordingReader& reader;
 
  private:
-  std::string storage_;
-  std::map<int, FileInfo> files_;
+  std::string folder_;
+  recording::RecordingInfo info_;
+  std::map<int, const FileInfo*> files_;  // by storage id
   UniqueNames names_;
   std::map<int, std::string> columns_;
 };
