@@ -74,6 +74,7 @@ class SharedRecording {
         fresh_(target_.string() + kSavingInfix) {
     contents_.describe(old_, /*isLive=*/false);
     fs::create_directory(fresh_.path() / kStorageFolder);
+    info_.formatVersion = old_->formatVersion;
     info_.attributes = old_->attributes;
     info_.signals = old_->signals;
     makePacks();
