@@ -134,13 +134,12 @@ std::string_view ChunkPages::compressed(const Pieces& values, std::int64_t size)
   }
   const auto* const from = reinterpret_cast<const std::uint8_t*>(all.data());
   const std::int64_t room = codec_->MaxCompressedLen(size, from);
-  if (static_cast<std::int64_t>(compressed_.size()) < room) {
-    compressed_.resize(static_cast<std::size_t>(room));
-  }
+  const auto needed = static_cast<std::size_t>(room);
+  if (compressed_.size() < needed) compressed_.extend(needed - compressed_.size());
   PARQUET_ASSIGN_OR_THROW(
       const std::int64_t bytes,
       codec_->Compress(size, from, room, reinterpret_cast<std::uint8_t*>(compressed_.data())));
-  return std::string_view(compressed_).substr(0, static_cast<std::size_t>(bytes));
+  return {compressed_.data(), static_cast<std::size_t>(bytes)};
 }
 
 void ChunkPages::put(std::string_view bytes) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "files/ColumnPages.h"
+#include "schema/ByteBuffer.h"
 
 namespace kyr::parquet {
 
@@ -53,7 +54,7 @@ class ChunkPages {
   ::parquet::ColumnChunkMetaDataBuilder& metadata_;
   std::unique_ptr<::arrow::util::Codec> codec_;
   bool isWorthwhile_ = true;  // whether the codec shrank the data page before
-  std::string compressed_;
+  ByteBuffer compressed_;
   std::string joined_;
   std::int64_t values_ = 0;
   std::int64_t dictionaryOffset_ = 0;

@@ -20,7 +20,9 @@ template <typename Stored>
 class DeltaEncoder {
  public:
   /// \param count  of all values that will be added
-  explicit DeltaEncoder(std::size_t count) : count_(count) {}
+  explicit DeltaEncoder(std::size_t count) : count_(count) {
+    bytes_.reserve(count * sizeof(Stored) / 2);
+  }
 
   template <typename Value>
   void add(const Value* values, std::size_t count) {

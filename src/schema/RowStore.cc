@@ -269,12 +269,15 @@ SampleChunk measureExactly(const SampleSchema& schema, const void* data, std::si
 void RowShapes::append(const SampleSchema& schema, const SampleChunk& chunk) {
   if (schema.kind != ColumnKind::flat) {
     std::uint64_t end = rowEnds.empty() ? 0 : rowEnds.back();
+    const bool areAlike = !chunk.sizes && chunk.dimensions->size() == 1;
+    const std::uint64_t each = areAlike ? shapeElements(chunk.dimensions->front()) : 0;
     for (std::size_t row = 0; row < chunk.rows; ++row) {
-      if (chunk.sizes) {
+      if (areAlike) {
+        end += each;
+      } else if (chunk.sizes) {
         end += static_cast<std::uint64_t>((*chunk.sizes)[row]);
       } else {
-        const auto& shapes = *chunk.dimensions;
-        end += shapeElements(shapes.size() == 1 ? shapes.front() : shapes[row]);
+        end += shapeElements((*chunk.dimensions)[row]);
       }
       rowEnds.push_back(end);
     }

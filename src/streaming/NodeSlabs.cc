@@ -14,6 +14,13 @@ namespace {
 
 // The address sanitizer sees what is used after it was freed if each node has memory of its own.
 #if defined(__SANITIZE_ADDRESS__)
+#define KYR_HAS_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KYR_HAS_ADDRESS_SANITIZER 1
+#endif
+#endif
+#ifdef KYR_HAS_ADDRESS_SANITIZER
 constexpr bool kUsesSlabs = false;
 #else
 constexpr bool kUsesSlabs = true;
@@ -105,8 +112,8 @@ void* allocateNode() {
 }
 
 void freeNode(void* node) noexcept {
-  const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(node);
-  drop(reinterpret_cast<Slab*>(address / kSlabSize * kSlabSize), 1);
+  const std::size_t offset = reinterpret_cast<std::uintptr_t>(node) % kSlabSize;
+  drop(reinterpret_cast<Slab*>(static_cast<char*>(node) - offset), 1);
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ template <typename Type, typename Value>
 void expectAllWidths() {
   using Stored = typename Type::c_type;
   std::mt19937_64 random(1);
-  for (const std::size_t count : {0, 1, 2, 33, 128, 129, 130, 257, 1000}) {
+  for (const std::size_t count : {0U, 1U, 2U, 33U, 128U, 129U, 130U, 257U, 1000U}) {
     for (unsigned width = 0; width <= 8 * sizeof(Value); ++width) {
       std::vector<Value> values(count);
       std::vector<Stored> expected;

@@ -51,7 +51,7 @@ TEST(PackRuns, FindsContentsInGroupsOfAllSizes) {
   for (const int last : {1000, 8, 255, 256, 7, 400, 300, 9}) {
     const std::uint64_t before = row;
     std::vector<PackRunGroup> groups;
-    for (const std::uint64_t count : {1, 3}) {
+    for (const std::uint64_t count : {1U, 3U}) {
       const int from = count == 1 ? 7 : last + 2;
       groups.push_back({before, count, {{from, last + from - 7}, {5000, 5000}}});
       for (int id = from; id <= last + from - 7; ++id, row += count) {
