@@ -2,6 +2,8 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -32,14 +34,18 @@ recording::RecoveryResult recover(const nb::bytes& folder) {
 
 std::vector<recording::DeduplicationReport> deduplicate(const std::vector<nb::bytes>& like,
                                                         const std::vector<nb::bytes>& folders) {
-  std::vector<Path> known;
-  std::vector<Path> paths;
-  for (const nb::bytes& folder : like) known.push_back(pathOf(folder));
-  for (const nb::bytes& folder : folders) paths.push_back(pathOf(folder));
+  const auto pathsOf = [](const std::vector<nb::bytes>& names) {
+    std::vector<Path> paths;
+    std::transform(names.begin(), names.end(), std::back_inserter(paths), pathOf);
+    return paths;
+  };
+  const std::vector<Path> known = pathsOf(like);
+  const std::vector<Path> paths = pathsOf(folders);
   const nb::gil_scoped_release release;
   recording::Deduplicator deduplicator;
   for (const Path& path : known) deduplicator.add(path);
   std::vector<recording::DeduplicationReport> reports;
+  reports.reserve(paths.size());
   for (const Path& path : paths) reports.push_back(deduplicator.deduplicate(path));
   return reports;
 }

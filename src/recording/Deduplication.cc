@@ -30,6 +30,12 @@ using parquet::ContentReader;
 
 namespace {
 
+// A file that the file system gives no other name, as one on another file system, or one that has as
+// many names as it may have.
+struct NotShared {
+  fs::path file;
+};
+
 // Whether the file has no other name.
 bool isAlone(const fs::path& file) { return fs::hard_link_count(file) == 1; }
 
@@ -165,9 +171,7 @@ class SharedRecording {
   // Puts a file into the new recording. It stays what its recording says.
   template <typename Info>
   static void link(const fs::path& from, const fs::path& to, const Info& info) {
-    if (shareFile(from, to) == Sharing::none) {
-      throw std::runtime_error(from.string() + ": the file system does not let files be shared");
-    }
+    if (shareFile(from, to) == Sharing::none) throw NotShared{from};
     if (digestFile(to).checksum != info.checksum) {
       throw DamagedError(from.string() + ": its checksum is wrong");
     }
@@ -245,7 +249,15 @@ class Deduplicator::Impl {
       isNew = isNew || !fs::equivalent(pathOf(path, *content.old), content.place->path());
     }
     if (isNew) {
-      share(open, info, plan, report);
+      try {
+        share(open, info, plan, report);
+      } catch (const NotShared& error) {
+        // Recordings to come share the files of this one instead.
+        report.sharedContents = 0;
+        report.leftAlone = "the file system gives no other name to " + error.file.string();
+        index_.forget(error.file);
+        index_.add(path, *info);
+      }
     } else {
       report.leftAlone = report.sharedContents > 0 ? "it shares what it can already"
                                                    : "it has nothing in common with the others";

@@ -1,6 +1,7 @@
 #include "recording/DeduplicationPlan.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <set>
 #include <stdexcept>
@@ -34,6 +35,14 @@ void ContentIndex::add(const std::filesystem::path& folder, const RecordingInfo&
     (file.pack ? packed_ : wholes_).try_emplace(file.contentDigest, Place{run.get(), &file});
   }
   runs_.push_back(std::move(run));
+}
+
+void ContentIndex::forget(const std::filesystem::path& file) {
+  for (Places* const places : {&wholes_, &packed_}) {
+    for (auto it = places->begin(); it != places->end();) {
+      it = it->second.path() == file ? places->erase(it) : std::next(it);
+    }
+  }
 }
 
 const ContentIndex::Place* ContentIndex::find(const Places& places, const std::string& digest) {

@@ -34,6 +34,9 @@ class ContentIndex {
   /// Takes note of the contents that the index does not have.
   void add(const std::filesystem::path& folder, const RecordingInfo& info);
 
+  /// Forgets the contents of a file.
+  void forget(const std::filesystem::path& file);
+
   /// A content in a file of its own, or in a pack; null if there is none.
   const Place* whole(const std::string& digest) const { return find(wholes_, digest); }
   const Place* packed(const std::string& digest) const { return find(packed_, digest); }

@@ -286,9 +286,23 @@ class Kinds(ToolTest):
         self.store("time,a\n2024-05-01T10:00:00.5,1\n", "--attribute", "model=pump 7",
                    "--attribute", "runs=[1, 2]")
         expected = {"model": "pump 7", "runs": [1, 2], "start": "2024-05-01T10:00:00"}
-        self.assertEqual(self.info()["attributes"], expected)
+        self.assertEqual(self.attributes(), expected)
         self.run_tool("record", "-", "live", "--attribute", "n=1.5", stdin="time,a\n0,1\n")
-        self.assertEqual(self.info("live")["attributes"], {"n": 1.5})
+        self.assertEqual(self.attributes("live"), {"n": 1.5})
+        self.assertEqual(len(self.info("live")["attributes"]["history"]), 1)
+        history = []
+        for text in ("time,a\n0,1\n", "time,a\n0,2\n", "time,a\n0,1\n"):
+            self.store(text)
+            self.run_tool("set", "rec", "a.unit=m")
+            history += self.info()["attributes"]["history"]
+        for step in history:
+            self.assertEqual((step["tool"], step["source"]), ("kyr import", "in.csv"))
+            self.assertRegex(step["version"], r"^\d+\.\d+\.\d+$")
+            self.assertRegex(step["source_xxh3_128"], "^[0-9a-f]{32}$")
+        self.assertEqual(history[0], history[2])
+        self.assertNotEqual(history[0], history[1])
+        self.store("time,a\n0,1\n", "--attribute", "history=[]")
+        self.assertEqual(self.info()["attributes"]["history"], [])
         self.fails("import", "in.csv", "new", "--attribute", "x", says=["NAME=VALUE"], exit_code=2)
 
 

@@ -83,6 +83,12 @@ class ToolTest(unittest.TestCase):
     def info(self, recording="rec"):
         return json.loads(self.run_tool("info", recording, "--json").stdout)
 
+    def attributes(self, recording="rec"):
+        """What was said of the recording, without the history that the tool adds."""
+        attributes = self.info(recording).get("attributes", {})
+        attributes.pop("history", None)
+        return attributes
+
     def signals(self, recording="rec"):
         return {signal["name"]: signal for signal in self.info(recording)["signals"]}
 

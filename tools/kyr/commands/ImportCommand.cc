@@ -11,6 +11,7 @@
 #include "cli/CommandLine.h"
 #include "cli/Errors.h"
 #include "cli/GivenAttributes.h"
+#include "cli/History.h"
 #include "cli/LikeOption.h"
 #include "cli/Losses.h"
 #include "cli/Output.h"
@@ -94,6 +95,7 @@ void importCsv(const ImportOptions& options) {
   recording::SaveOptions saving;
   saving.packBelow = packBelow;
   saving.attributes = givenAttributes(options.attributes);
+  addHistory(*saving.attributes, "kyr import", options.file, /*isComplete=*/true);
   if (table.timeForm().isAbsolute()) {
     (*saving.attributes)[kStartAttribute] = jsonText(table.timeForm().start());
   }

@@ -17,6 +17,7 @@
 #include "cli/Errors.h"
 #include "cli/Files.h"
 #include "cli/GivenAttributes.h"
+#include "cli/History.h"
 #include "cli/Interrupt.h"
 #include "cli/LikeOption.h"
 #include "cli/Output.h"
@@ -141,6 +142,7 @@ recording::LiveOptions liveOptions(const RecordOptions& options, const TimeForm&
   recording::LiveOptions live;
   live.storage.sync = kSyncs.at(options.sync);
   live.attributes = givenAttributes(options.attributes);
+  addHistory(live.attributes, "kyr record", options.source, /*isComplete=*/false);
   if (times.isAbsolute()) live.attributes[kStartAttribute] = jsonText(times.start());
   return live;
 }
