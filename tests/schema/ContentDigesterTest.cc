@@ -1,3 +1,4 @@
+#include <arrow/type.h>
 #include <gmock/gmock.h>
 
 #include <memory>
