@@ -92,7 +92,9 @@ bool isStorageFile(const fs::path& path) {
 }
 
 bool isOwnFile(const fs::path& path) {
-  const std::string name = path.filename().string();
+  std::string name = path.filename().string();
+  // What replaceTextFile() had not renamed yet.
+  if (path.extension() == ".new") name = path.stem().string();
   return name == kDescriptionFile || name == kSignalsFile || name == kPipeFile ||
          isStorageFile(path);
 }

@@ -79,7 +79,11 @@ const Content kContents[]{
        Folder(folder / "storage").touch("0", "PAR1...");
        Folder(folder / "storage").touch("1", "PA");
        Folder(folder / "storage").touch("pack-0.parquet", "");
+       Folder(folder / "storage").touch("7.parquet", "PAR1...");
        Folder(folder).touch("recording.json", "{");
+       Folder(folder).touch("recording.json.new", "{");
+       Folder(folder).touch("signals.parquet", "PAR1");
+       Folder(folder).touch("signals.parquet.new", "");
      },
      "free"},
     {"links to what the recording's folder has",
