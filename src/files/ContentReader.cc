@@ -103,6 +103,7 @@ void ContentFile::decode(std::size_t index, DecodedGroup& group) {
     ByteBuffer extents;
     file_->readGroup(columnNames::dimension, index, endOf(extents), shapes.extentEnds);
     shapes.extents.resize(extents.size() / sizeof(std::uint64_t));
+    if (extents.size() == 0) return;
     std::memcpy(shapes.extents.data(), extents.data(), extents.size());
   });
   if (schema_.kind == ColumnKind::list) {
