@@ -121,14 +121,15 @@ class SharedRecording {
   void makePacks() {
     PackWriter packs(fresh_.path() / kStorageFolder, SaveOptions().encodings);
     for (const DeduplicationPlan::Content& content : plan_.contents()) {
-      if (!content.isRepacked || !given_.insert(content.id).second) continue;
+      if (!content.isRepacked) continue;
+      changed_.push_back(&content);
+      if (!given_.insert(content.id).second) continue;
       const auto reader = contents_.open(content.old->storageId);
       const parquet::HeldRows held = reader->read(0, reader->rows());
       FileInfo file = *content.old;
       file.storageId = content.id;
       packs.add(file, reader->schema(), reader->width(), reader->codec(), held.rows);
       info_.files.push_back(std::move(file));
-      changed_.push_back(&content);
     }
     info_.packs = packs.finish();
     for (const PackInfo& pack : info_.packs) {
@@ -140,9 +141,13 @@ class SharedRecording {
     for (const DeduplicationPlan::Content& content : plan_.contents()) {
       if (content.isRepacked) continue;
       const bool isShared = content.place != nullptr;
-      if (isShared) changed_.push_back(&content);
-      if (!given_.insert(content.id).second) continue;
+      // Contents of the recording that are equal become one, too.
+      const bool isFirst = given_.insert(content.id).second;
+      if (isShared || !isFirst) changed_.push_back(&content);
+      if (!isFirst) continue;
       FileInfo file = isShared ? *content.place->file : *content.old;
+      file.minimum = content.old->minimum;
+      file.maximum = content.old->maximum;
       const fs::path& from = isShared ? content.place->run->folder : target_;
       if (file.pack) {
         const auto& packs = isShared ? content.place->run->packs : old_->packs;
@@ -194,10 +199,11 @@ class SharedRecording {
       const auto before = contents_.open(content->old->storageId);
       const auto after = fresh.open(content->id);
       if (!haveEqualRows(*before, *after)) {
-        throw std::runtime_error(fmt::format(
-            "{}: storage id {} has the digest of other rows, which are in {}", target_.string(),
-            content->old->storageId,
-            content->place ? content->place->path().string() : std::string("a new pack")));
+        throw std::runtime_error(
+            fmt::format("{}: storage id {} has the digest of other rows, which are in {}",
+                        target_.string(), content->old->storageId,
+                        content->place ? content->place->path().string()
+                                       : std::string("another of its files")));
       }
       codecs[content->id] = ::arrow::util::Codec::GetCodecAsString(after->codec());
     }
