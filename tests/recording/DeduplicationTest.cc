@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <numeric>
 #include <string>
 #include <vector>
@@ -32,7 +33,7 @@ class DeduplicationTest : public RecordingTest, public ::testing::WithParamInter
     }
     recording::SaveOptions options;
     options.packBelow = GetParam().packBelow;
-    const fs::path folder = temp.file(name);
+    fs::path folder = temp.file(name);
     recording::saveRecording(source, {}, Path::fromFilesystem(folder), options);
     fs::remove_all(temp.file(name + ".pool"));
     return folder;
