@@ -51,7 +51,10 @@ void readDocuments(std::string_view text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   readDocuments(text);
-  mayRefuse([&] { readJournalLine(std::string(text)); });
+  LiveDescription live;
+  live.sequence = 10;
+  live.signals.resize(10);
+  mayRefuse([&] { readJournalLine(text, live); });
   mayRefuse([&] { parquet::readPartNotes(text); });
   return 0;
 }
