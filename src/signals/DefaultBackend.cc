@@ -16,11 +16,13 @@ constexpr unsigned long kBatchRows = 100000000;
 DefaultBackend::DefaultBackend(
     std::shared_ptr<ParquetSerializerWorker> worker, std::shared_ptr<StreamableWriter> writer,
     std::shared_ptr<RedundancyChecker::Context<unsigned long>> redundancyContext,
-    std::shared_ptr<RedundancyEliminator::Registry> fileNodes)
+    std::shared_ptr<RedundancyEliminator::Registry> fileNodes,
+    std::shared_ptr<RedundancyEliminator::ChainIndex> chainIndex)
     : worker_(std::move(worker)),
       writer_(std::move(writer)),
       redundancyContext_(std::move(redundancyContext)),
-      fileNodes_(std::move(fileNodes)) {}
+      fileNodes_(std::move(fileNodes)),
+      chainIndex_(std::move(chainIndex)) {}
 
 std::shared_ptr<ParquetSignal> DefaultBackend::makeSignal(int /*id*/, int timeStorageId,
                                                           int dataStorageId) {
@@ -37,7 +39,8 @@ std::shared_ptr<StreamableSignal> DefaultBackend::makeStreamableSignal(int /*id*
     throw std::runtime_error("the pool is in whole-file mode: it has no streamable signals");
   }
   return std::make_shared<StreamableSignalImpl>(writer_, timeStorageId, dataStorageId,
-                                                redundancyContext_, fileNodes_, kBatchRows);
+                                                redundancyContext_, fileNodes_, kBatchRows,
+                                                chainIndex_);
 }
 
 bool DefaultBackend::hasData(const PoolSignal& signal) const {

@@ -8,6 +8,7 @@
 #include "kyr/parquet/RedundancyEliminator.h"
 #include "kyr/parquet/StreamableWriter.h"
 #include "signals/PoolBackend.h"
+#include "streaming/ChainTree.h"
 
 namespace kyr::parquet {
 
@@ -22,7 +23,8 @@ class DefaultBackend final : public PoolBackend {
   DefaultBackend(std::shared_ptr<ParquetSerializerWorker> worker,
                  std::shared_ptr<StreamableWriter> writer,
                  std::shared_ptr<RedundancyChecker::Context<unsigned long>> redundancyContext,
-                 std::shared_ptr<RedundancyEliminator::Registry> fileNodes);
+                 std::shared_ptr<RedundancyEliminator::Registry> fileNodes,
+                 std::shared_ptr<RedundancyEliminator::ChainIndex> chainIndex);
 
   std::shared_ptr<ParquetSignal> makeSignal(int id, int timeStorageId, int dataStorageId) override;
   std::shared_ptr<StreamableSignal> makeStreamableSignal(int id, int timeStorageId,
@@ -39,6 +41,7 @@ class DefaultBackend final : public PoolBackend {
   std::shared_ptr<StreamableWriter> writer_;
   std::shared_ptr<RedundancyChecker::Context<unsigned long>> redundancyContext_;
   std::shared_ptr<RedundancyEliminator::Registry> fileNodes_;
+  std::shared_ptr<RedundancyEliminator::ChainIndex> chainIndex_;
 };
 
 }  // namespace kyr::parquet

@@ -33,6 +33,7 @@ SignalPoolImpl::SignalPoolImpl(const Path& dir, const SafeStorage& storage)
 SignalPoolImpl::SignalPoolImpl(const Path& dir, std::optional<SafeStorage> storage)
     : redundancyContext(std::make_shared<RedundancyChecker::Context<unsigned long>>()),
       fileNodes(std::make_shared<RedundancyEliminator::Registry>()),
+      chainIndex(std::make_shared<RedundancyEliminator::ChainIndex>()),
       safeStorage(storage) {
   if (!fileSystem::exists(dir)) createDirectory(dir);
   setParquetDirectory(dir);
@@ -60,7 +61,8 @@ void SignalPoolImpl::useDefaultRules(const Path& dir) {
   } else {
     newWorker = std::make_shared<ParquetSerializerWorker>(dir);
   }
-  backend = std::make_unique<DefaultBackend>(newWorker, newWriter, redundancyContext, fileNodes);
+  backend = std::make_unique<DefaultBackend>(newWorker, newWriter, redundancyContext, fileNodes,
+                                             chainIndex);
   worker = std::move(newWorker);
   writer = std::move(newWriter);
 }
@@ -96,12 +98,14 @@ void SignalPoolImpl::reset() {
   const Path fresh = generateTempDirectoryName(kTempDirectoryPrefix);
   createDirectory(fresh);
   signals.clear();
+  ++removals_;
   setParquetDirectory(fresh);
   backend->ownDirectory();
 }
 
 void SignalPoolImpl::reset(const Path& dir) {
   signals.clear();
+  ++removals_;
   setParquetDirectory(dir);
 }
 
@@ -126,6 +130,7 @@ void SignalPoolImpl::deserializeSignalRecords(const std::string& text) {
 void SignalPoolImpl::adopt(const SignalRecord& record) {
   const int timeId = record.timeStorageId;
   const int dataId = record.dataStorageId;
+  ++removals_;
   signals.insert_or_assign(
       record.signalId,
       isRowGroupMode() ? PoolSignal(backend->makeStreamableSignal(record.signalId, timeId, dataId))

@@ -20,6 +20,7 @@
 #include "signals/PoolBackend.h"
 #include "signals/SafeBackend.h"
 #include "signals/SignalRecords.h"
+#include "streaming/ChainTree.h"
 
 namespace kyr::parquet {
 
@@ -45,7 +46,9 @@ class SignalPoolImpl {
   void describeSignal(int id, const std::string& name, const std::string& unit) {
     safeState->describe(id, name, unit);
   }
-  void deleteSignal(int id) { signals.erase(id); }
+  void deleteSignal(int id) { removals_ += signals.erase(id); }
+  /// Grows whenever signals leave the pool, which others may still hold.
+  std::uint64_t removals() const { return removals_; }
   bool isEmpty() const { return signals.empty(); }
   void reset();
   void reset(const Path& dir);
@@ -66,6 +69,7 @@ class SignalPoolImpl {
 
   // Destroyed in reverse order: the signals go last. They hold what they need of the others.
   PoolSignals signals;
+  std::uint64_t removals_ = 0;
   // One of both is set in a pool without SafeStorage, by the storage mode.
   std::shared_ptr<ParquetSerializerWorker> worker;
   std::shared_ptr<StreamableWriter> writer;
@@ -73,6 +77,7 @@ class SignalPoolImpl {
   // What is known of chunks that were stored. These are as old as the pool, whatever its directory.
   std::shared_ptr<RedundancyChecker::Context<unsigned long>> redundancyContext;
   std::shared_ptr<RedundancyEliminator::Registry> fileNodes;
+  std::shared_ptr<RedundancyEliminator::ChainIndex> chainIndex;
 
   std::optional<SafeStorage> safeStorage;
   std::shared_ptr<SafePoolState> safeState = std::make_shared<SafePoolState>();

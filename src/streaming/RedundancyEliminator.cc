@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "streaming/ChainTree.h"
+
 namespace kyr::parquet::RedundancyEliminator {
 
 namespace {
@@ -144,28 +146,38 @@ void EliminateRedundancy(Context* context, const unsigned long& contentNumber,
     throw std::invalid_argument("Context is empty or invalid!");
   }
   Registry& registry = *context->registry;
+  ChainFollower* const follower = context->follower.get();
   if (!context->candidates) {
     context->candidates = std::make_unique<std::vector<FileNode*>>(
-        UpdateAllDuplicationCandidatesWithFirstBatch(registry, contentNumber));
+        follower ? follower->begin(registry, contentNumber)
+                 : UpdateAllDuplicationCandidatesWithFirstBatch(registry, contentNumber));
     context->previous = std::make_unique<std::vector<FileNode*>>();
   } else {
     UpdateAllDuplicationCandidates(*context->candidates, contentNumber);
+    if (follower && !context->current && context->candidates->empty()) {
+      *context->candidates = follower->findNext(contentNumber);
+    }
   }
   std::vector<FileNode*>& candidates = *context->candidates;
   std::vector<FileNode*>& previous = *context->previous;
 
   if (context->current) {
     auto node = extendChain(context->current);
-    if (node && *node) AppendToFile(context->current, *std::move(node));
+    if (node && *node) {
+      AppendToFile(context->current, *std::move(node));
+      if (follower) follower->grow();
+    }
   } else if (candidates.empty()) {
     auto node = startChain(NodeList(previous, registry, NodeList::Kind::heads),
                            NodeList(previous, registry, NodeList::Kind::following));
     if (node && *node) {
       context->current = node->get();
       RegisterNewFiles(registry, *node);
+      if (follower) follower->own(registry, *context->current);
     }
   } else {
     reuseChains(NodeList(candidates, registry, NodeList::Kind::heads));
+    if (follower) follower->advance();
   }
   progressToNextNodeForAllCandidates(candidates, previous);
 }

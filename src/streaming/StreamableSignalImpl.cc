@@ -42,16 +42,19 @@ StreamableSignal::~StreamableSignal() = default;
 
 StreamableSignalImpl::StreamableSignalImpl(std::shared_ptr<StreamableWriter> writer,
                                            std::shared_ptr<Checker> contentNumbers,
-                                           std::shared_ptr<Chains> chains, unsigned long rows)
+                                           std::shared_ptr<Chains> chains, unsigned long rows,
+                                           std::shared_ptr<ChainIndex> chainIndex)
     : StreamableSignalImpl(std::move(writer), kNoStorage, kNoStorage, std::move(contentNumbers),
-                           std::move(chains), rows) {}
+                           std::move(chains), rows, std::move(chainIndex)) {}
 
 StreamableSignalImpl::StreamableSignalImpl(std::shared_ptr<StreamableWriter> writer, int timeId,
                                            int dataId, std::shared_ptr<Checker> contentNumbers,
-                                           std::shared_ptr<Chains> chains, unsigned long rows)
+                                           std::shared_ptr<Chains> chains, unsigned long rows,
+                                           std::shared_ptr<ChainIndex> chainIndex)
     : record(std::make_shared<ParquetStorageRecord<StreamableWriter>>()),
       checker(std::move(contentNumbers)),
-      registry(std::move(chains)) {
+      registry(std::move(chains)),
+      index(std::move(chainIndex)) {
   if (!writer) throw std::invalid_argument("a streamable signal needs a writer, got none");
   record->worker = std::move(writer);
   record->timeStorageId = timeId;
@@ -59,7 +62,8 @@ StreamableSignalImpl::StreamableSignalImpl(std::shared_ptr<StreamableWriter> wri
   record->hasStorage = timeId != kNoStorage || dataId != kNoStorage;
   parts[0].name = SignalPart::time;
   parts[1].name = SignalPart::data;
-  for (Part& each : parts) each.chains = RedundancyEliminator::CreateContext(registry);
+  for (Part& each : parts)
+    each.chains = RedundancyEliminator::createFollowingContext(registry, index);
   setBufferSize(rows);
 }
 
@@ -287,7 +291,7 @@ void StreamableSignalImpl::resetData() {
   }
   for (Part& each : parts) {
     removeFile(each);
-    each.chains = RedundancyEliminator::CreateContext(registry);
+    each.chains = RedundancyEliminator::createFollowingContext(registry, index);
     each.buffer.reset();
     each.rowsWritten = 0;
     each.finished = false;

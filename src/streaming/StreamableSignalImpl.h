@@ -12,6 +12,7 @@
 #include "kyr/parquet/StreamableWriter.h"
 #include "schema/RowStore.h"
 #include "storage/ParquetStorageRecord.h"
+#include "streaming/ChainTree.h"
 
 namespace kyr::parquet {
 
@@ -20,15 +21,18 @@ class StreamableSignalImpl final : public StreamableSignal {
  public:
   using Checker = RedundancyChecker::Context<unsigned long>;
   using Chains = RedundancyEliminator::Registry;
+  using ChainIndex = RedundancyEliminator::ChainIndex;
 
-  /// A signal without files. All signals of a pool share the writer, the checker and the chains.
+  /// A signal without files. All signals of a pool share the writer, the checker and the chains,
+  /// and the index over these. Without an index, each append looks at all chains that match.
   /// \throws std::invalid_argument if \p writer is empty or \p batchRows is 0
   StreamableSignalImpl(std::shared_ptr<StreamableWriter> writer, std::shared_ptr<Checker> checker,
-                       std::shared_ptr<Chains> chains, unsigned long batchRows);
+                       std::shared_ptr<Chains> chains, unsigned long batchRows,
+                       std::shared_ptr<ChainIndex> chainIndex = nullptr);
   /// A signal over existing files, by their ids.
   StreamableSignalImpl(std::shared_ptr<StreamableWriter> writer, int timeId, int dataId,
                        std::shared_ptr<Checker> checker, std::shared_ptr<Chains> chains,
-                       unsigned long batchRows);
+                       unsigned long batchRows, std::shared_ptr<ChainIndex> chainIndex = nullptr);
   ~StreamableSignalImpl() override;
   StreamableSignalImpl(const StreamableSignalImpl&) = delete;
   StreamableSignalImpl& operator=(const StreamableSignalImpl&) = delete;
@@ -119,6 +123,7 @@ class StreamableSignalImpl final : public StreamableSignal {
   unsigned long batchRows;
   std::shared_ptr<Checker> checker;
   std::shared_ptr<Chains> registry;
+  std::shared_ptr<ChainIndex> index;
   KYRSignalDataType dataType = Double;
   KYRSignalCategory category = Scalar;
   std::optional<::arrow::Compression::type> compression;

@@ -64,6 +64,8 @@ class KYR_PARQUET_EXPORT NodeList {
   Kind kind_;
 };
 
+class ChainFollower;
+
 /// \brief Matching state of one signal part that is being streamed.
 struct Context {
   std::shared_ptr<Registry> registry;
@@ -72,6 +74,8 @@ struct Context {
   std::unique_ptr<std::vector<FileNode*>> candidates;
   std::unique_ptr<std::vector<FileNode*>> previous;  ///< the nodes that the latest chunk matched
   FileNode* current = nullptr;  ///< last node of the signal's own chain, once it has one
+  /// Set for the signals of pools, whose lists have only the first of the chains that match.
+  std::shared_ptr<ChainFollower> follower;
 };
 
 using StartChain = std::function<std::optional<std::unique_ptr<FileNode>>(
