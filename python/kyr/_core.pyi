@@ -303,7 +303,7 @@ class Deduplication:
 
     @property
     def shared(self) -> int:
-        """Of these, the ones in files that others have, too."""
+        """Contents in files that other recordings have, too."""
 
     @property
     def saved_bytes(self) -> int: ...

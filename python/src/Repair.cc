@@ -56,7 +56,7 @@ void defineDeduplication(nb::module_& module) {
   nb::class_<DeduplicationReport>(module, "Deduplication", "What a recording shares with others.")
       .def_ro("contents", &DeduplicationReport::contents, "Contents of the recording.")
       .def_ro("shared", &DeduplicationReport::sharedContents,
-              "Of these, the ones in files that others have, too.")
+              "Contents in files that other recordings have, too.")
       .def_ro("saved_bytes", &DeduplicationReport::savedBytes)
       .def_ro("left_alone", &DeduplicationReport::leftAlone,
               "Why the recording stayed as it was; empty if it did not.")

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/Digest.h"
+#include "schema/ByteBuffer.h"
 
 namespace kyr::parquet {
 
@@ -35,7 +36,11 @@ std::size_t CheckedFile::readAt(std::uint64_t offset, void* out, std::size_t siz
   auto* to = static_cast<char*>(out);
   if (expected_.blocks.empty()) {
     if (!wholeChecked_) checkWhole();
-    readExactly(offset, to, end - offset);
+    if (size_ <= kKeptBytes) {
+      std::copy_n(kept_.data() + offset, end - offset, to);
+    } else {
+      readExactly(offset, to, end - offset);
+    }
     return static_cast<std::size_t>(end - offset);
   }
   for (std::uint64_t at = offset; at < end;) {
@@ -64,10 +69,12 @@ void CheckedFile::readUnchecked(std::uint64_t block, std::uint64_t from, std::ui
   const std::uint64_t start = block * kBlockBytes;
   const std::uint64_t size = std::min(kBlockBytes, size_ - start);
   const bool isAll = to - from == size;
-  if (!isAll) block_.resize(kBlockBytes);
-  char* const bytes = isAll ? out : block_.data();
+  // Freed at once: a reader may have hundreds of files open.
+  ByteBuffer whole;
+  if (!isAll) whole.extend(static_cast<std::size_t>(size));
+  char* const bytes = isAll ? out : whole.data();
   readExactly(start, bytes, size);
-  const std::uint64_t found = XXH3_64bits(bytes, static_cast<std::size_t>(size));
+  const std::uint64_t found = shortDigestOfBytes(bytes, static_cast<std::size_t>(size));
   const std::uint64_t expected = expected_.blocks[static_cast<std::size_t>(block)];
   if (found != expected) {
     throw DamagedBytes(path(), start, start + size,
@@ -77,15 +84,15 @@ void CheckedFile::readUnchecked(std::uint64_t block, std::uint64_t from, std::ui
   checked_[static_cast<std::size_t>(block)] = true;
 }
 
+// A small file is read once, and then kept.
 void CheckedFile::checkWhole() const {
-  constexpr std::size_t kPieceBytes = kBlockBytes;
-  std::vector<char> piece(static_cast<std::size_t>(std::min<std::uint64_t>(size_, kPieceBytes)));
+  kept_.resize(static_cast<std::size_t>(std::min(size_, kBlockBytes)));
   XXH3_state_t state;
   XXH3_128bits_reset(&state);
   for (std::uint64_t at = 0; at < size_;) {
-    const auto size = std::min<std::uint64_t>(piece.size(), size_ - at);
-    readExactly(at, piece.data(), size);
-    addToDigest(state, piece.data(), static_cast<std::size_t>(size));
+    const auto size = std::min<std::uint64_t>(kept_.size(), size_ - at);
+    readExactly(at, kept_.data(), size);
+    addToDigest(state, kept_.data(), static_cast<std::size_t>(size));
     at += size;
   }
   const std::string found = digitsOf(XXH3_128bits_digest(&state));
@@ -94,6 +101,7 @@ void CheckedFile::checkWhole() const {
                        fmt::format("their checksum is {}, expected {}", found, expected_.whole));
   }
   wholeChecked_ = true;
+  if (size_ > kKeptBytes) kept_ = std::vector<char>();  // {} would keep the memory
 }
 
 void CheckedFile::readExactly(std::uint64_t offset, char* out, std::uint64_t size) const {

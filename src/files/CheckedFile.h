@@ -52,6 +52,9 @@ class CheckedFile final : public ByteSource {
   std::size_t readAt(std::uint64_t offset, void* out, std::size_t size) const override;
 
  private:
+  // Files of this size stay in memory once they are checked.
+  static constexpr std::uint64_t kKeptBytes = 16'384;
+
   void checkWhole() const;
   // Reads the part [from, to) of a block that was not checked yet.
   void readUnchecked(std::uint64_t block, std::uint64_t from, std::uint64_t to, char* out) const;
@@ -64,7 +67,7 @@ class CheckedFile final : public ByteSource {
   std::uint64_t size_;
   mutable bool wholeChecked_ = false;
   mutable std::vector<bool> checked_;  // by block
-  mutable std::vector<char> block_;    // memory for a block of which only a part is asked for
+  mutable std::vector<char> kept_;     // all bytes of a small file without blocks
 };
 
 }  // namespace kyr::parquet

@@ -18,6 +18,14 @@ using ::parquet::Encoding;
 // A compressed page must save at least this part of its bytes to be worth inflating.
 constexpr std::int64_t kLeastSaving = 20;
 
+// Packed differences rarely hold anything that a codec could find: a part of a page tells.
+constexpr std::int64_t kSampledPart = 8;
+constexpr std::int64_t kLeastSample = 4096;
+
+bool isSaving(std::size_t stored, std::int64_t size) {
+  return static_cast<std::int64_t>(stored) < size - size / kLeastSaving;
+}
+
 // Serializes the fields of a page header in the order of their ids.
 class Header {
  public:
@@ -94,9 +102,12 @@ void ChunkPages::addData(const ColumnPage& page, Encoding::type encoding, const 
       values.begin(), values.end(), std::int64_t{0},
       [](std::int64_t sum, std::string_view piece) { return sum + std::int64_t(piece.size()); });
   std::string_view stored;
+  if (codec_ && isWorthwhile_ && encoding == Encoding::DELTA_BINARY_PACKED) {
+    isWorthwhile_ = shrinksInPart(values.front());
+  }
   if (codec_ && isWorthwhile_) {
     stored = compressed(values, size);
-    isWorthwhile_ = static_cast<std::int64_t>(stored.size()) < size - size / kLeastSaving;
+    isWorthwhile_ = isSaving(stored.size(), size);
   }
   const bool isCompressed = codec_ && isWorthwhile_;
   const auto storedSize = isCompressed ? static_cast<std::int64_t>(stored.size()) : size;
@@ -140,6 +151,14 @@ std::string_view ChunkPages::compressed(const Pieces& values, std::int64_t size)
       const std::int64_t bytes,
       codec_->Compress(size, from, room, reinterpret_cast<std::uint8_t*>(compressed_.data())));
   return {compressed_.data(), static_cast<std::size_t>(bytes)};
+}
+
+bool ChunkPages::shrinksInPart(std::string_view values) {
+  const auto part = static_cast<std::int64_t>(values.size()) / kSampledPart;
+  if (part < kLeastSample) return true;
+  const auto length = static_cast<std::size_t>(part);
+  return isSaving(compressed({values.substr((values.size() - length) / 2, length)}, part).size(),
+                  part);
 }
 
 void ChunkPages::put(std::string_view bytes) {

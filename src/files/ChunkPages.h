@@ -47,6 +47,8 @@ class ChunkPages {
  private:
   // The values under the codec; empty without one. Valid until the next call.
   std::string_view compressed(const Pieces& values, std::int64_t size);
+  // Whether the codec shrinks the middle of values, by which the rest is judged.
+  bool shrinksInPart(std::string_view values);
   void put(std::string_view bytes);
   void count(std::string_view header, std::int64_t uncompressed, std::int64_t stored);
 

@@ -121,14 +121,14 @@ class ChunkWriter {
     std::size_t all = 0;
     forEachPage([&](const ColumnPage& page) { all += static_cast<std::size_t>(page.values); });
     ValueDictionary<Bits> dictionary(std::max<std::size_t>(1, all / 2));
-    std::vector<std::uint32_t> numbers(all);
+    const std::unique_ptr<std::uint32_t[]> numbers(new std::uint32_t[all]);
     std::size_t numbered = 0;
     bool isSmall = true;
     forEachPage([&](const ColumnPage& page) {
       if (!isSmall) return;
       for (const auto& [values, count] : storedValues(page)) {
         const auto* bits = reinterpret_cast<const Bits*>(values);
-        isSmall = isSmall && dictionary.add(bits, count, numbers.data() + numbered);
+        isSmall = isSmall && dictionary.add(bits, count, numbers.get() + numbered);
         numbered += count;
       }
     });
@@ -140,7 +140,7 @@ class ChunkWriter {
 
     const auto* values = reinterpret_cast<const Stored*>(dictionary.values().data());
     pages_.addDictionary(bytesOf(values, distinct), distinct);
-    const std::uint32_t* next = numbers.data();
+    const std::uint32_t* next = numbers.get();
     forEachPage([&](const ColumnPage& page) {
       const auto count = static_cast<std::size_t>(page.values);
       std::string indices(1, static_cast<char>(width));

@@ -216,7 +216,9 @@ void ColumnDecoder::read(int group, int leaf, std::size_t width, std::uint64_t f
   seek(position, group, leaf, width, first);
   readNumbers(*position.column, width, out, count);
   position.row += count;
-  positions_[leaf] = std::move(position);
+  // The pages of a row group that was read to its end are freed: hundreds of files may be open.
+  const auto rows = static_cast<std::uint64_t>(position.rows->metadata()->num_rows());
+  if (position.row < rows) positions_[leaf] = std::move(position);
 }
 
 void ColumnDecoder::seek(Position& position, int group, int leaf, std::size_t width,

@@ -16,7 +16,7 @@ namespace kyr::parquet {
 /// Decodes columns with Parquet's column readers, whatever their encoding and codec, straight into
 /// the caller's memory.
 ///
-/// Memory: a page, and a column chunk of up to a megabyte.
+/// Memory: a page, and a column chunk of up to a megabyte, until its last row was read.
 class ColumnDecoder {
  public:
   explicit ColumnDecoder(std::unique_ptr<::parquet::ParquetFileReader> file);

@@ -11,9 +11,7 @@
 
 namespace kyr::parquet {
 
-/// The digest of the content's columns and rows, as ContentDigester makes it.
-std::string digestOf(ContentReader& content);
-/// The digest and more.
+/// The digest of the content's columns and rows, and more, as ContentSummarizer makes it.
 ContentSummary summaryOf(ContentReader& content);
 
 /// Calls visit(first, rows, times) with all rows of a content, in order, in pieces that need little

@@ -286,9 +286,10 @@ HeldRows ContentReader::readGroup(std::size_t group, std::size_t from, std::size
 
 void ContentReader::requireOwnRows(const DecodedGroup& group, std::size_t index, std::size_t from,
                                    std::size_t count) const {
-  std::int32_t difference = 0;
-  for (std::size_t i = from; i < from + count; ++i) difference |= group.ids[i] ^ storageId_;
-  if (difference == 0) return;
+  const std::int32_t* const ids = group.ids.data() + from;
+  const bool areAllEqual =
+      count < 2 || std::memcmp(ids, ids + 1, (count - 1) * sizeof(std::int32_t)) == 0;
+  if (count == 0 || (ids[0] == storageId_ && areAllEqual)) return;
   const std::uint64_t first = file().rowStart(index) + from;
   fail(file(),
        fmt::format("rows {} to {} are not all of storage id {}", first, first + count, storageId_));

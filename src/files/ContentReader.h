@@ -29,7 +29,7 @@ class ContentFile {
 
   /// \throws std::runtime_error naming the file if its columns are not those of a content or a pack
   ContentFile(std::shared_ptr<InputFile> file, Kind kind, std::shared_ptr<RowGroupCache> cache);
-  ~ContentFile() { cache_->forget(*file_); }
+  ~ContentFile() { forgetGroups(); }
   ContentFile(const ContentFile&) = delete;
   ContentFile& operator=(const ContentFile&) = delete;
 
@@ -46,6 +46,8 @@ class ContentFile {
 
   /// A row group, which is kept in the cache.
   std::shared_ptr<const DecodedGroup> group(std::size_t index);
+  /// Frees the memory of the row groups of this file that are in the cache.
+  void forgetGroups() { cache_->forget(*file_); }
   /// \throws std::runtime_error naming the file if its columns make no samples
   void requireReadable() const;
   /// \throws std::runtime_error naming the file if rows from \p first on make no samples
@@ -127,7 +129,7 @@ class ContentReader {
   std::size_t parts() const;
   std::uint64_t partStart(std::size_t part) const;
   std::size_t partOfRow(std::uint64_t row) const;
-  /// As InputFile::ascendingGroups(), by part.
+  /// Does what InputFile::ascendingGroups() does, by part.
   std::vector<std::optional<NumberRange>> ascendingParts(std::size_t first) const;
 
   /// Writes the numbers of rows [first, first + count), which there must be, to \p out.

@@ -21,9 +21,9 @@ class FileFormat {
   /// Whether Parquet can write with the properties.
   const ::arrow::Status& check() const { return check_; }
 
-  /// The columns, if NumberFile writes the files. Null for all others: columns of
-  /// neither numbers nor lists of numbers, dictionaries, codecs, statistics, checksums, indexes, and what Parquet has no schema
-  /// for.
+  /// The columns, if NumberFile writes the files. Null for all others: columns of neither numbers
+  /// nor lists of numbers, dictionaries, codecs, statistics, checksums, indexes, and what Parquet
+  /// has no schema for.
   const ::parquet::SchemaDescriptor* numberColumns() const { return numberColumns_.get(); }
 
  private:

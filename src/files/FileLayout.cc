@@ -23,6 +23,15 @@ namespace {
 // A page for each 65,536 values: large enough for any encoding, and small next to a row group.
 constexpr PageSize kPages{65536, 1};
 
+// Storage ids that stay the same for many rows are few runs of a dictionary's numbers. Others count
+// up.
+ColumnEncoding encodingOfIds(const ::arrow::ChunkedArray& column) {
+  constexpr std::int64_t kMany = 8;
+  const auto& ids = static_cast<const ::arrow::Int32Array&>(*column.chunk(0));
+  const bool areRuns = ids.length() > kMany && ids.Value(0) == ids.Value(kMany - 1);
+  return {areRuns ? Encoding::RLE_DICTIONARY : Encoding::DELTA_BINARY_PACKED};
+}
+
 }  // namespace
 
 FileLayout::FileLayout(const ::arrow::Schema& schema,
@@ -85,8 +94,7 @@ void FileLayout::writeNumbers(const std::shared_ptr<::arrow::io::OutputStream>& 
                   keyValues);
   for (std::size_t i = 0; i < rowGroups.size(); ++i) {
     std::vector<ColumnEncoding> ofColumns{encodings[i]};
-    // Storage ids repeat, or count up.
-    if (isPack_) ofColumns.push_back({Encoding::DELTA_BINARY_PACKED});
+    if (isPack_) ofColumns.push_back(encodingOfIds(*rowGroups[i]->column(1)));
     file.writeRowGroup(rowGroups[i]->columns(), ofColumns);
   }
   file.finish();

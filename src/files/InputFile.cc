@@ -18,6 +18,7 @@
 #include "files/ArrowSource.h"
 #include "files/CheckedFile.h"
 #include "files/ColumnDecoder.h"
+#include "files/KeptFile.h"
 #include "files/ParquetTail.h"
 #include "files/PhysicalTypes.h"
 #include "files/PlainColumn.h"
@@ -30,18 +31,21 @@ namespace kyr::parquet {
 
 namespace {
 
-std::shared_ptr<GrowingRecords> completeFile(const ByteSource& file) {
-  const auto metadata = readSerializedMetadata(file);
+// \param file  becomes a file in memory if it is small
+std::shared_ptr<GrowingRecords> completeFile(std::shared_ptr<const ByteSource>& file) {
+  std::optional<std::string> whole;
+  const auto metadata = readSerializedMetadata(*file, whole);
   if (!metadata) {
-    throw std::runtime_error(file.path().string() + ": is no complete Parquet file");
+    throw std::runtime_error(file->path().string() + ": is no complete Parquet file");
   }
+  if (whole) file = std::make_shared<const KeptFile>(file, *std::move(whole));
   try {
     auto records = std::make_shared<GrowingRecords>(GrowingRecords{BatchIndex(*metadata)});
     records->isPublished = true;
     return records;
   } catch (const ::parquet::ParquetException& error) {
     throw std::runtime_error(fmt::format("{}: cannot be read as a Parquet file: {}",
-                                         file.path().string(), error.what()));
+                                         file->path().string(), error.what()));
   }
 }
 
@@ -102,7 +106,7 @@ struct InputFile::Window {
       : source(std::make_shared<ArrowSource>(file)) {}
 
   ::parquet::ReaderProperties properties() const {
-    ::parquet::ReaderProperties properties = readerProperties();
+    ::parquet::ReaderProperties properties;
     if (hasLongChunks(*metadata)) {
       constexpr std::int64_t kBufferBytes = std::int64_t{1} << 18;
       properties.enable_buffered_stream();
@@ -140,7 +144,7 @@ struct InputFile::Window {
 };
 
 InputFile::InputFile(std::shared_ptr<const ByteSource> file)
-    : file_(std::move(file)), records_(completeFile(*file_)) {}
+    : file_(std::move(file)), records_(completeFile(file_)) {}
 
 InputFile::InputFile(std::shared_ptr<const ByteSource> file,
                      std::shared_ptr<GrowingRecords> records, BatchChecks checks)

@@ -19,6 +19,7 @@
 #include "files/growing/GrowingRecords.h"
 #include "kyr/parquet/ColumnNames.h"
 #include "platform/ByteSource.h"
+#include "platform/FreshMemory.h"
 
 namespace kyr::parquet {
 
@@ -183,9 +184,9 @@ std::shared_ptr<InputFile> openAnyFile(std::shared_ptr<const ByteSource> file, s
                                        BatchChecks checks);
 
 /// Replaces \p out by rows [first, first + count) of a column of numbers. Memory that \p out has is
-/// used. Memory that it does not have is allocated, cleared and filled piece by piece, while the
-/// piece is in the processor's cache; so a file that only claims to have many rows takes no memory
-/// for them.
+/// used. Memory that it does not have is cleared and filled piece by piece, while the piece is in
+/// the processor's cache. What is allocated depends on what was read before, so a file that only
+/// claims to have many rows takes no memory for them.
 /// \param source  an InputFile or a ContentReader
 /// \param out  elements of the column's width, or bytes
 /// \param width  of a number
@@ -193,12 +194,19 @@ template <typename Source, typename T>
 void readColumn(Source& source, const std::string& column, std::size_t width, std::uint64_t first,
                 std::uint64_t count, std::vector<T>& out) {
   constexpr std::uint64_t kPiece = 32'768;
+  constexpr std::uint64_t kAllocated = std::uint64_t{1} << 23U;  // rows, before any was read
   const std::size_t perRow = width / sizeof(T);
   const std::size_t had = std::min<std::uint64_t>(out.size() / perRow, count);
   out.resize(had * perRow);
   for (std::uint64_t done = 0; done < count;) {
     const std::uint64_t end = done < had ? had : std::min(done + kPiece, count);
-    out.resize(static_cast<std::size_t>(end) * perRow);
+    if (done >= had) {
+      const std::uint64_t worthTrusting = std::min(count, kAllocated + 16 * done);
+      if (out.capacity() < end * perRow) {
+        platform::reserveMore(out, static_cast<std::size_t>(worthTrusting) * perRow);
+      }
+      platform::extend(out, static_cast<std::size_t>(end - done) * perRow);
+    }
     source.readNumbers(column, first + done, end - done,
                        reinterpret_cast<char*>(out.data() + done * perRow));
     done = end;
@@ -233,13 +241,17 @@ bool readOnlyColumn(std::shared_ptr<const ByteSource> file, const ::arrow::DataT
 template <typename T>
 bool readOnlyLists(std::shared_ptr<const ByteSource> file, const ::arrow::DataType& itemType,
                    std::vector<T>& items, std::vector<std::uint64_t>& ends) {
-  const ItemMemory memory = [&items](std::size_t bytes, std::size_t rest) {
-    const std::size_t had = items.size();
-    if (items.capacity() - had < (bytes + rest) / sizeof(T)) {
-      items.reserve(had + (bytes + rest) / sizeof(T));
+  // Row groups that follow may have as much for each of their rows, but no more than the file has.
+  const std::uint64_t fileBytes = file->size();
+  double share = 1;
+  const ItemMemory memory = [&](std::size_t bytes, std::size_t rest) {
+    const std::size_t needed = items.size() + (bytes + rest) / sizeof(T);
+    if (items.capacity() < needed) {
+      const double all =
+          std::min(static_cast<double>(needed) / share, static_cast<double>(fileBytes) / sizeof(T));
+      platform::reserveMore(items, std::max(needed, static_cast<std::size_t>(all) + 1));
     }
-    items.resize(had + bytes / sizeof(T));
-    return reinterpret_cast<char*>(items.data() + had);
+    return reinterpret_cast<char*>(platform::extend(items, bytes / sizeof(T)));
   };
   try {
     InputFile input(std::move(file));
@@ -248,6 +260,7 @@ bool readOnlyLists(std::shared_ptr<const ByteSource> file, const ::arrow::DataTy
     items.clear();
     ends.clear();
     for (std::size_t group = 0; group < input.rowGroups(); ++group) {
+      share = static_cast<double>(input.rowStart(group + 1)) / static_cast<double>(input.rows());
       input.readGroup(columnNames::data, group, memory, ends);
     }
     return true;

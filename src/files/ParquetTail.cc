@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace kyr::parquet {
 
@@ -19,7 +20,8 @@ std::uint32_t metadataLength(std::string_view tail) {
   return bytes;
 }
 
-std::optional<std::string> readSerializedMetadata(const ByteSource& file) {
+std::optional<std::string> readSerializedMetadata(const ByteSource& file,
+                                                  std::optional<std::string>& whole) {
   const std::uint64_t size = file.size();
   std::string tail(std::min<std::uint64_t>(size, kTailGuess), '\0');
   if (tail.size() < kParquetMagic.size() + kParquetTailBytes ||
@@ -37,21 +39,22 @@ std::optional<std::string> readSerializedMetadata(const ByteSource& file) {
     }
     return tail;
   }
-  tail.resize(tail.size() - kParquetTailBytes);
-  tail.erase(0, tail.size() - bytes);
-  return tail;
+  std::string metadata = tail.substr(tail.size() - kParquetTailBytes - bytes, bytes);
+  if (tail.size() == size) whole = std::move(tail);
+  return metadata;
 }
 
 std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata) {
   auto size = static_cast<std::uint32_t>(metadata.size());
-  return ::parquet::FileMetaData::Make(metadata.data(), &size, readerProperties());
-}
-
-::parquet::ReaderProperties readerProperties() {
+  // The parser makes room for a list or a text before it reads it. Each element takes a byte or
+  // more, so that a list longer than all metadata is a lie. Longer lists than by default are needed:
+  // long files have millions of row groups.
+  const auto most = static_cast<std::int32_t>(
+      std::min<std::uint32_t>(size, std::numeric_limits<std::int32_t>::max()));
   ::parquet::ReaderProperties properties;
-  properties.set_thrift_container_size_limit(std::numeric_limits<std::int32_t>::max());
-  properties.set_thrift_string_size_limit(std::numeric_limits<std::int32_t>::max());
-  return properties;
+  properties.set_thrift_container_size_limit(most);
+  properties.set_thrift_string_size_limit(most);
+  return ::parquet::FileMetaData::Make(metadata.data(), &size, properties);
 }
 
 }  // namespace kyr::parquet

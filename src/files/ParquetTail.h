@@ -1,7 +1,6 @@
 #pragma once
 
 #include <parquet/metadata.h>
-#include <parquet/properties.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -23,14 +22,13 @@ constexpr std::size_t kParquetTailBytes = 8;
 std::uint32_t metadataLength(std::string_view tail);
 
 /// The serialized metadata at the end of a file; none if it is no complete Parquet file.
+/// \param whole  receives all bytes of a file that is so small that it was read as a whole
 /// \throws std::system_error naming the file if it cannot be read
-std::optional<std::string> readSerializedMetadata(const ByteSource& file);
+std::optional<std::string> readSerializedMetadata(const ByteSource& file,
+                                                  std::optional<std::string>& whole);
 
-/// Parses serialized metadata.
+/// Parses serialized metadata. Lists may have more elements than Parquet's readers accept by default.
 /// \throws ::parquet::ParquetException if they are none
 std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata);
-
-/// What Parquet's readers accept: more row groups than by default, which long files have.
-::parquet::ReaderProperties readerProperties();
 
 }  // namespace kyr::parquet

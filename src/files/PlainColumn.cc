@@ -42,14 +42,11 @@ std::unique_ptr<PlainColumn> PlainColumn::make(const ::parquet::FileMetaData& me
 void PlainColumn::add(const ::parquet::RowGroupMetaData& group, std::uint64_t fileSize) {
   const auto chunk = group.ColumnChunk(0);
   const auto rows = static_cast<std::uint64_t>(group.num_rows());
-  const auto offset = static_cast<std::uint64_t>(chunk->data_page_offset());
-  const auto bytes = static_cast<std::uint64_t>(chunk->total_compressed_size());
-  const bool isPlain = chunk->compression() == ::parquet::Compression::UNCOMPRESSED &&
-                       !chunk->has_dictionary_page() && chunk->file_path().empty() &&
-                       physicalWidth(chunk->type()) == stored_ &&
-                       chunk->num_values() == group.num_rows() && offset <= fileSize &&
-                       bytes <= fileSize - offset && rows <= bytes / stored_;
-  groups_.push_back(isPlain ? Group{rows, offset, offset + bytes, {}} : Group{rows, 0, 0, {}});
+  const auto plain = plainChunk(*chunk, stored_, fileSize);
+  const bool isRead = plain && chunk->num_values() == group.num_rows();
+  groups_.push_back(
+      isRead ? Group{rows, plain->offset, plain->offset + plain->bytes, plain->hasCodec, {}}
+             : Group{rows, 0, 0, false, {}});
 }
 
 bool PlainColumn::readGroup(const ByteSource& file, std::size_t group, std::uint64_t first,
@@ -81,7 +78,8 @@ bool PlainColumn::findNextPage(const ByteSource& file, Group& in) const {
   const std::size_t got = file.readAt(in.offset, bytes.data(),
                                       std::min<std::uint64_t>(bytes.size(), in.limit - in.offset));
   const std::string_view text(bytes.data(), got);
-  const auto page = readPlainPageHeader(text);
+  const auto page = readPlainPageHeader(text, in.hasCodec);
+  if (!page) in.limit = in.offset;
   const std::uint64_t start = in.pages.empty() ? 0 : in.pages.back().end;
   if (!page || page->nulls != 0 || page->rows != page->entries || page->repetitionBytes != 0 ||
       page->rows == 0 || static_cast<std::uint64_t>(page->rows) > in.rows - start) {

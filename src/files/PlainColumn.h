@@ -42,8 +42,9 @@ class PlainColumn {
   struct Group {
     std::uint64_t rows = 0;
     std::uint64_t offset = 0;  // of the first page that was not looked at yet
-    std::uint64_t limit = 0;   // behind the last byte of its pages
-    std::vector<Page> pages;   // looked at so far
+    std::uint64_t limit = 0;   // behind the last byte of its pages, or where one is not plain
+    bool hasCodec = false;
+    std::vector<Page> pages;  // looked at so far
   };
 
   PlainColumn(std::size_t width, std::size_t stored, bool isOptional)

@@ -12,6 +12,7 @@
 #include "files/CompactProtocol.h"
 #include "files/PhysicalTypes.h"
 #include "files/PlainPages.h"
+#include "platform/FreshMemory.h"
 
 namespace kyr::parquet {
 
@@ -112,13 +113,10 @@ void PlainLists::add(const ::parquet::RowGroupMetaData& group, std::uint64_t fil
   const auto chunk = group.ColumnChunk(0);
   const auto rows = static_cast<std::uint64_t>(group.num_rows());
   const auto values = static_cast<std::uint64_t>(chunk->num_values());
-  const auto offset = static_cast<std::uint64_t>(chunk->data_page_offset());
-  const auto bytes = static_cast<std::uint64_t>(chunk->total_compressed_size());
-  const bool isPlain = chunk->compression() == ::parquet::Compression::UNCOMPRESSED &&
-                       !chunk->has_dictionary_page() && chunk->file_path().empty() &&
-                       physicalWidth(chunk->type()) == stored_ && offset <= fileSize &&
-                       bytes <= fileSize - offset && values <= bytes / stored_ && rows <= values;
-  groups_.push_back(isPlain ? Group{rows, values, offset, offset + bytes} : Group());
+  const auto plain = plainChunk(*chunk, stored_, fileSize);
+  groups_.push_back(plain && rows <= values ? Group{rows, values, plain->offset,
+                                                    plain->offset + plain->bytes, plain->hasCodec}
+                                            : Group());
 }
 
 bool PlainLists::readGroup(const ByteSource& file, std::size_t group, std::size_t width,
@@ -152,12 +150,17 @@ std::vector<PlainLists::Page> PlainLists::findPages(const ByteSource& file, cons
                                                     std::vector<std::uint64_t>& ends) const {
   std::vector<Page> pages;
   const std::size_t wanted = ends.size() + static_cast<std::size_t>(in.rows);
+  // A file may claim any number of rows. Memory for more than these is allocated as they are found.
+  constexpr std::size_t kTrusted = std::size_t{1} << 23U;
+  const std::size_t trusted = std::min(static_cast<std::size_t>(in.rows), kTrusted);
+  platform::reserveMore(ends, ends.size() + trusted);
+  platform::provide(ends.data() + ends.size(), trusted * sizeof(ends[0]));
   std::uint64_t values = 0;
   std::string start;
   for (std::uint64_t at = in.offset; at < in.limit && ends.size() < wanted;) {
     start.resize(std::min<std::uint64_t>(kPageStartBytes, in.limit - at));
     start.resize(file.readAt(at, start.data(), start.size()));
-    const auto page = readPlainPageHeader(start);
+    const auto page = readPlainPageHeader(start, in.hasCodec);
     if (!page || page->nulls != 0 || page->entries == 0) return {};
     at += page->headerBytes;
     const auto count = static_cast<std::uint64_t>(page->entries);

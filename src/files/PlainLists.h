@@ -50,6 +50,7 @@ class PlainLists {
     std::uint64_t values = 0;
     std::uint64_t offset = 0;
     std::uint64_t limit = 0;  // behind the last byte of its pages
+    bool hasCodec = false;
   };
 
   explicit PlainLists(std::size_t stored) : stored_(stored) {}

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "files/CompactProtocol.h"
+#include "files/PhysicalTypes.h"
 
 namespace kyr::parquet {
 
@@ -20,12 +21,15 @@ struct Header {
   std::int64_t compressed = -1;
   // values, nulls, rows, encoding, bytes of definition and of repetition levels
   std::array<std::int64_t, 6> data{-1, -1, -1, -1, -1, -1};
+  bool isCompressed = true;
 };
 
 void readDataHeader(CompactReader& reader, Header& header) {
   for (auto field = reader.field(0); field.type != CompactReader::stop;
        field = reader.field(field.id)) {
+    constexpr int kIsCompressed = 7;
     const bool isNumber = field.type == CompactReader::i32;
+    if (field.id == kIsCompressed) header.isCompressed = field.type != CompactReader::no;
     if (isNumber && field.id >= 1 && field.id <= 6) {
       header.data[static_cast<std::size_t>(field.id) - 1] = reader.integer();
     } else {
@@ -63,7 +67,19 @@ void narrow(const std::vector<std::int32_t>& numbers, std::size_t count, char* o
 
 }  // namespace
 
-std::optional<PlainPageHeader> readPlainPageHeader(std::string_view bytes) {
+std::optional<PlainChunk> plainChunk(const ::parquet::ColumnChunkMetaData& chunk,
+                                     std::size_t stored, std::uint64_t fileSize) {
+  const auto offset = static_cast<std::uint64_t>(chunk.data_page_offset());
+  const auto bytes = static_cast<std::uint64_t>(chunk.total_compressed_size());
+  const bool hasCodec = chunk.compression() != ::parquet::Compression::UNCOMPRESSED;
+  const bool isPlain = !chunk.has_dictionary_page() && chunk.file_path().empty() &&
+                       physicalWidth(chunk.type()) == stored && offset <= fileSize &&
+                       bytes <= fileSize - offset &&
+                       static_cast<std::uint64_t>(chunk.num_values()) <= bytes / stored;
+  return isPlain ? std::optional<PlainChunk>({offset, bytes, hasCodec}) : std::nullopt;
+}
+
+std::optional<PlainPageHeader> readPlainPageHeader(std::string_view bytes, bool hasCodec) {
   constexpr int kDataPageV2 = 3;
   PlainPageHeader page;
   Header header;
@@ -76,7 +92,7 @@ std::optional<PlainPageHeader> readPlainPageHeader(std::string_view bytes) {
   }
   const auto [entries, nulls, rows, encoding, definitions, repetitions] = header.data;
   if (header.type != kDataPageV2 || header.uncompressed != header.compressed ||
-      encoding != ::parquet::Encoding::PLAIN ||
+      encoding != ::parquet::Encoding::PLAIN || (hasCodec && header.isCompressed) ||
       std::min({entries, nulls, rows, definitions, repetitions, header.compressed}) < 0) {
     return std::nullopt;
   }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <parquet/metadata.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -9,6 +11,19 @@
 #include "platform/ByteSource.h"
 
 namespace kyr::parquet {
+
+/// The bytes of a file that hold the pages of a column in a row group.
+struct PlainChunk {
+  std::uint64_t offset = 0;  ///< of the first page
+  std::uint64_t bytes = 0;
+  bool hasCodec = false;  ///< whether its pages may be compressed
+};
+
+/// \param stored  bytes of a number in the file
+/// \return none if the chunk has a dictionary, holds other numbers, or does not lie
+///         in the file with all its values
+std::optional<PlainChunk> plainChunk(const ::parquet::ColumnChunkMetaData& chunk,
+                                     std::size_t stored, std::uint64_t fileSize);
 
 /// Bytes that are read at once where a page begins: its header, short levels and more.
 constexpr std::size_t kPageStartBytes = 256;
@@ -25,8 +40,9 @@ struct PlainPageHeader {
 };
 
 /// \param bytes  from the beginning of a page on
+/// \param hasCodec  whether the column has one, which single pages need not use
 /// \return none if it is no such page, or if its numbers are negative
-std::optional<PlainPageHeader> readPlainPageHeader(std::string_view bytes);
+std::optional<PlainPageHeader> readPlainPageHeader(std::string_view bytes, bool hasCodec);
 
 /// Reads plain numbers from a page to memory.
 /// \param width  bytes of a number in memory; small integers take fewer than in the file

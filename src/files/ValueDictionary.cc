@@ -14,8 +14,18 @@ constexpr std::size_t kGroup = 8;
 constexpr std::size_t kFewestRepeated = 4 * kGroup;
 
 std::size_t repetitions(const std::uint32_t* numbers, std::size_t count) {
+  constexpr std::size_t kBlock = 32;
+  const std::uint32_t first = numbers[0];
   std::size_t length = 1;
-  while (length < count && numbers[length] == numbers[0]) ++length;
+  while (length < std::min(count, kBlock) && numbers[length] == first) ++length;
+  if (length < kBlock) return length;
+  // Without a way out of the inner loop the compiler compares several numbers at once.
+  for (; length + kBlock <= count; length += kBlock) {
+    std::uint32_t differences = 0;
+    for (std::size_t i = 0; i < kBlock; ++i) differences |= numbers[length + i] ^ first;
+    if (differences != 0) break;
+  }
+  while (length < count && numbers[length] == first) ++length;
   return length;
 }
 

@@ -22,6 +22,10 @@ class ValueDictionary {
   bool add(const Bits* values, std::size_t count, std::uint32_t* indices) {
     for (std::size_t i = 0; i < count; ++i) {
       const Bits value = values[i];
+      if (i > 0 && value == values[i - 1]) {
+        indices[i] = indices[i - 1];
+        continue;
+      }
       Slot* slot = &slotOf(value);
       if (slot->number == 0) {
         if (values_.size() == limit_) return false;
@@ -32,7 +36,10 @@ class ValueDictionary {
         values_.push_back(value);
         *slot = {value, static_cast<std::uint32_t>(values_.size())};
       }
-      indices[i] = slot->number - 1;
+      const std::uint32_t index = slot->number - 1;
+      indices[i] = index;
+      // Storage ids in packs are the same for many rows.
+      while (i + 1 < count && values[i + 1] == value) indices[++i] = index;
     }
     return true;
   }

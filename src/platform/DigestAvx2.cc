@@ -8,6 +8,10 @@ XXH128_hash_t digestWithAvx2(const void* bytes, std::size_t size) {
   return XXH3_128bits(bytes, size);
 }
 
+std::uint64_t shortDigestWithAvx2(const void* bytes, std::size_t size) {
+  return XXH3_64bits(bytes, size);
+}
+
 void addWithAvx2(XXH3_state_t& state, const void* bytes, std::size_t size) {
   XXH3_128bits_update(&state, bytes, size);
 }

@@ -15,6 +15,8 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/Parallel.h"
+
 namespace kyr {
 
 namespace {
@@ -195,6 +197,14 @@ void DiskFile::syncData() {
   if (retried([&] { return ::fdatasync(descriptor()); }) != 0) fail("sync", errno);
 }
 
+void DiskFile::startSync([[maybe_unused]] std::uint64_t offset,
+                         [[maybe_unused]] std::uint64_t size) noexcept {
+#ifdef SYNC_FILE_RANGE_WRITE
+  ::sync_file_range(descriptor_, static_cast<off_t>(offset), static_cast<off_t>(size),
+                    SYNC_FILE_RANGE_WRITE);
+#endif
+}
+
 void DiskFile::syncAll() {
   if (retried([&] { return ::fsync(descriptor()); }) != 0) fail("sync", errno);
 }
@@ -275,6 +285,11 @@ void copyToNewFile(const ByteSource& from, const std::filesystem::path& to, bool
 
 void syncPath(const std::filesystem::path& path) {
   DiskFile(path, DiskFile::Mode::readOnly).syncAll();
+}
+
+void syncPaths(const std::vector<std::filesystem::path>& paths) {
+  forEachInThreads(paths.size(), threadsForSyncing(paths.size()),
+                   [&](std::size_t i, std::size_t /*thread*/) { syncPath(paths[i]); });
 }
 
 void syncDirectoryOf(const std::filesystem::path& file) {

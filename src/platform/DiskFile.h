@@ -60,6 +60,9 @@ class DiskFile final : public ByteSource {
   /// Waits until the content, and the metadata needed to find it, are on the disk. After a failure
   /// the system may count lost bytes as written: a later sync that succeeds proves nothing.
   void syncData();
+  /// Has the system begin to write the bytes to the disk where it can, and does not wait for that. A
+  /// sync that follows has less to wait for.
+  void startSync(std::uint64_t offset, std::uint64_t size) noexcept;
   /// Does what syncData() does, and includes times and permissions. Works for directories, too.
   void syncAll();
 
@@ -116,6 +119,10 @@ void copyToNewFile(const ByteSource& from, const std::filesystem::path& to, bool
 /// Waits until a file, or the names in a directory, are on the disk.
 /// \throws std::system_error naming the path
 void syncPath(const std::filesystem::path& path);
+
+/// The same of many files, which the file system can write together. Some may be synced when it
+/// throws.
+void syncPaths(const std::vector<std::filesystem::path>& paths);
 
 /// Syncs the directory of \p file. Without it a power cut may remove a new file whose content was
 /// synced.

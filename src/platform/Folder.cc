@@ -61,6 +61,14 @@ Folder::Entry Folder::entry(const std::string& name) const {
   return S_ISLNK(status.st_mode) ? Entry::link : Entry::other;
 }
 
+std::uint64_t Folder::sizeOf(const std::string& name) const {
+  struct stat status {};
+  const int result = ::fstatat(disk_->descriptor(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW);
+  // Opening anything else tells what is wrong with it.
+  if (result != 0 || !S_ISREG(status.st_mode)) return open(name)->size();
+  return static_cast<std::uint64_t>(status.st_size);
+}
+
 std::vector<std::string> Folder::names() const {
   // A descriptor of its own: reading the names moves its position.
   const int descriptor = ::openat(disk_->descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -37,6 +37,8 @@ class Folder {
   /// What has the name; links are not followed.
   Entry entry(const std::string& name) const;
   bool has(const std::string& name) const { return entry(name) != Entry::none; }
+  /// The size of a regular file, which is not opened unless it is reached through a link.
+  std::uint64_t sizeOf(const std::string& name) const;
   /// The names of all entries, ascending.
   std::vector<std::string> names() const;
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <stdexcept>
 #include <string>
@@ -78,6 +79,8 @@ class JsonReader {
     skipSpace();
     return at_;
   }
+  /// How many characters follow the last value that was read.
+  std::size_t remaining() const { return text_.size() - std::min(at_, text_.size()); }
   /// Goes back to where a value began, at the depth at which it lies.
   void rewind(std::size_t position, int depth) {
     at_ = position;

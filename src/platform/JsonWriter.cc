@@ -5,14 +5,15 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 namespace kyr {
 
 namespace {
 
-// As short as it can be read back, with a decimal point or an exponent, so that readers take it for
-// a number with a fraction.
+// The shortest text that reads back as the same number. It has a decimal point or an exponent, so
+// that readers take it for a number with a fraction.
 std::string textOf(double value) {
   constexpr double kLeastFixed = 1e-4;
   constexpr double kMostFixed = 1e15;
@@ -74,9 +75,17 @@ void JsonWriter::close(char bracket) {
 
 void JsonWriter::key(std::string_view name) {
   beginValue();
-  text_ += '"';
-  text_ += name;
-  text_ += isIndented_ ? "\": " : "\":";
+  const std::string_view end = isIndented_ ? "\": " : "\":";
+  // One append instead of three, because half of a document are keys.
+  char token[64];
+  if (name.size() + end.size() < sizeof(token)) {
+    token[0] = '"';
+    std::memcpy(token + 1, name.data(), name.size());
+    std::memcpy(token + 1 + name.size(), end.data(), end.size());
+    text_.append(token, 1 + name.size() + end.size());
+  } else {
+    text_.append("\"").append(name).append(end);
+  }
   isMember_ = true;
 }
 

@@ -26,7 +26,11 @@ class JsonWriter {
     indented,  ///< a line for each value, indented by a blank for each level
   };
 
-  explicit JsonWriter(Layout layout) : isIndented_(layout == Layout::indented) {}
+  /// \param size  of the text, roughly, if it may be a long one
+  explicit JsonWriter(Layout layout, std::size_t size = 0)
+      : isIndented_(layout == Layout::indented) {
+    text_.reserve(size);
+  }
 
   void beginObject() { open('{'); }
   void endObject() { close('}'); }

@@ -27,12 +27,16 @@ void FileDigester::add(const void* data, std::size_t size) {
   while (size > 0) {
     const std::size_t count = std::min(size, kBlockBytes - state_->blockBytes);
     addToDigest(state_->whole, bytes, count);
-    addToDigest(state_->block, bytes, count);
-    state_->blockBytes += count;
     digest_.size += count;
+    if (count == kBlockBytes) {
+      digest_.blocks.push_back(shortDigestOfBytes(bytes, count));
+    } else {
+      addToDigest(state_->block, bytes, count);
+      state_->blockBytes += count;
+      if (state_->blockBytes == kBlockBytes) finishBlock();
+    }
     bytes += count;
     size -= count;
-    if (state_->blockBytes == kBlockBytes) finishBlock();
   }
 }
 
@@ -47,6 +51,17 @@ FileDigest FileDigester::finish() {
   if (digest_.blocks.size() == 1) digest_.blocks.clear();
   digest_.checksum = digitsOf(XXH3_128bits_digest(&state_->whole));
   return std::move(digest_);
+}
+
+FileDigest digestOfAll(std::string_view bytes) {
+  FileDigest digest;
+  digest.size = bytes.size();
+  digest.checksum = checksumOf(bytes);
+  for (std::size_t at = 0; at < bytes.size() && bytes.size() > kBlockBytes; at += kBlockBytes) {
+    const std::string_view block = bytes.substr(at, kBlockBytes);
+    digest.blocks.push_back(shortDigestOfBytes(block.data(), block.size()));
+  }
+  return digest;
 }
 
 void describeFile(FileInfo& file, FileDigest digest) {

@@ -51,6 +51,9 @@ class FileDigester {
   FileDigest digest_;
 };
 
+/// The digests of all bytes of a file. That is faster than piece by piece.
+FileDigest digestOfAll(std::string_view bytes);
+
 /// The checksum of a text, as that of a file.
 std::string checksumOf(std::string_view text);
 

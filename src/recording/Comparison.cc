@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <future>
 #include <limits>
 #include <stdexcept>
 #include <thread>
@@ -14,6 +13,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "platform/Parallel.h"
 #include "recording/ComparisonPairs.h"
 #include "recording/ComparisonWalks.h"
 #include "schema/TypeNames.h"
@@ -75,8 +75,10 @@ struct Side {
   ContentInfos contents;
 };
 
-bool isFloating(const SignalInfo& signal) {
-  return signal.dataType == Double || signal.dataType == Single;
+// Whether lines go from sample to sample. The data type of a bus says nothing of its bytes.
+bool hasLines(const SignalInfo& signal) {
+  return comparedKindOf(signal) != ComparedKind::blobs &&
+         (signal.dataType == Double || signal.dataType == Single);
 }
 
 void requireTolerances(const ComparisonOptions& options) {
@@ -107,7 +109,7 @@ std::string shapeText(const SignalInfo& signal) {
 struct Task {
   SignalComparison* result = nullptr;
   EqualFiles equal;
-  const FileInfo* known = nullptr;  // of the reference's samples
+  const FileInfo* known = nullptr;  // what recording.json says of the reference's samples
   std::uint64_t rows = 0;
 };
 
@@ -154,7 +156,8 @@ class PairComparison {
       result_.verdict = SignalVerdict::notComparable;
     }
     const auto& span = result_.referenceSpan;
-    if (span) result_.timeTolerance = options_.timeTol * (span->to - span->from);
+    // The difference of finite times may be infinite; that of their halves is not.
+    if (span) result_.timeTolerance = 2 * (options_.timeTol * (span->to / 2 - span->from / 2));
   }
 
   void requireEqualShapes() {
@@ -173,7 +176,7 @@ class PairComparison {
   template <typename Number>
   void compare() {
     std::optional<Findings> findings;
-    const bool holds = !isFloating(a_) || !isFloating(b_);
+    const bool holds = !hasLines(a_) || !hasLines(b_);
     const bool hasShapes = comparedKindOf(a_) == ComparedKind::shapes;
     const bool isCurve = options_.hasTolerance() && hasTimes_ && !hasShapes &&
                          comparedKindOf(a_) != ComparedKind::none;
@@ -208,10 +211,12 @@ class PairComparison {
                                    options_.checkpoint)};
   }
 
-  // Smallest and largest value of scalars, unless these must be read.
+  // Smallest and largest value of scalars, unless these must be read. Those of 64-bit integers are
+  // known as doubles alone.
   std::optional<std::pair<double, double>> knownRange() const {
     const bool isKnown = known_ && known_->minimum && known_->maximum && a_.category == Scalar &&
-                         std::isfinite(*known_->minimum) && std::isfinite(*known_->maximum);
+                         !needsLongDouble(a_) && std::isfinite(*known_->minimum) &&
+                         std::isfinite(*known_->maximum);
     if (!isKnown) return std::nullopt;
     return std::pair(*known_->minimum, *known_->maximum);
   }
@@ -395,22 +400,21 @@ class RecordingComparison {
                      [](const Task& one, const Task& other) { return one.rows > other.rows; });
     std::uint64_t rows = 0;
     for (const Task& task : tasks_) rows += task.rows;
-    std::uint64_t threads = std::min<std::uint64_t>(
-        {tasks_.size(), std::thread::hardware_concurrency(), 1 + rows / kRowsPerThread});
+    std::uint64_t threads =
+        std::min<std::uint64_t>({tasks_.size(), coreCount(), 1 + rows / kRowsPerThread});
     // Another reader might see a later flush.
     const bool isLive = reference_.reader.state() != RecordingState::finished ||
                         other_.reader.state() != RecordingState::finished;
     if (isLive) threads = 1;
-    std::vector<std::future<void>> others;
-    for (std::uint64_t i = 1; i < threads; ++i) {
-      others.push_back(std::async(std::launch::async, [this] {
-        const auto reference = reference_.open();
-        const auto other = other_.open();
-        compareNext(*reference, *other);
-      }));
-    }
-    compareNext(reference_.reader, other_.reader);
-    for (auto& each : others) each.get();
+    const std::thread::id caller = std::this_thread::get_id();
+    runInThreads(static_cast<std::size_t>(threads), [&] {
+      if (std::this_thread::get_id() == caller) {
+        return compareNext(reference_.reader, other_.reader);
+      }
+      const auto reference = reference_.open();
+      const auto other = other_.open();
+      compareNext(*reference, *other);
+    });
   }
 
   // Compares pairs until there are no more.

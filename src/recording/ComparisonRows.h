@@ -89,9 +89,9 @@ class ComparisonRows {
   bool ascends_ = true;
   std::vector<double> times_;
   std::vector<Number> values_;
-  std::vector<std::size_t> offsets_{0};  // of samples whose shapes vary, one more than rows
+  std::vector<std::size_t> offsets_{0};  // where samples of varying shape begin, and the end
   std::vector<char> bytes_;
-  std::optional<SampleBlocks> blocks_;  // of shapes and blobs
+  std::optional<SampleBlocks> blocks_;  // where shapes and blobs come from
 };
 
 extern template class ComparisonRows<double>;

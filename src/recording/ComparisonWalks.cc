@@ -129,7 +129,7 @@ struct Curve {
   std::uint64_t end = 0;  // behind the rows with the same time
   // The latest row that is too early to count at the time; the first one if there is none.
   std::uint64_t before = 0;
-  // What the curve comes from and goes on with.
+  // What the first and the last of the other curve's samples at the time are compared with.
   std::vector<Number> left;
   std::vector<Number> right;
 };
@@ -226,6 +226,7 @@ class CurveWalk {
       if (!isClear(a.at + k, b.at + k)) return false;
     }
     if (arePairs) return true;
+    if (haveInnerSamples()) return false;
     for (auto& curve : curves_) findEnds(curve);
     for (std::size_t side = 0; side < 2; ++side) {
       for (std::uint64_t k = 0; k < curves_[side].samples(); ++k) {
@@ -261,8 +262,8 @@ class CurveWalk {
     if (hasReach_ && isGroupClear()) return;
     std::array<std::uint64_t, 2> out{0, 0};
     for (auto& curve : curves_) {
-      if (hasReach_) curve.window.moveTo(time_, curve.before);
       if (!hasReach_) findEnds(curve);
+      if (hasReach_ || haveInnerSamples()) curve.window.moveTo(time_, beginOfWindow(curve));
     }
     for (std::size_t side = 0; side < 2; ++side) {
       for (std::uint64_t k = 0; k < curves_[side].samples(); ++k) {
@@ -270,6 +271,14 @@ class CurveWalk {
       }
     }
     if (out[0] + out[1] > 0) findings_.addOut(time_, std::max(out[0], out[1]));
+  }
+
+  // Whether a curve has samples between its first and its last one at the time.
+  bool haveInnerSamples() const { return curves_[0].samples() > 2 || curves_[1].samples() > 2; }
+
+  // The window of a curve that jumps at the time begins with the jump, unless times may differ.
+  std::uint64_t beginOfWindow(const Curve<Number>& curve) const {
+    return !hasReach_ && curve.samples() > 1 ? curve.at : curve.before;
   }
 
   void comparePairs(std::uint64_t rows) {
@@ -284,7 +293,7 @@ class CurveWalk {
     findings_.compared += rows;
   }
 
-  // Finds what a curve comes from and goes on with.
+  // Finds what the first and the last of the other curve's samples at the time are compared with.
   void findEnds(Curve<Number>& curve) {
     const std::size_t elements = curve.rows.elements();
     const auto copy = [&](std::uint64_t row, std::vector<Number>& values) {
@@ -297,8 +306,8 @@ class CurveWalk {
       copy(curve.end - 1, curve.right);
       return;
     }
-    const double before = curve.rows.time(curve.at - 1);
-    const double part = (time_ - before) / (curve.rows.time(curve.at) - before);
+    const double part =
+        partBetween(curve.rows.time(curve.at - 1), curve.rows.time(curve.at), time_);
     const Number* const from = curve.rows.values(curve.at - 1);
     const Number* const to = curve.rows.values(curve.at);
     for (std::size_t i = 0; i < elements; ++i) {
@@ -322,27 +331,17 @@ class CurveWalk {
     const Curve<Number>& own = curves_[side];
     const Curve<Number>& other = curves_[1 - side];
     const Number* const values = own.rows.values(own.at + k);
+    const bool isLast = k + 1 == own.samples();
+    if (!looksAround && (k == 0 || isLast)) {
+      scratch_ = isLast ? other.right : other.left;
+      return;
+    }
     for (std::size_t i = 0; i < scratch_.size(); ++i) {
       const auto allowed = [&](Number found) {
         return judge_.allowedAt(side == 0 ? values[i] : found, i);
       };
-      scratch_[i] = looksAround ? other.window.nearest(values[i], i, allowed)
-                                : partner(other, k, own.samples(), values[i], i);
+      scratch_[i] = other.window.nearest(values[i], i, allowed);
     }
-  }
-
-  // What a curve has where the other one has the k-th of its samples at the same time.
-  Number partner(const Curve<Number>& curve, std::uint64_t k, std::uint64_t samples, Number value,
-                 std::size_t element) const {
-    const Number left = curve.left[element];
-    const Number right = curve.right[element];
-    if (k + 1 == samples) return right;
-    if (k == 0) return left;
-    if (std::isnan(value) || std::isnan(left) || std::isnan(right)) {
-      return std::isnan(left) ? left : right;
-    }
-    if (!holds_) return std::clamp(value, std::min(left, right), std::max(left, right));
-    return std::abs(value - left) < std::abs(value - right) ? left : right;
   }
 
   std::array<Curve<Number>, 2> curves_;
@@ -350,7 +349,7 @@ class CurveWalk {
   double reach_;
   bool hasReach_;
   bool holds_;
-  double time_ = 0;  // of the samples that are compared
+  double time_ = 0;  // at which samples are compared now
   std::vector<Number> scratch_;
   Findings findings_;
 };

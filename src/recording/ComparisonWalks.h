@@ -23,8 +23,9 @@ std::optional<Findings> compareRows(ComparisonRows<Number>& reference,
 /// Compares two signals as curves, where both are: each sample with the other curve.
 ///
 /// At the same time, sample by sample if there are equally many. If not, the first one is compared
-/// with what the other curve comes from, the last one with what it goes on with, and others with
-/// what it has there.
+/// with what the other curve comes from, the last one with what it goes on with. Those between are
+/// compared with all samples that the other curve has there, and all values between these if it is
+/// a curve of lines.
 /// \param timeTolerance  how far away the other curve may have the value [s]
 /// \param holds  whether samples hold until the next one
 /// \return nothing if times do not ascend, or very many are the same

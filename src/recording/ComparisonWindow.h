@@ -14,12 +14,35 @@
 
 namespace kyr::recording {
 
+/// How far a time is on the way between two others: from 0 to 1.
+inline double partBetween(double before, double after, double time) {
+  const double length = after - before;
+  // The difference of finite times may be infinite; that of their halves is not.
+  if (std::isinf(length)) return (time / 2 - before / 2) / (after / 2 - before / 2);
+  return (time - before) / length;
+}
+
 /// The number at a time between two samples, on the straight line.
 template <typename Number>
 Number numberBetween(Number before, Number after, Number part) {
-  if (before == after) return before;
+  // An infinity times 0 is no number.
+  if (before == after || part == 0) return before;
+  if (part == 1) return after;
   // before + (after - before) * part may be infinite in between.
   return before * (1 - part) + after * part;
+}
+
+/// The one of two numbers that a value is nearer to in terms of their tolerances; none is a NaN.
+/// \param allowed  the tolerance at one of the two
+template <typename Number, typename Allowed>
+Number nearerOf(Number one, Number other, Number value, const Allowed& allowed) {
+  if (value == one || value == other) return value;
+  const Number distance = std::abs(value - one);
+  const Number others = std::abs(value - other);
+  const Number scaled = distance * allowed(other);
+  const Number othersScaled = others * allowed(one);
+  const bool isOther = scaled == othersScaled ? others < distance : othersScaled < scaled;
+  return isOther ? other : one;
 }
 
 /// The values that a curve has within a time before and after another one, which moves on. The
@@ -124,18 +147,12 @@ class ComparisonWindow {
     if (above == held.begin()) return above->first;
     const auto below = std::prev(above);
     if (above == held.end()) return below->first;
-    const Number up = above->first - value;
-    const Number down = value - below->first;
-    const Number upOfDown = up * allowed(below->first);
-    const Number downOfUp = down * allowed(above->first);
-    const bool isAbove = upOfDown == downOfUp ? up < down : upOfDown < downOfUp;
-    return isAbove ? above->first : below->first;
+    return nearerOf(below->first, above->first, value, allowed);
   }
 
   // Where the line from a row to the next one is at a time.
   Number onLine(std::uint64_t row, double time, std::size_t element) const {
-    const double before = rows_.time(row);
-    const double part = (time - before) / (rows_.time(row + 1) - before);
+    const double part = partBetween(rows_.time(row), rows_.time(row + 1), time);
     return numberBetween(valueOf(row, element), valueOf(row + 1, element),
                          static_cast<Number>(part));
   }

@@ -4,7 +4,9 @@
 #include <set>
 #include <system_error>
 #include <utility>
+#include <vector>
 
+#include "platform/Parallel.h"
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFolder.h"
 #include "recording/SignalTable.h"
@@ -13,16 +15,21 @@ namespace kyr::recording {
 
 void completeRecording(const Folder& folder, RecordingInfo info, bool syncsFiles) {
   const Folder storage = folder.folder(kStorageFolder);
+  std::vector<FileInfo*> files;
   for (FileInfo& file : info.files) {
-    if (file.pack) continue;
-    const std::shared_ptr<DiskFile> stored = storage.open(fileName(info, file));
-    describeFile(file, digestOf(*stored));
-    describeRowsIn(stored, file);
-    if (syncsFiles) stored->syncAll();
+    if (!file.pack) files.push_back(&file);
   }
+  const std::size_t threads =
+      syncsFiles ? threadsForSyncing(files.size()) : threadsForFiles(files.size());
+  forEachInThreads(files.size(), threads, [&](std::size_t i, std::size_t /*thread*/) {
+    const std::shared_ptr<DiskFile> stored = storage.open(fileName(info, *files[i]));
+    describeFile(*files[i], digestOf(*stored));
+    describeRowsIn(stored, *files[i]);
+    if (syncsFiles) stored->syncAll();
+  });
   for (const PackInfo& pack : info.packs) storage.open(packName(pack.number))->syncAll();
   storage.sync();
-  writeDescription(folder, std::move(info), /*syncs=*/true);
+  writeDescription(folder, info, /*syncs=*/true);
 }
 
 std::vector<std::string> unnamedIn(const Folder& storage, const RecordingInfo& info) {

@@ -13,7 +13,9 @@ namespace kyr::recording {
 
 namespace {
 
-std::int64_t keyOfPack(int number) { return -1 - std::int64_t{number}; }
+// Storage ids may be negative, so that packs get the odd numbers.
+std::int64_t keyOfContent(int storageId) { return 2 * std::int64_t{storageId}; }
+std::int64_t keyOfPack(int number) { return 2 * std::int64_t{number} + 1; }
 
 // The content's row behind its runs.
 std::uint64_t endOf(const std::vector<parquet::ContentRun>& runs) {
@@ -71,6 +73,13 @@ void ContentFiles::describe(std::shared_ptr<const RecordingInfo> info, bool isLi
 }
 
 const FileInfo& ContentFiles::fileInfo(int storageId) const {
+  // Mostly no number is left out.
+  const std::vector<FileInfo>& files = info_->files;
+  const std::int64_t guess = files.empty() ? -1 : std::int64_t{storageId} - files.front().storageId;
+  if (guess >= 0 && guess < static_cast<std::int64_t>(files.size()) &&
+      files[static_cast<std::size_t>(guess)].storageId == storageId) {
+    return files[static_cast<std::size_t>(guess)];
+  }
   const auto found =
       std::lower_bound(info_->files.begin(), info_->files.end(), storageId,
                        [](const FileInfo& file, int id) { return file.storageId < id; });
@@ -128,9 +137,9 @@ std::shared_ptr<parquet::ContentReader> ContentFiles::open(int storageId) {
                                                       info.firstRow, info.rowCount);
     }
     if (isLive_) return openLive(info);
-    if (const OpenFile* known = find(storageId)) return known->content;
+    if (const OpenFile* known = find(keyOfContent(storageId))) return known->content;
     auto content = openFile(info);
-    keep(storageId).content = content;
+    keep(keyOfContent(storageId)).content = content;
     return content;
   });
 }
@@ -150,7 +159,7 @@ bool ContentFiles::extend(parquet::ContentReader& content, const FileInfo& info)
 
 // A content may have got a file, and a pack another that replaces it, since they were looked at.
 std::shared_ptr<parquet::ContentReader> ContentFiles::openLive(const FileInfo& info) {
-  if (OpenFile* known = find(info.storageId)) {
+  if (OpenFile* known = find(keyOfContent(info.storageId))) {
     if (known->content->rows() >= info.rowCount || extend(*known->content, info)) {
       return known->content;
     }
@@ -162,7 +171,7 @@ std::shared_ptr<parquet::ContentReader> ContentFiles::openLive(const FileInfo& i
     arePacksKnown_ = false;
     content = openLiveFile(info);
   }
-  keep(info.storageId).content = content;
+  keep(keyOfContent(info.storageId)).content = content;
   return content;
 }
 

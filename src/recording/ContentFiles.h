@@ -98,7 +98,7 @@ class ContentFiles {
   std::shared_ptr<const OpenFolder> folder_;
   bool checks_;
   std::size_t maxOpenFiles_;
-  parquet::OpenFiles limits_;  // of the process
+  parquet::OpenFiles limits_;  // tells whether the process may open more files
   bool isLive_ = false;
   std::shared_ptr<const RecordingInfo> info_;
   std::unique_ptr<const RecordingInfo> replacement_;  // once another recording took the place

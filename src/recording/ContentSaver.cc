@@ -2,11 +2,14 @@
 
 #include <arrow/api.h>
 
+#include <mutex>
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "kyr/parquet/ColumnNames.h"
+#include "platform/Parallel.h"
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFolder.h"
 #include "recording/TimeSpans.h"
@@ -35,43 +38,57 @@ ContentSaver::ContentSaver(FileOf fileOf, std::shared_ptr<parquet::SharedStore> 
       lent_(std::move(lent)),
       storage_(std::move(storage)),
       packBelow_(options.packBelow),
-      packs_(storage_, options.encodings) {}
+      packs_(storage_, options.encodings, options.sync) {}
 
 void ContentSaver::save(FileInfo& file) {
   const auto content = store_ ? store_->find(file.storageId) : nullptr;
   const bool isMissing = content && !content->hasOwnFile();
   if (isMissing ? pack(file, *content) : packFile(file)) return;
-  if (!isMissing || !linkLent(file)) saveFile(file, isMissing ? content.get() : nullptr);
-  if (!file.contentDigest.empty()) return;
-  describeRowsIn(std::make_shared<const DiskFile>(storage_ / storageName(file.storageId),
-                                                  DiskFile::Mode::readOnly),
-                 file);
+  if (!isMissing) {
+    files_.push_back({&file, nullptr, fileOf_(file.storageId), ""});
+  } else if (!linkLent(file, *content)) {
+    write(files_.emplace_back(OwnFile{&file, content.get(), "", ""}));
+  }
 }
 
-void ContentSaver::saveFile(FileInfo& file, Content* content) const {
-  const fs::path to = storage_ / storageName(file.storageId);
-  if (content != nullptr) {
-    content->writeCopy(to, /*sync=*/false);
-    describeFile(file, digestFile(to));
-  } else {
-    describeFile(file, linkOrCopy(fileOf_(file.storageId), to));
-  }
+void ContentSaver::write(OwnFile& file) {
+  file.checksum.clear();
+  file.content->writeCopy(storage_ / storageName(file.info->storageId), /*sync=*/false);
 }
 
 // Contents only grow, so that one with as many rows is the one that was lent. The checksum tells
 // whether its file still is. Whoever reads a damaged one row by row learns what is wrong.
-bool ContentSaver::linkLent(FileInfo& file) const {
+bool ContentSaver::linkLent(FileInfo& file, Content& content) {
   const FileInfo* const listed = lent_ ? lent_->wholeFile(file.storageId) : nullptr;
   if (listed == nullptr || listed->rowCount != file.rowCount) return false;
   const fs::path to = storage_ / storageName(file.storageId);
   if (shareFile(lent_->pathOf(*listed), to) == Sharing::none) return false;
-  FileDigest digest = digestFile(to);
-  if (digest.checksum != listed->checksum) {
-    fs::remove(to);
-    return false;
-  }
-  describeFile(file, std::move(digest));
+  files_.push_back({&file, &content, "", listed->checksum});
   return true;
+}
+
+// The files are independent of each other: each is brought in, if it still is to be, and read once.
+void ContentSaver::describeFiles() {
+  std::vector<OwnFile*> damaged;
+  std::mutex mutex;
+  const auto describe = [&](OwnFile& file) {
+    const fs::path to = storage_ / storageName(file.info->storageId);
+    FileDigest digest = file.from.empty() ? digestFile(to) : linkOrCopy(file.from, to);
+    if (!file.checksum.empty() && digest.checksum != file.checksum) {
+      const std::lock_guard<std::mutex> lock(mutex);
+      return damaged.push_back(&file);
+    }
+    describeFile(*file.info, std::move(digest));
+    if (!file.info->contentDigest.empty()) return;
+    describeRowsIn(std::make_shared<const DiskFile>(to, DiskFile::Mode::readOnly), *file.info);
+  };
+  forEachInThreads(files_.size(), threadsForFiles(files_.size()),
+                   [&](std::size_t i, std::size_t /*thread*/) { describe(files_[i]); });
+  for (OwnFile* file : damaged) {
+    fs::remove(storage_ / storageName(file->info->storageId));
+    write(*file);
+    describe(*file);
+  }
 }
 
 // A row has a byte or more, but for empty ones.
@@ -100,6 +117,9 @@ bool ContentSaver::packRows(FileInfo& file, const parquet::SampleSchema& schema,
   return true;
 }
 
-std::vector<PackInfo> ContentSaver::finish() { return packs_.finish(); }
+std::vector<PackInfo> ContentSaver::finish() {
+  describeFiles();
+  return packs_.finish();
+}
 
 }  // namespace kyr::recording

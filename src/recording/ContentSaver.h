@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "kyr/recording/Recording.h"
@@ -28,17 +29,27 @@ class ContentSaver {
                std::shared_ptr<const LentFolder> lent, std::filesystem::path storage,
                const SaveOptions& options);
 
-  /// Saves the content of that id, and notes where it is.
+  /// Saves the content of that id.
+  /// \param file  receives where the content is, by the end of finish(), and has to live until then
   /// \throws std::exception naming the file
   void save(FileInfo& file);
 
-  /// Completes the packs.
+  /// Completes the packs, and describes the files.
   std::vector<PackInfo> finish();
 
  private:
-  // \param content  that has no file in the pool's directory; else null
-  void saveFile(FileInfo& file, parquet::Content* content) const;
-  bool linkLent(FileInfo& file) const;
+  // A content that has a file of its own.
+  struct OwnFile {
+    FileInfo* info = nullptr;
+    parquet::Content* content = nullptr;  // if it has no file in the pool's directory
+    std::filesystem::path from;           // in the pool's directory; empty if the file is written
+    std::string checksum;                 // that a lent file has to have
+  };
+
+  bool linkLent(FileInfo& file, parquet::Content& content);
+  // Writes a content that has no file in the pool's directory.
+  void write(OwnFile& file);
+  void describeFiles();
   bool pack(FileInfo& file, parquet::Content& content);
   bool packFile(FileInfo& file);
   bool packRows(FileInfo& file, const parquet::SampleSchema& schema,
@@ -50,6 +61,7 @@ class ContentSaver {
   std::filesystem::path storage_;
   std::size_t packBelow_;
   PackWriter packs_;
+  std::vector<OwnFile> files_;
 };
 
 }  // namespace kyr::recording

@@ -30,10 +30,10 @@ using parquet::ContentReader;
 
 namespace {
 
-// A file that the file system gives no other name, as one on another file system, or one that has as
-// many names as it may have.
+// Thrown for files that the file system gives no other name: they are on another file system, or
+// have as many names as a file may have.
 struct NotShared {
-  fs::path file;
+  std::set<fs::path> files;
 };
 
 // Whether the file has no other name.
@@ -95,15 +95,16 @@ class SharedRecording {
 
   /// Bytes that are free once the old recording has gone, less those that are written.
   std::int64_t savedBytes() const {
-    // Files that stay have two names now.
+    std::set<fs::path> freed;
+    for (const DeduplicationPlan::Content& content : plan_.contents()) {
+      const fs::path path = contentPath(target_, *content.old);
+      if (freed.count(path) > 0) continue;
+      const bool wasShared = content.place && areShared(path, content.place->path());
+      // Files that stay have two names now.
+      if (!wasShared && isAlone(path)) freed.insert(path);
+    }
     std::int64_t bytes = -writtenBytes_;
-    for (const FileInfo& file : old_->files) {
-      const fs::path path = storagePath(target_, file.storageId);
-      if (!file.pack && isAlone(path)) bytes += static_cast<std::int64_t>(file.size);
-    }
-    for (const PackInfo& pack : old_->packs) {
-      if (isAlone(packPath(target_, pack.number))) bytes += static_cast<std::int64_t>(pack.size);
-    }
+    for (const fs::path& path : freed) bytes += static_cast<std::int64_t>(fs::file_size(path));
     return bytes;
   }
 
@@ -112,14 +113,13 @@ class SharedRecording {
     if (folder_->isReplaced()) {
       throw std::runtime_error(target_.string() + ": was replaced meanwhile, and is left as it is");
     }
-    const fs::path old = publishRecording(fresh_, info_, target_, ReplaceOptions());
-    if (!old.empty()) disposeOf(old, target_);
+    disposeOf(publishRecording(fresh_, info_, target_, ReplaceOptions()), target_);
   }
 
  private:
   // New packs come first: their numbers begin at 0.
   void makePacks() {
-    PackWriter packs(fresh_.path() / kStorageFolder, SaveOptions().encodings);
+    PackWriter packs(fresh_.path() / kStorageFolder, SaveOptions().encodings, /*startsSync=*/true);
     for (const DeduplicationPlan::Content& content : plan_.contents()) {
       if (!content.isRepacked) continue;
       changed_.push_back(&content);
@@ -158,6 +158,7 @@ class SharedRecording {
       file.storageId = content.id;
       info_.files.push_back(std::move(file));
     }
+    if (!refused_.empty()) throw NotShared{std::move(refused_)};
   }
 
   // \return the pack's new number
@@ -165,8 +166,7 @@ class SharedRecording {
     const auto [known, isNew] =
         linked_.try_emplace({folder, number}, static_cast<int>(info_.packs.size()));
     if (!isNew) return known->second;
-    PackInfo pack = *std::find_if(packs.begin(), packs.end(),
-                                  [&](const PackInfo& each) { return each.number == number; });
+    PackInfo pack = packOf(packs, number);
     pack.number = known->second;
     link(packPath(folder, number), packPath(fresh_.path(), pack.number), pack);
     info_.packs.push_back(std::move(pack));
@@ -175,8 +175,9 @@ class SharedRecording {
 
   // Puts a file into the new recording. It stays what its recording says.
   template <typename Info>
-  static void link(const fs::path& from, const fs::path& to, const Info& info) {
-    if (shareFile(from, to) == Sharing::none) throw NotShared{from};
+  void link(const fs::path& from, const fs::path& to, const Info& info) {
+    if (shareFile(from, to) == Sharing::none) refused_.insert(from);
+    if (!refused_.empty()) return;  // the recording is not going to be published
     if (digestFile(to).checksum != info.checksum) {
       throw DamagedError(from.string() + ": its checksum is wrong");
     }
@@ -217,12 +218,13 @@ class SharedRecording {
   std::shared_ptr<const RecordingInfo> old_;
   const DeduplicationPlan& plan_;
   std::shared_ptr<const OpenFolder> folder_;
-  ContentFiles contents_;  // of the old recording
+  ContentFiles contents_;  // what the old recording has
   LockedFolder fresh_;
   RecordingInfo info_;
   std::int64_t writtenBytes_ = 0;
   std::set<int> given_;                             // ids that have their rows
   std::map<std::pair<fs::path, int>, int> linked_;  // new numbers of packs
+  std::set<fs::path> refused_;                      // files that got no other name
   std::vector<const DeduplicationPlan::Content*> changed_;
 };
 
@@ -244,53 +246,67 @@ class Deduplicator::Impl {
         std::all_of(info->files.begin(), info->files.end(),
                     [](const FileInfo& file) { return !file.contentDigest.empty(); });
     if (!hasDigests) {
-      report.leftAlone = "it has no digests of its contents, as older versions wrote it";
+      report.leftAlone =
+          "it has no digests of its contents, as older versions wrote it; kyr repack adds them";
       return report;
     }
-    const DeduplicationPlan plan(*info, index_);
-    bool isNew = false;
-    for (const DeduplicationPlan::Content& content : plan.contents()) {
-      if (!content.place) continue;
-      ++report.sharedContents;
-      isNew = isNew || !fs::equivalent(pathOf(path, *content.old), content.place->path());
-    }
-    if (isNew) {
-      try {
-        share(open, info, plan, report);
-      } catch (const NotShared& error) {
-        // Recordings to come share the files of this one instead.
-        report.sharedContents = 0;
-        report.leftAlone = "the file system gives no other name to " + error.file.string();
-        index_.forget(error.file);
-        index_.add(path, *info);
-      }
-    } else {
-      report.leftAlone = report.sharedContents > 0 ? "it shares what it can already"
-                                                   : "it has nothing in common with the others";
-      index_.add(path, *info);
-    }
+    index_.forgetFolder(path);  // a recording shares files with others, and may get new ones here
+    index_.add(path, share(open, info, report));
     return report;
   }
 
  private:
-  static fs::path pathOf(const fs::path& folder, const FileInfo& file) {
-    return file.pack ? packPath(folder, *file.pack) : storagePath(folder, file.storageId);
+  // Returns what the recording holds then.
+  RecordingInfo share(const std::shared_ptr<const OpenFolder>& folder,
+                      const std::shared_ptr<const RecordingInfo>& info,
+                      DeduplicationReport& report) {
+    std::string nothing = "it has nothing in common with those before it";
+    while (true) {
+      const DeduplicationPlan plan(*info, index_);
+      if (!countShared(plan, folder->path(), report)) {
+        report.leftAlone = report.sharedContents > 0 ? "it shares what it can already" : nothing;
+        return *info;
+      }
+      try {
+        return replace(folder, info, plan, report);
+      } catch (const NotShared& error) {
+        nothing = "the file system gives no other name to " + error.files.begin()->string();
+        // Recordings to come share the files of this one instead. Files that the index does not
+        // have are its own, which it cannot do without.
+        if (index_.forgetFiles(error.files)) continue;
+        report.leftAlone = nothing;
+        report.sharedContents = 0;
+        return *info;
+      }
+    }
   }
 
-  void share(const std::shared_ptr<const OpenFolder>& folder,
-             const std::shared_ptr<const RecordingInfo>& info, const DeduplicationPlan& plan,
-             DeduplicationReport& report) {
+  // Counts the contents that others have, too. Returns whether any is not shared yet.
+  static bool countShared(const DeduplicationPlan& plan, const fs::path& folder,
+                          DeduplicationReport& report) {
+    report.sharedContents = 0;
+    bool isNew = false;
+    for (const DeduplicationPlan::Content& content : plan.contents()) {
+      if (!content.place) continue;
+      ++report.sharedContents;
+      isNew = isNew || !areShared(contentPath(folder, *content.old), content.place->path());
+    }
+    return isNew;
+  }
+
+  static RecordingInfo replace(const std::shared_ptr<const OpenFolder>& folder,
+                               const std::shared_ptr<const RecordingInfo>& info,
+                               const DeduplicationPlan& plan, DeduplicationReport& report) {
     SharedRecording shared(folder, info, plan);
     const std::int64_t saved = shared.savedBytes();
-    if (saved <= 0) {
-      report.sharedContents = 0;
-      report.leftAlone = "sharing would save nothing";
-      index_.add(folder->path(), *info);
-      return;
+    if (saved > 0) {
+      shared.publish();
+      report.savedBytes = static_cast<std::uint64_t>(saved);
+      return shared.info();
     }
-    shared.publish();
-    report.savedBytes = static_cast<std::uint64_t>(saved);
-    index_.add(folder->path(), shared.info());
+    report.leftAlone = "sharing would save nothing";
+    report.sharedContents = 0;
+    return *info;
   }
 
   ContentIndex index_;

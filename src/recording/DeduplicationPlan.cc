@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <limits>
+#include <map>
 #include <set>
 #include <stdexcept>
 
@@ -10,39 +11,52 @@
 
 namespace kyr::recording {
 
-const PackInfo& ContentIndex::Place::pack() const {
-  return *std::find_if(run->packs.begin(), run->packs.end(),
-                       [this](const PackInfo& pack) { return pack.number == file->pack; });
+const PackInfo& packOf(const std::vector<PackInfo>& packs, int number) {
+  return *std::find_if(packs.begin(), packs.end(),
+                       [number](const PackInfo& pack) { return pack.number == number; });
 }
 
-std::filesystem::path ContentIndex::Place::path() const {
-  return file->pack ? packPath(run->folder, *file->pack)
-                    : storagePath(run->folder, file->storageId);
-}
+const PackInfo& ContentIndex::Place::pack() const { return packOf(run->packs, *file->pack); }
+
+std::filesystem::path ContentIndex::Place::path() const { return contentPath(run->folder, *file); }
 
 void ContentIndex::add(const std::filesystem::path& folder, const RecordingInfo& info) {
+  forgetFolder(folder);
   if (info.formatVersion != kFormatVersion) return;  // it has no digests, and other names of files
   auto run = std::make_unique<Run>();
   for (const FileInfo& file : info.files) {
-    const bool isNew = !file.contentDigest.empty() &&
-                       (file.pack ? packed_ : wholes_).count(file.contentDigest) == 0;
+    const bool isNew =
+        !file.contentDigest.empty() && placesFor(file).count(file.contentDigest) == 0;
     if (isNew) run->files.push_back(file);
   }
   if (run->files.empty()) return;
   run->folder = folder;
   run->packs = info.packs;
   for (const FileInfo& file : run->files) {
-    (file.pack ? packed_ : wholes_).try_emplace(file.contentDigest, Place{run.get(), &file});
+    placesFor(file).try_emplace(file.contentDigest, Place{run.get(), &file});
   }
-  runs_.push_back(std::move(run));
+  runs_[folder] = std::move(run);
 }
 
-void ContentIndex::forget(const std::filesystem::path& file) {
+void ContentIndex::forgetFolder(const std::filesystem::path& folder) {
+  const auto known = runs_.find(folder);
+  if (known == runs_.end()) return;
+  for (const FileInfo& file : known->second->files) {
+    Places& places = placesFor(file);
+    const auto place = places.find(file.contentDigest);
+    if (place != places.end() && place->second.run == known->second.get()) places.erase(place);
+  }
+  runs_.erase(known);
+}
+
+bool ContentIndex::forgetFiles(const std::set<std::filesystem::path>& files) {
+  const std::size_t before = wholes_.size() + packed_.size();
   for (Places* const places : {&wholes_, &packed_}) {
     for (auto it = places->begin(); it != places->end();) {
-      it = it->second.path() == file ? places->erase(it) : std::next(it);
+      it = files.count(it->second.path()) > 0 ? places->erase(it) : std::next(it);
     }
   }
+  return wholes_.size() + packed_.size() < before;
 }
 
 const ContentIndex::Place* ContentIndex::find(const Places& places, const std::string& digest) {
@@ -100,17 +114,14 @@ void DeduplicationPlan::keepPacks() {
   }
   for (const auto& [number, contents] : packs) {
     const bool stays = std::all_of(contents.begin(), contents.end(), [&](const Content* content) {
-      return !content->place && owners_.count(content->old->storageId) == 0 &&
+      return !content->place && taken_.count(content->old->storageId) == 0 &&
              claims_.count(content->old->contentDigest) == 0;
     });
     for (Content* const content : contents) {
       if (content->place) continue;
       content->isRepacked = !stays;
       if (!stays) continue;
-      content->id = content->old->storageId;
-      owners_[content->id] = content->old->contentDigest;
-      claims_.try_emplace(content->old->contentDigest, content->id);
-      ids_[content->id] = content->id;
+      give(*content, content->old->storageId);
     }
   }
 }
@@ -127,13 +138,18 @@ bool DeduplicationPlan::claim(Content& content, int id) {
   const auto known = claims_.find(digest);
   if (known != claims_.end()) {
     id = known->second;
-  } else if (!owners_.try_emplace(id, digest).second) {
+  } else if (taken_.count(id) > 0) {
     return false;
   }
-  claims_.try_emplace(digest, id);
-  content.id = id;
-  ids_[content.old->storageId] = id;
+  give(content, id);
   return true;
+}
+
+void DeduplicationPlan::give(Content& content, int id) {
+  claims_.try_emplace(content.old->contentDigest, id);
+  taken_.insert(id);
+  ids_[content.old->storageId] = id;
+  content.id = id;
 }
 
 int DeduplicationPlan::unusedId() {

@@ -4,14 +4,19 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "kyr/recording/RecordingInfo.h"
 
 namespace kyr::recording {
+
+/// The pack of a number, which is among them.
+const PackInfo& packOf(const std::vector<PackInfo>& packs, int number);
 
 /// Where the contents of several recordings are, by their digests.
 class ContentIndex {
@@ -26,16 +31,20 @@ class ContentIndex {
     const Run* run = nullptr;
     const FileInfo* file = nullptr;
 
+    /// The pack that holds the content, which is not in a file of its own.
     const PackInfo& pack() const;
     /// The file that holds the content.
     std::filesystem::path path() const;
   };
 
-  /// Takes note of the contents that the index does not have.
+  /// Takes note of the contents that the index does not have. What it has of an older recording in
+  /// the folder is forgotten.
   void add(const std::filesystem::path& folder, const RecordingInfo& info);
 
-  /// Forgets the contents of a file.
-  void forget(const std::filesystem::path& file);
+  void forgetFolder(const std::filesystem::path& folder);
+  /// Forgets the contents of some files.
+  /// \return whether there were any
+  bool forgetFiles(const std::set<std::filesystem::path>& files);
 
   /// A content in a file of its own, or in a pack; null if there is none.
   const Place* whole(const std::string& digest) const { return find(wholes_, digest); }
@@ -44,8 +53,9 @@ class ContentIndex {
  private:
   using Places = std::unordered_map<std::string, Place>;
   static const Place* find(const Places& places, const std::string& digest);
+  Places& placesFor(const FileInfo& file) { return file.pack ? packed_ : wholes_; }
 
-  std::vector<std::unique_ptr<Run>> runs_;
+  std::map<std::filesystem::path, std::unique_ptr<Run>> runs_;  // by folder
   Places wholes_;
   Places packed_;
 };
@@ -76,12 +86,13 @@ class DeduplicationPlan {
   void giveOtherIds();
   // Gives a content an id, unless another content has it.
   bool claim(Content& content, int id);
+  void give(Content& content, int id);
   int unusedId();
 
   std::vector<Content> contents_;
-  std::map<int, std::string> owners_;            // digests by new id
   std::unordered_map<std::string, int> claims_;  // new ids by digest
-  std::map<int, int> ids_;                       // new ids by old ids
+  std::unordered_set<int> taken_;                // the new ids
+  std::unordered_map<int, int> ids_;             // new ids by old ids
   int lastId_ = -1;
 };
 

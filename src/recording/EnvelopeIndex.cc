@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <future>
 #include <stdexcept>
-#include <thread>
 #include <utility>
+
+#include "platform/Parallel.h"
 
 namespace kyr::recording {
 
@@ -345,26 +345,30 @@ void EnvelopeIndex::extend(NumberSource& source) {
   const std::uint64_t begin = rows_ - rows_ % bucketRows_;
   buckets_.resize(static_cast<std::size_t>(begin / bucketRows_));
   rows_ = begin;
-  const std::uint64_t most = std::max<std::uint64_t>(1, std::thread::hardware_concurrency());
-  const std::uint64_t threads = std::min({(rows - begin) / kRowsPerThread + 1, most, kMostThreads});
-  const std::uint64_t share = ((rows - begin) / threads / bucketRows_ + 1) * bucketRows_;
+  const std::uint64_t threads =
+      std::min<std::uint64_t>({(rows - begin) / kRowsPerThread + 1, coreCount(), kMostThreads});
+  // Buckets are counted instead of rows: a damaged journal may name almost 2^64 rows.
+  const std::uint64_t buckets = (rows - begin - 1) / bucketRows_ + 1;
+  const std::uint64_t share = (buckets - 1) / threads + 1;
   const auto work = [&](NumberSource& rowsOf, std::uint64_t first) {
-    return sumUp(rowsOf, {first, std::min(rows, first + share)}, bucketRows_);
+    const bool isLast = first + share >= buckets;
+    return sumUp(
+        rowsOf,
+        {begin + first * bucketRows_, isLast ? rows : begin + (first + share) * bucketRows_},
+        bucketRows_);
   };
-  std::vector<std::future<Buckets>> others;
-  for (std::uint64_t first = begin + share; first < rows; first += share) {
-    others.push_back(std::async(std::launch::async,
-                                [&work, first, own = source.copy()] { return work(*own, first); }));
-  }
-  std::vector<Buckets> shares;
-  shares.push_back(work(source, begin));
-  for (auto& other : others) shares.push_back(other.get());
-  for (Buckets& buckets : shares) {
-    ascends_ = ascends_ && buckets.ascends;
-    if (ascends_) append(std::move(buckets.all));
+  std::vector<Buckets> shares(static_cast<std::size_t>((buckets - 1) / share + 1));
+  std::vector<decltype(source.copy())> copies(shares.size());
+  for (std::size_t i = 1; i < copies.size(); ++i) copies[i] = source.copy();
+  forEachInThreads(shares.size(), shares.size(), [&](std::size_t i, std::size_t /*thread*/) {
+    shares[i] = work(i == 0 ? source : *copies[i], i * share);
+  });
+  for (Buckets& part : shares) {
+    ascends_ = ascends_ && part.ascends;
+    if (ascends_) append(std::move(part.all));
   }
   rows_ = rows;
-  if (!ascends_) buckets_ = {};
+  if (!ascends_) buckets_ = std::vector<EnvelopeBucket>();  // {} would keep the memory
 }
 
 void EnvelopeIndex::append(std::vector<EnvelopeBucket> buckets) {

@@ -26,7 +26,7 @@ class NumberSource {
 
   virtual ~NumberSource() = default;
   virtual std::uint64_t rows() = 0;
-  /// As RecordingReader::rowsBetween().
+  /// Does what RecordingReader::rowsBetween() does.
   virtual std::vector<RowRange> rowsBetween(double from, double to) = 0;
   /// Calls \p visit with consecutive blocks, which are valid during the call.
   virtual void read(const RowRange& rows, const Visit& visit) = 0;

@@ -36,6 +36,17 @@ enum class Sharing {
 /// regular file.
 Sharing shareFile(const std::filesystem::path& from, const std::filesystem::path& to);
 
+/// Whether shareFile() would free nothing: the paths are names of one file, or the two files have
+/// the same blocks of the disk.
+bool areShared(const std::filesystem::path& a, const std::filesystem::path& b);
+
+/// Whether the path is a folder itself, and no link to one.
+bool isFolder(const std::filesystem::path& path);
+
+/// Whether an entry is a link to the same thing as another one: a save links what others put into
+/// the recording's folder.
+bool isLinkOf(const std::filesystem::path& path, const std::filesystem::path& other);
+
 /// Puts \p text in the place of a file of the folder in one step. It is on disk when the call
 /// returns if \p syncs.
 void replaceTextFile(const Folder& folder, const std::string& name, const std::string& text,

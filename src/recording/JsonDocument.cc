@@ -1,12 +1,14 @@
 #include "recording/JsonDocument.h"
 
 #include <fmt/format.h>
+#include <xxhash.h>
 
 #include <charconv>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <system_error>
 
+#include "platform/Digest.h"
 #include "recording/Checksum.h"
 
 namespace kyr::recording {
@@ -41,11 +43,12 @@ bool endsWithChecksum(std::string_view text) {
   const std::size_t tail = std::string_view(R"(,"xxh3_128":""})").size() + kDigits;
   if (text.size() < tail) return false;
   const std::string_view content = text.substr(0, text.size() - tail);
-  FileDigester digester;
-  digester.add(content.data(), content.size());
-  digester.add("}", 1);
+  XXH3_state_t state;
+  XXH3_128bits_reset(&state);
+  addToDigest(state, content.data(), content.size());
+  addToDigest(state, "}", 1);
   return text.substr(content.size()) ==
-         fmt::format(R"(,"{}":"{}"}})", kChecksumMember, digester.finish().checksum);
+         fmt::format(R"(,"{}":"{}"}})", kChecksumMember, digitsOf(XXH3_128bits_digest(&state)));
 }
 
 void takeVersion(JsonReader& in, DocumentHeader& header) {

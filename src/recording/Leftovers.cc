@@ -14,6 +14,7 @@
 #include "platform/DiskFile.h"
 #include "platform/LivingProcesses.h"
 #include "recording/CompleteRecording.h"
+#include "recording/FolderFiles.h"
 #include "recording/OpenFolder.h"
 #include "recording/RecordingFolder.h"
 
@@ -61,12 +62,6 @@ bool isPoolName(std::string_view name) {
          name.back() == '=' && areAll(name.substr(kPrefix.size(), 43), kLetters);
 }
 
-// Links are no folders, wherever they lead.
-bool isFolder(const fs::path& path) {
-  std::error_code ignored;
-  return fs::is_directory(fs::symlink_status(path, ignored));
-}
-
 bool belongsToThisUser(const fs::path& path) {
   struct stat status {};
   return ::lstat(path.c_str(), &status) == 0 && status.st_uid == ::geteuid();
@@ -102,15 +97,6 @@ bool isOwnFile(const fs::path& path) {
 bool isOwnFolder(const std::string& name) {
   return name == kStorageFolder || name == "shared" || name == "separate" || name == "demo" ||
          recordingOf(name);
-}
-
-// Whether an entry is a link to the same thing as another one: a save links what others put into
-// the recording's folder.
-bool isLinkOf(const fs::path& path, const fs::path& other) {
-  std::error_code error;
-  if (!fs::is_symlink(fs::symlink_status(path, error))) return fs::equivalent(path, other, error);
-  const bool isSame = fs::read_symlink(path, error) == fs::read_symlink(other, error);
-  return isSame && !error;
 }
 
 // The first entry of a folder, and of those in it, that kyr did not make; empty if there is none.

@@ -12,27 +12,18 @@ namespace kyr::recording {
 LentFolder::LentFolder(std::shared_ptr<const OpenFolder> folder,
                        std::shared_ptr<const RecordingInfo> info)
     : folder_(std::move(folder)),
-      attributes_(info->attributes),
+      lent_(std::move(info)),
+      attributes_(lent_->attributes),
       files_(std::make_unique<ContentFiles>(folder_, /*checks=*/true, /*maxOpenFiles=*/0)) {
-  files_->describe(std::move(info), /*isLive=*/false);
+  files_->describe(lent_, /*isLive=*/false);
 }
 
-void LentFolder::lend(parquet::SharedStore& store, const std::vector<SignalInfo>& signals) {
-  for (const SignalInfo& signal : signals) {
-    if (signal.timeStorageId) offer(store, *signal.timeStorageId, signal, /*isTime=*/true);
-    if (signal.dataStorageId) offer(store, *signal.dataStorageId, signal, /*isTime=*/false);
-  }
-}
-
-void LentFolder::splitTimes(std::vector<SignalInfo>& signals, int& newId) {
-  std::map<int, int> timesOf;  // by the file
-  for (SignalInfo& signal : signals) {
-    if (signal.timeStorageId || !hasTimeColumn(signal)) continue;
-    const int file = *signal.dataStorageId;
-    const auto [known, isNew] = timesOf.try_emplace(file, newId);
-    if (isNew) timeColumns_[newId++] = file;
-    splitFiles_.insert(file);
-    signal.timeStorageId = known->second;
+void LentFolder::splitTimes(const std::vector<const SignalInfo*>& signals, int& newId) {
+  for (const SignalInfo* const signal : signals) {
+    if (signal->timeStorageId || !hasTimeColumn(*signal)) continue;
+    const int file = *signal->dataStorageId;
+    if (!splitTimes_.try_emplace(file, newId).second) continue;
+    timeColumns_[newId++] = file;
   }
 }
 
@@ -41,45 +32,74 @@ bool LentFolder::hasTimeColumn(const SignalInfo& signal) {
   return signal.timeSpan || files_->open(*signal.dataStorageId)->hasTimes();
 }
 
-// Signals that share a content mostly ask the same of it.
-void LentFolder::offer(parquet::SharedStore& store, int storageId, const SignalInfo& signal,
-                       bool isTime) {
-  std::vector<Use>& uses = contents_[storageId].uses;
-  const bool isKnown = std::any_of(uses.begin(), uses.end(), [&](const Use& use) {
-    return use.isTime == isTime && use.signal.rowCount == signal.rowCount &&
-           (isTime ||
-            (use.signal.category == signal.category && use.signal.dataType == signal.dataType));
-  });
-  if (isKnown) return;
-  uses.push_back({signal, isTime});
-  if (uses.size() > 1) return;
-  const auto column = timeColumns_.find(storageId);
-  const FileInfo& file =
-      files_->fileInfo(column == timeColumns_.end() ? storageId : column->second);
-  if (!file.pack || packs_.insert(*file.pack).second) files_->requireFile(file);
-  const bool isAsRecorded = column == timeColumns_.end() && splitFiles_.count(storageId) == 0;
-  store.offer(storageId,
-              {file.rowCount, isAsRecorded ? summaryOf(file) : parquet::ContentSummary(),
-               [lent = shared_from_this(), storageId] { return lent->open(storageId); }});
+std::optional<int> LentFolder::timeIdOf(const SignalInfo& signal) const {
+  if (signal.timeStorageId || !signal.dataStorageId) return signal.timeStorageId;
+  const auto split = splitTimes_.find(*signal.dataStorageId);
+  return split == splitTimes_.end() ? std::nullopt : std::optional(split->second);
 }
 
-std::shared_ptr<parquet::ContentReader> LentFolder::open(int storageId) {
-  using View = parquet::ContentReader::View;
-  Lent& lent = contents_.at(storageId);
+void LentFolder::lend(const std::vector<const SignalInfo*>& signals) {
+  contents_.reserve(signals.size());
+  for (const SignalInfo* const signal : signals) {
+    if (const auto times = timeIdOf(*signal)) lend(*times, {signal, /*isTime=*/true});
+    if (signal->dataStorageId) lend(*signal->dataStorageId, {signal, /*isTime=*/false});
+  }
+}
+
+// Signals that share a content mostly ask the same of it.
+void LentFolder::lend(int storageId, const Use& use) {
+  const auto [place, isNew] = contents_.try_emplace(storageId);
+  Lent& lent = place->second;
+  if (!isNew) {
+    const auto isSame = [&](const Use& known) {
+      return known.isTime == use.isTime && known.signal->rowCount == use.signal->rowCount &&
+             (use.isTime || (known.signal->category == use.signal->category &&
+                             known.signal->dataType == use.signal->dataType));
+    };
+    if (isSame(lent.use) || std::any_of(lent.others.begin(), lent.others.end(), isSame)) return;
+    lent.others.push_back(use);
+    return;
+  }
+  lent.use = use;
+  const FileInfo& file = fileOf(storageId);
+  if (!file.pack || packs_.insert(*file.pack).second) files_->requireFile(file);
+}
+
+const FileInfo& LentFolder::fileOf(int storageId) const {
   const auto column = timeColumns_.find(storageId);
+  return files_->fileInfo(column == timeColumns_.end() ? storageId : column->second);
+}
+
+std::optional<std::uint64_t> LentFolder::rowsOf(int id) const {
+  return contents_.count(id) > 0 ? std::optional(fileOf(id).rowCount) : std::nullopt;
+}
+
+parquet::ContentSummary LentFolder::summaryOf(int id) const {
+  const bool isAsRecorded = timeColumns_.count(id) == 0 && !isSplit(id);
+  return isAsRecorded ? recording::summaryOf(files_->fileInfo(id)) : parquet::ContentSummary();
+}
+
+std::shared_ptr<parquet::ContentReader> LentFolder::open(int id) {
+  using View = parquet::ContentReader::View;
+  Lent& lent = contents_.at(id);
+  const auto column = timeColumns_.find(id);
   const bool isColumn = column != timeColumns_.end();
-  auto content = files_->open(isColumn ? column->second : storageId);
+  auto content = files_->open(isColumn ? column->second : id);
   if (lent.checked.lock() != content->columns()) {
-    for (const Use& use : lent.uses) check(*content, {use.signal, use.isTime && !isColumn});
+    check(*content, {*lent.use.signal, lent.use.isTime && !isColumn});
+    for (const Use& use : lent.others) check(*content, {*use.signal, use.isTime && !isColumn});
     lent.checked = content->columns();
   }
   if (isColumn) return parquet::ContentReader::viewOf(*content, View::times);
-  if (splitFiles_.count(storageId) == 0) return content;
-  return parquet::ContentReader::viewOf(*content, View::samples);
+  return isSplit(id) ? parquet::ContentReader::viewOf(*content, View::samples) : content;
 }
 
-void LentFolder::check(const parquet::ContentReader& content, const ContentUse& use) const {
-  files_->requireUse(content, use);
+void LentFolder::check(const parquet::ContentReader& content, const ContentUse& use) {
+  const UseOfColumns asked{content.columns(), use.isTime, use.signal.category, use.signal.dataType};
+  if (asked != checkedLast_) {
+    files_->requireUse(content, use);
+    checkedLast_ = asked;
+  }
   const std::string fault = use.isTime ? "" : countFault(use.signal, content.rows());
   if (fault.empty()) return;
   throw DamagedError(fmt::format("{}: signal {} \"{}\": {}: its rows cannot be read",
@@ -88,8 +108,8 @@ void LentFolder::check(const parquet::ContentReader& content, const ContentUse& 
 }
 
 const FileInfo* LentFolder::wholeFile(int storageId) const {
-  const bool isWhole = contents_.count(storageId) > 0 && timeColumns_.count(storageId) == 0 &&
-                       splitFiles_.count(storageId) == 0;
+  const bool isWhole =
+      contents_.count(storageId) > 0 && timeColumns_.count(storageId) == 0 && !isSplit(storageId);
   const FileInfo* const file = isWhole ? &files_->fileInfo(storageId) : nullptr;
   return file != nullptr && !file->pack ? file : nullptr;
 }
@@ -112,7 +132,7 @@ void LentFolder::follow() {
   folder_ = folder;
   files_ = std::move(files);
   timeColumns_.clear();
-  splitFiles_.clear();
+  splitTimes_.clear();
 }
 
 }  // namespace kyr::recording

@@ -22,10 +22,12 @@ struct JsonObject<recording::LiveDescription> {
   using T = recording::LiveDescription;
   using Signals = JsonArray<recording::SignalInfo, recording::JsonLiveSignal>;
   static bool hasAttributes(const T& live) { return !live.attributes.empty(); }
+  static bool hasBefore(const T& live) { return !live.before.empty(); }
   static constexpr auto members = std::make_tuple(
       member<T, recording::JsonAttributes>("attributes", &T::attributes, hasAttributes),
-      constant("format", "kyr live recording"), member<T>("formatVersion", &T::formatVersion),
-      member<T>("sequence", &T::sequence), member<T, Signals>("signals", &T::signals));
+      member<T, Signals>("before", &T::before, hasBefore), constant("format", "kyr live recording"),
+      member<T>("formatVersion", &T::formatVersion), member<T>("sequence", &T::sequence),
+      member<T, Signals>("signals", &T::signals));
 };
 
 }  // namespace kyr
@@ -110,17 +112,31 @@ std::string writeLiveJson(const LiveDescription& live) {
 }
 
 LiveDescription readLiveJson(std::string_view text, const std::string& source) {
-  return readDocument<LiveDescription>(text, kFormat, source);
+  auto live = readDocument<LiveDescription>(text, kFormat, source);
+  std::set<int> ids;
+  for (const SignalInfo& signal : live.signals) {
+    if (ids.insert(signal.signalId).second) continue;
+    throw std::runtime_error(
+        fmt::format("{}: \"signals\" lists signal {} twice", source, signal.signalId));
+  }
+  return live;
 }
 
+// Older writers listed a signal twice that was deleted and added again. One of the two may name
+// files.
 std::vector<SignalInfo> salvageSignals(std::string_view text) {
   requireKnownVersion(text);
-  auto signals = salvageArray<SignalInfo, JsonLiveSignal>(text, "signals");
-  std::set<int> ids;
-  signals.erase(
-      std::remove_if(signals.begin(), signals.end(),
-                     [&](const SignalInfo& signal) { return !ids.insert(signal.signalId).second; }),
-      signals.end());
+  std::vector<SignalInfo> signals;
+  std::map<int, std::size_t> places;
+  for (SignalInfo& found : salvageArray<SignalInfo, JsonSalvagedSignal>(text, "signals")) {
+    const auto place = places.emplace(found.signalId, signals.size());
+    if (place.second) {
+      signals.push_back(std::move(found));
+      continue;
+    }
+    SignalInfo& other = signals[place.first->second];
+    if (namesFiles(found) || !namesFiles(other)) other = std::move(found);
+  }
   return signals;
 }
 
@@ -151,47 +167,71 @@ std::string writeJournalLine(const JournalLine& line) {
   return text + checksumOf(text).substr(0, kChecksumDigits) + "\n";
 }
 
-std::optional<JournalLine> readJournalLine(const std::string& text) {
+std::optional<JournalLine> readJournalLine(std::string_view text, const LiveDescription& live) {
   if (text.size() <= kChecksumDigits) return std::nullopt;
-  const std::size_t end = text.size() - kChecksumDigits;
-  if (checksumOf(text.substr(0, end)).compare(0, kChecksumDigits, text, end) != 0) {
-    return std::nullopt;
-  }
-  constexpr std::uint64_t kMaxParts = std::uint64_t{1} << 26U;
-  std::string_view rest = std::string_view(text).substr(0, end);
+  std::string_view rest = text.substr(0, text.size() - kChecksumDigits);
+  if (checksumOf(rest).substr(0, kChecksumDigits) != text.substr(rest.size())) return std::nullopt;
   const auto sequence = takeNumber(rest, ' ');
   const auto parts = sequence ? takeNumber(rest, ' ') : std::nullopt;
   const auto common = parts ? takeNumber(rest, ' ') : std::nullopt;
-  if (!common || *parts > kMaxParts) return std::nullopt;
+  if (!common) return std::nullopt;
   JournalLine line;
   line.sequence = *sequence;
-  line.rows.assign(static_cast<std::size_t>(*parts), *common);
+  if (line.sequence > live.sequence) return line;
+  if (*parts > 2 * live.signals.size()) return std::nullopt;
+  // A journal may be full of lines that claim many parts. Memory for these is allocated when the
+  // line is known to be sound.
+  std::vector<std::pair<std::size_t, std::uint64_t>> others;
   while (!rest.empty()) {
     const auto part = takeNumber(rest, '=');
     const auto rows = part ? takeNumber(rest, ' ') : std::nullopt;
     if (!rows || *part >= *parts) return std::nullopt;
-    line.rows[static_cast<std::size_t>(*part)] = *rows;
+    others.emplace_back(static_cast<std::size_t>(*part), *rows);
   }
+  line.rows.assign(static_cast<std::size_t>(*parts), *common);
+  for (const auto& [part, rows] : others) line.rows[part] = rows;
   return line;
 }
 
-std::optional<JournalLine> lastJournalLine(const DiskFile& journal, std::uint64_t sequence) {
+void takeBackTo(const JournalLine& line, LiveDescription& live) {
+  if (line.sequence >= live.sequence) return;
+  std::map<int, const SignalInfo*> before;
+  for (const SignalInfo& signal : live.before) before[signal.signalId] = &signal;
+  if (before.empty()) return;
+  for (SignalInfo& signal : live.signals) {
+    const auto known = before.find(signal.signalId);
+    if (known != before.end()) signal = *known->second;
+  }
+}
+
+std::optional<PlacedLine> lastJournalLine(const DiskFile& journal, const LiveDescription& live,
+                                          NewerLines newer) {
   constexpr std::uint64_t kFirstTail = std::uint64_t{1} << 14U;
+  // At most the last line is incomplete, so that four of the longest lines are enough.
+  constexpr std::uint64_t kLines = 4;
+  constexpr std::uint64_t kLeast = std::uint64_t{1} << 20U;
+  constexpr std::uint64_t kLineBytes = 80;  // three numbers and the checksum
+  constexpr std::uint64_t kPartBytes = 42;  // two numbers
+  const std::uint64_t longest = kLineBytes + kPartBytes * 2 * live.signals.size();
   const std::uint64_t size = journal.size();
+  const std::uint64_t most = std::min(size, std::max(kLeast, kLines * longest));
   for (std::uint64_t tail = kFirstTail;; tail *= 8) {
-    const std::uint64_t from = size - std::min(size, tail);
+    const std::uint64_t from = size - std::min(most, tail);
     std::string text(static_cast<std::size_t>(size - from), '\0');
     text.resize(journal.readAt(from, text.data(), text.size()));
+    const std::string_view lines = text;
     // Without the line that begins before the text.
-    const std::size_t first = from == 0 ? 0 : std::min(text.find('\n'), text.size());
-    for (std::size_t end = text.rfind('\n'); end != std::string::npos && end > first;) {
-      const std::size_t before = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
+    const std::size_t first = from == 0 ? 0 : std::min(lines.find('\n'), lines.size());
+    for (std::size_t end = lines.rfind('\n'); end != std::string::npos && end > first;) {
+      const std::size_t before = end == 0 ? std::string::npos : lines.rfind('\n', end - 1);
       const std::size_t begin = before == std::string::npos ? 0 : before + 1;
-      auto line = readJournalLine(text.substr(begin, end - begin));
-      if (line && line->sequence <= sequence) return line;
+      auto line = readJournalLine(lines.substr(begin, end - begin), live);
+      if (line && (newer == NewerLines::found || line->sequence <= live.sequence)) {
+        return PlacedLine{std::move(*line), from + end + 1};
+      }
       end = before;
     }
-    if (from == 0) return std::nullopt;
+    if (tail >= most) return std::nullopt;
   }
 }
 

@@ -21,6 +21,9 @@ struct LiveDescription {
   std::uint64_t sequence = 0;  ///< grows by one each time the document is rewritten
   /// In the order in which they were added. New ones come at the end; none ever leaves.
   std::vector<SignalInfo> signals;
+  /// What the list said of some signals when the last line of the journal was written, if other
+  /// contents took the place of those that they had then.
+  std::vector<SignalInfo> before;
   Attributes attributes;
 };
 
@@ -29,6 +32,11 @@ std::string writeLiveJson(const LiveDescription& live);
 /// \param source  name of the file for error texts
 /// \throws std::runtime_error naming the source, the member that is wrong, and its value
 LiveDescription readLiveJson(std::string_view text, const std::string& source);
+
+/// Whether a file of times or samples is named.
+inline bool namesFiles(const SignalInfo& signal) {
+  return signal.timeStorageId || signal.dataStorageId;
+}
 
 /// The signals of a damaged recording.live.json or recording.json: those that can be read, up to
 /// the place where the text is no JSON any more.
@@ -52,11 +60,24 @@ struct JournalLine {
 std::string writeJournalLine(const JournalLine& line);
 
 /// \param text  a line without its line feed
-/// \return nothing if the line is damaged
-std::optional<JournalLine> readJournalLine(const std::string& text);
+/// \return nothing if the line is damaged, or has more parts than the signals of \p live; without
+///         rows if it is newer than \p live, which says nothing of its parts then
+std::optional<JournalLine> readJournalLine(std::string_view text, const LiveDescription& live);
 
-/// The last sound line whose sequence is not above \p sequence.
+/// Makes the signals what they were when the line was written, if it is older than the list.
+void takeBackTo(const JournalLine& line, LiveDescription& live);
+
+struct PlacedLine {
+  JournalLine line;
+  std::uint64_t end = 0;  ///< where the next line begins in the journal
+};
+
+/// What becomes of lines that are newer than the list.
+enum class NewerLines { skipped, found };
+
+/// The last sound line, which is looked for in as many bytes as the last lines can have.
 /// \throws std::system_error if the file cannot be read
-std::optional<JournalLine> lastJournalLine(const DiskFile& journal, std::uint64_t sequence);
+std::optional<PlacedLine> lastJournalLine(const DiskFile& journal, const LiveDescription& live,
+                                          NewerLines newer);
 
 }  // namespace kyr::recording

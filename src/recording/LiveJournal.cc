@@ -39,16 +39,29 @@ LiveJournal::LiveJournal(const fs::path& folder)
 void LiveJournal::append(const JournalLine& line, bool syncs) {
   constexpr std::uint64_t kLong = std::uint64_t{1} << 20U;
   constexpr std::uint64_t kLines = 64;
+  removeRest();
   const std::string text = writeJournalLine(line);
   if (end_ > std::max<std::uint64_t>(kLong, kLines * text.size())) return replace(text, syncs);
   try {
     file_->writeAt(end_, {text});
+    if (syncs) file_->syncData();
   } catch (...) {
-    file_->tryTruncate(end_);
+    hasRest_ = !file_->tryTruncate(end_);
     throw;
   }
   end_ += text.size();
-  if (syncs) file_->syncData();
+}
+
+void LiveJournal::removeRest() {
+  if (!hasRest_) return;
+  file_->truncate(end_);
+  hasRest_ = false;
+}
+
+void LiveJournal::syncName() {
+  if (!isNameNew_) return;
+  folder_.sync();
+  isNameNew_ = false;
 }
 
 void LiveJournal::replace(const std::string& text, bool syncs) {
@@ -61,10 +74,10 @@ void LiveJournal::replace(const std::string& text, bool syncs) {
   folder_.rename(name, folder_, kJournalFile);
   previous_ = std::exchange(file_, std::move(file));
   end_ = text.size();
-  if (syncs) folder_.sync();
+  isNameNew_ = syncs;
 }
 
-JournalEnd readJournal(const Folder& folder, std::uint64_t sequence) {
+JournalEnd readJournal(const Folder& folder, const LiveDescription& live) {
   JournalEnd end;
   if (!folder.has(kJournalFile)) {
     end.fault = fmt::format("{} is missing", kJournalFile);
@@ -72,18 +85,20 @@ JournalEnd readJournal(const Folder& folder, std::uint64_t sequence) {
   }
   const auto file = folder.open(kJournalFile);
   const DiskFile& journal = *file;
-  end.line = lastJournalLine(journal, sequence);
-  if (journal.size() == 0) {
+  auto last = lastJournalLine(journal, live, NewerLines::skipped);
+  end.isEmpty = journal.size() == 0;
+  if (end.isEmpty) {
     end.fault = fmt::format("{} is empty", kJournalFile);
-  } else if (!end.line) {
+  } else if (!last) {
     end.fault = fmt::format("{} has no line that is whole", kJournalFile);
   } else {
-    const std::string text = writeJournalLine(*end.line);
-    std::string last(text.size(), '\0');
-    const std::uint64_t from =
-        journal.size() - std::min<std::uint64_t>(journal.size(), text.size());
-    last.resize(journal.readAt(from, last.data(), last.size()));
-    if (last != text) end.fault = fmt::format("the end of {} is damaged", kJournalFile);
+    end.line = std::move(last->line);
+    std::string rest(static_cast<std::size_t>(journal.size() - last->end), '\0');
+    rest.resize(journal.readAt(last->end, rest.data(), rest.size()));
+    if (rest.empty()) return end;
+    end.fault = fmt::format("the end of {} is damaged", kJournalFile);
+    // Bytes that did not come to the disk are zeros.
+    end.isTorn = rest.back() != '\n' || rest.find('\0') != std::string::npos;
   }
   return end;
 }

@@ -20,9 +20,14 @@ class LiveJournal {
   /// \throws std::system_error if there is one already
   explicit LiveJournal(const std::filesystem::path& folder);
 
-  /// Adds a line; after a failure there may be a part of it, which the next call replaces. A
-  /// journal that has become long is replaced by one with this line alone.
+  /// Adds a line. A journal that has become long is replaced by one with this line alone, whose
+  /// name is on the disk when syncName() returns.
+  /// \throws std::system_error if that fails. The journal then ends with the line before, perhaps
+  ///         with a part of the new one behind it
   void append(const JournalLine& line, bool syncs);
+  void syncName();
+  /// Removes what a call that failed has left behind the last line.
+  void removeRest();
 
  private:
   void replace(const std::string& text, bool syncs);
@@ -32,17 +37,22 @@ class LiveJournal {
   // Stays locked, for those who opened it before it was replaced.
   std::unique_ptr<DiskFile> previous_;
   std::uint64_t end_ = 0;
+  bool hasRest_ = false;    // behind end_
+  bool isNameNew_ = false;  // and perhaps not on the disk
 };
 
 /// What the journal says, and whether that is the last that was written to it.
 struct JournalEnd {
   std::optional<JournalLine> line;
   std::string fault;  ///< empty if the journal is sound
+  bool isEmpty = false;
+  /// Whether the last line was not written as a whole, so that no flush has acknowledged it.
+  bool isTorn = false;
 };
 
-/// \param sequence  that of recording.live.json
+/// \param live  what recording.live.json says
 /// \throws std::system_error if the journal cannot be read
-JournalEnd readJournal(const Folder& folder, std::uint64_t sequence);
+JournalEnd readJournal(const Folder& folder, const LiveDescription& live);
 
 /// Whether a process writes the recording in \p folder.
 bool isBeingWritten(const OpenFolder& folder);

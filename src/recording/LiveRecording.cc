@@ -8,6 +8,8 @@
 #include <set>
 #include <stdexcept>
 #include <system_error>
+#include <tuple>
+#include <unordered_set>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -43,7 +45,7 @@ fs::path wholePath(const Path& folder) {
   return path.has_filename() ? path : path.parent_path();
 }
 
-std::optional<int> storageIdOf(const parquet::StreamableSignal& signal, Part part) {
+std::optional<int> storageIdOf(const LiveSignal& signal, Part part) {
   const int id = signal.getStorageId(part);
   return id == parquet::kNoStorage ? std::nullopt : std::optional(id);
 }
@@ -110,9 +112,11 @@ class LiveRecording::Impl {
     try {
       pool_ = std::make_unique<parquet::SignalPool>(Path::fromFilesystem(folder_ / kStorageFolder),
                                                     storage);
+      store_ = parquet::PoolAccess::of(*pool_).sharedStore();
       store().usePacks();
       store().setExtension(kStorageExtension);
       writeDescription();
+      writeLine({});
       if (syncs_) syncPath(folder_.parent_path());
     } catch (...) {
       std::error_code ignored;
@@ -122,13 +126,15 @@ class LiveRecording::Impl {
   }
 
   ~Impl() {
-    if (!pool_) return;
+    if (!pool_ || *isClosed_) return;
     try {
       flush();
     } catch (const std::exception&) {
       // A host that wants to know flushes by itself.
     }
     *isClosed_ = true;
+    // Signals of the pool may still be held. A recovery must find what the last flush left.
+    store().close();
   }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
@@ -138,17 +144,18 @@ class LiveRecording::Impl {
     return *pool_;
   }
 
-  bool isFinished() const { return !pool_; }
+  bool isFinished() const { return !journal_; }
 
-  std::shared_ptr<parquet::StreamableSignal> addSignal(const SignalDescription& description,
-                                                       KYRSignalDataType type,
-                                                       KYRSignalCategory category) {
+  std::shared_ptr<LiveSignal> addSignal(const SignalDescription& description,
+                                        KYRSignalDataType type, KYRSignalCategory category) {
     SignalInfo info = requireNew(description, type, category);
     pool_->describeSignal(info.signalId, info.name, info.unit);
     auto inner = pool_->getStreamableSignal(info.signalId);
     inner->setDataType(type);
     inner->setCategory(category);
-    signals_.push_back(std::make_shared<LiveSignal>(std::move(inner), info, isClosed_));
+    signals_.push_back(std::make_shared<LiveSignal>(
+        std::static_pointer_cast<parquet::SafeStreamableSignal>(inner), info, isClosed_));
+    ids_.insert(info.signalId);
     live_.signals.push_back(std::move(info));
     isChanged_ = true;
     return signals_.back();
@@ -169,10 +176,10 @@ class LiveRecording::Impl {
       throw std::invalid_argument(
           fmt::format("signal {} is twice in a group", description.signalId));
     }
-    std::vector<std::shared_ptr<parquet::StreamableSignal>> signals;
+    std::vector<std::shared_ptr<parquet::SafeStreamableSignal>> signals;
     signals.reserve(descriptions.size());
     for (const SignalDescription& description : descriptions) {
-      signals.push_back(addSignal(description, type, Scalar));
+      signals.push_back(addSignal(description, type, Scalar)->inPool());
     }
     groups_.push_back(std::make_shared<SignalGroup::Impl>(std::move(signals),
                                                           parquet::elementWidth(type), isClosed_));
@@ -181,53 +188,75 @@ class LiveRecording::Impl {
 
   // Writes the rows first, then to which signals they belong, then that they are there.
   void flush() {
+    requirePool();
     for (const auto& group : groups_) group->store();
+    writeDetached();
     pool().flush();
+    JournalLine line;
+    line.rows.reserve(2 * signals_.size());
     for (std::size_t i = 0; i < signals_.size(); ++i) {
+      LiveSignal& signal = *signals_[i];
       SignalInfo& info = live_.signals[i];
-      note(info.dataType, signals_[i]->getDataType());
-      note(info.category, signals_[i]->getCategory());
-      note(info.timeStorageId, storageIdOf(*signals_[i], Part::time));
-      note(info.dataStorageId, storageIdOf(*signals_[i], Part::data));
+      note(info.dataType, signal.getDataType());
+      note(info.category, signal.getCategory());
+      note(info.timeStorageId, storageIdOf(signal, Part::time));
+      note(info.dataStorageId, storageIdOf(signal, Part::data));
+      line.rows.push_back(signal.rowCount(Part::time));
+      line.rows.push_back(signal.rowCount(Part::data));
     }
     if (isChanged_) writeDescription();
-    JournalLine line;
-    line.sequence = live_.sequence;
-    for (const auto& signal : signals_) {
-      line.rows.push_back(signal->rowCount(Part::time));
-      line.rows.push_back(signal->rowCount(Part::data));
-    }
-    journal_->append(line, syncs_);
+    writeLine(std::move(line));
     store().noteFlush();
   }
 
   void finish() {
+    if (*isClosed_) return cleanUp();  // again, after that has failed
     // Until recording.json is there, a recovery finds all rows acknowledged.
     flush();
-    cutUnpaired();
-    if (hasManySmall()) store().keepFinishedInMemory();
-    const std::vector<SignalDescription> descriptions(live_.signals.begin(), live_.signals.end());
-    RecordingInfo info = snapshotOf(*pool_, descriptions);
-    info.attributes = live_.attributes;
-    pack(info);
-    // With a pool that syncs, each file was synced when it was finished.
-    completeRecording(open_, info, /*syncsFiles=*/!syncs_);
-    syncPath(folder_.parent_path());
+    try {
+      cutUnpaired();
+      complete();
+    } catch (...) {
+      // The recording goes on.
+      for (auto& [signal, before] : uncut_) signal->restore(std::move(before));
+      uncut_.clear();
+      report_.unpaired.clear();
+      throw;
+    }
     // From here on the folder is a recording.
     *isClosed_ = true;
-    store().noteSaved();
-    // A recovery is to remove the files that are left and that it does not name.
-    const bool isClean = removeUnnamed(open_, info);
-    pool_.reset();
-    signals_.clear();
-    groups_.clear();
-    if (isClean) removeLiveFiles(open_);
-    journal_.reset();
+    store().close();
+    cleanUp();
   }
 
   const FinishReport& report() const { return report_; }
 
  private:
+  // Which contents a signal has, and of what kind they are.
+  struct Contents {
+    explicit Contents(const SignalInfo& signal)
+        : times(signal.timeStorageId),
+          samples(signal.dataStorageId),
+          type(signal.dataType),
+          category(signal.category) {}
+
+    bool isEmpty() const { return !times && !samples; }
+    bool operator==(const Contents& other) const {
+      return std::tie(times, samples, type, category) ==
+             std::tie(other.times, other.samples, other.type, other.category);
+    }
+    SignalInfo of(SignalInfo signal) const {
+      std::tie(signal.timeStorageId, signal.dataStorageId, signal.dataType, signal.category) =
+          std::tie(times, samples, type, category);
+      return signal;
+    }
+
+    std::optional<int> times;
+    std::optional<int> samples;
+    KYRSignalDataType type;
+    KYRSignalCategory category;
+  };
+
   // What the list will say of a new signal.
   SignalInfo requireNew(const SignalDescription& description, KYRSignalDataType type,
                         KYRSignalCategory category) {
@@ -236,8 +265,10 @@ class LiveRecording::Impl {
     info.dataType = type;
     info.category = category;
     if (info.name.empty()) info.name = fmt::format("signal {}", info.signalId);
-    if (pool().checkSignalExists(info.signalId)) {
-      throw std::invalid_argument(fmt::format("signal {} is there already", info.signalId));
+    // Readers and recoveries go by the ids of all signals that were ever added.
+    if (pool().checkSignalExists(info.signalId) || ids_.count(info.signalId) > 0) {
+      throw std::invalid_argument(
+          fmt::format("signal {} was added before: an id can be added only once", info.signalId));
     }
     requireWritable(info);
     return info;
@@ -250,7 +281,50 @@ class LiveRecording::Impl {
     isChanged_ = true;
   }
 
-  parquet::SharedStore& store() { return *parquet::PoolAccess::of(*pool_).sharedStore(); }
+  // Brings rows of signals that the pool has no longer to its store, because somebody still appends
+  // to them, and the journal counts their rows. finish() leaves them out.
+  void writeDetached() {
+    const parquet::SignalPoolImpl& impl = parquet::PoolAccess::of(pool());
+    if (std::exchange(removals_, impl.removals()) != impl.removals()) {
+      detached_.clear();
+      for (std::size_t i = 0; i < signals_.size(); ++i) {
+        const auto found = impl.allSignals().find(live_.signals[i].signalId);
+        const auto* const signal =
+            found == impl.allSignals().end()
+                ? nullptr
+                : std::get_if<std::shared_ptr<parquet::StreamableSignal>>(&found->second);
+        if (signal == nullptr || *signal != signals_[i]->inPool()) {
+          detached_.push_back(signals_[i]);
+        }
+      }
+    }
+    for (const auto& signal : detached_) signal->inPool()->write();
+  }
+
+  parquet::SharedStore& store() { return *store_; }
+
+  // A pool that was given another directory stores nothing here any more.
+  void requirePool() {
+    if (parquet::PoolAccess::of(pool()).sharedStore() == store_) return;
+    throw std::logic_error(folder_.string() + ": the recording's pool has another directory now");
+  }
+
+  // Makes the folder a finished recording.
+  void complete() {
+    if (hasManySmall()) store().keepFinishedInMemory();
+    const std::vector<SignalDescription> descriptions(live_.signals.begin(), live_.signals.end());
+    finished_ = snapshotOf(*pool_, descriptions);
+    finished_.attributes = live_.attributes;
+    pack(finished_);
+    syncPath(folder_.parent_path());
+    try {
+      // With a pool that syncs, each file was synced when it was finished.
+      completeRecording(open_, finished_, /*syncsFiles=*/!syncs_);
+    } catch (...) {
+      withdrawDescription();
+      throw;
+    }
+  }
 
   // Whether packs are faster than a file for each content that has none.
   bool hasManySmall() {
@@ -262,13 +336,27 @@ class LiveRecording::Impl {
     return count > kFew;
   }
 
+  // Removes what a finished recording does not need.
+  void cleanUp() {
+    // A recovery is to remove the files that are left and that recording.json does not name.
+    const bool isClean = removeUnnamed(open_, finished_);
+    uncut_.clear();
+    store_.reset();
+    pool_.reset();
+    signals_.clear();
+    detached_.clear();
+    groups_.clear();
+    if (isClean) removeLiveFiles(open_);
+    journal_.reset();
+  }
+
   // Writes the contents that have no file into packs.
   void pack(RecordingInfo& info) {
     const Folder storage = open_.folder(kStorageFolder);
     for (const std::string& name : storage.names()) {
       if (isPackName(name)) storage.tryRemove(name);  // from a call that failed
     }
-    PackWriter packs(folder_ / kStorageFolder, store().options().encodings);
+    PackWriter packs(folder_ / kStorageFolder, store().options().encodings, /*startsSync=*/true);
     for (FileInfo& file : info.files) {
       const auto content = store().find(file.storageId);
       if (!content || content->hasOwnFile()) continue;
@@ -289,7 +377,8 @@ class LiveRecording::Impl {
       const std::uint64_t samples = (*streamed)->rowCount(Part::data);
       if (times == samples || times == 0 || samples == 0) continue;
       const std::uint64_t pairs = std::min(times, samples);
-      static_cast<parquet::SafeStreamableSignal&>(**streamed).cut(pairs);
+      auto& cut = static_cast<parquet::SafeStreamableSignal&>(**streamed);
+      uncut_.emplace_back(&cut, cut.cut(pairs));
       const auto name = names.find(id);
       report_.unpaired.push_back({id,
                                   name == names.end() ? fmt::format("signal {}", id) : name->second,
@@ -299,10 +388,46 @@ class LiveRecording::Impl {
               [](const auto& a, const auto& b) { return a.signalId < b.signalId; });
   }
 
+  // A process that ends before the next line leaves a list that is newer than the journal. What the
+  // journal says of a signal whose rows were forgotten since then is of rows that are still there.
   void writeDescription() {
+    journal_->removeRest();  // may be a whole line, which acknowledged nothing
+    if (isWithdrawn_) open_.remove(kDescriptionFile);
+    isWithdrawn_ = false;
+    live_.before.clear();
+    for (std::size_t i = 0; i < acknowledged_.size(); ++i) {
+      const Contents& known = acknowledged_[i];
+      if (known.isEmpty() || known == Contents(live_.signals[i])) continue;
+      live_.before.push_back(known.of(live_.signals[i]));
+    }
     ++live_.sequence;
     replaceTextFile(open_, kLiveFile, writeLiveJson(live_), syncs_);
     isChanged_ = false;
+  }
+
+  // Tells that the rows are there. The first line, before any flush, tells that there are none, so
+  // that a journal without a line is known to be damaged.
+  void writeLine(JournalLine line) {
+    line.sequence = live_.sequence;
+    journal_->append(line, syncs_);
+    // The line stands from here on, whatever fails.
+    store().noteAcknowledged();
+    if (line.sequence != acknowledgedSequence_) noteAcknowledged();
+    journal_->syncName();
+  }
+
+  // Called when recording.json may be there and finish() fails. A recovery would believe it, and
+  // drop rows that are flushed from now on. The next flush makes sure that it has gone.
+  void withdrawDescription() {
+    open_.tryRemove(kDescriptionFile);
+    open_.tryRemove(kSignalsFile);
+    isWithdrawn_ = true;
+    isChanged_ = true;
+  }
+
+  void noteAcknowledged() {
+    acknowledged_ = std::vector<Contents>(live_.signals.begin(), live_.signals.end());
+    acknowledgedSequence_ = live_.sequence;
   }
 
   fs::path folder_;
@@ -310,12 +435,24 @@ class LiveRecording::Impl {
   std::unique_ptr<LiveJournal> journal_;
   Folder open_;  // the folder
   std::unique_ptr<parquet::SignalPool> pool_;
+  std::shared_ptr<parquet::SharedStore> store_;  // in the folder
   std::vector<std::shared_ptr<LiveSignal>> signals_;
+  std::vector<std::shared_ptr<LiveSignal>> detached_;  // those that the pool has no longer
+  std::uint64_t removals_ = 0;                         // of the pool, when that was found
   std::vector<std::shared_ptr<SignalGroup::Impl>> groups_;
   std::shared_ptr<bool> isClosed_ = std::make_shared<bool>(false);
   FinishReport report_;
+  // What finish() has cut, until it succeeds.
+  std::vector<std::pair<parquet::SafeStreamableSignal*,
+                        std::pair<parquet::Part::Uncut, parquet::Part::Uncut>>>
+      uncut_;
+  RecordingInfo finished_;  // what recording.json says, once the recording is closed
   LiveDescription live_;
+  std::vector<Contents> acknowledged_;  // by the last line of the journal
+  std::uint64_t acknowledgedSequence_ = 0;
+  std::unordered_set<int> ids_;  // of the signals in live_
   bool isChanged_ = false;
+  bool isWithdrawn_ = false;  // recording.json must not be there
 };
 
 LiveRecording::LiveRecording(const Path& folder, const LiveOptions& options)

@@ -9,7 +9,7 @@
 
 namespace kyr::recording {
 
-LiveSignal::LiveSignal(std::shared_ptr<parquet::StreamableSignal> signal,
+LiveSignal::LiveSignal(std::shared_ptr<parquet::SafeStreamableSignal> signal,
                        const SignalDescription& description, std::shared_ptr<const bool> isClosed)
     : signal_(std::move(signal)),
       isClosed_(std::move(isClosed)),

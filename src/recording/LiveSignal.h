@@ -6,6 +6,7 @@
 
 #include "kyr/parquet/StreamableSignal.h"
 #include "kyr/recording/RecordingInfo.h"
+#include "safe/SafeStreamableSignal.h"
 
 namespace kyr::recording {
 
@@ -13,11 +14,11 @@ namespace kyr::recording {
 /// one that verifyRecording() accepts. Refuses rows once the recording is closed.
 ///
 /// Errors name the signal.
-class LiveSignal : public parquet::StreamableSignal {
+class LiveSignal final : public parquet::StreamableSignal {
  public:
   /// \param signal  of the pool
   /// \param isClosed  of the recording
-  LiveSignal(std::shared_ptr<parquet::StreamableSignal> signal,
+  LiveSignal(std::shared_ptr<parquet::SafeStreamableSignal> signal,
              const SignalDescription& description, std::shared_ptr<const bool> isClosed);
 
   void setBufferSize(unsigned long rows) override { signal_->setBufferSize(rows); }
@@ -26,8 +27,13 @@ class LiveSignal : public parquet::StreamableSignal {
   void appendData(const void* data, unsigned long size,
                   const std::vector<std::vector<unsigned long>>& dimensions,
                   const std::vector<int>& extra) override;
-  void finish(SignalPart part) override { signal_->finish(part); }
-  void finish() override { signal_->finish(); }
+  /// Both do nothing once the recording is closed.
+  void finish(SignalPart part) override {
+    if (!*isClosed_) signal_->finish(part);
+  }
+  void finish() override {
+    if (!*isClosed_) signal_->finish();
+  }
   void resetData() override;
   bool hasData() const override { return signal_->hasData(); }
   /// \throws std::logic_error if there are samples of another type
@@ -60,6 +66,9 @@ class LiveSignal : public parquet::StreamableSignal {
   void flush() override;
   ::arrow::Status writeStatus() const override;
 
+  /// The signal that the pool has, or had.
+  const std::shared_ptr<parquet::SafeStreamableSignal>& inPool() const { return signal_; }
+
  private:
   std::string name() const;
   void requireOpen() const {
@@ -69,7 +78,7 @@ class LiveSignal : public parquet::StreamableSignal {
   void requireShape(const std::vector<std::vector<unsigned long>>& dimensions) const;
   void requireNoSamples(const char* what) const;
 
-  std::shared_ptr<parquet::StreamableSignal> signal_;
+  std::shared_ptr<parquet::SafeStreamableSignal> signal_;
   std::shared_ptr<const bool> isClosed_;
   bool hasDimensions_;
   SignalDescription description_;

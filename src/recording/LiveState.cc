@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <limits>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -31,11 +30,17 @@ Flush readFlush(const OpenFolder& folder) {
   Flush flush;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     flush.live = readLiveJson(folder.readText(kLiveFile), source);
-    const auto newest =
-        lastJournalLine(*folder.open(kJournalFile), std::numeric_limits<std::uint64_t>::max());
-    if (!newest) return flush;
-    flush.line = *newest;
-    if (newest->sequence <= flush.live.sequence) return flush;
+    const auto journal = folder.open(kJournalFile);
+    auto newest = lastJournalLine(*journal, flush.live, NewerLines::found);
+    const bool isOlder = newest && newest->line.sequence > flush.live.sequence;
+    if (newest && !isOlder) {
+      flush.line = std::move(newest->line);
+      takeBackTo(flush.line, flush.live);
+      return flush;
+    }
+    // How much of the journal is read depends on the list, of which there may be a newer one.
+    constexpr int kAttemptsWithoutLine = 2;
+    if (journal->size() == 0 || (!newest && attempt + 1 >= kAttemptsWithoutLine)) return flush;
   }
   throw std::runtime_error(source + ": is older than the journal beside it");
 }

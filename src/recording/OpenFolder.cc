@@ -72,7 +72,7 @@ bool OpenFolder::hasStored(const std::string& name) const {
 }
 
 std::uint64_t OpenFolder::sizeOfStored(const std::string& name) const {
-  return openStored(name)->size();
+  return storage_ ? storage_->sizeOf(name) : openStored(name)->size();
 }
 
 std::unique_ptr<DiskFile> OpenFolder::openStored(const std::string& name) const {

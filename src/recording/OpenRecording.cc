@@ -4,12 +4,11 @@
 #include <algorithm>
 #include <filesystem>
 #include <limits>
-#include <map>
 #include <memory>
-#include <set>
+#include <optional>
 #include <stdexcept>
-#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "kyr/parquet/DirectoryUtilities.h"
 #include "kyr/parquet/ParquetSignal.h"
@@ -19,6 +18,7 @@
 #include "kyr/recording/Recording.h"
 #include "recording/LentFolder.h"
 #include "recording/OpenFolder.h"
+#include "recording/RecordingMembers.h"
 #include "signals/SignalPoolImpl.h"
 #include "storage/ParquetStorageRecord.h"
 
@@ -44,6 +44,7 @@ template <typename PoolSignal>
 void describe(PoolSignal& opened, const SignalInfo& signal) {
   opened.setDataType(signal.dataType);
   opened.setCategory(signal.category);
+  if (signal.compression == kNoCodec) return;
   const auto codec = ::arrow::util::Codec::GetCompressionType(signal.compression);
   if (codec.ok() && *codec != ::arrow::Compression::UNCOMPRESSED) {
     opened.setParquetCompressionType(*codec);
@@ -62,7 +63,7 @@ std::pair<std::shared_ptr<const OpenFolder>, std::shared_ptr<const RecordingInfo
 class Recording::Impl {
  public:
   Impl(std::shared_ptr<const OpenFolder> folder, std::shared_ptr<const RecordingInfo> recorded,
-       std::vector<SignalInfo> signals)
+       const std::vector<const SignalInfo*>& signals)
       : info(std::move(recorded)), lent_(std::make_shared<LentFolder>(std::move(folder), info)) {
     int newIds = largestId() + 1;
     // The folder is there for sure. The pool's own directory need not be yet.
@@ -73,11 +74,12 @@ class Recording::Impl {
     const auto store = impl.sharedStore();
     store->ownDirectoryOnceNeeded();
     if (rowGroupMode()) lent_->splitTimes(signals, newIds);
-    lent_->lend(*store, signals);
+    lent_->lend(signals);
     // New signals take ids behind all of the recording's, also behind those that are not opened.
     store->reserve(newIds - 1);
+    store->offer(lent_);
     addSignals(impl, signals);
-    store->setLender(lent_);
+    store->endOffers();
   }
 
   std::shared_ptr<const RecordingInfo> info;
@@ -93,20 +95,21 @@ class Recording::Impl {
     return largest;
   }
 
-  void addSignals(parquet::SignalPoolImpl& impl, const std::vector<SignalInfo>& signals) {
-    for (const SignalInfo& signal : signals) {
-      pool->describeSignal(signal.signalId, signal.name, signal.unit);
-      if (signal.timeStorageId || signal.dataStorageId) {
-        impl.adopt({signal.signalId, signal.timeStorageId.value_or(parquet::kNoStorage),
-                    signal.dataStorageId.value_or(parquet::kNoStorage)});
+  void addSignals(parquet::SignalPoolImpl& impl, const std::vector<const SignalInfo*>& signals) {
+    for (const SignalInfo* const signal : signals) {
+      const int id = signal->signalId;
+      const std::optional<int> times = lent_->timeIdOf(*signal);
+      pool->describeSignal(id, signal->name, signal->unit);
+      if (times || signal->dataStorageId) {
+        impl.adopt({id, times.value_or(parquet::kNoStorage),
+                    signal->dataStorageId.value_or(parquet::kNoStorage)});
       }
       if (rowGroupMode()) {
-        describe(*pool->getStreamableSignal(signal.signalId), signal);
+        describe(*pool->getStreamableSignal(id), *signal);
       } else {
-        describe(*pool->getSignal(signal.signalId), signal);
+        describe(*pool->getSignal(id), *signal);
       }
     }
-    impl.sharedStore()->dropOffers();
   }
 
   std::shared_ptr<LentFolder> lent_;
@@ -131,14 +134,15 @@ std::vector<SignalDescription> Recording::descriptions() const {
 
 Recording openRecording(const Path& folder, Links links) {
   auto [open, info] = openDescribed(folder, links);
-  std::vector<SignalInfo> all = info->signals;
-  return Recording(
-      std::make_unique<Recording::Impl>(std::move(open), std::move(info), std::move(all)));
+  std::vector<const SignalInfo*> all;
+  all.reserve(info->signals.size());
+  for (const SignalInfo& signal : info->signals) all.push_back(&signal);
+  return Recording(std::make_unique<Recording::Impl>(std::move(open), std::move(info), all));
 }
 
 Recording openRecording(const Path& folder, const std::vector<int>& signalIds, Links links) {
   auto [open, info] = openDescribed(folder, links);
-  std::vector<SignalInfo> wanted;
+  std::vector<const SignalInfo*> wanted;
   for (const int id : signalIds) {
     const auto found = std::lower_bound(
         info->signals.begin(), info->signals.end(), id,
@@ -146,10 +150,9 @@ Recording openRecording(const Path& folder, const std::vector<int>& signalIds, L
     if (found == info->signals.end() || found->signalId != id) {
       throw std::invalid_argument(fmt::format("{}: has no signal {}", folder.toNarrow(), id));
     }
-    wanted.push_back(*found);
+    wanted.push_back(&*found);
   }
-  return Recording(
-      std::make_unique<Recording::Impl>(std::move(open), std::move(info), std::move(wanted)));
+  return Recording(std::make_unique<Recording::Impl>(std::move(open), std::move(info), wanted));
 }
 
 }  // namespace kyr::recording

@@ -8,6 +8,8 @@
 #include <parquet/properties.h>
 
 #include <algorithm>
+#include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -32,6 +34,9 @@ namespace {
 constexpr std::size_t kGroupRows = 65536;
 constexpr std::size_t kGroupBytes = std::size_t{1} << 20U;
 constexpr std::size_t kPackBytes = std::size_t{64} << 20U;
+// The disk begins to write a pack whenever so many bytes of it are there.
+constexpr std::uint64_t kSyncBytes = std::uint64_t{8} << 20U;
+constexpr std::size_t kWaitingGroups = 2;
 // Samples are compressed with this codec if the pack asks for none. A row group that it does not
 // suit is not compressed.
 constexpr auto kChosenCodec = ::arrow::Compression::ZSTD;
@@ -49,17 +54,20 @@ std::shared_ptr<::parquet::WriterProperties> packProperties(::arrow::Compression
 
 }  // namespace
 
+// The row group that is filled belongs to the caller's thread; files are written, and all that is
+// made for them, in tasks.
 class PackWriter::Pack {
  public:
   Pack(int number, const fs::path& storage, const parquet::SampleSchema& schema, std::size_t width,
-       ::arrow::Compression::type codec, Encodings encodings)
+       ::arrow::Compression::type codec, Encodings encodings, bool startsSync)
       : number_(number),
         path_(storage / packName(number)),
         schema_(parquet::packSchema(*schema.schema)),
         choice_{encodings != Encodings::options, codec == ::arrow::Compression::UNCOMPRESSED,
                 encodings == Encodings::smallest},
         codec_(codec),
-        rows_(schema, width) {
+        startsSync_(startsSync),
+        group_(std::make_shared<Group>(schema, width)) {
     naming([&] {
       file_.emplace(path_, DiskFile::Mode::createNew);
       sink_ = std::make_shared<parquet::FileSink>(
@@ -81,23 +89,23 @@ class PackWriter::Pack {
 
   bool isFull() const { return bytes_ >= kPackBytes; }
 
-  void add(FileInfo& file, const RowSlice& rows) {
+  void add(FileInfo& file, const RowSlice& rows, BackgroundWork& tasks) {
     file.pack = number_;
-    file.firstRow = written_ + rows_.rows();
+    file.firstRow = rowsBefore_ + group_->rows.rows();
     for (std::size_t from = 0; from < rows.rows;) {
       const std::size_t count = std::min(rows.rows - from, room(rows));
       if (count == 0) {
-        writeGroup();
+        tasks.add([this, group = nextGroup()] { write(group); });
         continue;
       }
-      rows_.append(subSlice(rows, from, count));
-      runs_.emplace_back(file.storageId, count);
+      group_->rows.append(subSlice(rows, from, count));
+      group_->runs.emplace_back(file.storageId, count);
       from += count;
     }
   }
 
   PackInfo finish() {
-    writeGroup();
+    if (group_->rows.rows() > 0) write(nextGroup());
     naming([&] {
       if (numbers_) {
         numbers_->finish();
@@ -108,33 +116,62 @@ class PackWriter::Pack {
       file_->close();
     });
     FileDigest digest = digester_.finish();
-    return {number_, digest.size, written_, std::move(digest.checksum), std::move(digest.blocks)};
+    return {number_, digest.size, rowsBefore_, std::move(digest.checksum),
+            std::move(digest.blocks)};
   }
 
  private:
+  struct Group {
+    Group(const parquet::SampleSchema& schema, std::size_t width) : rows(schema, width) {}
+
+    parquet::RowStore rows;
+    std::vector<std::pair<int, std::size_t>> runs;  // storage id, rows
+  };
+  using SharedGroup = std::shared_ptr<Group>;
+
   // Rows like these that the row group still takes; no row group is empty.
   std::size_t room(const RowSlice& rows) const {
-    if (rows_.rows() == kGroupRows) return 0;
+    const parquet::RowStore& group = group_->rows;
+    if (group.rows() == kGroupRows) return 0;
     const std::size_t perRow = std::max<std::size_t>(1, rows.bytes / rows.rows);
-    const std::size_t taken = parquet::bytesIn(rows_.slice());
+    const std::size_t taken = parquet::bytesIn(group.slice());
     const std::size_t byBytes = taken < kGroupBytes ? (kGroupBytes - taken) / perRow : 0;
-    const std::size_t least = rows_.rows() == 0 ? 1 : 0;
-    return std::min(kGroupRows - rows_.rows(), std::max(byBytes, least));
+    const std::size_t least = group.rows() == 0 ? 1 : 0;
+    return std::min(kGroupRows - group.rows(), std::max(byBytes, least));
   }
 
-  void writeGroup() {
-    const std::size_t count = rows_.rows();
-    if (count == 0) return;
-    naming([&] { writeRows(count); });
-    written_ += count;
-    bytes_ += parquet::bytesIn(rows_.slice());
-    rows_.truncate(0);
-    runs_.clear();
+  // The row group that is complete. An empty one takes its place, in memory that was used before.
+  SharedGroup nextGroup() {
+    rowsBefore_ += group_->rows.rows();
+    bytes_ += parquet::bytesIn(group_->rows.slice());
+    SharedGroup fresh;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (!written_.empty()) {
+        fresh = std::move(written_.back());
+        written_.pop_back();
+      }
+    }
+    if (!fresh) fresh = std::make_shared<Group>(group_->rows.schema(), group_->rows.width());
+    return std::exchange(group_, std::move(fresh));
   }
 
-  void writeRows(std::size_t count) {
-    auto columns = rows_.table(0, count)->columns();
-    columns.push_back(std::make_shared<::arrow::ChunkedArray>(ids(count)));
+  void write(const SharedGroup& group) {
+    naming([&] { writeRows(*group); });
+    if (startsSync_ && sink_->written() >= syncedFrom_ + kSyncBytes) {
+      file_->startSync(syncedFrom_, sink_->written() - syncedFrom_);
+      syncedFrom_ = sink_->written();
+    }
+    group->rows.truncate(0);
+    group->runs.clear();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    written_.push_back(group);
+  }
+
+  void writeRows(const Group& group) {
+    const std::size_t count = group.rows.rows();
+    auto columns = group.rows.table(0, count)->columns();
+    columns.push_back(std::make_shared<::arrow::ChunkedArray>(ids(group)));
     if (!numbers_) {
       const auto table =
           ::arrow::Table::Make(schema_, std::move(columns), static_cast<std::int64_t>(count));
@@ -147,13 +184,12 @@ class PackWriter::Pack {
     numbers_->writeRowGroup(columns, {encoding, {::parquet::Encoding::RLE_DICTIONARY}});
   }
 
-  // The storage id that each row belongs to.
-  std::shared_ptr<::arrow::Array> ids(std::size_t count) const {
-    std::vector<std::int32_t> ids;
-    ids.reserve(count);
-    for (const auto& [id, rows] : runs_) ids.insert(ids.end(), rows, id);
-    return std::make_shared<::arrow::Int32Array>(static_cast<std::int64_t>(count),
-                                                 ::arrow::Buffer::FromVector(std::move(ids)));
+  // The storage id that each row belongs to, in memory that is used for each row group.
+  std::shared_ptr<::arrow::Array> ids(const Group& group) {
+    ids_.clear();
+    for (const auto& [id, rows] : group.runs) ids_.insert(ids_.end(), rows, id);
+    return std::make_shared<::arrow::Int32Array>(static_cast<std::int64_t>(ids_.size()),
+                                                 ::arrow::Buffer::Wrap(ids_));
   }
 
   template <typename Operation>
@@ -172,20 +208,28 @@ class PackWriter::Pack {
   std::shared_ptr<::parquet::SchemaDescriptor> columns_;
   parquet::EncodingChoice choice_;
   ::arrow::Compression::type codec_;
-  parquet::RowStore rows_;  // of the row group that is due
-  std::vector<std::pair<int, std::size_t>> runs_;
+  bool startsSync_;
+  SharedGroup group_;             // is filled
+  std::uint64_t rowsBefore_ = 0;  // those of the row groups before it
+  std::size_t bytes_ = 0;
+  std::mutex mutex_;
+  std::vector<SharedGroup> written_;  // empty again; under mutex_
+  // From here on for the tasks.
+  std::vector<std::int32_t> ids_;
   std::optional<DiskFile> file_;
   FileDigester digester_;
   std::shared_ptr<parquet::FileSink> sink_;
   // The one for contents of a single column of numbers, the other for all else.
   std::unique_ptr<parquet::NumberFile> numbers_;
   std::unique_ptr<::parquet::arrow::FileWriter> writer_;
-  std::uint64_t written_ = 0;
-  std::size_t bytes_ = 0;
+  std::uint64_t syncedFrom_ = 0;
 };
 
-PackWriter::PackWriter(fs::path storage, parquet::SafeStorage::Encodings encodings)
-    : storage_(std::move(storage)), encodings_(encodings) {}
+PackWriter::PackWriter(fs::path storage, Encodings encodings, bool startsSync)
+    : storage_(std::move(storage)),
+      encodings_(encodings),
+      startsSync_(startsSync),
+      tasks_(kWaitingGroups) {}
 
 PackWriter::~PackWriter() = default;
 
@@ -196,19 +240,30 @@ void PackWriter::add(FileInfo& file, const parquet::SampleSchema& schema, std::s
     lastSchema_ = schema.schema;
     lastCodec_ = codec;
   }
-  if (!*last_) *last_ = std::make_unique<Pack>(next_++, storage_, schema, width, codec, encodings_);
+  if (!*last_) {
+    *last_ =
+        std::make_shared<Pack>(next_++, storage_, schema, width, codec, encodings_, startsSync_);
+  }
   if (file.contentDigest.empty()) describeRows(file, parquet::summaryOf(schema, rows));
-  (*last_)->add(file, rows);
-  if ((*last_)->isFull()) {
-    done_.push_back((*last_)->finish());
-    last_->reset();
+  (*last_)->add(file, rows, tasks_);
+  if ((*last_)->isFull()) finish(std::move(*last_));
+}
+
+// A few rows are not worth a thread.
+void PackWriter::finish(std::shared_ptr<Pack> pack) {
+  const auto task = [this, pack = std::move(pack)] { done_.push_back(pack->finish()); };
+  if (tasks_.hasThread()) {
+    tasks_.add(task);
+  } else {
+    task();
   }
 }
 
 std::vector<PackInfo> PackWriter::finish() {
-  for (const auto& [kind, pack] : open_) {
-    if (pack) done_.push_back(pack->finish());
+  for (auto& [kind, pack] : open_) {
+    if (pack) finish(std::move(pack));
   }
+  tasks_.wait();
   open_.clear();
   last_ = nullptr;
   std::sort(done_.begin(), done_.end(),

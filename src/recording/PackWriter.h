@@ -14,7 +14,9 @@
 
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/recording/RecordingInfo.h"
-#include "schema/RowStore.h"
+#include "platform/BackgroundWork.h"
+#include "schema/RowSlice.h"
+#include "schema/SampleLayout.h"
 
 namespace kyr::recording {
 
@@ -25,7 +27,9 @@ namespace kyr::recording {
 class PackWriter {
  public:
   /// \param storage  folder of the packs
-  PackWriter(std::filesystem::path storage, parquet::SafeStorage::Encodings encodings);
+  /// \param startsSync  whether the disk begins to write packs early, because they will be synced
+  PackWriter(std::filesystem::path storage, parquet::SafeStorage::Encodings encodings,
+             bool startsSync = false);
   ~PackWriter();
   PackWriter(const PackWriter&) = delete;
   PackWriter& operator=(const PackWriter&) = delete;
@@ -42,14 +46,18 @@ class PackWriter {
   class Pack;
   using Kind = std::pair<std::string, int>;  // schema, codec
 
+  void finish(std::shared_ptr<Pack> pack);
+
   std::filesystem::path storage_;
   parquet::SafeStorage::Encodings encodings_;
-  std::map<Kind, std::unique_ptr<Pack>> open_;
-  std::unique_ptr<Pack>* last_ = nullptr;  // in open_; of the content before
+  bool startsSync_;
+  std::map<Kind, std::shared_ptr<Pack>> open_;
+  std::shared_ptr<Pack>* last_ = nullptr;  // in open_; of the content before
   std::shared_ptr<::arrow::Schema> lastSchema_;
   ::arrow::Compression::type lastCodec_{};
-  std::vector<PackInfo> done_;
   int next_ = 0;
+  std::vector<PackInfo> done_;  // changes in the tasks
+  BackgroundWork tasks_;        // goes before what the tasks use
 };
 
 }  // namespace kyr::recording

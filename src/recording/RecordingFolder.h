@@ -44,4 +44,10 @@ inline std::filesystem::path storagePath(const std::filesystem::path& folder, in
   return folder / kStorageFolder / storageName(storageId);
 }
 
+/// The file that has the rows of a content, in a recording of the newest version.
+inline std::filesystem::path contentPath(const std::filesystem::path& folder,
+                                         const FileInfo& content) {
+  return content.pack ? packPath(folder, *content.pack) : storagePath(folder, content.storageId);
+}
+
 }  // namespace kyr::recording

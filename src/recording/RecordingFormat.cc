@@ -87,6 +87,10 @@ void placeInPack(FileInfo& file, const PackInfo& pack) {
 
 void checkFiles(RecordingInfo& info) {
   for (const PackInfo& pack : info.packs) {
+    if (pack.number < 0) {
+      throw std::runtime_error(
+          fmt::format("\"packs\" lists pack {}, expected 0 or more", pack.number));
+    }
     checkBlocks(pack.blocks, pack.size, packName(pack.number));
   }
   for (FileInfo& file : info.files) {
@@ -125,7 +129,8 @@ std::string writeRecordingJson(const RecordingInfo& info) {
   // Packed recordings may have very many signals, and white space would be a third of their text.
   const auto layout =
       info.packs.empty() ? JsonWriter::Layout::indented : JsonWriter::Layout::compact;
-  JsonWriter out(layout);
+  constexpr std::size_t kBytesEach = 320;
+  JsonWriter out(layout, kBytesEach * (info.signals.size() + info.files.size()));
   JsonValue<RecordingInfo>::write(out, info);
   return withChecksum(out.take(), layout);
 }

@@ -20,9 +20,11 @@ namespace {
 constexpr std::size_t kBlockDigits = 16;
 constexpr std::size_t kChecksumDigits = 32;
 
+// Looks at all characters, so that the compiler compares many at once.
 bool areDigits(std::string_view text) {
-  return std::all_of(text.begin(), text.end(),
-                     [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+  bool areAll = true;
+  for (const char c : text) areAll &= (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+  return areAll;
 }
 
 // \param what  it is, such as "time"
@@ -105,9 +107,21 @@ void JsonBlocks::write(JsonWriter& out, const std::vector<std::uint64_t>& blocks
 }
 
 void JsonChecksum::read(JsonReader& in, std::string& checksum) {
-  checksum = readText(in);
+  if (!in.takeText(checksum)) refuseValue(in, "a text");
   if (checksum.size() == kChecksumDigits && areDigits(checksum)) return;
   throw JsonValueError("", "is no checksum of 32 hexadecimal digits");
+}
+
+void SignalsMember::read(JsonReader& in, RecordingInfo& info) {
+  JsonArray<SignalInfo>::read(in, info.signals);
+}
+
+void SignalsMember::write(JsonWriter& out, const RecordingInfo& info) {
+  if (info.formatVersion > 2) {
+    JsonArray<SignalInfo>::write(out, info.signals);
+  } else {
+    JsonArray<SignalInfo, JsonFields<SignalInfo, kAllSignalMembers>>::write(out, info.signals);
+  }
 }
 
 void requireText(const SignalDescription& signal) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -45,22 +46,55 @@ constexpr FinishedOnly<Member> finishedOnly(const Member& member) {
   return {member};
 }
 
+/// The codec of files that have none.
+constexpr std::string_view kNoCodec = "uncompressed";
+
+// recording.json leaves out what is the same for most signals.
+inline bool hasCodec(const SignalInfo& signal) { return signal.compression != kNoCodec; }
+inline bool hasDescription(const SignalInfo& signal) { return !signal.description.empty(); }
+inline bool hasDimensions(const SignalInfo& signal) { return !signal.dimensions.empty(); }
+inline bool hasUnit(const SignalInfo& signal) { return !signal.unit.empty(); }
+
+/// The members of a signal.
+/// \tparam kAreAllThere  whether a signal has those as well that go without saying: in a live
+///         recording, and in versions 1 and 2
+template <bool kAreAllThere>
+constexpr auto signalMembers() {
+  using T = SignalInfo;
+  const auto unless = [](bool (*isThere)(const T&)) { return kAreAllThere ? nullptr : isThere; };
+  return std::make_tuple(
+      member<T>("category", &T::category),
+      finishedOnly(member<T>("compression", &T::compression, unless(hasCodec))),
+      member<T>("dataStorageId", &T::dataStorageId), member<T>("dataType", &T::dataType),
+      member<T>("description", &T::description, unless(hasDescription)),
+      member<T>("dimensions", &T::dimensions, unless(hasDimensions)), member<T>("id", &T::signalId),
+      member<T>("name", &T::name), finishedOnly(member<T>("rowCount", &T::rowCount)),
+      finishedOnly(member<T, JsonTimeSpan>("timeSpan", &T::timeSpan)),
+      member<T>("timeStorageId", &T::timeStorageId), member<T>("unit", &T::unit, unless(hasUnit)));
+}
+inline constexpr auto kSignalMembers = signalMembers<false>();
+inline constexpr auto kAllSignalMembers = signalMembers<true>();
+
+/// The member "signals" of a recording.
+struct SignalsMember {
+  std::string_view name = "signals";
+
+  static constexpr bool isIn(const RecordingInfo& /*info*/) { return true; }
+  static void read(JsonReader& in, RecordingInfo& info);
+  static void write(JsonWriter& out, const RecordingInfo& info);
+};
+
 }  // namespace kyr::recording
 
 namespace kyr {
 
 template <>
-struct JsonObject<recording::SignalInfo> {
-  using T = recording::SignalInfo;
-  static constexpr auto members = std::make_tuple(
-      member<T>("category", &T::category),
-      recording::finishedOnly(member<T>("compression", &T::compression)),
-      member<T>("dataStorageId", &T::dataStorageId), member<T>("dataType", &T::dataType),
-      member<T>("description", &T::description), member<T>("dimensions", &T::dimensions),
-      member<T>("id", &T::signalId), member<T>("name", &T::name),
-      recording::finishedOnly(member<T>("rowCount", &T::rowCount)),
-      recording::finishedOnly(member<T, recording::JsonTimeSpan>("timeSpan", &T::timeSpan)),
-      member<T>("timeStorageId", &T::timeStorageId), member<T>("unit", &T::unit));
+struct JsonValue<recording::SignalInfo>
+    : JsonFields<recording::SignalInfo, recording::kSignalMembers> {
+  static void read(JsonReader& in, recording::SignalInfo& signal) {
+    signal.compression = recording::kNoCodec;
+    JsonFields::read(in, signal);
+  }
 };
 
 template <>
@@ -104,7 +138,7 @@ struct JsonObject<recording::RecordingInfo> {
       member<T, recording::JsonAttributes>("attributes", &T::attributes, hasAttributes),
       member<T>("files", &T::files), constant("format", recording::kFormatName),
       member<T>("formatVersion", &T::formatVersion), member<T>("packs", &T::packs, hasPacks),
-      member<T>("records", &T::records, hasRecords), member<T>("signals", &T::signals),
+      member<T>("records", &T::records, hasRecords), recording::SignalsMember(),
       member<T, recording::JsonChecksum>("signals_xxh3_128", &T::signalsChecksum, hasTable));
 };
 
@@ -121,10 +155,15 @@ template <typename Member>
 constexpr std::tuple<> ifLive(const FinishedOnly<Member>& /*member*/) {
   return {};
 }
-inline constexpr auto kLiveSignalMembers =
-    std::apply([](const auto&... members) { return std::tuple_cat(ifLive(members)...); },
-               JsonObject<SignalInfo>::members);
+template <typename... Members>
+constexpr auto liveMembers(const std::tuple<Members...>& members) {
+  return std::apply([](const auto&... each) { return std::tuple_cat(ifLive(each)...); }, members);
+}
+inline constexpr auto kLiveSignalMembers = liveMembers(kAllSignalMembers);
 using JsonLiveSignal = JsonFields<SignalInfo, kLiveSignalMembers>;
+/// A signal of a description of any kind that is damaged.
+inline constexpr auto kSalvagedSignalMembers = liveMembers(kSignalMembers);
+using JsonSalvagedSignal = JsonFields<SignalInfo, kSalvagedSignalMembers>;
 
 /// \throws std::invalid_argument if a text of the signal is no valid UTF-8
 void requireText(const SignalDescription& signal);

@@ -6,6 +6,7 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <stdexcept>
 #include <unordered_map>
@@ -32,7 +33,7 @@ namespace {
 struct Snapshot {
   RecordingState state = RecordingState::finished;
   std::shared_ptr<RecordingInfo> info;
-  std::vector<SignalCounts> counts;  // of a live recording, by signal
+  std::vector<SignalCounts> counts;  // by signal; only for a live recording
 
   bool isLive() const { return state != RecordingState::finished; }
 };
@@ -179,7 +180,9 @@ class RecordingReader::Impl {
     if (!snapshot_.isLive()) return signal(id).timeSpan;
     SignalRows& rows = rowsOf(id);
     if (rows.timeCount() == 0) return std::nullopt;
-    return indexOf(rows).span(rows.timeCount(), reading(rows));
+    const auto span = indexOf(rows).span(rows.timeCount(), reading(rows));
+    const bool isFinite = span && std::isfinite(span->from) && std::isfinite(span->to);
+    return isFinite ? span : std::nullopt;
   }
 
   std::uint64_t readTimes(int id, const RowRange& range, double* out) {
@@ -191,6 +194,7 @@ class RecordingReader::Impl {
 
   std::vector<double> times(int id, const RowRange& range) {
     const RowRange rows = clipped(range, rowsOf(id).timeCount());
+    if (rows.from < rows.to) rowsOf(id).requireTimes(rows.to);
     std::vector<double> times(static_cast<std::size_t>(rows.to - rows.from));
     readTimes(id, rows, times.data());
     return times;
@@ -221,6 +225,7 @@ class RecordingReader::Impl {
     const auto [from, to] = clipped(range, rows.sampleCount());
     if (from == to) return result;
     if (rows.kind() == SampleKind::number) {
+      rows.requireSamples(to);
       result.bytes.resize(static_cast<std::size_t>(to - from) * rows.elementBytes());
       rows.readElements(from, to - from, result.bytes.data());
       return result;

@@ -5,8 +5,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <stdexcept>
+#include <type_traits>
 
 #include "kyr/parquet/ColumnNames.h"
 #include "kyr/parquet/ParquetSignal.h"
@@ -65,6 +67,21 @@ void takeTypes(parquet::SignalPoolImpl& pool, SignalInfo& signal) {
   }
 }
 
+// Sorts items, or pointers to them, which mostly are in order.
+template <typename Item, typename Owner>
+void sortById(std::vector<Item>& items, int Owner::*id) {
+  const auto isLess = [id](const Item& a, const Item& b) {
+    if constexpr (std::is_pointer_v<Item>) {
+      return a->*id < b->*id;
+    } else {
+      return a.*id < b.*id;
+    }
+  };
+  if (!std::is_sorted(items.begin(), items.end(), isLess)) {
+    std::stable_sort(items.begin(), items.end(), isLess);
+  }
+}
+
 bool isKnown(const parquet::ContentSummary* summary) {
   return summary != nullptr && !summary->digest.empty();
 }
@@ -107,39 +124,46 @@ FileOf filesOf(parquet::SignalPool& pool) {
   };
 }
 
+// Most signals have a content of their own.
+void InfoBuilder::reserve(std::size_t signals) {
+  signals_.reserve(signals);
+  files_.reserve(signals + 1);
+  facts_.reserve(signals + 1);
+}
+
 void InfoBuilder::add(SignalInfo signal) {
   for (const auto& id : {signal.timeStorageId, signal.dataStorageId}) {
     if (!id) continue;
     const FileFacts& facts = factsOf(signal.signalId, *id, /*isTime=*/id == signal.timeStorageId);
     signal.rowCount = facts.rowCount;
-    signal.compression = facts.compression;
+    signal.compression = ::arrow::util::Codec::GetCodecAsString(facts.codec);
     if (facts.timeSpan) signal.timeSpan = facts.timeSpan;
   }
-  const int id = signal.signalId;
-  signals_.insert_or_assign(signals_.end(), id, std::move(signal));
+  const auto& span = signal.timeSpan;
+  if (span && !(std::isfinite(span->from) && std::isfinite(span->to))) signal.timeSpan.reset();
+  signals_.push_back(std::move(signal));
 }
 
 const InfoBuilder::FileFacts& InfoBuilder::factsOf(int signalId, int storageId, bool isTime) {
   const std::int64_t key = std::int64_t{storageId} * 2 + (isTime ? 1 : 0);
-  const auto known = facts_.find(key);
-  if (known != facts_.end()) return known->second;
+  const auto [known, isNew] = facts_.try_emplace(key);
+  FileFacts& facts = known->second;
+  if (!isNew) return facts;
   const auto content = store_ ? store_->find(storageId) : nullptr;
   const parquet::ContentSummary* const summary = content ? content->summary() : nullptr;
-  FileFacts facts;
   if (content && !content->hasOwnFile()) {
     facts.rowCount = content->rows();
-    facts.compression = ::arrow::util::Codec::GetCodecAsString(content->codec());
+    facts.codec = content->codec();
     facts.timeSpan = isTime ? spanOf(*content, parquet::columnNames::data, summary)
                             : spanOf(*content, parquet::columnNames::time, nullptr);
   } else {
     facts = factsOfFile(signalId, storageId, isTime, summary);
   }
-  FileInfo file;
+  FileInfo& file = files_.emplace_back();
   file.storageId = storageId;
   file.rowCount = facts.rowCount;
   if (summary != nullptr) describeRows(file, *summary);
-  files_.emplace_hint(files_.end(), storageId, std::move(file));
-  return facts_.emplace(key, std::move(facts)).first->second;
+  return facts;
 }
 
 InfoBuilder::FileFacts InfoBuilder::factsOfFile(int signalId, int storageId, bool isTime,
@@ -153,8 +177,7 @@ InfoBuilder::FileFacts InfoBuilder::factsOfFile(int signalId, int storageId, boo
   const std::string& timeColumn = isTime ? parquet::columnNames::data : parquet::columnNames::time;
   FileFacts facts;
   facts.rowCount = file->rows();
-  facts.compression =
-      ::arrow::util::Codec::GetCodecAsString(file->codec(parquet::columnNames::data));
+  facts.codec = file->codec(parquet::columnNames::data);
   if (isTime && isKnown(summary)) {
     facts.timeSpan = spanOf(*summary);
   } else if (file->hasColumn(timeColumn)) {
@@ -166,36 +189,49 @@ InfoBuilder::FileFacts InfoBuilder::factsOfFile(int signalId, int storageId, boo
 RecordingInfo InfoBuilder::take() {
   RecordingInfo info;
   info.formatVersion = kFormatVersion;
-  info.signals.reserve(signals_.size());
-  for (auto& [id, signal] : signals_) info.signals.push_back(std::move(signal));
-  info.files.reserve(files_.size());
-  for (auto& [id, file] : files_) info.files.push_back(std::move(file));
+  info.signals = std::move(signals_);
+  info.files = std::move(files_);
+  sortById(info.signals, &SignalInfo::signalId);
+  sortById(info.files, &FileInfo::storageId);
+  // A content that is both times and samples was looked at twice.
+  const auto isSame = [](const FileInfo& a, const FileInfo& b) {
+    return a.storageId == b.storageId;
+  };
+  info.files.erase(std::unique(info.files.begin(), info.files.end(), isSame), info.files.end());
   return info;
 }
 
 RecordingInfo snapshotOf(parquet::SignalPool& pool,
                          const std::vector<SignalDescription>& descriptions) {
   parquet::SignalPoolImpl& impl = parquet::PoolAccess::of(pool);
-  const std::vector<SignalRecord> records = impl.finishedRecords();
-  std::map<int, SignalInfo> signals;
-  for (const SignalDescription& description : descriptions) {
-    SignalInfo signal;
-    static_cast<SignalDescription&>(signal) = description;
-    if (!signals.emplace(description.signalId, std::move(signal)).second) {
-      throw std::invalid_argument(
-          fmt::format("signal {} is described twice", description.signalId));
-    }
-  }
-  for (const SignalRecord& record : records) {
-    SignalInfo& signal = signals[record.signalId];
-    if (signal.name.empty()) signal.name = fmt::format("signal {}", record.signalId);
-    signal.signalId = record.signalId;
-    signal.timeStorageId = storageIdOf(record.timeStorageId);
-    signal.dataStorageId = storageIdOf(record.dataStorageId);
+  std::vector<SignalRecord> records = impl.finishedRecords();
+  sortById(records, &SignalRecord::signalId);
+  std::vector<const SignalDescription*> described;
+  described.reserve(descriptions.size());
+  for (const SignalDescription& description : descriptions) described.push_back(&description);
+  sortById(described, &SignalDescription::signalId);
+  const auto isSame = [](const auto* a, const auto* b) { return a->signalId == b->signalId; };
+  const auto twice = std::adjacent_find(described.begin(), described.end(), isSame);
+  if (twice != described.end()) {
+    throw std::invalid_argument(fmt::format("signal {} is described twice", (*twice)->signalId));
   }
   InfoBuilder builder(filesOf(pool), impl.sharedStore());
-  for (auto& [id, signal] : signals) {
-    if (impl.checkSignalExists(id)) takeTypes(impl, signal);
+  builder.reserve(std::max(described.size(), records.size()));
+  auto next = described.begin();
+  auto record = records.begin();
+  while (next != described.end() || record != records.end()) {
+    SignalInfo signal;
+    const bool isDescribed = next != described.end() &&
+                             (record == records.end() || (*next)->signalId <= record->signalId);
+    signal.signalId = isDescribed ? (*next)->signalId : record->signalId;
+    if (isDescribed) static_cast<SignalDescription&>(signal) = **next++;
+    if (record != records.end() && record->signalId == signal.signalId) {
+      signal.timeStorageId = storageIdOf(record->timeStorageId);
+      signal.dataStorageId = storageIdOf(record->dataStorageId);
+      if (signal.name.empty()) signal.name = fmt::format("signal {}", signal.signalId);
+      ++record;
+    }
+    if (impl.checkSignalExists(signal.signalId)) takeTypes(impl, signal);
     builder.add(std::move(signal));
   }
   return builder.take();

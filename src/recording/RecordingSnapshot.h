@@ -1,9 +1,11 @@
 #pragma once
 
+#include <arrow/util/compression.h>
+
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,7 +32,11 @@ class InfoBuilder {
   explicit InfoBuilder(FileOf fileOf, std::shared_ptr<parquet::SharedStore> store = nullptr)
       : fileOf_(std::move(fileOf)), store_(std::move(store)) {}
 
-  /// Adds a signal and the files that it names, and tells from them what the signal's files tell.
+  /// Makes room for so many signals.
+  void reserve(std::size_t signals);
+
+  /// Adds a signal, whose id no other has, and the files that it names, and tells from them what
+  /// the signal's files tell.
   /// \throws std::runtime_error naming a file that is missing or no Parquet file
   void add(SignalInfo signal);
 
@@ -41,7 +47,7 @@ class InfoBuilder {
  private:
   struct FileFacts {
     std::uint64_t rowCount = 0;
-    std::string compression;
+    ::arrow::Compression::type codec{};
     std::optional<TimeSpan> timeSpan;
   };
 
@@ -52,9 +58,9 @@ class InfoBuilder {
 
   FileOf fileOf_;
   std::shared_ptr<parquet::SharedStore> store_;
-  std::map<int, SignalInfo> signals_;
+  std::vector<SignalInfo> signals_;
   std::unordered_map<std::int64_t, FileFacts> facts_;  // by storage id, and whether it is of times
-  std::map<int, FileInfo> files_;                      // by storage id
+  std::vector<FileInfo> files_;                        // for each of these facts
 };
 
 /// What a recording of the pool says, without sizes and checksums of its files. Finishes all

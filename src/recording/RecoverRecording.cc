@@ -176,7 +176,18 @@ class Recovery {
   }
 
   void takeLive(LiveDescription live) {
-    JournalEnd journal = readJournal(folder_, live.sequence);
+    JournalEnd journal = readJournal(folder_, live);
+    // The list names a file before a line counts rows of it. So no row was acknowledged yet.
+    if (journal.isEmpty && !namesFile(live)) {
+      journal.line = JournalLine{live.sequence, {}};
+      journal.fault.clear();
+    }
+    // Only the line from before the first flush is there. What was acknowledged later is unknown:
+    // without syncs, rows may come to the disk before the lines that count them.
+    const bool isFirstLine = journal.line && journal.line->rows.empty();
+    if (isFirstLine && (!journal.fault.empty() || namesFile(live))) journal.line.reset();
+    // The line of a flush that returned may be the one that was damaged.
+    if (journal.line && (journal.fault.empty() || journal.isTorn)) takeBackTo(*journal.line, live);
     take(std::move(live.signals));
     attributes_ = std::move(live.attributes);
     isDescribed_ = true;
@@ -192,6 +203,10 @@ class Recovery {
       signals_[i].timeRows = journal.line->rows[2 * i];
       signals_[i].dataRows = journal.line->rows[2 * i + 1];
     }
+  }
+
+  static bool namesFile(const LiveDescription& live) {
+    return std::any_of(live.signals.begin(), live.signals.end(), namesFiles);
   }
 
   void take(std::vector<SignalInfo> infos) {

@@ -82,7 +82,7 @@ class Replacement {
   fs::path fresh_;
   fs::path target_;
   fs::path old_;
-  std::optional<fs::perms> emptyOnes_;  // of an empty folder that was there
+  std::optional<fs::perms> emptyOnes_;  // what an empty folder in its place had
 };
 
 }  // namespace

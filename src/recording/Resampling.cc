@@ -261,7 +261,7 @@ class Resampling::Impl {
   ResampleOptions options_;
   std::map<int, OrderedTimes> times_;  // by the first signal that has these times
   std::uint64_t rows_ = 0;
-  double from_ = 0;  // of a grid with steps
+  double from_ = 0;  // where a grid with steps begins
   double to_ = 0;
   double tolerance_ = 0;             // [s]
   std::vector<double> pieceStarts_;  // every so many times of a grid without steps

@@ -14,7 +14,6 @@
 #include "recording/PublishRecording.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingSnapshot.h"
-#include "recording/SignalTable.h"
 #include "signals/SignalPoolImpl.h"
 
 namespace kyr::recording {
@@ -44,41 +43,6 @@ void checkTarget(const fs::path& folder, bool replaces) {
   }
 }
 
-// Calls \p visit with the name of each entry of a recording's folder that is not the recording's.
-template <typename Visit>
-void forEachForeign(const fs::path& folder, Visit&& visit) {
-  std::error_code ignored;
-  for (fs::directory_iterator it(folder, ignored), end; it != end; it.increment(ignored)) {
-    const fs::path name = it->path().filename();
-    if (name != kDescriptionFile && name != kSignalsFile && name != kStorageFolder) visit(name);
-  }
-}
-
-// Other entries of a recording's folder are in the new one from the start, as links to the same
-// files: a save that is killed loses none of them. Those that cannot be linked are moved by
-// disposeOf().
-void linkForeign(const fs::path& folder, const fs::path& fresh) {
-  constexpr auto kLinks = fs::copy_options::recursive | fs::copy_options::create_hard_links |
-                          fs::copy_options::copy_symlinks;
-  forEachForeign(folder, [&](const fs::path& name) {
-    std::error_code error;
-    fs::copy(folder / name, fresh / name, kLinks, error);
-    if (error) fs::remove_all(fresh / name, error);
-  });
-}
-
-// Called when all is written, so that the disk can write the files together.
-void syncAll(const fs::path& folder, const RecordingInfo& info) {
-  for (const FileInfo& file : info.files) {
-    if (!file.pack) syncPath(storagePath(folder, file.storageId));
-  }
-  for (const PackInfo& pack : info.packs) syncPath(packPath(folder, pack.number));
-  for (const fs::path& path :
-       {descriptionPath(folder), folder / kSignalsFile, folder / kStorageFolder, folder}) {
-    syncPath(path);
-  }
-}
-
 // The recording that the pool reads in place; null if there is none.
 std::shared_ptr<LentFolder> lentTo(const parquet::SignalPool& pool) {
   const auto store = parquet::PoolAccess::of(pool).sharedStore();
@@ -101,32 +65,6 @@ void keepUnsaved(parquet::SharedStore& store, const RecordingInfo& info) {
 
 }  // namespace
 
-fs::path publishRecording(LockedFolder& fresh, RecordingInfo info, const fs::path& target,
-                          const ReplaceOptions& options) {
-  info.formatVersion = kFormatVersion;
-  writeDescription(Folder(fresh.path()), info, /*syncs=*/false);
-  if (fs::exists(target)) {
-    linkForeign(target, fresh.path());
-    fs::permissions(fresh.path(), fs::status(target).permissions());
-  }
-  if (options.sync) syncAll(fresh.path(), info);
-  return replaceFolder(fresh, target, options);
-}
-
-void disposeOf(const fs::path& old, const fs::path& folder) {
-  std::error_code ignored;
-  forEachForeign(old, [&](const fs::path& name) {
-    if (fs::exists(fs::symlink_status(folder / name, ignored))) {
-      fs::remove_all(old / name, ignored);
-    } else {
-      fs::rename(old / name, folder / name, ignored);
-    }
-  });
-  fs::remove_all(old / kStorageFolder, ignored);
-  for (const char* name : {kDescriptionFile, kSignalsFile}) fs::remove(old / name, ignored);
-  fs::remove(old, ignored);
-}
-
 void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescription>& descriptions,
                    const Path& folder) {
   saveRecording(pool, descriptions, folder, SaveOptions());
@@ -146,14 +84,14 @@ void saveRecording(parquet::SignalPool& pool, const std::vector<SignalDescriptio
   ContentSaver saver(filesOf(pool), parquet::PoolAccess::of(pool).sharedStore(), lent,
                      fresh.path() / kStorageFolder, options);
   for (FileInfo& file : info.files) saver.save(file);
+  info.packs = saver.finish();
   // Only a recording that is being replaced matters from here on.
   if (lent && !lent->isAt(target)) lent = nullptr;
   if (lent) keepUnsaved(*parquet::PoolAccess::of(pool).sharedStore(), info);
-  info.packs = saver.finish();
-  const fs::path old =
+  const ReplacedRecording old =
       publishRecording(fresh, std::move(info), target, {options.replaces, options.sync});
   if (lent) lent->follow();
-  if (!old.empty()) disposeOf(old, target);
+  disposeOf(old, target);
 }
 
 }  // namespace kyr::recording

@@ -29,7 +29,7 @@ void takeColumns(const char* from, std::size_t stride, std::size_t steps, std::s
 
 }  // namespace
 
-SignalGroup::Impl::Impl(std::vector<std::shared_ptr<parquet::StreamableSignal>> signals,
+SignalGroup::Impl::Impl(std::vector<std::shared_ptr<parquet::SafeStreamableSignal>> signals,
                         std::size_t width, std::shared_ptr<const bool> isClosed)
     : signals_(std::move(signals)), width_(width), isClosed_(std::move(isClosed)) {
   const std::size_t step = std::max<std::size_t>(1, signals_.size() * width_);
@@ -65,6 +65,7 @@ void SignalGroup::Impl::store() {
     const std::size_t count = std::min(together, signals_.size() - first);
     columns_.resize(count * steps * width_);
     const char* const from = samples_.data() + first * width_;
+    for (std::size_t i = 0; i < count; ++i) signals_[first + i]->prefetchForAppend(0);
     switch (width_) {
       case 1:
         takeColumns<1>(from, step, steps, count, columns_.data());
@@ -79,8 +80,11 @@ void SignalGroup::Impl::store() {
         takeColumns<8>(from, step, steps, count, columns_.data());
         break;
     }
+    for (const int next : {1, 2}) {
+      for (std::size_t i = 0; i < count; ++i) signals_[first + i]->prefetchForAppend(next);
+    }
     for (; stored_ < first + count; ++stored_) {
-      parquet::StreamableSignal& signal = *signals_[stored_];
+      parquet::SafeStreamableSignal& signal = *signals_[stored_];
       if (!areTimesStored_) signal.appendTime(times_.data(), steps);
       areTimesStored_ = true;
       const std::size_t bytes = steps * width_;

@@ -4,8 +4,8 @@
 #include <memory>
 #include <vector>
 
-#include "kyr/parquet/StreamableSignal.h"
 #include "kyr/recording/SignalGroup.h"
+#include "safe/SafeStreamableSignal.h"
 
 namespace kyr::recording {
 
@@ -13,8 +13,8 @@ namespace kyr::recording {
 class SignalGroup::Impl {
  public:
   /// \param width  bytes of a sample: 1, 2, 4 or 8
-  /// \param isClosed  of the recording
-  Impl(std::vector<std::shared_ptr<parquet::StreamableSignal>> signals, std::size_t width,
+  /// \param isClosed  whether the recording is closed
+  Impl(std::vector<std::shared_ptr<parquet::SafeStreamableSignal>> signals, std::size_t width,
        std::shared_ptr<const bool> isClosed);
 
   std::size_t signals() const { return signals_.size(); }
@@ -23,15 +23,15 @@ class SignalGroup::Impl {
   void store();
 
  private:
-  std::vector<std::shared_ptr<parquet::StreamableSignal>> signals_;
+  std::vector<std::shared_ptr<parquet::SafeStreamableSignal>> signals_;
   std::size_t width_;
   std::shared_ptr<const bool> isClosed_;
-  std::size_t steps_;  // of a full block
+  std::size_t steps_;  // how many make a full block
   std::vector<double> times_;
   std::vector<char> samples_;
   std::vector<char> columns_;    // samples of a few signals, one signal after the other
   std::size_t stored_ = 0;       // signals that have the steps
-  bool areTimesStored_ = false;  // of the next one
+  bool areTimesStored_ = false;  // whether the next signal has the times
 };
 
 }  // namespace kyr::recording

@@ -134,7 +134,7 @@ std::vector<int> SignalNames::matching(std::string_view pattern) const {
 }
 
 std::string SignalNames::nearest(std::string_view name) const {
-  constexpr std::size_t kMaxLetters = 200;  // of names that somebody mistypes
+  constexpr std::size_t kMaxLetters = 200;  // nobody types longer names
   const Letters wanted = lettersOf(name);
   std::size_t least = std::max<std::size_t>(1, wanted.size() / 3) + 1;
   const SignalInfo* found = nullptr;

@@ -60,10 +60,8 @@ void SignalRows::open() {
 template <typename Work>
 auto SignalRows::reading(parquet::ContentReader& content, std::uint64_t end, Work&& work) {
   if (end > content.rows()) {
-    throw DamagedError(
-        fmt::format("{}: holds {} rows, but {} were flushed: rows {} to {} cannot be "
-                    "read",
-                    content.file().path().string(), content.rows(), end, content.rows(), end));
+    throw DamagedError(fmt::format("{}: holds {} rows: row {} and those behind it are missing",
+                                   content.file().path().string(), content.rows(), content.rows()));
   }
   return readingContent(content.rows(), &content, std::forward<Work>(work));
 }
@@ -114,6 +112,14 @@ void SignalRows::extend(TimeIndex& index, const TimeIndex::Read& read) {
   reading(content, rows, [&] {
     index.extend(content, /*hasMarks=*/signal_->timeStorageId.has_value(), rows, read);
   });
+}
+
+void SignalRows::requireTimes(std::uint64_t end) {
+  reading(times(), end, [] {});
+}
+
+void SignalRows::requireSamples(std::uint64_t end) {
+  reading(samples(), end, [] {});
 }
 
 void SignalRows::readTimes(std::uint64_t first, std::uint64_t count, double* out) {

@@ -60,6 +60,10 @@ class SignalRows {
 
   /// Rows [first, first + count), which there must be.
   void readTimes(std::uint64_t first, std::uint64_t count, double* out);
+  /// Throws what reading rows up to \p end would if they are not there. A damaged journal may claim
+  /// more rows than there is memory for, so this comes before memory is allocated.
+  void requireTimes(std::uint64_t end);
+  void requireSamples(std::uint64_t end);
   /// Writes the elements of samples [first, first + count), which there must be, to \p out. They
   /// are numbers or of fixed size.
   void readElements(std::uint64_t first, std::uint64_t count, char* out);

@@ -13,9 +13,10 @@ namespace kyr::recording {
 std::string signalTable(const RecordingInfo& info);
 
 /// Puts signals.parquet and then recording.json in a folder, each in one step.
+/// \param info  gets the checksum of signals.parquet
 /// \param syncs  whether both are on the disk when the call returns
 /// \throws std::exception naming the file; recording.json is as it was then
-void writeDescription(const Folder& folder, RecordingInfo info, bool syncs);
+void writeDescription(const Folder& folder, RecordingInfo& info, bool syncs);
 
 /// What is wrong with the folder's signals.parquet; empty if it is what recording.json says, or if
 /// that is of a version that has none.

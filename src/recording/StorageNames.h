@@ -16,8 +16,8 @@ constexpr int kFormatVersion = 3;
 constexpr const char* kStorageExtension = ".parquet";
 
 /// The name of the file of a content.
-/// \param formatVersion  of the recording, whether it is finished or not; before version 3 names had
-///        no extension
+/// \param formatVersion  of the recording, whether it is finished or not; before version 3 names
+///        had no extension
 std::string storageName(int storageId, int formatVersion = kFormatVersion);
 /// The name that the file of a content has where any version may have written it.
 /// \param isThere  tells of a name whether there is such a file

@@ -29,7 +29,7 @@ void updateRecording(const Path& folder, const std::vector<SignalDescription>& d
     }
     static_cast<SignalDescription&>(*signal) = description;
   }
-  writeDescription(Folder(folder.toFilesystem()), std::move(info), /*syncs=*/true);
+  writeDescription(Folder(folder.toFilesystem()), info, /*syncs=*/true);
 }
 
 }  // namespace kyr::recording

@@ -9,17 +9,30 @@
 #include "kyr/parquet/ColumnNames.h"
 #include "platform/DiskFile.h"
 #include "safe/GrowingRows.h"
+#include "safe/SpilledRows.h"
 #include "safe/StoredRows.h"
 
 namespace kyr::parquet {
 
 const SampleSchema& BorrowedRows::schema() {
-  if (!schema_) schema_.emplace(content_.open()->columns());
+  if (!schema_) schema_.emplace(open()->columns());
   return *schema_;
 }
 
+const BatchDigests* BorrowedRows::digests() const {
+  static const BatchDigests kNone;
+  return &kNone;
+}
+
+const ContentSummary* BorrowedRows::summary() const {
+  if (!summary_) {
+    summary_ = std::make_unique<const ContentSummary>(name_.store().lender()->summaryOf(lentId_));
+  }
+  return summary_.get();
+}
+
 AskedCodec BorrowedRows::askedCodec() {
-  const auto reader = content_.open();
+  const auto reader = open();
   const ::arrow::Compression::type codec = reader->codec();
   const bool isOpen = reader->isPacked() && codec == ::arrow::Compression::UNCOMPRESSED;
   return isOpen ? AskedCodec() : codec;
@@ -28,23 +41,19 @@ AskedCodec BorrowedRows::askedCodec() {
 std::optional<HeldRows> BorrowedRows::inMemory(std::uint64_t from, std::uint64_t to) {
   to = std::min(to, count());
   if (from >= to) return std::nullopt;
-  const auto reader = content_.open();
+  const auto reader = open();
   if (!reader->isPacked()) return std::nullopt;
   return reader->read(from, to - from);
 }
 
 Tables BorrowedRows::read(std::uint64_t from, std::uint64_t to) {
-  const auto reader = content_.open();
+  const auto reader = open();
   if (reader->hasTimes()) return {reader->readTable(from, to - from)};
-  const HeldRows rows = reader->read(from, to - from);
-  const auto table = tableOf(schema(), rows.rows);
-  // The table is over the memory of the keeper.
-  return {std::shared_ptr<::arrow::Table>(table.get(),
-                                          [keeper = rows.keeper, table](::arrow::Table*) {})};
+  return {tableOfHeld(schema(), reader->read(from, to - from))};
 }
 
 bool BorrowedRows::readTimes(std::vector<double>& times) {
-  const auto reader = content_.open();
+  const auto reader = open();
   if (!holdsNumbers(*reader, *timeSchema().elementType)) return false;
   name_.store().recentTimes().read(reader, times, [&] {
     readColumn(*reader, columnNames::data, sizeof(double), 0, count(), times);
@@ -54,7 +63,7 @@ bool BorrowedRows::readTimes(std::vector<double>& times) {
 
 bool BorrowedRows::readElements(const ::arrow::DataType& type, std::vector<char>& elements,
                                 std::vector<int>& sizes) {
-  const auto reader = content_.open();
+  const auto reader = open();
   if (!holdsNumbers(*reader, type)) return false;
   sizes.clear();
   readColumn(*reader, columnNames::data, reader->width(), 0, count(), elements);
@@ -66,7 +75,7 @@ bool BorrowedRows::holdsNumbers(const ContentReader& reader, const ::arrow::Data
 }
 
 std::unique_ptr<ContentRows> BorrowedRows::moveToOwnFile() {
-  const auto reader = content_.open();
+  const auto reader = open();
   if (reader->isWholeFile()) {
     const bool syncs = name_.store().options().sync != SafeStorage::Sync::never;
     OwnedFile file = name_.createFile([&](const std::filesystem::path& path) {
@@ -75,7 +84,7 @@ std::unique_ptr<ContentRows> BorrowedRows::moveToOwnFile() {
     name_.store().noteNewFile();
     return std::make_unique<StoredRows>(name_, std::move(file),
                                         StoredRows::Shape{schema(), width(), count()},
-                                        BatchDigests(), std::move(content_.summary));
+                                        BatchDigests(), *summary());
   }
   constexpr std::uint64_t kPieceRows = 65'536;
   GrowingRows copy(name_, schema(), width(), askedCodec());
@@ -87,7 +96,7 @@ std::unique_ptr<ContentRows> BorrowedRows::moveToOwnFile() {
 }
 
 bool BorrowedRows::copyFile(const std::filesystem::path& path, bool sync) {
-  const auto reader = content_.open();
+  const auto reader = open();
   if (!reader->isWholeFile()) return false;
   copyToNewFile(reader->file().bytes(), path, sync);
   return true;

@@ -26,8 +26,8 @@ std::shared_ptr<Content> Content::takeOver(std::shared_ptr<SharedStore> store, i
   store->reserve(id);
   std::shared_ptr<Content> content(new Content(std::move(store), id));
   SharedStore& shared = content->name_.store();
-  if (auto offer = shared.takeOffer(id)) {
-    content->setRows(std::make_unique<BorrowedRows>(content->name_, *std::move(offer)));
+  if (const auto rows = shared.rowsOffered(id)) {
+    content->setRows(std::make_unique<BorrowedRows>(content->name_, *rows));
   } else {
     content->setRows(std::make_unique<StoredRows>(content->name_));
   }
@@ -70,7 +70,12 @@ std::shared_ptr<Content> Content::makeChild(const ContentKey& key, const AskedCo
     const std::uint64_t count = std::min(kPieceRows, key.row - row);
     // An append may take rows of this content out of memory.
     RowStore rows(schema(), width());
-    for (const auto& table : read(row, row + count)) rows.append(*table);
+    const RowStore* const head = digests() != nullptr ? digests()->head() : nullptr;
+    if (head != nullptr && row + count <= head->rows()) {
+      rows.append(head->slice(static_cast<std::size_t>(row), static_cast<std::size_t>(count)));
+    } else {
+      for (const auto& table : read(row, row + count)) rows.append(*table);
+    }
     child->growing()->append(rows.slice(), batchRows);
     row += count;
   }

@@ -58,7 +58,7 @@ class Content : public std::enable_shared_from_this<Content> {
   /// What is known of all rows; null if nothing is, or if more rows can follow.
   const ContentSummary* summary() const { return rows_->summary(); }
 
-  // Each as in ContentRows.
+  // These do what those of ContentRows do.
   std::optional<HeldRows> inMemory(std::uint64_t from, std::uint64_t to) {
     return rows_->inMemory(from, to);
   }

@@ -22,8 +22,8 @@ class GrowingRows;
 using Tables = std::vector<std::shared_ptr<::arrow::Table>>;
 
 /// The rows of a content, in one of the ways in which they lie: GrowingRows take more rows,
-/// MemoryRows are finished and have no file yet, StoredRows are in a finished file, and
-/// BorrowedRows are in the files of a saved recording.
+/// MemoryRows are finished and have no file yet, SpilledRows are finished and partly in packs,
+/// StoredRows are in a finished file, and BorrowedRows are in the files of a saved recording.
 ///
 /// What has to be opened or decoded for an answer is opened or decoded then. Failures of files are
 /// std::system_error or std::runtime_error and name the file; nothing has changed then, and the

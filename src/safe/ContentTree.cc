@@ -76,6 +76,10 @@ Content* ContentNode::longerContent() const {
   return siblings_ != nullptr && key_.isEnd() ? &siblings_->parent->content_ : nullptr;
 }
 
+Content* ContentNode::parentWith(std::uint64_t row) const {
+  return siblings_ != nullptr && row <= key_.row ? &siblings_->parent->content_ : nullptr;
+}
+
 ContentRoots& ContentTree::roots(const std::shared_ptr<::arrow::Schema>& schema) {
   ContentRoots*& known = known_[schema];
   if (known == nullptr) known = &roots_[schema->ToString()];

@@ -70,6 +70,8 @@ class ContentNode {
   /// If the content was made because a part ended where another content goes on: that other one,
   /// else null.
   Content* longerContent() const;
+  /// The parent, if this content differs from it in no row before \p row; else null.
+  Content* parentWith(std::uint64_t row) const;
 
  private:
   struct Children {

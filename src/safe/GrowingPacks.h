@@ -4,30 +4,32 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-#include "files/growing/GrowingFile.h"
-#include "files/pack/PackRuns.h"
-#include "safe/OpenFiles.h"
-#include "schema/RowStore.h"
+#include "safe/PackFile.h"
 
 namespace kyr::parquet {
 
 class GrowingRows;
 class SharedStore;
 
-/// The growing packs of a store: they take the rows that contents have got since the last flush, as
-/// long as these are few. All contents of a schema share a pack, in which a flush is one batch, one
-/// write and one sync, whatever the number of contents.
+/// The growing packs of a store. All contents of a schema share packs, in which rows of any number
+/// of contents are one batch and one write.
 ///
-/// The rows stay in memory, too, until they make up a batch of the content's own file, or the
-/// content is finished. Nothing is read from a pack but after a crash, and by those who read along.
-/// A pack most of whose rows are in other files by now is replaced by one that has the others only.
+/// One pack of each schema takes the rows that contents have got since the last flush, as long as
+/// these are few. They stay in memory, too, until they make up a batch of the content's own file,
+/// the content is finished, or memory is full. Nothing is read from this pack but after a crash,
+/// and by those who read along. When most of its rows are in other files, it is replaced by one
+/// that has the others only.
+///
+/// When memory is full, rows go to a pack that is made for them, and leave memory. As soon as such
+/// rows make up a batch of their content's own file, they are copied there. Packs most of whose
+/// rows are needed no more are merged to one, and so are many that are needed still: a pack has a
+/// level, and 32 of one level become one of the next.
 ///
 /// Failures are std::system_error or std::runtime_error and name the file; the rows that could not
 /// be written are written by the next call.
@@ -45,37 +47,32 @@ class GrowingPacks {
   /// Waits until all batches are on the disk.
   void sync();
 
+  /// Takes the rows of contents out of memory.
+  void spill(const std::vector<GrowingRows*>& contents);
+  /// Copies rows that have left memory to the files of their contents, and merges packs, as far as
+  /// that is due.
+  /// \param bytes  no more rows are copied to files once there were so many
+  void mergeSpilled(std::size_t bytes);
+
  private:
-  struct Waiting {
-    PackRun run;
-    GrowingRows* rows;
-  };
-  // The pack of a schema.
   struct Pack {
-    int number = 0;
-    std::filesystem::path path;
-    std::unique_ptr<GrowingFile> file;
-    std::shared_ptr<::arrow::Schema> schema;
-    RowStore gathered;  // of the batch that is due
-    std::uint64_t bytes = 0;
+    std::unique_ptr<PackFile> file;  // null before the first row
     std::uint64_t checkedBytes = 0;  // when it was last found that the pack is needed
-    bool isSynced = true;
-    DescriptorCount descriptor = OpenFiles::countGrowing();
-
-    Pack(const SampleSchema& contents, std::size_t width) : gathered(contents, width) {}
   };
 
-  std::unique_ptr<Pack>& packOf(const GrowingRows& rows);
-  std::unique_ptr<Pack> create(const SampleSchema& contents, std::size_t width);
-  // Writes the rows of contents of one schema, batch by batch.
-  void write(Pack& pack, std::vector<Waiting>& waiting);
-  void writeBatch(Pack& pack, const std::vector<Waiting>& batch);
-  void replaceIfMostlyUnneeded(std::unique_ptr<Pack>& pack);
+  Pack& packOf(const GrowingRows& rows);
+  void write(Pack& pack, std::vector<PackEntry> entries);
+  void replaceIfMostlyUnneeded(Pack& pack);
+  std::vector<GrowingRows*> spilledContents() const;
+  // Merges packs of one schema if that is due.
+  void mergePacks(const std::vector<GrowingRows*>& contents);
+  // Writes rows of one schema to a new pack, which has nothing else.
+  void writeSpilled(std::vector<PackEntry> entries, int level);
 
   SharedStore& store_;
   std::vector<GrowingRows*> waiting_;
-  std::map<std::string, std::unique_ptr<Pack>> packs_;  // by the schema's text
-  std::unordered_map<const ::arrow::Schema*, std::unique_ptr<Pack>*> known_;
+  std::map<std::string, Pack> packs_;  // by the schema's text
+  std::unordered_map<const ::arrow::Schema*, Pack*> known_;
   std::vector<std::shared_ptr<::arrow::Schema>> schemas_;  // of known_, which stay alive
   int next_ = 0;
 };

@@ -9,10 +9,19 @@
 #include "safe/GrowingPacks.h"
 #include "safe/MemoryRows.h"
 #include "safe/PartNotes.h"
+#include "safe/SpilledRows.h"
 #include "safe/StoredRows.h"
 #include "storage/WriteTrace.h"
 
 namespace kyr::parquet {
+
+namespace {
+
+std::size_t longestBatch(std::size_t batchRows, const SafeStorage& options) {
+  return std::min(batchRows > 0 ? batchRows : options.batchRows, kMaxBatchRows);
+}
+
+}  // namespace
 
 GrowingRows::GrowingRows(ContentName& name, const SampleSchema& schema, std::size_t width,
                          const AskedCodec& codec)
@@ -42,8 +51,12 @@ std::optional<HeldRows> GrowingRows::inMemory(std::uint64_t from, std::uint64_t 
 Tables GrowingRows::read(std::uint64_t from, std::uint64_t to) {
   Tables tables;
   const std::uint64_t diskEnd = std::min(to, memoryStart_);
+  if (const std::uint64_t fileEnd = std::min(diskEnd, fileRows_); from < fileEnd) {
+    tables.push_back(disk_->file->read(from, fileEnd - from));
+    from = fileEnd;
+  }
   if (from < diskEnd) {
-    tables.push_back(disk_->file->read(from, diskEnd - from));
+    tables.push_back(tableOfHeld(schema(), runs_.read(from, diskEnd)));
     from = diskEnd;
   }
   if (from < to) {
@@ -53,24 +66,54 @@ Tables GrowingRows::read(std::uint64_t from, std::uint64_t to) {
   return tables;
 }
 
+HeldRows GrowingRows::held(const PackRun& run) const {
+  if (run.first >= memoryStart_) return {slice(run), nullptr};
+  const std::uint64_t end = run.first + run.count;
+  if (end <= memoryStart_) return runs_.read(run.first, end);
+  const auto joined = std::make_shared<RowStore>(memory_.schema(), width_);
+  joined->append(runs_.read(run.first, memoryStart_).rows);
+  joined->append(slice(memoryStart_, static_cast<std::size_t>(end - memoryStart_)));
+  return {joined->slice(), joined};
+}
+
 void GrowingRows::append(const RowSlice& rows, std::size_t batchRows) {
-  store_.makeRoomFor(rows.bytes);
+  // Shapes take memory even where there are no elements.
+  const std::size_t growth = memory_.growthFor(rows);
+  if (growth > 0 || rows.ends != nullptr) store_.makeRoomFor(growth);
   if (memory_.rows() > 0) {
     if (mayHaveBatch(batchRows)) writeFullBatches(batchRows);
-    if (diskRows_ > memoryStart_) {
-      dropFront(static_cast<std::size_t>(diskRows_ - memoryStart_), 1);
+    if (safeRows_ > memoryStart_) {
+      dropFront(static_cast<std::size_t>(safeRows_ - memoryStart_), 1);
     }
   }
+  const bool grows = memory_.growthFor(rows) > 0 || rows.ends != nullptr;
   memory_.append(rows);
-  bytes_ += rows.bytes;
-  store_.addToGrowing(rows.bytes);
+  if (grows) countMemory();
+}
+
+std::size_t GrowingRows::spareRows(std::size_t batchRows) const {
+  const std::size_t longest = longestBatch(batchRows, options_);
+  if (memory_.schema().kind != ColumnKind::flat || safeRows_ > memoryStart_ ||
+      unwritten() >= longest) {
+    return 0;
+  }
+  std::size_t bytes = memory_.spareBytes();
+  if (batchRows == 0) {
+    const std::size_t there = memory_.elementBytes();
+    bytes = std::min(bytes, options_.batchBytes - std::min(there, options_.batchBytes));
+  }
+  return std::min(bytes / width_, longest - unwritten());
+}
+
+void GrowingRows::countMemory() {
+  store_.takeFromGrowing(bytes_);
+  bytes_ = memory_.memoryBytes();
+  store_.addToGrowing(bytes_);
 }
 
 // Runs at each append. Rules out without a division what batchLength() tells exactly.
 bool GrowingRows::mayHaveBatch(std::size_t batchRows) const {
-  if (unwritten() >= std::min(batchRows > 0 ? batchRows : options_.batchRows, kMaxBatchRows)) {
-    return true;
-  }
+  if (unwritten() >= longestBatch(batchRows, options_)) return true;
   return batchRows == 0 && (memory_.schema().kind != ColumnKind::flat ||
                             memory_.elementBytes() >= options_.batchBytes);
 }
@@ -81,25 +124,67 @@ void GrowingRows::writeFullBatches(std::size_t batchRows) {
   while (unwritten() >= length) writeRows(length);
 }
 
+std::size_t GrowingRows::lengthOfBatch() const {
+  if (runs_.empty()) return batchLength(options_, memory_.slice());
+  RowSlice rows;
+  rows.rows = static_cast<std::size_t>(runs_.rows());
+  rows.bytes = runs_.bytes();
+  return batchLength(options_, rows);
+}
+
 void GrowingRows::writeAll() {
-  while (unwritten() > 0) {
-    const std::size_t length = batchLength(options_, memory_.slice());
-    writeRows(std::min(unwritten(), length));
+  while (fileRows_ < end()) {
+    writeRows(std::min(static_cast<std::size_t>(end() - fileRows_), lengthOfBatch()));
   }
+}
+
+std::size_t GrowingRows::writeSpilledBatches() {
+  const std::size_t before = runs_.bytes();
+  while (!runs_.empty() && runs_.rows() >= lengthOfBatch()) writeRows(lengthOfBatch());
+  return before - runs_.bytes();
 }
 
 void GrowingRows::writeRows(std::size_t count) {
   const auto span = traceBatch();
+  store_.requireOpen();
   if (!disk_) createFile();
-  const std::size_t from = memory_.rows() - unwritten();
-  disk_->file->appendBatch(*memory_.table(from, count));
-  const RowSlice batch = memory_.slice(from, count);
-  if (!summary_) summary_.emplace(schema());
-  summary_->add(batch, nullptr, digests_.add(batch));
-  diskRows_ += count;
+  const HeldRows batch = held({name_.id(), fileRows_, count});
+  disk_->file->appendBatch(*tableOf(schema(), batch.rows));
+  fileRows_ += count;
+  if (fileRows_ > safeRows_) {
+    const auto fresh = static_cast<std::size_t>(fileRows_ - safeRows_);
+    noteSafe(subSlice(batch.rows, count - fresh, fresh));
+  }
+  runs_.dropBefore(fileRows_);
   store_.noteBatch(*this);
   spareDescriptor();
+  // If making the file gave the content another id, nobody would find its rows in packs, which are
+  // there under the old one. They follow into the file.
+  while (!runs_.empty() && runs_.storageId() != name_.id()) {
+    writeRows(std::min(static_cast<std::size_t>(runs_.rows()), lengthOfBatch()));
+  }
   store_.syncIfDue();
+}
+
+void GrowingRows::noteSafe(const RowSlice& rows) {
+  if (!summary_) summary_.emplace(schema());
+  summary_->add(rows, nullptr, digests_.add(rows));
+  safeRows_ += rows.rows;
+}
+
+void GrowingRows::noteSpilled(SpilledRun run) {
+  if (run.end() > safeRows_) {
+    const RowSlice rows = slice(safeRows_, static_cast<std::size_t>(run.end() - safeRows_));
+    noteSafe(rows);
+    runs_.add(std::move(run));
+    dropSpilled();
+  } else {
+    runs_.add(std::move(run));
+  }
+}
+
+void GrowingRows::dropSpilled() {
+  dropFront(static_cast<std::size_t>(safeRows_ - memoryStart_), 0);
 }
 
 void GrowingRows::createFile() {
@@ -121,16 +206,14 @@ void GrowingRows::spareDescriptor() {
 
 void GrowingRows::dropFront(std::size_t rows, std::size_t batches) {
   if (rows == 0) return;
-  const RowSlice dropped = memory_.slice(0, rows);
-  digests_.keepHead(schema(), width_, dropped);
-  bytes_ -= dropped.bytes;
-  store_.takeFromGrowing(dropped.bytes);
+  digests_.keepHead(schema(), width_, memory_.slice(0, rows));
   memory_.dropFront(rows, batches);
   memoryStart_ += rows;
+  countMemory();
 }
 
 std::unique_ptr<ContentRows> GrowingRows::flush() {
-  if (mayGoToPack()) {
+  if (isSmall(unpacked())) {
     if (!waits_ && unpacked().count > 0) {
       store_.packs()->add(*this);
       waits_ = true;
@@ -140,30 +223,30 @@ std::unique_ptr<ContentRows> GrowingRows::flush() {
     writeAll();
   }
   if (disk_) {
+    store_.requireOpen();
     disk_->file->publish();
     spareDescriptor();
   }
   return nullptr;
 }
 
-bool GrowingRows::mayGoToPack() const {
+bool GrowingRows::isSmall(const PackRun& run) const {
   constexpr std::size_t kShare = 4;  // of a batch
   if (store_.packs() == nullptr || memory_.schema().dataIndex != 0 ||
       memory_.schema().kind == ColumnKind::unsupported) {
     return false;
   }
-  const PackRun run = unpacked();
   return run.count < std::min(options_.batchRows, kMaxBatchRows) / kShare &&
          bytesIn(slice(run)) < options_.batchBytes / kShare;
 }
 
 PackRun GrowingRows::unpacked() const {
-  const std::uint64_t first = std::max(diskRows_, packedRows_);
-  return {name_.id(), first, memoryStart_ + memory_.rows() - first};
+  const std::uint64_t first = std::max(safeRows_, packedRows_);
+  return {name_.id(), first, end() - first};
 }
 
 PackRun GrowingRows::packed() const {
-  return {name_.id(), diskRows_, packedRows_ > diskRows_ ? packedRows_ - diskRows_ : 0};
+  return {name_.id(), safeRows_, packedRows_ > safeRows_ ? packedRows_ - safeRows_ : 0};
 }
 
 void GrowingRows::notePacked(std::uint64_t end, int number) {
@@ -186,20 +269,25 @@ void GrowingRows::sync() {
 }
 
 std::unique_ptr<ContentRows> GrowingRows::finish() {
-  if (!disk_) {
+  store_.requireOpen();
+  if (!disk_ && !runs_.empty() && end() < lengthOfBatch() &&
+      store_.mayStayInMemory(bytesIn(memory_.slice()))) {
+    if (unwritten() > 0) noteSafe(slice(unspilled()));
+    return std::make_unique<SpilledRows>(name_, std::move(runs_), std::move(memory_), codec_,
+                                         std::move(digests_), summary_->summary());
+  }
+  if (!disk_ && runs_.empty()) {
     if (store_.mayStayInMemory(bytesIn(memory_.slice()))) {
-      return std::make_unique<MemoryRows>(name_, std::move(memory_), width_, codec_);
+      return MemoryRows::of(name_, std::move(memory_), width_, codec_);
     }
     return StoredRows::write(name_, memory_.slice(), {schema(), width_, count()}, codec_);
   }
   writeAll();
-  GrowingFile& file = *disk_->file;
-  if (!file.isFinished()) {  // it is, if closing it failed before
-    file.publish();
-    if (options_.sync != SafeStorage::Sync::never) sync();
-    file.finish();
-  }
   dropFront(memory_.rows(), 0);
+  GrowingFile& file = *disk_->file;
+  file.publish();
+  if (options_.sync != SafeStorage::Sync::never) sync();
+  file.finish();
   return std::make_unique<StoredRows>(name_, std::move(disk_->name),
                                       StoredRows::Shape{schema(), width_, count()},
                                       std::move(digests_), summary_->summary());
@@ -207,8 +295,7 @@ std::unique_ptr<ContentRows> GrowingRows::finish() {
 
 std::unique_ptr<ContentRows> GrowingRows::finishWith(const RowSlice& rows) {
   if (store_.mayStayInMemory(bytesIn(rows))) {
-    memory_.append(rows);
-    return finish();
+    return MemoryRows::of(name_, schema(), rows, width_, codec_);
   }
   return StoredRows::write(name_, rows, {schema(), width_, rows.rows}, codec_);
 }

@@ -75,6 +75,36 @@ void Part::append(const SampleSchema& schema, const RowSlice& rows, std::size_t 
   }
 }
 
+bool Part::appendRepeated(const SampleSchema& schema, const char* row, std::size_t width) {
+  if (!content_ || pendingRows() > 0 || checkedSchema_ != schema.schema) return false;
+  const GrowingRows* growing = content_->growing();
+  if (growing == nullptr || !growing->hasRow(shared_, row, width)) return false;
+  ++shared_;
+  return true;
+}
+
+void Part::prefetchRows() const {
+  if (content_ && content_->growing() != nullptr) prefetch(content_->growing(), 3);
+}
+
+std::size_t Part::spareRows(const SampleSchema& schema) {
+  if (checkedSchema_ != schema.schema) return 0;
+  return spareRows();
+}
+
+std::size_t Part::spareRows() {
+  if (!content_ || pendingRows() > 0 || !content_->labels().isOne()) return 0;
+  GrowingRows* growing = content_->growing();
+  if (growing == nullptr || shared_ != growing->count()) return 0;
+  return growing->spareRows(batchRows_);
+}
+
+void Part::take(const RowSlice& rows) {
+  if (rows.rows > spareRows()) return queue(rows);
+  content_->growing()->append(rows, batchRows_);
+  shared_ += rows.rows;
+}
+
 void Part::store(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width) {
   if (content_) throw std::logic_error("a part that has rows is given all of them");
   if (chunk.rows == 0) return;
@@ -130,10 +160,14 @@ void Part::appendRows(const RowSlice& rows) {
     const bool mustQueue = pendingRows() > 0;
     const std::size_t placed = mustQueue ? 0 : place(rows, /*isLast=*/false);
     if (placed == rows.rows) return;
-    if (!pending_) pending_ = std::make_unique<RowStore>(content_->schema(), content_->width());
-    pending_->append(subSlice(rows, placed, rows.rows - placed));
+    queue(subSlice(rows, placed, rows.rows - placed));
     if (mustQueue) placePending(/*isLast=*/false);
   });
+}
+
+void Part::queue(const RowSlice& rows) {
+  if (!pending_) pending_ = std::make_unique<RowStore>(content_->schema(), content_->width());
+  pending_->append(rows);
 }
 
 // The two common cases: the part that is ahead of all others, and the parts that follow it closely.
@@ -257,11 +291,27 @@ void Part::finish() {
   });
 }
 
-void Part::cut(std::uint64_t rows) {
-  if (rows >= this->rows()) return;
-  if (rows == 0) return reset();
-  if (pending_) pending_->truncate(rows > shared_ ? static_cast<std::size_t>(rows - shared_) : 0);
-  shared_ = std::min(shared_, rows);
+Part::Uncut Part::cut(std::uint64_t rows) {
+  if (rows >= this->rows()) return {};
+  guarded([&] { placePending(/*isLast=*/true); });
+  Uncut before{content_, shared_};
+  if (rows == 0) {
+    reset();
+    return before;
+  }
+  shared_ = rows;
+  // Children of a content have more rows in common with it than it has with its parent. Another part
+  // that is cut to these rows finds the same content, too.
+  while (Content* parent = content_->node().parentWith(shared_)) {
+    follow(parent->shared_from_this());
+  }
+  return before;
+}
+
+void Part::restore(Uncut before) {
+  if (!before.content) return;
+  follow(std::move(before.content));
+  shared_ = before.rows;
 }
 
 void Part::reset() {

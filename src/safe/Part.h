@@ -9,6 +9,7 @@
 #include <optional>
 #include <vector>
 
+#include "platform/Prefetch.h"
 #include "safe/Content.h"
 #include "safe/SharedStore.h"
 #include "safe/SignalLabel.h"
@@ -39,6 +40,23 @@ class Part {
   void append(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width);
   void append(const SampleSchema& schema, const RowSlice& rows, std::size_t width);
 
+  /// Appends a row of a flat column if the content has the same next, in memory.
+  /// \return whether it has
+  bool appendRepeated(const SampleSchema& schema, const char* row, std::size_t width);
+  /// How many more rows of a flat column append() would only copy, one by one or at once: nobody
+  /// else has the content, its memory need not grow, and no batch is due.
+  std::size_t spareRows(const SampleSchema& schema);
+  /// Takes rows that spareRows() counted. If they cannot be copied to the content any more, they
+  /// wait, so that nothing fails here.
+  void take(const RowSlice& rows);
+
+  /// Has the processor load the content, which the next append needs.
+  void prefetchContent() const {
+    if (content_) prefetch(content_.get());
+  }
+  /// The same for its rows.
+  void prefetchRows() const;
+
   /// Appends all rows of the part, which has none yet, and finishes it. Rows that are not stored
   /// yet go to disk from where they lie.
   void store(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width);
@@ -49,9 +67,17 @@ class Part {
   /// Brings all rows to disk.
   void flush();
 
+  /// What a part was before it was cut.
+  struct Uncut {
+    std::shared_ptr<Content> content;  // null if nothing was cut
+    std::uint64_t rows = 0;
+  };
+
   /// Forgets the rows behind the first \p rows. If the content has more rows, finish() gives the
   /// part a file that ends there.
-  void cut(std::uint64_t rows);
+  /// \return what restore() needs to undo it; the rows are there as long as it is
+  Uncut cut(std::uint64_t rows);
+  void restore(Uncut before);
 
   /// Forgets the rows. The file is deleted when no other part has it.
   void reset();
@@ -71,7 +97,7 @@ class Part {
   /// changes.
   Tables read(std::uint64_t from, std::uint64_t to);
 
-  /// As ContentRows::readTimes() and readElements(), if the part is all of a content.
+  /// These do what those of ContentRows do, if the part is all of a content.
   bool readTimes(std::vector<double>& times);
   bool readElements(const ::arrow::DataType& type, std::vector<char>& elements,
                     std::vector<int>& sizes);
@@ -99,6 +125,9 @@ class Part {
   std::shared_ptr<Content> newContent(const SampleSchema& schema, std::size_t width) const;
   void appendRows(const RowSlice& rows);
   bool appendAtOnce(const RowSlice& rows);
+  // Lets rows wait.
+  void queue(const RowSlice& rows);
+  std::size_t spareRows();
   // Runs \p operation. What it did to the part is undone if it throws.
   template <typename Operation>
   void guarded(Operation&& operation);

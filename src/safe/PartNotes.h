@@ -13,8 +13,8 @@ namespace kyr::parquet {
 /// The key of a file's metadata under which the notes are.
 constexpr const char* kPartNotesKey = "kyr.signals";
 
-/// How many parts are listed: few where the file is finished, because a list of signals is there for
-/// sure then, and more where it may be needed to recover which signals shared the file.
+/// How many parts are listed: few where the file is finished, because there is a list of signals
+/// then, and more where the notes may be needed to recover which signals shared the file.
 constexpr std::size_t kPartsOfFinished = 4;
 constexpr std::size_t kPartsOfGrowing = 32;
 

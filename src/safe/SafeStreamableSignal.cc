@@ -45,21 +45,47 @@ PartRows readRows(Part& part, const SampleSchema& schema, std::uint64_t from, st
   return rows;
 }
 
+RowSlice rowsOf(const void* elements, std::size_t bytes, std::size_t width) {
+  RowSlice rows;
+  rows.rows = bytes >> static_cast<unsigned>(__builtin_ctzll(width));  // each is a power of two
+  rows.elements = static_cast<const char*>(elements);
+  rows.bytes = rows.rows * width;
+  return rows;
+}
+
+void unstageTo(Part& part, StagedRows& staged, std::size_t width) {
+  if (!staged.empty()) part.take(rowsOf(staged.data(), staged.size(), width));
+  staged.clear();
+}
+
+void appendTo(Part& part, StagedRows& staged, const SampleSchema& schema, const RowSlice& rows,
+              std::size_t width) {
+  const bool isOne = rows.rows == 1;
+  if (isOne && staged.empty() && part.appendRepeated(schema, rows.elements, width)) return;
+  unstageTo(part, staged, width);
+  if (isOne) {
+    staged.allow(part.spareRows(schema), width);
+    if (staged.add(rows.elements, rows.bytes)) return;
+  }
+  part.append(schema, rows, width);
+}
+
 }  // namespace
 
 SafeStreamableSignal::SafeStreamableSignal(std::shared_ptr<SharedStore> store,
                                            std::shared_ptr<SignalLabel> label, int timeId,
                                            int dataId)
-    : label_(std::move(label)),
-      store_(std::move(store)),
-      data_(store_, {label_, parquet::SignalPart::data}),
-      time_(store_, {label_, parquet::SignalPart::time}) {
+    : time_(store, {label, parquet::SignalPart::time}),
+      data_(store, {label, parquet::SignalPart::data}),
+      label_(std::move(label)),
+      store_(std::move(store)) {
   if (timeId != kNoStorage) time_.takeOver(timeId);
   if (dataId != kNoStorage) data_.takeOver(dataId);
 }
 
 void SafeStreamableSignal::setBufferSize(unsigned long rows) {
   if (rows == 0) throw std::invalid_argument("a batch of 0 rows: the buffer size must be positive");
+  unstage();
   time_.setBatchRows(rows);
   data_.setBatchRows(rows);
 }
@@ -80,50 +106,58 @@ const SampleSchema& SafeStreamableSignal::dataSchema() {
   return schema_;
 }
 
-void SafeStreamableSignal::appendTime(const double* time, unsigned long count) {
-  if (time == nullptr) throw std::invalid_argument("Time is empty");
-  RowSlice rows;
-  rows.rows = count;
-  rows.elements = reinterpret_cast<const char*>(time);
-  rows.bytes = count * sizeof(double);
-  time_.append(timeSchema(), rows, sizeof(double));
+void SafeStreamableSignal::setDataType(KYRSignalDataType type) {
+  unstage();
+  label_->dataType = type;
 }
 
-void SafeStreamableSignal::appendData(const void* data, unsigned long size,
-                                      const std::vector<std::vector<unsigned long>>& dimensions,
-                                      const std::vector<int>& extra) {
+void SafeStreamableSignal::setCategory(KYRSignalCategory category) {
+  unstage();
+  label_->category = category;
+}
+
+void SafeStreamableSignal::appendTimes(const double* time, unsigned long count) {
+  if (time == nullptr) throw std::invalid_argument("Time is empty");
+  const RowSlice rows = rowsOf(time, count * sizeof(double), sizeof(double));
+  appendTo(time_, stagedTimes_, timeSchema(), rows, sizeof(double));
+}
+
+void SafeStreamableSignal::appendSamples(const void* data, unsigned long size,
+                                         const std::vector<std::vector<unsigned long>>& dimensions,
+                                         const std::vector<int>& extra) {
   if (data == nullptr) throw std::invalid_argument("Data is empty");
   const SampleSchema& schema = dataSchema();
   if (schema.kind == ColumnKind::flat && dimensions.empty()) {
-    // This runs once per sample where samples come one by one. Every width is a power of two.
-    RowSlice rows;
-    rows.rows = size >> static_cast<unsigned>(__builtin_ctzll(width_));
-    rows.elements = static_cast<const char*>(data);
-    rows.bytes = rows.rows * width_;
-    if (rows.bytes == size) {
-      data_.append(schema, rows, width_);
-      return;
-    }
+    const RowSlice rows = rowsOf(data, size, width_);
+    if (rows.bytes == size) return appendTo(data_, stagedData_, schema, rows, width_);
   }
   data_.append(schema, measureExactly(schema, data, size, width_, dimensions, extra), width_);
 }
 
+void SafeStreamableSignal::unstage() {
+  unstageTo(time_, stagedTimes_, sizeof(double));
+  unstageTo(data_, stagedData_, width_);
+}
+
 void SafeStreamableSignal::finish(SignalPart part) {
+  unstage();
   if (part == SignalPart::time) time_.finish();
   if (part == SignalPart::data) data_.finish();
 }
 
 void SafeStreamableSignal::finish() {
+  unstage();
   time_.finish();
   data_.finish();
 }
 
 unsigned long SafeStreamableSignal::rowCount(SignalPart part) {
-  if (part == SignalPart::time) return time_.rows();
-  return part == SignalPart::data ? data_.rows() : 0;
+  if (part == SignalPart::time) return time_.rows() + stagedTimes_.size() / sizeof(double);
+  return part == SignalPart::data ? data_.rows() + stagedData_.size() / width_ : 0;
 }
 
 void SafeStreamableSignal::write() {
+  unstage();
   time_.flush();
   data_.flush();
 }
@@ -134,12 +168,21 @@ void SafeStreamableSignal::flush() {
   if (store_->options().sync != SafeStorage::Sync::never) store_->sync();
 }
 
-void SafeStreamableSignal::cut(std::uint64_t rows) {
-  time_.cut(rows);
-  data_.cut(rows);
+std::pair<Part::Uncut, Part::Uncut> SafeStreamableSignal::cut(std::uint64_t rows) {
+  unstage();
+  auto times = time_.cut(rows);
+  return {std::move(times), data_.cut(rows)};
+}
+
+void SafeStreamableSignal::restore(std::pair<Part::Uncut, Part::Uncut> before) {
+  unstage();
+  time_.restore(std::move(before.first));
+  data_.restore(std::move(before.second));
 }
 
 void SafeStreamableSignal::resetData() {
+  stagedTimes_.clear();
+  stagedData_.clear();
   time_.reset();
   data_.reset();
 }
@@ -152,6 +195,7 @@ int SafeStreamableSignal::getStorageId(SignalPart part) const {
 }
 
 void SafeStreamableSignal::getTime(unsigned long from, unsigned long to, std::vector<char>& out) {
+  unstage();
   out = std::move(readRows(time_, timeSchema(), from, to, out).bytes);
 }
 
@@ -164,6 +208,7 @@ void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::ve
 void SafeStreamableSignal::getData(unsigned long from, unsigned long to, std::vector<char>& out,
                                    std::vector<std::vector<unsigned long>>& dimensions,
                                    std::vector<int>& sizes) {
+  unstage();
   PartRows rows = readRows(data_, dataSchema(), from, to, out);
   out = std::move(rows.bytes);
   if (rows.dimensions) dimensions = *std::move(rows.dimensions);

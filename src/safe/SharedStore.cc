@@ -5,9 +5,11 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "files/ContentReader.h"
 #include "platform/DiskFile.h"
+#include "platform/Parallel.h"
 #include "safe/Content.h"
 #include "safe/GrowingPacks.h"
 #include "safe/GrowingRows.h"
@@ -42,7 +44,13 @@ bool SharedStore::makeDirectory() {
   return true;
 }
 
+void SharedStore::refuseClosed() const {
+  throw std::logic_error(directory_.toNarrow() +
+                         ": its recording is closed, so nothing can be stored any more");
+}
+
 int SharedStore::newId() {
+  requireOpen();
   if (*nextId_ == std::numeric_limits<int>::max()) {
     throw std::runtime_error(directory_.toNarrow() + ": there are no storage ids left");
   }
@@ -74,15 +82,10 @@ void SharedStore::forEachContent(const std::function<void(Content&)>& visit) con
   for (const auto& content : contents) visit(*content);
 }
 
-std::optional<BorrowedContent> SharedStore::takeOffer(int id) {
-  auto node = offers_.extract(id);
-  if (node.empty()) return std::nullopt;
-  return std::move(node.mapped());
-}
-
 void SharedStore::usePacks() { packs_ = std::make_unique<GrowingPacks>(*this); }
 
-// Half of the memory becomes free, so that this is rare.
+// So much of the memory becomes free that this is rare. What goes to packs is written at once, so
+// that nearly all goes: the longer each content's run is, the fewer there are.
 void SharedStore::spill() {
   std::vector<std::pair<std::size_t, std::shared_ptr<Content>>> contents;
   forEachContent([&](Content& content) {
@@ -92,10 +95,22 @@ void SharedStore::spill() {
   });
   std::sort(contents.begin(), contents.end(),
             [](const auto& a, const auto& b) { return a.first > b.first; });
+  const std::size_t kept = packs_ ? options_.memoryTotal / 16 : options_.memoryTotal / 2;
+  std::size_t left = bytesGrowing_;
+  std::vector<GrowingRows*> small;
   for (const auto& [bytes, content] : contents) {
-    if (bytesGrowing_ <= options_.memoryTotal / 2) break;
-    content->growing()->spill();
+    if (left <= kept) break;
+    left -= std::min(left, bytes);
+    if (content->growing()->maySpillToPack()) {
+      small.push_back(content->growing());
+    } else {
+      content->growing()->spill();
+    }
   }
+  if (!packs_) return;
+  packs_->spill(small);
+  // More than comes, so that nothing is left in the end.
+  packs_->mergeSpilled(2 * options_.memoryTotal);
 }
 
 void SharedStore::noteBatch(GrowingRows& rows) {
@@ -109,11 +124,10 @@ void SharedStore::syncIfDue() {
 }
 
 void SharedStore::sync() {
-  while (!unsynced_.empty()) {
-    const auto first = unsynced_.begin();
-    (*first)->sync();
-    unsynced_.erase(first);
-  }
+  const std::vector<GrowingRows*> files(unsynced_.begin(), unsynced_.end());
+  forEachInThreads(files.size(), threadsForSyncing(files.size()),
+                   [&](std::size_t i, std::size_t /*thread*/) { files[i]->sync(); });
+  unsynced_.clear();
   if (packs_) packs_->sync();
   if (hasNewFiles_) syncDirectoryOf(fileOf(0));
   hasNewFiles_ = false;

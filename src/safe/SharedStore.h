@@ -19,6 +19,7 @@
 #include "safe/FileLayouts.h"
 #include "safe/OpenFiles.h"
 #include "safe/RecentTimes.h"
+#include "safe/SmallMemory.h"
 #include "schema/ContentSummary.h"
 
 namespace kyr::parquet {
@@ -28,20 +29,20 @@ class GrowingPacks;
 class GrowingRows;
 class ContentReader;
 
-/// Rows of a saved recording that a pool reads where they lie, and never changes or deletes.
-struct BorrowedContent {
-  std::uint64_t rows = 0;
-  ContentSummary summary;  ///< as far as the recording tells it
-  /// Opens the content, or returns it again if it is still open.
-  std::function<std::shared_ptr<ContentReader>()> open;
-};
-
-/// Who lends contents to a pool.
+/// Who lends contents to a pool: rows of a saved recording, which the pool reads where they lie and
+/// never changes or deletes.
 class Lender {
  public:
   virtual ~Lender() = default;
   Lender(const Lender&) = delete;
   Lender& operator=(const Lender&) = delete;
+
+  /// The number of rows of the content of that id; empty if it is not lent.
+  virtual std::optional<std::uint64_t> rowsOf(int id) const = 0;
+  /// What is known of the content, as far as the recording tells it.
+  virtual ContentSummary summaryOf(int id) const = 0;
+  /// Opens the content, or returns it again if it is still open.
+  virtual std::shared_ptr<ContentReader> open(int id) = 0;
 
  protected:
   Lender() = default;
@@ -68,6 +69,7 @@ class SharedStore {
 
   /// An id that was never given before.
   /// \throws std::runtime_error if there are none left
+  /// \throws std::logic_error as requireOpen()
   int newId();
   /// From now on newId() does not give this id.
   void reserve(int id);
@@ -85,16 +87,19 @@ class SharedStore {
   /// Calls \p visit with each content, which may change it and its id.
   void forEachContent(const std::function<void(Content&)>& visit) const;
 
-  /// Offers rows that lie elsewhere as the content of an id. The first part that takes over the id
-  /// takes the offer; without one, the content is over the file of that id in the directory, which
-  /// is then deleted with it.
-  void offer(int id, BorrowedContent content) { offers_[id] = std::move(content); }
-  std::optional<BorrowedContent> takeOffer(int id);
-  /// Forgets the offers that nobody took.
-  void dropOffers() { offers_.clear(); }
+  /// Until endOffers(), parts that take over an id get what is lent of that id. Without, the
+  /// content is over the file of that id in the directory, which is then deleted with it.
+  void offer(std::shared_ptr<Lender> lender) {
+    lender_ = std::move(lender);
+    offers_ = true;
+  }
+  void endOffers() { offers_ = false; }
+  /// The rows of what is offered; empty for nothing.
+  std::optional<std::uint64_t> rowsOffered(int id) const {
+    return offers_ ? lender_->rowsOf(id) : std::nullopt;
+  }
   /// Who lent what was offered; null for nobody.
   const std::shared_ptr<Lender>& lender() const { return lender_; }
-  void setLender(std::shared_ptr<Lender> lender) { lender_ = std::move(lender); }
 
   /// Whether a finished content of so many bytes may stay in memory.
   bool mayStayInMemory(std::size_t bytes) const {
@@ -105,6 +110,7 @@ class SharedStore {
   void addToMemory(std::size_t bytes) { bytesInMemory_ += bytes; }
   void takeFromMemory(std::size_t bytes) { bytesInMemory_ -= bytes; }
   bool hasContentsInMemory() const { return bytesInMemory_ > 0; }
+  SmallMemory& smallMemory() { return smallMemory_; }
 
   /// Lets the few rows that contents get between two flushes go to packs.
   void usePacks();
@@ -143,14 +149,25 @@ class SharedStore {
   /// Removes a file at the second flush from now on.
   void removeLater(std::filesystem::path path) { unused_.push_back(std::move(path)); }
   void noteFlush() noexcept;
+  /// Notes that all rows there are now were acknowledged, even if the flush fails after that.
+  void noteAcknowledged() { ++acknowledged_; }
+  /// How often that was called.
+  std::uint64_t timesAcknowledged() const { return acknowledged_; }
   /// From now on no file is deleted.
   void keepAllFiles() { keepsAllFiles_ = true; }
-  /// Notes that all rows are in a recording. From now on no file is made or deleted.
-  void noteSaved() { isSaved_ = keepsAllFiles_ = true; }
-  bool isSaved() const { return isSaved_; }
+  bool keepsAllFiles() const { return keepsAllFiles_; }
+  /// Notes that the directory belongs to a recording that is closed. From now on no file is made,
+  /// written or deleted.
+  void close() { isClosed_ = keepsAllFiles_ = true; }
+  bool isClosed() const { return isClosed_; }
+  /// \throws std::logic_error if the store is closed
+  void requireOpen() const {
+    if (isClosed_) refuseClosed();
+  }
 
  private:
   void spill();
+  [[noreturn]] void refuseClosed() const;
 
   Path directory_;
   std::string extension_;
@@ -161,8 +178,9 @@ class SharedStore {
   RecentTimes recentTimes_;
   ContentTree tree_;
   std::unordered_map<int, std::weak_ptr<Content>> contents_;
-  std::unordered_map<int, BorrowedContent> offers_;
   std::shared_ptr<Lender> lender_;
+  bool offers_ = false;
+  SmallMemory smallMemory_;
   std::size_t bytesInMemory_ = 0;
   std::size_t bytesGrowing_ = 0;
   bool keepsFinished_ = false;
@@ -171,7 +189,8 @@ class SharedStore {
   bool ownsDirectory_ = false;
   bool makesDirectory_ = false;
   bool keepsAllFiles_ = false;
-  bool isSaved_ = false;
+  bool isClosed_ = false;
+  std::uint64_t acknowledged_ = 0;
   std::vector<std::filesystem::path> unused_;        // nobody needs them since the last flush
   std::vector<std::filesystem::path> unusedBefore_;  // those between the last two flushes
 

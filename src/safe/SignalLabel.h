@@ -43,6 +43,9 @@ class PartLabels {
   /// \param label  in this list
   void remove(PartLabel& label) noexcept;
 
+  /// Whether there is one label and no more.
+  bool isOne() const { return first_ != nullptr && first_->next == nullptr; }
+
   /// The labels as the key-value metadata "kyr.signals", so that a folder of files can be
   /// understood without anything else.
   /// \param mostParts  that are listed by name

@@ -55,6 +55,7 @@ std::unique_ptr<StoredRows> StoredRows::write(ContentName& name, const RowSlice&
                                               const AskedCodec& codec) {
   const auto span = traceBatch();
   SharedStore& store = name.store();
+  store.requireOpen();
   OwnedFile file = name.createFile([&](const std::filesystem::path& path) {
     writeRows(name, path, rows, shape.schema, codec,
               store.options().sync != SafeStorage::Sync::never);

@@ -28,6 +28,11 @@ class ByteBuffer {
   const char* data() const { return bytes_.get(); }
   char* data() { return bytes_.get(); }
   std::size_t size() const { return size_; }
+  std::size_t capacity() const { return capacity_; }
+  /// By how many bytes the memory grows when \p count bytes are appended.
+  std::size_t growthFor(std::size_t count) const {
+    return count > capacity_ - size_ ? grown(count) - capacity_ : 0;
+  }
 
   void append(const void* bytes, std::size_t count) {
     if (count > capacity_ - size_) grow(count);
@@ -66,7 +71,8 @@ class ByteBuffer {
     void operator()(char* bytes) const { std::free(bytes); }
   };
 
-  void grow(std::size_t count) { reserve(std::max(size_ + count, 2 * capacity_)); }
+  std::size_t grown(std::size_t count) const { return std::max(size_ + count, 2 * capacity_); }
+  void grow(std::size_t count) { reserve(grown(count)); }
 
   void reserve(std::size_t capacity) {
     auto* const bytes = static_cast<char*>(std::realloc(bytes_.get(), capacity));

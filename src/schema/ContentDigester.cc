@@ -28,7 +28,11 @@ void ContentDigester::Stream::addBlock(const void* values, std::size_t bytes,
                                        const std::optional<XXH128_hash_t>& known) {
   XXH128_canonical_t digest;
   XXH128_canonicalFromHash(&digest, known ? *known : digestOfBytes(values, bytes));
-  blocks_.append(reinterpret_cast<const char*>(digest.digest), sizeof(digest.digest));
+  if (!first_) {
+    first_ = digest;
+  } else {
+    others_.append(reinterpret_cast<const char*>(digest.digest), sizeof(digest.digest));
+  }
 }
 
 void ContentDigester::Stream::add(const void* values, std::size_t bytes) {
@@ -44,12 +48,19 @@ void ContentDigester::Stream::finishBlock() {
   XXH3_128bits_reset(state_.get());
 }
 
-std::string ContentDigester::Stream::digest(bool isOpen) const {
-  if (!isOpen) return digitsOf(digestOfBytes(blocks_.data(), blocks_.size()));
-  Stream all;
-  all.blocks_ = blocks_;
-  all.addBlock(nullptr, 0, XXH3_128bits_digest(state_.get()));
-  return all.digest(/*isOpen=*/false);
+XXH128_hash_t ContentDigester::Stream::digest(bool isOpen) const {
+  if (isOpen) {
+    Stream all;
+    all.first_ = first_;
+    all.others_ = others_;
+    all.addBlock(nullptr, 0, XXH3_128bits_digest(state_.get()));
+    return all.digest(/*isOpen=*/false);
+  }
+  if (!first_) return digestOfBytes(nullptr, 0);
+  if (others_.empty()) return digestOfBytes(first_->digest, sizeof(first_->digest));
+  std::string blocks(reinterpret_cast<const char*>(first_->digest), sizeof(first_->digest));
+  blocks += others_;
+  return digestOfBytes(blocks.data(), blocks.size());
 }
 
 ContentDigester::ContentDigester(SampleSchema schema, bool hasTimes)
@@ -125,15 +136,23 @@ void ContentDigester::addLengths(Stream& stream, const std::uint64_t* ends, std:
 std::string ContentDigester::digest() const {
   std::string text;
   text.reserve(256);
+  const auto appendDigest = [&](const Stream& stream) {
+    const DigestDigits digits = hexOf(stream.digest(isOpen_));
+    text.append(" ").append(digits.data(), digits.size());
+  };
   text.append("rows ").append(std::to_string(rows_));
-  if (hasTimes_) text.append("\ntime double ").append(times_.digest(isOpen_));
+  if (hasTimes_) {
+    text.append("\ntime double");
+    appendDigest(times_);
+  }
   text.append("\n").append(columnNames::data).append(" ");
   appendType(text, *schema_.schema->field(schema_.dataIndex)->type());
-  text.append(" ").append(elements_.digest(isOpen_));
-  if (schema_.kind != ColumnKind::flat) text.append(" ").append(lengths_.digest(isOpen_));
+  appendDigest(elements_);
+  if (schema_.kind != ColumnKind::flat) appendDigest(lengths_);
   if (schema_.dimensionIndex >= 0) {
-    text.append("\n").append(columnNames::dimension).append(" list<uint64> ");
-    text.append(extents_.digest(isOpen_)).append(" ").append(extentCounts_.digest(isOpen_));
+    text.append("\n").append(columnNames::dimension).append(" list<uint64>");
+    appendDigest(extents_);
+    appendDigest(extentCounts_);
   }
   text.append("\n");
   return digitsOf(digestOfBytes(text.data(), text.size()));

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <xxhash.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -50,10 +52,11 @@ class ContentDigester {
     void add(const void* values, std::size_t bytes);
     void finishBlock();
     /// \param isOpen  whether there are parts of a block that is not finished
-    std::string digest(bool isOpen) const;
+    XXH128_hash_t digest(bool isOpen) const;
 
    private:
-    std::string blocks_;
+    std::optional<XXH128_canonical_t> first_;  // small contents have one block
+    std::string others_;
     std::unique_ptr<XXH3_state_t> state_;  // of a block that comes in parts
   };
 

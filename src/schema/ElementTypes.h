@@ -34,7 +34,7 @@ struct NumberType;
   struct NumberType<T> {                               \
     using type = T;                                    \
     using ArrowType = A;                               \
-    /* As T, and signed where Arrow's type is. */      \
+    /* Like T, but signed if Arrow's type is. */       \
     using Value = A::c_type;                           \
     static constexpr KYRSignalDataType signalType = S; \
     static_assert(sizeof(T) == sizeof(Value));         \

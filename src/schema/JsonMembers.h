@@ -236,7 +236,12 @@ template <typename T, typename Codec = JsonValue<T>>
 struct JsonArray {
   static void read(JsonReader& in, std::vector<T>& values) {
     values.clear();
+    [[maybe_unused]] const std::size_t begin = in.position();
     const bool isArray = in.takeArray([&] {
+      if constexpr (std::is_aggregate_v<T>) {
+        // Thousands of objects are mostly as long as the first one.
+        if (values.size() == 1) values.reserve(in.remaining() / (in.position() - begin) + 1);
+      }
       try {
         Codec::read(in, values.emplace_back());
       } catch (const JsonValueError& error) {

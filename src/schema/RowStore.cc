@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "kyr/parquet/ColumnNames.h"
-#include "platform/Digest.h"
+#include "platform/FreshMemory.h"
 #include "schema/ArrayMemory.h"
 
 namespace kyr::parquet {
@@ -85,10 +85,6 @@ std::uint64_t dropEnds(std::vector<std::uint64_t>& ends, std::size_t rows, std::
   dropValues(ends, rows, batches);
   for (std::uint64_t& end : ends) end -= base;
   return base;
-}
-
-std::size_t extentsIn(const RowSlice& rows) {
-  return rows.rows == 0 ? 0 : rows.extentEnds[rows.rows - 1] - rows.extentBegin;
 }
 
 void requireNoNulls(const ::arrow::Array& values) {
@@ -170,23 +166,6 @@ void requireSamples(const SampleSchema& schema, const ::arrow::Table& table, std
   slice.extents = shapes.extents.data();
   slice.extentEnds = shapes.extentEnds.data();
   if (schema.kind == ColumnKind::list && schema.dimensionIndex >= 0) requireShapes(slice, first);
-}
-
-void requireShapes(const RowSlice& rows, std::uint64_t first) {
-  if (!rows.ends || !rows.extentEnds) return;
-  std::uint64_t begin = rows.begin;
-  std::uint64_t extentBegin = 0;
-  for (std::size_t row = 0; row < rows.rows; ++row) {
-    const std::uint64_t found = rows.ends[row] - begin;
-    begin = rows.ends[row];
-    const std::uint64_t extentEnd = rows.extentEnds[row] - rows.extentBegin;
-    const std::uint64_t expected =
-        shapeElements(rows.extents + extentBegin, extentEnd - extentBegin);
-    extentBegin = extentEnd;
-    if (found == expected) continue;
-    throw std::invalid_argument(
-        fmt::format("sample {} has {} elements, its shape {}", first + row, found, expected));
-  }
 }
 
 RowStore::RowStore(SampleSchema schema, std::size_t width)
@@ -271,6 +250,9 @@ void RowShapes::append(const SampleSchema& schema, const SampleChunk& chunk) {
     std::uint64_t end = rowEnds.empty() ? 0 : rowEnds.back();
     const bool areAlike = !chunk.sizes && chunk.dimensions->size() == 1;
     const std::uint64_t each = areAlike ? shapeElements(chunk.dimensions->front()) : 0;
+    const std::size_t had = rowEnds.size();
+    platform::reserveMore(rowEnds, had + chunk.rows);
+    rowEnds.resize(had + chunk.rows);
     for (std::size_t row = 0; row < chunk.rows; ++row) {
       if (areAlike) {
         end += each;
@@ -279,7 +261,7 @@ void RowShapes::append(const SampleSchema& schema, const SampleChunk& chunk) {
       } else {
         end += shapeElements((*chunk.dimensions)[row]);
       }
-      rowEnds.push_back(end);
+      rowEnds[had + row] = end;
     }
   }
   if (schema.dimensionIndex >= 0) {
@@ -336,12 +318,6 @@ void RowStore::dropFront(std::size_t rows, std::size_t batches) {
     dropValues(shapes_.extents, dropEnds(shapes_.extentEnds, rows, batches), batches);
   }
   rows_ -= rows;
-}
-
-std::size_t bytesIn(const RowSlice& rows) {
-  std::size_t numbers = rows.ends ? rows.rows : 0;
-  if (rows.extentEnds) numbers += rows.rows + extentsIn(rows);
-  return rows.bytes + numbers * sizeof(std::uint64_t);
 }
 
 RowSlice RowStore::slice(std::size_t from, std::size_t count) const {
@@ -423,78 +399,6 @@ void RowStore::truncate(std::size_t rows) {
     shapes_.extents.resize(rows == 0 ? 0 : shapes_.extentEnds.back());
   }
   rows_ = rows;
-}
-
-bool areEqual(const RowSlice& a, const RowSlice& b) {
-  if (a.rows != b.rows || a.bytes != b.bytes) return false;
-  if (a.bytes > 0 && std::memcmp(a.elements, b.elements, a.bytes) != 0) return false;
-  const auto haveSameEnds = [&](const std::uint64_t* x, std::uint64_t fromX, const std::uint64_t* y,
-                                std::uint64_t fromY) {
-    for (std::size_t i = 0; i < a.rows; ++i) {
-      if (x[i] - fromX != y[i] - fromY) return false;
-    }
-    return true;
-  };
-  if (a.ends && !haveSameEnds(a.ends, a.begin, b.ends, b.begin)) return false;
-  if (!a.extentEnds) return true;
-  return haveSameEnds(a.extentEnds, a.extentBegin, b.extentEnds, b.extentBegin) &&
-         std::equal(a.extents, a.extents + extentsIn(a), b.extents);
-}
-
-RowSlice subSlice(const RowSlice& rows, std::size_t from, std::size_t count) {
-  RowSlice slice = rows;
-  slice.rows = count;
-  if (!rows.ends) {
-    const std::size_t width = rows.rows == 0 ? 0 : rows.bytes / rows.rows;
-    slice.elements += from * width;
-    slice.bytes = count * width;
-    return slice;
-  }
-  const auto endOf = [&](std::size_t end) { return end == 0 ? rows.begin : rows.ends[end - 1]; };
-  const std::uint64_t elements = endOf(rows.rows) - rows.begin;
-  const std::uint64_t width = elements == 0 ? 0 : rows.bytes / elements;
-  slice.ends += from;
-  slice.begin = endOf(from);
-  slice.elements += (slice.begin - rows.begin) * width;
-  slice.bytes = (endOf(from + count) - slice.begin) * width;
-  if (rows.extentEnds) {
-    slice.extentEnds += from;
-    slice.extentBegin = from == 0 ? rows.extentBegin : rows.extentEnds[from - 1];
-    slice.extents += slice.extentBegin - rows.extentBegin;
-  }
-  return slice;
-}
-
-std::size_t commonRows(const RowSlice& a, const RowSlice& b) {
-  if (areEqual(a, b)) return a.rows;
-  // The first row that differs is one of [equal, equal + span).
-  std::size_t equal = 0;
-  for (std::size_t span = a.rows; span > 1;) {
-    const std::size_t half = span / 2;
-    if (areEqual(subSlice(a, equal, half), subSlice(b, equal, half))) {
-      equal += half;
-      span -= half;
-    } else {
-      span = half;
-    }
-  }
-  return equal;
-}
-
-XXH128_hash_t digestOf(const RowSlice& rows) {
-  // The ends of the rows count as well, except for flat rows.
-  XXH128_hash_t digest = digestOfBytes(rows.elements, rows.bytes);
-  const auto mix = [&](const std::uint64_t* values, std::size_t count, std::uint64_t base) {
-    std::vector<std::uint64_t> text{digest.low64, digest.high64, count};
-    for (std::size_t i = 0; i < count; ++i) text.push_back(values[i] - base);
-    digest = XXH3_128bits(text.data(), text.size() * sizeof(std::uint64_t));
-  };
-  if (rows.ends) mix(rows.ends, rows.rows, rows.begin);
-  if (rows.extentEnds) {
-    mix(rows.extentEnds, rows.rows, rows.extentBegin);
-    mix(rows.extents, extentsIn(rows), 0);
-  }
-  return digest;
 }
 
 }  // namespace kyr::parquet

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <xxhash.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
 #include "schema/ByteBuffer.h"
+#include "schema/RowSlice.h"
 #include "schema/SampleLayout.h"
 
 namespace kyr::parquet {
@@ -36,22 +35,6 @@ SampleChunk measureExactly(const SampleSchema& schema, const void* data, std::si
                            const std::vector<std::vector<std::uint64_t>>& dimensions,
                            const std::vector<int>& sizes);
 
-/// A run of rows in memory that others own.
-struct RowSlice {
-  std::size_t rows = 0;
-  const char* elements = nullptr;
-  std::size_t bytes = 0;  ///< of the elements
-  /// The end of the elements of each row, counted as the owner of the memory counts elements; null
-  /// for flat columns. The first row begins at `begin`.
-  const std::uint64_t* ends = nullptr;
-  std::uint64_t begin = 0;
-  /// The extents of all rows, beginning with the first one, and their ends; null for schemas
-  /// without dimensions.
-  const std::uint64_t* extents = nullptr;
-  const std::uint64_t* extentEnds = nullptr;
-  std::uint64_t extentBegin = 0;
-};
-
 /// The ends of rows, counted from the first one: of their elements (list and blob columns) and of
 /// their extents (dimension column).
 struct RowShapes {
@@ -78,27 +61,6 @@ std::shared_ptr<::arrow::Table> tableOf(const SampleSchema& schema, const RowSli
 ///         says
 void requireSamples(const SampleSchema& schema, const ::arrow::Table& table, std::uint64_t first);
 
-/// Checks rows of a schema with shapes.
-/// \param first  number of the first row, for the error
-/// \throws std::invalid_argument if a list has not as many elements as its shape says
-void requireShapes(const RowSlice& rows, std::uint64_t first);
-
-/// Bytes that a RowStore of the rows takes.
-std::size_t bytesIn(const RowSlice& rows);
-
-/// Rows [from, from + count) of a run.
-RowSlice subSlice(const RowSlice& rows, std::size_t from, std::size_t count);
-
-/// The number of equal rows at the beginning of two runs of the same length.
-std::size_t commonRows(const RowSlice& a, const RowSlice& b);
-
-/// Whether two runs of rows of one schema are equal bit for bit, shapes included.
-bool areEqual(const RowSlice& a, const RowSlice& b);
-
-/// A 128-bit digest of the rows and their shapes. It does not depend on how the rows were divided
-/// into chunks.
-XXH128_hash_t digestOf(const RowSlice& rows);
-
 /// Rows in memory, column by column: appending a row costs an append to a few vectors.
 class RowStore {
  public:
@@ -117,10 +79,21 @@ class RowStore {
 
   /// Bytes of the elements, without the shapes.
   std::size_t elementBytes() const { return elements_.size(); }
+  /// Bytes of elements for which there is memory beside those.
+  std::size_t spareBytes() const { return elements_.capacity() - elements_.size(); }
+  /// Bytes of memory, whether rows fill it or not.
+  std::size_t memoryBytes() const {
+    const std::size_t numbers =
+        shapes_.rowEnds.capacity() + shapes_.extents.capacity() + shapes_.extentEnds.capacity();
+    return elements_.capacity() + numbers * sizeof(std::uint64_t);
+  }
+  /// By how many bytes the memory for elements grows when \p rows are appended.
+  std::size_t growthFor(const RowSlice& rows) const { return elements_.growthFor(rows.bytes); }
   /// Adds rows of a flat column with undefined values. The caller fills them in.
   void grow(std::size_t rows);
   /// The values of a flat column.
   char* values() { return elements_.data(); }
+  const char* values() const { return elements_.data(); }
 
   /// Replaces all rows, in the memory that there is. If \p fill throws, no rows are left.
   /// \param fill  appends the elements and the shapes of \p rows rows to the empty columns

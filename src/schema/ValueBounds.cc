@@ -32,29 +32,31 @@ void widen(Bounds<T>& bounds, T value) {
 }
 
 // Two vectors of some bytes at a time, each beside its own least and most, so that no instruction
-// waits for the one before.
+// waits for the one before. The vectors are variables of their own: an array of them, or a copy of
+// the values, would go through memory.
 template <typename T, std::size_t kBytes>
 [[gnu::always_inline]] inline Bounds<T> vectorBounds(const char* values, std::size_t count) {
-  using Vector __attribute__((vector_size(kBytes))) = T;
+  using Vector [[gnu::vector_size(kBytes)]] = T;
+  using Stored [[gnu::vector_size(kBytes), gnu::aligned(1), gnu::may_alias]] = T;
   constexpr std::size_t kLanes = kBytes / sizeof(T);
   Bounds<T> bounds = noBounds<T>();
-  Vector least[2];
-  Vector most[2];
-  for (std::size_t lane = 0; lane < kLanes; ++lane) {
-    least[0][lane] = least[1][lane] = bounds.first;
-    most[0][lane] = most[1][lane] = bounds.second;
-  }
+  Vector least = bounds.first - Vector{};
+  Vector most = bounds.second - Vector{};
+  Vector otherLeast = least;
+  Vector otherMost = most;
   for (; count >= 2 * kLanes; count -= 2 * kLanes, values += 2 * kBytes) {
-    Vector some[2];
-    std::memcpy(some, values, sizeof(some));
-    least[0] = some[0] < least[0] ? some[0] : least[0];
-    least[1] = some[1] < least[1] ? some[1] : least[1];
-    most[0] = some[0] > most[0] ? some[0] : most[0];
-    most[1] = some[1] > most[1] ? some[1] : most[1];
+    const Vector some = *reinterpret_cast<const Stored*>(values);
+    const Vector others = *reinterpret_cast<const Stored*>(values + kBytes);
+    least = some < least ? some : least;
+    most = some > most ? some : most;
+    otherLeast = others < otherLeast ? others : otherLeast;
+    otherMost = others > otherMost ? others : otherMost;
   }
-  for (std::size_t lane = 0; lane < 2 * kLanes; ++lane) {
-    bounds.first = std::min<T>(bounds.first, least[lane / kLanes][lane % kLanes]);
-    bounds.second = std::max<T>(bounds.second, most[lane / kLanes][lane % kLanes]);
+  least = otherLeast < least ? otherLeast : least;
+  most = otherMost > most ? otherMost : most;
+  for (std::size_t lane = 0; lane < kLanes; ++lane) {
+    bounds.first = std::min<T>(bounds.first, least[lane]);
+    bounds.second = std::max<T>(bounds.second, most[lane]);
   }
   for (; count > 0; --count, values += sizeof(T)) {
     T value;

@@ -9,8 +9,8 @@
 
 namespace kyr::parquet {
 
-/// Finds the smallest and the largest element of rows of numbers. NaN does not count, and a zero has
-/// no sign.
+/// Finds the smallest and the largest element of rows of numbers. NaN does not count, and a zero
+/// has no sign.
 class ValueBounds {
  public:
   explicit ValueBounds(const SampleSchema& schema);

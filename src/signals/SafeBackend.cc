@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "kyr/platform/FileSystem.h"
+#include "platform/JsonWriter.h"
 #include "safe/Content.h"
 #include "safe/GrowingPacks.h"
 #include "safe/SafeStreamableSignal.h"
@@ -33,7 +34,9 @@ int firstFreeId(const Path& directory) {
 }  // namespace
 
 void SafePoolState::describe(int id, const std::string& name, const std::string& unit) {
-  static_cast<void>(toUtf16(name + unit));
+  for (const std::string* text : {&name, &unit}) {
+    if (plainLength(*text) != text->size()) static_cast<void>(toUtf16(*text));
+  }
   const auto known = labels_.find(id);
   const auto label = known == labels_.end() ? newLabel(id) : known->second;
   label->name = name;
@@ -41,8 +44,13 @@ void SafePoolState::describe(int id, const std::string& name, const std::string&
 }
 
 std::shared_ptr<SignalLabel> SafePoolState::newLabel(int id) {
-  auto label = std::make_shared<SignalLabel>();
   auto& known = labels_[id];
+  if (known && known.use_count() == 1) {  // no signal has it
+    known->dataType = SignalLabel().dataType;
+    known->category = SignalLabel().category;
+    return known;
+  }
+  auto label = std::make_shared<SignalLabel>();
   label->signalId = id;
   if (known) {
     label->name = known->name;
@@ -105,7 +113,7 @@ bool SafeBackend::writeFiles() {
 }
 
 void SafeBackend::leave(const PoolSignals& signals) noexcept {
-  if (!store_->options().keepsFiles || store_->isSaved()) return;
+  if (!store_->options().keepsFiles || store_->isClosed()) return;
   store_->keepAllFiles();
   try {
     flush(signals);

@@ -97,6 +97,11 @@ TEST_F(ForgedFiles, AnyOtherByteOfTheMetadataDoesNoHarm) {
   }
 }
 
+TEST_F(ForgedFiles, ListsLongerThanTheMetadataAreRefusedBeforeRoomIsMadeForThem) {
+  // The version is 1, and behind it begins a list of 2^31 - 1 row groups.
+  EXPECT_THROW(parseMetadata("\x15\x02\x39\xfc\xff\xff\xff\xff\x07"), ::parquet::ParquetException);
+}
+
 TEST_F(ForgedFiles, ColumnsThatMakeNoSamplesAreRefused) {
   struct {
     test::Columns columns;

@@ -118,6 +118,10 @@ def with_runs(content, index, change):
     return content[:at] + start + digest + content[at + 80:at + BATCH_HEADER] + group + metadata
 
 
+def journal_line(text):
+    return text + xxhash.xxh3_128_hexdigest(text.encode())[:16] + "\n"
+
+
 class Corpus:
     """Folders, each a mutation of a recording."""
 
@@ -244,8 +248,11 @@ class Corpus:
             yield f"live {name} 600 times", "live", many
         lines = [f"2 {parts} {rows} " for parts in (2, 12, 2**26) for rows in (5, 100, 2**40, 2**63, 2**64 - 1)]
         for line in lines:
-            whole = line + xxhash.xxh3_128_hexdigest(line.encode())[:16] + "\n"
-            yield f"live {line}", "live", lambda folder, w=whole: (folder / "recording.journal").write_text(w)
+            yield f"live {line}", "live", lambda folder, w=journal_line(line): (folder / "recording.journal").write_text(w)
+        for sequence in (1, 2**60):
+            claims = "".join(journal_line(f"{sequence} {2**26} {rows} ") for rows in range(30_000))
+            yield f"live 30000 lines of {sequence}", "live", lambda folder, c=claims: (folder / "recording.journal").write_text(c)
+        yield "live sparse journal", "live", lambda folder: os.truncate(folder / "recording.journal", 100 << 30)
 
     def bytes(self):
         """Bytes of files changed at random, without end."""

@@ -43,7 +43,8 @@ def export(kyr, recording, out, *options):
 def signals_of(recording):
     """The entries in recording.json of the signals with samples, with "time" and "data" added."""
     document = json.loads((recording / "recording.json").read_text(encoding="utf-8"))
-    found = [signal for signal in document["signals"] if signal["rowCount"] > 0]
+    found = [{"unit": "", "description": "", "dimensions": [], **signal}
+             for signal in document["signals"] if signal["rowCount"] > 0]
     for signal in found:
         def columns(storage_id):
             return pyarrow.parquet.ParquetFile(

@@ -139,9 +139,9 @@ def check_table(folder, document):
     files = {file["storageId"]: file for file in document["files"]}
     wanted = []
     for signal in document["signals"]:
-        row = {"id": signal["id"], "name": signal["name"], "unit": signal["unit"],
-               "description": signal["description"], "data_type": signal["dataType"],
-               "category": signal["category"], "dimensions": signal["dimensions"],
+        row = {"id": signal["id"], "name": signal["name"], "unit": signal.get("unit", ""),
+               "description": signal.get("description", ""), "data_type": signal["dataType"],
+               "category": signal["category"], "dimensions": signal.get("dimensions", []),
                "rows": signal["rowCount"]}
         row["from"], row["to"] = signal["timeSpan"] or (None, None)
         for part, prefix in (("data", ""), ("time", "time_")):
@@ -203,6 +203,10 @@ def check_recording(folder, version, streamed=False):
             "compression": CODECS[index % 6], "timeSpan": [0.0, 3.0],
             "timeStorageId": time_id if time_id != -554114 else None, "dataStorageId": data_id,
         }  # fmt: skip
+        # Version 3 leaves out what goes without saying.
+        for member, value in {"dimensions": [], "compression": "uncompressed"}.items():
+            if version > 2 and wanted[member] == value:
+                del wanted[member]
         assert signal == wanted, f"{signal}, expected {wanted}"
     check_storage(folder / "storage", records, streamed, extension)
     return records

@@ -288,6 +288,7 @@ def check_queries(kyr, out):
     check("no duckdb", missing.stderr, "kyr: duckdb, the program that --command needs, cannot be "
           "run: No such file or directory\n")
     check("format alone", run(kyr, "sql", out / "names", "--format", "csv", expect=2).stdout, "")
+    check("no query", run(kyr, "sql", out / "names", "-c", "", expect=2).stdout, "")
 
     only = query("SELECT signal FROM signals ORDER BY ALL", "--format", "csv", "--signal", "table*",
                  "--signal", "[b]*", "--signal", "blob").stdout
@@ -296,7 +297,7 @@ def check_queries(kyr, out):
     with package.record(out / "live") as recorder:
         recorder.add("x").append(0.0, 1.0)
         recorder.flush()
-        assert "not finished" in run(kyr, "sql", out / "live", expect=1).stderr
+        assert "still being recorded" in run(kyr, "sql", out / "live", expect=1).stderr
 
     endless = "SELECT range FROM range(1000000000000)"
     command = [kyr, "sql", out / "names", "-c", endless, "--format", "csv"]

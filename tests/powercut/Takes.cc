@@ -3,6 +3,8 @@
 //   live FOLDER      records takes of 3 rows and flushes each, and prints what was acknowledged. A
 //                    call that fails is made again, once
 //   unsynced FOLDER  does the same without waiting for the disk
+//   restarted FOLDER does the same with so little memory that rows leave it early. The first signal
+//                    forgets its rows once and begins again
 //   save FOLDER      saves 40 rows, in the place of an older recording
 //   check            takes lines "read FOLDER" and "recover FOLDER", and answers each with a line:
 //                    "rows" and how many rows each signal has, "refused" and why, or "wrong" and
@@ -72,15 +74,6 @@ Sample sampleOf(int id, std::size_t row) {
   return {std::string(count, char('a' + row % 20)), {}, {int(count)}};
 }
 
-void append(StreamableSignal& signal, int id, std::size_t from, std::size_t to) {
-  for (std::size_t row = from; row < to; ++row) {
-    const double time = timeOf(row);
-    const Sample sample = sampleOf(id, row);
-    signal.appendTime(&time, 1);
-    signal.appendData(sample.bytes.data(), sample.bytes.size(), sample.shape, sample.sizes);
-  }
-}
-
 // Not through a stream, whose buffer nobody sees.
 void print(const std::string& line) {
   const std::string text = line + "\n";
@@ -96,7 +89,18 @@ void twice(const std::function<void()>& work) {
   work();
 }
 
-void recordTakes(const Path& folder, parquet::SafeStorage::Sync sync) {
+void append(StreamableSignal& signal, int id, std::size_t from, std::size_t to) {
+  for (std::size_t row = from; row < to; ++row) {
+    const double time = timeOf(row);
+    const Sample sample = sampleOf(id, row);
+    twice([&] { signal.appendTime(&time, 1); });
+    twice([&] {
+      signal.appendData(sample.bytes.data(), sample.bytes.size(), sample.shape, sample.sizes);
+    });
+  }
+}
+
+void recordTakes(const Path& folder, parquet::SafeStorage::Sync sync, bool restarts) {
   constexpr std::size_t kTakes = 12;
   constexpr std::size_t kRows = 3;
   LiveOptions options;
@@ -104,15 +108,22 @@ void recordTakes(const Path& folder, parquet::SafeStorage::Sync sync) {
   // Takes go to growing packs, batches to files, and packs are replaced.
   options.storage.batchRows = 16;
   options.storage.batchBytes = 200;
+  if (restarts) options.storage.memoryTotal = 250;
   std::unique_ptr<LiveRecording> live;
   twice([&] { live = std::make_unique<LiveRecording>(folder, options); });
   std::vector<std::shared_ptr<StreamableSignal>> signals;
   for (const Kind& kind : kinds()) {
     signals.push_back(live->addSignal(kind.description, kind.type, kind.category));
   }
+  std::size_t firstTake = 0;  // of the first signal
   for (std::size_t take = 0; take < kTakes; ++take) {
+    if (restarts && take == kTakes / 2) {
+      signals[0]->resetData();
+      firstTake = take;
+    }
     for (std::size_t i = 0; i < signals.size(); ++i) {
-      append(*signals[i], kinds()[i].description.signalId, take * kRows, (take + 1) * kRows);
+      const std::size_t at = (i == 0 ? take - firstTake : take) * kRows;
+      append(*signals[i], kinds()[i].description.signalId, at, at + kRows);
     }
     twice([&] { live->flush(); });
     print("acknowledged " + std::to_string((take + 1) * kRows));
@@ -189,8 +200,9 @@ int main(int argc, char** argv) {
   const std::string what = argc > 1 ? argv[1] : "";
   try {
     using Sync = parquet::SafeStorage::Sync;
-    if (what == "live") recordTakes(Path::fromNarrow(argv[2]), Sync::flush);
-    if (what == "unsynced") recordTakes(Path::fromNarrow(argv[2]), Sync::never);
+    if (what == "live") recordTakes(Path::fromNarrow(argv[2]), Sync::flush, false);
+    if (what == "unsynced") recordTakes(Path::fromNarrow(argv[2]), Sync::never, false);
+    if (what == "restarted") recordTakes(Path::fromNarrow(argv[2]), Sync::flush, true);
     if (what == "save") save(Path::fromNarrow(argv[2]));
     std::string how;
     std::string folder;

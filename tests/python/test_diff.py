@@ -56,6 +56,9 @@ class Curve:
             values = list(self.values[first:end])
             values += [self.line(first - 1, start)] if 0 < first < len(self.times) else []
             values += [self.line(end - 1, stop)] if 0 < end < len(self.times) else []
+        return self.nearest_of(values, value, allowed)
+
+    def nearest_of(self, values, value, allowed):
         known = [each for each in values if not math.isnan(each)]
         if math.isnan(value) and len(known) < len(values) or not known:
             return NAN
@@ -67,18 +70,15 @@ class Curve:
             return min(sides, key=lambda each: (ratio(far[each], allowed(each)), far[each]))
         return min(known) if math.isnan(value) else min(max(value, min(known)), max(known))
 
-    def partner(self, k, count, value, time):
+    def partner(self, k, count, value, time, allowed):
         """What to compare with the k-th of so many samples that the other curve has at a time."""
         left, right = self.ends(time)
         if k == count - 1:
             return right
         if k == 0:
             return left
-        if math.isnan(value) or math.isnan(left) or math.isnan(right):
-            return left if math.isnan(left) else right
-        if self.holds:
-            return min(left, right, key=lambda each: abs(each - value))
-        return min(max(value, min(left, right)), max(left, right))
+        first, end = self.at(time)
+        return self.nearest_of([left, *self.values[first:end], right], value, allowed)
 
 
 def brute(a, b, atol, rtol, range_tol, time_tol):
@@ -98,13 +98,13 @@ def brute(a, b, atol, rtol, range_tol, time_tol):
         for side, (own, other, begin) in enumerate(((a, b, i), (b, a, j))):
             for k in range(counts[side]):
                 value = own.values[begin + k]
+                allowed_at = lambda x: max(floor, rtol * abs(value if side == 0 else x))
                 if reach > 0:
-                    allowed_at = lambda x: max(floor, rtol * abs(value if side == 0 else x))
                     found = other.nearest(value, time, reach, allowed_at)
                 elif counts[0] == counts[1]:
                     found = other.values[(j, i)[side] + k]
                 else:
-                    found = other.partner(k, counts[side], value, time)
+                    found = other.partner(k, counts[side], value, time, allowed_at)
                 ref, new = (value, found) if side == 0 else (found, value)
                 if ref == new or (math.isnan(ref) and math.isnan(new)):
                     continue

@@ -174,7 +174,7 @@ def test_duckdb_says_what_it_lacks(runs, tmp_path, monkeypatch):
     with kyr.record(tmp_path / "live") as w:
         w.add("x").append(0.0, 1.0)
         w.flush()
-        with pytest.raises(kyr.Error, match="live is not finished"):
+        with pytest.raises(kyr.Error, match="live is still being recorded"):
             kyr.open(tmp_path / "live").duckdb()
     monkeypatch.setitem(sys.modules, "duckdb", None)
     with pytest.raises(ImportError, match="needs the module duckdb"):

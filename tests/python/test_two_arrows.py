@@ -44,7 +44,8 @@ print(pa.__version__, flush=True)
 # pyarrow 22 alone aborts now and then while a process ends, on a busy machine.
 os._exit(0)
 """
-MIXED = re.compile(r"/pyarrow/\S+ \[0\] to \S+/libkyr_|/kyr/\S+ \[0\] to \S+/pyarrow/")
+OURS = r"/(libkyr_|kyr/_core)\S+ \[0\]"
+MIXED = re.compile(rf"/pyarrow/\S+ \[0\] to \S+{OURS}|{OURS} to \S+/pyarrow/")
 VERSIONS = {"15": ROOT / "build/pyarrow/15", "22": ROOT / "build/pyarrow/22", "newest": None}
 
 

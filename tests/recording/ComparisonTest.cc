@@ -51,18 +51,9 @@ std::vector<char> converted(const std::vector<double>& values) {
 }
 
 std::vector<char> bytesOfCurve(const Curve& curve) {
-  switch (curve.type) {
-    case Single:
-      return converted<float>(curve.values);
-    case Int32:
-      return converted<std::int32_t>(curve.values);
-    case Int64:
-      return converted<std::int64_t>(curve.values);
-    case Boolean:
-      return converted<char>(curve.values);
-    default:
-      return bytesOf(curve.values);
-  }
+  if (curve.type == Int32) return converted<std::int32_t>(curve.values);
+  if (curve.type == Int64) return converted<std::int64_t>(curve.values);
+  return curve.type == Boolean ? converted<char>(curve.values) : bytesOf(curve.values);
 }
 
 class ComparisonTest : public test::RecordingTest {
@@ -180,6 +171,8 @@ TEST_F(ComparisonCases, Values) {
   // Integers that no double tells apart.
   check(within(1), {{"integers", "int64 0:9007199254740992", "int64 0:9007199254740994", differs, 1,
                      1, 0, 2}});
+  check(within(0, 0, 1), {{"and their range", "int64 0:-1 1:9007199254740992",
+                           "int64 0:9007199254740992 1:9007199254740992", equal, 2}});
   check(within(0, 0.125), {
                               {"part of the reference", "0:-8", "0:-9", equal, 1, 0, {}, 1},
                               {"and not of the other", "0:7", "0:8", differs, 1, 1, 0, 1},
@@ -217,8 +210,14 @@ TEST_F(ComparisonCases, Curves) {
             {"what a jump passes", "0:0 1:0 1:2 1:4 2:4", "0:0 1:0 1:4 2:4", equal, 5},
             {"and integers do not", "int32 0:0 1:0 1:2 1:4 2:4", "int32 0:0 1:0 1:4 2:4", differs,
              5, 1, 1, 2},
+            {"a peak that repeats", "0:0 1:0 1:20 1:9 2:9", "0:0 1:0 1:20 1:20 1:9 2:9", equal, 6},
+            {"and of integers", "int32 0:0 1:0 1:20 1:9 2:9", "int32 0:0 1:0 1:20 1:20 1:9 2:9",
+             equal, 6},
+            {"times far apart", "-1e308:0 1e308:4", "-1e308:0 0:2 1e308:4", equal, 3},
             {"a late jump", "0:0 1:0 1:1 2:1", "0:0 1.25:0 1.25:1 2:1", differs, 6, 2, 1, 1},
         });
+  const char* const jump = "int32 0:6 1:6 1:0 2:0";
+  check(within(0.5, 1), {{"nearest", jump, "int32 0:6 1:6 1:2 1:0 2:0", equal, 5, 0, {}, 4}});
 }
 
 TEST_F(ComparisonCases, TimesAndCurves) {
@@ -268,6 +267,11 @@ TEST_F(ComparisonTest, DifferentEndsAreTold) {
   options.needsSameEnds = true;
   EXPECT_EQ(compare(reference, shorter, options).verdict, Verdict::differs);
   EXPECT_EQ(compare(reference, reference, options).verdict, Verdict::equal);
+
+  // The difference of these times is more than any number.
+  const Curve whole{"-1e308:0 1e308:4"};
+  EXPECT_TRUE(compare(whole, "-1e308:0 0:2", within(1e-9)).endsDiffer);
+  EXPECT_EQ(compare(whole, "-1e308:0 1e308:5", within(0, 0, 0, 0.25)).timeTolerance, 5e307);
 
   // Where nothing can be compared, nothing is equal.
   for (const Curve& other : {Curve{{7, 8}, {7, 8}}, Curve{{}, {}}}) {
@@ -377,6 +381,12 @@ TEST_F(ComparisonTest, TextHoldsUntilTheNext) {
   const auto early = text({0, 1.5, 2}, {"off", "on", "on"});
   EXPECT_EQ(found(early, within(0, 0, 0, 0.125)).firstOut, 1.5);
   EXPECT_EQ(found(early, within(0, 0, 0, 0.25)).verdict, Verdict::equal);
+  // The bytes of a bus are no numbers, whatever its data type is.
+  const auto bus = [](const std::vector<double>& times, const std::vector<double>& numbers) {
+    const Samples samples{times, bytesOf(numbers), {{1}}, std::vector<int>(times.size(), 1)};
+    return Signal{{0, "bus", "", "", {}}, samples, Double, Bus};
+  };
+  EXPECT_TRUE(compare({bus({0, 2}, {1, 8})}, {bus({0, 1, 2}, {1, 1, 8})}, within(1)).isEqual());
 }
 
 TEST_F(ComparisonTest, SignalsAreFoundByName) {
@@ -448,9 +458,8 @@ TEST_F(ComparisonTest, LongSignalsAreReadInBlocks) {
   }
   Curve other = reference;
   // The first and last rows of blocks.
-  for (const std::size_t row : {0U, 65'535U, 65'536U, 131'071U, 131'072U, 199'999U}) {
+  for (const std::size_t row : {0U, 65'535U, 65'536U, 131'071U, 131'072U, 199'999U})
     other.values[row] += 3;
-  }
   EXPECT_EQ(compare(reference, other).rowsOut, 6U);
   EXPECT_EQ(compare(reference, other, within(1)).rowsOut, 6U);
   // From the middle on, the other signal has one time more in each block.

@@ -67,7 +67,8 @@ Damage saysInVersion1(void (*edit)(RecordingInfo& info)) {
     info.formatVersion = 1;
     info.records = R"([{"dataStorageId":[1],"signalId":1,"timeStorageId":[0]},
                        {"dataStorageId":[2],"signalId":2,"timeStorageId":[0]},
-                       {"dataStorageId":[3],"signalId":3,"timeStorageId":[-554114]}])";
+                       {"dataStorageId":[3],"signalId":3,"timeStorageId":[-554114]},
+                       {"dataStorageId":[4],"signalId":4,"timeStorageId":[-554114]}])";
     edit(info);
     test::Folder(rec).touch("recording.json", writeRecordingJson(info));
   };
@@ -121,7 +122,7 @@ const Fault kFaults[]{
      },
      "storage/1.parquet: ", true, "storage/1.parquet: "},
     {"file that no signal names", says([](Info& info) { info.signals.pop_back(); }),
-     "storage/3.parquet: no record names it", true},
+     "storage/4.parquet: no record names it", true},
     {"foreign file", replaced("storage/x", ""), "storage/x: no record names it", true},
     {"signals without records", saysInVersion1([](Info& info) { info.records = "[]"; }),
      "signal 1 \"signal 1\" and its record name different files", true},
@@ -135,6 +136,14 @@ const Fault kFaults[]{
      "storage/1.parquet: its rows have the digest ", true},
     {"other bounds", says([](Info& info) { info.files[1].maximum = 7; }),
      "storage/1.parquet: its values are 1 to 3, expected 1 to 7", true},
+    {"other span", says([](Info& info) {
+       info.signals[0].timeSpan = TimeSpan{0, 9};
+     }),
+     "signal 1 \"signal 1\": its times are 0 to 2, expected 0 to 9", true},
+    {"other span of a column", says([](Info& info) {
+       info.signals[3].timeSpan = TimeSpan{0, 9};
+     }),
+     "signal 4 \"signal 4\": its times are 0 to 1, expected 0 to 9", true},
     {"no table of signals", removed("signals.parquet"), "signals.parquet: missing", true},
     {"older table of signals", replaced("signals.parquet", "PAR1"),
      "signals.parquet: damaged, or older or newer than recording.json", true},
@@ -157,11 +166,15 @@ const Fault kFaults[]{
 
 class DamagedRecording : public test::RecordingTest {};
 
-// Signal 1 has the files 0 (time) and 1, signal 2 the files 0 and 2, signal 3 only the file 3.
+// Signal 1 has the files 0 (time) and 1, signal 2 the files 0 and 2, signal 3 only the file 3, and
+// signal 4 has its times in its file 4.
 TEST_F(DamagedRecording, IsNamedByVerifyAndRefusedByOpen) {
   put(pool, 1, ramp({1, 2, 3}));
   put(pool, 2, {{0, 1, 2}, std::vector<char>(12), {{2, 2}}, {}}, Int8, FixedDim);
   put(pool, 3, {{}, {1, 2, 3}, {{1}, {2}}, {}}, Int8, VarDim);
+  parquet::serialization_options::bSharedTimeColumn = false;
+  put(pool, 4, ramp({5, 6}));
+  parquet::serialization_options::bSharedTimeColumn = true;
   for (const Fault& fault : kFaults) {
     SCOPED_TRACE(fault.name);
     saveRecording(pool, {{2, "", "", "", {2, 2}}}, Path::fromFilesystem(rec));

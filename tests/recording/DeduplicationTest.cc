@@ -90,5 +90,40 @@ TEST_P(DeduplicationTest, RefusesEqualDigestsOfDifferentRows) {
   EXPECT_EQ(faults(second), "");
 }
 
+// A link in the place of a file stands for one that has all the names that its file system allows.
+TEST_P(DeduplicationTest, FilesThatGetNoOtherNameAreSharedFromTheNextRecordingOn) {
+  const fs::path first = make("first", 0);
+  const fs::path second = make("second", 0);
+  const fs::path third = make("third", 0);
+  std::size_t linked = 0;
+  for (const char* name : {"0.parquet", "2.parquet", "pack-0.parquet"}) {
+    const fs::path file = first / "storage" / name;
+    if (!fs::exists(file)) continue;
+    ++linked;
+    fs::rename(file, temp.file(name));
+    fs::create_symlink(temp.file(name), file);
+  }
+  recording::Deduplicator deduplicator;
+  deduplicator.add(Path::fromFilesystem(first));
+  const auto report = deduplicator.deduplicate(Path::fromFilesystem(second));
+  EXPECT_EQ(report.sharedContents, 5 - linked);
+  EXPECT_EQ(report.leftAlone, "");
+  const auto last = deduplicator.deduplicate(Path::fromFilesystem(third));
+  EXPECT_EQ(last.sharedContents, 5U) << last.leftAlone;
+  EXPECT_EQ(faults(second) + faults(third), "");
+}
+
+TEST_P(DeduplicationTest, ContentsAreLookedForWhereTheyAreNow) {
+  const fs::path first = make("first", 0);
+  const fs::path second = make("second", 7);
+  const fs::path third = make("third", 7);
+  recording::Deduplicator deduplicator;
+  deduplicator.add(Path::fromFilesystem(first));
+  deduplicator.add(Path::fromFilesystem(second));
+  EXPECT_EQ(deduplicator.deduplicate(Path::fromFilesystem(second)).sharedContents, 4U);
+  EXPECT_EQ(deduplicator.deduplicate(Path::fromFilesystem(third)).sharedContents, 5U);
+  EXPECT_EQ(faults(second) + faults(third), "");
+}
+
 }  // namespace
 }  // namespace kyr::test

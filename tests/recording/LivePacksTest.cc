@@ -1,3 +1,5 @@
+#include "recording/LivePacksTest.h"
+
 #include <arrow/api.h>
 #include <arrow/util/key_value_metadata.h>
 #include <fmt/format.h>
@@ -9,12 +11,9 @@
 #include "files/growing/GrowingFile.h"
 #include "files/pack/GrowingPack.h"
 #include "files/pack/PackSchema.h"
-#include "kyr/recording/LiveRecording.h"
-#include "kyr/recording/RecordingReader.h"
 #include "kyr/recording/Recovery.h"
 #include "platform/DiskFile.h"
 #include "recording/LiveFormat.h"
-#include "recording/RecordingTest.h"
 #include "recording/SampleSignals.h"
 
 // Rows of many signals between two flushes lie together in growing packs.
@@ -26,60 +25,6 @@ using test::bytesOf;
 using test::errorOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using Values = std::vector<double>;
-
-class LivePacksTest : public test::RecordingTest {
- protected:
-  LivePacksTest() { options.storage.batchRows = 1000; }
-
-  Path path() const { return Path::fromFilesystem(rec); }
-
-  void begin(int count) {
-    live = std::make_unique<LiveRecording>(path(), options);
-    for (int id = 1; id <= count; ++id) add(id);
-  }
-  void add(int id) {
-    streams.push_back(live->addSignal({id, fmt::format("s{}", id), "V", "", {}}, Double, Scalar));
-  }
-  static double valueOf(int id, int row) { return id * 1e6 + row; }
-  void append(std::size_t signal, int from, int to) {
-    std::vector<double> times;
-    std::vector<double> values;
-    for (int i = from; i < to; ++i) {
-      times.push_back(i);
-      values.push_back(valueOf(int(signal) + 1, i));
-    }
-    streams[signal]->appendTime(times.data(), times.size());
-    streams[signal]->appendData(values.data(), values.size() * sizeof(double), {}, {});
-  }
-  void appendAll(int from, int to) {
-    for (std::size_t i = 0; i < streams.size(); ++i) append(i, from, to);
-  }
-  // Leaves the folder as a crash now would.
-  void crash() {
-    crashBefore([this] {
-      streams.clear();
-      live.reset();
-    });
-  }
-  test::Names stored() const { return test::Folder(rec / "storage").names(); }
-
-  static void expectRows(RecordingReader& reader, int id, std::uint64_t rows) {
-    ASSERT_EQ(reader.sampleCount(id), rows) << id;
-    Values values(rows);
-    ASSERT_EQ(reader.readElements(id, {0, rows}, values.data(), rows * sizeof(double)), rows);
-    for (std::uint64_t i = 0; i < rows; ++i) {
-      ASSERT_EQ(values[i], valueOf(id, int(i))) << id << " at " << i;
-    }
-    ASSERT_EQ(reader.timeCount(id), rows);
-    const auto times = reader.times(id, {0, rows});
-    for (std::uint64_t i = 0; i < rows; ++i) ASSERT_EQ(times[i], double(i));
-  }
-
-  LiveOptions options;
-  std::unique_ptr<LiveRecording> live;
-  std::vector<std::shared_ptr<parquet::StreamableSignal>> streams;
-};
 
 // Few rows go to the pack, full batches to files, and the packs that most rows have left are
 // replaced. A reader that is open all the while, and a new one, see every row after each flush.
@@ -256,46 +201,37 @@ TEST_F(LivePacksTest, ManySignalsAreFinishedInPacks) {
   expectAll();
 }
 
-// The pool's memory is bounded whatever the number of signals; what leaves it is read from disk.
-TEST_F(LivePacksTest, MemoryIsBoundedForAllSignalsTogether) {
-  options.storage.memoryTotal = 100'000;
-  options.storage.batchRows = 1 << 20U;
-  begin(10);
-  for (int from = 0; from < 5000; from += 50) appendAll(from, from + 50);
-  EXPECT_GE(stored().size(), 5U);
-  live->flush();
-  RecordingReader reader(path());
-  for (int id = 1; id <= 10; ++id) expectRows(reader, id, 5000);
-  live->finish();
-  EXPECT_EQ(faults(rec), "");
-}
-
 // Samples of many sizes are read across the end of the file and the packs behind it.
 TEST_F(LivePacksTest, ListsAreReadBehindTheirFile) {
-  options.storage.batchRows = 40;
-  begin(2);
-  const auto stream = live->addSignal({3, "lists", "", "", {}}, Double, VarDim);
-  Values all;
-  const auto appendLists = [&](int count) {
-    for (int i = 0; i < count; ++i) {
-      const Values sample(all.size() % 3 + 1, double(all.size()));
-      stream->appendData(sample.data(), sample.size() * sizeof(double), {{sample.size()}}, {});
-      all.insert(all.end(), sample.begin(), sample.end());
+  for (const std::size_t memory : {1U << 20U, 300U}) {
+    SCOPED_TRACE(memory);
+    options.storage.memoryTotal = memory;
+    options.storage.batchRows = 40;
+    begin(2);
+    const auto stream = live->addSignal({3, "lists", "", "", {}}, Double, VarDim);
+    Values all;
+    const auto appendLists = [&](int count) {
+      for (int i = 0; i < count; ++i) {
+        const Values sample(all.size() % 3 + 1, double(all.size()));
+        stream->appendData(sample.data(), sample.size() * sizeof(double), {{sample.size()}}, {});
+        all.insert(all.end(), sample.begin(), sample.end());
+      }
+    };
+    for (const int count : {45, 5, 6}) {
+      appendLists(count);
+      live->flush();
     }
-  };
-  for (const int count : {45, 5, 6}) {
-    appendLists(count);
-    live->flush();
+    const auto expectAll = [&] {
+      const SampleRows rows = RecordingReader(path()).read(3);
+      EXPECT_EQ(rows.dimensions.size(), 56U);
+      EXPECT_EQ(rows.bytes, bytesOf(all));
+    };
+    expectAll();
+    crash();
+    EXPECT_FALSE(recoverRecording(path()).hasLosses());
+    expectAll();
+    fs::remove_all(rec);
   }
-  const auto expectAll = [&] {
-    const SampleRows rows = RecordingReader(path()).read(3);
-    EXPECT_EQ(rows.dimensions.size(), 56U);
-    EXPECT_EQ(rows.bytes, bytesOf(all));
-  };
-  expectAll();
-  crash();
-  EXPECT_FALSE(recoverRecording(path()).hasLosses());
-  expectAll();
 }
 
 // A crash while a content gets its file leaves its rows in the packs.
@@ -390,6 +326,41 @@ TEST_F(LivePacksTest, FailedFlushesKeepWhatIsAcknowledged) {
   EXPECT_FALSE(recoverRecording(path()).hasLosses());
   RecordingReader reader(path());
   for (const int id : {1, 2}) expectRows(reader, id, 20);
+}
+
+// A flush that ends between its list and its line leaves what the flush before acknowledged, also
+// of a signal that has forgotten these rows, and got others or none.
+TEST_F(LivePacksTest, RowsThatWereForgottenAreThereUntilTheJournalSaysOtherwise) {
+  for (const auto& [type, rows] : {std::pair(Double, 5), {Double, 40}, {Single, 40}, {Double, 0}}) {
+    for (const std::string& left : {std::string(), std::string("3 4 "), std::string(8, '\0'),
+                                    std::string(8, '\0') + std::string(80, '9') + "\n"}) {
+      SCOPED_TRACE(fmt::format("{} rows of type {}", rows, int(type)));
+      begin(2);
+      appendAll(0, 20);
+      live->flush();
+      const std::string journal = test::Folder(rec).contents("recording.journal");
+      streams[1]->resetData();
+      streams[1]->setDataType(type);
+      const std::string samples(std::size_t(rows) * (type == Single ? 4 : 8), 'x');
+      if (rows > 0) {
+        streams[1]->appendTime(Values(std::size_t(rows), -1).data(), std::size_t(rows));
+        streams[1]->appendData(samples.data(), samples.size(), {}, {});
+      }
+      append(0, 20, 30);
+      live->flush();
+      crash();
+      test::Folder(rec).touch("recording.journal", journal + left);
+      {
+        RecordingReader reader(path());
+        for (const int id : {1, 2}) expectRows(reader, id, 20);
+      }
+      recoverRecording(path());
+      EXPECT_EQ(faults(rec), "");
+      RecordingReader reader(path());
+      expectRows(reader, 2, 20);
+      fs::remove_all(rec);
+    }
+  }
 }
 
 // Packs that were made to harm say that they have more rows of a content, in other columns.

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <functional>
 #include <random>
 #include <stdexcept>
 
@@ -16,6 +17,7 @@ namespace {
 using Part = parquet::StreamableSignal::SignalPart;
 using test::errorOf;
 using ::testing::AllOf;
+using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Values = std::vector<double>;
@@ -170,6 +172,106 @@ TEST_F(LiveRecordings, FinishLeavesRowsWithoutPartnerOutAndTellsThem) {
   }
 }
 
+// Two signals are cut to rows in which their longer times, which differ later, are still the same.
+TEST_F(LiveRecordings, SignalsThatAreCutWhereTheirTimesWereSharedShareThem) {
+  live = std::make_unique<LiveRecording>(path(), options);
+  Values other = sloped(10, 1);
+  for (std::size_t i = 5; i < other.size(); ++i) other[i] += 0.5;
+  const Values rows[] = {sloped(10, 1), other, sloped(10, 1), other};
+  for (int id = 1; id <= 4; ++id) {
+    const auto signal = live->addSignal({id, "", "", "", {}}, Double, Scalar);
+    const Values& times = rows[id - 1];
+    signal->appendTime(times.data(), times.size());
+    signal->appendData(sloped(10, id).data(), (id <= 2 ? 10 : 3) * sizeof(double), {}, {});
+  }
+  EXPECT_EQ(live->finish().unpaired.size(), 2U);
+  EXPECT_EQ(faults(rec), "");
+  const auto signals = describeRecording(path()).signals;
+  EXPECT_EQ(signals[2].timeStorageId, signals[3].timeStorageId);
+  EXPECT_NE(signals[0].timeStorageId, signals[1].timeStorageId);
+}
+
+TEST_F(LiveRecordings, RowsOfASignalThatThePoolLostAreThereUntilTheRecordingIsFinished) {
+  for (const bool crashes : {true, false}) {
+    fs::remove_all(rec);
+    begin();
+    append(*a, 0, 40, 1);
+    append(*b, 0, 40, 2);
+    live->flush();
+    live->pool().deleteSignal(1);
+    live->pool().getStreamableSignal(1);  // another one
+    append(*a, 40, 50, 1);
+    append(*b, 40, 50, 2);
+    live->flush();
+    EXPECT_EQ(RecordingReader(path()).sampleCount(1), 50U);
+    if (crashes) {
+      crash();
+      recover();
+      expectSignal(1, 50, 1);
+    } else {
+      live->finish();
+      EXPECT_EQ(describeRecording(path()).signals[0].rowCount, 0U);
+    }
+    expectSignal(2, 50, 2);
+    EXPECT_EQ(faults(rec), "");
+    live.reset();
+  }
+}
+
+TEST_F(LiveRecordings, SignalsOfThePoolStoreNothingInAClosedRecording) {
+  using Signal = parquet::StreamableSignal;
+  const std::function<void(Signal&)> calls[] = {
+      [](Signal& signal) {
+        append(signal, 40, 80, 1);
+        signal.flush();
+      },
+      [](Signal& signal) { signal.finish(); },
+      [](Signal& signal) { signal.flush(); },
+  };
+  for (const bool finishes : {true, false}) {
+    for (const auto& call : calls) {
+      fs::remove_all(rec);
+      begin();
+      append(*a, 0, 40, 1);
+      append(*b, 0, 40, 2);
+      live->flush();
+      const auto held = live->pool().getStreamableSignal(1);
+      const auto fresh = live->pool().getStreamableSignal(7);
+      fresh->setDataType(Double);
+      fresh->setCategory(Scalar);
+      append(*fresh, 100, 140, 3);
+      const auto lost = live->pool().getStreamableSignal(2);
+      live->pool().deleteSignal(2);
+      if (finishes) {
+        live->finish();
+      } else {
+        crash();
+        recover();
+      }
+      for (const auto& signal : {held, fresh, lost}) {
+        const std::string error = errorOf([&] { call(*signal); });
+        EXPECT_THAT(error, AnyOf("", HasSubstr("its recording is closed")));
+      }
+      if (a) a->finish();
+      live.reset();
+      EXPECT_EQ(faults(rec), "");
+      expectSignal(1, 40, 1);
+    }
+  }
+}
+
+TEST_F(LiveRecordings, PoolsInAnotherDirectoryAcknowledgeNothing) {
+  begin();
+  append(*a, 0, 40, 1);
+  append(*b, 0, 40, 2);
+  live->flush();
+  live->pool().setParquetDirectory(Path::fromFilesystem(temp.file("other")));
+  EXPECT_THAT(errorOf([&] { live->flush(); }), HasSubstr("has another directory"));
+  crash();
+  recover();
+  expectSignal(1, 40, 1);
+}
+
 // What a flush acknowledged can be finished and recovered, however long the names are.
 TEST_F(LiveRecordings, LongNamesOfManySignalsCanBeFinished) {
   live = std::make_unique<LiveRecording>(path(), options);
@@ -186,6 +288,19 @@ TEST_F(LiveRecordings, LongNamesOfManySignalsCanBeFinished) {
   }
   crash();
   EXPECT_EQ(recover().signals.size(), signals.size());
+  EXPECT_EQ(faults(rec), "");
+}
+
+TEST_F(LiveRecordings, ADeletedSignalDoesNotComeBack) {
+  begin();
+  append(*a, 0, 40, 1);
+  live->flush();
+  live->pool().deleteSignal(1);
+  EXPECT_THAT(errorOf([&] {
+                live->addSignal({1, "again", "", "", {}}, Double, Scalar);
+              }),
+              HasSubstr("signal 1 was added before"));
+  live->finish();
   EXPECT_EQ(faults(rec), "");
 }
 
@@ -236,6 +351,15 @@ TEST_F(LiveRecordings, OthersReadAlong) {
   EXPECT_EQ(samplesOf(3, 3), Values({21, 28}));
   EXPECT_EQ(reader.rowsBetween(1, 3.9, 4.05), std::vector<RowRange>({{39, 41}}));
   EXPECT_EQ(reader.timeSpan(1)->to, 5.9);
+  // A span with an infinite time is none, as in a finished recording.
+  const double never = std::numeric_limits<double>::infinity();
+  const auto endless = live->addSignal({4, "endless", "", "", {}}, Double, Scalar);
+  append(*endless, 0, 1, 1);
+  endless->appendTime(&never, 1);
+  live->flush();
+  ASSERT_TRUE(reader.refresh());
+  EXPECT_EQ(reader.timeCount(4), 2U);
+  EXPECT_FALSE(reader.timeSpan(4));
   for (const std::string& error :
        {errorOf([&] { describeRecording(path()); }), errorOf([&] { openRecording(path()); }),
         errorOf([&] { verifyRecording(path()); }), errorOf([&] { recover(); })}) {
@@ -327,12 +451,14 @@ TEST_F(LiveRecordings, LostRowsAreTold) {
   const auto state = describeLiveRecording(path());
   const fs::path file = rec / "storage" / storageName(*state.signals[1].dataStorageId);
   fs::resize_file(file, fs::file_size(file) / 2);
+  const std::string missing = errorOf([&] { RecordingReader(path()).read(2, {97, 98}); });
   const RecoveryResult result = recover();
   ASSERT_EQ(result.signals.size(), 2U);
   EXPECT_EQ(result.signals[0].rowsLost, 0U);
   const RecoveredSignal& lost = result.signals[1];
   EXPECT_EQ(lost.rowsKept + lost.rowsLost, 100U);
   EXPECT_EQ(lost.rowsKept % 16, 0U);
+  EXPECT_THAT(missing, HasSubstr(fmt::format("{0} rows: row {0} and those", lost.rowsKept)));
   ASSERT_TRUE(lost.secondsLost);
   EXPECT_NEAR(*lost.secondsLost, static_cast<double>(lost.rowsLost) / 10, 1e-9);
   EXPECT_EQ(faults(rec), "");

@@ -4,7 +4,9 @@
 
 #include "kyr/parquet/SafeStorage.h"
 #include "kyr/parquet/StreamableSignal.h"
+#include "kyr/recording/RecordingReader.h"
 #include "recording/FolderFiles.h"
+#include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
 #include "recording/RecordingTest.h"
 #include "recording/SampleSignals.h"
@@ -235,6 +237,32 @@ TEST_F(PackedRecording, DamageIsNamed) {
     EXPECT_THAT(error, HasSubstr(fault.says));
     EXPECT_THAT(error, HasSubstr("pack-"));
     fs::remove_all(rec);
+  }
+}
+
+// Storage ids may be negative, unlike the numbers of packs.
+TEST_F(PackedRecording, FilesOfAnyNumbersAreReadBesidePacks) {
+  parquet::SignalPool stored{holding(1000)};
+  storeFour(stored);
+  pack(stored, rec);
+  const fs::path plain = temp.file("plain");
+  saveRecording(stored, {}, Path::fromFilesystem(plain));
+  RecordingInfo info = describeRecording(Path::fromFilesystem(rec));
+  for (const int id : {-1, -2, -3, 100}) {
+    FileInfo file = describeRecording(Path::fromFilesystem(plain)).files[0];
+    fs::copy(storagePath(plain, file.storageId), storagePath(rec, id));
+    file.storageId = id;
+    info.files.push_back(file);
+    info.signals.push_back(info.signals[0]);
+    info.signals.back().signalId = 10 + id;
+    info.signals.back().timeStorageId = id;
+  }
+  test::Folder(rec).touch("recording.json", writeRecordingJson(info));
+  EXPECT_EQ(faults(rec), "");
+  RecordingReader reader(Path::fromFilesystem(rec));
+  for (const SignalInfo& signal : info.signals) {
+    reader.read(signal.signalId);
+    EXPECT_EQ(reader.timeCount(signal.signalId), signal.rowCount);
   }
 }
 

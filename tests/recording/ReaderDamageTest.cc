@@ -126,7 +126,7 @@ void replace(const fs::path& file, const ::arrow::Table& table) {
   test::writeForeignFile(file, table);
 }
 
-// Whatever storage/1.parquet is, the samples of signal 1 are refused and named, and the others stay.
+// Whatever storage/1.parquet is, the samples of signal 1 are refused and named. The others stay.
 TEST_F(ReaderTest, FilesThatAreNotAsDescribedAreRefused) {
   const auto& doubles = ::arrow::float64();
   const auto lists = ::arrow::list(::arrow::int8());

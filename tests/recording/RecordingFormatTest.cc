@@ -3,8 +3,11 @@
 #include <cmath>
 #include <functional>
 #include <limits>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <stdexcept>
+#include <tuple>
 
 #include "recording/Checksum.h"
 #include "recording/LiveFormat.h"
@@ -104,6 +107,35 @@ TEST(RecordingFormat, EveryMemberComesBackHoweverTheTextIsLaidOut) {
   }
 }
 
+TEST(RecordingFormat, WhatGoesWithoutSayingIsLeftOutSinceVersion3) {
+  for (const int version : {1, 2, 3}) {
+    RecordingInfo info = sample(version);
+    SignalInfo& signal = info.signals[0];
+    signal.unit = signal.description = "";
+    signal.dimensions.clear();
+    signal.compression = "uncompressed";
+    info.signals[1].compression = "";  // without a file
+    const json document = json::parse(writeRecordingJson(info));
+    const json& written = document["signals"];
+    const std::map<std::string, json> plain{{"unit", ""},
+                                            {"description", ""},
+                                            {"dimensions", json::array()},
+                                            {"compression", "uncompressed"}};
+    for (const auto& [name, value] : plain) {
+      EXPECT_EQ(written[0].value(name, json()), version < 3 ? value : json()) << name;
+      EXPECT_TRUE(written[1].contains(name)) << name;
+    }
+    json complete = document;
+    for (const auto& [name, value] : plain) complete["signals"][0][name] = value;
+    for (const json& variant : {document, complete}) {
+      const RecordingInfo read = readRecordingJson(sealed(variant), "rec");
+      EXPECT_EQ(writeRecordingJson(read), writeRecordingJson(info));
+      EXPECT_EQ(read.signals[0].compression, "uncompressed");
+      EXPECT_EQ(read.signals[1].compression, "");
+    }
+  }
+}
+
 struct Fault {
   const char* edit;  // new values by path; "-" removes one
   const char* says;
@@ -145,6 +177,7 @@ const Fault kFaults[]{
     {R"({"packs/1": {"pack": 3, "size": 1, "rowCount": 1,
                      "xxh3_128": "00000000000000000000000000000000"}})",
      R"("packs" lists pack 3 twice)"},
+    {R"({"packs/0/pack": -2, "files/1/pack": -2})", R"("packs" lists pack -2, expected 0 or more)"},
     {R"({"files/0/xxh3_128": "short"})", "files[0].xxh3_128 is no checksum"},
     {R"({"files/0/blocks_xxh3_64": "000000000000000g"})", "files[0].blocks_xxh3_64 is no sequence"},
     {R"({"files/0/blocks_xxh3_64": "00000000000000000000000000000000"})",
@@ -153,7 +186,7 @@ const Fault kFaults[]{
     {R"({"files/0/content_xxh3_128": ""})", "files[0].content_xxh3_128 is no checksum"},
     {R"({"files/0/minimum": "1"})", R"(files[0].minimum is "1", expected a number)"},
     {R"({"files/0/maximum": []})", "files[0].maximum is an array, expected a number"},
-    {R"({"signals/0/unit": "-"})", R"(signals[0] has no "unit")"},
+    {R"({"signals/0/name": "-"})", R"(signals[0] has no "name")"},
     {R"({"files/0/size": "-"})", R"(files[0] has no "size")"},
     {R"({"files/1/firstRow": "-"})", R"(files[1] has no "firstRow")"},
     {R"({"packs": "-"})", R"(the document has no "packs")"},
@@ -214,6 +247,30 @@ TEST(RecordingFormat, DeepTextsAreRefusedEverywhere) {
   for (const std::string& records :
        {deep, R"([{"dataStorageId":)" + deep + R"(,"signalId":1,"timeStorageId":[1]}])"}) {
     EXPECT_NE(errorOf([&] { parquet::readSignalRecords(records, [](const auto&) {}); }), "");
+  }
+}
+
+TEST(RecordingFormat, ALiveRecordingHasEachSignalOnce) {
+  LiveDescription live;
+  live.signals = sample(1).signals;
+  EXPECT_EQ(readLiveJson(writeLiveJson(live), "live").signals.size(), 2U);
+  live.signals[1].signalId = live.signals[0].signalId;
+  EXPECT_THAT(errorOf([&] { readLiveJson(writeLiveJson(live), "live.json"); }),
+              AllOf(HasSubstr("live.json: "), HasSubstr("twice")));
+  // The one that names files counts, or else the later one.
+  live.signals[0].name = "earlier";
+  live.signals[1].name = "later";
+  const auto nameFiles = [](SignalInfo& signal, bool names) {
+    signal.timeStorageId.reset();
+    signal.dataStorageId = names ? std::optional(7) : std::nullopt;
+  };
+  for (const auto& [first, second, kept] :
+       {std::tuple(true, false, 0), {false, true, 1}, {true, true, 1}, {false, false, 1}}) {
+    nameFiles(live.signals[0], first);
+    nameFiles(live.signals[1], second);
+    const auto found = salvageSignals(writeLiveJson(live));
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0].name, live.signals[std::size_t(kept)].name);
   }
 }
 

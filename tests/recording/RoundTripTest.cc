@@ -109,26 +109,32 @@ TEST_F(GoldenRecording, ReadsAsOnTheDayItWasMadeAndIsSavedInTheNewestVersion) {
 
 TEST_F(GoldenRecording, ThatWasNotFinishedIsReadAndRecovered) {
   const auto signals = test::sampleSignals();
-  fs::copy(fs::path(KYR_TEST_DATA) / "golden-live-v2", rec, fs::copy_options::recursive);
-  const Path folder = Path::fromFilesystem(rec);
-  EXPECT_EQ(describeLiveRecording(folder).formatVersion, 2);
-  for (const bool isRecovered : {false, true}) {
-    if (isRecovered) {
-      EXPECT_FALSE(recoverRecording(folder).hasLosses());
+  for (const int version : {1, 2}) {
+    const fs::path live = temp.file(fmt::format("live-{}", version));
+    fs::copy(fs::path(KYR_TEST_DATA) / fmt::format("golden-live-v{}", version), live,
+             fs::copy_options::recursive);
+    const Path folder = Path::fromFilesystem(live);
+    EXPECT_EQ(describeLiveRecording(folder).formatVersion, version);
+    for (const bool isRecovered : {false, true}) {
+      if (isRecovered) {
+        EXPECT_FALSE(recoverRecording(folder).hasLosses());
+      }
+      RecordingReader reader(folder);
+      ASSERT_EQ(reader.signals().size(), 12U);
+      for (std::size_t i = 0; i < signals.size(); i += 4) {
+        const SampleRows rows = reader.read(signals[i].description.signalId);
+        EXPECT_EQ(rows.times, signals[i].samples.time);
+        EXPECT_EQ(rows.bytes, signals[i].samples.data) << signals[i].description.name;
+      }
     }
-    RecordingReader reader(folder);
-    ASSERT_EQ(reader.signals().size(), 12U);
-    for (std::size_t i = 0; i < signals.size(); i += 4) {
-      const SampleRows rows = reader.read(signals[i].description.signalId);
-      EXPECT_EQ(rows.times, signals[i].samples.time);
-      EXPECT_EQ(rows.bytes, signals[i].samples.data) << signals[i].description.name;
+    EXPECT_EQ(faults(live), "");
+    Recording opened = open(live);
+    EXPECT_EQ(opened.info().formatVersion, kFormatVersion);
+    if (version == 2) {
+      EXPECT_EQ(opened.info().attributes.at("model"), "\"golden\"");
     }
+    expectSamples(opened, signals, 4);
   }
-  EXPECT_EQ(faults(rec), "");
-  Recording opened = open(rec);
-  EXPECT_EQ(opened.info().formatVersion, kFormatVersion);
-  EXPECT_EQ(opened.info().attributes.at("model"), "\"golden\"");
-  expectSamples(opened, signals, 4);
 }
 
 class OpenedRecording : public test::RecordingTest {

@@ -6,10 +6,13 @@
 #include <xxhash.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <limits>
 #include <random>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 
 #include "files/growing/FileRecovery.h"
@@ -23,6 +26,7 @@
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingTest.h"
 #include "recording/ReplaceFolder.h"
+#include "recording/SignalTable.h"
 #include "support/FaultyDisk.h"
 
 namespace kyr::recording {
@@ -69,6 +73,20 @@ TEST_F(SaveRecording, SignalWithoutASampleIsSound) {
   const SignalInfo info = open(rec).info().signals[1];
   EXPECT_EQ(info.rowCount, 0U);
   EXPECT_FALSE(info.timeSpan);
+}
+
+TEST_F(SaveRecording, InfiniteTimesHaveNoSpanInAnyFile) {
+  constexpr double kInfinite = std::numeric_limits<double>::infinity();
+  put(pool, 2, {{0, kInfinite}, {1, 2}, {}, {}}, Int8);
+  parquet::serialization_options::bSharedTimeColumn = false;
+  put(pool, 3, {{-kInfinite, 0}, {1, 2}, {}, {}}, Int8);
+  put(pool, 4, {{1, 2}, {1, 2}, {}, {}}, Int8);
+  save(rec);
+  EXPECT_EQ(faults(rec), "");
+  const RecordingInfo info = describeRecording(Path::fromFilesystem(rec));
+  EXPECT_FALSE(info.signals[1].timeSpan || info.signals[2].timeSpan);
+  EXPECT_TRUE(info.signals[0].timeSpan && info.signals[3].timeSpan);
+  EXPECT_TRUE(signalTable(info) == Folder(rec).contents("signals.parquet"));
 }
 
 TEST_F(SaveRecording, FolderMayBeNamedInManyWays) {
@@ -352,6 +370,35 @@ TEST_F(SaveRecording, KilledLeavesTheOldRecordingOrTheNewOne) {
               test::bytesOf(std::vector<int>(100, found)));
     saved = found;
   }
+}
+
+// An editor replaces its file in the older folder or in the newer one.
+TEST_F(SaveRecording, WhatOthersSaveMeanwhileIsKept) {
+  using Clock = std::chrono::steady_clock;
+  saveWithForeignEntries();
+  const auto start = Clock::now();
+  save(rec);
+  const std::chrono::nanoseconds longest = Clock::now() - start;
+  const Folder beside(temp.path().toFilesystem());
+  for (int round = 0; round < 100; ++round) {
+    const std::string text = std::to_string(round);
+    std::thread editor([&] {
+      std::this_thread::sleep_for(longest * (round % 20) / 20);
+      for (const auto& name : {std::string("notes.txt"), "plots/" + text}) {
+        beside.touch("edited", text);
+        // Its folder may be renamed meanwhile.
+        for (std::error_code error(1, std::generic_category()); error;) {
+          fs::rename(temp.file("edited"), rec / name, error);
+        }
+      }
+    });
+    save(rec);
+    editor.join();
+    ASSERT_EQ(Folder(rec).contents("notes.txt"), text);
+    ASSERT_EQ(Folder(rec).contents("plots/" + text), text);
+  }
+  EXPECT_EQ(Folder(rec).contents("plots/old/a.svg"), "<svg/>");
+  EXPECT_EQ(temp.names(), (std::set<std::string>{"rec", "store"}));
 }
 
 TEST_F(SaveRecording, ReaderGoesOnWithWhatASaveKept) {

@@ -26,6 +26,18 @@ using test::Names;
 using test::Samples;
 using ::testing::HasSubstr;
 
+// Lends whole files.
+class FileLender final : public Lender {
+ public:
+  std::optional<std::uint64_t> rowsOf(int id) const override {
+    return files.count(id) > 0 ? std::optional(files.at(id)->rows()) : std::nullopt;
+  }
+  ContentSummary summaryOf(int /*id*/) const override { return {}; }
+  std::shared_ptr<ContentReader> open(int id) override { return files.at(id); }
+
+  std::map<int, std::shared_ptr<ContentReader>> files;
+};
+
 // Files "4" (times) and "9" (int16) of somebody else, and a pool in which signal 1 is over them.
 class BorrowedFiles : public test::RecordingTest {
  protected:
@@ -49,15 +61,16 @@ class BorrowedFiles : public test::RecordingTest {
   // Makes a signal over the files.
   void borrow(int signalId) {
     SignalPoolImpl& impl = PoolAccess::of(*borrower);
+    auto lender = std::make_shared<FileLender>();
     for (const int id : {4, 9}) {
-      auto reader =
+      lender->files[id] =
           std::make_shared<ContentReader>(std::make_shared<InputFile>(std::make_shared<DiskFile>(
                                               others.file(id), DiskFile::Mode::readOnly)),
                                           std::make_shared<RowGroupCache>());
-      impl.sharedStore()->offer(id, {reader->rows(), {}, [reader] { return reader; }});
     }
+    impl.sharedStore()->offer(lender);
     impl.adopt({signalId, 4, 9});
-    impl.sharedStore()->dropOffers();
+    impl.sharedStore()->endOffers();
   }
   std::shared_ptr<ParquetSignal> borrowed() {
     auto signal = borrower->getSignal(1);

@@ -152,19 +152,21 @@ class Replay {
     StreamableSignal& stream = signal(op.signal);
     switch (op.what) {
       case Op::time: {
-        const Rows rows = next(kTime, model.time, op);
-        const Chunk chunk = chunkOf(kTime, rows);
-        std::vector<double> times(rows.size() + 1);
-        std::memcpy(times.data(), chunk.bytes.data(), chunk.bytes.size());
-        attempt([&] { stream.appendTime(times.data(), rows.size()); });
+        for (const Rows& rows : next(kTime, model.time, op)) {
+          const Chunk chunk = chunkOf(kTime, rows);
+          std::vector<double> times(rows.size() + 1);
+          std::memcpy(times.data(), chunk.bytes.data(), chunk.bytes.size());
+          attempt([&] { stream.appendTime(times.data(), rows.size()); });
+        }
         break;
       }
       case Op::data: {
-        const Rows rows = next(kindOf(op.signal), model.data, op);
-        const Chunk chunk = chunkOf(kindOf(op.signal), rows);
-        attempt([&] {
-          stream.appendData(chunk.bytes.data(), chunk.bytes.size(), chunk.dims, chunk.sizes);
-        });
+        for (const Rows& rows : next(kindOf(op.signal), model.data, op)) {
+          const Chunk chunk = chunkOf(kindOf(op.signal), rows);
+          attempt([&] {
+            stream.appendData(chunk.bytes.data(), chunk.bytes.size(), chunk.dims, chunk.sizes);
+          });
+        }
         break;
       }
       case Op::finish:
@@ -215,13 +217,17 @@ class Replay {
     FeatureFlag::set("fKYRUseParquetRowGroup", false);
   }
 
-  // The next rows of content op.c. op.a says how many; sometimes they are more than a batch.
-  static Rows next(const Kind& kind, Rows& model, const Op& op) {
+  // The next rows of content op.c, as they are appended. op.a says how many; sometimes they are
+  // more than a batch, and sometimes they come one by one.
+  static std::vector<Rows> next(const Kind& kind, Rows& model, const Op& op) {
     Rows rows;
-    const unsigned count = op.b % 8 == 0 ? op.a % 40 : op.a % 5;
+    const unsigned count = op.b % 8 < 2 ? op.a % 40 : op.a % 5;
     for (unsigned i = 0; i < count; ++i) rows.push_back(rowOf(kind, op.c % 4, model.size() + i));
     model.insert(model.end(), rows.begin(), rows.end());
-    return rows;
+    if (op.b % 8 != 1) return {rows};
+    std::vector<Rows> single;
+    for (const Row& row : rows) single.push_back({row});
+    return single;
   }
 
   void applyWhole(const Op& op, Model& model) {
@@ -300,6 +306,13 @@ class Replay {
     std::vector<Shape> dims;
     std::vector<int> sizes;
     StreamableSignal& stream = signal(id);
+    std::size_t times = 0;
+    std::size_t samples = 0;
+    attempt([&] { times = stream.rowCount(Part::time); });
+    attempt([&] { samples = stream.rowCount(Part::data); });
+    if (times != model.time.size() || samples != model.data.size()) {
+      fail(when + ": the number of rows of signal " + std::to_string(id));
+    }
     attempt([&] { stream.getTime(from, from + count, time); });
     attempt([&] { stream.getData(from, from + count, bytes, dims, sizes); });
     compare(cut(model.time), rowsOf(kTime, time, {}, {}), when + ", time", id);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 
 namespace kyr::test::faultyDisk {
@@ -16,13 +17,12 @@ namespace {
 struct State {
   Plan plan;
   bool on = false;
-  int calls = 0;
+  std::atomic<int> calls{0};  // several threads may sync files
 } state;
 
 bool fails() {
   if (!state.on || state.plan.failAt == 0) return false;
-  ++state.calls;
-  const int after = state.calls - state.plan.failAt;
+  const int after = ++state.calls - state.plan.failAt;
   if (after < 0 || after >= state.plan.failures) return false;
   errno = state.plan.error;
   return true;
@@ -46,7 +46,11 @@ Function* next(const char* name) {
 
 }  // namespace
 
-void start(const Plan& plan) { state = {plan, true, 0}; }
+void start(const Plan& plan) {
+  state.plan = plan;
+  state.on = true;
+  state.calls = 0;
+}
 
 int stop() {
   state.on = false;

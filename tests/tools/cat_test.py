@@ -3,6 +3,7 @@
 import os
 import random
 import re
+import resource
 import subprocess
 import unittest
 
@@ -195,6 +196,12 @@ class Output(ToolTest):
         self.assertEqual({file: file.read_bytes() for file in before}, before)
         self.assertEqual(self.cat(recording="new"), self.cat())
         self.assertEqual((self.folder / "out.csv").read_text(), self.cat())
+
+    def test_without_threads_the_text_is_the_same(self):
+        """Threads get the largest stack that a process may have, for which there is no memory."""
+        tool = self.limited(resource.RLIMIT_STACK, 1 << 46, "cat", "rec")
+        self.assertEqual(tool.returncode, 0, tool.stderr)
+        self.assertEqual(tool.stdout, self.cat())
 
     def test_a_full_disk_is_a_failure(self):
         with open("/dev/full", "wb") as full:

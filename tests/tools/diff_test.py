@@ -83,7 +83,9 @@ class Diff(ToolTest):
         self.diff("--map", "gear=stage", "--ignore", "sp*", expect=0)
         self.diff("--map", "gear=stage", "--signals", "gear", "--signals", "t*", expect=0)
         for arguments, exit_code, says in (
-                (("--map", "gear"), 2, "OLD=NEW"), (("--atol", "-1"), 2, "--atol"),
+                (("--map", "gear"), 2, "OLD=NEW"),
+                *((("--atol", text), 2, "--atol: give a finite number from 0 on, not " + text)
+                  for text in ("-1", "nan", "inf", "1e-400", "x")),
                 (("--map", "gear=nothing"), 3, '"nothing"'), (("--signals", "none"), 3, '"none"')):
             with self.subTest(arguments):
                 self.fails("diff", "a", "b", *arguments, says=[says], exit_code=exit_code)

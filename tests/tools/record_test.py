@@ -224,6 +224,9 @@ class WhileItRuns(RecordTest):
         self.assertIn("not finished: kyr recover rec", self.run_tool("info", "rec").stdout)
         self.assertEqual(self.cat(), "time,a [m],b\n0,1,\n1,2,3\n")
         self.fails("cat", "rec", "--follow", says=["kyr recover rec"])
+        for command in (["set", "rec", "a.unit=km"], ["cut", "rec", "new"], ["sql", "rec"],
+                        ["export", "rec", "out.csv"]):
+            self.fails(*command, says=["kyr: rec is not finished: kyr recover rec"])
         self.fails("verify", "rec", says=["kyr recover"])
         self.run_tool("recover", "rec")
         self.run_tool("verify", "rec")
@@ -271,7 +274,7 @@ class Recover(RecordTest):
         expected = self.cat()
         description = self.folder / "rec" / "recording.json"
         text = description.read_text()
-        description.write_text(text.replace('"compression"', '"compressioN"', 1))
+        description.write_text(text.replace('"timeSpan"', '"timeSpaN"', 1))
         self.fails("cat", "rec", says=["damaged"])
         self.run_tool("recover", "rec", expect=3)
         self.assertEqual(self.cat(), expected)

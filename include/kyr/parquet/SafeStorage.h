@@ -40,7 +40,7 @@ struct SafeStorage {
     /// quarter or more. A codec that is set, for a signal or for all, is used instead. With the
     /// option bDictionary switched off there are no dictionaries.
     smallest,
-    /// As `smallest`, but without numbers split by bytes, which Apache Spark (3.5) reads only with
+    /// Like `smallest`, but without numbers split by bytes, which Apache Spark 3.5 reads only with
     /// spark.sql.parquet.enableVectorizedReader=false.
     portable,
     options,  ///< as the serialization options say
@@ -64,8 +64,11 @@ struct SafeStorage {
   /// what is finished is in its file. Many small signals are stored several times faster so.
   std::size_t holdBelow = 0;
   std::size_t holdTotal = std::size_t{64} << 20;  ///< bytes of all contents in memory at the most
-  /// Bytes of appended rows that the pool keeps in memory at the most, whatever the number of
-  /// signals. Where more would gather, the largest batches are written before they are full.
+  /// Bytes of memory for appended rows at the most, whatever the number of signals. Memory grows by
+  /// doubling, and what rows do not fill yet counts, too. Where more would be taken, the largest
+  /// batches are written before they are full. Not counted are the objects of a signal, with the
+  /// last few rows that came one by one, and rows of signals that repeat what is on disk: up to a
+  /// batch of each waits to be compared with it.
   std::size_t memoryTotal = std::size_t{256} << 20;
 };
 

@@ -69,13 +69,13 @@ struct DescriptionDifference {
 /// \brief An element of a sample, and what the other curve has there.
 struct KYR_PARQUET_EXPORT ComparedSample {
   double time = 0;             ///< [s]; the row number for signals without times
-  std::uint64_t row = 0;       ///< of the reference: the latest one at or before the time
-  std::uint64_t otherRow = 0;  ///< of the other signal, likewise
+  std::uint64_t row = 0;       ///< the reference's latest row at or before the time
+  std::uint64_t otherRow = 0;  ///< the same for the other signal
   std::uint64_t element = 0;   ///< in the order of memory
   double reference = 0;        ///< NaN for blobs, as is `other`
   double other = 0;
   double error = 0;      ///< |reference - other|; infinite if one of them is no finite number
-  double tolerance = 0;  ///< that holds there
+  double tolerance = 0;  ///< the tolerance at this place
 
   /// \brief The error over its tolerance: above 1 if the sample is out; infinite without tolerance.
   double excess() const;
@@ -99,10 +99,10 @@ struct SignalComparison {
   std::uint64_t referenceRows = 0;
   std::uint64_t otherRows = 0;
   /// Places where either signal has a sample: in the span of both, or without tolerances anywhere.
-  /// A sample of each at the same time are one place.
+  /// Two samples at the same time, one in each signal, are one place.
   std::uint64_t rowsCompared = 0;
-  std::uint64_t rowsOut = 0;  ///< of these
-  /// Of these, times that the other signal does not have. They are counted without tolerances, and
+  std::uint64_t rowsOut = 0;  ///< those of them that differ by more than the tolerance
+  /// Rows out whose time the other signal does not have. They are counted without tolerances, and
   /// for samples of varying shape.
   std::uint64_t rowsOnlyInReference = 0;
   std::uint64_t rowsOnlyInOther = 0;
@@ -114,7 +114,7 @@ struct SignalComparison {
   std::optional<TimeSpan> comparedSpan;
   bool endsDiffer = false;  ///< spans or numbers of rows, by more than the tolerance of times
 
-  double valueTolerance = 0;  ///< of the first element, without `rtol`
+  double valueTolerance = 0;  ///< what the first element may differ by; `rtol` is left out
   double timeTolerance = 0;   ///< [s]
 };
 
@@ -123,7 +123,7 @@ struct KYR_PARQUET_EXPORT Comparison {
   /// tolerance, or without tolerances by error over value.
   std::vector<SignalComparison> signals;
 
-  /// \brief Whether all signals are.
+  /// \brief Whether all signals are equal, or within the tolerances.
   bool isEqual() const;
   std::uint64_t count(SignalVerdict verdict) const;
 };

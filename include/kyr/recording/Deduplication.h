@@ -11,19 +11,20 @@ namespace kyr::recording {
 
 /// \brief What a Deduplicator did to a recording.
 struct DeduplicationReport {
-  std::uint64_t contents = 0;  ///< of the recording
-  std::uint64_t sharedContents =
-      0;                         ///< of these, the ones in files that other recordings have, too
-  std::uint64_t savedBytes = 0;  ///< of files that nobody else had
-  std::string leftAlone;         ///< why the recording was left as it was; empty if it was not
+  std::uint64_t contents = 0;        ///< how many the recording has
+  std::uint64_t sharedContents = 0;  ///< how many are in files that other recordings have, too
+  std::uint64_t savedBytes = 0;      ///< size of the files that went, less that of new ones
+  std::string leftAlone;             ///< why the recording was left as it was; empty if it was not
 };
 
 /// \brief Lets equal contents of many recordings be one file.
 ///
 /// Contents that have the same digest are compared bit by bit. Those that are equal become hard
-/// links to one file, or copies that share their blocks where the file system has no hard links but
-/// those (reflinks). A pack is shared if most of its rows are contents of both recordings; contents
-/// that are not in it get a pack of their own. A file that is shared keeps its codec and encodings.
+/// links to one file. Where the file system refuses another name for a file, they become copies
+/// that share their blocks on the disk (reflinks). Where it refuses these as well, the contents
+/// stay as they are, and later recordings share them instead. A pack is shared if most of its rows
+/// are contents of both recordings; contents that are not in it get a pack of their own. A file
+/// that is shared keeps its codec and encodings.
 ///
 /// The new recording is written beside the old one, which means recording.json and the contents
 /// that had a pack together with shared ones. It is compared with the old one before it takes its

@@ -52,8 +52,8 @@ struct ValueSpan {
   std::uint64_t firstRow = 0;
   std::uint64_t rows = 0;  ///< 0 if the value is that of the row before the window
   bool isMixed = false;    ///< whether several values lie in columns beside each other
-  double value = EnvelopeColumn::kNone;  ///< of a number, unless mixed
-  std::string text;                      ///< of a blob, unless mixed: its first 256 bytes
+  double value = EnvelopeColumn::kNone;  ///< the number, unless mixed
+  std::string text;                      ///< the first 256 bytes of the blob, unless mixed
   std::uint64_t textBytes = 0;           ///< how many bytes the blob has
 };
 

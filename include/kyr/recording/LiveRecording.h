@@ -63,7 +63,8 @@ class KYR_PARQUET_EXPORT LiveRecording {
   /// \brief The pool over the folder's storage, until finish().
   ///
   /// Signals that are made there, and not by addSignal(), are part of the finished recording, but
-  /// not of a recovered one, and their samples are not checked against a description.
+  /// not of a recovered one, and their samples are not checked against a description. Those that
+  /// are deleted there are part of a recovered recording, but not of the finished one.
   /// \throws std::logic_error after finish()
   parquet::SignalPool& pool();
 
@@ -75,7 +76,7 @@ class KYR_PARQUET_EXPORT LiveRecording {
   /// - std::invalid_argument for a `FixedDim` sample of other dimensions than the description has
   /// - std::logic_error if type or category are changed once there are samples
   /// - std::logic_error for rows after the recording was finished or destroyed
-  /// \throws std::invalid_argument if the pool has a signal of that id, for an unknown type or
+  /// \throws std::invalid_argument if there is or was a signal of that id, for an unknown type or
   ///         category, for a text that is no valid UTF-8 or longer than 65,536 bytes, and for
   ///         dimensions of more bytes than 64 bits can count
   /// \throws std::logic_error after finish()
@@ -93,6 +94,9 @@ class KYR_PARQUET_EXPORT LiveRecording {
                                         KYRSignalDataType type);
 
   /// \brief Bring all rows to disk. When the call returns, they are acknowledged.
+  ///
+  /// SignalPool::flush() and StreamableSignal::flush() acknowledge nothing in a live recording: a
+  /// recovery leaves out what is not in the last flush() of this class.
   /// \throws std::exception naming the file if one cannot be written; the rows acknowledged before
   ///         stay so, and the call may be repeated
   /// \throws std::logic_error after finish()
@@ -104,8 +108,9 @@ class KYR_PARQUET_EXPORT LiveRecording {
   /// Where a streamed signal has more times than samples, or fewer, the rows behind the shorter of
   /// the two are left out.
   /// \return what was left out; from a second call on, which does nothing, the same again
-  /// \throws std::exception naming the file; the recording is live still, and the call may be
-  ///         repeated
+  /// \throws std::exception naming the file; the call may be repeated. Until recording.json is there,
+  ///         the recording is live still, with all rows, and goes on. Afterwards nothing is missing
+  ///         but to remove what a finished recording does not need.
   FinishReport finish();
 
  private:

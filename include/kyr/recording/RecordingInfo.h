@@ -38,9 +38,10 @@ struct TimeSpan {
 struct SignalInfo : SignalDescription {
   KYRSignalDataType dataType = Double;
   KYRSignalCategory category = Scalar;
-  std::string compression;           ///< codec of the data file, "uncompressed" for none
-  std::uint64_t rowCount = 0;        ///< samples; 0 for a signal that was never written
-  std::optional<TimeSpan> timeSpan;  ///< empty without time or samples, or if infinite
+  std::string compression;  ///< codec of the data file, "uncompressed" for none
+  /// Samples, or times if the signal has times alone; 0 for a signal that was never written.
+  std::uint64_t rowCount = 0;
+  std::optional<TimeSpan> timeSpan;  ///< empty without times, or if one of them is infinite
   std::optional<int> timeStorageId;  ///< file of the time vector; empty if there is none
   std::optional<int> dataStorageId;  ///< file of the samples (and of time, in a "time" column)
 };
@@ -74,8 +75,8 @@ struct PackInfo {
   int number = 0;
   std::uint64_t size = 0;  ///< bytes
   std::uint64_t rowCount = 0;
-  std::string checksum;                    ///< as of a file
-  std::vector<std::uint64_t> blocks = {};  ///< as of a file
+  std::string checksum;                    ///< the same as FileInfo::checksum
+  std::vector<std::uint64_t> blocks = {};  ///< the same as FileInfo::blocks
 };
 
 /// \brief What recording.json says.

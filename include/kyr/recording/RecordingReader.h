@@ -34,7 +34,8 @@ struct ReaderOptions {
   bool checks = true;
   /// Files that stay open at most; 0 for an eighth of the descriptors that the process may have
   /// (RLIMIT_NOFILE), at least 8 and at most 256. Two descriptors are for the folder. SampleBlocks
-  /// and Arrow streams have up to two more each.
+  /// and Arrow streams have up to two more each. The packs of a live recording are open besides,
+  /// and once more for each Arrow stream.
   std::size_t maxOpenFiles = 0;
   Links links = Links::refused;  ///< inside of the folder, which may be a link itself
   /// Memory that envelopes of long signals keep between calls, at most; see
@@ -61,7 +62,7 @@ struct SampleBlock {
   std::uint64_t firstRow = 0;
   std::size_t rows = 0;
   const double* times = nullptr;   ///< [s]; null if the signal has none
-  const void* elements = nullptr;  ///< of all samples, one after the other; null without samples
+  const void* elements = nullptr;  ///< all samples, one after the other; null without samples
   /// Elements of each sample; 0 if they differ.
   std::size_t elementsPerSample = 0;
   /// Where samples begin if they differ, in elements: sample i has [offsets[i], offsets[i + 1]).
@@ -175,8 +176,8 @@ class KYR_PARQUET_EXPORT RecordingReader {
   std::uint64_t timeCount(int id) const;
   /// \brief Number of pairs.
   std::uint64_t pairCount(int id) const;
-  /// \brief Smallest and largest time [s]; empty without times. Reads the times of a live recording
-  /// once, unless they are marked as ascending.
+  /// \brief Smallest and largest time [s]; empty without times, and if one of them is infinite.
+  /// Reads the times of a live recording once, unless they are marked as ascending.
   std::optional<TimeSpan> timeSpan(int id) const;
 
   /// \brief Bytes of an element: of a number, or of a blob's byte.

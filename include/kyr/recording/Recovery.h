@@ -13,9 +13,9 @@ namespace kyr::recording {
 
 struct RecoveredSignal : SignalDescription {
   std::uint64_t rowsKept = 0;
-  std::uint64_t rowsLost = 0;  ///< of those that the last flush acknowledged
-  std::uint64_t rowsUnacknowledged =
-      0;                              ///< of those kept: behind the last line of a damaged journal
+  std::uint64_t rowsLost = 0;  ///< rows that the last flush acknowledged and that are gone
+  /// Rows that were kept although they lie behind the last line of a damaged journal.
+  std::uint64_t rowsUnacknowledged = 0;
   std::optional<double> secondsLost;  ///< [s] by the signal's times; empty if they are lost as well
 };
 

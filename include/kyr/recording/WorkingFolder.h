@@ -42,7 +42,7 @@ class KYR_PARQUET_EXPORT WorkingFolder {
 /// \brief A folder that a killed process left, and that is no use to anybody.
 struct Leftover {
   Path path;
-  std::uint64_t bytes = 0;  ///< of its files
+  std::uint64_t bytes = 0;  ///< size of all its files
   /// Why removeLeftover() would leave it alone: somebody uses it, or it holds what kyr did not
   /// make. Empty if it can be removed.
   std::string inTheWay;

@@ -8,30 +8,46 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "files/FileLayout.h"
 #include "files/growing/BatchRecord.h"
 
 namespace kyr::parquet {
 
-/// The bytes of a Parquet file with at most one row group. The offsets in its metadata are those
-/// that the row group will have in another file.
+/// The bytes of a Parquet file with at most one row group: "PAR1", the row group, the metadata,
+/// their length, "PAR1".
+struct BatchBytes {
+  /// Bytes of the row group that lie in the memory of its table.
+  struct Borrowed {
+    std::size_t at;  ///< the copied bytes before them
+    std::string_view bytes;
+  };
+
+  std::string copied;
+  std::vector<Borrowed> borrowed;  ///< in the order of the file
+  RecordHash hash;                 ///< of the row group and the metadata
+};
+
+/// Such bytes. The offsets in the metadata are those that the row group will have in another file.
+/// Valid as long as the table that was encoded.
 class EncodedBatch {
  public:
-  /// \param file  "PAR1", the row group, the metadata, their length, "PAR1"
-  /// \param hash  of the row group and the metadata
-  EncodedBatch(std::string file, const RecordHash& hash);
+  explicit EncodedBatch(BatchBytes bytes);
 
   /// The row group and the metadata.
-  std::string_view payload() const;
-  const RecordHash& hash() const { return hash_; }
-  std::string_view metadata() const { return payload().substr(rowGroupBytes()); }
-  std::size_t rowGroupBytes() const { return payload().size() - metadataBytes_; }
+  std::vector<std::string_view> payload() const;
+  const RecordHash& hash() const { return bytes_.hash; }
+  std::string_view metadata() const;
+  std::size_t rowGroupBytes() const;
+  std::size_t copiedBytes() const { return bytes_.copied.size(); }
 
  private:
-  std::string file_;
+  // The end of the metadata among the copied bytes.
+  std::size_t end() const { return bytes_.copied.size() - kParquetTailBytes; }
+
+  BatchBytes bytes_;
   std::size_t metadataBytes_ = 0;
-  RecordHash hash_;
 };
 
 /// Encodes batches of one schema in memory.
@@ -56,7 +72,7 @@ class BatchEncoder {
   FileLayout layout_;
   ColumnEncoding encoding_;
   std::size_t encodingUses_ = 0;  // how often it is used before another one is chosen
-  std::size_t lastBytes_ = 0;     // of the batch before; the next one is expected to be as large
+  std::size_t lastBytes_ = 0;     // copied of the batch before; about as many are expected next
 };
 
 }  // namespace kyr::parquet

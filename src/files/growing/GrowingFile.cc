@@ -147,7 +147,10 @@ void GrowingFile::writeRecord(const EncodedBatch& batch, std::uint64_t rows, boo
   const std::string foot =
       withFooter ? footerOf(records_->index, records_->fileId, header.end(), records_->count + 1)
                  : std::string();
-  replaceTail({head, batch.payload(), foot});
+  std::vector<std::string_view> pieces = batch.payload();
+  pieces.insert(pieces.begin(), head);
+  pieces.push_back(foot);
+  replaceTail(pieces);
   ++records_->count;
   records_->end = header.end();
   bytesSinceFooter_ = pending;
@@ -216,13 +219,21 @@ void GrowingFile::rewriteUnsynced() {
 void GrowingFile::finish() {
   if (finished_) return;
   publish();
+  if (syncFailed_) rewriteUnsynced();
+  suspend();
   finished_ = true;
   input_.reset();
-  std::exchange(file_, nullptr)->close();
+  file_.reset();
 }
 
 void GrowingFile::suspend() {
-  if (file_) file_->suspend();
+  if (!file_) return;
+  try {
+    file_->suspend();
+  } catch (...) {
+    syncFailed_ = true;  // a disk may find out late that it is full
+    throw;
+  }
 }
 
 std::uint64_t GrowingFile::batchRows(std::size_t batch) const {

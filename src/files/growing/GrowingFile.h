@@ -107,14 +107,13 @@ class GrowingFile {
   bool isPublished() const { return records_->isPublished; }
   /// From now on the file is published only where that is asked for.
   void publishOnlyWhenAsked() { publishesBatches_ = false; }
-  bool isFinished() const { return finished_; }
 
-  /// Waits until all batches are on the disk. If the last sync failed, it first writes again what
-  /// was not synced, because the system does not try again by itself.
+  /// Waits until all batches are on the disk. If the last sync failed, or closing the file did, it
+  /// first writes again what was not synced, because the system does not try again by itself.
   void sync();
 
   /// Publishes and closes the file without a sync. From then on it can only be read, as long as it
-  /// keeps its name. If closing fails, the call throws, but the file is finished all the same.
+  /// keeps its name. First writes again what sync() would.
   void finish();
 
   /// Gives the descriptor back until the file is used next. The file must keep its name.
@@ -157,7 +156,7 @@ class GrowingFile {
   std::uint64_t recordsAtFooter_ = 0;
   std::uint64_t footerBytes_ = 0;
   std::uint64_t syncedEnd_ = 0;
-  bool syncFailed_ = false;
+  bool syncFailed_ = false;  // or closing the file did
   bool publishesBatches_ = true;
   bool finished_ = false;
   std::filesystem::path path_;

@@ -6,7 +6,6 @@
 #include <iterator>
 #include <limits>
 #include <system_error>
-#include <tuple>
 
 namespace kyr::parquet {
 
@@ -50,10 +49,6 @@ std::optional<std::uint64_t> rowsOf(const PackRunGroup& group, std::uint64_t mos
 }
 
 }  // namespace
-
-bool comesBefore(const PackRun& a, const PackRun& b) {
-  return std::tie(a.first, a.count, a.storageId) < std::tie(b.first, b.count, b.storageId);
-}
 
 std::string writeRuns(const std::vector<PackRun>& runs) {
   std::string text;

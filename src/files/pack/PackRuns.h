@@ -31,7 +31,10 @@ struct PackRunGroup {
 
 /// The order in which a batch has its runs: contents that grow side by side, and so add the same
 /// rows each time, follow each other by their ids.
-bool comesBefore(const PackRun& a, const PackRun& b);
+inline bool comesBefore(const PackRun& a, const PackRun& b) {
+  if (a.first != b.first) return a.first < b.first;
+  return a.count != b.count ? a.count < b.count : a.storageId < b.storageId;
+}
 
 /// The runs of a batch as text: "<first>+<count> <id>-<id>,<id>;" for each group. Its length grows
 /// with the number of groups, and not with that of contents, where contents grow side by side.

@@ -1,14 +1,18 @@
 #include <gmock/gmock.h>
+#include <parquet/arrow/reader.h>
 #include <parquet/statistics.h>
 
 #include <atomic>
+#include <cerrno>
 #include <functional>
+#include <string>
 #include <system_error>
 #include <thread>
 
 #include "files/InputFile.h"
 #include "files/growing/FileRecovery.h"
 #include "files/growing/GrowingFile.h"
+#include "platform/DiskFile.h"
 #include "support/FaultyDisk.h"
 #include "support/ParquetFiles.h"
 #include "support/TempDir.h"
@@ -231,6 +235,23 @@ TEST_F(GrowingFileTest, FailedCallsChangeNothingAndMayBeRepeated) {
     }
     EXPECT_GT(plan.failAt, 10);
   }
+}
+
+// Closing a file may fail because the system could not write what it had accepted.
+TEST_F(GrowingFileTest, BytesThatAFailedCloseMayHaveLostAreLookedAtAgain) {
+  auto file = create();
+  append(*file, 100, /*publish=*/true);
+  test::faultyDisk::start({1, 1, EIO, /*shortWrites=*/false, /*alsoOpening=*/true});
+  EXPECT_THROW(file->finish(), std::system_error);
+  test::faultyDisk::stop();
+  const std::string sound = readWholeFile(path);
+  DiskFile disk(path, DiskFile::Mode::readWrite);
+  disk.writeAt(sound.size() / 2, {std::string(100, '\0')});
+  EXPECT_THROW(file->finish(), std::runtime_error);
+  disk.writeAt(0, {sound});
+  append(*file, 100);
+  file->finish();
+  expectCountsTo(200);
 }
 
 TEST_F(GrowingFileTest, FootersKeepWhichBatchesAscend) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <set>
 #include <system_error>
@@ -51,14 +52,28 @@ CLI::Validator oneOf(const std::vector<std::string>& values) {
   return {check, ""};
 }
 
-CLI::Validator isAboveZero() {
-  const auto check = [](const std::string& text) {
+namespace {
+
+// A check of a number, which names what is expected in its place.
+CLI::Validator isNumber(bool (*isGood)(double), const std::string& expected) {
+  const auto check = [=](const std::string& text) {
     double number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const bool isNumber = error == std::errc() && end == text.data() + text.size();
-    return isNumber && number > 0 ? std::string() : "give a number above 0, not " + text;
+    const bool isWhole = error == std::errc() && end == text.data() + text.size();
+    return isWhole && isGood(number) ? std::string() : "give " + expected + ", not " + text;
   };
   return {check, ""};
+}
+
+}  // namespace
+
+CLI::Validator isAboveZero() {
+  return isNumber([](double number) { return number > 0; }, "a number above 0");
+}
+
+CLI::Validator isTolerance() {
+  return isNumber([](double number) { return number >= 0 && std::isfinite(number); },
+                  "a finite number from 0 on");
 }
 
 // CLI11 takes -1 for the largest number without a sign.

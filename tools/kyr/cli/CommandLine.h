@@ -27,6 +27,7 @@ void addSignalArguments(CLI::App& command, std::vector<std::string>& signals);
 /// Checks of values. The name of the value says what is expected, so that they have no description.
 CLI::Validator oneOf(const std::vector<std::string>& values);
 CLI::Validator isAboveZero();
+CLI::Validator isTolerance();
 CLI::Validator isCount();
 
 /// Lets the command run `run` with its options.

@@ -84,11 +84,12 @@ std::string csvCell(std::string_view text) {
   return cell + '"';
 }
 
-std::string lowerCase(std::string text) {
-  for (char& letter : text) {
+std::string lowerCase(std::string_view text) {
+  std::string lower(text);
+  for (char& letter : lower) {
     if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
   }
-  return text;
+  return lower;
 }
 
 std::string counted(std::uint64_t count, std::string_view noun) {

@@ -25,7 +25,7 @@ std::string singleLine(std::string_view text);
 std::string csvCell(std::string_view text);
 
 /// The text with the letters A to Z as a to z.
-std::string lowerCase(std::string text);
+std::string lowerCase(std::string_view text);
 
 /// "1 signal", "2 signals".
 std::string counted(std::uint64_t count, std::string_view noun);

@@ -110,9 +110,7 @@ int runDiff(const DiffOptions& options) {
 
 void addTolerance(CLI::App& command, const std::string& name, double& value,
                   const std::string& meaning) {
-  command.add_option(name, value, meaning)
-      ->type_name("X")
-      ->check(CLI::NonNegativeNumber.description(""));
+  command.add_option(name, value, meaning)->type_name("X")->check(isTolerance());
 }
 
 void addNames(CLI::App& command, const std::string& name, std::vector<std::string>& values,

@@ -47,8 +47,8 @@ struct EditOptions {
 
 RecordingReader openFinished(const std::string& folder) {
   RecordingReader reader(Path::fromNarrow(folder));
-  if (reader.state() == recording::RecordingState::finished) return reader;
-  throw std::runtime_error(folder + " is not finished: " + stateOf(reader.state(), folder));
+  requireFinished(reader, folder);
+  return reader;
 }
 
 std::vector<int> idsOf(const std::vector<SignalInfo>& signals) {

@@ -141,15 +141,6 @@ void checkApart(const ExportOptions& options) {
   }
 }
 
-void requireFinished(const recording::RecordingReader& reader, const std::string& folder) {
-  using recording::RecordingState;
-  if (reader.state() == RecordingState::finished) return;
-  throw std::runtime_error(fmt::format("{} is {}", folder,
-                                       reader.state() == RecordingState::beingRecorded
-                                           ? "still being recorded: export it when it is finished"
-                                           : stateOf(reader.state(), folder)));
-}
-
 void exportRecording(const ExportOptions& options) {
   std::optional<PendingOutput> output;
   if (!options.writesToStandardOutput()) {
@@ -203,9 +194,9 @@ linear after the last one as well. A sample counts for a time that it misses by 
 and two roundings.
 
 --from, --to and --rows leave other rows out; in a long table, other rows of each signal. Values in
-long tables are float64. A warning names what cannot be exported, and with --strict
-nothing is written then. A table appears under its name only when it is whole, and never replaces
-another one without --force. Units are in the metadata of the fields, and in the header of CSV.
+long tables are float64. A warning names what cannot be exported, and with --strict nothing is
+written then. A table appears under its name only when it is whole, and never replaces another one
+without --force. Units are in the metadata of the fields, and in the header of CSV.
 
 Examples:
   kyr export run run.parquet

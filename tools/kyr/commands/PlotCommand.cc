@@ -97,7 +97,7 @@ void addPlotCommand(CLI::App& app, Action& action) {
   CLI::App* command = app.add_subcommand("plot", "Draw signals in the terminal, or to an SVG file");
   const auto options = std::make_shared<PlotOptions>();
   addRecordingArgument(*command, options->folder);
-  command->add_option("SIGNAL", options->signals, "Names or numbers of signals")
+  command->add_option("SIGNAL", options->signals, "Names, ids or patterns ('floor1_*') of signals")
       ->required()
       ->type_name("");
   command->add_option("--from", options->from, "Begin at this time [s]")->type_name("T");

@@ -17,6 +17,7 @@
 #include "commands/Commands.h"
 #include "kyr/recording/Recording.h"
 #include "kyr/recording/RecordingReader.h"
+#include "print/RecordingSummary.h"
 
 namespace kyr::tool {
 
@@ -79,9 +80,7 @@ int runSet(const SetOptions& options) {
   changes.reserve(options.changes.size());
   for (const std::string& text : options.changes) changes.push_back(parseChange(text));
   const recording::RecordingReader reader(path);
-  if (reader.state() != recording::RecordingState::finished) {
-    throw std::runtime_error(options.folder + " is not finished: change it when it is");
-  }
+  requireFinished(reader, options.folder);
   recording::Attributes attributes = reader.attributes();
   std::map<int, recording::SignalDescription> changed;
   for (const Change& change : changes) {
@@ -120,7 +119,8 @@ void addSetCommand(CLI::App& app, Action& action) {
       ->required()
       ->type_name("");
   command->footer(R"help(
-Only recording.json changes, in one step. SIGNAL may be a pattern: 'floor1_*.unit=K'.
+Only recording.json changes, in one step, and the table signals.parquet beside it. SIGNAL may be a
+pattern: 'floor1_*.unit=K'.
 
 Examples:
   kyr set run speed.unit=km/h speed.description="of the wheel"

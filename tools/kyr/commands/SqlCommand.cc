@@ -164,13 +164,18 @@ void addSqlCommand(CLI::App& app, Action& action) {
   command->add_option("FOLDER", options->folders, "Recordings")->required()->type_name("");
   command
       ->add_option("--signal", options->signals,
-                   "Only this signal, or those that match a pattern; may be repeated")
+                   "Only this signal, or those that match a pattern; may be given repeatedly")
       ->type_name("NAME")
       ->allow_extra_args(false);
   auto* query = command
                     ->add_option("-c,--command", options->query,
                                  "Run a query with the program duckdb, and print the result")
-                    ->type_name("QUERY");
+                    ->type_name("QUERY")
+                    ->check(CLI::Validator(
+                        [](const std::string& text) {
+                          return text.empty() ? std::string("give a query") : std::string();
+                        },
+                        ""));
   command->add_option("--format", options->format, "Format of the result")
       ->type_name("FORMAT")
       ->check(oneOf({"table", "csv", "json", "markdown"}))

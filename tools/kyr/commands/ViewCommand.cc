@@ -145,7 +145,9 @@ void addViewCommand(CLI::App& app, Action& action) {
   command->add_option("FOLDER", options->folders, "Recordings; several are drawn over each other")
       ->required()
       ->type_name("");
-  command->add_option("--signal", options->signals, "Plot this signal at once; may be repeated")
+  command
+      ->add_option("--signal", options->signals,
+                   "Plot this signal at once; may be given repeatedly")
       ->type_name("NAME")
       ->allow_extra_args(false);
   auto* report = command

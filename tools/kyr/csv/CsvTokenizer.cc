@@ -69,18 +69,26 @@ bool isUtf8(std::string_view text) {
 }
 
 void splitRow(std::string_view row, const CsvDialect& dialect, std::vector<std::string>& cells) {
+  std::vector<std::string_view> views;
+  std::deque<std::string> unquoted;
+  splitRow(row, dialect, views, unquoted);
+  cells.assign(views.begin(), views.end());
+}
+
+void splitRow(std::string_view row, const CsvDialect& dialect, std::vector<std::string_view>& cells,
+              std::deque<std::string>& unquoted) {
   CsvTokenizer tokens(row, dialect, 0);
-  std::string unquoted;
-  std::size_t count = 0;
+  cells.clear();
+  unquoted.clear();
   const char* at = row.data();
-  for (bool hasMore = true; hasMore; ++count) {
+  for (bool hasMore = true; hasMore;) {
     const char* const end = tokens.skipCell(at);
-    if (count == cells.size()) cells.emplace_back();
-    cells[count] = cellText({at, static_cast<std::size_t>(end - at)}, dialect, unquoted);
+    const std::string_view cell(at, static_cast<std::size_t>(end - at));
+    const bool isQuoted = !cell.empty() && cell.front() == dialect.quote;
+    cells.push_back(isQuoted ? cellText(cell, dialect, unquoted.emplace_back()) : cell);
     hasMore = tokens.isDelimiter(end);
     if (hasMore) at = tokens.skipDelimiter(end);
   }
-  cells.resize(count);
 }
 
 CsvPlace placeOf(std::string_view text, const CsvDialect& dialect, std::int64_t line,

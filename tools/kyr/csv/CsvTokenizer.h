@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -137,6 +138,9 @@ bool isUtf8(std::string_view text);
 
 /// Replaces \p cells with what the cells of a row say.
 void splitRow(std::string_view row, const CsvDialect& dialect, std::vector<std::string>& cells);
+/// Does so without copies: cells lie in \p row, and those that are quoted in \p unquoted.
+void splitRow(std::string_view row, const CsvDialect& dialect, std::vector<std::string_view>& cells,
+              std::deque<std::string>& unquoted);
 
 /// A cell that a message names.
 struct CsvPlace {

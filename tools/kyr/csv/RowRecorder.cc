@@ -62,7 +62,7 @@ bool RowRecorder::hasRightWidth(const CsvRow& row) {
 }
 
 bool RowRecorder::add(const CsvRow& row) {
-  splitRow(row.text, dialect_, cells_);
+  splitRow(row.text, dialect_, cells_, unquoted_);
   if (!hasRightWidth(row)) {
     const std::string what =
         row.isUnclosed ? kUnclosedQuote : wrongCellCount(row.cells, header_.width);
@@ -90,14 +90,17 @@ bool RowRecorder::add(const CsvRow& row) {
 }
 
 void RowRecorder::takeCells(const CsvRow& row) {
-  for (Column& column : columns_) {
-    column.bytesBefore = column.samples.size();
-    column.countBefore = column.count;
-  }
+  std::size_t taken = 0;
   try {
-    for (Column& column : columns_) takeCell(row, column);
-  } catch (...) {
     for (Column& column : columns_) {
+      column.bytesBefore = column.samples.size();
+      column.countBefore = column.count;
+      ++taken;
+      takeCell(row, column);
+    }
+  } catch (...) {
+    for (std::size_t i = 0; i < taken; ++i) {
+      Column& column = columns_[i];
       column.samples.resize(column.bytesBefore);
       column.count = column.countBefore;
       if (!column.parser) column.lengths.resize(column.count);
@@ -210,7 +213,7 @@ void RowRecorder::takeCell(const CsvRow& row, Column& column) {
 }
 
 void RowRecorder::takeText(const CsvRow& row, Column& column) {
-  const std::string& cell = cells_[column.described.place];
+  const std::string_view cell = cells_[column.described.place];
   if (isNamedMissing(dialect_, trimmed(cell))) return;
   if (!isUtf8(cell)) {
     const std::string place = describePlace(source_, row.line, column.described.name) + " ";

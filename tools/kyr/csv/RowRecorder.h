@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -59,7 +60,7 @@ class RowRecorder {
     bool isRoundingTold = false;
     bool isNumberTold = false;  ///< whether a number in a column of texts was told
     std::string firstText;
-    // The samples of the block, and where the row that is being taken began.
+    // The samples of the block, and how many there were before the row that is being taken.
     std::vector<char> samples;
     std::vector<int> lengths;   ///< of texts
     std::vector<double> times;  ///< of the samples, if a row of the block has none
@@ -91,8 +92,9 @@ class RowRecorder {
   Strictness strictness_;
   bool isLastUnknown_;  // whether the last column was left out
   std::vector<Column> columns_;
-  std::vector<std::string> cells_;
-  std::vector<double> times_;  ///< of the block's rows
+  std::vector<std::string_view> cells_;  ///< of the row that is being taken
+  std::deque<std::string> unquoted_;     ///< those of them that are quoted
+  std::vector<double> times_;            ///< of the block's rows
   double time_ = 0;
   std::string timeCell_;
   bool isTimeRoundingTold_ = false;

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <stdexcept>
+
 #include "cli/Text.h"
 
 namespace kyr::tool {
@@ -9,6 +11,16 @@ namespace kyr::tool {
 std::string stateOf(recording::RecordingState state, const std::string& folder) {
   return state == recording::RecordingState::beingRecorded ? "recording..."
                                                            : "not finished: kyr recover " + folder;
+}
+
+void requireFinished(const recording::RecordingReader& reader, const std::string& folder) {
+  using recording::RecordingState;
+  if (reader.state() == RecordingState::finished) return;
+  throw std::runtime_error(
+      fmt::format("{} is {}", folder,
+                  reader.state() == RecordingState::beingRecorded
+                      ? "still being recorded, and this command needs a finished recording"
+                      : stateOf(reader.state(), folder)));
 }
 
 RecordingSummary::RecordingSummary(const recording::RecordingInfo& info)
@@ -45,9 +57,9 @@ std::size_t RecordingSummary::usersOf(int storageId) const {
 }
 
 std::string RecordingSummary::text() const {
-  std::string text =
-      fmt::format("{} in {}, {}; sharing files saved {}", counted(signalCount_, "signal"),
-                  counted(fileCount(), "file"), byteCount(storedBytes_), byteCount(savedBytes()));
+  std::string text = fmt::format("{} in {}, {}", counted(signalCount_, "signal"),
+                                 counted(fileCount(), "file"), byteCount(storedBytes_));
+  if (savedBytes() > 0) text += "; sharing files saved " + byteCount(savedBytes());
   if (packCount_ > 0) {
     text += fmt::format("; {} in {}", counted(packedCount_, "small content"),
                         counted(packCount_, "pack"));

@@ -14,6 +14,9 @@ namespace kyr::tool {
 /// "recording..." while a recording is being written, else "not finished: kyr recover FOLDER".
 std::string stateOf(recording::RecordingState state, const std::string& folder);
 
+/// \throws std::runtime_error  that says what to do, if the recording is not finished
+void requireFinished(const recording::RecordingReader& reader, const std::string& folder);
+
 /// Counts and sizes of the files of a recording, and how many bytes sharing them saves.
 class RecordingSummary {
  public:

@@ -74,10 +74,10 @@ CellType SampleColumn::typeOf(const recording::SignalInfo& signal) {
 }
 
 void SampleColumn::append(fmt::memory_buffer& out, std::uint64_t row, bool isQuoted) {
+  if (isNumber_) return elementText_(out, number(row));
   const recording::SampleBlock& block = samples_.blockOf(row);
   const auto sample = static_cast<std::size_t>(row - block.firstRow);
   const char* const elements = static_cast<const char*>(block.elements);
-  if (isNumber_) return elementText_(out, elements + sample * samples_.width());
   if (elementText_) return appendMatrix(out, block, sample, isQuoted);
   const auto [begin, end] = elementsOf(block, sample);
   const std::size_t width = samples_.width();

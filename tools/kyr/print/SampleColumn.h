@@ -32,12 +32,22 @@ class SampleColumn {
   void appendBare(fmt::memory_buffer& out, std::uint64_t row) {
     append(out, row, /*isQuoted=*/false);
   }
+  /// Makes the cell of a number from its bytes. Null if the samples are no single numbers.
+  using ElementText = void (*)(fmt::memory_buffer& out, const char* element);
+  ElementText numberText() const { return isNumber_ ? elementText_ : nullptr; }
+  /// The bytes of a single number, which are valid until the next call.
+  const char* number(std::uint64_t row) {
+    const recording::SampleBlock& block = samples_.blockOf(row);
+    return static_cast<const char*>(block.elements) + (row - block.firstRow) * width();
+  }
+  /// Bytes of an element.
+  std::size_t width() const { return samples_.width(); }
+
   /// What the cells of a signal hold.
   static CellType typeOf(const recording::SignalInfo& signal);
 
  private:
   void append(fmt::memory_buffer& out, std::uint64_t row, bool isQuoted);
-  using ElementText = void (*)(fmt::memory_buffer& out, const char* element);
 
   void appendMatrix(fmt::memory_buffer& out, const recording::SampleBlock& block,
                     std::size_t sample, bool isQuoted) const;

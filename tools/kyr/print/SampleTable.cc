@@ -189,6 +189,27 @@ void SampleTable::appendTime(fmt::memory_buffer& buffer, double time) const {
   buffer.append(formatIso(stamp));
 }
 
+// None unless the table is CSV of numbers.
+std::optional<std::vector<SampleColumn::ElementText>> SampleTable::numberTexts() const {
+  if (format_) return std::nullopt;
+  std::vector<SampleColumn::ElementText> texts;
+  for (const Column& column : columns_) {
+    texts.push_back(column.samples ? column.samples->numberText() : nullptr);
+    if (column.samples && texts.back() == nullptr) return std::nullopt;
+  }
+  return texts;
+}
+
+void SampleTable::addRow(RowTexts& rows, const MergedTimes& times) {
+  rows.beginRow(times.time());
+  for (Column& column : columns_) {
+    const bool isThere = column.samples && times.isIn(column.group);
+    const char* const number = isThere ? column.samples->number(times.row(column.group)) : nullptr;
+    rows.addCell(number, isThere ? column.samples->width() : 0);
+  }
+  rows.endRow();
+}
+
 void SampleTable::printRow(Output& out, const MergedTimes& times) {
   fmt::memory_buffer& buffer = out.buffer();
   appendTime(buffer, times.time());
@@ -239,6 +260,11 @@ void SampleTable::print(Output& out, const Window& window) {
     const std::uint64_t rows = countRows(rest, blockRows);
     skipped = rows - std::min(rows, *rest.tail);
   }
+  const RowTexts::TimeText timeText = [this](fmt::memory_buffer& buffer, double time) {
+    appendTime(buffer, time);
+  };
+  std::optional<RowTexts> texts;
+  if (auto numbers = numberTexts()) texts.emplace(out, *std::move(numbers), timeText);
   std::uint64_t left = rest.head.value_or(std::numeric_limits<std::uint64_t>::max());
   forEachRow(MergedTimes(walks(rest, blockRows)), rest, [&](const MergedTimes& times) {
     if (skipped > 0) {
@@ -246,9 +272,14 @@ void SampleTable::print(Output& out, const Window& window) {
       return true;
     }
     if (left-- == 0) return false;
-    format_ ? printFormatted(out, times) : printRow(out, times);
+    if (texts) {
+      addRow(*texts, times);
+    } else {
+      format_ ? printFormatted(out, times) : printRow(out, times);
+    }
     return true;
   });
+  if (texts) texts->finish();
   columns_.clear();
   out.flush();
 }

@@ -16,6 +16,7 @@
 #include "kyr/recording/RecordingReader.h"
 #include "print/MergedTimes.h"
 #include "print/RowFormat.h"
+#include "print/RowTexts.h"
 #include "print/SampleColumn.h"
 
 namespace kyr::tool {
@@ -64,6 +65,8 @@ class SampleTable {
   void printHeader(Output& out) const;
   std::uint64_t countRows(const Window& window, std::size_t blockRows) const;
   void appendTime(fmt::memory_buffer& buffer, double time) const;
+  std::optional<std::vector<SampleColumn::ElementText>> numberTexts() const;
+  void addRow(RowTexts& rows, const MergedTimes& times);
   void printRow(Output& out, const MergedTimes& times);
   void printFormatted(Output& out, const MergedTimes& times);
 

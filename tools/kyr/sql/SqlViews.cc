@@ -13,6 +13,7 @@
 #include "cli/Text.h"
 #include "cli/UniqueNames.h"
 #include "csv/CsvTokenizer.h"
+#include "print/RecordingSummary.h"
 #include "print/TypeFunctions.h"
 #include "print/TypeNames.h"
 
@@ -40,8 +41,8 @@ std::string identifier(const std::string& name) { return quoted(name, '"'); }
 // A double, exactly: DuckDB would take a number with a point for a decimal one and round it twice.
 std::string literal(double number) { return fmt::format("'{}'", number); }
 
-// A call of read_parquet(). Left alone, it takes names for patterns, and a folder called "data=3" for
-// a column.
+// A call of read_parquet(). Left alone, it takes names for patterns, and a folder called "data=3"
+// for a column.
 std::string readParquet(const std::string& path, const char* options = "") {
   constexpr std::string_view kSpecial = "*?[";
   std::string pattern;
@@ -146,10 +147,7 @@ class SqlViews::Run {
         folder_(wholePath(folder).string()),
         info_(from.info()),
         names_(takenNames(from.signals()), UniqueNames::Letters::equalInAnyCase) {
-    if (reader.state() != recording::RecordingState::finished) {
-      throw std::runtime_error(folder +
-                               " is not finished, and other programs cannot read its files yet");
-    }
+    requireFinished(reader, folder);  // other programs cannot read its files before
     for (const FileInfo& file : info_.files) files_.emplace(file.storageId, &file);
     for (const SignalInfo& signal : from.signals()) names_.add(signal);
     for (const SignalInfo& signal : signals) columns_[signal.signalId] = names_.nameOf(signal);

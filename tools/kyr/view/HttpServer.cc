@@ -21,6 +21,7 @@
 
 #include "cli/Errors.h"
 #include "cli/Interrupt.h"
+#include "cli/Text.h"
 
 namespace kyr::tool {
 
@@ -101,14 +102,6 @@ bool send(int socket, const HttpResponse& response, bool hasBody, bool staysOpen
   return sendAll(socket, head) && (!hasBody || sendAll(socket, response.body));
 }
 
-std::string lowered(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return lower;
-}
-
 std::string_view withoutBlanks(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
   while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
@@ -140,7 +133,7 @@ std::optional<Headers> parseHeaders(std::string_view lines) {
     lines.remove_prefix(std::min(end + 2, lines.size()));
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos || colon == 0) return std::nullopt;
-    if (!headers.emplace(lowered(line.substr(0, colon)), withoutBlanks(line.substr(colon + 1)))
+    if (!headers.emplace(lowerCase(line.substr(0, colon)), withoutBlanks(line.substr(colon + 1)))
              .second) {
       return std::nullopt;
     }
@@ -157,7 +150,7 @@ bool isThisMachine(std::string_view host) {
     if (port.find_first_not_of("0123456789") != std::string_view::npos) return false;
     host = host.substr(0, colon);
   }
-  return host == "127.0.0.1" || lowered(host) == "localhost" || host == "[::1]";
+  return host == "127.0.0.1" || lowerCase(host) == "localhost" || host == "[::1]";
 }
 
 // Empty if the request may be answered.
@@ -169,7 +162,7 @@ std::string whyRefused(const Headers& headers) {
   const std::string host = valueOf("host");
   if (!isThisMachine(host)) return "This server answers only for 127.0.0.1 and localhost.";
   const std::string origin = valueOf("origin");
-  if (!origin.empty() && lowered(origin) != "http://" + lowered(host)) {
+  if (!origin.empty() && lowerCase(origin) != "http://" + lowerCase(host)) {
     return "This server answers only its own page.";
   }
   const std::string site = valueOf("sec-fetch-site");
@@ -401,7 +394,7 @@ bool HttpServer::answer(Connection& connection, std::string_view head) const {
   const HttpResponse response = respond(connection, line.substr(first + 1, last - first - 1));
   const auto wish = headers->find("connection");
   const bool staysOpen = line.substr(last + 1) == "HTTP/1.1" &&
-                         (wish == headers->end() || lowered(wish->second) != "close") &&
+                         (wish == headers->end() || lowerCase(wish->second) != "close") &&
                          connection.isTrusted;
   return send(connection.socket, response, method == "GET", staysOpen) && staysOpen;
 }
