@@ -51,12 +51,11 @@ class GrowingRows final : public ContentRows {
   }
 
   /// Whether the row of a flat column is in memory, and has these bytes.
-  bool hasRow(std::uint64_t row, const char* bytes, std::size_t width) const {
+  template <std::size_t kWidth>
+  bool hasRow(std::uint64_t row, const void* bytes) const {
     const std::uint64_t at = row - memoryStart_;  // very large for rows before
     if (at >= memory_.rows()) return false;
-    const char* const there = memory_.values() + at * width;
-    if (width != sizeof(std::uint64_t)) return std::memcmp(there, bytes, width) == 0;
-    return std::memcmp(there, bytes, sizeof(std::uint64_t)) == 0;
+    return std::memcmp(memory_.values() + at * kWidth, bytes, kWidth) == 0;
   }
 
   /// Adds rows at the end. Writes the batches that are due before.

@@ -76,11 +76,19 @@ void Part::append(const SampleSchema& schema, const RowSlice& rows, std::size_t 
 }
 
 bool Part::appendRepeated(const SampleSchema& schema, const char* row, std::size_t width) {
-  if (!content_ || pendingRows() > 0 || checkedSchema_ != schema.schema) return false;
-  const GrowingRows* growing = content_->growing();
-  if (growing == nullptr || !growing->hasRow(shared_, row, width)) return false;
-  ++shared_;
-  return true;
+  if (checkedSchema_ != schema.schema) return false;
+  switch (width) {
+    case 1:
+      return appendRepeated<1>(row);
+    case 2:
+      return appendRepeated<2>(row);
+    case 4:
+      return appendRepeated<4>(row);
+    case 8:
+      return appendRepeated<8>(row);
+    default:
+      return false;
+  }
 }
 
 void Part::prefetchRows() const {

@@ -11,6 +11,7 @@
 
 #include "platform/Prefetch.h"
 #include "safe/Content.h"
+#include "safe/GrowingRows.h"
 #include "safe/SharedStore.h"
 #include "safe/SignalLabel.h"
 #include "schema/PartTables.h"
@@ -40,8 +41,18 @@ class Part {
   void append(const SampleSchema& schema, const SampleChunk& chunk, std::size_t width);
   void append(const SampleSchema& schema, const RowSlice& rows, std::size_t width);
 
-  /// Appends a row of a flat column if the content has the same next, in memory.
+  /// Appends a row of a flat column if the content has the same next, in memory. Rows of that
+  /// column were appended before.
   /// \return whether it has
+  template <std::size_t kWidth>
+  bool appendRepeated(const void* row) {
+    if (!content_ || checkedSchema_ == nullptr || pendingRows() > 0) return false;
+    const GrowingRows* const growing = content_->growing();
+    if (growing == nullptr || !growing->hasRow<kWidth>(shared_, row)) return false;
+    ++shared_;
+    return true;
+  }
+  /// The same for a column that may be another one than before.
   bool appendRepeated(const SampleSchema& schema, const char* row, std::size_t width);
   /// How many more rows of a flat column append() would only copy, one by one or at once: nobody
   /// else has the content, its memory need not grow, and no batch is due.

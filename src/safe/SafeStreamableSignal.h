@@ -30,7 +30,10 @@ class SafeStreamableSignal final : public StreamableSignal {
 
   void setBufferSize(unsigned long rows) override;
   void appendTime(const double* time, unsigned long count) override {
-    if (count == 1 && time != nullptr && stagedTimes_.add(time, sizeof(double))) return;
+    if (count == 1 && time != nullptr) {
+      if (stagedTimes_.add(time, sizeof(double))) return;
+      if (stagedTimes_.empty() && time_.appendRepeated<sizeof(double)>(time)) return;
+    }
     appendTimes(time, count);
   }
   void appendData(const void* data, unsigned long size,
