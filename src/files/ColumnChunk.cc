@@ -22,6 +22,13 @@ namespace {
 
 using ::parquet::Encoding;
 
+// Bits of the numbers of so many distinct values.
+unsigned bitsFor(std::size_t distinct) {
+  unsigned width = 1;
+  while (distinct > 0 && (distinct - 1) >> width != 0) ++width;
+  return width;
+}
+
 // A column of numbers of the type \p Value, or of lists of them.
 template <typename Value>
 class ChunkWriter {
@@ -133,8 +140,7 @@ class ChunkWriter {
       }
     });
     const std::size_t distinct = dictionary.values().size();
-    unsigned width = 1;
-    while (distinct > 0 && (distinct - 1) >> width != 0) ++width;
+    const unsigned width = bitsFor(distinct);
     const std::size_t packed = distinct * sizeof(Stored) + all * width / 8;
     if (!isSmall || packed >= all * sizeof(Stored)) return false;
 
@@ -164,12 +170,49 @@ class ChunkWriter {
   ChunkPages::Pieces pieces_;
 };
 
+// Writes runs of equal numbers as repetitions of a dictionary's numbers.
+void writeRuns(ChunkPages& pages, const ::arrow::RunEndEncodedArray& runs, const PageSize& size) {
+  const auto& ends = static_cast<const ::arrow::Int32Array&>(*runs.run_ends());
+  const auto count = static_cast<std::size_t>(ends.length());
+  const auto* const values = reinterpret_cast<const std::uint32_t*>(firstValue(*runs.values()));
+  ValueDictionary<std::uint32_t> dictionary(count);
+  std::vector<std::uint32_t> numbers(count);
+  dictionary.add(values, count, numbers.data());
+  const std::vector<std::uint32_t>& distinct = dictionary.values();
+  pages.addDictionary(
+      {reinterpret_cast<const char*>(distinct.data()), distinct.size() * sizeof(std::uint32_t)},
+      distinct.size());
+  const unsigned width = bitsFor(distinct.size());
+  const std::int64_t batchBytes = size.batchRows * std::int64_t{sizeof(std::uint32_t)};
+  const std::int64_t pageRows =
+      size.batchRows * std::max<std::int64_t>(1, (size.bytes + batchBytes - 1) / batchBytes);
+  std::int64_t run = 0;
+  for (std::int64_t at = 0; at < runs.length();) {
+    ColumnPage page;
+    page.rows = page.values = std::min(pageRows, runs.length() - at);
+    HybridRuns indices(width);
+    for (const std::int64_t pageEnd = at + page.rows; at < pageEnd;) {
+      const auto end = std::min<std::int64_t>(ends.Value(run), pageEnd);
+      indices.add(numbers[static_cast<std::size_t>(run)], static_cast<std::size_t>(end - at));
+      at = end;
+      if (at == ends.Value(run)) ++run;
+    }
+    const std::string header(1, static_cast<char>(width));
+    const std::string encoded = indices.finish();
+    pages.addData(page, Encoding::RLE_DICTIONARY, {header, encoded});
+  }
+}
+
 }  // namespace
 
 void writeColumnChunk(ChunkPages& pages, const ::arrow::ChunkedArray& values,
                       const ::parquet::ColumnDescriptor& column, const PageSize& size,
                       Encoding::type encoding) {
   const ::arrow::DataType& type = *values.type();
+  if (type.id() == ::arrow::Type::RUN_END_ENCODED) {
+    return writeRuns(pages, static_cast<const ::arrow::RunEndEncodedArray&>(*values.chunk(0)),
+                     size);
+  }
   const bool areLists = type.id() == ::arrow::Type::LIST && isListOfNumbers(column);
   visitNumber(areLists ? type.field(0)->type()->id() : type.id(), [&](auto number) {
     using Value = typename decltype(number)::Value;

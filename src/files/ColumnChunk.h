@@ -14,6 +14,8 @@ namespace kyr::parquet {
 /// Where an encoding does not save what it promised, values are stored plain: a chunk is never
 /// larger than a plain one by more than the headers of its pages. Plain values go to the sink as
 /// they lie in memory.
+/// \param values  or int32 numbers that are never missing, as a single array of runs with int32
+///        ends, which become repetitions of a dictionary's numbers
 /// \param column  says whether values may be missing, or make lists
 /// \throws std::invalid_argument if \p values are no numbers
 /// \throws ::parquet::ParquetException as \p pages does

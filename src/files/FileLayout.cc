@@ -26,6 +26,7 @@ constexpr PageSize kPages{65536, 1};
 // Storage ids that stay the same for many rows are few runs of a dictionary's numbers. Others count
 // up.
 ColumnEncoding encodingOfIds(const ::arrow::ChunkedArray& column) {
+  if (column.type()->id() == ::arrow::Type::RUN_END_ENCODED) return {Encoding::RLE_DICTIONARY};
   constexpr std::int64_t kMany = 8;
   const auto& ids = static_cast<const ::arrow::Int32Array&>(*column.chunk(0));
   const bool areRuns = ids.length() > kMany && ids.Value(0) == ids.Value(kMany - 1);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "files/CompactProtocol.h"
 
@@ -32,6 +33,13 @@ std::size_t repetitions(const std::uint32_t* numbers, std::size_t count) {
 void putRepeated(std::string& out, std::uint32_t number, std::size_t count, unsigned width) {
   putVarint(out, std::uint64_t{count} << 1U);
   for (unsigned bit = 0; bit < width; bit += 8) out += static_cast<char>(number >> bit);
+}
+
+// How many of so many equal numbers are a run of their own, behind so many that are bit-packed. Only
+// the last bit-packed run may end within a group.
+std::size_t repeatedOf(std::size_t count, std::size_t packed) {
+  const std::size_t toGroup = (kGroup - packed % kGroup) % kGroup;
+  return count >= toGroup + kFewestRepeated ? count - toGroup : 0;
 }
 
 // Appends a bit-packed run, whose last group is filled up with zeros.
@@ -65,21 +73,35 @@ std::string packHybrid(const std::uint32_t* numbers, std::size_t count, unsigned
   out.reserve(count * width / 8 + 64);
   std::size_t packedFrom = 0;
   for (std::size_t at = 0; at < count;) {
-    // Only the last packed run may end within a group.
     const std::size_t length = repetitions(numbers + at, count - at);
-    const std::size_t toGroup = (kGroup - (at - packedFrom) % kGroup) % kGroup;
-    if (length >= toGroup + kFewestRepeated) {
-      at += toGroup;
-      if (at > packedFrom) putPacked(out, numbers + packedFrom, at - packedFrom, width);
-      putRepeated(out, numbers[at], length - toGroup, width);
-      at += length - toGroup;
-      packedFrom = at;
-    } else {
-      at += length;
-    }
+    const std::size_t repeated = repeatedOf(length, at - packedFrom);
+    at += length;
+    if (repeated == 0) continue;
+    const std::size_t packedEnd = at - repeated;
+    if (packedEnd > packedFrom) putPacked(out, numbers + packedFrom, packedEnd - packedFrom, width);
+    putRepeated(out, numbers[packedEnd], repeated, width);
+    packedFrom = at;
   }
   if (packedFrom < count) putPacked(out, numbers + packedFrom, count - packedFrom, width);
   return out;
+}
+
+void HybridRuns::putPacked() {
+  if (!packed_.empty()) parquet::putPacked(out_, packed_.data(), packed_.size(), width_);
+  packed_.clear();
+}
+
+void HybridRuns::add(std::uint32_t number, std::size_t count) {
+  const std::size_t repeated = repeatedOf(count, packed_.size());
+  packed_.insert(packed_.end(), count - repeated, number);
+  if (repeated == 0) return;
+  putPacked();
+  putRepeated(out_, number, repeated, width_);
+}
+
+std::string HybridRuns::finish() {
+  putPacked();
+  return std::move(out_);
 }
 
 }  // namespace kyr::parquet

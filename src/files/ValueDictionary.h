@@ -81,4 +81,21 @@ class ValueDictionary {
 /// \param width  1 to 32
 std::string packHybrid(const std::uint32_t* numbers, std::size_t count, unsigned width);
 
+/// Encodes numbers that repeat, without looking at each repetition. The bytes are those of
+/// packHybrid() if a number differs from the one before.
+class HybridRuns {
+ public:
+  explicit HybridRuns(unsigned width) : width_(width) {}
+
+  void add(std::uint32_t number, std::size_t count);
+  std::string finish();
+
+ private:
+  void putPacked();
+
+  unsigned width_;
+  std::string out_;
+  std::vector<std::uint32_t> packed_;  // numbers that are to be bit-packed
+};
+
 }  // namespace kyr::parquet

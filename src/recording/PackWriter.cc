@@ -125,7 +125,7 @@ class PackWriter::Pack {
     Group(const parquet::SampleSchema& schema, std::size_t width) : rows(schema, width) {}
 
     parquet::RowStore rows;
-    std::vector<std::pair<int, std::size_t>> runs;  // storage id, rows
+    std::vector<parquet::IdRun> runs;
   };
   using SharedGroup = std::shared_ptr<Group>;
 
@@ -171,7 +171,8 @@ class PackWriter::Pack {
   void writeRows(const Group& group) {
     const std::size_t count = group.rows.rows();
     auto columns = group.rows.table(0, count)->columns();
-    columns.push_back(std::make_shared<::arrow::ChunkedArray>(ids(group)));
+    columns.push_back(std::make_shared<::arrow::ChunkedArray>(
+        parquet::storageIdsOf(group.runs, /*mayBeRuns=*/numbers_ != nullptr)));
     if (!numbers_) {
       const auto table =
           ::arrow::Table::Make(schema_, std::move(columns), static_cast<std::int64_t>(count));
@@ -182,14 +183,6 @@ class PackWriter::Pack {
     const auto encoding =
         parquet::chooseEncoding(*values, choice_, codec_, /*mayUseDictionary=*/true);
     numbers_->writeRowGroup(columns, {encoding, {::parquet::Encoding::RLE_DICTIONARY}});
-  }
-
-  // The storage id that each row belongs to, in memory that is used for each row group.
-  std::shared_ptr<::arrow::Array> ids(const Group& group) {
-    ids_.clear();
-    for (const auto& [id, rows] : group.runs) ids_.insert(ids_.end(), rows, id);
-    return std::make_shared<::arrow::Int32Array>(static_cast<std::int64_t>(ids_.size()),
-                                                 ::arrow::Buffer::Wrap(ids_));
   }
 
   template <typename Operation>
@@ -215,7 +208,6 @@ class PackWriter::Pack {
   std::mutex mutex_;
   std::vector<SharedGroup> written_;  // empty again; under mutex_
   // From here on for the tasks.
-  std::vector<std::int32_t> ids_;
   std::optional<DiskFile> file_;
   FileDigester digester_;
   std::shared_ptr<parquet::FileSink> sink_;

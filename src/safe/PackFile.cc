@@ -16,7 +16,7 @@
 #include "safe/GrowingRows.h"
 #include "safe/PartNotes.h"
 #include "safe/SharedStore.h"
-#include "schema/ArrayMemory.h"
+#include "schema/ElementTypes.h"
 
 namespace kyr::parquet {
 
@@ -34,22 +34,12 @@ FileLayout layoutOf(const ::arrow::Schema& schema) {
   return {schema, builder.build(), {}};
 }
 
-// \param ids  holds the array's values
-std::shared_ptr<::arrow::Array> storageIds(const std::vector<PackRun>& runs, std::size_t rows,
-                                           std::vector<std::int32_t>& ids) {
-  ids.resize(std::max(ids.size(), rows));
-  std::int32_t* next = ids.data();
-  for (const PackRun& run : runs) {
-    next = std::fill_n(next, static_cast<std::size_t>(run.count), run.storageId);
-  }
-  return std::make_shared<::arrow::Int32Array>(
-      static_cast<std::int64_t>(rows), borrowBuffer(ids.data(), rows * sizeof(std::int32_t)));
-}
-
 }  // namespace
 
 PackFile::PackFile(SharedStore& store, int& next, const SampleSchema& contents, std::size_t width)
-    : schema_(packSchema(*contents.schema)), gathered_(contents, width) {
+    : schema_(packSchema(*contents.schema)),
+      isNumbers_(contents.kind == ColumnKind::flat && isNumber(*schema_->field(0)->type())),
+      gathered_(contents, width) {
   const FileLayout layout = layoutOf(*schema_);
   while (!file_) {
     number_ = next++;
@@ -96,10 +86,13 @@ void PackFile::write(std::vector<PackEntry> entries, std::size_t batchBytes, con
 
 void PackFile::writeBatch(const std::vector<PackEntry>& batch, const Noted& noted) {
   std::vector<PackRun> runs;
+  std::vector<IdRun> ids;
   runs.reserve(batch.size());
+  ids.reserve(batch.size());
   auto pairs = std::make_shared<::arrow::KeyValueMetadata>();
   for (const PackEntry& entry : batch) {
     runs.push_back(entry.run);
+    ids.emplace_back(entry.run.storageId, static_cast<std::size_t>(entry.run.count));
     if (!entry.rows->needsNotes(number_)) continue;
     if (const auto notes = entry.rows->notes()) {
       pairs->Append(fmt::format("{}.{}", kPackNotesKey, entry.run.storageId),
@@ -109,7 +102,7 @@ void PackFile::writeBatch(const std::vector<PackEntry>& batch, const Noted& note
   pairs->Append(kPackRunsKey, writeRuns(runs));
   const std::size_t rows = gathered_.rows();
   auto columns = gathered_.table(0, rows)->columns();
-  columns.push_back(std::make_shared<::arrow::ChunkedArray>(storageIds(runs, rows, ids_)));
+  columns.push_back(std::make_shared<::arrow::ChunkedArray>(storageIdsOf(ids, isNumbers_)));
   isSynced_ = false;
   std::uint64_t row = file_->rowCount();
   file_->appendBatch(*::arrow::Table::Make(schema_, std::move(columns)), /*publish=*/false, pairs);

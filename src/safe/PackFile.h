@@ -60,9 +60,9 @@ class PackFile {
   int number_ = 0;
   std::filesystem::path path_;
   std::shared_ptr<::arrow::Schema> schema_;
+  bool isNumbers_;  // whether there is one column beside the storage ids, of numbers
   std::unique_ptr<GrowingFile> file_;
-  RowStore gathered_;              // of the batch that is due
-  std::vector<std::int32_t> ids_;  // the storage id of each row; reused for its memory
+  RowStore gathered_;  // of the batch that is due
   std::uint64_t bytes_ = 0;
   bool isSynced_ = true;
   DescriptorCount descriptor_ = OpenFiles::countGrowing();

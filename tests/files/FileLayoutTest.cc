@@ -12,8 +12,11 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "files/FileLayout.h"
+#include "files/pack/PackSchema.h"
 
 namespace kyr::parquet {
 namespace {
@@ -210,6 +213,49 @@ Order orderOf(const ::parquet::FileMetaData& metadata, int group) {
     order.range = {range.min(), range.max()};
   }
   return order;
+}
+
+// The ids of runs, of which no two that follow each other are of the same content.
+std::vector<IdRun> randomRuns(std::mt19937& random, std::size_t rows, std::size_t longest) {
+  std::vector<IdRun> runs;
+  for (std::size_t at = 0; at < rows;) {
+    int id = static_cast<int>(random() % 300);
+    if (!runs.empty() && id == runs.back().first) ++id;
+    const std::size_t count = std::min<std::size_t>(1 + random() % longest, rows - at);
+    runs.emplace_back(id, count);
+    at += count;
+  }
+  return runs;
+}
+
+TEST(FileLayout, RunsOfStorageIdsAreWrittenLikeTheIdsOfAllRows) {
+  const auto schema = packSchema(*::arrow::schema({::arrow::field("data", ::arrow::float64())}));
+  const FileLayout layout(*schema, properties(Compression::UNCOMPRESSED, false), {});
+  std::mt19937 random(7);
+  for (const auto& [rows, longest] : std::vector<std::pair<std::size_t, std::size_t>>{
+           {10, 1}, {1000, 20}, {5000, 100}, {65536, 65536}, {200000, 90}, {200000, 70000}}) {
+    SCOPED_TRACE(testing::Message() << rows << " rows in runs of " << longest);
+    const std::vector<IdRun> runs = randomRuns(random, rows, longest);
+    const auto samples = tableOf<::arrow::DoubleType>(
+        rows, [](std::size_t i) { return 0.5 * static_cast<double>(i); });
+    const auto fileOf = [&](bool mayBeRuns) {
+      auto columns = samples->columns();
+      columns.push_back(std::make_shared<::arrow::ChunkedArray>(storageIdsOf(runs, mayBeRuns)));
+      const auto table = ::arrow::Table::Make(schema, std::move(columns));
+      return written(layout, {table.get()});
+    };
+    const auto file = fileOf(true);
+    std::shared_ptr<::arrow::Table> there;
+    PARQUET_THROW_NOT_OK(opened(file)->ReadTable(&there));
+    const auto ids = storageIdsOf(runs, false);
+    EXPECT_TRUE(there->column(1)->Equals(::arrow::ChunkedArray(ids)));
+    expectSameValues(*there, *samples);
+    const auto& plain = static_cast<const ::arrow::Int32Array&>(*ids);
+    const bool beginsWithRun = plain.Value(0) == plain.Value(std::min<std::size_t>(7, rows - 1));
+    if (beginsWithRun) {
+      EXPECT_TRUE(file->Equals(*fileOf(false)));
+    }
+  }
 }
 
 TEST(FileLayout, OnlyRowGroupsOfAscendingTimesSayThatTheyAreSorted) {

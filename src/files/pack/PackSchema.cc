@@ -1,7 +1,9 @@
 #include "files/pack/PackSchema.h"
 
-#include <arrow/type.h>
+#include <arrow/api.h>
+#include <parquet/exception.h>
 
+#include <cstdint>
 #include <utility>
 
 namespace kyr::parquet {
@@ -29,6 +31,37 @@ bool isPackSchema(const ::arrow::Schema& schema) {
   const int ids = schema.GetFieldIndex(kPackColumn);
   return ids > 0 && ids == schema.num_fields() - 1 &&
          schema.field(ids)->type()->id() == ::arrow::Type::INT32;
+}
+
+std::shared_ptr<::arrow::Array> storageIdsOf(const std::vector<IdRun>& runs, bool mayBeRuns) {
+  constexpr std::size_t kShortRun = 8;
+  std::size_t rows = 0;
+  for (const IdRun& run : runs) rows += run.second;
+  if (!mayBeRuns || rows < kShortRun * runs.size()) {
+    std::vector<std::int32_t> ids;
+    ids.reserve(rows);
+    for (const auto& [id, count] : runs) ids.insert(ids.end(), count, id);
+    return std::make_shared<::arrow::Int32Array>(static_cast<std::int64_t>(rows),
+                                                 ::arrow::Buffer::FromVector(std::move(ids)));
+  }
+  std::vector<std::int32_t> ids;
+  std::vector<std::int32_t> ends;
+  ids.reserve(runs.size());
+  ends.reserve(runs.size());
+  std::size_t end = 0;
+  for (const auto& [id, count] : runs) {
+    if (count == 0) continue;
+    ids.push_back(id);
+    ends.push_back(static_cast<std::int32_t>(end += count));
+  }
+  const auto count = static_cast<std::int64_t>(ids.size());
+  PARQUET_ASSIGN_OR_THROW(auto array, ::arrow::RunEndEncodedArray::Make(
+                                          static_cast<std::int64_t>(rows),
+                                          std::make_shared<::arrow::Int32Array>(
+                                              count, ::arrow::Buffer::FromVector(std::move(ends))),
+                                          std::make_shared<::arrow::Int32Array>(
+                                              count, ::arrow::Buffer::FromVector(std::move(ids)))));
+  return array;
 }
 
 bool haveSameTypes(const ::arrow::Schema& a, const ::arrow::Schema& b) {

@@ -2,8 +2,11 @@
 
 #include <arrow/type_fwd.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace kyr::parquet {
 
@@ -19,6 +22,14 @@ std::shared_ptr<::arrow::Schema> contentSchema(const ::arrow::Schema& pack);
 
 /// Whether the last column, and not the only one, is that of storage ids.
 bool isPackSchema(const ::arrow::Schema& schema);
+
+/// A storage id and how many rows it has.
+using IdRun = std::pair<int, std::size_t>;
+
+/// The storage ids of a pack's rows, one run after the other.
+/// \param mayBeRuns  whether the array may be one of runs, which NumberFile takes: it is then one
+///        unless the runs are short
+std::shared_ptr<::arrow::Array> storageIdsOf(const std::vector<IdRun>& runs, bool mayBeRuns);
 
 /// Whether columns have the same names and types. Those of a pack and of a file differ in which can
 /// have no nulls.
