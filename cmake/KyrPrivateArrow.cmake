@@ -1,5 +1,5 @@
-# For the Python package: Arrow::arrow_shared and Parquet::parquet_shared become copies that live beside
-# any other Arrow in a process. python/private_arrow.py says how.
+# For the Python package: Arrow::arrow_shared and Parquet::parquet_shared become copies that live
+# beside any other Arrow in a process. python/private_arrow.py says how.
 
 set(KYR_PRIVATE_ARROW_DIR "${PROJECT_BINARY_DIR}/private-arrow")
 get_target_property(kyr_arrow_library Arrow::arrow_shared IMPORTED_LOCATION)

@@ -1,4 +1,5 @@
-# What a wheel holds beside the Python files: the extension module, the tool, and the libraries of both.
+# What a wheel holds beside the Python files: the extension module, the tool, and the libraries of
+# both.
 
 install(TARGETS kyr_python DESTINATION kyr COMPONENT python)
 install(DIRECTORY "${KYR_PRIVATE_ARROW_DIR}/" DESTINATION kyr/lib COMPONENT python

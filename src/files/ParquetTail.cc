@@ -47,8 +47,8 @@ std::optional<std::string> readSerializedMetadata(const ByteSource& file,
 std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata) {
   auto size = static_cast<std::uint32_t>(metadata.size());
   // The parser makes room for a list or a text before it reads it. Each element takes a byte or
-  // more, so that a list longer than all metadata is a lie. Longer lists than by default are needed:
-  // long files have millions of row groups.
+  // more, so that a list longer than all metadata is a lie. Longer lists than by default are
+  // needed: long files have millions of row groups.
   const auto most = static_cast<std::int32_t>(
       std::min<std::uint32_t>(size, std::numeric_limits<std::int32_t>::max()));
   ::parquet::ReaderProperties properties;

@@ -27,7 +27,8 @@ std::uint32_t metadataLength(std::string_view tail);
 std::optional<std::string> readSerializedMetadata(const ByteSource& file,
                                                   std::optional<std::string>& whole);
 
-/// Parses serialized metadata. Lists may have more elements than Parquet's readers accept by default.
+/// Parses serialized metadata. Lists may have more elements than Parquet's readers accept by
+/// default.
 /// \throws ::parquet::ParquetException if they are none
 std::shared_ptr<::parquet::FileMetaData> parseMetadata(std::string_view metadata);
 

@@ -35,8 +35,8 @@ void putRepeated(std::string& out, std::uint32_t number, std::size_t count, unsi
   for (unsigned bit = 0; bit < width; bit += 8) out += static_cast<char>(number >> bit);
 }
 
-// How many of so many equal numbers are a run of their own, behind so many that are bit-packed. Only
-// the last bit-packed run may end within a group.
+// How many of so many equal numbers are a run of their own, behind so many that are bit-packed.
+// Only the last bit-packed run may end within a group.
 std::size_t repeatedOf(std::size_t count, std::size_t packed) {
   const std::size_t toGroup = (kGroup - packed % kGroup) % kGroup;
   return count >= toGroup + kFewestRepeated ? count - toGroup : 0;

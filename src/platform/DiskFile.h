@@ -60,8 +60,8 @@ class DiskFile final : public ByteSource {
   /// Waits until the content, and the metadata needed to find it, are on the disk. After a failure
   /// the system may count lost bytes as written: a later sync that succeeds proves nothing.
   void syncData();
-  /// Has the system begin to write the bytes to the disk where it can, and does not wait for that. A
-  /// sync that follows has less to wait for.
+  /// Has the system begin to write the bytes to the disk where it can, and does not wait for that.
+  /// A sync that follows has less to wait for.
   void startSync(std::uint64_t offset, std::uint64_t size) noexcept;
   /// Does what syncData() does, and includes times and permissions. Works for directories, too.
   void syncAll();

@@ -17,16 +17,17 @@ std::size_t threadsForFiles(std::size_t count);
 /// system writes one journal entry for many files that are synced together.
 std::size_t threadsForSyncing(std::size_t count);
 
-/// Calls work() in this thread and, at the same time, in up to \p threads - 1 others. All calls have
-/// returned when this one does. Where the system cannot make a thread, fewer threads work.
+/// Calls work() in this thread and, at the same time, in up to \p threads - 1 others. All calls
+/// have returned when this one does. Where the system cannot make a thread, fewer threads work.
 ///
 /// The first exception that a call throws is thrown again here.
 void runInThreads(std::size_t threads, const std::function<void()>& work);
 
-/// Calls work(i, thread) once for each i below \p count, in up to \p threads threads. \p thread is a
-/// number below \p threads that no other call has at the same time, for memory of its own.
+/// Calls work(i, thread) once for each i below \p count, in up to \p threads threads. \p thread is
+/// a number below \p threads that no other call has at the same time, for memory of its own.
 ///
-/// After a call has thrown an exception, no new call begins, and the exception is thrown again here.
+/// After a call has thrown an exception, no new call begins, and the exception is thrown again
+/// here.
 void forEachInThreads(std::size_t count, std::size_t threads,
                       const std::function<void(std::size_t, std::size_t)>& work);
 

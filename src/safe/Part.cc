@@ -308,8 +308,8 @@ Part::Uncut Part::cut(std::uint64_t rows) {
     return before;
   }
   shared_ = rows;
-  // Children of a content have more rows in common with it than it has with its parent. Another part
-  // that is cut to these rows finds the same content, too.
+  // Children of a content have more rows in common with it than it has with its parent. Another
+  // part that is cut to these rows finds the same content, too.
   while (Content* parent = content_->node().parentWith(shared_)) {
     follow(parent->shared_from_this());
   }

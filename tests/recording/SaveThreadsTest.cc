@@ -10,8 +10,8 @@
 #include "kyr/recording/RecordingReader.h"
 #include "support/TempDir.h"
 
-// Files of one recording are synced, finished, saved and verified in several threads. The test runs under the
-// thread sanitizer.
+// Files of one recording are synced, finished, saved and verified in several threads. The test runs
+// under the thread sanitizer.
 namespace kyr::recording {
 namespace {
 

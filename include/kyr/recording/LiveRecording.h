@@ -108,9 +108,9 @@ class KYR_PARQUET_EXPORT LiveRecording {
   /// Where a streamed signal has more times than samples, or fewer, the rows behind the shorter of
   /// the two are left out.
   /// \return what was left out; from a second call on, which does nothing, the same again
-  /// \throws std::exception naming the file; the call may be repeated. Until recording.json is there,
-  ///         the recording is live still, with all rows, and goes on. Afterwards nothing is missing
-  ///         but to remove what a finished recording does not need.
+  /// \throws std::exception naming the file; the call may be repeated. Until recording.json is
+  ///         there, the recording is live still, with all rows, and goes on. Afterwards nothing is
+  ///         missing but to remove what a finished recording does not need.
   FinishReport finish();
 
  private:

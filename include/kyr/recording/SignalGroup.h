@@ -16,7 +16,8 @@ namespace kyr::recording {
 ///
 /// Steps gather in a block of at most 4 MiB, or of the steps of one append if these are more. They
 /// are handed to the signals when the block is full and by LiveRecording::flush() and finish();
-/// until then the pool's signals do not have them. Nobody else may append to the signals of a group.
+/// until then the pool's signals do not have them. Nobody else may append to the signals of a
+/// group.
 ///
 /// Use it as long as the recording lives, on the same thread.
 class KYR_PARQUET_EXPORT SignalGroup {
