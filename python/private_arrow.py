@@ -17,12 +17,13 @@ import sys
 
 STB_GLOBAL, STB_GNU_UNIQUE = 1, 10
 SHT_DYNSYM = 11
-SECTION = struct.Struct("<IIQQQQIIQQ")  # of a 64-bit ELF file: name, type, flags, address, offset, size ...
+# Of a 64-bit ELF file: name, type, flags, address, offset, size ...
+SECTION = struct.Struct("<IIQQQQIIQQ")
 SYMBOL_SIZE, INFO_OFFSET = 24, 4
 
 
 def make_unique_symbols_ordinary(library):
-    """Changes the binding of symbols where they lie. Names and hash tables stay. Returns how many."""
+    """Changes the binding of symbols in place. Names and hash tables stay. Returns how many."""
     data = bytearray(library.read_bytes())
     if data[:6] != b"\x7fELF\x02\x01":
         raise SystemExit(f"{library}: no little-endian 64-bit ELF file")

@@ -43,7 +43,9 @@ def parse_options():
                         "The store of --base always runs")
     parser.add_argument("--base", default="floor", help="ratios are to this store; default floor")
     parser.add_argument("--repetitions", type=int, default=5)
-    parser.add_argument("--scale", type=float, default=1, help="of the sizes: 0.01 is a quick check")
+    parser.add_argument(
+        "--scale", type=float, default=1, help="of the sizes: 0.01 is a quick check"
+    )
     parser.add_argument("--clock", choices=CLOCKS, default="elapsed",
                         help="cpu: processor time, for a machine that others use as well")
     parser.add_argument("--best", action="store_true",

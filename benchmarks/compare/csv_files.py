@@ -184,8 +184,17 @@ def compare(title, root, options, notices):
                        cell(summary.median(outcome, "disk", "files"), ".0f")]
                     + [cell(summary.median(outcome, phase, "memory"), ".0f", 1e-6)
                        for phase in ("write", "read")])
-    header = ["program", "import", "export", "import [MB CSV/s]", "export [MB CSV/s]", "MB", "files",
-              "peak MB importing", "peak MB exporting"]
+    header = [
+        "program",
+        "import",
+        "export",
+        "import [MB CSV/s]",
+        "export [MB CSV/s]",
+        "MB",
+        "files",
+        "peak MB importing",
+        "peak MB exporting",
+    ]
     names = ", ".join(source.stem for source in sources)
     lines = [f"## W6: {title}", "", f"{size * 1e-6:.0f} MB of CSV: {names}. Times in units of cp, "
              f"{summary}, of whole processes, but of the Python ones without their start.", ""]

@@ -35,7 +35,7 @@ class Asammdf:
 
 
 class Kyr:
-    """kyr's Python package. W2 appends chunks to a recording, without flushes; else arrays are saved."""
+    """kyr's Python package. W2 appends chunks without flushes; the others save arrays."""
     module, takes = "kyr", ("W1", "W1q", "W1i", "W2", "W4", "W5")
 
     def write(self, workload, folder, times, signals):

@@ -106,8 +106,8 @@ def record(
 
     :param flush: seconds between two flushes, by a thread of the library; None for none. What is
         flushed survives a crash of the program, and others can read it
-    :param sync: when rows also survive a power cut: "never" for sure, from each "flush" on, or every
-        so many seconds
+    :param sync: when rows also survive a power cut: "never" for sure, from each "flush" on, or
+        every so many seconds
     """
     return Recorder(path, flush=flush, sync=sync)
 

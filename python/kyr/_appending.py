@@ -21,7 +21,9 @@ def append_rows(signal: SignalWriter, t: Any, y: Any) -> None:
     """Appends rows of any kind to a signal."""
     times = _numbers(signal, t, numpy.dtype("float64"), "times")
     if times.ndim > 1:
-        raise ValueError(f"signal {signal.name!r}: times of the shape {times.shape}, expected is (n,)")
+        raise ValueError(
+            f"signal {signal.name!r}: times of the shape {times.shape}, expected is (n,)"
+        )
     is_single = times.ndim == 0
     times = numpy.ascontiguousarray(times.reshape(-1))
     if signal._data_type in BYTE_TYPES or signal._category == VARYING:
@@ -95,7 +97,9 @@ def _unmasked(signal, values, what):
     if not numpy.ma.is_masked(values):
         return values.data
     if values.dtype.kind != "f":
-        raise ValueError(f"signal {signal.name!r}: {what} are missing, and {values.dtype} has no NaN")
+        raise ValueError(
+            f"signal {signal.name!r}: {what} are missing, and {values.dtype} has no NaN"
+        )
     return values.filled(math.nan)
 
 

@@ -97,7 +97,9 @@ def _line(first_t, first, min_t, least, max_t, most, last_t, last, beside) -> An
     t = numpy.stack(t, axis=1).ravel()
     y = numpy.stack(y, axis=1).ravel()
     is_new = numpy.ones(len(t), dtype=bool)
-    is_new[1:] = (t[1:] != t[:-1]) | ((y[1:] != y[:-1]) & ~(numpy.isnan(y[1:]) & numpy.isnan(y[:-1])))
+    is_new[1:] = (t[1:] != t[:-1]) | (
+        (y[1:] != y[:-1]) & ~(numpy.isnan(y[1:]) & numpy.isnan(y[:-1]))
+    )
     t, y = t[is_new], y[is_new]
     before, after = beside[:2], beside[2:]
     if not math.isnan(before[0]):

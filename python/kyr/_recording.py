@@ -27,7 +27,9 @@ class NoSuchSignal(KeyError):
 
 
 class Recording(collections.abc.Mapping):
-    """The signals of a recording by name, read where its files are. Nothing is loaded until asked for.
+    """The signals of a recording by name, read where its files are.
+
+    Nothing is loaded until asked for.
 
     ::
 
@@ -111,7 +113,9 @@ class Recording(collections.abc.Mapping):
             return f"{self._path}: signals are found by name, or with by_id(), not by {name!r}"
         same = [self._names[i] for i, info in self._infos.items() if info.name == name]
         if same:
-            return f"{self._path}: several signals are called {name!r}: {', '.join(map(repr, same))}"
+            return (
+                f"{self._path}: several signals are called {name!r}: {', '.join(map(repr, same))}"
+            )
         import difflib
 
         near = difflib.get_close_matches(name, self._by_name, 3, 0.5) or [

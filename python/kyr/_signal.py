@@ -25,7 +25,9 @@ _NO_SHAPE: Any = object()
 
 
 class Signal:
-    """A signal of a recording: a time vector, and a sample for each time. A handle; it loads nothing.
+    """A signal of a recording: a time vector, and a sample for each time.
+
+    It is a handle, which loads nothing by itself.
 
     ::
 
@@ -124,7 +126,7 @@ class Signal:
     # ---- reading -------------------------------------------------------------------------------
 
     def read(self, start: float | None = None, stop: float | None = None) -> tuple[Any, Any]:
-        """Times [s] and samples between two times [s], both ends included. All rows without them."""
+        """Times [s] and samples between two times [s], both ends included; without them, all."""
         extent = self._extent()
         parts = [self._rows(*rows, extent) for rows in self._ranges(start, stop, extent)]
         if len(parts) == 1:

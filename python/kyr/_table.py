@@ -26,7 +26,9 @@ Column = collections.namedtuple("Column", "values valid unit description")
 
 
 class Table:
-    """Signals over one time vector: `time`, and an array for each signal. `Recording.table()` makes it.
+    """Signals over one time vector: `time`, and an array for each signal.
+
+    `Recording.table()` makes it.
 
     ::
 

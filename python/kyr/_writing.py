@@ -106,7 +106,9 @@ class Recorder:
         if isinstance(names, str):
             raise TypeError(f"names = {names!r}: expected are several names")
         units = units or {}
-        made = [self.add(n, **{**options, **({"unit": units[n]} if n in units else {})}) for n in names]
+        made = [
+            self.add(n, **{**options, **({"unit": units[n]} if n in units else {})}) for n in names
+        ]
         return self._core.group(made)
 
     def flush(self) -> None:

@@ -1,5 +1,7 @@
 """Checks what the documents say of the tree: links lead somewhere, and names are in the code.
 
+No line of any source is too long.
+
 check_documents.py REPOSITORY
 """
 
@@ -9,6 +11,7 @@ import subprocess
 import sys
 
 MAX_COLUMNS = 100
+SOURCES = (".h", ".cc", ".py", ".cmake", "CMakeLists.txt")
 CODE = ["src", "include", "tools", "tests", "examples", "benchmarks", "cmake", "scripts"]
 # Names that are not ours, and placeholders.
 FOREIGN = {"SIGINT", "SIGTERM", "SIGHUP", "SIGKILL", "RLIMIT_NOFILE", "REQUIRED", "OPTIONAL", "OUT"}
@@ -36,6 +39,15 @@ def check_lines(text):
     for number, line in enumerate(text.splitlines(), 1):
         if len(line) > MAX_COLUMNS and not line.startswith("|"):
             yield f"line {number} has {len(line)} columns, more than {MAX_COLUMNS}"
+
+
+def check_sources(root):
+    listed = subprocess.run(["git", "ls-files"], cwd=root, capture_output=True, text=True)
+    for name in listed.stdout.split():
+        is_source = name.startswith(("scripts/", ".ci/")) or name.endswith(SOURCES)
+        if is_source:
+            for fault in check_lines((root / name).read_text(encoding="utf-8")):
+                yield f"{name} {fault}"
 
 
 def check_names(text, words):
@@ -69,7 +81,7 @@ def main(root):
             if path.suffix in (".h", ".cc", ".py", ".txt", ".cmake"):
                 words.add(path.stem)
                 words.update(re.findall(r"\w+", path.read_text(encoding="utf-8")))
-    faults = []
+    faults = [*check_sources(root)]
     for document in documents:
         text = document.read_text(encoding="utf-8")
         for check in (check_links(document, text), check_lines(text), check_names(text, words),

@@ -30,7 +30,11 @@ VALUES = NUMBERS + TEXTS + OTHERS
 
 def members(value, path=()):
     """The paths of all members of a document, each list's first two items only."""
-    items = value.items() if isinstance(value, dict) else enumerate(value[:2]) if isinstance(value, list) else ()
+    items = (
+        value.items()
+        if isinstance(value, dict)
+        else enumerate(value[:2]) if isinstance(value, list) else ()
+    )
     for key, item in items:
         yield path + (key,)
         yield from members(item, path + (key,))
@@ -105,13 +109,15 @@ def records(content):
 
 
 def with_runs(content, index, change):
-    """The growing pack up to a batch that says that it has other rows, with a checksum that fits."""
+    """The growing pack up to a batch that claims to have other rows, with a fitting checksum."""
     at, header, group, metadata = list(records(content))[index]
     key = metadata.index(b"kyr.runs") + len(b"kyr.runs")
     length = metadata[key + 1]  # behind the type of the field; longer texts have more bytes of it
     assert length < 128
     text = change(metadata[key + 2:key + 2 + length].decode()).encode()
-    size = bytes([len(text) & 0x7F | 0x80, len(text) >> 7]) if len(text) > 127 else bytes([len(text)])
+    size = (
+        bytes([len(text) & 0x7F | 0x80, len(text) >> 7]) if len(text) > 127 else bytes([len(text)])
+    )
     metadata = metadata[:key + 1] + size + text + metadata[key + 2 + length:]
     start = struct.pack(RECORD, *header[:8], len(metadata), b"")[:64]
     digest = xxhash.xxh3_128_digest(group + metadata + start)
@@ -131,7 +137,11 @@ class Corpus:
         self.random = random.Random(1)
 
     def documents(self):
-        for base, name in (("finished", "recording.json"), ("packed", "recording.json"), ("live", "recording.live.json")):
+        for base, name in (
+            ("finished", "recording.json"),
+            ("packed", "recording.json"),
+            ("live", "recording.live.json"),
+        ):
             document = json.loads((self.bases / base / name).read_text())
             document.pop("xxh3_128")
             for path in members(document):
@@ -145,7 +155,10 @@ class Corpus:
         """Other things than files in their places."""
 
         def link(target):
-            return lambda path: (path.unlink() if path.is_file() else shutil.rmtree(path), path.symlink_to(target))
+            return lambda path: (
+                path.unlink() if path.is_file() else shutil.rmtree(path),
+                path.symlink_to(target),
+            )
 
         def pipe(path):
             path.unlink()
@@ -162,9 +175,16 @@ class Corpus:
             link(self.outside / path.name)(path)
 
         changes = {
-            "link out": link_out, "link to a device": link("/dev/tty"), "link to zeros": link("/dev/zero"), "link to itself": link("x"),
-            "pipe": pipe, "folder": folder, "missing": lambda path: path.unlink(), "empty": cut(0),
-            "10 bytes": cut(10), "half": lambda path: cut(path.stat().st_size // 2)(path),
+            "link out": link_out,
+            "link to a device": link("/dev/tty"),
+            "link to zeros": link("/dev/zero"),
+            "link to itself": link("x"),
+            "pipe": pipe,
+            "folder": folder,
+            "missing": lambda path: path.unlink(),
+            "empty": cut(0),
+            "10 bytes": cut(10),
+            "half": lambda path: cut(path.stat().st_size // 2)(path),
             "doubled": lambda path: path.write_bytes(path.read_bytes() * 2),
         }
         for base in ("finished", "packed", "live"):
@@ -172,7 +192,8 @@ class Corpus:
                 if file.is_file():
                     place = file.relative_to(self.bases / base)
                     for name, change in changes.items():
-                        yield f"{base} {place} {name}", base, lambda folder, c=change, p=place: c(folder / p)
+                        at = lambda folder, c=change, p=place: c(folder / p)
+                        yield f"{base} {place} {name}", base, at
             for target in (self.outside, self.outside / "file", "/"):
                 for place in ("storage", "lost"):
                     def replace(folder, place=place, target=target):
@@ -185,13 +206,22 @@ class Corpus:
                         replace(folder)
                         for name in ("recording.json", "recording.live.json"):
                             (folder / name).unlink(missing_ok=True)
-                    yield f"{base} {place} is {target}, no description", base, replace_without_description
+                    what = f"{base} {place} is {target}, no description"
+                    yield what, base, replace_without_description
 
     def columns(self):
         """Sound Parquet files that do not fit what is said of them."""
-        numbers = {name: pa.array([1, 2, 3] * 7, type) for name, type in {
-            "int8": pa.int8(), "int64": pa.int64(), "double": pa.float64(), "float": pa.float32(), "bool": pa.bool_(),
-        }.items() if name != "bool"}
+        numbers = {
+            name: pa.array([1, 2, 3] * 7, type)
+            for name, type in {
+                "int8": pa.int8(),
+                "int64": pa.int64(),
+                "double": pa.float64(),
+                "float": pa.float32(),
+                "bool": pa.bool_(),
+            }.items()
+            if name != "bool"
+        }
         numbers["bool"] = pa.array([True, False, True] * 7)
         numbers["nulls"] = pa.array([1.0, None, 2.0] * 7)
         numbers["no rows"] = pa.array([], pa.float64())
@@ -203,14 +233,31 @@ class Corpus:
         numbers["structs"] = pa.array([{"a": 1}] * 21)
         shapes = {
             "shapes": pa.array([[2, 1]] * 21, pa.list_(pa.uint64())),
-            "large shapes": pa.array([[2**40, 0], [2**63, 2**63], [2**64 - 1]] * 7, pa.list_(pa.uint64())),
-            "other shapes": pa.array([["a"]] * 21), "no lists": pa.array([1] * 21), "null shapes": pa.array([None] * 21, pa.list_(pa.uint64())),
+            "large shapes": pa.array(
+                [[2**40, 0], [2**63, 2**63], [2**64 - 1]] * 7, pa.list_(pa.uint64())
+            ),
+            "other shapes": pa.array([["a"]] * 21),
+            "no lists": pa.array([1] * 21),
+            "null shapes": pa.array([None] * 21, pa.list_(pa.uint64())),
         }
         tables = {name: pa.table({"data": column}) for name, column in numbers.items()}
-        tables |= {f"lists, {name}": pa.table({"data": numbers["lists"], "dimension": column}) for name, column in shapes.items()}
-        tables |= {f"time {name}": pa.table({"time": column, "data": numbers["double"]}) for name, column in numbers.items() if len(column) == 21}
-        tables |= {"no name": pa.table({"": numbers["double"]}), "twice": pa.Table.from_arrays([numbers["double"]] * 2, ["data", "data"]),
-                   "storage": pa.table({"storage": pa.array([0] * 21, pa.int32()), "data": numbers["double"]}), "nothing": pa.table({})}
+        tables |= {
+            f"lists, {name}": pa.table({"data": numbers["lists"], "dimension": column})
+            for name, column in shapes.items()
+        }
+        tables |= {
+            f"time {name}": pa.table({"time": column, "data": numbers["double"]})
+            for name, column in numbers.items()
+            if len(column) == 21
+        }
+        tables |= {
+            "no name": pa.table({"": numbers["double"]}),
+            "twice": pa.Table.from_arrays([numbers["double"]] * 2, ["data", "data"]),
+            "storage": pa.table(
+                {"storage": pa.array([0] * 21, pa.int32()), "data": numbers["double"]}
+            ),
+            "nothing": pa.table({}),
+        }
         for base in ("finished", "packed", "live"):
             for file in sorted((self.bases / base / "storage").iterdir()):
                 for name, table in tables.items():
@@ -221,12 +268,21 @@ class Corpus:
                     yield f"{base} {file.name} holds {name}", base, write
 
     def packs(self):
-        """Growing packs that say that they have other rows, with rows of other contents, or too many of them."""
+        """Growing packs that claim to have rows of other contents, or too many rows."""
         storage = self.bases / "live" / "storage"
         packs = sorted(path.name for path in storage.iterdir() if path.name.startswith("live-"))
         ids = range(12)
-        texts = {"no rows": "", "all ids": f"0+1 0-{2**31 - 1};", "too many": f"0+{2**64 - 1} 0;", "far": f"{2**64 - 6}+5 0;",
-                 "negative": "-1+5 0;", "none": "0+0 0;", "twice": "0+5 0,0;", "down": "0+1 5-1;", "long": "0+1 0;" * 700}
+        texts = {
+            "no rows": "",
+            "all ids": f"0+1 0-{2**31 - 1};",
+            "too many": f"0+{2**64 - 1} 0;",
+            "far": f"{2**64 - 6}+5 0;",
+            "negative": "-1+5 0;",
+            "none": "0+0 0;",
+            "twice": "0+5 0,0;",
+            "down": "0+1 5-1;",
+            "long": "0+1 0;" * 700,
+        }
         changes = {name: lambda old, text=text: text for name, text in texts.items()}
         for id in ids:
             changes[f"of {id}"] = lambda old, id=id: re.sub(r" [^;]*;", f" {id};", old)
@@ -238,21 +294,39 @@ class Corpus:
                 for what, change in changes.items():
                     forged = with_runs(content, index, change)
                     for place in (name, "live-77.parquet"):
-                        yield f"live {name} {what} as {place}", "live", lambda folder, f=forged, p=place: (folder / "storage" / p).write_bytes(f)
+                        put = lambda folder, f=forged, p=place: (
+                            folder / "storage" / p
+                        ).write_bytes(f)
+                        yield f"live {name} {what} as {place}", "live", put
             for other in packs:
-                yield f"live {name} is {other}", "live", lambda folder, n=name, o=other: shutil.copy(storage / o, folder / "storage" / n)
+                put = lambda folder, n=name, o=other: shutil.copy(
+                    storage / o, folder / "storage" / n
+                )
+                yield f"live {name} is {other}", "live", put
 
             def many(folder, name=name):
                 for number in range(100, 700):
-                    os.link(folder / "storage" / name, folder / "storage" / f"live-{number}.parquet")
+                    os.link(
+                        folder / "storage" / name, folder / "storage" / f"live-{number}.parquet"
+                    )
             yield f"live {name} 600 times", "live", many
-        lines = [f"2 {parts} {rows} " for parts in (2, 12, 2**26) for rows in (5, 100, 2**40, 2**63, 2**64 - 1)]
+        lines = [
+            f"2 {parts} {rows} "
+            for parts in (2, 12, 2**26)
+            for rows in (5, 100, 2**40, 2**63, 2**64 - 1)
+        ]
         for line in lines:
-            yield f"live {line}", "live", lambda folder, w=journal_line(line): (folder / "recording.journal").write_text(w)
+            yield f"live {line}", "live", lambda folder, w=journal_line(line): (
+                folder / "recording.journal"
+            ).write_text(w)
         for sequence in (1, 2**60):
             claims = "".join(journal_line(f"{sequence} {2**26} {rows} ") for rows in range(30_000))
-            yield f"live 30000 lines of {sequence}", "live", lambda folder, c=claims: (folder / "recording.journal").write_text(c)
-        yield "live sparse journal", "live", lambda folder: os.truncate(folder / "recording.journal", 100 << 30)
+            yield f"live 30000 lines of {sequence}", "live", lambda folder, c=claims: (
+                folder / "recording.journal"
+            ).write_text(c)
+        yield "live sparse journal", "live", lambda folder: os.truncate(
+            folder / "recording.journal", 100 << 30
+        )
 
     def bytes(self):
         """Bytes of files changed at random, without end."""
@@ -262,8 +336,12 @@ class Corpus:
             content = bytearray(file.read_bytes())
             footer = self.random.random() < 0.7 and len(content) > 300
             for _ in range(self.random.choice((1, 1, 2, 8))):
-                at = self.random.randrange(max(0, len(content) - 300) if footer else 0, len(content))
-                content[at] = self.random.choice((0, 1, 0x7F, 0x80, 0xFF, content[at] ^ (1 << self.random.randrange(8))))
+                at = self.random.randrange(
+                    max(0, len(content) - 300) if footer else 0, len(content)
+                )
+                content[at] = self.random.choice(
+                    (0, 1, 0x7F, 0x80, 0xFF, content[at] ^ (1 << self.random.randrange(8)))
+                )
             keeps = self.random.random() < 0.8
 
             def write(folder, file=file, content=bytes(content), keeps=keeps):
@@ -289,8 +367,17 @@ class Commands:
         reading = [["info", "FOLDER"], ["cat", "FOLDER"], ["verify", "FOLDER"],
                    ["export", "FOLDER", temp / "out.csv", "--force"], ["plot", "FOLDER", "0", "2"],
                    ["view", "FOLDER", "--html", temp / "out.html", "--force"]]
-        changing = [["verify", "--follow-links", "FOLDER"], ["gc", "FOLDER"], ["gc", "FOLDER", "--stale"], ["recover", "FOLDER"]]
-        writing = [["import", csv, "FOLDER", "--force"], ["record", csv, "FOLDER", "--force"], ["verify", "FOLDER"]]
+        changing = [
+            ["verify", "--follow-links", "FOLDER"],
+            ["gc", "FOLDER"],
+            ["gc", "FOLDER", "--stale"],
+            ["recover", "FOLDER"],
+        ]
+        writing = [
+            ["import", csv, "FOLDER", "--force"],
+            ["record", csv, "FOLDER", "--force"],
+            ["verify", "FOLDER"],
+        ]
         self.commands = [[kyr, *command] for command in reading + changing + reading + writing]
 
     def enter(self, folder):
@@ -298,12 +385,20 @@ class Commands:
         for command in self.commands:
             command = [folder if part == "FOLDER" else part for part in command]
             try:
-                result = subprocess.run(command, capture_output=True, timeout=20, stdin=subprocess.DEVNULL,
-                                        env=environment())
+                result = subprocess.run(
+                    command,
+                    capture_output=True,
+                    timeout=20,
+                    stdin=subprocess.DEVNULL,
+                    env=environment(),
+                )
             except subprocess.TimeoutExpired:
                 return f"{command[1]} does not end"
-            if result.returncode not in (0, 1, 3) or (result.returncode != 0 and not result.stderr + result.stdout):
-                return f"{command[1]} ended with {result.returncode}: {result.stderr.decode(errors='replace')[:2000]}"
+            if result.returncode not in (0, 1, 3) or (
+                result.returncode != 0 and not result.stderr + result.stdout
+            ):
+                error = result.stderr.decode(errors='replace')[:2000]
+                return f"{command[1]} ended with {result.returncode}: {error}"
         return None
 
 
@@ -319,12 +414,20 @@ class Doors:
         """What went wrong, if anything did."""
         if self.process is None:
             self.log.truncate(0)
-            self.process = subprocess.Popen([self.program], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                            stderr=self.log, text=True, env=environment())
+            self.process = subprocess.Popen(
+                [self.program],
+                stdin=subprocess.PIPE,
+                stdout=subprocess.PIPE,
+                stderr=self.log,
+                text=True,
+                env=environment(),
+            )
         self.process.stdin.write(f"{folder}\n")
         self.process.stdin.flush()
         door = ""
-        watch = subprocess.Popen(["sh", "-c", f"sleep 20; kill -ABRT {self.process.pid}"], stderr=subprocess.DEVNULL)
+        watch = subprocess.Popen(
+            ["sh", "-c", f"sleep 20; kill -ABRT {self.process.pid}"], stderr=subprocess.DEVNULL
+        )
         try:
             for line in self.process.stdout:
                 if line.startswith("done "):
@@ -337,12 +440,14 @@ class Doors:
         self.process = None
         self.log.seek(0)
         report = self.log.read().decode(errors="replace")
-        where = re.findall(r"SUMMARY.*|runtime error.*|what\(\).*|#\d+ 0x\S+ in (?:kyr|\(anon).*", report)
+        where = re.findall(
+            r"SUMMARY.*|runtime error.*|what\(\).*|#\d+ 0x\S+ in (?:kyr|\(anon).*", report
+        )
         return f"{door} ended with {status}: " + "; ".join(where[:6])
 
 
 def make_outside(outside, bases):
-    """Files that are not the recording's, but could be: one that is cut off, one that nobody names."""
+    """Files that are not the recording's, but could be: one cut off, one that nobody names."""
     shutil.rmtree(outside, ignore_errors=True)
     shutil.copytree(bases / "live" / "storage", outside)
     shutil.copy(bases / "finished" / "storage" / "0.parquet", outside / "77.parquet")
@@ -373,10 +478,19 @@ def main():
         corpus = Corpus(bases, outside)
         if len(sys.argv) > 3:
             doors = Commands(sys.argv[3], temp)
-            made = list(corpus.places()) + list(corpus.packs()) + [case for case in corpus.documents() if "nested" in case[0]]
+            made = (
+                list(corpus.places())
+                + list(corpus.packs())
+                + [case for case in corpus.documents() if "nested" in case[0]]
+            )
         else:
             doors = Doors(program)
-            made = list(corpus.documents()) + list(corpus.places()) + list(corpus.columns()) + list(corpus.packs())
+            made = (
+                list(corpus.documents())
+                + list(corpus.places())
+                + list(corpus.columns())
+                + list(corpus.packs())
+            )
         corpus.random.shuffle(made)
         end = time.monotonic() + seconds
         entered, faults = 0, []

@@ -13,7 +13,9 @@ import pyarrow.parquet
 
 with tempfile.TemporaryDirectory() as name:
     out = pathlib.Path(name)
-    printed = subprocess.run([*sys.argv[1:], out], check=True, capture_output=True, text=True).stdout
+    printed = subprocess.run(
+        [*sys.argv[1:], out], check=True, capture_output=True, text=True
+    ).stdout
     assert "Compression zstd, Dictionary false, DictionaryLimit 1048576, BatchSize 8192" in printed
     assert "streamed: velocity [m/s], 20000 samples" in printed, printed
     with pyarrow.parquet.ParquetFile(out / "table.parquet") as file:

@@ -149,7 +149,9 @@ def check_table(folder, document):
             file = files.get(storage_id, {})
             if part == "data":
                 row["min"], row["max"] = (
-                    None if bound not in file else float(file[bound]) for bound in ("minimum", "maximum"))
+                    None if bound not in file else float(file[bound])
+                    for bound in ("minimum", "maximum")
+                )
             pack = file.get("pack")
             name = f"pack-{pack}" if pack is not None else str(storage_id)
             row[f"{prefix}digest"] = file.get("content_xxh3_128")

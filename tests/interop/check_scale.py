@@ -1,4 +1,4 @@
-"""The query of docs/scale.md over 200 recordings, by Spark in local mode: check_scale.py KYR DOCUMENT"""
+"""The query of docs/scale.md over 200 recordings, by Spark: check_scale.py KYR DOCUMENT"""
 
 import math
 import os

@@ -1,8 +1,8 @@
 """Power cuts and calls of the system that fail, while recordings are written.
 
-powercut_test.py LIBRARY TAKES KYR SECONDS. LIBRARY is JournaledDisk.cc, TAKES is Takes.cc. A fault is
-an acknowledged row that is lost, a row that was never written, a call that fails and leaves something
-else than before, or a save that leaves neither the old recording nor the new one.
+powercut_test.py LIBRARY TAKES KYR SECONDS. LIBRARY is JournaledDisk.cc, TAKES is Takes.cc. A fault
+is an acknowledged row that is lost, a row that was never written, a call that fails and leaves
+something else than before, or a save that leaves neither the old recording nor the new one.
 """
 
 import os
@@ -82,7 +82,9 @@ class Disk:
             self.move(("put", self.numbers.get(number), arguments[1], None))
         else:
             from_folder, name, to_folder, other = arguments
-            self.move((operation, self.numbers.get(from_folder), name, self.numbers.get(to_folder), other))
+            self.move(
+                (operation, self.numbers.get(from_folder), name, self.numbers.get(to_folder), other)
+            )
 
     def move(self, move):
         if move[1] is not None and (move[0] == "put" or move[3] is not None):
@@ -111,7 +113,9 @@ class Disk:
             for move in self.moves:
                 if any(folder is file for folder, _, _ in move):
                     self.commit(move, lambda folder: folder.entries)
-            self.moves = [move for move in self.moves if all(folder is not file for folder, _, _ in move)]
+            self.moves = [
+                move for move in self.moves if all(folder is not file for folder, _, _ in move)
+            ]
 
     @staticmethod
     def commit(move, entries_of):
@@ -177,15 +181,26 @@ class Test:
         self.library, self.takes, self.kyr, self.temp = library, takes, kyr, temp
         self.rng = random.Random(1)
         self.faults, self.cuts, self.calls = [], 0, 0
-        self.checker = subprocess.Popen([takes, "check"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.checker = subprocess.Popen(
+            [takes, "check"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
+        )
         self.bases = temp / "bases"
         self.make_bases()
 
     def run(self, command, root, expect=None, **settings):
-        environment = os.environ | {"LD_PRELOAD": self.library, "KYR_DISK_ROOT": str(root), "TMPDIR": str(root / "tmp")}
+        environment = os.environ | {
+            "LD_PRELOAD": self.library,
+            "KYR_DISK_ROOT": str(root),
+            "TMPDIR": str(root / "tmp"),
+        }
         environment |= {"KYR_DISK_" + name: str(value) for name, value in settings.items()}
-        result = subprocess.run([part.replace("ROOT", str(root)) for part in command], env=environment,
-                                capture_output=True, text=True, timeout=60)
+        result = subprocess.run(
+            [part.replace("ROOT", str(root)) for part in command],
+            env=environment,
+            capture_output=True,
+            text=True,
+            timeout=60,
+        )
         if expect is not None and result.returncode not in expect:
             raise RuntimeError(f"{command}: {result.returncode} {result.stdout} {result.stderr}")
         return result
@@ -197,7 +212,10 @@ class Test:
 
     def base(self, name, source=None):
         folder = self.bases / name
-        shutil.copytree(self.bases / source, folder) if source else (folder / "tmp").mkdir(parents=True)
+        if source:
+            shutil.copytree(self.bases / source, folder)
+        else:
+            (folder / "tmp").mkdir(parents=True)
         return folder
 
     def make_bases(self):
@@ -216,7 +234,8 @@ class Test:
         disk = Disk(live)
         self.run([self.takes, "live", "ROOT/rec"], live, (0,), JOURNAL=journal)
         changes = list(operations(journal))
-        tenth = [place for place, (operation, _, _) in enumerate(changes) if operation == "print"][9]
+        prints = [place for place, (operation, _, _) in enumerate(changes) if operation == "print"]
+        tenth = prints[9]
         for operation, arguments, data in changes[:tenth + 6]:
             if operation != "print":
                 disk.play(operation, arguments, data)
@@ -236,17 +255,23 @@ class Test:
             file.write(b"########")
 
     def commands(self):
-        """name, base, command, and what must be there after a cut or failure: (how to look, allowed)."""
+        """name, base, command, and what must be there after a cut or failure: (look, allowed)."""
         recover = [self.kyr, "recover", "ROOT/rec"]
         return [
             ("record", "nothing", [self.takes, "live", "ROOT/rec"]),
             ("record restarted", "nothing", [self.takes, "restarted", "ROOT/rec"]),
             ("record unsynced", "nothing", [self.takes, "unsynced", "ROOT/rec"]),
             ("save", "old", [self.takes, "save", "ROOT/rec"]),
-            ("import", "old", [self.kyr, "import", str(self.temp / "new.csv"), "ROOT/rec", "--force"]),
+            (
+                "import",
+                "old",
+                [self.kyr, "import", str(self.temp / "new.csv"), "ROOT/rec", "--force"],
+            ),
             ("gc", "garbage", [self.kyr, "gc", "ROOT/rec", "--stale"]),
-            ("recover", "live", recover), ("recover", "damaged journal", recover),
-            ("recover", "no list", recover), ("recover", "damaged batch", recover),
+            ("recover", "live", recover),
+            ("recover", "damaged journal", recover),
+            ("recover", "no list", recover),
+            ("recover", "damaged batch", recover),
         ]
 
     def lost(self, folder):
@@ -256,15 +281,23 @@ class Test:
         """What is wrong with a folder, if anything is."""
         if name == "record unsynced":
             # Rows may be lost, but none is wrong.
-            answer = self.check("recover", folder / "rec") if (folder / "rec").exists() else "refused"
+            answer = (
+                self.check("recover", folder / "rec") if (folder / "rec").exists() else "refused"
+            )
             return None if answer.startswith(("rows", "refused")) else answer
         if name in ("record", "record restarted"):
-            acknowledged = [int(line.split()[1]) for line in printed if line.startswith("acknowledged")]
+            acknowledged = [
+                int(line.split()[1]) for line in printed if line.startswith("acknowledged")
+            ]
             least = acknowledged[-1] if acknowledged else 0
-            answer = self.check("recover", folder / "rec") if (folder / "rec").exists() else "refused"
+            answer = (
+                self.check("recover", folder / "rec") if (folder / "rec").exists() else "refused"
+            )
             if answer.startswith("refused") and least == 0:
                 return None
-            rows = [int(count) for count in answer.split()[1:]] if answer.startswith("rows") else [-1]
+            rows = (
+                [int(count) for count in answer.split()[1:]] if answer.startswith("rows") else [-1]
+            )
             if name == "record restarted" and least >= 18 and len(rows) == 4:
                 # The first signal has begun again behind 18 rows: all of that is there, or nothing.
                 began_again = min(rows[1:]) >= max(21, least) and rows[0] >= max(3, least - 18)
@@ -280,7 +313,10 @@ class Test:
             missing = [len(content) for content in whole[1] if content not in self.lost(folder)]
             return f"files of {missing} bytes are missing in lost" if missing else None
         answer = self.check("read", folder / "rec")
-        old, new = "rows 20 0 0 0", {"save": "rows 40 40 40 40", "import": "rows 40 0 0 0", "gc": "rows 20 0 0 0"}[name]
+        old, new = (
+            "rows 20 0 0 0",
+            {"save": "rows 40 40 40 40", "import": "rows 40 0 0 0", "gc": "rows 20 0 0 0"}[name],
+        )
         if answer != new and (is_done or answer != old):
             return f"{answer}, which is neither the old recording nor the new one"
         if (folder / "rec/notes.txt").read_text() != "mine":
@@ -321,7 +357,10 @@ class Test:
                 is_done = place == len(changes) - 1
                 fault = self.judge(name, base, target, printed, is_done, whole)
                 if fault:
-                    self.tell(f"{name} ({base}), cut behind change {place} of {len(changes)} ({operation} {' '.join(arguments)}): {fault}")
+                    self.tell(
+                        f"{name} ({base}), cut behind change {place} of {len(changes)} "
+                        f"({operation} {' '.join(arguments)}): {fault}"
+                    )
                 if time.monotonic() > end:
                     break
             is_first = False
@@ -349,8 +388,14 @@ class Test:
             fault = self.judge(name, base, folder, printed, is_done, whole)
             if result.returncode < 0 or (not is_done and not result.stderr.strip()):
                 fault = f"ended with {result.returncode} {result.stderr.strip()}"
-            if not fault and error == "EINTR" and (not is_done or any(l.startswith("failed") for l in printed)):
-                fault = f"an interrupted call was a failure: {result.stdout} {result.stderr}".strip()
+            if (
+                not fault
+                and error == "EINTR"
+                and (not is_done or any(l.startswith("failed") for l in printed))
+            ):
+                fault = (
+                    f"an interrupted call was a failure: {result.stdout} {result.stderr}".strip()
+                )
             beside = self.beside(folder)
             if not fault and beside:
                 self.run([self.kyr, "gc", "ROOT/rec", "--stale"], folder)

@@ -51,7 +51,9 @@ def test_elements_of_matrices_count_as_numpy_does(tmp_path):
     kyr.save(tmp_path / "run", {"m": ([0, 1], y)})
     with kyr.open(tmp_path / "run") as r:
         for index in np.ndindex(2, 3):
-            assert r["m"].envelope(element=index).line[1].tolist() == y[(slice(None), *index)].tolist()
+            assert (
+                r["m"].envelope(element=index).line[1].tolist() == y[(slice(None), *index)].tolist()
+            )
         with pytest.raises(IndexError):
             r["m"].envelope(element=(2, 0))
         with pytest.raises(IndexError, match="from 0"):
@@ -104,7 +106,9 @@ def test_notebooks_show_a_small_curve(tmp_path):
     with kyr.open(tmp_path / "run") as r:
         shown = {name: r[name]._repr_html_() for name in r}
     assert "<i>&" not in shown["<i>&"] and "&lt;i&gt;&amp;" in shown["<i>&"]
-    pieces = {name: text.split('d="')[-1].count("M") for name, text in shown.items() if "<svg" in text}
+    pieces = {
+        name: text.split('d="')[-1].count("M") for name, text in shown.items() if "<svg" in text
+    }
     assert pieces == {"<i>&": 1, "gap": 2, "alone": 1, "wide": 1}
     assert not any("nan" in text.split("<svg")[-1] for text in shown.values() if "<svg" in text)
 

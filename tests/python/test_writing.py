@@ -8,7 +8,8 @@ import pytest
 import kyr
 
 TYPES = [
-    "float64", "float32", "int8", "uint8", "int16", "uint16", "int32", "uint32", "int64", "uint64", "bool",
+    "float64", "float32", "int8", "uint8", "int16", "uint16", "int32", "uint32", "int64", "uint64",
+    "bool",
 ]  # fmt: skip
 
 

@@ -39,10 +39,17 @@ class Windows(ToolTest):
     def test_rows_and_times(self):
         self.store("time,a\n-1,1\n0,2\n1,3\n1,4\n2.5,5\n")
         for arguments, values in (
-            (("--from", "0"), "2345"), (("--to", "1"), "1234"), (("--from", "1", "--to", "1"), "34"),
-            (("--from", "-1", "--to", "-0.5"), "1"), (("--from", "3"), ""),
-            (("--rows", "1:3"), "23"), (("--rows", "3:"), "45"), (("--rows", ":2"), "12"),
-            (("--rows", ":"), "12345"), (("--rows", "2:2"), ""), (("--rows", "4:99"), "5"),
+            (("--from", "0"), "2345"),
+            (("--to", "1"), "1234"),
+            (("--from", "1", "--to", "1"), "34"),
+            (("--from", "-1", "--to", "-0.5"), "1"),
+            (("--from", "3"), ""),
+            (("--rows", "1:3"), "23"),
+            (("--rows", "3:"), "45"),
+            (("--rows", ":2"), "12"),
+            (("--rows", ":"), "12345"),
+            (("--rows", "2:2"), ""),
+            (("--rows", "4:99"), "5"),
         ):
             with self.subTest(arguments):
                 lines = self.cat(*arguments).splitlines()
@@ -105,8 +112,9 @@ class Damage(ToolTest):
         for arguments in (("cat", "rec", "--rows", f"{rows // 2}:{rows // 2 + 1}"), ("cat", "rec"),
                           ("export", "rec", "out")):
             error = self.run_tool(*arguments, expect=1).stderr
-            lost = re.fullmatch(r"kyr: .*storage/\d+\.parquet: .*rows (\d+) to (\d+) cannot be read\n",
-                                error)
+            lost = re.fullmatch(
+                r"kyr: .*storage/\d+\.parquet: .*rows (\d+) to (\d+) cannot be read\n", error
+            )
             self.assertIsNotNone(lost, error)
             self.assertLessEqual(int(lost[1]), rows // 2)
             self.assertLess(rows // 2, int(lost[2]))

@@ -128,15 +128,18 @@ class Usage(ToolTest):
                 self.assertRegex(manual, rf"\n\.B (-\w, )?{option}\b")
         self.assertEqual(completed("kyr", "--trace", "x", "imp"), ["import"])
         self.assertEqual(completed("kyr", "help", "imp"), ["import"])
-        for line, words in (("import --compression z", "zstd"), ("import --compression = z", "zstd"),
-                            ("export --format = p", "parquet"),
-                            ("export --format =", "parquet arrow csv"),
-                            ("export --set Compression = z", "zstd"),
-                            ("export --set Comp", "Compression="),
-                            ("export --set = Dictionary = t", "true"),
-                            ("export --set BatchSize = 1", ""),
-                            ("export --partition s", "signal"),
-                            ("--trace = f export --lon", "--long")):
+        for line, words in (
+            ("import --compression z", "zstd"),
+            ("import --compression = z", "zstd"),
+            ("export --format = p", "parquet"),
+            ("export --format =", "parquet arrow csv"),
+            ("export --set Compression = z", "zstd"),
+            ("export --set Comp", "Compression="),
+            ("export --set = Dictionary = t", "true"),
+            ("export --set BatchSize = 1", ""),
+            ("export --partition s", "signal"),
+            ("--trace = f export --lon", "--long"),
+        ):
             with self.subTest(line):
                 self.assertEqual(completed("kyr", *line.split()), words.split())
         self.assertIn("Needs --long", manual)

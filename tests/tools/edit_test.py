@@ -46,9 +46,13 @@ class Set(EditTest):
 
     def test_refusals_change_nothing(self):
         before = (self.folder / "rec" / "recording.json").read_bytes()
-        for change, says, exit_code in (("speed.unit", "give", 2), ("speed.type=int8", "give", 2),
-                                        ("none.unit=m", '"none"', 1), ("*e*.name=x", "3 signals", 1),
-                                        ("speed.name=", "give a name", 2)):
+        for change, says, exit_code in (
+            ("speed.unit", "give", 2),
+            ("speed.type=int8", "give", 2),
+            ("none.unit=m", '"none"', 1),
+            ("*e*.name=x", "3 signals", 1),
+            ("speed.name=", "give a name", 2),
+        ):
             with self.subTest(change):
                 self.fails("set", "rec", "gear.unit=1", change, says=[says], exit_code=exit_code)
         self.assertEqual((self.folder / "rec" / "recording.json").read_bytes(), before)
@@ -84,14 +88,17 @@ class Parts(EditTest):
 
     def test_starts_are_taken_into_account(self):
         for name, second in (("one", "00"), ("two", "07")):
-            self.run_tool("import", self.write(f"time,a\n2024-05-01T00:00:{second}.5Z,{second}.5\n"),
-                          name)
+            self.run_tool(
+                "import", self.write(f"time,a\n2024-05-01T00:00:{second}.5Z,{second}.5\n"), name
+            )
         self.run_tool("append", "one", "two", "both")
         self.assertEqual(self.cat(recording="both"), "time,a\n0.5,0.5\n7.5,7.5\n")
         self.assertEqual(self.cat("--absolute", recording="both").splitlines()[2],
                          "2024-05-01T00:00:07.5Z,7.5")
         self.run_tool("merge", "two", "one", "both", "--force")
-        self.assertEqual(self.cat(recording="both"), "time,a (id 0),a (id 1)\n-6.5,,0.5\n0.5,7.5,\n")
+        self.assertEqual(
+            self.cat(recording="both"), "time,a (id 0),a (id 1)\n-6.5,,0.5\n0.5,7.5,\n"
+        )
         self.fails("merge", "one", "rec", "new", says=["start"])
         self.fails("cat", "rec", "--absolute", says=["start"])
 
@@ -152,7 +159,14 @@ class Statistics(EditTest):
     def test_names_and_details(self):
         self.assertEqual(self.run_tool("info", "rec", "--names").stdout, "speed\ngear\nmode\n")
         details = self.run_tool("info", "rec", "g*", "mode").stdout
-        for text in ("gear [id 1]", "mode [id 2]", "4 per second", "0.25 s", "99.75 s long", "text"):
+        for text in (
+            "gear [id 1]",
+            "mode [id 2]",
+            "4 per second",
+            "0.25 s",
+            "99.75 s long",
+            "text",
+        ):
             self.assertIn(text, details)
         self.assertIn('model: "pump 7"', self.run_tool("info", "rec").stdout)
         self.assertIn("0 to 99.75 s, 99.75 s long", self.run_tool("info", "rec").stdout)

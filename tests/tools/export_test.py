@@ -217,9 +217,15 @@ class Outputs(ExportTest):
         self.assertEqual((self.folder / "file.csv").stat().st_mode & 0o777, 0o740)
         before = self.entries()
         (self.folder / "folder" / "mine").touch()
-        for out, options in (("folder", partition), ("folder", ()), ("rec", partition),
-                             ("file.csv", (*partition, "--format", "parquet")),
-                             ("rec/recording.json", ("--format", "csv")), ("rec/storage/0.parquet", ()), ("no/where", ())):
+        for out, options in (
+            ("folder", partition),
+            ("folder", ()),
+            ("rec", partition),
+            ("file.csv", (*partition, "--format", "parquet")),
+            ("rec/recording.json", ("--format", "csv")),
+            ("rec/storage/0.parquet", ()),
+            ("no/where", ()),
+        ):
             with self.subTest(out=out, options=options):
                 self.fails("export", "rec", out, *options, "--force", says=[out])
         self.run_tool("verify", "rec")

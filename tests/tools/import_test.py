@@ -18,7 +18,11 @@ def bits(cell):
 
 class Values(ToolTest):
     def test_every_cell_of_the_examples_comes_back(self):
-        for name, options in (("building-hvac", []), ("imu", []), ("imu", ["--compression", "zstd"])):
+        for name, options in (
+            ("building-hvac", []),
+            ("imu", []),
+            ("imu", ["--compression", "zstd"]),
+        ):
             with self.subTest(name, options=options):
                 (file,) = (EXAMPLES / name).glob("*.csv")
                 self.run_tool("import", file, "rec", "--force", *options)

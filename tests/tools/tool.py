@@ -39,7 +39,9 @@ class ToolTest(unittest.TestCase):
                                          input=stdin), expect)
 
     def checked(self, result, expect):
-        self.assertEqual(result.returncode, expect, f"{result.args}\n{result.stdout}{result.stderr}")
+        self.assertEqual(
+            result.returncode, expect, f"{result.args}\n{result.stdout}{result.stderr}"
+        )
         self.assertEqual(os.listdir(self.temporary), [], "temporary files are left")
         return result
 

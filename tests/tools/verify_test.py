@@ -15,7 +15,9 @@ class Verify(ToolTest):
         return self.run_tool("verify", "rec", expect=1).stdout.splitlines()
 
     def test_sound(self):
-        self.assertEqual(self.run_tool("verify", "rec").stdout, "rec: sound, 2 signals in 3 files\n")
+        self.assertEqual(
+            self.run_tool("verify", "rec").stdout, "rec: sound, 2 signals in 3 files\n"
+        )
 
     def test_a_flipped_bit_anywhere(self):
         for file in sorted(self.storage.iterdir()):

@@ -158,34 +158,46 @@ class ServerTest(ToolTest):
         with self.serve("rec") as server:
             own = f"127.0.0.1:{server.port}"
             for name, expected, question in [
-                    ("the page", 200, {}),
-                    ("a tunnel", 200, {"headers": {"Host": "localhost:9000"}}),
-                    ("its own script", 200, {"headers": {"Host": own, "Origin": f"http://{own}",
-                                                         "Sec-Fetch-Site": "same-origin"}}),
-                    ("HEAD", 200, {"method": "HEAD"}),
-                    ("no token", 403, {"token": ""}),
-                    ("another token", 403, {"token": "0" * 32}),
-                    ("another host", 403, {"headers": {"Host": "evil.example"}}),
-                    ("a host that begins alike", 403, {"headers": {"Host": "127.0.0.1.evil.example"}}),
-                    ("another page", 403, {"headers": {"Origin": "https://evil.example"}}),
-                    ("another port's page", 403, {"headers": {"Origin": "http://127.0.0.1:1"}}),
-                    ("no origin", 403, {"headers": {"Origin": "null"}}),
-                    ("a picture elsewhere", 403, {"headers": {"Sec-Fetch-Site": "cross-site"}}),
-                    ("POST", 405, {"method": "POST"}),
-                    ("content", 400, {"body": b"x"}),
-                    ("a file of the disk", 404, {"path": "../../../etc/passwd"}),
-                    ("an encoded one", 404, {"path": "%2e%2e%2f%2e%2e%2fetc%2fpasswd"}),
-                    ("a broken escape", 400, {"path": "%zz"}),
-                    ("a repeated part", 400, {"path": "points?id=0&id=1"}),
-                    ("no window", 400, {"path": "points?run=0&id=0"}),
-                    ("no such run", 400, {"path": "points?run=9&id=0&from=0&to=1&columns=9"}),
-                    ("no such signal", 400, {"path": "points?run=0&id=77&from=0&to=1&columns=9"}),
-                    ("too many columns", 400,
-                     {"path": "points?run=0&id=0&from=0&to=1&columns=99999999"}),
-                    ("an endless window", 400,
-                     {"path": "points?run=0&id=0&from=0&to=inf&columns=9"}),
-                    ("NaN", 400, {"path": "points?run=0&id=0&from=nan&to=1&columns=9"}),
-                    ("a long path", 400, {"path": "x" * 20_000})]:
+                ("the page", 200, {}),
+                ("a tunnel", 200, {"headers": {"Host": "localhost:9000"}}),
+                (
+                    "its own script",
+                    200,
+                    {
+                        "headers": {
+                            "Host": own,
+                            "Origin": f"http://{own}",
+                            "Sec-Fetch-Site": "same-origin",
+                        }
+                    },
+                ),
+                ("HEAD", 200, {"method": "HEAD"}),
+                ("no token", 403, {"token": ""}),
+                ("another token", 403, {"token": "0" * 32}),
+                ("another host", 403, {"headers": {"Host": "evil.example"}}),
+                ("a host that begins alike", 403, {"headers": {"Host": "127.0.0.1.evil.example"}}),
+                ("another page", 403, {"headers": {"Origin": "https://evil.example"}}),
+                ("another port's page", 403, {"headers": {"Origin": "http://127.0.0.1:1"}}),
+                ("no origin", 403, {"headers": {"Origin": "null"}}),
+                ("a picture elsewhere", 403, {"headers": {"Sec-Fetch-Site": "cross-site"}}),
+                ("POST", 405, {"method": "POST"}),
+                ("content", 400, {"body": b"x"}),
+                ("a file of the disk", 404, {"path": "../../../etc/passwd"}),
+                ("an encoded one", 404, {"path": "%2e%2e%2f%2e%2e%2fetc%2fpasswd"}),
+                ("a broken escape", 400, {"path": "%zz"}),
+                ("a repeated part", 400, {"path": "points?id=0&id=1"}),
+                ("no window", 400, {"path": "points?run=0&id=0"}),
+                ("no such run", 400, {"path": "points?run=9&id=0&from=0&to=1&columns=9"}),
+                ("no such signal", 400, {"path": "points?run=0&id=77&from=0&to=1&columns=9"}),
+                (
+                    "too many columns",
+                    400,
+                    {"path": "points?run=0&id=0&from=0&to=1&columns=99999999"},
+                ),
+                ("an endless window", 400, {"path": "points?run=0&id=0&from=0&to=inf&columns=9"}),
+                ("NaN", 400, {"path": "points?run=0&id=0&from=nan&to=1&columns=9"}),
+                ("a long path", 400, {"path": "x" * 20_000}),
+            ]:
                 with self.subTest(name):
                     self.assertEqual(server.ask(**question)[0], expected)
 
@@ -225,7 +237,9 @@ class ServerTest(ToolTest):
             for client in idle:
                 client.close()
             with socket.create_connection(("127.0.0.1", server.port)) as client:
-                request = f"GET /{server.token}/ticks.js HTTP/1.1\r\nHost: localhost\r\n\r\n".encode()
+                request = (
+                    f"GET /{server.token}/ticks.js HTTP/1.1\r\nHost: localhost\r\n\r\n".encode()
+                )
                 client.sendall(request + request)
                 answers = b""
                 while answers.count(b"export function tickText") < 2:
@@ -235,7 +249,11 @@ class ServerTest(ToolTest):
         self.store("time,x\n0,1\n")
         with self.serve("rec") as server:
             listening = pathlib.Path("/proc/net/tcp").read_text().splitlines()
-            ours = [line.split()[1] for line in listening if f":{server.port:04X} " in line.split()[1] + " "]
+            ours = [
+                line.split()[1]
+                for line in listening
+                if f":{server.port:04X} " in line.split()[1] + " "
+            ]
             self.assertIn(f"0100007F:{server.port:04X}", ours)
             self.assertNotIn(f"00000000:{server.port:04X}", ours)
             self.fails("view", "rec", "--no-open", "--port", str(server.port),
