@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/BackgroundWork.h"
 #include "platform/Parallel.h"
 #include "recording/FolderFiles.h"
 #include "recording/RecordingFolder.h"
@@ -27,9 +28,14 @@ void completeRecording(const Folder& folder, RecordingInfo info, bool syncsFiles
     describeRowsIn(stored, *files[i]);
     if (syncsFiles) stored->syncAll();
   });
-  for (const PackInfo& pack : info.packs) storage.open(packName(pack.number))->syncAll();
-  storage.sync();
-  writeDescription(folder, info, /*syncs=*/true);
+  // The disk writes packs while the table of signals is made. All files are on it before
+  // recording.json names them.
+  BackgroundWork syncing(1);
+  syncing.add([&storage, packs = info.packs] {
+    for (const PackInfo& pack : packs) storage.open(packName(pack.number))->syncAll();
+    storage.sync();
+  });
+  writeDescription(folder, info, /*syncs=*/true, [&syncing] { syncing.wait(); });
 }
 
 std::vector<std::string> unnamedIn(const Folder& storage, const RecordingInfo& info) {

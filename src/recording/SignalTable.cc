@@ -258,16 +258,17 @@ std::string signalTable(const RecordingInfo& info) {
   return out->Finish().ValueOrDie()->ToString();
 }
 
-void writeDescription(const Folder& folder, RecordingInfo& info, bool syncs) {
+void writeDescription(const Folder& folder, RecordingInfo& info, bool syncs,
+                      const std::function<void()>& wait) {
+  std::string table;
   if (hasSignalTable(info)) {
-    const std::string table = signalTable(info);
+    table = signalTable(info);
     info.signalsChecksum = checksumOf(table);
-    const std::string text = writeRecordingJson(info);  // may refuse the signals
-    replaceTextFile(folder, kSignalsFile, table, syncs);
-    replaceTextFile(folder, kDescriptionFile, text, syncs);
-    return;
   }
-  replaceTextFile(folder, kDescriptionFile, writeRecordingJson(info), syncs);
+  const std::string text = writeRecordingJson(info);  // may refuse the signals
+  if (hasSignalTable(info)) replaceTextFile(folder, kSignalsFile, table, syncs);
+  wait();
+  replaceTextFile(folder, kDescriptionFile, text, syncs);
 }
 
 std::string signalTableFault(const OpenFolder& folder, const RecordingInfo& info) {

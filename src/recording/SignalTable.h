@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "kyr/recording/RecordingInfo.h"
@@ -15,8 +16,11 @@ std::string signalTable(const RecordingInfo& info);
 /// Puts signals.parquet and then recording.json in a folder, each in one step.
 /// \param info  gets the checksum of signals.parquet
 /// \param syncs  whether both are on the disk when the call returns
-/// \throws std::exception naming the file; recording.json is as it was then
-void writeDescription(const Folder& folder, RecordingInfo& info, bool syncs);
+/// \param wait  called before recording.json is written
+/// \throws std::exception naming the file, or what wait() throws; recording.json is as it was then
+void writeDescription(
+    const Folder& folder, RecordingInfo& info, bool syncs,
+    const std::function<void()>& wait = [] {});
 
 /// What is wrong with the folder's signals.parquet; empty if it is what recording.json says, or if
 /// that is of a version that has none.

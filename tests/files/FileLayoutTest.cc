@@ -7,6 +7,7 @@
 #include <parquet/statistics.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -251,7 +252,8 @@ TEST(FileLayout, RunsOfStorageIdsAreWrittenLikeTheIdsOfAllRows) {
     EXPECT_TRUE(there->column(1)->Equals(::arrow::ChunkedArray(ids)));
     expectSameValues(*there, *samples);
     const auto& plain = static_cast<const ::arrow::Int32Array&>(*ids);
-    const bool beginsWithRun = plain.Value(0) == plain.Value(std::min<std::size_t>(7, rows - 1));
+    const bool beginsWithRun =
+        plain.Value(0) == plain.Value(std::min<std::int64_t>(7, plain.length() - 1));
     if (beginsWithRun) {
       EXPECT_TRUE(file->Equals(*fileOf(false)));
     }
