@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <numeric>
 #include <set>
 #include <stdexcept>
 #include <string_view>
@@ -47,8 +48,8 @@ void requireKnownVersion(std::string_view text) {
   } catch (const JsonSyntaxError&) {
     return;
   }
-  if (header.version && *header.version > std::max(kFormatVersion, kLiveFormatVersion) &&
-      header.hasValidChecksum) {
+  const int known = header.format == kFormat.name ? kLiveFormatVersion : kFormatVersion;
+  if (header.version && *header.version > known && header.hasValidChecksum) {
     throw std::runtime_error(fmt::format(
         "format version {} is newer than what is known here: use a newer version of kyr",
         *header.version));
@@ -156,6 +157,14 @@ Attributes salvageAttributes(std::string_view text) {
 
 std::vector<FileInfo> salvageFiles(std::string_view text) {
   return salvageArray<FileInfo, JsonValue<FileInfo>>(text, "files");
+}
+
+bool JournalLine::isNewerThan(const JournalLine& other) const {
+  if (sequence != other.sequence) return sequence > other.sequence;
+  const auto sum = [](const JournalLine& line) {
+    return std::accumulate(line.rows.begin(), line.rows.end(), std::uint64_t{0});
+  };
+  return sum(*this) > sum(other);
 }
 
 std::string writeJournalLine(const JournalLine& line) {

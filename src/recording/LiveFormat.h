@@ -13,7 +13,8 @@
 namespace kyr::recording {
 
 /// 1 has no growing packs. Before 3 the names of files in the storage folder have no extension.
-constexpr int kLiveFormatVersion = 3;
+/// Before 4 only the journal tells what a flush acknowledged.
+constexpr int kLiveFormatVersion = 4;
 
 /// What recording.live.json says.
 struct LiveDescription {
@@ -54,6 +55,10 @@ std::vector<FileInfo> salvageFiles(std::string_view text);
 struct JournalLine {
   std::uint64_t sequence = 0;  ///< that of the recording.live.json which lists the signals
   std::vector<std::uint64_t> rows;
+
+  /// Whether this line of a recording was written behind the other one. The rows of a part become
+  /// fewer only when the sequence grows.
+  bool isNewerThan(const JournalLine& other) const;
 };
 
 /// The text of a line, with its line feed.

@@ -10,6 +10,8 @@
 #include <thread>
 #include <utility>
 
+#include "files/RowGroupCache.h"
+#include "recording/LivePacks.h"
 #include "recording/RecordingFolder.h"
 
 namespace kyr::recording {
@@ -36,7 +38,7 @@ LiveJournal::LiveJournal(const fs::path& folder)
   if (!lockPatiently(*file_)) throw std::runtime_error(file_->path().string() + ": is in use");
 }
 
-void LiveJournal::append(const JournalLine& line, bool syncs) {
+void LiveJournal::append(const JournalLine& line, bool syncs, bool isElsewhere) {
   constexpr std::uint64_t kLong = std::uint64_t{1} << 20U;
   constexpr std::uint64_t kLines = 64;
   removeRest();
@@ -44,7 +46,7 @@ void LiveJournal::append(const JournalLine& line, bool syncs) {
   if (end_ > std::max<std::uint64_t>(kLong, kLines * text.size())) return replace(text, syncs);
   try {
     file_->writeAt(end_, {text});
-    if (syncs) file_->syncData();
+    if (syncs && !isElsewhere) file_->syncData();
   } catch (...) {
     hasRest_ = !file_->tryTruncate(end_);
     throw;
@@ -101,6 +103,32 @@ JournalEnd readJournal(const Folder& folder, const LiveDescription& live) {
     end.isTorn = rest.back() != '\n' || rest.find('\0') != std::string::npos;
   }
   return end;
+}
+
+std::optional<JournalLine> lineInPacks(const OpenFolder& folder, const LiveDescription& live) {
+  const std::shared_ptr<const OpenFolder> unowned(std::shared_ptr<void>(), &folder);
+  LivePacks packs(unowned, {parquet::BatchChecks::yes, parquet::BatchChecks::no},
+                  std::make_shared<parquet::RowGroupCache>());
+  packs.refresh();
+  std::optional<JournalLine> newest;
+  for (const auto& [name, pack] : packs.packs()) {
+    auto line = readJournalLine(pack->lastFlush(), live);
+    if (!line || line->sequence > live.sequence) continue;
+    if (!newest || line->isNewerThan(*newest)) newest = std::move(line);
+  }
+  return newest;
+}
+
+void takeLineFromPacks(const Folder& folder, const LiveDescription& live) {
+  const JournalEnd journal = readJournal(folder, live);
+  if (!journal.line || !(journal.fault.empty() || journal.isTorn)) return;
+  const auto line = lineInPacks(OpenFolder(folder), live);
+  if (!line || !line->isNewerThan(*journal.line)) return;
+  const auto file = folder.open(kJournalFile, DiskFile::Mode::readWrite);
+  const std::uint64_t end = lastJournalLine(*file, live, NewerLines::skipped)->end;
+  file->truncate(end);
+  file->writeAt(end, {writeJournalLine(*line)});
+  file->syncAll();
 }
 
 bool isBeingWritten(const OpenFolder& folder) {

@@ -22,9 +22,10 @@ class LiveJournal {
 
   /// Adds a line. A journal that has become long is replaced by one with this line alone, whose
   /// name is on the disk when syncName() returns.
+  /// \param isElsewhere  whether a pack on the disk has the line, too. Then it need not be synced
   /// \throws std::system_error if that fails. The journal then ends with the line before, perhaps
   ///         with a part of the new one behind it
-  void append(const JournalLine& line, bool syncs);
+  void append(const JournalLine& line, bool syncs, bool isElsewhere);
   void syncName();
   /// Removes what a call that failed has left behind the last line.
   void removeRest();
@@ -53,6 +54,16 @@ struct JournalEnd {
 /// \param live  what recording.live.json says
 /// \throws std::system_error if the journal cannot be read
 JournalEnd readJournal(const Folder& folder, const LiveDescription& live);
+
+/// The newest line that the growing packs of a recording have which nobody writes any more. A flush
+/// whose line they have synced them, and perhaps not the journal.
+/// \throws std::system_error if a pack cannot be read
+std::optional<JournalLine> lineInPacks(const OpenFolder& folder, const LiveDescription& live);
+
+/// Gives the journal of such a recording that line, unless it has a newer one or is damaged. Behind
+/// its last sound line there was nothing then that a flush acknowledged.
+/// \throws std::system_error if that fails; it may be called again
+void takeLineFromPacks(const Folder& folder, const LiveDescription& live);
 
 /// Whether a process writes the recording in \p folder.
 bool isBeingWritten(const OpenFolder& folder);

@@ -116,7 +116,7 @@ class LiveRecording::Impl {
       store().usePacks();
       store().setExtension(kStorageExtension);
       writeDescription();
-      writeLine({});
+      writeLine({}, /*isInPack=*/false);
       if (syncs_) syncPath(folder_.parent_path());
     } catch (...) {
       std::error_code ignored;
@@ -191,21 +191,11 @@ class LiveRecording::Impl {
     requirePool();
     for (const auto& group : groups_) group->store();
     writeDetached();
-    pool().flush();
-    JournalLine line;
-    line.rows.reserve(2 * signals_.size());
-    for (std::size_t i = 0; i < signals_.size(); ++i) {
-      LiveSignal& signal = *signals_[i];
-      SignalInfo& info = live_.signals[i];
-      note(info.dataType, signal.getDataType());
-      note(info.category, signal.getCategory());
-      note(info.timeStorageId, storageIdOf(signal, Part::time));
-      note(info.dataStorageId, storageIdOf(signal, Part::data));
-      line.rows.push_back(signal.rowCount(Part::time));
-      line.rows.push_back(signal.rowCount(Part::data));
-    }
+    auto line = flushPool();
+    const bool isInPack = line.has_value();
+    if (!line) line = countRows();
     if (isChanged_) writeDescription();
-    writeLine(std::move(line));
+    writeLine(*std::move(line), isInPack);
     store().noteFlush();
   }
 
@@ -256,6 +246,51 @@ class LiveRecording::Impl {
     KYRSignalDataType type;
     KYRSignalCategory category;
   };
+
+  // Notes what the signals have now.
+  JournalLine countRows() {
+    JournalLine line;
+    line.sequence = live_.sequence;
+    line.rows.reserve(2 * signals_.size());
+    for (std::size_t i = 0; i < signals_.size(); ++i) {
+      LiveSignal& signal = *signals_[i];
+      SignalInfo& info = live_.signals[i];
+      note(info.dataType, signal.getDataType());
+      note(info.category, signal.getCategory());
+      note(info.timeStorageId, storageIdOf(signal, Part::time));
+      note(info.dataStorageId, storageIdOf(signal, Part::data));
+      line.rows.push_back(signal.rowCount(Part::time));
+      line.rows.push_back(signal.rowCount(Part::data));
+    }
+    return line;
+  }
+
+  // Writes the rows. If they are synced, and all lines of the journal so far are of the signals as
+  // they are, a pack gets the new line, too: its sync then is the only one that a flush needs.
+  // \return the line that a pack has
+  std::optional<JournalLine> flushPool() {
+    std::optional<JournalLine> line;
+    if (!syncs_) {
+      pool().flush();
+      return line;
+    }
+    store().setFlushNote([&]() -> std::string {
+      line = countRows();
+      if (isChanged_) line.reset();
+      if (!line) return "";
+      std::string text = writeJournalLine(*line);
+      text.pop_back();  // the line feed
+      return text;
+    });
+    try {
+      pool().flush();
+    } catch (...) {
+      store().setFlushNote({});
+      throw;
+    }
+    store().setFlushNote({});
+    return line;
+  }
 
   // What the list will say of a new signal.
   SignalInfo requireNew(const SignalDescription& description, KYRSignalDataType type,
@@ -407,9 +442,10 @@ class LiveRecording::Impl {
 
   // Tells that the rows are there. The first line, before any flush, tells that there are none, so
   // that a journal without a line is known to be damaged.
-  void writeLine(JournalLine line) {
+  // \param isInPack  whether a pack on the disk has the line, too
+  void writeLine(JournalLine line, bool isInPack) {
     line.sequence = live_.sequence;
-    journal_->append(line, syncs_);
+    journal_->append(line, syncs_, isInPack);
     // The line stands from here on, whatever fails.
     store().noteAcknowledged();
     if (line.sequence != acknowledgedSequence_) noteAcknowledged();

@@ -23,24 +23,35 @@ struct Flush {
   JournalLine line;
 };
 
+// \param line  of the journal
+Flush flushOf(const OpenFolder& folder, LiveDescription live, std::optional<JournalLine> line,
+              bool isBeingWritten) {
+  if (!isBeingWritten) {
+    auto other = lineInPacks(folder, live);
+    if (other && (!line || other->isNewerThan(*line))) line = std::move(other);
+  }
+  if (!line) return {std::move(live), {}};
+  takeBackTo(*line, live);
+  return {std::move(live), *std::move(line)};
+}
+
 // The description may be rewritten, and a line for the new one follow, between two looks.
-Flush readFlush(const OpenFolder& folder) {
+Flush readFlush(const OpenFolder& folder, bool isBeingWritten) {
   constexpr int kAttempts = 10;
   const std::string source = (folder.path() / kLiveFile).string();
-  Flush flush;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    flush.live = readLiveJson(folder.readText(kLiveFile), source);
+    LiveDescription live = readLiveJson(folder.readText(kLiveFile), source);
     const auto journal = folder.open(kJournalFile);
-    auto newest = lastJournalLine(*journal, flush.live, NewerLines::found);
-    const bool isOlder = newest && newest->line.sequence > flush.live.sequence;
+    auto newest = lastJournalLine(*journal, live, NewerLines::found);
+    const bool isOlder = newest && newest->line.sequence > live.sequence;
     if (newest && !isOlder) {
-      flush.line = std::move(newest->line);
-      takeBackTo(flush.line, flush.live);
-      return flush;
+      return flushOf(folder, std::move(live), std::move(newest->line), isBeingWritten);
     }
     // How much of the journal is read depends on the list, of which there may be a newer one.
     constexpr int kAttemptsWithoutLine = 2;
-    if (journal->size() == 0 || (!newest && attempt + 1 >= kAttemptsWithoutLine)) return flush;
+    if (journal->size() == 0 || (!newest && attempt + 1 >= kAttemptsWithoutLine)) {
+      return flushOf(folder, std::move(live), std::nullopt, isBeingWritten);
+    }
   }
   throw std::runtime_error(source + ": is older than the journal beside it");
 }
@@ -48,10 +59,10 @@ Flush readFlush(const OpenFolder& folder) {
 }  // namespace
 
 LiveRecordingInfo readLiveState(const OpenFolder& folder) {
-  Flush flush = readFlush(folder);
   LiveRecordingInfo info;
-  info.formatVersion = flush.live.formatVersion;
   info.isBeingWritten = isBeingWritten(folder);
+  Flush flush = readFlush(folder, info.isBeingWritten);
+  info.formatVersion = flush.live.formatVersion;
   info.attributes = flush.live.attributes;
   std::map<int, std::uint64_t> rows;
   flush.line.rows.resize(2 * flush.live.signals.size(), 0);

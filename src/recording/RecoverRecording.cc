@@ -54,6 +54,7 @@ class Recovery {
     if (isComplete()) return std::move(result_);
     if (folder_.entry(kStorageFolder) != Folder::Entry::folder) nothing();
     refusePacks();
+    takeLine();
     expand();
     readDescription();
     storage_.emplace(folder_.folder(kStorageFolder), stated_);
@@ -125,6 +126,21 @@ class Recovery {
     if (wasLive) clearStorage(info);
     removeLiveFiles(folder_);
     return true;
+  }
+
+  // Before the packs that have it become files.
+  void takeLine() const {
+    if (!folder_.has(kLiveFile)) return;
+    const std::string source = (folder_.path() / kLiveFile).string();
+    LiveDescription live;
+    try {
+      live = readLiveJson(OpenFolder(folder_).readText(kLiveFile), source);
+    } catch (const std::system_error&) {
+      throw;
+    } catch (const std::runtime_error&) {
+      return;  // which rows are whose is not known for certain then
+    }
+    takeLineFromPacks(folder_, live);
   }
 
   // The rows that growing packs have become files, of which the rest is made.

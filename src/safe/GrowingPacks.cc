@@ -38,7 +38,7 @@ GrowingPacks::Pack& GrowingPacks::packOf(const GrowingRows& rows) {
   return pack;
 }
 
-void GrowingPacks::write() {
+void GrowingPacks::write(const PackFile::LastNote& flushNote) {
   if (waiting_.empty()) return;
   store_.requireOpen();
   std::unordered_map<Pack*, std::vector<PackEntry>> byPack;
@@ -46,23 +46,31 @@ void GrowingPacks::write() {
     const PackRun run = rows->unpacked();
     if (run.count > 0) byPack[&packOf(*rows)].push_back({run, rows});
   }
+  const PackFile::LastNote noteLast = [&] {
+    store_.sync();
+    return flushNote();
+  };
+  std::size_t left = byPack.size();
   for (auto& [pack, entries] : byPack) {
     GrowingRows& first = *entries.front().rows;
     if (!pack->file) {
       pack->file = std::make_unique<PackFile>(store_, next_, first.sampleSchema(), first.width());
     }
-    write(*pack, std::move(entries));
+    const bool isNoted = --left == 0 && flushNote;
+    write(*pack, std::move(entries), isNoted ? noteLast : PackFile::LastNote());
+    if (isNoted) pack->file->sync();  // it may be replaced, and the note is not repeated
     replaceIfMostlyUnneeded(*pack);
   }
   for (GrowingRows* rows : waiting_) rows->noteWaiting(false);
   waiting_.clear();
 }
 
-void GrowingPacks::write(Pack& pack, std::vector<PackEntry> entries) {
-  const int number = pack.file->number();
-  pack.file->write(std::move(entries), kBatchBytes, [number](const PackEntry& entry, auto) {
+void GrowingPacks::write(Pack& pack, std::vector<PackEntry> entries,
+                         const PackFile::LastNote& flushNote) {
+  const auto noted = [number = pack.file->number()](const PackEntry& entry, std::uint64_t) {
     entry.rows->notePacked(entry.run.first + entry.run.count, number);
-  });
+  };
+  pack.file->write(std::move(entries), kBatchBytes, noted, flushNote);
 }
 
 // What is needed is counted again only when the pack has grown by half since the last time, or rows
@@ -87,7 +95,7 @@ void GrowingPacks::replaceIfMostlyUnneeded(Pack& pack) {
   Pack fresh;
   fresh.file = std::make_unique<PackFile>(store_, next_, pack.file->contents(), pack.file->width());
   try {
-    write(fresh, std::move(needed));
+    write(fresh, std::move(needed), {});
   } catch (...) {
     std::error_code ignored;
     std::filesystem::remove(fresh.file->path(), ignored);

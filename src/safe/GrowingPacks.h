@@ -43,7 +43,10 @@ class GrowingPacks {
   void forget(const GrowingRows& rows);
 
   /// Writes the rows of all contents that were added.
-  void write();
+  /// \param flushNote  if not empty, called before the last batch, when all else that the flush
+  ///        wrote was synced. Returns what the batch is to say of the flush; empty for nothing. The
+  ///        batch is synced, too
+  void write(const PackFile::LastNote& flushNote = {});
   /// Waits until all batches are on the disk.
   void sync();
 
@@ -61,7 +64,7 @@ class GrowingPacks {
   };
 
   Pack& packOf(const GrowingRows& rows);
-  void write(Pack& pack, std::vector<PackEntry> entries);
+  void write(Pack& pack, std::vector<PackEntry> entries, const PackFile::LastNote& flushNote);
   void replaceIfMostlyUnneeded(Pack& pack);
   std::vector<GrowingRows*> spilledContents() const;
   // Merges packs of one schema if that is due.

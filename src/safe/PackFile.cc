@@ -55,7 +55,8 @@ PackFile::PackFile(SharedStore& store, int& next, const SampleSchema& contents, 
   store.noteNewFile();
 }
 
-void PackFile::write(std::vector<PackEntry> entries, std::size_t batchBytes, const Noted& noted) {
+void PackFile::write(std::vector<PackEntry> entries, std::size_t batchBytes, const Noted& noted,
+                     const LastNote& lastNote) {
   const auto isBefore = [](const PackEntry& a, const PackEntry& b) {
     return comesBefore(a.run, b.run);
   };
@@ -71,7 +72,7 @@ void PackFile::write(std::vector<PackEntry> entries, std::size_t batchBytes, con
       const bool isFull = bytesIn(gathered_.slice()) + bytesIn(rows.rows) > batchBytes ||
                           gathered_.rows() + rows.rows.rows > kMaxBatchRows;
       if (isFull && !batch.empty()) {
-        writeBatch(batch, noted);
+        writeBatch(batch, noted, "");
         batch.clear();
         gathered_.truncate(0);
       }
@@ -81,10 +82,11 @@ void PackFile::write(std::vector<PackEntry> entries, std::size_t batchBytes, con
       entry.run.first += entry.run.count;
     }
   }
-  if (!batch.empty()) writeBatch(batch, noted);
+  if (!batch.empty()) writeBatch(batch, noted, lastNote ? lastNote() : "");
 }
 
-void PackFile::writeBatch(const std::vector<PackEntry>& batch, const Noted& noted) {
+void PackFile::writeBatch(const std::vector<PackEntry>& batch, const Noted& noted,
+                          const std::string& flushNote) {
   std::vector<PackRun> runs;
   std::vector<IdRun> ids;
   runs.reserve(batch.size());
@@ -100,6 +102,7 @@ void PackFile::writeBatch(const std::vector<PackEntry>& batch, const Noted& note
     }
   }
   pairs->Append(kPackRunsKey, writeRuns(runs));
+  if (!flushNote.empty()) pairs->Append(kPackFlushKey, flushNote);
   const std::size_t rows = gathered_.rows();
   auto columns = gathered_.table(0, rows)->columns();
   columns.push_back(std::make_shared<::arrow::ChunkedArray>(storageIdsOf(ids, isNumbers_)));

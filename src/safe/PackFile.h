@@ -44,9 +44,13 @@ class PackFile {
 
   /// Called with rows that were written, and the pack's row with which they begin.
   using Noted = std::function<void(const PackEntry& entry, std::uint64_t row)>;
+  /// Called before the last batch is written. Returns what the batch is to say of the flush; empty
+  /// for nothing.
+  using LastNote = std::function<std::string()>;
   /// Writes rows as batches of about \p batchBytes. Each batch is noted as soon as it is written,
   /// so that after a failure the call can go on with the others.
-  void write(std::vector<PackEntry> entries, std::size_t batchBytes, const Noted& noted);
+  void write(std::vector<PackEntry> entries, std::size_t batchBytes, const Noted& noted,
+             const LastNote& lastNote = {});
 
   /// Waits until all batches are on the disk.
   void sync();
@@ -55,7 +59,8 @@ class PackFile {
 
  private:
   // Writes the rows that were gathered.
-  void writeBatch(const std::vector<PackEntry>& batch, const Noted& noted);
+  void writeBatch(const std::vector<PackEntry>& batch, const Noted& noted,
+                  const std::string& flushNote);
 
   int number_ = 0;
   std::filesystem::path path_;

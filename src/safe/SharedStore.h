@@ -116,6 +116,9 @@ class SharedStore {
   void usePacks();
   /// The packs; null if there are none.
   GrowingPacks* packs() const { return packs_.get(); }
+  /// What the next flush of the pool tells to the packs; see GrowingPacks::write().
+  void setFlushNote(std::function<std::string()> note) { flushNote_ = std::move(note); }
+  const std::function<std::string()>& flushNote() const { return flushNote_; }
   /// Finished contents that have no file yet stay in memory, whatever their size.
   void keepFinishedInMemory() { keepsFinished_ = true; }
 
@@ -185,6 +188,7 @@ class SharedStore {
   std::size_t bytesGrowing_ = 0;
   bool keepsFinished_ = false;
   std::unique_ptr<GrowingPacks> packs_;
+  std::function<std::string()> flushNote_;
 
   bool ownsDirectory_ = false;
   bool makesDirectory_ = false;

@@ -101,7 +101,7 @@ void SafeBackend::flush(const PoolSignals& signals) {
       if (content.growing() == nullptr) content.flush();
     });
   }
-  if (store_->packs() != nullptr) store_->packs()->write();
+  if (store_->packs() != nullptr) store_->packs()->write(store_->flushNote());
   if (store_->options().sync != SafeStorage::Sync::never) store_->sync();
   // A live recording notes it when its journal tells of the flush.
   if (store_->packs() == nullptr) store_->noteFlush();

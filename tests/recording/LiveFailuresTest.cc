@@ -153,7 +153,7 @@ TEST(LiveJournals, ANameThatIsNotOnTheDiskIsSyncedAgain) {
   JournalLine line{1, std::vector<std::uint64_t>(5000)};
   std::iota(line.rows.begin(), line.rows.end(), 0);
   const auto append = [&] {
-    journal.append(line, /*syncs=*/true);
+    journal.append(line, /*syncs=*/true, /*isElsewhere=*/false);
     journal.syncName();
   };
   // A line is written and synced. The third call syncs the name of a journal that is replaced.

@@ -12,7 +12,8 @@ namespace kyr::recording {
 
 using Values = std::vector<double>;
 
-/// Appends the samples [from, to) of a signal whose sample i is i times \p slope at the time i / 10.
+/// Appends the samples [from, to) of a signal whose sample i is i times \p slope, at the time
+/// i / 10.
 inline void append(parquet::StreamableSignal& signal, int from, int to, double slope) {
   for (int i = from; i < to; ++i) {
     const double time = i / 10.0;

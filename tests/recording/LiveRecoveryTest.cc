@@ -74,6 +74,47 @@ TEST_F(LiveRecoveries, TornJournalLinesAreNoticed) {
   }
 }
 
+// A power cut may leave any part of the lines that were not synced, because a pack has them, too.
+TEST_F(LiveRecoveries, APackHasTheLinesThatTheJournalHasLost) {
+  options.storage.sync = parquet::SafeStorage::Sync::flush;
+  begin();
+  const auto c = live->addSignal({3, "c", "", "", {}}, Int32, Scalar);
+  std::vector<std::string> journals;
+  for (int flushes = 0; flushes < 4; ++flushes) {
+    append(*a, flushes * 3, flushes * 3 + 3, 1);
+    append(*b, flushes * 3, flushes * 3 + 3, 2);
+    for (int i = flushes * 3; i < flushes * 3 + 3; ++i) c->appendData(&i, sizeof(i), {}, {});
+    live->flush();
+    journals.push_back(test::Folder(rec).contents("recording.journal"));
+  }
+  const std::string& synced = journals[0];
+  const fs::path folder = temp.file("left");
+  fs::copy(rec, folder, fs::copy_options::recursive);
+  crash();
+  for (const std::string& left :
+       {synced, synced + std::string(100, '\0'), journals[1],
+        journals[1] + journals[3].substr(journals[1].size() + 5), journals[3]}) {
+    SCOPED_TRACE(left);
+    fs::remove_all(rec);
+    fs::copy(folder, rec, fs::copy_options::recursive);
+    test::Folder(rec).touch("recording.journal", left);
+    EXPECT_EQ(numbersIn(RecordingReader(path()).read(2).bytes), sloped(12, 2));
+    const RecoveryResult result = recover();
+    EXPECT_FALSE(result.hasLosses());
+    EXPECT_EQ(result.signals.at(2).rowsKept, 12U);
+    EXPECT_EQ(faults(rec), "");
+    expectSignal(1, 12, 1);
+  }
+  // Of a journal that is damaged elsewhere, nobody knows which lines it had.
+  fs::remove_all(rec);
+  fs::copy(folder, rec, fs::copy_options::recursive);
+  std::string damaged = journals[3];
+  damaged[journals[2].size() + 1] ^= 1;
+  test::Folder(rec).touch("recording.journal", damaged);
+  EXPECT_TRUE(recover().hasLosses());
+  expectSignal(1, 12, 1);
+}
+
 TEST_F(LiveRecoveries, LostRowsAreTold) {
   begin();
   append(*a, 0, 100, 1);

@@ -76,6 +76,7 @@ void GrowingPack::take(const WholeRecord& record) {
   isBroken_ = !groups;
   if (isBroken_) return;
   index_.add(*groups, record.header.rows);
+  if (pairs->Contains(kPackFlushKey)) lastFlush_ = pairs->Get(kPackFlushKey).ValueOr("");
   const std::string prefix = std::string(kPackNotesKey) + ".";
   for (std::int64_t i = 0; i < pairs->size(); ++i) {
     const std::string_view key = pairs->key(i);

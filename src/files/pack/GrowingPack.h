@@ -20,6 +20,10 @@ namespace kyr::parquet {
 /// The key of a batch's metadata is this one, a dot and the storage id.
 constexpr const char* kPackNotesKey = "kyr.signals";
 
+/// What was acknowledged by the flush whose last rows the batch has, if the pack was synced: the
+/// text is the recording's own business.
+constexpr const char* kPackFlushKey = "kyr.flush";
+
 /// The name of a growing pack in a storage folder.
 std::string growingPackName(int number);
 /// The number in such a name.
@@ -47,6 +51,8 @@ class GrowingPack {
   const std::shared_ptr<ContentFile>& content() const { return content_; }
   /// The notes on contents, by storage id.
   const std::map<int, std::string>& notes() const { return notes_; }
+  /// What the last batch says that says something of a flush; empty if none does.
+  const std::string& lastFlush() const { return lastFlush_; }
   /// The bytes from the start on of the records that were taken note of.
   std::uint64_t soundBytes() const { return records_->end; }
 
@@ -62,6 +68,7 @@ class GrowingPack {
   std::shared_ptr<GrowingRecords> records_;
   PackIndex index_;
   std::map<int, std::string> notes_;
+  std::string lastFlush_;
   std::shared_ptr<ContentFile> content_;
   bool isBroken_ = false;  // a record that does not say which rows it has was found
 };
