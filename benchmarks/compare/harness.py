@@ -19,7 +19,7 @@ class Failure(Exception):
 
 
 def environment(folder):
-    """Programs put temporary files beside what they store, on that disk. Both are emptied."""
+    """Programs put temporary files beside what they store, on that disk. They are emptied, too."""
     temporary = folder / "temporary"
     temporary.mkdir(exist_ok=True)
     return {**os.environ, "TMPDIR": str(temporary)}

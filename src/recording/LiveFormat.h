@@ -15,6 +15,7 @@ namespace kyr::recording {
 /// 1 has no growing packs. Before 3 the names of files in the storage folder have no extension.
 /// Before 4 only the journal tells what a flush acknowledged.
 constexpr int kLiveFormatVersion = 4;
+constexpr int kFirstVersionWithLinesInPacks = 4;
 
 /// What recording.live.json says.
 struct LiveDescription {

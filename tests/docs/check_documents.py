@@ -11,7 +11,8 @@ import subprocess
 import sys
 
 MAX_COLUMNS = 100
-SOURCES = (".h", ".cc", ".py", ".cmake", "CMakeLists.txt")
+SOURCES = (".h", ".cc", ".py", ".cmake", ".toml", "CMakeLists.txt")
+PROGRAMS = ("scripts/", ".ci/", "benchmarks/compare/run")
 CODE = ["src", "include", "tools", "tests", "examples", "benchmarks", "cmake", "scripts"]
 # Names that are not ours, and placeholders.
 FOREIGN = {"SIGINT", "SIGTERM", "SIGHUP", "SIGKILL", "RLIMIT_NOFILE", "REQUIRED", "OPTIONAL", "OUT"}
@@ -41,11 +42,18 @@ def check_lines(text):
             yield f"line {number} has {len(line)} columns, more than {MAX_COLUMNS}"
 
 
-def check_sources(root):
+def names_of_files(root):
+    """Those of the repository; where it is none, those of the folders that it would have."""
     listed = subprocess.run(["git", "ls-files"], cwd=root, capture_output=True, text=True)
-    for name in listed.stdout.split():
-        is_source = name.startswith(("scripts/", ".ci/")) or name.endswith(SOURCES)
-        if is_source:
+    if listed.stdout:
+        return listed.stdout.split()
+    found = [path for folder in CODE for path in (root / folder).rglob("*") if path.is_file()]
+    return [path.relative_to(root).as_posix() for path in [*found, *root.glob("*.*")]]
+
+
+def check_sources(root):
+    for name in names_of_files(root):
+        if name.startswith(PROGRAMS) or name.endswith(SOURCES):
             for fault in check_lines((root / name).read_text(encoding="utf-8")):
                 yield f"{name} {fault}"
 

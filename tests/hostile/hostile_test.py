@@ -268,7 +268,7 @@ class Corpus:
                     yield f"{base} {file.name} holds {name}", base, write
 
     def packs(self):
-        """Growing packs that claim to have rows of other contents, or too many rows."""
+        """Growing packs that claim to have rows of other contents, or are too many."""
         storage = self.bases / "live" / "storage"
         packs = sorted(path.name for path in storage.iterdir() if path.name.startswith("live-"))
         ids = range(12)

@@ -255,7 +255,7 @@ class Test:
             file.write(b"########")
 
     def commands(self):
-        """name, base, command, and what must be there after a cut or failure: (look, allowed)."""
+        """Names, the folders in which they begin, and the commands; judge() tells them apart."""
         recover = [self.kyr, "recover", "ROOT/rec"]
         return [
             ("record", "nothing", [self.takes, "live", "ROOT/rec"]),
