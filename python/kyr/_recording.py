@@ -5,7 +5,6 @@ from __future__ import annotations
 import collections
 import collections.abc
 import os
-import weakref
 
 from . import _core, _show
 from ._plot import plot_signals
@@ -13,6 +12,7 @@ from ._signal import Signal
 from ._table import Table, chosen, table_of
 from ._tool import run
 from ._types import Kind
+from ._weak import WeakValues
 
 TYPE_CHECKING = False  # Importing the module typing takes long.
 if TYPE_CHECKING:
@@ -65,7 +65,7 @@ class Recording(collections.abc.Mapping):
         self._options = {"checks": checks, "follow_links": follow_links}
         self._reader = _core.Reader(os.fsencode(name), checks, follow_links)
         self._ids: list[int] | None = None  # those of a selection
-        self._time_cache: Any = weakref.WeakValueDictionary()
+        self._time_cache = WeakValues()
         self._list()
 
     def _list(self):
@@ -75,7 +75,7 @@ class Recording(collections.abc.Mapping):
             infos = {i: infos[i] for i in self._ids}
         # Another thread may look a name up meanwhile, so what a name leads to comes first.
         self._infos = infos
-        self._signals: Any = weakref.WeakValueDictionary()
+        self._signals = WeakValues()
         self._names = _unique_names(infos.values())
         self._by_name = {name: i for i, name in self._names.items()}
 
@@ -83,7 +83,7 @@ class Recording(collections.abc.Mapping):
         # Kept weakly: the signal keeps the recording, whose files close when the last of both goes.
         signal = self._signals.get(id)
         if signal is None:
-            signal = self._signals.setdefault(id, Signal(self, self._infos[id]))
+            signal = self._signals.keep(id, Signal(self, self._infos[id]))
         return signal
 
     # ---- the mapping ---------------------------------------------------------------------------
@@ -279,7 +279,7 @@ class Recording(collections.abc.Mapping):
         times = self._time_cache.get(key)
         if times is None:
             times = self._reader.read_times(id, 0, stop).view("float64")
-            self._time_cache[key] = times
+            times = self._time_cache.keep(key, times)
         return times
 
     def __repr__(self):
