@@ -303,11 +303,21 @@ class Recovery {
     SignalInfo& info = signal.info;
     const bool isOwn = info.dataStorageId && users_[*info.dataStorageId] == 1;
     std::uint64_t times = available(info.timeStorageId, signal.timeRows, isOwn);
-    const std::uint64_t samples = available(info.dataStorageId, signal.dataRows, isOwn);
+    std::uint64_t samples = available(info.dataStorageId, signal.dataRows, isOwn);
     const std::uint64_t timesBefore = signal.timeRows.value_or(times);
     const std::uint64_t samplesBefore = signal.dataRows.value_or(samples);
-    bool isPair = info.timeStorageId && info.dataStorageId &&
-                  (!signal.timeRows || (timesBefore > 0 && samplesBefore > 0));
+    const bool hadPairs = timesBefore > 0 && samplesBefore > 0;
+    const bool hadNothing = timesBefore == 0 && samplesBefore == 0;
+    const bool gainsPairs = hadNothing && times > 0 && samples > 0;
+    bool isPair =
+        info.timeStorageId && info.dataStorageId && (!signal.timeRows || hadPairs || gainsPairs);
+    // The samples do not limit the times then, so that those in a file of others count no more.
+    if (!isPair && info.timeStorageId) {
+      times = available(info.timeStorageId, signal.timeRows, users_[*info.timeStorageId] == 1);
+    }
+    // What was acknowledged of one part alone is not cut to what the other part got later.
+    if (!hadNothing && timesBefore == 0) times = 0;
+    if (!hadNothing && samplesBefore == 0) samples = 0;
     const std::uint64_t before =
         isPair ? std::min(timesBefore, samplesBefore) : std::max(timesBefore, samplesBefore);
     if (isPair && samples > 0 && info.timeStorageId &&

@@ -162,6 +162,51 @@ TEST_F(Recoveries, RowsBehindADamagedJournalAreKeptAndTold) {
   }
 }
 
+// The last line counts the first rows of a part of signal 3, whose times are in a file of others.
+TEST_F(Recoveries, NewPartsBehindADamagedJournalAreKeptWithoutHarmToOthers) {
+  struct {
+    const char* name;
+    int times, samples;  // that were acknowledged
+    std::uint64_t timesKept, samplesKept;
+  } const cases[] = {
+      {"neither", 0, 0, 30, 30}, {"times alone", 20, 0, 20, 0}, {"samples alone", 0, 20, 0, 30}};
+  for (const auto& [name, times, samples, timesKept, samplesKept] : cases) {
+    SCOPED_TRACE(name);
+    begin();
+    auto third = live->addSignal({3, "third", "", "", {}}, Double, Scalar);
+    const auto appendTimes = [&](int from, int to) {
+      for (int i = from; i < to; ++i) {
+        const double time = i / 10.0;
+        third->appendTime(&time, 1);
+      }
+    };
+    const auto appendSamples = [&](int from, int to) {
+      for (int i = from; i < to; ++i) {
+        const double value = 3 * i;
+        third->appendData(&value, sizeof(value), {}, {});
+      }
+    };
+    append(0, 48);
+    appendTimes(0, times);
+    appendSamples(0, samples);
+    live->flush();
+    append(48, 96);
+    appendTimes(times, 40);
+    appendSamples(samples, 30);
+    live->flush();
+    third.reset();
+    crash();
+    fs::resize_file(rec / "recording.journal", fs::file_size(rec / "recording.journal") - 3);
+    recover();
+    expectSound();
+    const RecordingReader reader(Path::fromFilesystem(rec));
+    EXPECT_EQ(reader.timeCount(3), timesKept);
+    EXPECT_EQ(reader.sampleCount(3), samplesKept);
+    for (const int id : {1, 2}) EXPECT_EQ(reader.sampleCount(id), 96U);
+    fs::remove_all(rec);
+  }
+}
+
 // A process may be killed between the list of its signals and the line of the first flush, or the
 // lines of later flushes do not come to the disk. Other versions left an empty journal then.
 TEST_F(Recoveries, RowsWithoutALineThatCountsThemAreKept) {
