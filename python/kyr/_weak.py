@@ -27,17 +27,24 @@ class WeakValues:
 
     def keep(self, key: Any, value: Any) -> Any:
         """Returns the value that is there, or keeps this one and returns it."""
-        known = self.get(key)
-        if known is not None:
-            return known
         if len(self._references) >= self._most:
             self._forget_those_that_have_gone()
-        self._references[key] = weakref.ref(value)
-        return value
+        mine = weakref.ref(value)
+        while True:
+            # In one step, for other threads that keep a value for the key.
+            kept = self._references.setdefault(key, mine)
+            known = kept()
+            if known is not None:
+                return known
+            self._forget(key, kept)
 
     def _forget_those_that_have_gone(self):
         for key, reference in list(self._references.items()):
-            # Another thread may have kept another value for the key meanwhile.
-            if reference() is None and self._references.get(key) is reference:
-                self._references.pop(key, None)
+            if reference() is None:
+                self._forget(key, reference)
         self._most = 64 + 2 * len(self._references)
+
+    def _forget(self, key: Any, reference: weakref.ref):
+        # Another thread may have kept another value for the key meanwhile.
+        if self._references.get(key) is reference:
+            self._references.pop(key, None)
