@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
-#include <numeric>
 #include <set>
 #include <stdexcept>
 #include <string_view>
@@ -159,17 +158,19 @@ std::vector<FileInfo> salvageFiles(std::string_view text) {
   return salvageArray<FileInfo, JsonValue<FileInfo>>(text, "files");
 }
 
-bool JournalLine::isNewerThan(const JournalLine& other) const {
-  if (sequence != other.sequence) return sequence > other.sequence;
-  const auto sum = [](const JournalLine& line) {
-    return std::accumulate(line.rows.begin(), line.rows.end(), std::uint64_t{0});
-  };
-  return sum(*this) > sum(other);
+std::uint64_t journalTail(std::size_t signals) {
+  // Each half has two of the longest lines, so that one of them is whole.
+  constexpr std::uint64_t kLines = 4;
+  constexpr std::uint64_t kLeast = std::uint64_t{1} << 20U;
+  constexpr std::uint64_t kLineBytes = 100;  // four numbers and the checksum
+  constexpr std::uint64_t kPartBytes = 42;   // two numbers
+  return std::max(kLeast, kLines * (kLineBytes + kPartBytes * 2 * signals));
 }
 
 std::string writeJournalLine(const JournalLine& line) {
   const std::uint64_t common = commonest(line.rows);
-  std::string text = fmt::format("{} {} {} ", line.sequence, line.rows.size(), common);
+  std::string text =
+      fmt::format("{} {} {} {} ", line.sequence, line.number, line.rows.size(), common);
   for (std::size_t part = 0; part < line.rows.size(); ++part) {
     if (line.rows[part] != common) text += fmt::format("{}={} ", part, line.rows[part]);
   }
@@ -181,11 +182,14 @@ std::optional<JournalLine> readJournalLine(std::string_view text, const LiveDesc
   std::string_view rest = text.substr(0, text.size() - kChecksumDigits);
   if (checksumOf(rest).substr(0, kChecksumDigits) != text.substr(rest.size())) return std::nullopt;
   const auto sequence = takeNumber(rest, ' ');
-  const auto parts = sequence ? takeNumber(rest, ' ') : std::nullopt;
+  const bool isNumbered = live.formatVersion >= kFirstVersionWithLinesInPacks;
+  const auto number = isNumbered ? takeNumber(rest, ' ') : std::optional<std::uint64_t>(0);
+  const auto parts = sequence && number ? takeNumber(rest, ' ') : std::nullopt;
   const auto common = parts ? takeNumber(rest, ' ') : std::nullopt;
   if (!common) return std::nullopt;
   JournalLine line;
   line.sequence = *sequence;
+  line.number = *number;
   if (line.sequence > live.sequence) return line;
   if (*parts > 2 * live.signals.size()) return std::nullopt;
   // A journal may be full of lines that claim many parts. Memory for these is allocated when the
@@ -216,14 +220,8 @@ void takeBackTo(const JournalLine& line, LiveDescription& live) {
 std::optional<PlacedLine> lastJournalLine(const DiskFile& journal, const LiveDescription& live,
                                           NewerLines newer) {
   constexpr std::uint64_t kFirstTail = std::uint64_t{1} << 14U;
-  // At most the last line is incomplete, so that four of the longest lines are enough.
-  constexpr std::uint64_t kLines = 4;
-  constexpr std::uint64_t kLeast = std::uint64_t{1} << 20U;
-  constexpr std::uint64_t kLineBytes = 80;  // three numbers and the checksum
-  constexpr std::uint64_t kPartBytes = 42;  // two numbers
-  const std::uint64_t longest = kLineBytes + kPartBytes * 2 * live.signals.size();
   const std::uint64_t size = journal.size();
-  const std::uint64_t most = std::min(size, std::max(kLeast, kLines * longest));
+  const std::uint64_t most = std::min(size, journalTail(live.signals.size()));
   for (std::uint64_t tail = kFirstTail;; tail *= 8) {
     const std::uint64_t from = size - std::min(most, tail);
     std::string text(static_cast<std::size_t>(size - from), '\0');

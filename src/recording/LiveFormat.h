@@ -13,7 +13,7 @@
 namespace kyr::recording {
 
 /// 1 has no growing packs. Before 3 the names of files in the storage folder have no extension.
-/// Before 4 only the journal tells what a flush acknowledged.
+/// Before 4 lines of the journal have no number, and packs have no lines.
 constexpr int kLiveFormatVersion = 4;
 constexpr int kFirstVersionWithLinesInPacks = 4;
 
@@ -55,12 +55,17 @@ std::vector<FileInfo> salvageFiles(std::string_view text);
 /// the times of the second signal, and so on.
 struct JournalLine {
   std::uint64_t sequence = 0;  ///< that of the recording.live.json which lists the signals
+  std::uint64_t number = 0;    ///< one more for each line that is made; 0 in older recordings
   std::vector<std::uint64_t> rows;
 
-  /// Whether this line of a recording was written behind the other one. The rows of a part become
-  /// fewer only when the sequence grows.
-  bool isNewerThan(const JournalLine& other) const;
+  /// Whether this line of a recording was made after the other one.
+  bool isNewerThan(const JournalLine& other) const { return number > other.number; }
 };
+
+/// The bytes at the end of a journal that are read for a line. Whatever becomes of the second half
+/// of them, a whole line is in the first one.
+/// \param signals  how many there are
+std::uint64_t journalTail(std::size_t signals);
 
 /// The text of a line, with its line feed.
 std::string writeJournalLine(const JournalLine& line);

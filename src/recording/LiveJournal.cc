@@ -44,14 +44,17 @@ void LiveJournal::append(const JournalLine& line, bool syncs, bool isElsewhere) 
   removeRest();
   const std::string text = writeJournalLine(line);
   if (end_ > std::max<std::uint64_t>(kLong, kLines * text.size())) return replace(text, syncs);
+  const std::uint64_t unsynced = unsynced_ + text.size();
+  const bool isDue = !isElsewhere || unsynced > journalTail(line.rows.size() / 2) / 2;
   try {
     file_->writeAt(end_, {text});
-    if (syncs && !isElsewhere) file_->syncData();
+    if (syncs && isDue) file_->syncData();
   } catch (...) {
     hasRest_ = !file_->tryTruncate(end_);
     throw;
   }
   end_ += text.size();
+  unsynced_ = isDue ? 0 : unsynced;
 }
 
 void LiveJournal::removeRest() {
@@ -76,6 +79,7 @@ void LiveJournal::replace(const std::string& text, bool syncs) {
   folder_.rename(name, folder_, kJournalFile);
   previous_ = std::exchange(file_, std::move(file));
   end_ = text.size();
+  unsynced_ = 0;
   isNameNew_ = syncs;
 }
 
@@ -106,6 +110,7 @@ JournalEnd readJournal(const Folder& folder, const LiveDescription& live) {
 }
 
 std::optional<JournalLine> lineInPacks(const OpenFolder& folder, const LiveDescription& live) {
+  if (live.formatVersion < kFirstVersionWithLinesInPacks) return std::nullopt;
   const std::shared_ptr<const OpenFolder> unowned(std::shared_ptr<void>(), &folder);
   LivePacks packs(unowned, {parquet::BatchChecks::yes, parquet::BatchChecks::no},
                   std::make_shared<parquet::RowGroupCache>());

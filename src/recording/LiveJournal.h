@@ -22,7 +22,8 @@ class LiveJournal {
 
   /// Adds a line. A journal that has become long is replaced by one with this line alone, whose
   /// name is on the disk when syncName() returns.
-  /// \param isElsewhere  whether a pack on the disk has the line, too. Then it need not be synced
+  /// \param isElsewhere  whether a pack on the disk has the line, too. Then it is synced only where
+  ///        a lookout for the last line would else come upon nothing but lines that are not
   /// \throws std::system_error if that fails. The journal then ends with the line before, perhaps
   ///         with a part of the new one behind it
   void append(const JournalLine& line, bool syncs, bool isElsewhere);
@@ -38,8 +39,9 @@ class LiveJournal {
   // Stays locked, for those who opened it before it was replaced.
   std::unique_ptr<DiskFile> previous_;
   std::uint64_t end_ = 0;
-  bool hasRest_ = false;    // behind end_
-  bool isNameNew_ = false;  // and perhaps not on the disk
+  std::uint64_t unsynced_ = 0;  // bytes before end_, if lines are synced
+  bool hasRest_ = false;        // behind end_
+  bool isNameNew_ = false;      // and perhaps not on the disk
 };
 
 /// What the journal says, and whether that is the last that was written to it.

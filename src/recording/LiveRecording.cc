@@ -251,6 +251,7 @@ class LiveRecording::Impl {
   JournalLine countRows() {
     JournalLine line;
     line.sequence = live_.sequence;
+    line.number = ++lines_;
     line.rows.reserve(2 * signals_.size());
     for (std::size_t i = 0; i < signals_.size(); ++i) {
       LiveSignal& signal = *signals_[i];
@@ -265,8 +266,10 @@ class LiveRecording::Impl {
     return line;
   }
 
-  // Writes the rows. If they are synced, and all lines of the journal so far are of the signals as
-  // they are, a pack gets the new line, too: its sync then is the only one that a flush needs.
+  // Writes the rows. If they are synced, and the last line of the journal is of the signals as they
+  // are, a pack gets the new line, too: its sync then is the only one that a flush needs. A line of
+  // another list may be the newest one only if the journal has it: what the list says of the
+  // signals before it is what the journal acknowledged.
   // \return the line that a pack has
   std::optional<JournalLine> flushPool() {
     std::optional<JournalLine> line;
@@ -276,7 +279,7 @@ class LiveRecording::Impl {
     }
     store().setFlushNote([&]() -> std::string {
       line = countRows();
-      if (isChanged_) line.reset();
+      if (isChanged_ || live_.sequence != acknowledgedSequence_) line.reset();
       if (!line) return "";
       std::string text = writeJournalLine(*line);
       text.pop_back();  // the line feed
@@ -486,6 +489,7 @@ class LiveRecording::Impl {
   LiveDescription live_;
   std::vector<Contents> acknowledged_;  // by the last line of the journal
   std::uint64_t acknowledgedSequence_ = 0;
+  std::uint64_t lines_ = 0;      // that were made, whatever became of them
   std::unordered_set<int> ids_;  // of the signals in live_
   bool isChanged_ = false;
   bool isWithdrawn_ = false;  // recording.json must not be there

@@ -26,7 +26,7 @@ struct Flush {
 // \param line  of the journal
 Flush flushOf(const OpenFolder& folder, LiveDescription live, std::optional<JournalLine> line,
               bool isBeingWritten) {
-  if (!isBeingWritten && live.formatVersion >= kFirstVersionWithLinesInPacks) {
+  if (!isBeingWritten) {
     auto other = lineInPacks(folder, live);
     if (other && (!line || other->isNewerThan(*line))) line = std::move(other);
   }

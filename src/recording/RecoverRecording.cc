@@ -195,7 +195,7 @@ class Recovery {
     JournalEnd journal = readJournal(folder_, live);
     // The list names a file before a line counts rows of it. So no row was acknowledged yet.
     if (journal.isEmpty && !namesFile(live)) {
-      journal.line = JournalLine{live.sequence, {}};
+      journal.line = JournalLine{live.sequence, 0, {}};
       journal.fault.clear();
     }
     // Only the line from before the first flush is there. What was acknowledged later is unknown:

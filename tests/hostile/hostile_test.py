@@ -317,7 +317,7 @@ class Corpus:
                     )
             yield f"live {name} 600 times", "live", many
         lines = [
-            f"2 {parts} {rows} "
+            f"2 9 {parts} {rows} "
             for parts in (2, 12, 2**26)
             for rows in (5, 100, 2**40, 2**63, 2**64 - 1)
         ]
@@ -326,7 +326,8 @@ class Corpus:
                 folder / "recording.journal"
             ).write_text(w)
         for sequence in (1, 2**60):
-            claims = "".join(journal_line(f"{sequence} {2**26} {rows} ") for rows in range(30_000))
+            start = f"{sequence} 9 {2**26}"
+            claims = "".join(journal_line(f"{start} {rows} ") for rows in range(30_000))
             yield f"live 30000 lines of {sequence}", "live", lambda folder, c=claims: (
                 folder / "recording.journal"
             ).write_text(c)

@@ -147,10 +147,53 @@ TEST_F(LiveFailures, RowsThatWereForgottenStayThroughFailedFlushes) {
   }
 }
 
+// Three flushes in a row fail near their end, where the list, the packs and the journal are written
+// one after the other. What is recovered is what one of them would have acknowledged.
+TEST_F(LiveFailures, WhatSeveralFailedFlushesLeaveFitsTogether) {
+  options.storage.sync = parquet::SafeStorage::Sync::flush;
+  struct {
+    bool resets;
+    int first, end;
+  } const flushes[] = {{true, 100, 130}, {false, 130, 140}, {true, 200, 240}};
+  const std::vector<std::uint64_t> rows{50, 30, 40, 40};  // after none of them, and after each
+  std::vector<int> calls;
+  // Each of them fails with its last calls, or none of them does.
+  constexpr int kLast = 5;
+  for (int run = -1; run < kLast * kLast * kLast; ++run) {
+    SCOPED_TRACE(run);
+    streams.clear();
+    begin(1);
+    append(0, 0, 50);
+    live->flush();
+    std::size_t acknowledged = 0;
+    int choice = run;
+    for (std::size_t i = 0; i < std::size(flushes); ++i) {
+      if (flushes[i].resets) streams[0]->resetData();
+      append(0, flushes[i].first, flushes[i].end);
+      test::faultyDisk::Plan plan;
+      if (run >= 0) plan = {calls[i] - choice % kLast, 1000, EIO};
+      choice /= kLast;
+      test::faultyDisk::start(plan);
+      const bool succeeds = errorOf([&] { live->flush(); }).empty();
+      const int count = test::faultyDisk::stop();
+      if (succeeds) acknowledged = i + 1;
+      if (run < 0) calls.push_back(count);
+    }
+    crash();
+    recoverRecording(path());
+    const auto times = RecordingReader(path()).times(1, {0, 1000});
+    const std::size_t state =
+        times.at(0) == 0 ? 0 : (times[0] == 200 ? 3 : (times.size() == 30 ? 1 : 2));
+    ASSERT_GE(state, acknowledged);
+    ASSERT_EQ(times.size(), rows[state]);
+    fs::remove_all(rec);
+  }
+}
+
 TEST(LiveJournals, ANameThatIsNotOnTheDiskIsSyncedAgain) {
   const test::TempDir temp;
   LiveJournal journal(temp.path().toFilesystem());
-  JournalLine line{1, std::vector<std::uint64_t>(5000)};
+  JournalLine line{1, 1, std::vector<std::uint64_t>(5000)};
   std::iota(line.rows.begin(), line.rows.end(), 0);
   const auto append = [&] {
     journal.append(line, /*syncs=*/true, /*isElsewhere=*/false);
@@ -165,6 +208,41 @@ TEST(LiveJournals, ANameThatIsNotOnTheDiskIsSyncedAgain) {
   EXPECT_EQ(errorWithFailures(3, 1, append), "");
 }
 
+// What was not synced may come to the disk as zeros. A synced line is among the bytes that are read
+// then, however many lines are in packs, too.
+TEST(LiveJournals, ALineIsFoundBeforeAllThatWasNotSynced) {
+  for (const std::size_t signals : {1U, 3000U, 20'000U}) {
+    SCOPED_TRACE(signals);
+    const test::TempDir temp;
+    const fs::path path = temp.file("recording.journal");
+    LiveJournal journal(temp.path().toFilesystem());
+    LiveDescription live;
+    live.sequence = 1;
+    live.signals.resize(signals);
+    JournalLine line{1, 0, std::vector<std::uint64_t>(2 * signals)};
+    std::iota(line.rows.begin(), line.rows.end(), std::uint64_t{1} << 50U);
+    std::uint64_t synced = 0;
+    int syncs = 0;
+    for (; syncs < 5; ++line.number) {
+      test::faultyDisk::start({});
+      journal.append(line, /*syncs=*/true, /*isElsewhere=*/line.number > 0);
+      const std::uint64_t size = fs::file_size(path);
+      if (test::faultyDisk::stop() > 1) {
+        synced = size;
+        ++syncs;
+      }
+      if (line.number % std::max<std::uint64_t>(1, 20'000 / signals) != 0) continue;
+      const fs::path left = temp.file("left");
+      fs::copy_file(path, left, fs::copy_options::overwrite_existing);
+      fs::resize_file(left, synced);
+      fs::resize_file(left, size);
+      const DiskFile file(left, DiskFile::Mode::readOnly);
+      ASSERT_TRUE(lastJournalLine(file, live, NewerLines::skipped)) << line.number;
+    }
+    EXPECT_GT(line.number, 5U);
+  }
+}
+
 // A journal may be long, and full of lines that claim parts that no signal has.
 TEST(LiveJournals, OnlySoundLinesAtTheEndAreRead) {
   const test::TempDir temp;
@@ -173,10 +251,10 @@ TEST(LiveJournals, OnlySoundLinesAtTheEndAreRead) {
   live.sequence = 2;
   live.signals.resize(1);
   std::string claims;
-  const std::string other = writeJournalLine({2, std::vector<std::uint64_t>(3, 7)});
-  const std::string newer = writeJournalLine({3, std::vector<std::uint64_t>(300, 7)});
+  const std::string other = writeJournalLine({2, 1, std::vector<std::uint64_t>(3, 7)});
+  const std::string newer = writeJournalLine({3, 2, std::vector<std::uint64_t>(300, 7)});
   for (int i = 0; i < 100; ++i) claims += other + newer;
-  const std::string sound = writeJournalLine({2, {5, 6}});
+  const std::string sound = writeJournalLine({2, 3, {5, 6}});
   test::Folder(temp.path().toFilesystem()).touch("recording.journal", sound + claims);
   const DiskFile journal(path, DiskFile::Mode::readOnly);
   const auto found = lastJournalLine(journal, live, NewerLines::skipped);

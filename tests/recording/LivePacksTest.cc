@@ -387,7 +387,7 @@ TEST_F(LivePacksTest, RowsOfOtherColumnsAreRefused) {
         ::arrow::key_value_metadata({parquet::kPackRunsKey},
                                     {fmt::format("{}+{} 0;", bytes.size(), kForged)}));
     std::ofstream(rec / "recording.journal", std::ios::app)
-        << writeJournalLine({2, {0, bytes.size() + kForged}});
+        << writeJournalLine({2, 2, {0, bytes.size() + kForged}});
     EXPECT_THAT(errorOf([&] { RecordingReader(path()).read(1); }), HasSubstr("have the columns"));
     if (hasFile) {
       EXPECT_EQ(recoverRecording(path()).signals.at(0).rowsKept, bytes.size());

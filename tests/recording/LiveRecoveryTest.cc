@@ -115,6 +115,39 @@ TEST_F(LiveRecoveries, APackHasTheLinesThatTheJournalHasLost) {
   expectSignal(1, 12, 1);
 }
 
+// A signal that is reset may get rows that others have, too: fewer than it had of the same content.
+TEST_F(LiveRecoveries, LinesAreNewerThatCountFewerRows) {
+  options.storage.sync = parquet::SafeStorage::Sync::flush;
+  begin();
+  const auto c = live->addSignal({3, "c", "", "", {}}, Int32, Scalar);
+  const auto appendZeros = [](parquet::StreamableSignal& signal, int count) {
+    const Values zeros(static_cast<std::size_t>(count));
+    signal.appendData(zeros.data(), zeros.size() * sizeof(double), {}, {});
+  };
+  for (const int rows : {10, 990}) {
+    appendZeros(*a, rows);
+    appendZeros(*b, rows);
+    live->flush();
+  }
+  a->resetData();
+  appendZeros(*a, 3);
+  int rows = 0;
+  for (; rows < 5; ++rows) {
+    c->appendData(&rows, sizeof(rows), {}, {});
+    live->flush();
+  }
+  crash();
+  for (const bool isRecovered : {false, true}) {
+    if (isRecovered) {
+      EXPECT_FALSE(recover().hasLosses());
+    }
+    const RecordingReader reader(path());
+    EXPECT_EQ(reader.sampleCount(1), 3U);
+    EXPECT_EQ(reader.sampleCount(2), 1000U);
+    EXPECT_EQ(reader.sampleCount(3), 5U);
+  }
+}
+
 TEST_F(LiveRecoveries, LostRowsAreTold) {
   begin();
   append(*a, 0, 100, 1);

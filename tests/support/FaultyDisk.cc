@@ -21,9 +21,9 @@ struct State {
 } state;
 
 bool fails() {
-  if (!state.on || state.plan.failAt == 0) return false;
+  if (!state.on) return false;
   const int after = ++state.calls - state.plan.failAt;
-  if (after < 0 || after >= state.plan.failures) return false;
+  if (state.plan.failAt == 0 || after < 0 || after >= state.plan.failures) return false;
   errno = state.plan.error;
   return true;
 }
