@@ -23,11 +23,12 @@ struct JsonObject<recording::LiveDescription> {
   using Signals = JsonArray<recording::SignalInfo, recording::JsonLiveSignal>;
   static bool hasAttributes(const T& live) { return !live.attributes.empty(); }
   static bool hasBefore(const T& live) { return !live.before.empty(); }
+  static bool hasSync(const T& live) { return !live.sync.empty(); }
   static constexpr auto members = std::make_tuple(
       member<T, recording::JsonAttributes>("attributes", &T::attributes, hasAttributes),
       member<T, Signals>("before", &T::before, hasBefore), constant("format", "kyr live recording"),
       member<T>("formatVersion", &T::formatVersion), member<T>("sequence", &T::sequence),
-      member<T, Signals>("signals", &T::signals));
+      member<T, Signals>("signals", &T::signals), member<T>("sync", &T::sync, hasSync));
 };
 
 }  // namespace kyr

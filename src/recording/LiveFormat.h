@@ -17,6 +17,8 @@ namespace kyr::recording {
 constexpr int kLiveFormatVersion = 4;
 constexpr int kFirstVersionWithLinesInPacks = 4;
 
+constexpr const char* kSyncFlush = "flush";
+
 /// What recording.live.json says.
 struct LiveDescription {
   int formatVersion = kLiveFormatVersion;
@@ -27,6 +29,9 @@ struct LiveDescription {
   /// contents took the place of those that they had then.
   std::vector<SignalInfo> before;
   Attributes attributes;
+  /// kSyncFlush if all that a flush acknowledges is on the disk: a line that was not written as a
+  /// whole has acknowledged nothing then.
+  std::string sync;
 };
 
 std::string writeLiveJson(const LiveDescription& live);

@@ -128,11 +128,12 @@ void takeLineFromPacks(const Folder& folder, const LiveDescription& live) {
   const JournalEnd journal = readJournal(folder, live);
   if (!journal.line || !(journal.fault.empty() || journal.isTorn)) return;
   const auto line = lineInPacks(OpenFolder(folder), live);
-  if (!line || !line->isNewerThan(*journal.line)) return;
+  const bool isNewer = line && line->isNewerThan(*journal.line);
+  if (!isNewer && !(journal.isTorn && live.sync == kSyncFlush)) return;
   const auto file = folder.open(kJournalFile, DiskFile::Mode::readWrite);
   const std::uint64_t end = lastJournalLine(*file, live, NewerLines::skipped)->end;
   file->truncate(end);
-  file->writeAt(end, {writeJournalLine(*line)});
+  if (isNewer) file->writeAt(end, {writeJournalLine(*line)});
   file->syncAll();
 }
 

@@ -62,8 +62,8 @@ JournalEnd readJournal(const Folder& folder, const LiveDescription& live);
 /// \throws std::system_error if a pack cannot be read
 std::optional<JournalLine> lineInPacks(const OpenFolder& folder, const LiveDescription& live);
 
-/// Gives the journal of such a recording that line, unless it has a newer one or is damaged. Behind
-/// its last sound line there was nothing then that a flush acknowledged.
+/// Gives the journal of such a recording that line, unless it has a newer one or is damaged, and
+/// removes what was not written as a whole, if flushes were synced: none has acknowledged it.
 /// \throws std::system_error if that fails; it may be called again
 void takeLineFromPacks(const Folder& folder, const LiveDescription& live);
 

@@ -106,6 +106,7 @@ class LiveRecording::Impl {
         journal_(takeFolder(folder_)),
         open_(folder_) {
     live_.attributes = attributes;
+    if (syncs_) live_.sync = kSyncFlush;
     SafeStorage storage = options.storage;
     storage.keepsFiles = true;
     storage.holdBelow = 0;  // what is finished is in a file

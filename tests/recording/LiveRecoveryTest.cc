@@ -93,7 +93,8 @@ TEST_F(LiveRecoveries, APackHasTheLinesThatTheJournalHasLost) {
   crash();
   for (const std::string& left :
        {synced, synced + std::string(100, '\0'), journals[1],
-        journals[1] + journals[3].substr(journals[1].size() + 5), journals[3]}) {
+        journals[1] + journals[3].substr(journals[1].size() + 5), journals[3],
+        journals[3] + "2 99 6", journals[3] + std::string(100, '\0')}) {
     SCOPED_TRACE(left);
     fs::remove_all(rec);
     fs::copy(folder, rec, fs::copy_options::recursive);

@@ -207,6 +207,26 @@ TEST_F(Recoveries, NewPartsBehindADamagedJournalAreKeptWithoutHarmToOthers) {
   }
 }
 
+// Whoever syncs flushes never acknowledged a line that was not written as a whole.
+TEST_F(Recoveries, TornLinesOfSyncedFlushesCountNothing) {
+  options.storage.sync = parquet::SafeStorage::Sync::flush;
+  for (const std::string& torn : {std::string("2 9 4"), std::string(40, '\0')}) {
+    begin();
+    append(0, 48);
+    live->flush();
+    const std::string journal = folder().contents("recording.journal");
+    append(48, 96);
+    live->flush();
+    crash();
+    folder().touch("recording.journal", journal + torn);
+    const RecoveryResult result = recover();
+    for (const RecoveredSignal& signal : result.signals) EXPECT_EQ(signal.rowsKept, 48U);
+    EXPECT_FALSE(result.hasLosses()) << textOf(result);
+    expectSound();
+    fs::remove_all(rec);
+  }
+}
+
 // A process may be killed between the list of its signals and the line of the first flush, or the
 // lines of later flushes do not come to the disk. Other versions left an empty journal then.
 TEST_F(Recoveries, RowsWithoutALineThatCountsThemAreKept) {
