@@ -32,14 +32,8 @@ using parquet::ContentRun;
 
 class Expansion {
  public:
-  Expansion(const Folder& folder, const KeepDamaged& keep)
-      : storage_(folder.folder(kStorageFolder)),
-        keep_(keep),
-        cache_(std::make_shared<parquet::RowGroupCache>()),
-        packs_(std::make_shared<const OpenFolder>(folder),
-               {parquet::BatchChecks::yes, parquet::BatchChecks::no}, cache_) {
-    packs_.refresh();
-  }
+  Expansion(const Folder& folder, const LivePacks& packs, const KeepDamaged& keep)
+      : storage_(folder.folder(kStorageFolder)), packs_(packs), keep_(keep) {}
 
   void run() {
     for (const std::string& name : packs_.unreadable()) {
@@ -235,17 +229,16 @@ class Expansion {
   }
 
   Folder storage_;
+  const LivePacks& packs_;
   const KeepDamaged& keep_;
-  std::shared_ptr<parquet::RowGroupCache> cache_;
-  LivePacks packs_;
+  std::shared_ptr<parquet::RowGroupCache> cache_ = std::make_shared<parquet::RowGroupCache>();
 };
 
 }  // namespace
 
-void expandPacks(const Folder& folder, const KeepDamaged& keep) {
-  for (const std::string& name : folder.folder(kStorageFolder).names()) {
-    if (parquet::growingPackNumber(name)) return Expansion(folder, keep).run();
-  }
+void expandPacks(const Folder& folder, const LivePacks& packs, const KeepDamaged& keep) {
+  if (packs.packs().empty() && packs.unreadable().empty()) return;
+  Expansion(folder, packs, keep).run();
 }
 
 }  // namespace kyr::recording

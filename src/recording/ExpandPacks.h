@@ -4,6 +4,7 @@
 #include <string>
 
 #include "platform/Folder.h"
+#include "recording/LivePacks.h"
 
 namespace kyr::recording {
 
@@ -18,8 +19,9 @@ using KeepDamaged = std::function<void(const std::string& name, const std::strin
 ///
 /// If it is interrupted, it can be called again.
 /// \param folder  of the recording
+/// \param packs  those of the recording, opened with checks of their batches
 /// \param keep  called with packs that are damaged, and with damaged files before they are replaced
 /// \throws std::system_error, std::runtime_error  naming a file that cannot be read or written
-void expandPacks(const Folder& folder, const KeepDamaged& keep);
+void expandPacks(const Folder& folder, const LivePacks& packs, const KeepDamaged& keep);
 
 }  // namespace kyr::recording

@@ -183,7 +183,7 @@ std::optional<JournalLine> readJournalLine(std::string_view text, const LiveDesc
   std::string_view rest = text.substr(0, text.size() - kChecksumDigits);
   if (checksumOf(rest).substr(0, kChecksumDigits) != text.substr(rest.size())) return std::nullopt;
   const auto sequence = takeNumber(rest, ' ');
-  const bool isNumbered = live.formatVersion >= kFirstVersionWithLinesInPacks;
+  const bool isNumbered = live.formatVersion >= kFirstVersionWithNumberedLines;
   const auto number = isNumbered ? takeNumber(rest, ' ') : std::optional<std::uint64_t>(0);
   const auto parts = sequence && number ? takeNumber(rest, ' ') : std::nullopt;
   const auto common = parts ? takeNumber(rest, ' ') : std::nullopt;

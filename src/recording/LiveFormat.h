@@ -15,7 +15,7 @@ namespace kyr::recording {
 /// 1 has no growing packs. Before 3 the names of files in the storage folder have no extension.
 /// Before 4 lines of the journal have no number, and packs have no lines.
 constexpr int kLiveFormatVersion = 4;
-constexpr int kFirstVersionWithLinesInPacks = 4;
+constexpr int kFirstVersionWithNumberedLines = 4;
 
 constexpr const char* kSyncFlush = "flush";
 
@@ -29,9 +29,11 @@ struct LiveDescription {
   /// contents took the place of those that they had then.
   std::vector<SignalInfo> before;
   Attributes attributes;
-  /// kSyncFlush if all that a flush acknowledges is on the disk: a line that was not written as a
-  /// whole has acknowledged nothing then.
-  std::string sync;
+  std::string sync;  ///< kSyncFlush, or empty
+
+  /// Whether all that a flush acknowledges is on the disk. Packs have lines of the journal then,
+  /// and a line that was not written as a whole has acknowledged nothing.
+  bool isSynced() const { return sync == kSyncFlush; }
 };
 
 std::string writeLiveJson(const LiveDescription& live);

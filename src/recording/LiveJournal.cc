@@ -10,8 +10,6 @@
 #include <thread>
 #include <utility>
 
-#include "files/RowGroupCache.h"
-#include "recording/LivePacks.h"
 #include "recording/RecordingFolder.h"
 
 namespace kyr::recording {
@@ -99,8 +97,9 @@ JournalEnd readJournal(const Folder& folder, const LiveDescription& live) {
     end.fault = fmt::format("{} has no line that is whole", kJournalFile);
   } else {
     end.line = std::move(last->line);
-    std::string rest(static_cast<std::size_t>(journal.size() - last->end), '\0');
-    rest.resize(journal.readAt(last->end, rest.data(), rest.size()));
+    end.end = last->end;
+    std::string rest(static_cast<std::size_t>(journal.size() - end.end), '\0');
+    rest.resize(journal.readAt(end.end, rest.data(), rest.size()));
     if (rest.empty()) return end;
     end.fault = fmt::format("the end of {} is damaged", kJournalFile);
     // Bytes that did not come to the disk are zeros.
@@ -109,12 +108,7 @@ JournalEnd readJournal(const Folder& folder, const LiveDescription& live) {
   return end;
 }
 
-std::optional<JournalLine> lineInPacks(const OpenFolder& folder, const LiveDescription& live) {
-  if (live.formatVersion < kFirstVersionWithLinesInPacks) return std::nullopt;
-  const std::shared_ptr<const OpenFolder> unowned(std::shared_ptr<void>(), &folder);
-  LivePacks packs(unowned, {parquet::BatchChecks::yes, parquet::BatchChecks::no},
-                  std::make_shared<parquet::RowGroupCache>());
-  packs.refresh();
+std::optional<JournalLine> lineInPacks(const LivePacks& packs, const LiveDescription& live) {
   std::optional<JournalLine> newest;
   for (const auto& [name, pack] : packs.packs()) {
     auto line = readJournalLine(pack->lastFlush(), live);
@@ -124,17 +118,26 @@ std::optional<JournalLine> lineInPacks(const OpenFolder& folder, const LiveDescr
   return newest;
 }
 
-void takeLineFromPacks(const Folder& folder, const LiveDescription& live) {
-  const JournalEnd journal = readJournal(folder, live);
-  if (!journal.line || !(journal.fault.empty() || journal.isTorn)) return;
-  const auto line = lineInPacks(OpenFolder(folder), live);
+JournalEnd completeJournal(const Folder& folder, const LivePacks& packs,
+                           const LiveDescription& live) {
+  JournalEnd journal = readJournal(folder, live);
+  if (!live.isSynced() || !journal.line) return journal;
+  if (!journal.fault.empty() && !journal.isTorn) return journal;
+  auto line = lineInPacks(packs, live);
   const bool isNewer = line && line->isNewerThan(*journal.line);
-  if (!isNewer && !(journal.isTorn && live.sync == kSyncFlush)) return;
+  if (!isNewer && !journal.isTorn) return journal;
   const auto file = folder.open(kJournalFile, DiskFile::Mode::readWrite);
-  const std::uint64_t end = lastJournalLine(*file, live, NewerLines::skipped)->end;
-  file->truncate(end);
-  if (isNewer) file->writeAt(end, {writeJournalLine(*line)});
+  file->truncate(journal.end);
+  if (isNewer) {
+    const std::string text = writeJournalLine(*line);
+    file->writeAt(journal.end, {text});
+    journal.end += text.size();
+    journal.line = std::move(line);
+  }
   file->syncAll();
+  journal.fault.clear();
+  journal.isTorn = false;
+  return journal;
 }
 
 bool isBeingWritten(const OpenFolder& folder) {

@@ -9,6 +9,7 @@
 #include "platform/DiskFile.h"
 #include "platform/Folder.h"
 #include "recording/LiveFormat.h"
+#include "recording/LivePacks.h"
 #include "recording/OpenFolder.h"
 
 namespace kyr::recording {
@@ -47,7 +48,8 @@ class LiveJournal {
 /// What the journal says, and whether that is the last that was written to it.
 struct JournalEnd {
   std::optional<JournalLine> line;
-  std::string fault;  ///< empty if the journal is sound
+  std::uint64_t end = 0;  ///< where the line ends
+  std::string fault;      ///< empty if the journal is sound
   bool isEmpty = false;
   /// Whether the last line was not written as a whole, so that no flush has acknowledged it.
   bool isTorn = false;
@@ -57,15 +59,17 @@ struct JournalEnd {
 /// \throws std::system_error if the journal cannot be read
 JournalEnd readJournal(const Folder& folder, const LiveDescription& live);
 
-/// The newest line that the growing packs of a recording have which nobody writes any more. A flush
-/// whose line they have synced them, and perhaps not the journal.
-/// \throws std::system_error if a pack cannot be read
-std::optional<JournalLine> lineInPacks(const OpenFolder& folder, const LiveDescription& live);
+/// The newest line that the growing packs of a synced recording have which nobody writes any more.
+/// A flush whose line they have synced them, and perhaps not the journal.
+/// \param packs  opened with checks of their batches
+std::optional<JournalLine> lineInPacks(const LivePacks& packs, const LiveDescription& live);
 
 /// Gives the journal of such a recording that line, unless it has a newer one or is damaged, and
-/// removes what was not written as a whole, if flushes were synced: none has acknowledged it.
+/// removes what was not written as a whole. That of a recording which is not synced stays as it is.
+/// \return what the journal says then
 /// \throws std::system_error if that fails; it may be called again
-void takeLineFromPacks(const Folder& folder, const LiveDescription& live);
+JournalEnd completeJournal(const Folder& folder, const LivePacks& packs,
+                           const LiveDescription& live);
 
 /// Whether a process writes the recording in \p folder.
 bool isBeingWritten(const OpenFolder& folder);

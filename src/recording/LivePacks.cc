@@ -73,4 +73,11 @@ std::vector<ContentRun> LivePacks::runsOf(int storageId, std::uint64_t from) con
   return runs;
 }
 
+LivePacks checkedPacks(std::shared_ptr<const OpenFolder> folder) {
+  LivePacks packs(std::move(folder), {parquet::BatchChecks::yes, parquet::BatchChecks::no},
+                  std::make_shared<parquet::RowGroupCache>());
+  packs.refresh();
+  return packs;
+}
+
 }  // namespace kyr::recording

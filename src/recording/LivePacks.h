@@ -53,4 +53,8 @@ class LivePacks {
   std::vector<std::string> unreadable_;
 };
 
+/// The packs that there are, up to their first batch that is damaged.
+/// \throws std::system_error if one cannot be read
+LivePacks checkedPacks(std::shared_ptr<const OpenFolder> folder);
+
 }  // namespace kyr::recording

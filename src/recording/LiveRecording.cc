@@ -192,11 +192,9 @@ class LiveRecording::Impl {
     requirePool();
     for (const auto& group : groups_) group->store();
     writeDetached();
-    auto line = flushPool();
-    const bool isInPack = line.has_value();
-    if (!line) line = countRows();
+    CountedRows rows = flushPool();
     if (isChanged_) writeDescription();
-    writeLine(*std::move(line), isInPack);
+    writeLine(std::move(rows.line), rows.isInPack);
     store().noteFlush();
   }
 
@@ -248,6 +246,11 @@ class LiveRecording::Impl {
     KYRSignalCategory category;
   };
 
+  struct CountedRows {
+    JournalLine line;
+    bool isInPack;  // whether a pack on the disk has the line
+  };
+
   // Notes what the signals have now.
   JournalLine countRows() {
     JournalLine line;
@@ -271,21 +274,18 @@ class LiveRecording::Impl {
   // are, a pack gets the new line, too: its sync then is the only one that a flush needs. A line of
   // another list may be the newest one only if the journal has it: what the list says of the
   // signals before it is what the journal acknowledged.
-  // \return the line that a pack has
-  std::optional<JournalLine> flushPool() {
+  CountedRows flushPool() {
     std::optional<JournalLine> line;
-    if (!syncs_) {
-      pool().flush();
-      return line;
-    }
-    store().setFlushNote([&]() -> std::string {
+    bool isInPack = false;
+    const auto noteOfFlush = [&]() -> std::string {
       line = countRows();
-      if (isChanged_ || live_.sequence != acknowledgedSequence_) line.reset();
-      if (!line) return "";
+      isInPack = !isChanged_ && live_.sequence == acknowledgedSequence_;
+      if (!isInPack) return "";
       std::string text = writeJournalLine(*line);
       text.pop_back();  // the line feed
       return text;
-    });
+    };
+    if (syncs_) store().setFlushNote(noteOfFlush);
     try {
       pool().flush();
     } catch (...) {
@@ -293,7 +293,7 @@ class LiveRecording::Impl {
       throw;
     }
     store().setFlushNote({});
-    return line;
+    return {line ? *std::move(line) : countRows(), isInPack};
   }
 
   // What the list will say of a new signal.

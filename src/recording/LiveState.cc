@@ -26,8 +26,9 @@ struct Flush {
 // \param line  of the journal
 Flush flushOf(const OpenFolder& folder, LiveDescription live, std::optional<JournalLine> line,
               bool isBeingWritten) {
-  if (!isBeingWritten) {
-    auto other = lineInPacks(folder, live);
+  if (!isBeingWritten && live.isSynced()) {
+    const std::shared_ptr<const OpenFolder> unowned(std::shared_ptr<void>(), &folder);
+    auto other = lineInPacks(checkedPacks(unowned), live);
     if (other && (!line || other->isNewerThan(*line))) line = std::move(other);
   }
   if (!line) return {std::move(live), {}};

@@ -19,6 +19,7 @@
 #include "recording/FolderFiles.h"
 #include "recording/LiveFormat.h"
 #include "recording/LiveJournal.h"
+#include "recording/LivePacks.h"
 #include "recording/OpenFolder.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
@@ -54,9 +55,9 @@ class Recovery {
     if (isComplete()) return std::move(result_);
     if (folder_.entry(kStorageFolder) != Folder::Entry::folder) nothing();
     refusePacks();
-    takeLine();
-    expand();
-    readDescription();
+    const LivePacks packs = checkedPacks(std::make_shared<const OpenFolder>(folder_));
+    readDescription(packs);
+    expand(packs);
     storage_.emplace(folder_.folder(kStorageFolder), stated_);
     dropMisfits();
     if (!isDescribed_) addUndescribed();
@@ -128,24 +129,9 @@ class Recovery {
     return true;
   }
 
-  // Before the packs that have it become files.
-  void takeLine() const {
-    if (!folder_.has(kLiveFile)) return;
-    const std::string source = (folder_.path() / kLiveFile).string();
-    LiveDescription live;
-    try {
-      live = readLiveJson(OpenFolder(folder_).readText(kLiveFile), source);
-    } catch (const std::system_error&) {
-      throw;
-    } catch (const std::runtime_error&) {
-      return;  // which rows are whose is not known for certain then
-    }
-    takeLineFromPacks(folder_, live);
-  }
-
   // The rows that growing packs have become files, of which the rest is made.
-  void expand() {
-    expandPacks(folder_, [this](const std::string& name, const std::string& damage) {
+  void expand(const LivePacks& packs) {
+    expandPacks(folder_, packs, [this](const std::string& name, const std::string& damage) {
       keepAside(name);
       note("{}/{} is damaged, and is kept in {}: {}", kStorageFolder, name, kLostFolder, damage);
     });
@@ -165,11 +151,11 @@ class Recovery {
     }
   }
 
-  void readDescription() {
+  void readDescription(const LivePacks& packs) {
     if (folder_.has(kLiveFile)) {
       const std::string text = OpenFolder(folder_).readText(kLiveFile);
       try {
-        takeLive(readLiveJson(text, (folder_.path() / kLiveFile).string()));
+        takeLive(readLiveJson(text, (folder_.path() / kLiveFile).string()), packs);
       } catch (const std::system_error&) {
         throw;
       } catch (const std::runtime_error& error) {
@@ -191,8 +177,8 @@ class Recovery {
          kDescriptionFile, signals_.empty() ? "nothing" : "descriptions");
   }
 
-  void takeLive(LiveDescription live) {
-    JournalEnd journal = readJournal(folder_, live);
+  void takeLive(LiveDescription live, const LivePacks& packs) {
+    JournalEnd journal = completeJournal(folder_, packs, live);
     // The list names a file before a line counts rows of it. So no row was acknowledged yet.
     if (journal.isEmpty && !namesFile(live)) {
       journal.line = JournalLine{live.sequence, 0, {}};

@@ -106,7 +106,7 @@ TEST_F(LiveRecoveries, APackHasTheLinesThatTheJournalHasLost) {
     EXPECT_EQ(faults(rec), "");
     expectSignal(1, 12, 1);
   }
-  // Of a journal that is damaged elsewhere, nobody knows which lines it had.
+  // Nobody knows which lines a journal had that is damaged elsewhere.
   fs::remove_all(rec);
   fs::copy(folder, rec, fs::copy_options::recursive);
   std::string damaged = journals[3];
