@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "kyr/recording/RecordingInfo.h"
@@ -18,6 +19,32 @@ constexpr int kLiveFormatVersion = 4;
 constexpr int kFirstVersionWithNumberedLines = 4;
 
 constexpr const char* kSyncFlush = "flush";
+
+/// \brief Which contents a signal has, and of what kind they are.
+struct SignalContents {
+  explicit SignalContents(const SignalInfo& signal)
+      : times(signal.timeStorageId),
+        samples(signal.dataStorageId),
+        type(signal.dataType),
+        category(signal.category) {}
+
+  bool isEmpty() const { return !times && !samples; }
+  bool operator==(const SignalContents& other) const {
+    return std::tie(times, samples, type, category) ==
+           std::tie(other.times, other.samples, other.type, other.category);
+  }
+  /// The signal with these contents.
+  SignalInfo of(SignalInfo signal) const {
+    std::tie(signal.timeStorageId, signal.dataStorageId, signal.dataType, signal.category) =
+        std::tie(times, samples, type, category);
+    return signal;
+  }
+
+  std::optional<int> times;
+  std::optional<int> samples;
+  KYRSignalDataType type;
+  KYRSignalCategory category;
+};
 
 /// What recording.live.json says.
 struct LiveDescription {

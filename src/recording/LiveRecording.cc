@@ -8,7 +8,6 @@
 #include <set>
 #include <stdexcept>
 #include <system_error>
-#include <tuple>
 #include <unordered_set>
 #include <utility>
 #include <variant>
@@ -52,27 +51,6 @@ std::optional<int> storageIdOf(const LiveSignal& signal, Part part) {
 
 bool isNumber(KYRSignalDataType type) {
   return !dataTypeName(type).empty() && type != Null && type != ByteString && type != Binary;
-}
-
-// What recording.json and the list of signals can hold, told before there are samples.
-void requireWritable(const SignalInfo& signal) {
-  constexpr std::size_t kMostTextBytes = 65536;
-  if (dataTypeName(signal.dataType).empty() || categoryName(signal.category).empty()) {
-    throw std::invalid_argument(fmt::format("signal {}: data type {} or category {} is unknown",
-                                            signal.signalId, static_cast<int>(signal.dataType),
-                                            static_cast<int>(signal.category)));
-  }
-  requireText(signal);
-  for (const auto& [what, text] : {std::pair("name", &signal.name),
-                                   {"unit", &signal.unit},
-                                   {"description", &signal.description}}) {
-    if (text->size() > kMostTextBytes) {
-      throw std::invalid_argument(
-          fmt::format("signal {}: its {} has {} bytes, at most {} are possible", signal.signalId,
-                      what, text->size(), kMostTextBytes));
-    }
-  }
-  requireCountable(signal);
 }
 
 // Makes the journal, which takes the folder for this process: of two that try, only one can make
@@ -221,31 +199,6 @@ class LiveRecording::Impl {
   const FinishReport& report() const { return report_; }
 
  private:
-  // Which contents a signal has, and of what kind they are.
-  struct Contents {
-    explicit Contents(const SignalInfo& signal)
-        : times(signal.timeStorageId),
-          samples(signal.dataStorageId),
-          type(signal.dataType),
-          category(signal.category) {}
-
-    bool isEmpty() const { return !times && !samples; }
-    bool operator==(const Contents& other) const {
-      return std::tie(times, samples, type, category) ==
-             std::tie(other.times, other.samples, other.type, other.category);
-    }
-    SignalInfo of(SignalInfo signal) const {
-      std::tie(signal.timeStorageId, signal.dataStorageId, signal.dataType, signal.category) =
-          std::tie(times, samples, type, category);
-      return signal;
-    }
-
-    std::optional<int> times;
-    std::optional<int> samples;
-    KYRSignalDataType type;
-    KYRSignalCategory category;
-  };
-
   struct CountedRows {
     JournalLine line;
     bool isInPack;  // whether a pack on the disk has the line
@@ -435,8 +388,8 @@ class LiveRecording::Impl {
     isWithdrawn_ = false;
     live_.before.clear();
     for (std::size_t i = 0; i < acknowledged_.size(); ++i) {
-      const Contents& known = acknowledged_[i];
-      if (known.isEmpty() || known == Contents(live_.signals[i])) continue;
+      const SignalContents& known = acknowledged_[i];
+      if (known.isEmpty() || known == SignalContents(live_.signals[i])) continue;
       live_.before.push_back(known.of(live_.signals[i]));
     }
     ++live_.sequence;
@@ -466,7 +419,7 @@ class LiveRecording::Impl {
   }
 
   void noteAcknowledged() {
-    acknowledged_ = std::vector<Contents>(live_.signals.begin(), live_.signals.end());
+    acknowledged_ = std::vector<SignalContents>(live_.signals.begin(), live_.signals.end());
     acknowledgedSequence_ = live_.sequence;
   }
 
@@ -488,7 +441,7 @@ class LiveRecording::Impl {
       uncut_;
   RecordingInfo finished_;  // what recording.json says, once the recording is closed
   LiveDescription live_;
-  std::vector<Contents> acknowledged_;  // by the last line of the journal
+  std::vector<SignalContents> acknowledged_;  // by the last line of the journal
   std::uint64_t acknowledgedSequence_ = 0;
   std::uint64_t lines_ = 0;      // that were made, whatever became of them
   std::unordered_set<int> ids_;  // of the signals in live_

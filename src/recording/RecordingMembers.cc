@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "kyr/parquet/SignalTypes.h"
+#include "schema/TypeNames.h"
 
 namespace kyr::recording {
 
@@ -151,6 +152,26 @@ void requireCountable(const SignalInfo& signal) {
   };
   for (const std::size_t extent : dimensions) multiply(extent);
   if (!dimensions.empty()) multiply(signal.rowCount);
+}
+
+void requireWritable(const SignalInfo& signal) {
+  constexpr std::size_t kMostTextBytes = 65536;
+  if (dataTypeName(signal.dataType).empty() || categoryName(signal.category).empty()) {
+    throw std::invalid_argument(fmt::format("signal {}: data type {} or category {} is unknown",
+                                            signal.signalId, static_cast<int>(signal.dataType),
+                                            static_cast<int>(signal.category)));
+  }
+  requireText(signal);
+  for (const auto& [what, text] : {std::pair("name", &signal.name),
+                                   {"unit", &signal.unit},
+                                   {"description", &signal.description}}) {
+    if (text->size() > kMostTextBytes) {
+      throw std::invalid_argument(
+          fmt::format("signal {}: its {} has {} bytes, at most {} are possible", signal.signalId,
+                      what, text->size(), kMostTextBytes));
+    }
+  }
+  requireCountable(signal);
 }
 
 }  // namespace kyr::recording

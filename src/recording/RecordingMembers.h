@@ -172,4 +172,9 @@ void requireText(const SignalDescription& signal);
 /// \throws std::invalid_argument naming the signal if that is more than 64 bits can count
 void requireCountable(const SignalInfo& signal);
 
+/// Looks whether a recording that grows can describe a signal and count its samples, before it has
+/// any.
+/// \throws std::invalid_argument naming the signal and what cannot be
+void requireWritable(const SignalInfo& signal);
+
 }  // namespace kyr::recording

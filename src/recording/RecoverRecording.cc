@@ -20,6 +20,7 @@
 #include "recording/LiveFormat.h"
 #include "recording/LiveJournal.h"
 #include "recording/LivePacks.h"
+#include "recording/LostFiles.h"
 #include "recording/OpenFolder.h"
 #include "recording/RecordingFolder.h"
 #include "recording/RecordingFormat.h"
@@ -33,7 +34,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kLostFolder = "lost";
 constexpr const char* kDamagedSuffix = ".damaged";
 
 // A signal on its way into the recording.
@@ -132,7 +132,7 @@ class Recovery {
   // The rows that growing packs have become files, of which the rest is made.
   void expand(const LivePacks& packs) {
     expandPacks(folder_, packs, [this](const std::string& name, const std::string& damage) {
-      keepAside(name);
+      keepAside(folder_, name);
       note("{}/{} is damaged, and is kept in {}: {}", kStorageFolder, name, kLostFolder, damage);
     });
   }
@@ -361,53 +361,17 @@ class Recovery {
       const auto used = most.find(id);
       if (!file.damage.empty()) {
         if (isCertain && named_.count(id) == 0) continue;  // nobody was promised anything of it
-        keepAside(storage_->nameOf(id));
+        keepAside(folder_, storage_->nameOf(id));
         note("{} is damaged, and is kept in {}: {}", name, kLostFolder, file.damage);
       } else if (doubtful_.count(id) > 0 || (used == most.end() && !isCertain && file.rows > 0)) {
-        keepAside(storage_->nameOf(id));
+        keepAside(folder_, storage_->nameOf(id));
         note("{}, of which nothing says for certain what it holds, is kept in {}", name,
              kLostFolder);
       } else if (used != most.end() && used->second < file.rows && !isCertain) {
-        keepAside(storage_->nameOf(id));
+        keepAside(folder_, storage_->nameOf(id));
         note("{} has {} rows behind those that are kept. It is in {} as it was", name,
              file.rows - used->second, kLostFolder);
       }
-    }
-  }
-
-  // Nothing is written in place into a file that has two names.
-  void keepAside(const std::string& name) const {
-    const Folder storage = folder_.folder(kStorageFolder);
-    const Folder lost = folder_.makeFolder(kLostFolder);
-    const auto file = storage.open(name);
-    const std::string free = freeName(lost, name, file.get());
-    if (free.empty()) return;  // a recovery was killed behind this
-    if (!storage.link(name, lost, free)) copyInto(lost, free, *file);
-    file->syncData();
-    lost.sync();
-    folder_.sync();
-  }
-
-  // A name that is not taken; empty if \p file has one of those that would come before.
-  static std::string freeName(const Folder& folder, const std::string& name, const DiskFile* file) {
-    std::string free = name;
-    for (int attempt = 1; folder.has(free); ++attempt) {
-      const bool isFile = file != nullptr && folder.entry(free) == Folder::Entry::file;
-      if (isFile && folder.open(free)->state().isSameFile(file->state())) return "";
-      free = fmt::format("{}-{}", name, attempt);
-    }
-    return free;
-  }
-
-  static void copyInto(const Folder& folder, const std::string& name, const DiskFile& from) {
-    const auto to = folder.open(name, DiskFile::Mode::createNew);
-    try {
-      copyTo(*to, from);
-      to->syncAll();
-      to->close();
-    } catch (...) {
-      folder.tryRemove(name);
-      throw;
     }
   }
 
@@ -416,8 +380,7 @@ class Recovery {
     removeUnnamed(folder_, info);
     const Folder storage = folder_.folder(kStorageFolder);
     for (const std::string& name : unnamedIn(storage, info)) {
-      const Folder lost = folder_.makeFolder(kLostFolder);
-      storage.rename(name, lost, freeName(lost, name, nullptr));
+      moveAside(folder_, name);
       note("{}/{}, which is no file of the recording, is in {} now", kStorageFolder, name,
            kLostFolder);
     }
